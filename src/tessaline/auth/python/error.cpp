@@ -1,0 +1,52 @@
+#include "tessaline/auth/python/error.hpp"
+
+#include "tessaline/auth/python/park.hpp"
+
+namespace tessaline::auth::python {
+
+Error Error::fetch() noexcept {
+  PyObject* exception = PyErr_GetRaisedException();
+  if (exception == nullptr) {
+    PyErr_SetString(PyExc_SystemError, "a call failed without raising an exception");
+    exception = PyErr_GetRaisedException();
+  }
+  return Error(Ref::steal(exception));
+}
+
+bool Error::matches(PyObject* type) const noexcept {
+  return PyErr_GivenExceptionMatches(exception_.get(), type) != 0;
+}
+
+void Error::restore() && noexcept {
+  door([this] { PyErr_SetRaisedException(exception_.release()); });
+}
+
+Ref checked(PyObject* owned) {
+  if (owned == nullptr) throw Error::fetch();
+  return Ref::steal(owned);
+}
+
+int checked(int status) {
+  if (status < 0) throw Error::fetch();
+  return status;
+}
+
+void raise(PyObject* exception) {
+  door([exception] { PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(exception)), exception); });
+  throw Error::fetch();
+}
+
+void raise(PyObject* type, const char* message) {
+  door([type, message] { PyErr_SetString(type, message); });
+  throw Error::fetch();
+}
+
+Handling::Handling(const Error& error) noexcept : before_(Ref::steal(PyErr_GetHandledException())) {
+  door([&error] { PyErr_SetHandledException(error.exception()); });
+}
+
+Handling::~Handling() {
+  door([this] { PyErr_SetHandledException(before_.get()); });
+}
+
+}  // namespace tessaline::auth::python

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <Python.h>
+
+#include "tessaline/auth/python/ref.hpp"
+
+namespace tessaline::auth::python {
+
+/// A host exception on its way through C++ frames. While it travels, the thread's own error indicator is clear,
+/// so that destructors may call the host. The exception keeps its identity.
+class Error {
+ public:
+  /// Takes the exception that the last call into the host raised.
+  static Error fetch() noexcept;
+
+  explicit Error(Ref exception) noexcept : exception_(std::move(exception)) {}
+
+  PyObject* exception() const noexcept { return exception_.get(); }
+  bool matches(PyObject* type) const noexcept;
+
+  /// Makes it the thread's raised exception again, for the return to the host.
+  void restore() && noexcept;
+
+ private:
+  Ref exception_;
+};
+
+/// Passes a result of the host on, or throws what it raised.
+Ref checked(PyObject* owned);
+
+/// The same for calls that answer with a negative number on failure.
+int checked(int status);
+
+/// Raises `exception` as the host's `raise` statement does: the exception being handled becomes its context.
+[[noreturn]] void raise(PyObject* exception);
+
+/// Raises a new `type(message)`.
+[[noreturn]] void raise(PyObject* type, const char* message);
+
+/// For its lifetime an exception counts as being handled, as inside an `except` block: what is raised meanwhile,
+/// by us or by the host, gets it as context.
+class Handling {
+ public:
+  explicit Handling(const Error& error) noexcept;
+  ~Handling();
+
+  Handling(const Handling&) = delete;
+  Handling& operator=(const Handling&) = delete;
+
+ private:
+  Ref before_;
+};
+
+}  // namespace tessaline::auth::python

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <Python.h>
+
+namespace tessaline::auth::python {
+
+/// A name known to the host, interned on first use and kept until the process ends.
+class Name {
+ public:
+  explicit constexpr Name(const char* text) noexcept : text_(text) {}
+
+  Name(const Name&) = delete;
+  Name& operator=(const Name&) = delete;
+
+  /// A borrowed reference. Needs the interpreter's lock; throws Error when memory is short.
+  PyObject* object() const;
+
+  const char* text() const noexcept { return text_; }
+
+ private:
+  const char* text_;
+  mutable PyObject* object_ = nullptr;
+};
+
+}  // namespace tessaline::auth::python

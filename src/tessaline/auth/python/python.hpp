@@ -1,0 +1,15 @@
+#pragma once
+
+// Everything that code above this room needs of the host.
+
+#include "tessaline/auth/python/boundary.hpp"
+#include "tessaline/auth/python/call.hpp"
+#include "tessaline/auth/python/error.hpp"
+#include "tessaline/auth/python/gil.hpp"
+#include "tessaline/auth/python/globals.hpp"
+#include "tessaline/auth/python/insist.hpp"
+#include "tessaline/auth/python/name.hpp"
+#include "tessaline/auth/python/ref.hpp"
+#include "tessaline/auth/python/scoped_lock.hpp"
+#include "tessaline/auth/python/signature.hpp"
+#include "tessaline/auth/python/value.hpp"

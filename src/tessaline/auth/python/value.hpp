@@ -1,0 +1,46 @@
+#pragma once
+
+#include <Python.h>
+
+#include <array>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "tessaline/auth/python/name.hpp"
+#include "tessaline/auth/python/ref.hpp"
+
+// Values made for the host and read from it. None of these runs Python code, except unpacking.
+
+namespace tessaline::auth::python {
+
+Ref text(std::string_view utf8);
+Ref number(double value);
+Ref integer(long value);
+Ref bytes(std::string_view data);
+
+/// The value of an int; 0 where it is out of range.
+long long_value(PyObject* integer_object);
+
+/// The value of a real number.
+double double_value(PyObject* real);
+
+/// A new dict with these entries, in this order.
+Ref dictionary(std::initializer_list<std::pair<const Name&, PyObject*>> entries);
+
+/// `a, b, c` as the host's unpacking takes it from any iterable, with the host's error for another count.
+std::array<Ref, 3> unpack3(PyObject* iterable);
+
+/// A tuple of three, taking over the references.
+Ref triple(Ref a, Ref b, Ref c);
+
+/// The UTF-8 form of a str, valid as long as it lives. Throws Error for lone surrogates and other types.
+std::string_view utf8_of(PyObject* text_object);
+
+void set_entry(PyObject* dict, const Name& name, PyObject* value);
+
+/// The value of an entry of a dict, or an empty reference.
+Ref entry(PyObject* dict, const Name& name);
+
+}  // namespace tessaline::auth::python
