@@ -1,0 +1,64 @@
+#include "tessaline/auth/trust.hpp"
+
+#include <cstdlib>
+#include <string>
+
+#include "tessaline/auth/python/python.hpp"
+
+namespace tessaline::auth {
+namespace {
+
+using python::Ref;
+
+constinit const python::Name kSsl{"ssl"};
+constinit const python::Name kVerifyPaths{"get_default_verify_paths"};
+constinit const python::Name kCaFile{"cafile"};
+constinit const python::Name kCaPath{"capath"};
+
+std::string variable(const char* name) {
+  const char* value = std::getenv(name);
+  return value == nullptr ? std::string() : std::string(value);
+}
+
+std::string path_of(PyObject* paths, const python::Name& member) {
+  Ref value = python::attribute(paths, member);
+  if (value.is_none()) return {};
+  Ref encoded = python::checked(PyUnicode_EncodeFSDefault(value.get()));
+  return {PyBytes_AS_STRING(encoded.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(encoded.get()))};
+}
+
+http::TrustStore ask_host() {
+  Ref ssl;
+  try {
+    ssl = python::import(kSsl);
+  } catch (python::Error& error) {
+    if (!error.matches(PyExc_ImportError)) throw;
+    return {};
+  }
+  Ref paths = python::call_method(ssl.get(), kVerifyPaths);
+  return {path_of(paths.get(), kCaFile), path_of(paths.get(), kCaPath)};
+}
+
+struct Remembered {
+  std::string file_variable;
+  std::string directory_variable;
+  http::TrustStore store;
+};
+
+}  // namespace
+
+http::TrustStore default_trust_store() {
+  // Asking costs an import and two looks at the file system; under the interpreter's lock, so no lock of its own.
+  static Remembered* remembered = nullptr;
+  const std::string file = variable("SSL_CERT_FILE");
+  const std::string directory = variable("SSL_CERT_DIR");
+  const bool known = remembered != nullptr && remembered->file_variable == file &&
+                     remembered->directory_variable == directory && !remembered->store.ca_file.empty();
+  if (known) return remembered->store;
+  http::TrustStore store = ask_host();
+  if (remembered == nullptr) remembered = new Remembered;
+  *remembered = {file, directory, store};
+  return store;
+}
+
+}  // namespace tessaline::auth
