@@ -1,0 +1,92 @@
+#pragma once
+
+// What `help()` shows of AuthManager. The first line up to "--" is the signature that `inspect` reads.
+
+namespace tessaline::auth::binding::docs {
+
+inline constexpr char kType[] =
+    "AuthManager(private_key, server_url, *, invite_code=None, register_wallet=True, clock=None, _transport=None)\n"
+    "--\n\n"
+    "Client-side authentication manager with state machine and proactive refresh.\n\n"
+    "Logs one wallet in at one server, keeps its bearer token fresh on a background thread and hands it out to any\n"
+    "number of threads. Constructing makes no request and starts no thread; call authenticate() once, then\n"
+    "get_token() before each request, and close() at the end (or use the manager as a context manager).\n\n"
+    "Args:\n"
+    "    private_key: secp256k1 key, 64 hexadecimal digits, \"0x\" allowed. Kept in memory of its own, wiped on close.\n"
+    "    server_url: Base URL; https, or http to this machine.\n"
+    "    invite_code: Sent with the registration; blanks around it and case do not matter.\n"
+    "    register_wallet: Whether each login begins with a registration.\n"
+    "    clock: Callable without arguments returning seconds; time.time() when None.\n"
+    "    _transport: Callable (method, url, headers=None, body=None) returning (status, headers, body bytes).\n\n"
+    "Raises:\n"
+    "    InvalidKeyError: The key is not a valid private key.\n"
+    "    ValueError: The URL is not fit to carry a bearer token.\n\n"
+    "All methods may be called from any thread.";
+
+inline constexpr char kAuthenticate[] =
+    "authenticate($self)\n--\n\n"
+    "Full register -> challenge -> sign -> verify flow.\n\n"
+    "Of threads that call at once one runs the flow and the others wait for its outcome. An authenticated manager\n"
+    "authenticates again; when that fails it stays usable with the token that it has. Starts the background\n"
+    "renewal. Blocks for as long as the requests and their retries take.\n\n"
+    "Raises:\n"
+    "    AuthError: Refused by the server, or \"manager_closed\".\n"
+    "    RegistrationError: The registration was refused for its invite code.\n"
+    "    NetworkError: The server stayed unreachable through all attempts.";
+
+inline constexpr char kHttpRequest[] =
+    "_http_request($self, method, path, body_dict=None, headers=None)\n--\n\n"
+    "Make HTTP request to server. Returns (status, resp_headers, resp_body_dict).\n\n"
+    "Raises ConnectionError/TimeoutError on network failures.";
+
+inline constexpr char kRequestWithRetry[] =
+    "_request_with_retry($self, method, path, body_dict=None, headers=None,\n"
+    "                    max_attempts=None, is_verify=False)\n--\n\n"
+    "HTTP request with exponential backoff retry for temporary errors.\n\n"
+    "Returns (status, resp_headers, resp_body). Raises AuthError on permanent errors and NetworkError on exhausted\n"
+    "retries.";
+
+inline constexpr char kGetTime[] =
+    "_get_time($self)\n--\n\n"
+    "Get current time using injected clock.";
+
+inline constexpr char kWaitWithClock[] =
+    "_wait_with_clock($self, seconds)\n--\n\n"
+    "Wait using the injected clock. Returns early if close is signaled or clock is stuck.";
+
+inline constexpr char kDoAuthFlow[] =
+    "_do_auth_flow($self)\n--\n\n"
+    "Execute register -> challenge -> sign -> verify.";
+
+inline constexpr char kDoAuthFlowMatchingPendingEra[] =
+    "_do_auth_flow_matching_pending_era($self)\n--\n\n"
+    "Run auth flow, retrying once if an in-flight era change needs a newer token.";
+
+inline constexpr char kStoreAuthResult[] =
+    "_store_auth_result($self, token, wallet_secret_bytes)\n--\n\n"
+    "Store auth result and signal waiting threads. Must be called under self._lock.";
+
+inline constexpr char kComputeRefreshAt[] =
+    "_compute_refresh_at($self, auth_time)\n--\n\n"
+    "Return jittered proactive refresh timestamp.";
+
+inline constexpr char kRaiseIfPendingEraLocked[] =
+    "_raise_if_pending_era_locked($self)\n--\n\n"
+    "Raise instead of serving a token while an era-change target is unresolved.";
+
+inline constexpr char kStartRefresh[] =
+    "_start_refresh($self)\n--\n\n"
+    "Start the proactive refresh background thread.";
+
+inline constexpr char kRefreshLoop[] =
+    "_refresh_loop($self)\n--\n\n"
+    "Background thread waiting for token refresh threshold.";
+
+inline constexpr char kDoRefresh[] =
+    "_do_refresh($self)\n--\n\n"
+    "Perform a proactive token refresh.";
+
+inline constexpr char kPrivateKey[] =
+    "The signing key as 64 hexadecimal digits, or None once wiped. Reading makes a text that the host owns.";
+
+}  // namespace tessaline::auth::binding::docs

@@ -1,0 +1,96 @@
+#include <Python.h>
+
+#include <atomic>
+
+#include "tessaline/auth/binding/manager_type.hpp"
+#include "tessaline/auth/binding/module_constants.hpp"
+#include "tessaline/auth/binding/module_functions.hpp"
+#include "tessaline/auth/errors.hpp"
+#include "tessaline/auth/manager.hpp"
+#include "tessaline/auth/names.hpp"
+#include "tessaline/auth/python/python.hpp"
+
+namespace tessaline::auth::binding {
+namespace {
+
+using python::Ref;
+
+constinit const python::Name kRe{"re"};
+constinit const python::Name kTime{"time"};
+constinit const python::Name kLoggingStyle{"tessaline.logging_style"};
+
+std::atomic<PyInterpreterState*> home{nullptr};
+bool executed = false;
+
+/// The component is process-wide, its threads and types included; a second interpreter of either kind would
+/// share them.
+void refuse_other_interpreters() {
+  PyInterpreterState* expected = nullptr;
+  PyInterpreterState* const here = PyInterpreterState_Get();
+  if (!home.compare_exchange_strong(expected, here) && expected != here) {
+    python::raise(PyExc_ImportError,
+                  "Interpreter change detected - this module can only be loaded into one interpreter per process.");
+  }
+  if (executed) {
+    python::raise(PyExc_RuntimeError,
+                  "Module 'auth' has already been imported. Re-initialisation is not supported.");
+  }
+}
+
+void import_as(const python::Name& module, const python::Name& name) {
+  python::set_global(name, python::import(module).get());
+}
+
+void import_host_modules() {
+  import_as(names::base64, names::base64);
+  import_as(names::json, names::json);
+  import_as(names::random, names::random);
+  import_as(kRe, kRe);
+  import_as(names::threading, names::threading);
+  import_as(kTime, names::time);
+  const Ref hook = python::attribute(python::import(kLoggingStyle).get(), names::log_library_surface_event);
+  python::set_global(names::log_library_surface_event, hook.get());
+}
+
+int execute(PyObject* module) {
+  return python::status_boundary([module] {
+    refuse_other_interpreters();
+    python::keep_module(module);
+    import_host_modules();
+    add_constants();
+    make_manager_texts();
+    make_error_types(module);
+    add_functions(module);
+    add_active_manager_slot();
+    add_active_manager_functions(module);
+    add_manager_type(module);
+    executed = true;
+  });
+}
+
+PyModuleDef_Slot slots[] = {
+    {Py_mod_exec, reinterpret_cast<void*>(execute)},
+    // The check of our own refuses every second interpreter, isolated ones included, with one text.
+    {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
+    {0, nullptr},
+};
+
+PyModuleDef definition = {
+    PyModuleDef_HEAD_INIT,
+    "tessaline.auth",
+    "Auth subcomponent -- AuthManager with EIP-191 signing, JWT management, proactive refresh.",
+    0,
+    nullptr,
+    slots,
+    nullptr,
+    nullptr,
+    nullptr,
+};
+
+}  // namespace
+
+PyObject* module_definition() { return PyModuleDef_Init(&definition); }
+
+}  // namespace tessaline::auth::binding
+
+PyMODINIT_FUNC PyInit_auth() { return tessaline::auth::binding::module_definition(); }

@@ -1,0 +1,162 @@
+#pragma once
+
+#include <Python.h>
+
+#include <array>
+#include <cstddef>
+
+#include "tessaline/auth/constants.hpp"
+#include "tessaline/auth/python/error.hpp"
+#include "tessaline/auth/python/name.hpp"
+#include "tessaline/auth/python/ref.hpp"
+#include "tessaline/auth/wallet/wallet_key.hpp"
+
+namespace tessaline::auth {
+
+using python::Ref;
+
+/// The manager's fields, in the order in which the constructor sets them. Each is a host object that the host
+/// may read and write under its name.
+enum class Field : std::size_t {
+  kWalletAddress,
+  kServerUrl,
+  kInviteCode,
+  kRegisterWallet,
+  kClock,
+  kUsesInjectedClock,
+  kTransport,
+  kState,
+  kLock,
+  kToken,
+  kTokenIat,
+  kTokenExpiry,
+  kWalletSecret,
+  kAuthTime,
+  kAuthEvent,
+  kAuthError,
+  kRefreshThread,
+  kRefreshStop,
+  kRefreshEvent,
+  kRefreshAt,
+  kCloseEvent,
+  kPermanentRefreshError,
+  kRefreshPending,
+  kRefreshDone,
+  kInTransientBackoff,
+  kReauthMode,
+  kPendingEraNumber,
+  kRegistrationAcknowledged,
+};
+
+inline constexpr std::size_t kFieldCount = static_cast<std::size_t>(Field::kRegistrationAcknowledged) + 1;
+
+inline constexpr std::array<const char*, kFieldCount> kFieldNames{
+    "_wallet_address",   "_server_url",      "_invite_code",
+    "_register_wallet",  "_clock",           "_uses_injected_clock",
+    "_transport",        "_state",           "_lock",
+    "_token",            "_token_iat",       "_token_expiry",
+    "_wallet_secret",    "_auth_time",       "_auth_event",
+    "_auth_error",       "_refresh_thread",  "_refresh_stop",
+    "_refresh_event",    "_refresh_at",      "_close_event",
+    "_permanent_refresh_error",              "_refresh_pending",
+    "_refresh_done",     "_in_transient_backoff",
+    "_reauth_mode",      "_pending_era_number",
+    "_registration_acknowledged"};
+
+/// One wallet identity at one server: the object that the host sees as `AuthManager`.
+///
+///            authenticate()                        stored
+///   UNINITIALIZED ───────────► AUTHENTICATING ───────────────► AUTHENTICATED ◄──┐
+///        ▲  ▲                    │         ▲   authenticate()   │   │           │ stored; failed with an
+///        │  └────────────────────┘         └────────────────────┘   │           │ era pending
+///        │   failed, no token held                    refresh due,  ▼           │
+///        │                                            era announced RE_AUTHENTICATING
+///        └──────────────────────────────────────────────────────────┘
+///                         refresh failed, no era pending
+///
+/// close() leads from every state to CLOSED, and nothing leads out of it.
+///
+/// `_lock` guards the fields. It is held for short reads and stores only, never across a request, a sleep, the
+/// wait for an event or a join; what is handed out after a wait is read again under it. Methods run with the
+/// interpreter's lock and may be called from any thread.
+struct AuthManager {
+  PyObject_HEAD
+  std::array<PyObject*, kFieldCount> fields;
+  wallet::WalletKey* key;            ///< null once wiped
+  PyObject* newest_refresh_thread;   ///< the refresh thread started last; an older one's loop ends
+
+  // Construction.
+  void construct(PyObject* private_key, PyObject* server_url, PyObject* invite_code, PyObject* register_wallet,
+                 PyObject* clock, PyObject* transport);
+
+  // Login.
+  Ref do_auth_flow();
+  Ref do_auth_flow_matching_pending_era();
+  Ref store_auth_result(PyObject* token, PyObject* wallet_secret);
+  Ref compute_refresh_at(PyObject* auth_time);
+  Ref raise_if_pending_era_locked();
+  Ref authenticate();
+
+  // Background renewal.
+  Ref start_refresh();
+  Ref refresh_loop();
+  Ref do_refresh();
+
+  /// Starts a refresh thread where the manager is authenticated and none lives.
+  void revive_refresh();
+
+  /// Hands over to the next refresh thread on a background thread, which has nobody to raise to.
+  void start_next_refresh();
+  void settle_failed_refresh(const python::Error& error);
+
+  /// Leaves nobody waiting for a background thread that could not be started.
+  void record_unstarted_thread(const python::Error& error);
+  Ref new_daemon_thread(const python::Name& method);
+
+  // The private key as the host sees it: 64 hexadecimal digits, or None.
+  Ref private_key() const;
+  void set_private_key(PyObject* value);
+  void wipe_key() noexcept;
+
+  // Fields.
+  PyObject* object() noexcept { return reinterpret_cast<PyObject*>(this); }
+
+  /// The field's value; AttributeError where it was deleted or never set.
+  Ref get(Field field) const;
+  void set(Field field, Ref value) noexcept;
+  void set(Field field, bool value) noexcept { set(field, Ref::boolean(value)); }
+  bool is_none(Field field) const;
+  bool is_true(Field field) const;
+
+  State state() const;
+  void set_state(State state) noexcept;
+  bool closed() const { return state() == State::kClosed; }
+  void raise_if_closed() const;
+
+  // Events and time.
+  void set_event(Field event);
+  void clear_event(Field event);
+  bool event_is_set(Field event) const;
+
+  /// Calls one of the manager's own methods through the instance.
+  Ref call_own(const python::Name& method, std::initializer_list<PyObject*> arguments = {});
+
+  /// A new host event: `threading.Event()`.
+  static Ref new_event();
+};
+
+/// Creates the interned texts of states and modes. Called once, when the module is executed.
+void make_manager_texts();
+
+PyObject* state_text(State state) noexcept;
+PyObject* proactive_mode() noexcept;
+PyObject* era_change_mode() noexcept;
+
+/// What a failed flow leaves for those who waited: the failure itself when it is an AuthError, else an AuthError
+/// whose reason is its text.
+Ref recorded_error(const python::Error& error);
+
+/// Whether the failure is an AuthError after which renewal is hopeless.
+bool is_permanent(const python::Error& error);
+
+}  // namespace tessaline::auth

@@ -1,0 +1,148 @@
+#include <string>
+#include <utility>
+
+#include "tessaline/auth/errors.hpp"
+#include "tessaline/auth/manager.hpp"
+#include "tessaline/auth/names.hpp"
+#include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/token_payload.hpp"
+
+namespace tessaline::auth {
+namespace {
+
+/// The unknown, expired and used challenges of a verification's answer.
+bool is_stale_challenge(PyObject* status) {
+  const long code = python::long_value(status);
+  return code == 404 || code == 410 || code == 409;
+}
+
+/// The signature of `message` by a copy of the key, since `close` may wipe the original meanwhile.
+Ref sign(const wallet::WalletKey& key, PyObject* message) {
+  if (!PyUnicode_Check(message)) {
+    PyErr_Format(PyExc_TypeError, "challenge message must be str, not %.200s", Py_TYPE(message)->tp_name);
+    throw python::Error::fetch();
+  }
+  const std::string_view text = python::utf8_of(message);
+  wallet::WalletKey copy = key.copy();
+  return python::text(python::without_gil([&](PyThreadState*&) {
+    const wallet::WalletKey used = std::move(copy);
+    return used.sign_personal_message(text);
+  }));
+}
+
+bool is_at_least(PyObject* era, PyObject* pending_era) {
+  return era != Py_None && !python::less(era, pending_era);
+}
+
+}  // namespace
+
+Ref AuthManager::do_auth_flow() {
+  const Ref address = get(Field::kWalletAddress);
+  const Ref method = python::text("POST");
+  const Ref most_attempts = python::global(names::auth_flow_http_max_attempts);
+  const auto post = [&](const char* endpoint, const Ref& body) {
+    return python::call_method(object(), names::request_with_retry, {method.get(), python::text(endpoint).get()},
+                               {{names::body_dict, body.get()}, {names::max_attempts, most_attempts.get()}});
+  };
+  const auto raise_if_closing = [&] {
+    if (event_is_set(Field::kCloseEvent)) raise_auth_error(reason::kManagerClosed);
+  };
+
+  if (is_true(Field::kRegisterWallet)) {
+    Ref body = python::dictionary({{names::wallet_address, address.get()}});
+    const Ref invite = get(Field::kInviteCode);
+    if (!invite.is_none()) python::set_entry(body.get(), names::invite_code, invite.get());
+    post(path::kRegister, body);
+    set(Field::kRegistrationAcknowledged, true);
+  }
+
+  const Ref most_cycles = python::global(names::auth_flow_challenge_max_cycles);
+  for (long cycle = python::long_value(most_cycles.get()); cycle > 0; --cycle) {
+    raise_if_closing();
+    const Ref challenge = post(path::kChallenge, python::dictionary({{names::wallet_address, address.get()}}));
+    const Ref offer = std::move(python::unpack3(challenge.get())[2]);
+    raise_if_closing();
+    const Ref challenge_id = python::item(offer.get(), names::challenge_id.object());
+    const Ref message = python::item(offer.get(), names::message.object());
+    if (key == nullptr) raise_auth_error(reason::kManagerClosed);
+    const Ref signature = sign(*key, message.get());
+    const Ref body = python::dictionary(
+        {{names::challenge_id, challenge_id.get()}, {names::signature, signature.get()}});
+    const Ref verification = python::call_method(
+        object(), names::request_with_retry, {method.get(), python::text(path::kVerify).get()},
+        {{names::body_dict, body.get()}, {names::is_verify, Py_True}, {names::max_attempts, most_attempts.get()}});
+    const auto [status, headers, grant] = python::unpack3(verification.get());
+    if (is_stale_challenge(status.get())) continue;
+    Ref token = python::item(grant.get(), names::token.object());
+    Ref expires_at = python::item(grant.get(), names::expires_at.object());
+    const Ref encoded_secret = python::item(grant.get(), names::wallet_secret.object());
+    Ref secret = python::call_method(python::global(names::base64).get(), names::b64decode, {encoded_secret.get()});
+    return python::triple(std::move(token), std::move(expires_at), std::move(secret));
+  }
+  raise_network_error("stale authentication challenge after ", most_cycles.get());
+}
+
+Ref AuthManager::do_auth_flow_matching_pending_era() {
+  static constexpr int kMostFlows = 2;
+  for (int flow = 0; flow < kMostFlows; ++flow) {
+    auto [token, expires_at, secret] = python::unpack3(call_own(names::do_auth_flow).get());
+    Ref pending_era;
+    {
+      const python::ScopedLock lock(get(Field::kLock));
+      pending_era = get(Field::kPendingEraNumber);
+    }
+    if (pending_era.is_none() || is_at_least(jwt_era_number(token.get()).get(), pending_era.get())) {
+      return python::triple(std::move(token), std::move(expires_at), std::move(secret));
+    }
+  }
+  raise_auth_error(reason::kEraMismatch);
+}
+
+Ref AuthManager::store_auth_result(PyObject* token, PyObject* wallet_secret) {
+  assert_token_subject_matches_wallet(token, get(Field::kWalletAddress).get());
+  const Ref known_secret = get(Field::kWalletSecret);
+  if (!known_secret.is_none() && !python::equal(known_secret.get(), wallet_secret)) {
+    raise_auth_error(reason::kWalletSecretChanged);
+  }
+  const Ref pending_era = get(Field::kPendingEraNumber);
+  if (!pending_era.is_none() && !is_at_least(jwt_era_number(token).get(), pending_era.get())) {
+    raise_auth_error(reason::kEraMismatch);
+  }
+  const Ref now = call_own(names::get_time);
+  Ref expiry = python::add(now.get(), python::global(names::token_lifetime).get());
+  Ref refresh_at = call_own(names::compute_refresh_at, {now.get()});
+
+  set(Field::kToken, Ref::borrow(token));
+  set(Field::kWalletSecret, Ref::borrow(wallet_secret));
+  set(Field::kAuthTime, Ref::borrow(now.get()));
+  set(Field::kTokenIat, Ref::borrow(now.get()));
+  set(Field::kTokenExpiry, std::move(expiry));
+  set(Field::kRefreshAt, std::move(refresh_at));
+  set_state(State::kAuthenticated);
+  set(Field::kPermanentRefreshError, false);
+  set(Field::kAuthError, Ref::none());
+  set(Field::kReauthMode, Ref::none());
+  set(Field::kPendingEraNumber, Ref::none());
+  clear_event(Field::kRefreshEvent);
+  if (!is_none(Field::kAuthEvent)) set_event(Field::kAuthEvent);
+  set_event(Field::kRefreshDone);
+  return Ref::none();
+}
+
+Ref AuthManager::compute_refresh_at(PyObject* auth_time) {
+  const Ref jitter = python::call_method(python::global(names::random).get(), names::uniform,
+                                         {python::number(-kRefreshJitter).get(), python::number(kRefreshJitter).get()});
+  const Ref delay = python::multiply(python::global(names::token_lifetime).get(),
+                                     python::global(names::refresh_ratio).get());
+  const Ref factor = python::add(python::integer(1).get(), jitter.get());
+  return python::add(auth_time, python::multiply(delay.get(), factor.get()).get());
+}
+
+Ref AuthManager::raise_if_pending_era_locked() {
+  if (is_none(Field::kPendingEraNumber)) return Ref::none();
+  const Ref failure = get(Field::kAuthError);
+  if (!failure.is_none()) python::raise(failure.get());
+  raise_auth_error(reason::kEraChangePending);
+}
+
+}  // namespace tessaline::auth
