@@ -1,0 +1,30 @@
+"""``python -m devserver``."""
+
+import socket
+import sys
+
+from .options import Options, parse
+
+
+def main() -> int:
+    """Serve until told to end; returns the process's exit code."""
+    options = parse()
+    try:
+        with _listen(options) as listener:
+            # Not before: the imports take most of a second, and what is wrong so far is told at once.
+            from .server import run
+
+            run(options, listener)
+    except OSError as error:
+        print(f"devserver: cannot serve on {options.host} port {options.port}: {error}", file=sys.stderr)
+        return 1
+    return 0
+
+
+def _listen(options: Options) -> socket.socket:
+    family = socket.AF_INET6 if ":" in options.host else socket.AF_INET
+    return socket.create_server((options.host, options.port), family=family, backlog=512)
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,82 @@
+"""Faults that are a manner of answering: how the bytes of an answer reach the socket, or do not."""
+
+from collections.abc import Awaitable, Callable
+
+from starlette.types import Send
+
+from .answer import Answer
+from .faults import Fault
+from .protocol import Connection
+from .spoil import scripted_bytes
+
+type Pause = Callable[[float], Awaitable[bool]]
+
+_GARBAGE = b"this is \x00 not HTTP \xff at all\r\n\r\n"
+_BREAKING = frozenset({"close", "reset", "garbage", "cut_body", "cut_chunked"})
+
+
+def breaks_connection(fault: Fault) -> bool:
+    """Whether the client gets no whole answer."""
+    return fault.kind in _BREAKING
+
+
+async def send_answer(answer: Answer, send: Send) -> None:
+    """Send the whole answer."""
+    body = answer.body if answer.has_body else b""
+    await _send_head(answer, send, chunked=False)
+    await send({"type": "http.response.body", "body": body, "more_body": False})
+
+
+async def send_in_halves(
+    answer: Answer, send: Send, *, chunked: bool = False, delay: float = 0.0, pause: Pause
+) -> None:
+    """Send the whole answer, its body in two parts with `delay` seconds of `pause` between them."""
+    if not answer.has_body:
+        await send_answer(answer, send)
+        return
+    half = len(answer.body) // 2
+    await _send_head(answer, send, chunked=chunked)
+    await send({"type": "http.response.body", "body": answer.body[:half], "more_body": True})
+    if delay and not await pause(delay):
+        return
+    await send({"type": "http.response.body", "body": answer.body[half:], "more_body": False})
+
+
+async def _send_head(answer: Answer, send: Send, *, chunked: bool) -> None:
+    headers = answer.headers
+    # Without a length the HTTP layer uses chunks.
+    if answer.has_body and not chunked:
+        headers += (("Content-Length", str(len(answer.body))),)
+    raw = [(name.encode("latin-1"), value.encode("latin-1")) for name, value in headers]
+    await send({"type": "http.response.start", "status": answer.status, "headers": raw})
+
+
+def break_connection(fault: Fault, answer: Answer, connection: Connection) -> None:
+    """Send what the fault lets through of `answer`, then end the connection."""
+    if fault.kind == "reset":
+        connection.reset()
+        return
+    if fault.kind == "garbage":
+        connection.write(scripted_bytes(fault.fields, _GARBAGE))
+    elif fault.kind == "cut_body":
+        connection.write(_cut_body(fault, answer))
+    elif fault.kind == "cut_chunked":
+        connection.write(_cut_chunked(fault, answer))
+    if fault.fields.get("reset", False):
+        connection.reset()
+    else:
+        connection.close(close_notify=fault.fields.get("close_notify", True))
+
+
+def _cut_body(fault: Fault, answer: Answer) -> bytes:
+    body = answer.body
+    sent = body[: fault.fields.get("sent", len(body) // 2)]
+    declared = fault.fields.get("declared", max(len(body), len(sent) + 1))
+    return answer.head(("Content-Length", str(declared))) + sent
+
+
+def _cut_chunked(fault: Fault, answer: Answer) -> bytes:
+    sent = answer.body[: fault.fields.get("sent", len(answer.body) // 2)]
+    # The chunk announces one byte more than will come.
+    chunk = f"{len(sent) + 1:x}\r\n".encode() + sent
+    return answer.head(("Transfer-Encoding", "chunked")) + chunk

@@ -1,0 +1,53 @@
+"""Invite codes: known, redeemed, revoked."""
+
+from collections.abc import Iterable
+from typing import Any
+
+from .refusal import Refusal
+
+
+def _canonical(code: str) -> str:
+    return code.strip().lower()
+
+
+class Invites:
+    """Invite codes without regard to case or outer blanks; each is redeemed by one wallet."""
+
+    def __init__(self, codes: Iterable[str] = ()) -> None:
+        self._redeemed_by: dict[str, str | None] = {}
+        self._revoked: set[str] = set()
+        self.add(codes)
+
+    def add(self, codes: Iterable[str]) -> None:
+        """Make `codes` good for one redemption each, revoked and redeemed ones again."""
+        for code in map(_canonical, codes):
+            self._redeemed_by[code] = None
+            self._revoked.discard(code)
+
+    def revoke(self, codes: Iterable[str]) -> None:
+        """Make `codes` refuse as revoked."""
+        for code in map(_canonical, codes):
+            self._redeemed_by.setdefault(code, None)
+            self._revoked.add(code)
+
+    def redeem(self, code: Any, address: str) -> None:
+        """Spend `code` on `address`; Refusal 403 says why it cannot be, 400 that it is no text."""
+        if code is None:
+            raise Refusal(403, "invite_required")
+        if not isinstance(code, str):
+            raise Refusal(400, "invalid_request")
+        code = _canonical(code)
+        if not code:
+            raise Refusal(403, "invite_required")
+        if code not in self._redeemed_by:
+            raise Refusal(403, "invite_invalid")
+        if code in self._revoked:
+            raise Refusal(403, "invite_revoked")
+        if self._redeemed_by[code] is not None:
+            raise Refusal(403, "invite_already_redeemed")
+        self._redeemed_by[code] = address
+
+    def as_json(self) -> dict[str, int]:
+        """How many codes are known, redeemed and revoked; the codes themselves are not told."""
+        redeemed = sum(address is not None for address in self._redeemed_by.values())
+        return {"known": len(self._redeemed_by), "redeemed": redeemed, "revoked": len(self._revoked)}

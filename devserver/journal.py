@@ -1,0 +1,99 @@
+"""What was asked of the server, without anything secret in it."""
+
+import asyncio
+import time
+from collections import Counter, deque
+from dataclasses import asdict, dataclass
+from typing import Any
+
+_NAMES = {
+    "/auth/register": "register",
+    "/auth/challenge": "challenge",
+    "/auth/verify": "verify",
+    "/api/profile/display_name": "display_name",
+}
+# A server that somebody leaves running must not grow for ever.
+_REMEMBERED = 10_000
+_BODY_KEYS = frozenset({"wallet_address", "invite_code", "challenge_id", "signature", "display_name"})
+
+
+def endpoint_name(path: str) -> str:
+    """The short name of the endpoint at `path`, or the path itself where it has none."""
+    return _NAMES.get(path, path)
+
+
+def known_keys(body: dict[str, Any] | None) -> list[str] | None:
+    """The keys of a request's JSON object, in order; those that are no part of the protocol as "?"."""
+    return None if body is None else [key if key in _BODY_KEYS else "?" for key in body]
+
+
+@dataclass
+class Entry:
+    """One request, as the control endpoint tells it.
+
+    time: Unix seconds of its arrival. duration: seconds until its answer was sent or its connection
+    ended, None while it is being answered. status: of the answer, None where there is none (yet).
+    header_names: in lower case, in the order of arrival. body_keys: see `known_keys`.
+    """
+
+    endpoint: str
+    method: str
+    path: str
+    time: float
+    connection: int
+    header_names: list[str]
+    body_bytes: int
+    body_keys: list[str] | None
+    status: int | None = None
+    fault: str | None = None
+    duration: float | None = None
+
+
+class Journal:
+    """The latest requests since the start or the last reset, and how many there were of each kind."""
+
+    def __init__(self) -> None:
+        self._entries: deque[Entry] = deque(maxlen=_REMEMBERED)
+        self._counts: Counter[str] = Counter()
+        self._grown = asyncio.Event()
+
+    def clear(self) -> None:
+        """Forget every request; those being answered stay forgotten."""
+        self._entries.clear()
+        self._counts.clear()
+
+    def add(self, entry: Entry) -> None:
+        """Record a request whose whole body has arrived."""
+        self._entries.append(entry)
+        self._counts[entry.endpoint] += 1
+        self._grown.set()
+        self._grown = asyncio.Event()
+
+    async def wait(self, endpoint: str, count: int, timeout: float) -> int:
+        """Wait at most `timeout` seconds for `count` requests at `endpoint`; returns how many there are."""
+        try:
+            async with asyncio.timeout(timeout):
+                while self._counts[endpoint] < count:
+                    await self._grown.wait()
+        except TimeoutError:
+            pass
+        return self._counts[endpoint]
+
+    def as_json(self) -> dict[str, Any]:
+        """The counters by endpoint and the requests, oldest first."""
+        return {
+            "counts": {name: self._counts[name] for name in (*_NAMES.values(), *self._counts)},
+            "requests": [asdict(entry) for entry in self._entries],
+        }
+
+
+class Stopwatch:
+    """When a request arrived, and how long ago that is."""
+
+    def __init__(self) -> None:
+        self.started_at = time.time()
+        self._started = time.monotonic()
+
+    def elapsed(self) -> float:
+        """Seconds since the start."""
+        return time.monotonic() - self._started

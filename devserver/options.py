@@ -1,0 +1,142 @@
+"""The command line."""
+
+import argparse
+import json
+from collections.abc import Sequence
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+from .settings import Settings
+
+DEFAULT_TLS_NAMES = ("localhost", "127.0.0.1", "::1")
+MINIMUM_SECRET_BYTES = 32
+
+
+@dataclass(frozen=True)
+class Options:
+    """How to start; `settings` and `invites` are what a reset returns to."""
+
+    host: str
+    port: int
+    tls: bool
+    tls_names: tuple[str, ...]
+    tls_expired: bool
+    ca_file: Path | None
+    secret: bytes | None
+    keep_alive: int
+    exit_with_stdin: bool
+    settings: Settings
+    invites: tuple[str, ...]
+
+
+def _era(text: str) -> int | None:
+    return None if text == "none" else int(text)
+
+
+def _claims(text: str) -> dict[str, Any]:
+    value = json.loads(text)
+    if not isinstance(value, dict):
+        raise ValueError
+    return value
+
+
+def _secret(text: str) -> bytes:
+    secret = text.encode()
+    if len(secret) < MINIMUM_SECRET_BYTES:
+        raise argparse.ArgumentTypeError(f"at least {MINIMUM_SECRET_BYTES} bytes are needed")
+    return secret
+
+
+# argparse names a converter in its error messages.
+_era.__name__ = "era number"
+_claims.__name__ = "JSON object"
+
+
+def _parser() -> argparse.ArgumentParser:
+    parser = argparse.ArgumentParser(
+        prog="python -m devserver",
+        description="Play the service that a wallet logs in to. "
+        "One JSON line on standard output tells the URL once the server listens.",
+        epilog="While it runs it is asked and told more as JSON: GET /_control/state; "
+        "POST to settings, faults, release, wait, reset; devserver/faults.py tells the form of faults.",
+        allow_abbrev=False,
+    )
+    _add_listening(parser.add_argument_group("listening"))
+    _add_service(parser.add_argument_group("service"))
+    return parser
+
+
+def _add_listening(group: argparse._ArgumentGroup) -> None:
+    add = group.add_argument
+    add("--host", default="127.0.0.1", help="address to listen on (%(default)s)")
+    add("--port", type=int, default=0, help="port to listen on; 0 takes a free one (%(default)s)")
+    add("--tls", action="store_true", help="serve HTTPS with a certificate made at the start")
+    names_help = (
+        f"host name or address in the certificate, repeatable (default: {', '.join(DEFAULT_TLS_NAMES)})"
+    )
+    add("--tls-name", action="append", metavar="NAME", help=names_help)
+    add("--tls-expired", action="store_true", help="let the certificate have expired")
+    ca_help = "where to write the authority's certificate (default: a temporary file)"
+    add("--ca-file", type=Path, metavar="PATH", help=ca_help)
+    keep_help = "when to close an idle connection (%(default)s)"
+    add("--keep-alive", type=int, default=75, metavar="SECONDS", help=keep_help)
+    add("--exit-with-stdin", action="store_true", help="end when standard input is closed")
+
+
+def _add_service(group: argparse._ArgumentGroup) -> None:
+    defaults = Settings()
+    add = group.add_argument
+    add("--invite-only", action="store_true", help="new wallets need an invite")
+    invite_help = "an invite that is good for one wallet, repeatable"
+    add("--invite", action="append", metavar="CODE", default=[], help=invite_help)
+    open_help = "let wallets log in that never registered (they are refused with 401 otherwise)"
+    add("--allow-unregistered", action="store_true", help=open_help)
+    era_help = 'era number put into tokens, or "none" (%(default)s)'
+    add("--era", type=_era, default=defaults.era, metavar="N", help=era_help)
+    add("--claims", type=_claims, default={}, metavar="JSON", help="object of extra token claims")
+    token_help = "time from a token's issue to its expiry (%(default)s)"
+    add("--token-lifetime", type=float, default=defaults.token_lifetime, metavar="SECONDS", help=token_help)
+    challenge_help = "time for which a challenge can be answered (%(default)s)"
+    lifetime = defaults.challenge_lifetime
+    add("--challenge-lifetime", type=float, default=lifetime, metavar="SECONDS", help=challenge_help)
+    skew_help = "how far the server's clock is ahead (%(default)s)"
+    add("--clock-skew", type=float, default=0.0, metavar="SECONDS", help=skew_help)
+    secret_help = "signs tokens and derives wallet secrets, so that both outlive the server (default: random)"
+    add("--jwt-secret", type=_secret, metavar="TEXT", help=secret_help)
+
+
+def parse(arguments: Sequence[str] | None = None) -> Options:
+    """The options in `arguments`, or of the process; ends the process with a message when they are wrong."""
+    parser = _parser()
+    given = parser.parse_args(arguments)
+    settings = Settings()
+    try:
+        settings.update(
+            {
+                "era": given.era,
+                "claims": given.claims,
+                "invite_only": given.invite_only,
+                "allow_unregistered": given.allow_unregistered,
+                "clock_skew": given.clock_skew,
+                "challenge_lifetime": given.challenge_lifetime,
+                "token_lifetime": given.token_lifetime,
+            }
+        )
+    except ValueError as error:
+        parser.error(str(error))
+    if given.ca_file is not None and not given.ca_file.parent.is_dir():
+        parser.error(f"--ca-file: there is no directory {given.ca_file.parent}")
+    return Options(
+        host=given.host,
+        port=given.port,
+        tls=given.tls,
+        tls_names=tuple(given.tls_name or DEFAULT_TLS_NAMES),
+        tls_expired=given.tls_expired,
+        ca_file=given.ca_file,
+        secret=given.jwt_secret,
+        keep_alive=given.keep_alive,
+        exit_with_stdin=given.exit_with_stdin,
+        settings=settings,
+        invites=tuple(given.invite),
+    )

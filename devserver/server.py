@@ -1,0 +1,123 @@
+"""Listening, announcing and ending."""
+
+import asyncio
+import contextlib
+import json
+import logging
+import os
+import socket
+import ssl
+import tempfile
+import threading
+from pathlib import Path
+from types import FrameType
+
+import uvicorn
+
+from .app import Endpoints, make_app
+from .control import Control
+from .faultlayer import FaultLayer
+from .faults import Plan
+from .journal import Journal
+from .options import Options
+from .protocol import Connections, connection_class
+from .service import Service
+from .tls import make_context
+
+_GRACE_SECONDS = 1
+
+
+class _Server(uvicorn.Server):
+    """uvicorn's server, which tells when it listens and takes a signal as a wish to end well."""
+
+    def __init__(
+        self, config: uvicorn.Config, announcement: dict[str, object], stopping: asyncio.Event
+    ) -> None:
+        super().__init__(config)
+        self._announcement = announcement
+        self._stopping = stopping
+
+    async def startup(self, sockets: list[socket.socket] | None = None) -> None:
+        await super().startup(sockets)
+        print(json.dumps(self._announcement), flush=True)
+
+    async def shutdown(self, sockets: list[socket.socket] | None = None) -> None:
+        self._stopping.set()
+        await super().shutdown(sockets)
+
+    def handle_exit(self, sig: int, frame: FrameType | None) -> None:
+        # The inherited handler would raise the signal again at the end, and the process would die of it.
+        self.should_exit = True
+
+
+def run(options: Options, listener: socket.socket) -> None:
+    """Serve on `listener` until SIGTERM, SIGINT or, where asked for, the end of standard input.
+
+    OSError: the authority's certificate cannot be written.
+    """
+    with contextlib.ExitStack() as stack:
+        context = None
+        ca_file = None
+        if options.tls:
+            ca_file = options.ca_file
+            if ca_file is None:
+                directory = stack.enter_context(tempfile.TemporaryDirectory(prefix="devserver-"))
+                ca_file = Path(directory, "ca.pem")
+            context = make_context(ca_file, options.tls_names, expired=options.tls_expired)
+        announcement: dict[str, object] = {
+            "url": _url(listener, "https" if options.tls else "http"),
+            "ca_file": None if ca_file is None else str(ca_file.absolute()),
+            "pid": os.getpid(),
+        }
+        asyncio.run(_serve(options, listener, context, announcement))
+
+
+async def _serve(
+    options: Options, listener: socket.socket, context: ssl.SSLContext | None, announcement: dict[str, object]
+) -> None:
+    connections = Connections()
+    stopping = asyncio.Event()
+    config = uvicorn.Config(
+        _application(options, connections, stopping),
+        http=connection_class(connections),
+        ws="none",
+        lifespan="off",
+        interface="asgi3",
+        log_config=None,
+        log_level="critical",
+        access_log=False,
+        proxy_headers=False,
+        server_header=False,
+        timeout_keep_alive=options.keep_alive,
+        timeout_graceful_shutdown=_GRACE_SECONDS,
+        ssl_context_factory=None if context is None else lambda _config, _default: context,
+    )
+    # A broken connection is what this server is for; asyncio's remarks about it are no news.
+    logging.getLogger("asyncio").setLevel(logging.ERROR)
+    server = _Server(config, announcement, stopping)
+    if options.exit_with_stdin:
+        threading.Thread(target=_end_with_stdin, args=(server,), daemon=True).start()
+    await server.serve([listener])
+
+
+def _application(options: Options, connections: Connections, stopping: asyncio.Event) -> FaultLayer:
+    service = Service(options.settings, options.invites, options.secret)
+    plan = Plan()
+    journal = Journal()
+    control = Control(service, plan, journal, connections)
+    app = make_app([*Endpoints(service).routes(), *control.routes()])
+    return FaultLayer(app, service, plan, journal, connections, stopping)
+
+
+def _url(listener: socket.socket, scheme: str) -> str:
+    host, port = listener.getsockname()[:2]
+    return f"{scheme}://[{host}]:{port}" if ":" in host else f"{scheme}://{host}:{port}"
+
+
+def _end_with_stdin(server: _Server) -> None:
+    try:
+        while os.read(0, 4096):
+            pass
+    except OSError:
+        pass
+    server.should_exit = True

@@ -1,0 +1,86 @@
+"""What the server can be told at start and changed in while it runs."""
+
+import math
+import time
+from collections.abc import Callable, Mapping
+from dataclasses import dataclass, field, fields
+from typing import Any
+
+type Check = Callable[[Any], bool]
+
+
+def is_number(value: Any) -> bool:
+    return isinstance(value, int | float) and not isinstance(value, bool) and math.isfinite(value)
+
+
+def is_integer(value: Any) -> bool:
+    return isinstance(value, int) and not isinstance(value, bool)
+
+
+def is_text(value: Any) -> bool:
+    return isinstance(value, str)
+
+
+def is_flag(value: Any) -> bool:
+    return isinstance(value, bool)
+
+
+def is_object(value: Any) -> bool:
+    return isinstance(value, dict)
+
+
+def is_positive_number(value: Any) -> bool:
+    return is_number(value) and value > 0
+
+
+_CHECKS: dict[str, tuple[Check, str]] = {
+    "era": (lambda value: value is None or is_integer(value), "an integer or null"),
+    "claims": (is_object, "an object"),
+    "invite_only": (is_flag, "true or false"),
+    "allow_unregistered": (is_flag, "true or false"),
+    "clock_skew": (is_number, "a number of seconds"),
+    "challenge_lifetime": (is_number, "a number of seconds"),
+    "token_lifetime": (is_positive_number, "a positive number of seconds"),
+}
+
+
+@dataclass
+class Settings:
+    """The adjustable behaviour of the service.
+
+    era: era number put into tokens and demanded of them; None puts none in and demands none.
+    claims: extra token claims; one with the name of a standard claim replaces it.
+    invite_only: whether a new wallet needs an invite to register.
+    allow_unregistered: whether a wallet that never registered gets challenges.
+    clock_skew: seconds by which the service's clock is ahead of the machine's.
+    challenge_lifetime: seconds for which a challenge can be answered.
+    token_lifetime: seconds from a token's issue to its expiry.
+    """
+
+    era: int | None = 1
+    claims: dict[str, Any] = field(default_factory=dict)
+    invite_only: bool = False
+    allow_unregistered: bool = False
+    clock_skew: float = 0.0
+    challenge_lifetime: float = 300.0
+    token_lifetime: float = 86400.0
+
+    def now(self) -> float:
+        """The service's time in Unix seconds."""
+        return time.time() + self.clock_skew
+
+    def update(self, changes: Mapping[str, Any]) -> None:
+        """Apply `changes` by field name, all or none; ValueError names the first that is unknown or unfit."""
+        for name, value in changes.items():
+            if name not in _CHECKS:
+                raise ValueError(f"unknown setting {name!r}")
+            check, expected = _CHECKS[name]
+            if not check(value):
+                raise ValueError(f"setting {name!r} must be {expected}")
+        for name, value in changes.items():
+            setattr(self, name, value)
+
+    def as_json(self) -> dict[str, Any]:
+        """The settings by name, with the names of the extra claims in place of their values."""
+        values = {item.name: getattr(self, item.name) for item in fields(self)}
+        return values | {"claims": sorted(self.claims)}
