@@ -16,7 +16,8 @@ _LONGEST_NAME = 253
 def validate_bearer_transport_url(url: str) -> str:
     """Check that a URL is fit to carry a bearer token and return it as given.
 
-    Allowed are https to any host, and http to this machine only (`localhost`, `*.localhost`, 127.0.0.0/8, `::1`).
+    Allowed are https to any host, and http to this machine only (`localhost`, `*.localhost`, 127.0.0.0/8,
+    `::1`).
 
     Args:
         url: Absolute URL of a server; a path is allowed.

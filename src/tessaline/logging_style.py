@@ -49,8 +49,8 @@ def log_library_surface_event(
         source_file: File that reports.
         source_line: Line that reports.
 
-    The record goes to the logger "tessaline"; every argument is an attribute of the record, under its own name
-    with the prefix "tessaline_". May be called from any thread.
+    The record goes to the logger "tessaline"; every argument is an attribute of the record, under its own
+    name with the prefix "tessaline_". May be called from any thread.
     """
     logger = _library_logger()
     number = {"debug": 10, "info": 20, "warning": 30, "error": 40, "critical": 50}.get(level.lower(), 40)

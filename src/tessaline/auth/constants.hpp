@@ -15,16 +15,17 @@ inline constexpr const char* kModeProactive = "PROACTIVE";
 inline constexpr const char* kModeEraChange = "ERA_CHANGE";
 
 /// Order of the group of secp256k1 (SEC 2, section 2.4.1).
-inline constexpr const char* kCurveOrderHex = "fffffffffffffffffffffffffffffffebaaedce6af48a03bbfd25e8cd0364141";
+inline constexpr const char* kCurveOrderHex =
+    "fffffffffffffffffffffffffffffffebaaedce6af48a03bbfd25e8cd0364141";
 
-inline constexpr long kBackoffBase = 1;                 ///< seconds
-inline constexpr long kBackoffCap = 60;                 ///< seconds
-inline constexpr double kHttpTimeoutDefault = 30.0;     ///< seconds, of one request
+inline constexpr long kBackoffBase = 1;              ///< seconds
+inline constexpr long kBackoffCap = 60;              ///< seconds
+inline constexpr double kHttpTimeoutDefault = 30.0;  ///< seconds, of one request
 inline constexpr long kFlowHttpMaxAttempts = 3;
 inline constexpr long kFlowChallengeMaxCycles = 3;
-inline constexpr double kRefreshRatio = 0.8;            ///< of the token's lifetime
-inline constexpr long kTokenLifetime = 86400;           ///< seconds, counted from storage
-inline constexpr double kRefreshJitter = 0.05;          ///< each way, of the refresh delay
+inline constexpr double kRefreshRatio = 0.8;    ///< of the token's lifetime
+inline constexpr long kTokenLifetime = 86400;   ///< seconds, counted from storage
+inline constexpr double kRefreshJitter = 0.05;  ///< each way, of the refresh delay
 
 inline constexpr const char* kDisplayNamePattern = R"(^[a-zA-Z0-9_\- ]+$)";
 inline constexpr const char* kDisplayNameError =

@@ -59,42 +59,52 @@ PyObject* add_type(PyObject* module, const char* name, const char* doc, initproc
 
 }  // namespace
 
-const ErrorTypes& error_types() noexcept { return types; }
+const ErrorTypes& error_types() noexcept {
+  return types;
+}
 
 void make_error_types(PyObject* module) {
-  types.invalid_key = add_type(
-      module, "tessaline.auth.InvalidKeyError",
-      "Raised when private key is invalid (format, length, or secp256k1 scalar).\n\n"
-      "Carries one English sentence, which never repeats the key.");
-  types.auth = add_type(module, "tessaline.auth.AuthError",
-                        "AuthError(reason)\n--\n\n"
-                        "Raised on authentication failures.\n\n"
-                        "Attributes:\n"
-                        "    reason: lowercase snake_case text for programs to compare; also the error's text.",
-                        initialise_auth_error);
+  types.invalid_key = add_type(module, "tessaline.auth.InvalidKeyError",
+                               "Raised when private key is invalid (format, length, or secp256k1 scalar).\n\n"
+                               "Carries one English sentence, which never repeats the key.");
+  types.auth =
+      add_type(module, "tessaline.auth.AuthError",
+               "AuthError(reason)\n--\n\n"
+               "Raised on authentication failures.\n\n"
+               "Attributes:\n"
+               "    reason: lowercase snake_case text for programs to compare; also the error's text.",
+               initialise_auth_error);
   types.registration = add_type(module, "tessaline.auth.RegistrationError",
                                 "Raised when the server rejects a registration request.\n\n"
                                 "Its only argument is the server's reason, such as \"invite_required\".");
-  types.profile = add_type(
-      module, "tessaline.auth.ProfileError",
-      "ProfileError(reason, **kwargs)\n--\n\n"
-      "Raised on display name/profile failures.\n\n"
-      "Attributes:\n"
-      "    reason: \"validation_failed\" or \"rate_limited\"; also the error's text.\n"
-      "    message: the server's words, with \"validation_failed\".\n"
-      "    retry_after: seconds to wait before the next try, with \"rate_limited\".",
-      initialise_profile_error);
-  types.network = add_type(module, "tessaline.auth.NetworkError",
-                           "Raised when network is unreachable after retries.");
+  types.profile = add_type(module, "tessaline.auth.ProfileError",
+                           "ProfileError(reason, **kwargs)\n--\n\n"
+                           "Raised on display name/profile failures.\n\n"
+                           "Attributes:\n"
+                           "    reason: \"validation_failed\" or \"rate_limited\"; also the error's text.\n"
+                           "    message: the server's words, with \"validation_failed\".\n"
+                           "    retry_after: seconds to wait before the next try, with \"rate_limited\".",
+                           initialise_profile_error);
+  types.network =
+      add_type(module, "tessaline.auth.NetworkError", "Raised when network is unreachable after retries.");
 }
 
 Ref new_auth_error(PyObject* reason_text) {
   return python::call(types.auth, {}, {{names::reason, reason_text}});
 }
 
-Ref new_auth_error(std::string_view reason_text) { return new_auth_error(python::text(reason_text).get()); }
+Ref new_auth_error(std::string_view reason_text) {
+  return new_auth_error(python::text(reason_text).get());
+}
 
-void raise_auth_error(std::string_view reason_text) { python::raise(new_auth_error(reason_text).get()); }
+void raise_auth_error(std::string_view reason_text) {
+  python::raise(new_auth_error(reason_text).get());
+}
+
+void raise_again(PyObject* error) {
+  python::clear_traceback(error);
+  python::raise(error);
+}
 
 void raise_network_error(const char* prefix, PyObject* attempts) {
   Ref message = python::checked(PyUnicode_FromFormat("%s%S attempts", prefix, attempts));

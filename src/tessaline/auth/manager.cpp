@@ -14,9 +14,13 @@ std::array<PyObject*, kStateTexts.size()> state_texts{};
 PyObject* proactive = nullptr;
 PyObject* era_change = nullptr;
 
-PyObject* interned(const char* text) { return python::checked(PyUnicode_InternFromString(text)).release(); }
+PyObject* interned(const char* text) {
+  return python::checked(PyUnicode_InternFromString(text)).release();
+}
 
-std::size_t index_of(Field field) noexcept { return static_cast<std::size_t>(field); }
+std::size_t index_of(Field field) noexcept {
+  return static_cast<std::size_t>(field);
+}
 
 Ref threading_object(const python::Name& name) {
   return python::call_method(python::global(names::threading).get(), name);
@@ -40,20 +44,27 @@ Ref transport_in_force(PyObject* injected) {
 }  // namespace
 
 void make_manager_texts() {
-  for (std::size_t index = 0; index < state_texts.size(); ++index) state_texts[index] = interned(kStateTexts[index]);
+  for (std::size_t index = 0; index < state_texts.size(); ++index)
+    state_texts[index] = interned(kStateTexts[index]);
   proactive = interned(kModeProactive);
   era_change = interned(kModeEraChange);
 }
 
-PyObject* state_text(State state) noexcept { return state_texts[static_cast<std::size_t>(state)]; }
-PyObject* proactive_mode() noexcept { return proactive; }
-PyObject* era_change_mode() noexcept { return era_change; }
+PyObject* state_text(State state) noexcept {
+  return state_texts[static_cast<std::size_t>(state)];
+}
+PyObject* proactive_mode() noexcept {
+  return proactive;
+}
+PyObject* era_change_mode() noexcept {
+  return era_change;
+}
 
 void AuthManager::construct(PyObject* private_key_text, PyObject* server_url, PyObject* invite_code,
                             PyObject* register_wallet, PyObject* clock, PyObject* transport) {
-  auto parsed = std::make_unique<wallet::WalletKey>(read_private_key(private_key_text));
-  Ref url = validate_server_url(server_url);
-  Ref code = normalize_invite_code(invite_code);
+  auto parsed = std::make_unique<wallet::WalletKey>(read_constructor_key(private_key_text));
+  Ref url = python::call(python::global(names::validate_server_url).get(), {server_url});
+  Ref code = python::call(python::global(names::normalize_invite_code).get(), {invite_code});
   Ref address = python::text(parsed->address());
   wipe_key();
   key = parsed.release();
@@ -85,6 +96,7 @@ void AuthManager::construct(PyObject* private_key_text, PyObject* server_url, Py
 }
 
 Ref AuthManager::private_key() const {
+  get(Field::kState);  // raises before the constructor has run
   if (key == nullptr) return Ref::none();
   Ref made = python::checked(PyUnicode_New(static_cast<Py_ssize_t>(wallet::kKeyHexDigits), 'f'));
   key->write_hex(std::span<char, wallet::kKeyHexDigits>(static_cast<char*>(PyUnicode_DATA(made.get())),
@@ -99,12 +111,15 @@ void AuthManager::set_private_key(PyObject* value) {
   key = parsed.release();
 }
 
-void AuthManager::wipe_key() noexcept { delete std::exchange(key, nullptr); }
+void AuthManager::wipe_key() noexcept {
+  delete std::exchange(key, nullptr);
+}
 
 Ref AuthManager::get(Field field) const {
   PyObject* const value = fields[index_of(field)];
   if (value == nullptr) {
-    PyErr_Format(PyExc_AttributeError, "'AuthManager' object has no attribute '%s'", kFieldNames[index_of(field)]);
+    PyErr_Format(PyExc_AttributeError, "'AuthManager' object has no attribute '%s'",
+                 kFieldNames[index_of(field)]);
     throw python::Error::fetch();
   }
   return Ref::borrow(value);
@@ -114,7 +129,9 @@ void AuthManager::set(Field field, Ref value) noexcept {
   python::drop(std::exchange(fields[index_of(field)], value.release()));
 }
 
-bool AuthManager::is_none(Field field) const { return get(field).is_none(); }
+bool AuthManager::is_none(Field field) const {
+  return get(field).is_none();
+}
 
 bool AuthManager::is_true(Field field) const {
   const Ref value = get(field);
@@ -132,14 +149,20 @@ State AuthManager::state() const {
   return State::kUnknown;
 }
 
-void AuthManager::set_state(State state) noexcept { set(Field::kState, Ref::borrow(state_text(state))); }
+void AuthManager::set_state(State state) noexcept {
+  set(Field::kState, Ref::borrow(state_text(state)));
+}
 
 void AuthManager::raise_if_closed() const {
   if (closed()) raise_auth_error(reason::kManagerClosed);
 }
 
-void AuthManager::set_event(Field event) { python::call_method(get(event).get(), names::set); }
-void AuthManager::clear_event(Field event) { python::call_method(get(event).get(), names::clear); }
+void AuthManager::set_event(Field event) {
+  python::call_method(get(event).get(), names::set);
+}
+void AuthManager::clear_event(Field event) {
+  python::call_method(get(event).get(), names::clear);
+}
 
 bool AuthManager::event_is_set(Field event) const {
   return python::truthy(python::call_method(get(event).get(), names::is_set).get());
@@ -149,11 +172,30 @@ Ref AuthManager::call_own(const python::Name& method, std::initializer_list<PyOb
   return python::call_method(object(), method, arguments);
 }
 
-Ref AuthManager::new_event() { return threading_object(names::event); }
+Ref AuthManager::represent() {
+  const Ref class_name = python::checked(PyType_GetName(Py_TYPE(object())));
+  const auto shown = [this](Field field) {
+    PyObject* const value = fields[index_of(field)];
+    return python::text_of(value == nullptr ? Py_None : value);
+  };
+  return python::checked(PyUnicode_FromFormat("<%U address=%U server=%U state=%U>", class_name.get(),
+                                              shown(Field::kWalletAddress).get(),
+                                              shown(Field::kServerUrl).get(), shown(Field::kState).get()));
+}
+
+Ref AuthManager::new_event() {
+  return threading_object(names::event);
+}
 
 Ref recorded_error(const python::Error& error) {
   if (error.matches(error_types().auth)) return Ref::borrow(error.exception());
-  return new_auth_error(python::text_of(error.exception()).get());
+  Ref text;
+  try {
+    text = python::text_of(error.exception());
+  } catch (python::Error&) {
+    text = python::checked(PyType_GetName(Py_TYPE(error.exception())));
+  }
+  return new_auth_error(text.get());
 }
 
 bool is_permanent(const python::Error& error) {

@@ -50,18 +50,34 @@ enum class Field : std::size_t {
 
 inline constexpr std::size_t kFieldCount = static_cast<std::size_t>(Field::kRegistrationAcknowledged) + 1;
 
-inline constexpr std::array<const char*, kFieldCount> kFieldNames{
-    "_wallet_address",   "_server_url",      "_invite_code",
-    "_register_wallet",  "_clock",           "_uses_injected_clock",
-    "_transport",        "_state",           "_lock",
-    "_token",            "_token_iat",       "_token_expiry",
-    "_wallet_secret",    "_auth_time",       "_auth_event",
-    "_auth_error",       "_refresh_thread",  "_refresh_stop",
-    "_refresh_event",    "_refresh_at",      "_close_event",
-    "_permanent_refresh_error",              "_refresh_pending",
-    "_refresh_done",     "_in_transient_backoff",
-    "_reauth_mode",      "_pending_era_number",
-    "_registration_acknowledged"};
+inline constexpr std::array<const char*, kFieldCount> kFieldNames{"_wallet_address",
+                                                                  "_server_url",
+                                                                  "_invite_code",
+                                                                  "_register_wallet",
+                                                                  "_clock",
+                                                                  "_uses_injected_clock",
+                                                                  "_transport",
+                                                                  "_state",
+                                                                  "_lock",
+                                                                  "_token",
+                                                                  "_token_iat",
+                                                                  "_token_expiry",
+                                                                  "_wallet_secret",
+                                                                  "_auth_time",
+                                                                  "_auth_event",
+                                                                  "_auth_error",
+                                                                  "_refresh_thread",
+                                                                  "_refresh_stop",
+                                                                  "_refresh_event",
+                                                                  "_refresh_at",
+                                                                  "_close_event",
+                                                                  "_permanent_refresh_error",
+                                                                  "_refresh_pending",
+                                                                  "_refresh_done",
+                                                                  "_in_transient_backoff",
+                                                                  "_reauth_mode",
+                                                                  "_pending_era_number",
+                                                                  "_registration_acknowledged"};
 
 /// One wallet identity at one server: the object that the host sees as `AuthManager`.
 ///
@@ -76,18 +92,18 @@ inline constexpr std::array<const char*, kFieldCount> kFieldNames{
 ///
 /// close() leads from every state to CLOSED, and nothing leads out of it.
 ///
-/// `_lock` guards the fields. It is held for short reads and stores only, never across a request, a sleep, the
-/// wait for an event or a join; what is handed out after a wait is read again under it. Methods run with the
-/// interpreter's lock and may be called from any thread.
+/// `_lock` guards the fields. It is held for short reads and stores only, never across a request, a sleep,
+/// the wait for an event or a join; what is handed out after a wait is read again under it. Methods run with
+/// the interpreter's lock and may be called from any thread.
 struct AuthManager {
-  PyObject_HEAD
-  std::array<PyObject*, kFieldCount> fields;
-  wallet::WalletKey* key;            ///< null once wiped
-  PyObject* newest_refresh_thread;   ///< the refresh thread started last; an older one's loop ends
+  PyObject_HEAD std::array<PyObject*, kFieldCount> fields;
+  wallet::WalletKey* key;           ///< null once wiped
+  PyObject* dict;                   ///< the instance's `__dict__`; null until used
+  PyObject* newest_refresh_thread;  ///< the refresh thread started last; an older one's loop ends
 
   // Construction.
-  void construct(PyObject* private_key, PyObject* server_url, PyObject* invite_code, PyObject* register_wallet,
-                 PyObject* clock, PyObject* transport);
+  void construct(PyObject* private_key, PyObject* server_url, PyObject* invite_code,
+                 PyObject* register_wallet, PyObject* clock, PyObject* transport);
 
   // Login.
   Ref do_auth_flow();
@@ -117,6 +133,31 @@ struct AuthManager {
   Ref private_key() const;
   void set_private_key(PyObject* value);
   void wipe_key() noexcept;
+
+  // Serving.
+  Ref get_token();
+  Ref poll_for_reauth(bool fallback_to_current_token);
+  Ref get_wallet_secret();
+  Ref get_token_expiry();
+  Ref get_wallet_address();
+
+  /// The token at once where nothing stands against serving it; else empty, which says nothing yet.
+  Ref token_if_healthy();
+
+  /// A token that has replaced `old_token` and may be served; else empty. Called under `_lock`. `now` null:
+  /// read.
+  Ref renewed_token(PyObject* old_token, PyObject* now);
+
+  // Eras.
+  Ref notify_era_change(PyObject* new_era_number);
+  Ref background_reauth();
+
+  // Profile and shutdown.
+  Ref set_display_name(PyObject* display_name);
+  Ref close();
+
+  /// Class, address, server and state; nothing secret.
+  Ref represent();
 
   // Fields.
   PyObject* object() noexcept { return reinterpret_cast<PyObject*>(this); }
@@ -148,12 +189,15 @@ struct AuthManager {
 /// Creates the interned texts of states and modes. Called once, when the module is executed.
 void make_manager_texts();
 
+/// Learns which host facilities the fast path may read without calling them. Called once, with the class.
+void know_host(PyTypeObject* manager_type);
+
 PyObject* state_text(State state) noexcept;
 PyObject* proactive_mode() noexcept;
 PyObject* era_change_mode() noexcept;
 
-/// What a failed flow leaves for those who waited: the failure itself when it is an AuthError, else an AuthError
-/// whose reason is its text.
+/// What a failed flow leaves for those who waited: the failure itself when it is an AuthError, else an
+/// AuthError whose reason is its text.
 Ref recorded_error(const python::Error& error);
 
 /// Whether the failure is an AuthError after which renewal is hopeless.

@@ -44,7 +44,7 @@ void wait_for_runner(AuthManager& manager, PyObject* running) {
   python::call_method(running, names::wait);
   const python::ScopedLock lock(manager.get(Field::kLock));
   const Ref failure = manager.get(Field::kAuthError);
-  if (!failure.is_none()) python::raise(failure.get());
+  if (!failure.is_none()) raise_again(failure.get());
 }
 
 void run_flow(AuthManager& manager) {

@@ -5,7 +5,6 @@
 #include "tessaline/auth/manager.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
-#include "tessaline/auth/token_payload.hpp"
 
 namespace tessaline::auth {
 namespace {
@@ -30,6 +29,10 @@ Ref sign(const wallet::WalletKey& key, PyObject* message) {
   }));
 }
 
+Ref era_of(PyObject* token) {
+  return python::call(python::global(names::jwt_era_number).get(), {token});
+}
+
 bool is_at_least(PyObject* era, PyObject* pending_era) {
   return era != Py_None && !python::less(era, pending_era);
 }
@@ -41,7 +44,8 @@ Ref AuthManager::do_auth_flow() {
   const Ref method = python::text("POST");
   const Ref most_attempts = python::global(names::auth_flow_http_max_attempts);
   const auto post = [&](const char* endpoint, const Ref& body) {
-    return python::call_method(object(), names::request_with_retry, {method.get(), python::text(endpoint).get()},
+    return python::call_method(object(), names::request_with_retry,
+                               {method.get(), python::text(endpoint).get()},
                                {{names::body_dict, body.get()}, {names::max_attempts, most_attempts.get()}});
   };
   const auto raise_if_closing = [&] {
@@ -59,24 +63,28 @@ Ref AuthManager::do_auth_flow() {
   const Ref most_cycles = python::global(names::auth_flow_challenge_max_cycles);
   for (long cycle = python::long_value(most_cycles.get()); cycle > 0; --cycle) {
     raise_if_closing();
-    const Ref challenge = post(path::kChallenge, python::dictionary({{names::wallet_address, address.get()}}));
+    const Ref challenge =
+        post(path::kChallenge, python::dictionary({{names::wallet_address, address.get()}}));
     const Ref offer = std::move(python::unpack3(challenge.get())[2]);
     raise_if_closing();
     const Ref challenge_id = python::item(offer.get(), names::challenge_id.object());
     const Ref message = python::item(offer.get(), names::message.object());
     if (key == nullptr) raise_auth_error(reason::kManagerClosed);
     const Ref signature = sign(*key, message.get());
-    const Ref body = python::dictionary(
-        {{names::challenge_id, challenge_id.get()}, {names::signature, signature.get()}});
-    const Ref verification = python::call_method(
-        object(), names::request_with_retry, {method.get(), python::text(path::kVerify).get()},
-        {{names::body_dict, body.get()}, {names::is_verify, Py_True}, {names::max_attempts, most_attempts.get()}});
+    const Ref body =
+        python::dictionary({{names::challenge_id, challenge_id.get()}, {names::signature, signature.get()}});
+    const Ref verification = python::call_method(object(), names::request_with_retry,
+                                                 {method.get(), python::text(path::kVerify).get()},
+                                                 {{names::body_dict, body.get()},
+                                                  {names::is_verify, Py_True},
+                                                  {names::max_attempts, most_attempts.get()}});
     const auto [status, headers, grant] = python::unpack3(verification.get());
     if (is_stale_challenge(status.get())) continue;
     Ref token = python::item(grant.get(), names::token.object());
     Ref expires_at = python::item(grant.get(), names::expires_at.object());
     const Ref encoded_secret = python::item(grant.get(), names::wallet_secret.object());
-    Ref secret = python::call_method(python::global(names::base64).get(), names::b64decode, {encoded_secret.get()});
+    Ref secret =
+        python::call_method(python::global(names::base64).get(), names::b64decode, {encoded_secret.get()});
     return python::triple(std::move(token), std::move(expires_at), std::move(secret));
   }
   raise_network_error("stale authentication challenge after ", most_cycles.get());
@@ -91,7 +99,7 @@ Ref AuthManager::do_auth_flow_matching_pending_era() {
       const python::ScopedLock lock(get(Field::kLock));
       pending_era = get(Field::kPendingEraNumber);
     }
-    if (pending_era.is_none() || is_at_least(jwt_era_number(token.get()).get(), pending_era.get())) {
+    if (pending_era.is_none() || is_at_least(era_of(token.get()).get(), pending_era.get())) {
       return python::triple(std::move(token), std::move(expires_at), std::move(secret));
     }
   }
@@ -99,13 +107,13 @@ Ref AuthManager::do_auth_flow_matching_pending_era() {
 }
 
 Ref AuthManager::store_auth_result(PyObject* token, PyObject* wallet_secret) {
-  assert_token_subject_matches_wallet(token, get(Field::kWalletAddress).get());
+  python::call(python::global(names::assert_token_subject).get(), {token, get(Field::kWalletAddress).get()});
   const Ref known_secret = get(Field::kWalletSecret);
   if (!known_secret.is_none() && !python::equal(known_secret.get(), wallet_secret)) {
     raise_auth_error(reason::kWalletSecretChanged);
   }
   const Ref pending_era = get(Field::kPendingEraNumber);
-  if (!pending_era.is_none() && !is_at_least(jwt_era_number(token).get(), pending_era.get())) {
+  if (!pending_era.is_none() && !is_at_least(era_of(token).get(), pending_era.get())) {
     raise_auth_error(reason::kEraMismatch);
   }
   const Ref now = call_own(names::get_time);
@@ -130,8 +138,9 @@ Ref AuthManager::store_auth_result(PyObject* token, PyObject* wallet_secret) {
 }
 
 Ref AuthManager::compute_refresh_at(PyObject* auth_time) {
-  const Ref jitter = python::call_method(python::global(names::random).get(), names::uniform,
-                                         {python::number(-kRefreshJitter).get(), python::number(kRefreshJitter).get()});
+  const Ref jitter =
+      python::call_method(python::global(names::random).get(), names::uniform,
+                          {python::number(-kRefreshJitter).get(), python::number(kRefreshJitter).get()});
   const Ref delay = python::multiply(python::global(names::token_lifetime).get(),
                                      python::global(names::refresh_ratio).get());
   const Ref factor = python::add(python::integer(1).get(), jitter.get());
@@ -141,7 +150,7 @@ Ref AuthManager::compute_refresh_at(PyObject* auth_time) {
 Ref AuthManager::raise_if_pending_era_locked() {
   if (is_none(Field::kPendingEraNumber)) return Ref::none();
   const Ref failure = get(Field::kAuthError);
-  if (!failure.is_none()) python::raise(failure.get());
+  if (!failure.is_none()) raise_again(failure.get());
   raise_auth_error(reason::kEraChangePending);
 }
 

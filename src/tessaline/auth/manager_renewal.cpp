@@ -12,7 +12,9 @@ namespace {
 constexpr double kPollSeconds = 1.0;
 constexpr double kInjectedPollSeconds = 0.05;  // an injected clock may move at any time
 
-Ref this_thread() { return python::call_method(python::global(names::threading).get(), names::current_thread); }
+Ref this_thread() {
+  return python::call_method(python::global(names::threading).get(), names::current_thread);
+}
 
 bool is_alive(PyObject* thread) {
   return thread != nullptr && thread != Py_None &&
@@ -116,7 +118,8 @@ Ref AuthManager::start_refresh() {
     const python::ScopedLock lock(get(Field::kLock));
     if (closed()) return Ref::none();
     // Starting renewal also re-arms the close signal.
-    for (const Field event : {Field::kRefreshStop, Field::kCloseEvent, Field::kRefreshPending, Field::kRefreshDone}) {
+    for (const Field event :
+         {Field::kRefreshStop, Field::kCloseEvent, Field::kRefreshPending, Field::kRefreshDone}) {
       clear_event(event);
     }
   }
@@ -131,7 +134,8 @@ Ref AuthManager::start_refresh() {
     throw;
   }
   const python::ScopedLock lock(get(Field::kLock));
-  if (!closed() && newest_refresh_thread == thread.get()) set(Field::kRefreshThread, Ref::borrow(thread.get()));
+  if (!closed() && newest_refresh_thread == thread.get())
+    set(Field::kRefreshThread, Ref::borrow(thread.get()));
   return Ref::none();
 }
 

@@ -37,7 +37,8 @@ Ref response_value(PyObject* json, PyObject* body) {
 
 }  // namespace
 
-Ref http_request(PyObject* manager, PyObject* method, PyObject* path, PyObject* body_dict, PyObject* headers) {
+Ref http_request(PyObject* manager, PyObject* method, PyObject* path, PyObject* body_dict,
+                 PyObject* headers) {
   Ref json = python::global(names::json);
   Ref url = python::add(python::attribute(manager, names::server_url).get(), path);
   Ref sent_headers = request_headers(headers);

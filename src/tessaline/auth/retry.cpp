@@ -40,8 +40,8 @@ void log_invalid_retry_after(const HintScope& scope) {
 
 /// The seconds that the server asks to wait (RFC 9110, section 10.2.3, delay-seconds only), else `fallback`.
 Ref retry_after(PyObject* headers, Ref fallback, const HintScope& scope) {
-  Ref lowercase = python::call_method(headers, names::get,
-                                      {python::text("retry-after").get(), python::text("").get()});
+  Ref lowercase =
+      python::call_method(headers, names::get, {python::text("retry-after").get(), python::text("").get()});
   Ref header = python::call_method(headers, names::get, {python::text("Retry-After").get(), lowercase.get()});
   if (!python::truthy(header.get())) return fallback;
   try {
@@ -84,8 +84,9 @@ class Retry {
   /// The answer, or an empty reference after a network failure that has been waited out.
   Ref attempt() {
     try {
-      return python::call_method(manager_, names::http_request, {request_.method, request_.path},
-                                 {{names::body_dict, request_.body_dict}, {names::headers, request_.headers}});
+      return python::call_method(
+          manager_, names::http_request, {request_.method, request_.path},
+          {{names::body_dict, request_.body_dict}, {names::headers, request_.headers}});
     } catch (python::Error& error) {
       if (!error.matches(PyExc_ConnectionError) && !error.matches(PyExc_TimeoutError)) throw;
       const python::Handling handling(error);
@@ -111,8 +112,7 @@ class Retry {
       case Outcome::kProfileRateLimited:
         raise_rate_limited(headers.get());
       case Outcome::kWaitAsTold:
-        count_attempt_and_wait(
-            retry_after(headers.get(), Ref::borrow(backoff_.get()), kRequestScope).get());
+        count_attempt_and_wait(retry_after(headers.get(), Ref::borrow(backoff_.get()), kRequestScope).get());
         return false;
       case Outcome::kBackOff:
         back_off();
@@ -124,7 +124,8 @@ class Retry {
   Verdict judge(PyObject* status, const Ref& server_reason) const {
     std::optional<std::string_view> reason_text;
     if (server_reason && PyUnicode_Check(server_reason.get())) reason_text = ascii_of(server_reason.get());
-    return classify(python::long_value(status), python::utf8_of(request_.path), request_.is_verify, reason_text);
+    return classify(python::long_value(status), python::utf8_of(request_.path), request_.is_verify,
+                    reason_text);
   }
 
   /// Reasons are ASCII; any other text is no reason, and may not even have a UTF-8 form.
@@ -178,6 +179,8 @@ class Retry {
 
 }  // namespace
 
-Ref request_with_retry(PyObject* manager, const RetriedRequest& request) { return Retry(manager, request).run(); }
+Ref request_with_retry(PyObject* manager, const RetriedRequest& request) {
+  return Retry(manager, request).run();
+}
 
 }  // namespace tessaline::auth

@@ -24,12 +24,18 @@ Ref parse_payload(PyObject* token) {
   if (python::length(segments.get()) != kSegments) raise_auth_error(reason::kWalletMismatch);
   Ref encoded = padded(python::item(segments.get(), python::integer(1).get()).get());
   Ref ascii = python::call_method(encoded.get(), names::encode, {python::text("ascii").get()});
-  Ref decoded = python::call_method(python::global(names::base64).get(), names::urlsafe_b64decode, {ascii.get()});
+  Ref decoded =
+      python::call_method(python::global(names::base64).get(), names::urlsafe_b64decode, {ascii.get()});
   return python::call_method(python::global(names::json).get(), names::loads, {decoded.get()});
 }
 
+Ref payload_of(PyObject* token) {
+  return python::call(python::global(names::decode_jwt_payload).get(), {token});
+}
+
 bool is_no_number(const python::Error& error) {
-  return error.matches(PyExc_TypeError) || error.matches(PyExc_ValueError) || error.matches(PyExc_OverflowError);
+  return error.matches(PyExc_TypeError) || error.matches(PyExc_ValueError) ||
+         error.matches(PyExc_OverflowError);
 }
 
 }  // namespace
@@ -60,7 +66,7 @@ Ref jwt_era_number(PyObject* token) {
     }
     if (!ascii) raise_auth_error(reason::kEraMismatch);
   }
-  Ref payload = decode_jwt_payload_unverified(decoded.get());
+  Ref payload = payload_of(decoded.get());
   Ref claim = python::entry(payload.get(), names::era_number);
   if (!claim || claim.is_none() || PyBool_Check(claim.get())) return Ref::none();
   Ref era;
@@ -74,7 +80,7 @@ Ref jwt_era_number(PyObject* token) {
 }
 
 void assert_token_subject_matches_wallet(PyObject* token, PyObject* wallet_address) {
-  Ref payload = decode_jwt_payload_unverified(token);
+  Ref payload = payload_of(token);
   Ref subject = python::entry(payload.get(), names::sub);
   if (!subject || !PyUnicode_Check(subject.get())) raise_auth_error(reason::kWalletMismatch);
   Ref lowered = python::call_method(subject.get(), names::lower);

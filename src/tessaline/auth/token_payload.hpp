@@ -7,8 +7,8 @@
 
 namespace tessaline::auth {
 
-/// The payload as a dict. Raises AuthError "wallet_mismatch" for everything that cannot be read as one: a token
-/// that cannot be read cannot be proven to belong to the wallet.
+/// The payload as a dict. Raises AuthError "wallet_mismatch" for everything that cannot be read as one: a
+/// token that cannot be read cannot be proven to belong to the wallet.
 python::Ref decode_jwt_payload_unverified(PyObject* token);
 
 /// The claim "era_number" as an int, or None where it is missing, null, a boolean or not positive. Raises

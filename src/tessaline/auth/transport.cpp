@@ -90,10 +90,10 @@ Answer exchange(const http::Request& request, bool interruptible) {
 Ref headers_dict(const http::Headers& headers) {
   Ref made = python::checked(PyDict_New());
   for (const auto& [name, value] : headers) {
-    Ref key = python::checked(
-        PyUnicode_DecodeLatin1(name.data(), static_cast<Py_ssize_t>(name.size()), nullptr));
-    Ref content = python::checked(
-        PyUnicode_DecodeLatin1(value.data(), static_cast<Py_ssize_t>(value.size()), nullptr));
+    Ref key =
+        python::checked(PyUnicode_DecodeLatin1(name.data(), static_cast<Py_ssize_t>(name.size()), nullptr));
+    Ref content =
+        python::checked(PyUnicode_DecodeLatin1(value.data(), static_cast<Py_ssize_t>(value.size()), nullptr));
     python::checked(PyDict_SetItem(made.get(), key.get(), content.get()));
   }
   return made;

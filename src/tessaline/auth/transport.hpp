@@ -6,8 +6,8 @@ namespace tessaline::auth {
 
 /// The default HTTP transport: one request through the process's kept connections.
 ///
-/// `headers` is a mapping of str to str or None, `body` str, bytes or None. Returns the tuple (status, dict of
-/// response headers, body bytes) for every status. Raises ConnectionError, TimeoutError, ssl.SSLError,
+/// `headers` is a mapping of str to str or None, `body` str, bytes or None. Returns the tuple (status, dict
+/// of response headers, body bytes) for every status. Raises ConnectionError, TimeoutError, ssl.SSLError,
 /// http.client.BadStatusLine for an answer that is not HTTP, ValueError for what cannot be sent, and what a
 /// signal handler raises. Runs without the interpreter's lock.
 python::Ref default_http_transport(PyObject* method, PyObject* url, PyObject* headers, PyObject* body);

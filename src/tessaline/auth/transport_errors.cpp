@@ -22,7 +22,8 @@ constinit const python::Name kBadStatusLine{"BadStatusLine"};
 
 [[noreturn]] void raise_from(const python::Name& module, const python::Name& type, const char* message) {
   Ref loaded = python::import(module);
-  python::raise(python::call(python::attribute(loaded.get(), type).get(), {python::text(message).get()}).get());
+  python::raise(
+      python::call(python::attribute(loaded.get(), type).get(), {python::text(message).get()}).get());
 }
 
 }  // namespace

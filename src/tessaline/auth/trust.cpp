@@ -48,7 +48,8 @@ struct Remembered {
 }  // namespace
 
 http::TrustStore default_trust_store() {
-  // Asking costs an import and two looks at the file system; under the interpreter's lock, so no lock of its own.
+  // Asking costs an import and two looks at the file system; under the interpreter's lock, so no lock of its
+  // own.
   static Remembered* remembered = nullptr;
   const std::string file = variable("SSL_CERT_FILE");
   const std::string directory = variable("SSL_CERT_DIR");

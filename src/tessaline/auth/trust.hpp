@@ -4,8 +4,8 @@
 
 namespace tessaline::auth {
 
-/// Where the host's `ssl` module trusts certificates from by default; SSL_CERT_FILE and SSL_CERT_DIR are honoured
-/// and may change at run time. Empty where the host has no `ssl`.
+/// Where the host's `ssl` module trusts certificates from by default; SSL_CERT_FILE and SSL_CERT_DIR are
+/// honoured and may change at run time. Empty where the host has no `ssl`.
 http::TrustStore default_trust_store();
 
 }  // namespace tessaline::auth

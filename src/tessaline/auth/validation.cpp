@@ -18,6 +18,8 @@ constinit const python::Name kNetworkLocation{"netloc"};
 constinit const python::Name kTransportPolicy{"tessaline._transport_security"};
 constinit const python::Name kValidateBearerUrl{"validate_bearer_transport_url"};
 
+PyObject* own_validator = nullptr;
+
 [[noreturn]] void raise_invalid_key(const std::string& message) {
   python::raise(error_types().invalid_key, message.c_str());
 }
@@ -33,8 +35,8 @@ python::Error parse_error(std::size_t position) {
     case wallet::KeyFault::kEmpty:
       raise_invalid_key("Private key must not be empty");
     case wallet::KeyFault::kWrongLength:
-      raise_invalid_key("Private key must be 32 bytes (64 hex chars), got " + std::to_string(refusal.hex_digits) +
-                        " hex chars");
+      raise_invalid_key("Private key must be 32 bytes (64 hex chars), got " +
+                        std::to_string(refusal.hex_digits) + " hex chars");
     case wallet::KeyFault::kNotHex: {
       const python::Error cause = parse_error(refusal.position);
       const python::Handling handling(cause);
@@ -54,10 +56,22 @@ wallet::WalletKey read_private_key(PyObject* private_key) {
     PyErr_Format(PyExc_TypeError, "private_key must be str, not %.200s", Py_TYPE(private_key)->tp_name);
     throw python::Error::fetch();
   }
-  auto parsed = wallet::WalletKey::parse({PyUnicode_DATA(private_key), static_cast<int>(PyUnicode_KIND(private_key)),
-                                          static_cast<std::size_t>(PyUnicode_GET_LENGTH(private_key))});
+  auto parsed =
+      wallet::WalletKey::parse({PyUnicode_DATA(private_key), static_cast<int>(PyUnicode_KIND(private_key)),
+                                static_cast<std::size_t>(PyUnicode_GET_LENGTH(private_key))});
   if (const auto* refusal = std::get_if<wallet::KeyRefusal>(&parsed)) refuse_key(*refusal);
   return std::get<wallet::WalletKey>(std::move(parsed));
+}
+
+wallet::WalletKey read_constructor_key(PyObject* private_key) {
+  const Ref validator = python::global(names::validate_private_key);
+  // Read in place: the module's own function would leave a text of the key behind.
+  if (validator.get() == own_validator) return read_private_key(private_key);
+  return read_private_key(python::call(validator.get(), {private_key}).get());
+}
+
+void know_own_validator() {
+  own_validator = python::global(names::validate_private_key).release();
 }
 
 Ref validate_private_key(PyObject* private_key) {

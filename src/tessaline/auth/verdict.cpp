@@ -7,7 +7,9 @@
 namespace tessaline::auth {
 namespace {
 
-Verdict refuse(std::string_view why) { return {Outcome::kRefuse, why}; }
+Verdict refuse(std::string_view why) {
+  return {Outcome::kRefuse, why};
+}
 
 bool is_invite_reason(std::optional<std::string_view> server_reason) {
   return server_reason && std::ranges::find(kInviteReasons, *server_reason) != kInviteReasons.end();

@@ -7,13 +7,13 @@ namespace tessaline::auth {
 
 /// What an answer of the server means for the request that it answers.
 enum class Outcome {
-  kGiveBack,             ///< the caller gets the answer
-  kRefuse,               ///< AuthError with `reason`
-  kRefuseRegistration,   ///< RegistrationError with the server's reason
-  kProfileInvalid,       ///< ProfileError "validation_failed" with the server's message
-  kProfileRateLimited,   ///< ProfileError "rate_limited" with a retry hint
-  kWaitAsTold,           ///< try again after Retry-After, the back-off delay unchanged
-  kBackOff,              ///< try again after the back-off delay
+  kGiveBack,            ///< the caller gets the answer
+  kRefuse,              ///< AuthError with `reason`
+  kRefuseRegistration,  ///< RegistrationError with the server's reason
+  kProfileInvalid,      ///< ProfileError "validation_failed" with the server's message
+  kProfileRateLimited,  ///< ProfileError "rate_limited" with a retry hint
+  kWaitAsTold,          ///< try again after Retry-After, the back-off delay unchanged
+  kBackOff,             ///< try again after the back-off delay
 };
 
 struct Verdict {
@@ -25,8 +25,9 @@ struct Verdict {
 
 /// Classifies an answer by HTTP status, endpoint and the server's own reason (its "error" text, if any).
 ///
-/// A 403 is permanent only for a registration; 404, 409 and 410 come back only from a verification, where they
-/// mean a stale challenge; anything not named is taken for a passing fault.
-Verdict classify(long status, std::string_view path, bool is_verify, std::optional<std::string_view> server_reason);
+/// A 403 is permanent only for a registration; 404, 409 and 410 come back only from a verification, where
+/// they mean a stale challenge; anything not named is taken for a passing fault.
+Verdict classify(long status, std::string_view path, bool is_verify,
+                 std::optional<std::string_view> server_reason);
 
 }  // namespace tessaline::auth

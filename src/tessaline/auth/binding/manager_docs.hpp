@@ -5,19 +5,23 @@
 namespace tessaline::auth::binding::docs {
 
 inline constexpr char kType[] =
-    "AuthManager(private_key, server_url, *, invite_code=None, register_wallet=True, clock=None, _transport=None)\n"
+    "AuthManager(private_key, server_url, *, invite_code=None, register_wallet=True, clock=None, "
+    "_transport=None)\n"
     "--\n\n"
     "Client-side authentication manager with state machine and proactive refresh.\n\n"
-    "Logs one wallet in at one server, keeps its bearer token fresh on a background thread and hands it out to any\n"
+    "Logs one wallet in at one server, keeps its bearer token fresh on a background thread and hands it out "
+    "to any\n"
     "number of threads. Constructing makes no request and starts no thread; call authenticate() once, then\n"
     "get_token() before each request, and close() at the end (or use the manager as a context manager).\n\n"
     "Args:\n"
-    "    private_key: secp256k1 key, 64 hexadecimal digits, \"0x\" allowed. Kept in memory of its own, wiped on close.\n"
+    "    private_key: secp256k1 key, 64 hexadecimal digits, \"0x\" allowed. Kept in memory of its own, wiped "
+    "on close.\n"
     "    server_url: Base URL; https, or http to this machine.\n"
     "    invite_code: Sent with the registration; blanks around it and case do not matter.\n"
     "    register_wallet: Whether each login begins with a registration.\n"
     "    clock: Callable without arguments returning seconds; time.time() when None.\n"
-    "    _transport: Callable (method, url, headers=None, body=None) returning (status, headers, body bytes).\n\n"
+    "    _transport: Callable (method, url, headers=None, body=None) returning (status, headers, body "
+    "bytes).\n\n"
     "Raises:\n"
     "    InvalidKeyError: The key is not a valid private key.\n"
     "    ValueError: The URL is not fit to carry a bearer token.\n\n"
@@ -26,7 +30,8 @@ inline constexpr char kType[] =
 inline constexpr char kAuthenticate[] =
     "authenticate($self)\n--\n\n"
     "Full register -> challenge -> sign -> verify flow.\n\n"
-    "Of threads that call at once one runs the flow and the others wait for its outcome. An authenticated manager\n"
+    "Of threads that call at once one runs the flow and the others wait for its outcome. An authenticated "
+    "manager\n"
     "authenticates again; when that fails it stays usable with the token that it has. Starts the background\n"
     "renewal. Blocks for as long as the requests and their retries take.\n\n"
     "Raises:\n"
@@ -43,7 +48,8 @@ inline constexpr char kRequestWithRetry[] =
     "_request_with_retry($self, method, path, body_dict=None, headers=None,\n"
     "                    max_attempts=None, is_verify=False)\n--\n\n"
     "HTTP request with exponential backoff retry for temporary errors.\n\n"
-    "Returns (status, resp_headers, resp_body). Raises AuthError on permanent errors and NetworkError on exhausted\n"
+    "Returns (status, resp_headers, resp_body). Raises AuthError on permanent errors and NetworkError on "
+    "exhausted\n"
     "retries.";
 
 inline constexpr char kGetTime[] =
@@ -85,6 +91,94 @@ inline constexpr char kRefreshLoop[] =
 inline constexpr char kDoRefresh[] =
     "_do_refresh($self)\n--\n\n"
     "Perform a proactive token refresh.";
+
+inline constexpr char kGetToken[] =
+    "get_token($self)\n--\n\n"
+    "Return current valid JWT token, blocking during refresh.\n\n"
+    "Never logs in by itself. Cheap on a healthy manager: call it before each request instead of keeping the "
+    "token.\n"
+    "Waits while a re-authentication runs; past the refresh point at most 10 s for the refresh, past the "
+    "expiry 3 s\n"
+    "for one to begin.\n\n"
+    "Raises:\n"
+    "    AuthError: \"not_authenticated\", \"token_expired\", \"era_change_pending\", \"manager_closed\", or "
+    "the\n"
+    "        error with which the last renewal failed, as the same object.";
+
+inline constexpr char kPollForReauth[] =
+    "_poll_for_reauth($self, fallback_to_current_token)\n--\n\n"
+    "Poll up to 3s for the refresh thread to enter RE_AUTHENTICATING, then wait.\n\n"
+    "If fallback_to_current_token is True, returns the current token on poll timeout\n"
+    "(used when refresh_pending is set). Otherwise raises token_expired.";
+
+inline constexpr char kGetWalletSecret[] =
+    "get_wallet_secret($self)\n--\n\n"
+    "Return 32-byte wallet_secret (base64-decoded).\n\n"
+    "Never waits. During a re-authentication the previous value is returned.\n\n"
+    "Raises:\n"
+    "    AuthError: \"not_authenticated\" or \"manager_closed\".";
+
+inline constexpr char kGetWalletAddress[] =
+    "get_wallet_address($self)\n--\n\n"
+    "Return lowercase 0x-prefixed 42-char wallet address.\n\n"
+    "Answers in every state, after close() too.";
+
+inline constexpr char kGetTokenExpiry[] =
+    "get_token_expiry($self)\n--\n\n"
+    "Return token expiry as Unix timestamp.\n\n"
+    "In seconds on the manager's clock, counted locally from the moment the token was stored. Never "
+    "waits.\n\n"
+    "Raises:\n"
+    "    AuthError: \"not_authenticated\" or \"manager_closed\".";
+
+inline constexpr char kNotifyEraChange[] =
+    "notify_era_change($self, new_era_number)\n--\n\n"
+    "Trigger non-blocking background re-authentication for era transitions.\n\n"
+    "Once it has returned, no thread is served a token of an older era. While an authentication runs it only "
+    "raises\n"
+    "what that one must meet; a lower number never lowers it.\n\n"
+    "Args:\n"
+    "    new_era_number: Lowest era, from 1, that the next token must carry.\n\n"
+    "Raises:\n"
+    "    ValueError: The number is not positive.\n"
+    "    AuthError: \"manager_closed\" or \"not_authenticated\".\n"
+    "    RuntimeError: The background thread could not be started; nobody is left waiting for it.";
+
+inline constexpr char kBackgroundReauth[] =
+    "_background_reauth($self)\n--\n\n"
+    "Background re-authentication thread (era-change triggered).";
+
+inline constexpr char kSetDisplayName[] =
+    "set_display_name($self, display_name)\n--\n\n"
+    "Set or reset display name via profile endpoint.\n\n"
+    "Blocks like get_token(), and for the request and its retries.\n\n"
+    "Args:\n"
+    "    display_name: 3 to 32 letters, digits, blanks, \"-\" or \"_\" after blanks around it are removed; "
+    "None or \"\"\n"
+    "        resets the name.\n\n"
+    "Returns:\n"
+    "    The server's answer, or a dict of \"wallet_address\" and \"display_name\".\n\n"
+    "Raises:\n"
+    "    ValueError: The name breaks the rule; nothing was sent.\n"
+    "    ProfileError: \"validation_failed\" (with `message`) or \"rate_limited\" (with `retry_after`, "
+    "seconds).\n"
+    "    AuthError: As get_token(), or \"profile_unauthorized\".\n"
+    "    NetworkError: The server stayed unreachable.";
+
+inline constexpr char kClose[] =
+    "close($self)\n--\n\n"
+    "Stop refresh, clear sensitive material, transition to CLOSED.\n\n"
+    "Wakes every waiter, wipes the private key, forgets token and wallet secret. Takes at most about one "
+    "second, for\n"
+    "the refresh thread to end. May be called again, and from any thread.";
+
+inline constexpr char kEnter[] =
+    "__enter__($self)\n--\n\n"
+    "Return the manager; leaving the block closes it.";
+
+inline constexpr char kExit[] =
+    "__exit__($self, exc_type, exc_value, traceback)\n--\n\n"
+    "Close the manager.";
 
 inline constexpr char kPrivateKey[] =
     "The signing key as 64 hexadecimal digits, or None once wiped. Reading makes a text that the host owns.";

@@ -5,6 +5,7 @@
 #include "tessaline/auth/binding/manager_docs.hpp"
 #include "tessaline/auth/clock.hpp"
 #include "tessaline/auth/manager.hpp"
+#include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/instance.hpp"
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/request.hpp"
@@ -17,9 +18,13 @@ using python::Bound;
 using python::Ref;
 using python::Signature;
 
-AuthManager& manager_of(PyObject* self) { return *reinterpret_cast<AuthManager*>(self); }
+AuthManager& manager_of(PyObject* self) {
+  return *reinterpret_cast<AuthManager*>(self);
+}
 
-PyObject* or_none(PyObject* argument) { return argument == nullptr ? Py_None : argument; }
+PyObject* or_none(PyObject* argument) {
+  return argument == nullptr ? Py_None : argument;
+}
 
 constexpr Signature kInitSignature("AuthManager.__init__",
                                    {"private_key", "server_url", "invite_code", "register_wallet", "clock",
@@ -29,8 +34,9 @@ constexpr Signature kInitSignature("AuthManager.__init__",
 int initialise(PyObject* self, PyObject* arguments, PyObject* keywords) {
   return python::status_boundary([&] {
     const Bound given = kInitSignature.bind(arguments, keywords);
-    manager_of(self).construct(given[0], given[1], or_none(given[2]), given[3] == nullptr ? Py_True : given[3],
-                               or_none(given[4]), or_none(given[5]));
+    manager_of(self).construct(given[0], given[1], or_none(given[2]),
+                               given[3] == nullptr ? Py_True : given[3], or_none(given[4]),
+                               or_none(given[5]));
   });
 }
 
@@ -38,7 +44,7 @@ int clear(PyObject* self) {
   AuthManager& manager = manager_of(self);
   for (PyObject*& field : manager.fields) python::drop(std::exchange(field, nullptr));
   python::drop(std::exchange(manager.newest_refresh_thread, nullptr));
-  python::clear_instance_dict(self);
+  python::drop(std::exchange(manager.dict, nullptr));
   return 0;
 }
 
@@ -57,7 +63,8 @@ int traverse(PyObject* self, visitproc visit, void* arg) {
   AuthManager& manager = manager_of(self);
   for (PyObject* field : manager.fields) Py_VISIT(field);
   Py_VISIT(manager.newest_refresh_thread);
-  return PyObject_VisitManagedDict(self, visit, arg);
+  Py_VISIT(manager.dict);
+  return 0;
 }
 
 /// The entry from the host for a method without arguments.
@@ -83,20 +90,23 @@ constexpr PyMethodDef define(const char* name, const char* doc) {
           METH_FASTCALL | METH_KEYWORDS, doc};
 }
 
-constexpr Signature kHttpRequest("AuthManager._http_request", {"method", "path", "body_dict", "headers"}, 4, 2, 1);
+constexpr Signature kHttpRequest("AuthManager._http_request", {"method", "path", "body_dict", "headers"}, 4,
+                                 2, 1);
 Ref http_request_method(PyObject* self, const Bound& given) {
   return http_request(self, given[0], given[1], or_none(given[2]), or_none(given[3]));
 }
 
 constexpr Signature kRequestWithRetry("AuthManager._request_with_retry",
-                                      {"method", "path", "body_dict", "headers", "max_attempts", "is_verify"}, 6, 2,
-                                      1);
+                                      {"method", "path", "body_dict", "headers", "max_attempts", "is_verify"},
+                                      6, 2, 1);
 Ref request_with_retry_method(PyObject* self, const Bound& given) {
-  return request_with_retry(self, {given[0], given[1], or_none(given[2]), or_none(given[3]), or_none(given[4]),
-                                   given[5] != nullptr && python::truthy(given[5])});
+  return request_with_retry(self, {given[0], given[1], or_none(given[2]), or_none(given[3]),
+                                   or_none(given[4]), given[5] != nullptr && python::truthy(given[5])});
 }
 
-Ref get_time(PyObject* self, const Bound&) { return read_clock(self); }
+Ref get_time(PyObject* self, const Bound&) {
+  return read_clock(self);
+}
 constexpr Signature kGetTime("AuthManager._get_time", {}, 0, 0, 1);
 
 constexpr Signature kWaitWithClock("AuthManager._wait_with_clock", {"seconds"}, 1, 1, 1);
@@ -105,13 +115,53 @@ Ref wait_with_clock_method(PyObject* self, const Bound& given) {
   return Ref::none();
 }
 
-constexpr Signature kStoreAuthResult("AuthManager._store_auth_result", {"token", "wallet_secret_bytes"}, 2, 2, 1);
+constexpr Signature kStoreAuthResult("AuthManager._store_auth_result", {"token", "wallet_secret_bytes"}, 2, 2,
+                                     1);
 Ref store_auth_result(PyObject* self, const Bound& given) {
   return manager_of(self).store_auth_result(given[0], given[1]);
 }
 
 constexpr Signature kComputeRefreshAt("AuthManager._compute_refresh_at", {"auth_time"}, 1, 1, 1);
-Ref compute_refresh_at(PyObject* self, const Bound& given) { return manager_of(self).compute_refresh_at(given[0]); }
+Ref compute_refresh_at(PyObject* self, const Bound& given) {
+  return manager_of(self).compute_refresh_at(given[0]);
+}
+
+constexpr Signature kPollForReauth("AuthManager._poll_for_reauth", {"fallback_to_current_token"}, 1, 1, 1);
+Ref poll_for_reauth(PyObject* self, const Bound& given) {
+  return manager_of(self).poll_for_reauth(python::truthy(given[0]));
+}
+
+constexpr Signature kNotifyEraChange("AuthManager.notify_era_change", {"new_era_number"}, 1, 1, 1);
+Ref notify_era_change(PyObject* self, const Bound& given) {
+  return manager_of(self).notify_era_change(given[0]);
+}
+
+constexpr Signature kSetDisplayName("AuthManager.set_display_name", {"display_name"}, 1, 1, 1);
+Ref set_display_name(PyObject* self, const Bound& given) {
+  return manager_of(self).set_display_name(given[0]);
+}
+
+constexpr Signature kEnter("AuthManager.__enter__", {}, 0, 0, 1);
+Ref enter(PyObject* self, const Bound&) {
+  return Ref::borrow(self);
+}
+
+constexpr Signature kExit("AuthManager.__exit__", {"exc_type", "exc_value", "traceback"}, 3, 3, 1);
+Ref leave(PyObject* self, const Bound&) {
+  python::call_method(self, names::close);
+  return Ref::boolean(false);
+}
+
+PyObject* refuse_reduction(PyObject*, PyObject*) {
+  return python::boundary([]() -> Ref {
+    python::raise(PyExc_TypeError,
+                  "AuthManager cannot be pickled or copied: it holds a private key, locks and threads");
+  });
+}
+
+PyObject* represent(PyObject* self) {
+  return python::boundary([self] { return manager_of(self).represent(); });
+}
 
 PyMethodDef methods[] = {
     define<kHttpRequest, http_request_method>("_http_request", docs::kHttpRequest),
@@ -129,14 +179,30 @@ PyMethodDef methods[] = {
     define<&AuthManager::start_refresh>("_start_refresh", docs::kStartRefresh),
     define<&AuthManager::refresh_loop>("_refresh_loop", docs::kRefreshLoop),
     define<&AuthManager::do_refresh>("_do_refresh", docs::kDoRefresh),
+    define<&AuthManager::get_token>("get_token", docs::kGetToken),
+    define<kPollForReauth, poll_for_reauth>("_poll_for_reauth", docs::kPollForReauth),
+    define<&AuthManager::get_wallet_secret>("get_wallet_secret", docs::kGetWalletSecret),
+    define<&AuthManager::get_wallet_address>("get_wallet_address", docs::kGetWalletAddress),
+    define<&AuthManager::get_token_expiry>("get_token_expiry", docs::kGetTokenExpiry),
+    define<kNotifyEraChange, notify_era_change>("notify_era_change", docs::kNotifyEraChange),
+    define<&AuthManager::background_reauth>("_background_reauth", docs::kBackgroundReauth),
+    define<kSetDisplayName, set_display_name>("set_display_name", docs::kSetDisplayName),
+    define<&AuthManager::close>("close", docs::kClose),
+    define<kEnter, enter>("__enter__", docs::kEnter),
+    define<kExit, leave>("__exit__", docs::kExit),
+    {"__reduce__", refuse_reduction, METH_NOARGS, nullptr},
+    {"__reduce_ex__", refuse_reduction, METH_O, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };
 
 template <std::size_t... kIndices>
-constexpr std::array<PyMemberDef, kFieldCount + 1> field_members(std::index_sequence<kIndices...>) {
-  return {{{kFieldNames[kIndices], Py_T_OBJECT_EX,
-            static_cast<Py_ssize_t>(offsetof(AuthManager, fields) + kIndices * sizeof(PyObject*)), 0, nullptr}...,
-           {nullptr, 0, 0, 0, nullptr}}};
+constexpr std::array<PyMemberDef, kFieldCount + 2> field_members(std::index_sequence<kIndices...>) {
+  return {
+      {{kFieldNames[kIndices], Py_T_OBJECT_EX,
+        static_cast<Py_ssize_t>(offsetof(AuthManager, fields) + kIndices * sizeof(PyObject*)), 0, nullptr}...,
+       {"__dictoffset__", Py_T_PYSSIZET, static_cast<Py_ssize_t>(offsetof(AuthManager, dict)), Py_READONLY,
+        nullptr},
+       {nullptr, 0, 0, 0, nullptr}}};
 }
 
 auto members = field_members(std::make_index_sequence<kFieldCount>());
@@ -161,6 +227,7 @@ PyType_Slot slots[] = {
     {Py_tp_clear, reinterpret_cast<void*>(clear)},
     {Py_tp_dealloc, reinterpret_cast<void*>(deallocate)},
     {Py_tp_traverse, reinterpret_cast<void*>(traverse)},
+    {Py_tp_repr, reinterpret_cast<void*>(represent)},
     {Py_tp_methods, methods},
     {Py_tp_members, members.data()},
     {Py_tp_getset, properties},
@@ -172,8 +239,7 @@ PyType_Spec spec = {
     "tessaline.auth.AuthManager",
     static_cast<int>(sizeof(AuthManager)),
     0,
-    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_MANAGED_DICT |
-        Py_TPFLAGS_MANAGED_WEAKREF,
+    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_MANAGED_WEAKREF,
     slots,
 };
 
@@ -182,6 +248,7 @@ PyType_Spec spec = {
 void add_manager_type(PyObject* module) {
   const Ref type = python::checked(PyType_FromModuleAndSpec(module, &spec, nullptr));
   python::checked(PyModule_AddType(module, reinterpret_cast<PyTypeObject*>(type.get())));
+  know_host(reinterpret_cast<PyTypeObject*>(type.get()));
 }
 
 }  // namespace tessaline::auth::binding

@@ -9,6 +9,7 @@
 #include "tessaline/auth/manager.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/validation.hpp"
 
 namespace tessaline::auth::binding {
 namespace {
@@ -28,8 +29,9 @@ void refuse_other_interpreters() {
   PyInterpreterState* expected = nullptr;
   PyInterpreterState* const here = PyInterpreterState_Get();
   if (!home.compare_exchange_strong(expected, here) && expected != here) {
-    python::raise(PyExc_ImportError,
-                  "Interpreter change detected - this module can only be loaded into one interpreter per process.");
+    python::raise(
+        PyExc_ImportError,
+        "Interpreter change detected - this module can only be loaded into one interpreter per process.");
   }
   if (executed) {
     python::raise(PyExc_RuntimeError,
@@ -61,6 +63,7 @@ int execute(PyObject* module) {
     make_manager_texts();
     make_error_types(module);
     add_functions(module);
+    know_own_validator();
     add_active_manager_slot();
     add_active_manager_functions(module);
     add_manager_type(module);
@@ -89,8 +92,12 @@ PyModuleDef definition = {
 
 }  // namespace
 
-PyObject* module_definition() { return PyModuleDef_Init(&definition); }
+PyObject* module_definition() {
+  return PyModuleDef_Init(&definition);
+}
 
 }  // namespace tessaline::auth::binding
 
-PyMODINIT_FUNC PyInit_auth() { return tessaline::auth::binding::module_definition(); }
+PyMODINIT_FUNC PyInit_auth() {
+  return tessaline::auth::binding::module_definition();
+}

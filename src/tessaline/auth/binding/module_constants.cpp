@@ -20,7 +20,9 @@ void define(const char* name, const Ref& value) {
   python::checked(PyDict_SetItem(python::module_namespace(), key.get(), value.get()));
 }
 
-Ref interned_text(const char* value) { return python::checked(PyUnicode_InternFromString(value)); }
+Ref interned_text(const char* value) {
+  return python::checked(PyUnicode_InternFromString(value));
+}
 
 Ref frozen_set(std::span<const std::string_view> elements) {
   Ref made = python::checked(PyFrozenSet_New(nullptr));
@@ -61,7 +63,8 @@ void add_constants() {
 
 void add_active_manager_slot() {
   define("_active_auth_manager", Ref::none());
-  define("_active_auth_manager_lock", python::call_method(python::global(names::threading).get(), names::lock));
+  define("_active_auth_manager_lock",
+         python::call_method(python::global(names::threading).get(), names::lock));
 }
 
 }  // namespace tessaline::auth::binding

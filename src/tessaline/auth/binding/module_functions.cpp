@@ -14,7 +14,9 @@ using python::Bound;
 using python::Ref;
 using python::Signature;
 
-PyObject* or_none(PyObject* argument) { return argument == nullptr ? Py_None : argument; }
+PyObject* or_none(PyObject* argument) {
+  return argument == nullptr ? Py_None : argument;
+}
 
 /// The entry from the host for a function with this signature and body.
 template <const Signature& kSignature, Ref (*kBody)(const Bound&)>
@@ -38,25 +40,36 @@ PyObject* timeout_seconds(PyObject*, PyObject*) {
 }
 
 constexpr Signature kDecodePayload("_decode_jwt_payload_unverified", {"token"}, 1, 1, 0);
-Ref decode_payload(const Bound& given) { return decode_jwt_payload_unverified(given[0]); }
+Ref decode_payload(const Bound& given) {
+  return decode_jwt_payload_unverified(given[0]);
+}
 
-constexpr Signature kAssertSubject("_assert_token_subject_matches_wallet", {"token", "wallet_address"}, 2, 2, 0);
+constexpr Signature kAssertSubject("_assert_token_subject_matches_wallet", {"token", "wallet_address"}, 2, 2,
+                                   0);
 Ref assert_subject(const Bound& given) {
   assert_token_subject_matches_wallet(given[0], given[1]);
   return Ref::none();
 }
 
 constexpr Signature kValidateKey("_validate_private_key", {"private_key"}, 1, 1, 0);
-Ref validate_key(const Bound& given) { return validate_private_key(given[0]); }
+Ref validate_key(const Bound& given) {
+  return validate_private_key(given[0]);
+}
 
 constexpr Signature kValidateUrl("_validate_server_url", {"server_url"}, 1, 1, 0);
-Ref validate_url(const Bound& given) { return validate_server_url(given[0]); }
+Ref validate_url(const Bound& given) {
+  return validate_server_url(given[0]);
+}
 
 constexpr Signature kNormalizeInvite("_normalize_invite_code", {"invite_code"}, 1, 1, 0);
-Ref normalize_invite(const Bound& given) { return normalize_invite_code(given[0]); }
+Ref normalize_invite(const Bound& given) {
+  return normalize_invite_code(given[0]);
+}
 
 constexpr Signature kEraNumber("_jwt_era_number", {"token"}, 1, 1, 0);
-Ref era_number(const Bound& given) { return jwt_era_number(given[0]); }
+Ref era_number(const Bound& given) {
+  return jwt_era_number(given[0]);
+}
 
 constexpr Signature kSetActive("_set_active_auth_manager", {"manager"}, 1, 1, 0);
 Ref set_active(const Bound& given) {
@@ -75,7 +88,8 @@ PyMethodDef functions[] = {
         "_default_http_transport",
         "_default_http_transport($module, /, method, url, headers=None, body=None)\n--\n\n"
         "Default HTTP transport using urllib. Returns (status, resp_headers, body_bytes).\n\n"
-        "Keeps the conventions of urllib for redirects, trust and errors; connections are kept and reused by any\n"
+        "Keeps the conventions of urllib for redirects, trust and errors; connections are kept and reused by "
+        "any\n"
         "thread. The interpreter's lock is free during the exchange, and Ctrl-C ends it.\n\n"
         "Args:\n"
         "    method: HTTP method, sent as given.\n"
@@ -83,7 +97,8 @@ PyMethodDef functions[] = {
         "    headers: Mapping of str to str, or None.\n"
         "    body: str (sent as UTF-8), bytes or None.\n\n"
         "Returns:\n"
-        "    The status of any answer, error statuses included; a dict of its headers in the server's spelling, the\n"
+        "    The status of any answer, error statuses included; a dict of its headers in the server's "
+        "spelling, the\n"
         "    first of repeated ones; the whole body.\n\n"
         "Raises:\n"
         "    ConnectionError: Refused, reset, unreachable, unresolvable or cut off.\n"
@@ -91,7 +106,8 @@ PyMethodDef functions[] = {
         "    ssl.SSLError: TLS failed; ssl.SSLCertVerificationError for a certificate or host name.\n"
         "    http.client.BadStatusLine: The answer is not HTTP.\n"
         "    ValueError: Method, URL or headers cannot be sent."),
-    {"_auth_http_timeout_seconds", timeout_seconds, METH_NOARGS, "_auth_http_timeout_seconds($module, /)\n--\n\n"},
+    {"_auth_http_timeout_seconds", timeout_seconds, METH_NOARGS,
+     "_auth_http_timeout_seconds($module, /)\n--\n\n"},
     define<kDecodePayload, decode_payload>(
         "_decode_jwt_payload_unverified",
         "_decode_jwt_payload_unverified($module, /, token)\n--\n\n"
@@ -106,7 +122,8 @@ PyMethodDef functions[] = {
         "_validate_private_key($module, /, private_key)\n--\n\n"
         "Validate private key format and value. Returns normalized hex without 0x prefix.\n\n"
         "Raises:\n"
-        "    InvalidKeyError: Not 64 hexadecimal digits, or not strictly between 0 and the order of secp256k1\n"
+        "    InvalidKeyError: Not 64 hexadecimal digits, or not strictly between 0 and the order of "
+        "secp256k1\n"
         "        (SEC 2). The error never repeats the key."),
     define<kValidateUrl, validate_url>(
         "_validate_server_url",
@@ -123,7 +140,8 @@ PyMethodDef functions[] = {
         "_jwt_era_number($module, /, token)\n--\n\n"
         "Return integer era_number from a JWT payload, or None if it is unavailable.\n\n"
         "Raises:\n"
-        "    AuthError: \"era_mismatch\" for a claim that is no number, \"wallet_mismatch\" for an unreadable token."),
+        "    AuthError: \"era_mismatch\" for a claim that is no number, \"wallet_mismatch\" for an "
+        "unreadable token."),
     {nullptr, nullptr, 0, nullptr},
 };
 
@@ -149,7 +167,9 @@ PyMethodDef active_manager_functions[] = {
 
 }  // namespace
 
-void add_functions(PyObject* module) { python::checked(PyModule_AddFunctions(module, functions)); }
+void add_functions(PyObject* module) {
+  python::checked(PyModule_AddFunctions(module, functions));
+}
 
 void add_active_manager_functions(PyObject* module) {
   python::checked(PyModule_AddFunctions(module, active_manager_functions));

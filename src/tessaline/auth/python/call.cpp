@@ -50,8 +50,8 @@ bool compare(PyObject* a, PyObject* b, int operation) {
 
 Ref call(PyObject* callable, Arguments arguments, Keywords keywords) {
   Vector vector(nullptr, arguments, keywords);
-  return checked(
-      door([&] { return PyObject_Vectorcall(callable, vector.first(), vector.flags(), vector.names.get()); }));
+  return checked(door(
+      [&] { return PyObject_Vectorcall(callable, vector.first(), vector.flags(), vector.names.get()); }));
 }
 
 Ref call_method(PyObject* object, const Name& name, Arguments arguments, Keywords keywords) {
@@ -80,8 +80,12 @@ bool truthy(PyObject* object) {
   return checked(door([=] { return PyObject_IsTrue(object); })) != 0;
 }
 
-bool equal(PyObject* a, PyObject* b) { return compare(a, b, Py_EQ); }
-bool less(PyObject* a, PyObject* b) { return compare(a, b, Py_LT); }
+bool equal(PyObject* a, PyObject* b) {
+  return compare(a, b, Py_EQ);
+}
+bool less(PyObject* a, PyObject* b) {
+  return compare(a, b, Py_LT);
+}
 
 bool contains(PyObject* container, PyObject* element) {
   return checked(door([=] { return PySequence_Contains(container, element); })) != 0;

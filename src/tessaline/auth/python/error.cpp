@@ -41,6 +41,12 @@ void raise(PyObject* type, const char* message) {
   throw Error::fetch();
 }
 
+void clear_traceback(PyObject* exception) {
+  if (PyExceptionInstance_Check(exception)) {
+    checked(door([exception] { return PyException_SetTraceback(exception, Py_None); }));
+  }
+}
+
 Handling::Handling(const Error& error) noexcept : before_(Ref::steal(PyErr_GetHandledException())) {
   door([&error] { PyErr_SetHandledException(error.exception()); });
 }

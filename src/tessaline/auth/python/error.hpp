@@ -6,8 +6,8 @@
 
 namespace tessaline::auth::python {
 
-/// A host exception on its way through C++ frames. While it travels, the thread's own error indicator is clear,
-/// so that destructors may call the host. The exception keeps its identity.
+/// A host exception on its way through C++ frames. While it travels, the thread's own error indicator is
+/// clear, so that destructors may call the host. The exception keeps its identity.
 class Error {
  public:
   /// Takes the exception that the last call into the host raised.
@@ -37,8 +37,11 @@ int checked(int status);
 /// Raises a new `type(message)`.
 [[noreturn]] void raise(PyObject* type, const char* message);
 
-/// For its lifetime an exception counts as being handled, as inside an `except` block: what is raised meanwhile,
-/// by us or by the host, gets it as context.
+/// Forgets where `exception` has been raised so far.
+void clear_traceback(PyObject* exception);
+
+/// For its lifetime an exception counts as being handled, as inside an `except` block: what is raised
+/// meanwhile, by us or by the host, gets it as context.
 class Handling {
  public:
   explicit Handling(const Error& error) noexcept;

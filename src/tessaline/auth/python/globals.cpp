@@ -15,7 +15,9 @@ void keep_module(PyObject* module) noexcept {
   kept_namespace = PyModule_GetDict(module);
 }
 
-PyObject* module_namespace() noexcept { return kept_namespace; }
+PyObject* module_namespace() noexcept {
+  return kept_namespace;
+}
 
 Ref global(const Name& name) {
   Ref value = entry(kept_namespace, name);

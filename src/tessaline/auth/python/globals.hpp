@@ -14,8 +14,8 @@ void keep_module(PyObject* module) noexcept;
 /// The dict of that namespace, borrowed.
 PyObject* module_namespace() noexcept;
 
-/// A module-level name as it stands now, so that replacing it takes effect. Throws Error with a NameError where
-/// it is missing.
+/// A module-level name as it stands now, so that replacing it takes effect. Throws Error with a NameError
+/// where it is missing.
 Ref global(const Name& name);
 
 /// `name = value` at module level.

@@ -7,8 +7,8 @@
 
 namespace tessaline::auth::python {
 
-/// Completes a step that others wait for: what is no `Exception` (Ctrl-C on the main thread) does not stop it,
-/// but is raised when the step is done. The step must bear being repeated.
+/// Completes a step that others wait for: what is no `Exception` (Ctrl-C on the main thread) does not stop
+/// it, but is raised when the step is done. The step must bear being repeated.
 template <class Step>
 void insist(Step&& step) {
   static constexpr int kMostTries = 8;

@@ -4,10 +4,6 @@
 
 namespace tessaline::auth::python {
 
-void clear_instance_dict(PyObject* self) noexcept {
-  door([self] { PyObject_ClearManagedDict(self); });
-}
-
 void clear_weak_references(PyObject* self) noexcept {
   door([self] { PyObject_ClearWeakRefs(self); });
 }

@@ -13,9 +13,9 @@ namespace tessaline::auth::python {
 /// Runs `body`, in which the host may end this thread, and parks the thread when it does.
 ///
 /// A daemon thread that asks for the interpreter's lock during the interpreter's shutdown is ended by
-/// pthread_exit, which unwinds through every frame below it. Passing our frames would run destructors that drop
-/// references without the lock, and a noexcept function or a catch-all on the way aborts the process. Parking
-/// keeps the frames as they are until the process ends. `body` must own nothing.
+/// pthread_exit, which unwinds through every frame below it. Passing our frames would run destructors that
+/// drop references without the lock, and a noexcept function or a catch-all on the way aborts the process.
+/// Parking keeps the frames as they are until the process ends. `body` must own nothing.
 template <class Body>
 auto door(Body&& body) -> std::invoke_result_t<Body> {
   try {

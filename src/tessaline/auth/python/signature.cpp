@@ -7,7 +7,8 @@
 
 namespace tessaline::auth::python {
 
-Bound Signature::bind(PyObject* const* arguments, Py_ssize_t positional_count, PyObject* keyword_names) const {
+Bound Signature::bind(PyObject* const* arguments, Py_ssize_t positional_count,
+                      PyObject* keyword_names) const {
   Bound bound{};
   const auto given = static_cast<std::size_t>(positional_count);
   bind_positional(bound, arguments, std::min(given, positional_));
@@ -72,17 +73,21 @@ void Signature::raise_too_many(const Bound& bound, std::size_t given) const {
   const std::size_t most = positional_ + implicit_;
   const std::size_t least = required_ + implicit_;
   given += implicit_;
-  std::string takes = least == most ? "" : "from " + std::to_string(least) + " to ";
-  takes += std::to_string(most) + " positional argument" + (least == most && most == 1 ? "" : "s");
+  const auto keyword_only = std::count_if(bound.begin() + static_cast<std::ptrdiff_t>(positional_),
+                                          bound.end(), [](PyObject* value) { return value != nullptr; });
+  std::string takes;
+  if (least != most) takes.append("from ").append(std::to_string(least)).append(" to ");
+  takes.append(std::to_string(most))
+      .append(" positional argument")
+      .append(most == 1 && least == most ? "" : "s");
   std::string were = std::to_string(given);
-  const auto keyword_only = static_cast<std::size_t>(
-      std::count_if(bound.begin() + static_cast<std::ptrdiff_t>(positional_), bound.end(),
-                    [](PyObject* value) { return value != nullptr; }));
   if (keyword_only > 0) {
-    were += std::string(" positional argument") + (given == 1 ? "" : "s") + " (and " + std::to_string(keyword_only) +
-            " keyword-only argument" + (keyword_only == 1 ? "" : "s") + ")";
+    were.append(" positional argument").append(given == 1 ? "" : "s").append(" (and ");
+    were.append(std::to_string(keyword_only))
+        .append(" keyword-only argument")
+        .append(keyword_only == 1 ? ")" : "s)");
   }
-  were += given == 1 && keyword_only == 0 ? " was" : " were";
+  were.append(given == 1 && keyword_only == 0 ? " was" : " were");
   PyErr_Format(PyExc_TypeError, "%s() takes %s but %s given", name_, takes.c_str(), were.c_str());
   throw Error::fetch();
 }

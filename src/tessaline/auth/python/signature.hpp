@@ -14,9 +14,9 @@ inline constexpr std::size_t kMostParameters = 8;
 /// The arguments of one call in the order of the signature's parameters: borrowed, null where none was given.
 using Bound = std::array<PyObject*, kMostParameters>;
 
-/// The parameters of a function that the host calls: binds a call's arguments to them, or raises the TypeError
-/// that the interpreter raises for a function written in Python. Error texts name the function and its
-/// parameters, never a value.
+/// The parameters of a function that the host calls: binds a call's arguments to them, or raises the
+/// TypeError that the interpreter raises for a function written in Python. Error texts name the function and
+/// its parameters, never a value.
 class Signature {
  public:
   /// `name` is the qualified name without parentheses. The first `positional` parameters may be given by
@@ -33,7 +33,8 @@ class Signature {
     for (const char* parameter : parameters) parameters_[index++] = parameter;
   }
 
-  /// Arguments as the vectorcall convention passes them: values of `keyword_names` follow the positional ones.
+  /// Arguments as the vectorcall convention passes them: values of `keyword_names` follow the positional
+  /// ones.
   Bound bind(PyObject* const* arguments, Py_ssize_t positional_count, PyObject* keyword_names) const;
 
   /// Arguments as a tuple and a dict (or null).

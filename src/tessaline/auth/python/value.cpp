@@ -10,9 +10,13 @@ Ref text(std::string_view utf8) {
   return checked(PyUnicode_FromStringAndSize(utf8.data(), static_cast<Py_ssize_t>(utf8.size())));
 }
 
-Ref number(double value) { return checked(PyFloat_FromDouble(value)); }
+Ref number(double value) {
+  return checked(PyFloat_FromDouble(value));
+}
 
-Ref integer(long value) { return checked(PyLong_FromLong(value)); }
+Ref integer(long value) {
+  return checked(PyLong_FromLong(value));
+}
 
 Ref bytes(std::string_view data) {
   return checked(PyBytes_FromStringAndSize(data.data(), static_cast<Py_ssize_t>(data.size())));
@@ -73,6 +77,11 @@ std::string_view utf8_of(PyObject* text_object) {
 
 void set_entry(PyObject* dict, const Name& name, PyObject* value) {
   checked(PyDict_SetItem(dict, name.object(), value));
+}
+
+bool has_entry(PyObject* dict, const Name& name) {
+  PyObject* const name_object = name.object();
+  return checked(door([=] { return PyDict_Contains(dict, name_object); })) != 0;
 }
 
 Ref entry(PyObject* dict, const Name& name) {

@@ -40,6 +40,8 @@ std::string_view utf8_of(PyObject* text_object);
 
 void set_entry(PyObject* dict, const Name& name, PyObject* value);
 
+bool has_entry(PyObject* dict, const Name& name);
+
 /// The value of an entry of a dict, or an empty reference.
 Ref entry(PyObject* dict, const Name& name);
 

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <array>
+#include <memory>
+
+#include "tessaline/auth/http/deadline.hpp"
+#include "tessaline/auth/http/failure.hpp"
+#include "tessaline/auth/http/header_list.hpp"
+#include "tessaline/auth/http/redirect.hpp"
+#include "tessaline/auth/http/response_head.hpp"
+#include "tessaline/auth/http/session.hpp"
+
+namespace tessaline::auth::http {
+
+struct EasyCleanup {
+  void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+};
+
+/// One run of one exchange on one session. The connection is the session's, the easy handle is the attempt's
+/// own: one that is used again makes libcurl 7.88 read freed memory when a head starts with a continuation
+/// line.
+class Attempt {
+ public:
+  /// Both must outlive the attempt. Throws std::bad_alloc.
+  Attempt(Session& session, const Hop& hop);
+  ~Attempt();
+  Attempt(const Attempt&) = delete;
+  Attempt& operator=(const Attempt&) = delete;
+
+  /// Throws std::bad_alloc.
+  void prepare(const TrustStore& trust, const Deadline& deadline);
+  void use_fresh_connection();
+
+  /// True when there is a response, false when there is a fault. Throws std::bad_alloc, and TransportFailure
+  /// when the tick stops it.
+  bool run(const Tick& tick);
+
+  Response take_response() noexcept { return std::move(response_); }
+  const Fault& fault() const noexcept { return fault_; }
+
+  /// The peer had given a kept connection up before it took this request.
+  bool lost_idle_connection() const noexcept { return lost_idle_connection_; }
+
+ private:
+  template <typename Value>
+  void set(CURLoption option, Value value);
+
+  void set_connection_options(const Deadline& deadline);
+  void set_trust_options(const TrustStore& trust);
+  void set_request_options();
+  void set_callbacks();
+
+  bool head_was_all() const noexcept;
+  CURLcode drive(const Tick& tick);
+  void wait_for_activity(int milliseconds);
+  void call(const Tick& tick);
+  CURLcode result() const;
+  void examine(CURLcode code);
+  long info(CURLINFO which) const;
+
+  static std::size_t on_header(char* data, std::size_t size, std::size_t count, void* attempt) noexcept;
+  static std::size_t on_body(char* data, std::size_t size, std::size_t count, void* attempt) noexcept;
+
+  Session& session_;
+  const Hop& hop_;
+  HeaderList headers_;
+  std::array<char, CURL_ERROR_SIZE> reason_{};
+  std::unique_ptr<CURL, EasyCleanup> easy_;
+  ResponseHead head_;
+  Response response_;
+  Fault fault_;
+  bool out_of_memory_ = false;
+  bool lost_idle_connection_ = false;
+};
+
+}  // namespace tessaline::auth::http

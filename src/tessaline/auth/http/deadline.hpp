@@ -1,0 +1,30 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+
+namespace tessaline::auth::http {
+
+/// When a whole request must be over. Made from a time-out; one too long for libcurl to count is none.
+class Deadline {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  explicit Deadline(std::optional<std::chrono::duration<double>> timeout,
+                    Clock::time_point now = Clock::now());
+
+  bool bounded() const noexcept { return end_.has_value(); }
+  bool passed(Clock::time_point now = Clock::now()) const noexcept;
+
+  /// What is left, never less than one millisecond: zero would mean "no bound" to libcurl.
+  std::chrono::milliseconds left(Clock::time_point now = Clock::now()) const noexcept;
+
+  /// As asked for, for messages.
+  double seconds() const noexcept { return seconds_; }
+
+ private:
+  std::optional<Clock::time_point> end_;
+  double seconds_ = 0;
+};
+
+}  // namespace tessaline::auth::http

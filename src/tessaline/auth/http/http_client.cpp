@@ -1,0 +1,29 @@
+#include "tessaline/auth/http/http_client.hpp"
+
+#include "tessaline/auth/http/deadline.hpp"
+#include "tessaline/auth/http/exchange.hpp"
+#include "tessaline/auth/http/process.hpp"
+#include "tessaline/auth/http/redirect.hpp"
+#include "tessaline/auth/http/request_check.hpp"
+
+namespace tessaline::auth::http {
+
+Response perform(const Request& request, const Tick& tick) {
+  Hop hop;
+  hop.url = check_request(request);
+  hop.method = request.method;
+  hop.headers = request.headers;
+  if (request.body) hop.body = &*request.body;
+
+  const Deadline deadline(request.timeout);
+  const process::Inside inside;
+  RedirectTrail trail;
+  for (;;) {
+    Response response = exchange(hop, request.trust, deadline, tick);
+    std::optional<Hop> next = trail.next(hop, response);
+    if (!next) return response;
+    hop = std::move(*next);
+  }
+}
+
+}  // namespace tessaline::auth::http

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <unordered_set>
+
+#include "tessaline/auth/http/http_client.hpp"
+
+namespace tessaline::auth::http {
+
+/// Collects the fields of the last head among the lines that libcurl hands over: heads of interim answers are
+/// forgotten when the next one starts, lines after the final head (trailers) are passed over.
+class ResponseHead {
+ public:
+  /// False when the line cannot belong to an answer to an HTTP/1 request.
+  bool add_line(std::string_view line);
+
+  bool begun() const noexcept { return state_ != State::kNothing; }
+  bool complete() const noexcept { return state_ == State::kComplete; }
+  bool interim() const noexcept { return interim_; }
+  Headers take_fields() noexcept { return std::move(fields_); }
+
+ private:
+  enum class State { kNothing, kFields, kComplete };
+
+  bool start(std::string_view status_line);
+  void add_field(std::string_view line);
+  void continue_field(std::string_view line);
+
+  State state_ = State::kNothing;
+  Headers fields_;
+  std::unordered_set<std::string> names_;  // in lower case
+  bool last_kept_ = false;
+  bool interim_ = false;
+};
+
+}  // namespace tessaline::auth::http

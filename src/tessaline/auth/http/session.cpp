@@ -1,0 +1,79 @@
+#include "tessaline/auth/http/session.hpp"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include "tessaline/auth/http/process.hpp"
+
+namespace tessaline::auth::http {
+namespace {
+
+constexpr std::size_t kUsualSockets = 8;
+
+}  // namespace
+
+Session::Session() : generation_(process::generation()) {
+  sockets_.reserve(kUsualSockets);
+  multi_ = curl_multi_init();
+  if (multi_ == nullptr || curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 1L) != CURLM_OK) {
+    curl_multi_cleanup(multi_);
+    throw std::bad_alloc();
+  }
+}
+
+Session::~Session() {
+  curl_multi_cleanup(multi_);
+}
+
+bool Session::belongs_to_this_process() const noexcept {
+  return generation_ == process::generation();
+}
+
+CURLcode Session::track_sockets_of(CURL* easy) noexcept {
+  for (const CURLcode code : {curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &Session::open_socket),
+                              curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this),
+                              curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &Session::close_socket),
+                              curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this)}) {
+    if (code != CURLE_OK) return code;
+  }
+  return CURLE_OK;
+}
+
+bool Session::take_out_of_memory() noexcept {
+  return std::exchange(out_of_memory_, false);
+}
+
+void Session::abandon() noexcept {
+  for (const curl_socket_t descriptor : sockets_) close(descriptor);
+  sockets_.clear();
+}
+
+curl_socket_t Session::open_socket(void* session, curlsocktype, curl_sockaddr* address) noexcept {
+  auto& self = *static_cast<Session*>(session);
+  // A fork comes before or after, never between, so the child closes all that it inherits.
+  const std::lock_guard lock(process::mutex());
+  const curl_socket_t descriptor =
+      socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (descriptor < 0) return CURL_SOCKET_BAD;
+  try {
+    self.sockets_.push_back(descriptor);
+  } catch (const std::bad_alloc&) {
+    close(descriptor);
+    self.out_of_memory_ = true;
+    return CURL_SOCKET_BAD;
+  }
+  return descriptor;
+}
+
+int Session::close_socket(void* session, curl_socket_t descriptor) noexcept {
+  auto& self = *static_cast<Session*>(session);
+  const std::lock_guard lock(process::mutex());
+  std::erase(self.sockets_, descriptor);
+  return close(descriptor);
+}
+
+}  // namespace tessaline::auth::http

@@ -1,0 +1,96 @@
+#include "tessaline/auth/manager.hpp"
+#include "tessaline/auth/names.hpp"
+#include "tessaline/auth/python/python.hpp"
+
+// `get_token` in front of every request of the host: a healthy manager on the default clock is served from
+// one look at its fields. Under the interpreter's lock, with `_lock` free, that look cannot be told from one
+// under
+// `_lock`. Whatever is not plainly healthy takes the full path.
+
+namespace tessaline::auth {
+namespace {
+
+/// Host facilities whose behaviour is known and which may therefore be read without calling them.
+struct KnownHost {
+  PyObject* wall_clock = nullptr;      ///< `time.time`
+  PyTypeObject* lock_type = nullptr;   ///< of `threading.Lock()`
+  PyCFunction lock_is_held = nullptr;  ///< its method `locked`
+  PyTypeObject* manager_type = nullptr;
+};
+
+KnownHost host;
+
+/// The class that was last found to leave the methods on the full path as they are, as it stood then.
+PyTypeObject* plain_type = nullptr;
+unsigned int plain_version = 0;
+
+Ref class_attribute(PyTypeObject* type, const python::Name& name) {
+  return python::attribute(reinterpret_cast<PyObject*>(type), name);
+}
+
+bool keeps_methods(PyTypeObject* type) {
+  static PyObject* const own_get_time = class_attribute(host.manager_type, names::get_time).release();
+  static PyObject* const own_guard =
+      class_attribute(host.manager_type, names::raise_if_pending_era_locked).release();
+  return class_attribute(type, names::get_time).get() == own_get_time &&
+         class_attribute(type, names::raise_if_pending_era_locked).get() == own_guard;
+}
+
+bool is_plain(PyTypeObject* type) {
+  if (type == plain_type && type->tp_version_tag == plain_version && plain_version != 0) return true;
+  if (!keeps_methods(type)) return false;
+  plain_type = type;
+  plain_version = type->tp_version_tag;
+  return true;
+}
+
+/// Whether the instance itself replaces one of those methods.
+bool is_patched(PyObject* dict) {
+  return dict != nullptr && PyDict_GET_SIZE(dict) != 0 &&
+         (python::has_entry(dict, names::get_time) ||
+          python::has_entry(dict, names::raise_if_pending_era_locked));
+}
+
+bool is_free(PyObject* lock) {
+  return lock != nullptr && host.lock_is_held != nullptr && Py_IS_TYPE(lock, host.lock_type) &&
+         host.lock_is_held(lock, nullptr) == Py_False;
+}
+
+bool is_after(PyObject* instant, double now) {
+  return instant != nullptr && PyFloat_CheckExact(instant) && now < PyFloat_AS_DOUBLE(instant);
+}
+
+}  // namespace
+
+void know_host(PyTypeObject* manager_type) {
+  host.manager_type = manager_type;
+  host.wall_clock = python::attribute(python::global(names::time).get(), names::wall_clock).release();
+  const Ref lock = python::call_method(python::global(names::threading).get(), names::lock);
+  host.lock_type = Py_TYPE(lock.get());
+  const Ref method = python::attribute(reinterpret_cast<PyObject*>(host.lock_type), names::locked);
+  if (Py_IS_TYPE(method.get(), &PyMethodDescr_Type)) {
+    const PyMethodDef* definition = reinterpret_cast<PyMethodDescrObject*>(method.get())->d_method;
+    if (definition->ml_flags == METH_NOARGS) host.lock_is_held = definition->ml_meth;
+  }
+  Py_INCREF(host.lock_type);
+}
+
+Ref AuthManager::token_if_healthy() {
+  const auto field = [this](Field name) { return fields[static_cast<std::size_t>(name)]; };
+  const bool looks_healthy = field(Field::kState) == state_text(State::kAuthenticated) &&
+                             field(Field::kPendingEraNumber) == Py_None &&
+                             field(Field::kPermanentRefreshError) == Py_False &&
+                             field(Field::kClock) == host.wall_clock && is_free(field(Field::kLock)) &&
+                             !is_patched(dict) && is_plain(Py_TYPE(object()));
+  if (!looks_healthy) return {};
+  PyTime_t now;
+  if (PyTime_TimeRaw(&now) != 0) return {};
+  const double seconds = PyTime_AsSecondsDouble(now);
+  PyObject* const token = field(Field::kToken);
+  const bool fresh =
+      is_after(field(Field::kTokenExpiry), seconds) && is_after(field(Field::kRefreshAt), seconds);
+  if (!fresh || token == nullptr || token == Py_None) return {};
+  return Ref::borrow(token);
+}
+
+}  // namespace tessaline::auth

@@ -1,0 +1,315 @@
+#include <utility>
+
+#include "tessaline/auth/errors.hpp"
+#include "tessaline/auth/manager.hpp"
+#include "tessaline/auth/names.hpp"
+#include "tessaline/auth/python/python.hpp"
+
+namespace tessaline::auth {
+namespace {
+
+constexpr double kRefreshDoneSeconds = 10.0;
+constexpr int kPollPasses = 30;
+constexpr double kPollSeconds = 0.1;
+
+/// The fields on which a call of `get_token` decides, read at one go.
+struct Snapshot {
+  State state;
+  Ref token;
+  Ref token_expiry;
+  bool permanent_error;
+  Ref auth_event;
+  Ref reauth_mode;
+  Ref pending_era;
+  Ref auth_error;
+};
+
+Snapshot take_snapshot(const AuthManager& manager) {
+  const python::ScopedLock lock(manager.get(Field::kLock));
+  return {manager.state(),
+          manager.get(Field::kToken),
+          manager.get(Field::kTokenExpiry),
+          manager.is_true(Field::kPermanentRefreshError),
+          manager.get(Field::kAuthEvent),
+          manager.get(Field::kReauthMode),
+          manager.get(Field::kPendingEraNumber),
+          manager.get(Field::kAuthError)};
+}
+
+bool is_proactive(PyObject* mode) {
+  return mode == proactive_mode() || python::equal(mode, proactive_mode());
+}
+
+void raise_stored_error(const AuthManager& manager) {
+  const Ref failure = manager.get(Field::kAuthError);
+  if (!failure.is_none()) raise_again(failure.get());
+}
+
+void raise_if_pending_era(AuthManager& manager) {
+  manager.call_own(names::raise_if_pending_era_locked);
+}
+
+void raise_if_renewal_is_hopeless(const AuthManager& manager) {
+  if (manager.is_true(Field::kPermanentRefreshError)) raise_auth_error(reason::kTokenExpired);
+}
+
+/// One call of `get_token` on the full path.
+class Serving {
+ public:
+  explicit Serving(AuthManager& manager) : manager_(manager), seen_(take_snapshot(manager)) {}
+
+  Ref run() {
+    switch (seen_.state) {
+      case State::kClosed:
+        raise_auth_error(reason::kManagerClosed);
+      case State::kAuthenticating:
+      case State::kReAuthenticating:
+        if (Ref token = token_while_refresh_backs_off()) return token;
+        return token_after_running_authentication();
+      case State::kAuthenticated:
+        return token_of_authenticated();
+      case State::kUninitialized:
+      case State::kUnknown:
+        break;
+    }
+    raise_auth_error(reason::kNotAuthenticated);
+  }
+
+ private:
+  /// The old token while it is good and a scheduled refresh only waits for a server that is away; else empty.
+  Ref token_while_refresh_backs_off() {
+    const bool may_serve = is_proactive(seen_.reauth_mode.get()) && seen_.pending_era.is_none() &&
+                           manager_.is_true(Field::kInTransientBackoff) && !seen_.token.is_none() &&
+                           !seen_.token_expiry.is_none() && !seen_.permanent_error;
+    if (!may_serve) return {};
+    const Ref now = manager_.call_own(names::get_time);
+    if (!python::less(now.get(), seen_.token_expiry.get())) return {};
+    const python::ScopedLock lock(manager_.get(Field::kLock));
+    manager_.raise_if_closed();
+    return backing_off_still(now.get()) ? manager_.get(Field::kToken) : Ref();
+  }
+
+  bool backing_off_still(PyObject* now) const {
+    return manager_.state() == State::kReAuthenticating &&
+           is_proactive(manager_.get(Field::kReauthMode).get()) &&
+           manager_.is_none(Field::kPendingEraNumber) && manager_.is_none(Field::kAuthError) &&
+           manager_.get(Field::kAuthEvent).get() == seen_.auth_event.get() &&
+           manager_.is_true(Field::kInTransientBackoff) &&
+           python::equal(manager_.get(Field::kToken).get(), seen_.token.get()) &&
+           !manager_.is_none(Field::kTokenExpiry) &&
+           python::less(now, manager_.get(Field::kTokenExpiry).get()) &&
+           !manager_.is_true(Field::kPermanentRefreshError);
+  }
+
+  Ref token_after_running_authentication() {
+    if (!seen_.auth_event.is_none()) python::call_method(seen_.auth_event.get(), names::wait);
+    {
+      const python::ScopedLock lock(manager_.get(Field::kLock));
+      manager_.raise_if_closed();
+      raise_if_pending_era(manager_);
+      raise_stored_error(manager_);
+      raise_if_renewal_is_hopeless(manager_);
+      Ref token = manager_.get(Field::kToken);
+      if (!token.is_none()) return token;
+    }
+    raise_auth_error(reason::kTokenExpired);
+  }
+
+  Ref token_of_authenticated() {
+    if (!seen_.pending_era.is_none()) {
+      if (!seen_.auth_error.is_none()) raise_again(seen_.auth_error.get());
+      raise_auth_error(reason::kEraChangePending);
+    }
+    const Ref now = manager_.call_own(names::get_time);
+    const bool expired = !seen_.token_expiry.is_none() && !python::less(now.get(), seen_.token_expiry.get());
+    if (expired) return token_after_expiry(now.get());
+    if (const Ref auth_time = auth_time_if_refresh_due(now.get())) return token_after_nudge(auth_time.get());
+    if (seen_.token.is_none()) raise_auth_error(reason::kNotAuthenticated);
+    return confirmed_token();
+  }
+
+  Ref token_after_expiry(PyObject* now) {
+    if (seen_.permanent_error) raise_auth_error(reason::kTokenExpired);
+    // A refresh thread that slept through a suspension of the machine learns of the expiry only so.
+    manager_.set_event(Field::kRefreshEvent);
+    {
+      const python::ScopedLock lock(manager_.get(Field::kLock));
+      if (Ref token = manager_.renewed_token(seen_.token.get(), now)) return token;
+    }
+    const Ref fallback = Ref::boolean(manager_.event_is_set(Field::kRefreshPending));
+    return python::call_method(manager_.object(), names::poll_for_reauth, {},
+                               {{names::fallback_to_current_token, fallback.get()}});
+  }
+
+  /// When the token was stored, if its refresh point has come; else empty.
+  Ref auth_time_if_refresh_due(PyObject* now) {
+    Ref auth_time;
+    Ref refresh_at;
+    {
+      const python::ScopedLock lock(manager_.get(Field::kLock));
+      auth_time = manager_.get(Field::kAuthTime);
+      refresh_at = manager_.get(Field::kRefreshAt);
+    }
+    const bool due = !auth_time.is_none() && !refresh_at.is_none() && !python::less(now, refresh_at.get());
+    return due ? std::move(auth_time) : Ref();
+  }
+
+  Ref token_after_nudge(PyObject* auth_time) {
+    manager_.set_event(Field::kRefreshEvent);
+    if (!stored_since(auth_time)) {
+      python::call_method(manager_.get(Field::kRefreshDone).get(), names::wait, {},
+                          {{names::timeout, python::number(kRefreshDoneSeconds).get()}});
+    }
+    {
+      const python::ScopedLock lock(manager_.get(Field::kLock));
+      manager_.raise_if_closed();
+      raise_if_pending_era(manager_);
+      raise_if_renewal_is_hopeless(manager_);
+      Ref token = manager_.get(Field::kToken);
+      if (!token.is_none()) return token;
+    }
+    raise_auth_error(reason::kTokenExpired);
+  }
+
+  /// Whether the refresh asked for has come and gone already, its signal with it.
+  bool stored_since(PyObject* auth_time) {
+    const python::ScopedLock lock(manager_.get(Field::kLock));
+    return !python::equal(manager_.get(Field::kAuthTime).get(), auth_time);
+  }
+
+  Ref confirmed_token() {
+    Ref running;
+    for (;;) {
+      if (running) python::call_method(running.get(), names::wait);
+      const python::ScopedLock lock(manager_.get(Field::kLock));
+      manager_.raise_if_closed();
+      if (manager_.state() == State::kReAuthenticating) {
+        running = event_of_running_authentication();
+        continue;
+      }
+      raise_if_pending_era(manager_);
+      raise_if_renewal_is_hopeless(manager_);
+      if (manager_.state() != State::kAuthenticated) raise_auth_error(reason::kNotAuthenticated);
+      Ref token = manager_.get(Field::kToken);
+      if (!token.is_none()) return token;
+      break;
+    }
+    raise_auth_error(reason::kNotAuthenticated);
+  }
+
+  Ref event_of_running_authentication() {
+    Ref event = manager_.get(Field::kAuthEvent);
+    if (event.is_none()) raise_auth_error(reason::kTokenExpired);
+    if (python::truthy(python::call_method(event.get(), names::is_set).get())) {
+      raise_if_pending_era(manager_);
+      raise_stored_error(manager_);
+      raise_auth_error(reason::kTokenExpired);
+    }
+    return event;
+  }
+
+  AuthManager& manager_;
+  const Snapshot seen_;
+};
+
+/// What a pass of the poll finds.
+struct Sighting {
+  bool reauthenticating = false;
+  Ref event;
+  Ref token;  ///< a renewed one, to be served at once
+};
+
+Sighting look_for_reauth(AuthManager& manager, PyObject* old_token) {
+  const python::ScopedLock lock(manager.get(Field::kLock));
+  if (manager.state() == State::kReAuthenticating) return {true, manager.get(Field::kAuthEvent), {}};
+  raise_if_renewal_is_hopeless(manager);
+  manager.raise_if_closed();
+  return {false, {}, manager.renewed_token(old_token, nullptr)};
+}
+
+Ref token_after_poll_ran_out(AuthManager& manager, bool fallback_to_current_token) {
+  {
+    const python::ScopedLock lock(manager.get(Field::kLock));
+    raise_if_pending_era(manager);
+    raise_if_renewal_is_hopeless(manager);
+    Ref token = manager.get(Field::kToken);
+    if (fallback_to_current_token && !token.is_none()) return token;
+  }
+  raise_auth_error(reason::kTokenExpired);
+}
+
+Ref token_after_reauth(AuthManager& manager, PyObject* event) {
+  if (event != Py_None) python::call_method(event, names::wait);
+  {
+    const python::ScopedLock lock(manager.get(Field::kLock));
+    manager.raise_if_closed();
+    raise_if_pending_era(manager);
+    raise_if_renewal_is_hopeless(manager);
+    Ref token = manager.get(Field::kToken);
+    if (!token.is_none()) return token;
+  }
+  raise_auth_error(reason::kTokenExpired);
+}
+
+/// The value of a field that only an authenticated manager hands out.
+Ref credential(AuthManager& manager, Field field) {
+  State state;
+  {
+    const python::ScopedLock lock(manager.get(Field::kLock));
+    state = manager.state();
+  }
+  if (state == State::kClosed) raise_auth_error(reason::kManagerClosed);
+  if (state == State::kUninitialized || state == State::kAuthenticating) {
+    raise_auth_error(reason::kNotAuthenticated);
+  }
+  const python::ScopedLock lock(manager.get(Field::kLock));
+  Ref value = manager.get(field);
+  if (value.is_none()) raise_auth_error(reason::kNotAuthenticated);
+  return value;
+}
+
+}  // namespace
+
+Ref AuthManager::get_token() {
+  if (Ref token = token_if_healthy()) return token;
+  return Serving(*this).run();
+}
+
+Ref AuthManager::renewed_token(PyObject* old_token, PyObject* now) {
+  if (state() != State::kAuthenticated || !is_none(Field::kPendingEraNumber)) return {};
+  if (is_true(Field::kPermanentRefreshError)) return {};
+  Ref token = get(Field::kToken);
+  const Ref expiry = get(Field::kTokenExpiry);
+  if (token.is_none() || expiry.is_none() || python::equal(token.get(), old_token)) return {};
+  const Ref present = now == nullptr ? call_own(names::get_time) : Ref::borrow(now);
+  return python::less(present.get(), expiry.get()) ? std::move(token) : Ref();
+}
+
+Ref AuthManager::poll_for_reauth(bool fallback_to_current_token) {
+  Ref old_token;
+  {
+    const python::ScopedLock lock(get(Field::kLock));
+    old_token = get(Field::kToken);
+  }
+  const Ref time_module = python::global(names::time);
+  const Ref step = python::number(kPollSeconds);
+  for (int pass = 0; pass < kPollPasses; ++pass) {
+    python::call_method(time_module.get(), names::sleep, {step.get()});
+    Sighting sighting = look_for_reauth(*this, old_token.get());
+    if (sighting.reauthenticating) return token_after_reauth(*this, sighting.event.get());
+    if (sighting.token) return std::move(sighting.token);
+  }
+  return token_after_poll_ran_out(*this, fallback_to_current_token);
+}
+
+Ref AuthManager::get_wallet_secret() {
+  return credential(*this, Field::kWalletSecret);
+}
+Ref AuthManager::get_token_expiry() {
+  return credential(*this, Field::kTokenExpiry);
+}
+Ref AuthManager::get_wallet_address() {
+  return get(Field::kWalletAddress);
+}
+
+}  // namespace tessaline::auth

@@ -1,0 +1,63 @@
+#include <utility>
+
+#include "tessaline/auth/errors.hpp"
+#include "tessaline/auth/manager.hpp"
+#include "tessaline/auth/names.hpp"
+#include "tessaline/auth/python/python.hpp"
+
+namespace tessaline::auth {
+namespace {
+
+constexpr double kJoinSeconds = 1.0;
+
+/// False when the manager is closed already.
+bool enter_closed(AuthManager& manager) {
+  const python::ScopedLock lock(manager.get(Field::kLock));
+  if (manager.closed()) return false;
+  manager.set_state(State::kClosed);
+  manager.set(Field::kReauthMode, Ref::none());
+  manager.set(Field::kPendingEraNumber, Ref::none());
+  return true;
+}
+
+void wake_waiters(AuthManager& manager) {
+  const python::ScopedLock lock(manager.get(Field::kLock));
+  if (manager.is_none(Field::kAuthEvent)) return;
+  manager.set(Field::kAuthError, new_auth_error(reason::kManagerClosed));
+  manager.set_event(Field::kAuthEvent);
+}
+
+void forget_credentials(AuthManager& manager) {
+  manager.wipe_key();
+  for (const Field field : {Field::kToken, Field::kWalletSecret, Field::kTokenIat, Field::kTokenExpiry}) {
+    manager.set(field, Ref::none());
+  }
+}
+
+void join_refresh_thread(AuthManager& manager) {
+  const Ref thread = manager.get(Field::kRefreshThread);
+  const Ref here = python::call_method(python::global(names::threading).get(), names::current_thread);
+  if (!thread.is_none() && thread.get() != here.get()) {
+    python::call_method(thread.get(), names::join, {},
+                        {{names::timeout, python::number(kJoinSeconds).get()}});
+  }
+  manager.set(Field::kRefreshThread, Ref::none());
+}
+
+}  // namespace
+
+Ref AuthManager::close() {
+  if (!enter_closed(*this)) return Ref::none();
+  // The refresh thread is woken last, when it can see why. A caller that waits for a refresh has none to wait
+  // for.
+  for (const Field event :
+       {Field::kCloseEvent, Field::kRefreshStop, Field::kRefreshEvent, Field::kRefreshDone}) {
+    set_event(event);
+  }
+  wake_waiters(*this);
+  forget_credentials(*this);
+  join_refresh_thread(*this);
+  return Ref::none();
+}
+
+}  // namespace tessaline::auth
