@@ -66,7 +66,8 @@ def _split(url: str) -> SplitResult:
 def _host(parts: SplitResult) -> str:
     host = parts.hostname or ""
     if parts.netloc.startswith("["):
-        valid = "%" not in host and _address(host) is not None
+        rest = parts.netloc.partition("]")[2]
+        valid = "%" not in host and _address(host) is not None and (not rest or rest.startswith(":"))
     elif ":" in host or _looks_numeric(host):
         valid = _address(host) is not None
     else:

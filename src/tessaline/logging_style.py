@@ -1,7 +1,5 @@
 """How the package writes to the log: one hook, called wherever a library surface has something to report."""
 
-from __future__ import annotations
-
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     import logging
@@ -9,10 +7,10 @@ if TYPE_CHECKING:
 
 __all__ = ["log_library_surface_event"]
 
-_logger: logging.Logger | None = None
+_logger: "logging.Logger | None" = None
 
 
-def _library_logger() -> logging.Logger:
+def _library_logger() -> "logging.Logger":
     """The logger "tessaline", silent until the host configures logging."""
     global _logger
     if _logger is None:
@@ -32,7 +30,7 @@ def log_library_surface_event(
     *,
     sub_service: str | None = None,
     component: str | None = None,
-    metadata: Mapping[str, object] | None = None,
+    metadata: "Mapping[str, object] | None" = None,
     source_function: str | None = None,
     source_file: str | None = None,
     source_line: int | None = None,

@@ -1,7 +1,8 @@
 #include "tessaline/auth/clock.hpp"
 
-#include <cmath>
 #include <limits>
+#include <optional>
+#include <utility>
 
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
@@ -25,11 +26,10 @@ double monotonic(PyObject* time_module) {
 
 /// A delay too large for a float, such as a server may ask for, never ends by itself.
 Ref deadline_after(PyObject* start, PyObject* seconds) {
-  try {
-    return python::add(start, seconds);
-  } catch (python::Error& error) {
-    if (!error.matches(PyExc_OverflowError)) throw;
-  }
+  Ref deadline;
+  std::optional<python::Error> failure = python::caught([&] { deadline = python::add(start, seconds); });
+  if (!failure) return deadline;
+  if (!failure->matches(PyExc_OverflowError)) throw std::move(*failure);
   return python::number(std::numeric_limits<double>::infinity());
 }
 

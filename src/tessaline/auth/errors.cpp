@@ -101,13 +101,9 @@ void raise_auth_error(std::string_view reason_text) {
   python::raise(new_auth_error(reason_text).get());
 }
 
-void raise_again(PyObject* error) {
-  python::clear_traceback(error);
-  python::raise(error);
-}
-
 void raise_network_error(const char* prefix, PyObject* attempts) {
-  Ref message = python::checked(PyUnicode_FromFormat("%s%S attempts", prefix, attempts));
+  const Ref count = python::text_of(attempts);
+  Ref message = python::checked(PyUnicode_FromFormat("%s%U attempts", prefix, count.get()));
   python::raise(python::call(types.network, {message.get()}).get());
 }
 

@@ -30,10 +30,6 @@ python::Ref new_auth_error(PyObject* reason_text);
 
 [[noreturn]] void raise_auth_error(std::string_view reason);
 
-/// Raises a stored error again, as the same object. What earlier raises of it left in its traceback goes: a
-/// manager that refuses for hours would otherwise keep every refused caller's frames alive.
-[[noreturn]] void raise_again(PyObject* error);
-
 /// NetworkError(`prefix` + `attempts` + " attempts").
 [[noreturn]] void raise_network_error(const char* prefix, PyObject* attempts);
 

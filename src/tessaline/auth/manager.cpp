@@ -31,6 +31,15 @@ Ref without_trailing_slashes(PyObject* url) {
   return python::call_method(url, names::rstrip, {python::text("/").get()});
 }
 
+/// `str(error)`, or the name of its type where it has no text form.
+Ref text_or_name_of(PyObject* error) {
+  Ref text;
+  if (python::caught([&] { text = python::text_of(error); })) {
+    text = python::checked(PyType_GetName(Py_TYPE(error)));
+  }
+  return text;
+}
+
 Ref clock_in_force(PyObject* injected) {
   if (injected != Py_None) return Ref::borrow(injected);
   return python::attribute(python::global(names::time).get(), names::wall_clock);
@@ -126,7 +135,10 @@ Ref AuthManager::get(Field field) const {
 }
 
 void AuthManager::set(Field field, Ref value) noexcept {
-  python::drop(std::exchange(fields[index_of(field)], value.release()));
+  Ref replaced = Ref::steal(std::exchange(at(field), value.release()));
+  if (field == Field::kAuthError) {
+    replaced = Ref::steal(std::exchange(at(Hidden::kRetiredError), replaced.release()));
+  }
 }
 
 bool AuthManager::is_none(Field field) const {
@@ -158,10 +170,16 @@ void AuthManager::raise_if_closed() const {
 }
 
 void AuthManager::set_event(Field event) {
-  python::call_method(get(event).get(), names::set);
+  python::set_event(get(event).get());
 }
 void AuthManager::clear_event(Field event) {
-  python::call_method(get(event).get(), names::clear);
+  python::clear_event(get(event).get());
+}
+
+void AuthManager::clear_refresh_done() {
+  // Cleared under a caller who is about to wait, the signal would be lost to him.
+  refresh_done_is_stale = refresh_waiters > 0;
+  if (!refresh_done_is_stale) clear_event(Field::kRefreshDone);
 }
 
 bool AuthManager::event_is_set(Field event) const {
@@ -187,22 +205,42 @@ Ref AuthManager::new_event() {
   return threading_object(names::event);
 }
 
-Ref recorded_error(const python::Error& error) {
-  if (error.matches(error_types().auth)) return Ref::borrow(error.exception());
-  Ref text;
-  try {
-    text = python::text_of(error.exception());
-  } catch (python::Error&) {
-    text = python::checked(PyType_GetName(Py_TYPE(error.exception())));
+void AuthManager::raise_again(PyObject* error) {
+  if (at(Hidden::kRaisedError) == error) {
+    python::set_traceback(error, at(Hidden::kRaisedTraceback));
+  } else {
+    Ref traceback = python::traceback_of(error);
+    const Ref before = Ref::steal(std::exchange(at(Hidden::kRaisedTraceback), traceback.release()));
+    python::drop(std::exchange(at(Hidden::kRaisedError), Py_NewRef(error)));
   }
-  return new_auth_error(text.get());
+  python::raise(error);
 }
 
-bool is_permanent(const python::Error& error) {
+void AuthManager::drop_retired_errors() noexcept {
+  const Ref replaced = Ref::steal(std::exchange(at(Hidden::kRetiredError), nullptr));
+  if (at(Hidden::kRaisedError) == nullptr || at(Hidden::kRaisedError) == at(Field::kAuthError)) return;
+  const Ref raised = Ref::steal(std::exchange(at(Hidden::kRaisedError), nullptr));
+  const Ref traceback = Ref::steal(std::exchange(at(Hidden::kRaisedTraceback), nullptr));
+}
+
+Ref recorded_error(const python::Error& error) noexcept {
+  if (error.matches(error_types().auth)) return Ref::borrow(error.exception());
+  Ref recorded;
+  // What is raised meanwhile would hide the failure that is being recorded.
+  static_cast<void>(python::caught(
+      [&] { python::insist([&] { recorded = new_auth_error(text_or_name_of(error.exception()).get()); }); }));
+  return recorded ? std::move(recorded) : Ref::borrow(error.exception());
+}
+
+bool is_permanent(const python::Error& error) noexcept {
   if (!error.matches(error_types().auth)) return false;
-  const Ref why = python::attribute(error.exception(), names::reason);
-  return PyUnicode_Check(why.get()) &&
-         python::contains(python::global(names::permanent_reasons).get(), why.get());
+  bool permanent = false;
+  static_cast<void>(python::caught([&] {
+    const Ref why = python::attribute(error.exception(), names::reason);
+    permanent = PyUnicode_Check(why.get()) &&
+                python::contains(python::global(names::permanent_reasons).get(), why.get());
+  }));
+  return permanent;
 }
 
 }  // namespace tessaline::auth

@@ -6,78 +6,16 @@
 #include <cstddef>
 
 #include "tessaline/auth/constants.hpp"
+#include "tessaline/auth/fields.hpp"
 #include "tessaline/auth/python/error.hpp"
 #include "tessaline/auth/python/name.hpp"
 #include "tessaline/auth/python/ref.hpp"
+#include "tessaline/auth/python/scoped_lock.hpp"
 #include "tessaline/auth/wallet/wallet_key.hpp"
 
 namespace tessaline::auth {
 
 using python::Ref;
-
-/// The manager's fields, in the order in which the constructor sets them. Each is a host object that the host
-/// may read and write under its name.
-enum class Field : std::size_t {
-  kWalletAddress,
-  kServerUrl,
-  kInviteCode,
-  kRegisterWallet,
-  kClock,
-  kUsesInjectedClock,
-  kTransport,
-  kState,
-  kLock,
-  kToken,
-  kTokenIat,
-  kTokenExpiry,
-  kWalletSecret,
-  kAuthTime,
-  kAuthEvent,
-  kAuthError,
-  kRefreshThread,
-  kRefreshStop,
-  kRefreshEvent,
-  kRefreshAt,
-  kCloseEvent,
-  kPermanentRefreshError,
-  kRefreshPending,
-  kRefreshDone,
-  kInTransientBackoff,
-  kReauthMode,
-  kPendingEraNumber,
-  kRegistrationAcknowledged,
-};
-
-inline constexpr std::size_t kFieldCount = static_cast<std::size_t>(Field::kRegistrationAcknowledged) + 1;
-
-inline constexpr std::array<const char*, kFieldCount> kFieldNames{"_wallet_address",
-                                                                  "_server_url",
-                                                                  "_invite_code",
-                                                                  "_register_wallet",
-                                                                  "_clock",
-                                                                  "_uses_injected_clock",
-                                                                  "_transport",
-                                                                  "_state",
-                                                                  "_lock",
-                                                                  "_token",
-                                                                  "_token_iat",
-                                                                  "_token_expiry",
-                                                                  "_wallet_secret",
-                                                                  "_auth_time",
-                                                                  "_auth_event",
-                                                                  "_auth_error",
-                                                                  "_refresh_thread",
-                                                                  "_refresh_stop",
-                                                                  "_refresh_event",
-                                                                  "_refresh_at",
-                                                                  "_close_event",
-                                                                  "_permanent_refresh_error",
-                                                                  "_refresh_pending",
-                                                                  "_refresh_done",
-                                                                  "_in_transient_backoff",
-                                                                  "_reauth_mode",
-                                                                  "_pending_era_number",
-                                                                  "_registration_acknowledged"};
 
 /// One wallet identity at one server: the object that the host sees as `AuthManager`.
 ///
@@ -97,9 +35,12 @@ inline constexpr std::array<const char*, kFieldCount> kFieldNames{"_wallet_addre
 /// the interpreter's lock and may be called from any thread.
 struct AuthManager {
   PyObject_HEAD std::array<PyObject*, kFieldCount> fields;
-  wallet::WalletKey* key;           ///< null once wiped
-  PyObject* dict;                   ///< the instance's `__dict__`; null until used
-  PyObject* newest_refresh_thread;  ///< the refresh thread started last; an older one's loop ends
+  std::array<PyObject*, kHiddenCount> hidden;
+  PyObject* dict;              ///< the instance's `__dict__`; null until used
+  wallet::WalletKey* key;      ///< null once wiped
+  int refreshes_running;       ///< calls of `_do_refresh` inside their flow
+  int refresh_waiters;         ///< callers about to wait, or waiting, for `_refresh_done`
+  bool refresh_done_is_stale;  ///< to be cleared when the last of them has gone
 
   // Construction.
   void construct(PyObject* private_key, PyObject* server_url, PyObject* invite_code,
@@ -118,15 +59,20 @@ struct AuthManager {
   Ref refresh_loop();
   Ref do_refresh();
 
+  /// Runs a flow and stores its result; false when the manager was closed meanwhile.
+  bool renew();
+
+  /// Whether the state is RE_AUTHENTICATING with no thread working on it. Called under `_lock`.
+  bool reauthentication_is_orphaned();
+
   /// Starts a refresh thread where the manager is authenticated and none lives.
   void revive_refresh();
 
   /// Hands over to the next refresh thread on a background thread, which has nobody to raise to.
   void start_next_refresh();
-  void settle_failed_refresh(const python::Error& error);
 
-  /// Leaves nobody waiting for a background thread that could not be started.
-  void record_unstarted_thread(const python::Error& error);
+  /// Leaves nobody waiting for a refresh thread that could not be started.
+  void record_unstarted_refresh(const python::Error& error);
   Ref new_daemon_thread(const python::Name& method);
 
   // The private key as the host sees it: 64 hexadecimal digits, or None.
@@ -144,9 +90,8 @@ struct AuthManager {
   /// The token at once where nothing stands against serving it; else empty, which says nothing yet.
   Ref token_if_healthy();
 
-  /// A token that has replaced `old_token` and may be served; else empty. Called under `_lock`. `now` null:
-  /// read.
-  Ref renewed_token(PyObject* old_token, PyObject* now);
+  /// A token that has replaced `old_token` and may be served; else empty. Called under `_lock`.
+  Ref renewed_token(PyObject* old_token);
 
   // Eras.
   Ref notify_era_change(PyObject* new_era_number);
@@ -158,6 +103,15 @@ struct AuthManager {
 
   /// Class, address, server and state; nothing secret.
   Ref represent();
+
+  // Stored errors.
+
+  /// Raises a stored error, as the same object. Its traceback starts from what it was when it was first
+  /// raised again: a manager that refuses for hours would otherwise keep every refused caller's frames alive.
+  [[noreturn]] void raise_again(PyObject* error);
+
+  /// Lets go of errors that are stored no more. Called without `_lock`: their frames may own anything.
+  void drop_retired_errors() noexcept;
 
   // Fields.
   PyObject* object() noexcept { return reinterpret_cast<PyObject*>(this); }
@@ -177,6 +131,7 @@ struct AuthManager {
   // Events and time.
   void set_event(Field event);
   void clear_event(Field event);
+  void clear_refresh_done();
   bool event_is_set(Field event) const;
 
   /// Calls one of the manager's own methods through the instance.
@@ -184,6 +139,24 @@ struct AuthManager {
 
   /// A new host event: `threading.Event()`.
   static Ref new_event();
+
+  PyObject*& at(Field field) noexcept { return fields[static_cast<std::size_t>(field)]; }
+  PyObject*& at(Hidden slot) noexcept { return hidden[static_cast<std::size_t>(slot)]; }
+};
+
+/// Holds the manager's `_lock` for a block.
+class Locked {
+ public:
+  explicit Locked(AuthManager& manager) : afterwards_{manager}, lock_(manager.get(Field::kLock)) {}
+
+ private:
+  struct Afterwards {
+    AuthManager& manager;
+    ~Afterwards() { manager.drop_retired_errors(); }
+  };
+
+  Afterwards afterwards_;
+  python::ScopedLock lock_;
 };
 
 /// Creates the interned texts of states and modes. Called once, when the module is executed.
@@ -197,10 +170,10 @@ PyObject* proactive_mode() noexcept;
 PyObject* era_change_mode() noexcept;
 
 /// What a failed flow leaves for those who waited: the failure itself when it is an AuthError, else an
-/// AuthError whose reason is its text.
-Ref recorded_error(const python::Error& error);
+/// AuthError whose reason is its text; the failure itself too where memory for another is short.
+Ref recorded_error(const python::Error& error) noexcept;
 
 /// Whether the failure is an AuthError after which renewal is hopeless.
-bool is_permanent(const python::Error& error);
+bool is_permanent(const python::Error& error) noexcept;
 
 }  // namespace tessaline::auth

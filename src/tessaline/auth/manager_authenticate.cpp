@@ -1,3 +1,4 @@
+#include <optional>
 #include <utility>
 
 #include "tessaline/auth/errors.hpp"
@@ -12,10 +13,11 @@ namespace {
 struct Admission {
   bool was_authenticated = false;
   Ref running;  ///< the event of the attempt to wait for; empty or None: the caller runs the flow
+  Ref own;      ///< the event of the caller's own attempt, where it has one
 };
 
 Admission admit(AuthManager& manager) {
-  const python::ScopedLock lock(manager.get(Field::kLock));
+  const Locked lock(manager);
   Admission admission;
   switch (manager.state()) {
     case State::kClosed:
@@ -32,9 +34,9 @@ Admission admit(AuthManager& manager) {
     case State::kUnknown:
       raise_auth_error(reason::kUnexpectedAuthState);
   }
-  Ref event = AuthManager::new_event();
+  admission.own = AuthManager::new_event();
   manager.set_state(State::kAuthenticating);
-  manager.set(Field::kAuthEvent, std::move(event));
+  manager.set(Field::kAuthEvent, Ref::borrow(admission.own.get()));
   manager.set(Field::kAuthError, Ref::none());
   manager.set(Field::kReauthMode, Ref::none());
   return admission;
@@ -42,15 +44,15 @@ Admission admit(AuthManager& manager) {
 
 void wait_for_runner(AuthManager& manager, PyObject* running) {
   python::call_method(running, names::wait);
-  const python::ScopedLock lock(manager.get(Field::kLock));
+  const Locked lock(manager);
   const Ref failure = manager.get(Field::kAuthError);
-  if (!failure.is_none()) raise_again(failure.get());
+  if (!failure.is_none()) manager.raise_again(failure.get());
 }
 
 void run_flow(AuthManager& manager) {
   const auto [token, expires_at, secret] = python::unpack3(manager.call_own(names::do_auth_flow).get());
   {
-    const python::ScopedLock lock(manager.get(Field::kLock));
+    const Locked lock(manager);
     manager.raise_if_closed();
     manager.call_own(names::store_auth_result, {token.get(), secret.get()});
   }
@@ -58,17 +60,19 @@ void run_flow(AuthManager& manager) {
 }
 
 /// Goes back to what held before the attempt and wakes those who waited for it.
-void settle_failure(AuthManager& manager, const python::Error& error, bool was_authenticated) {
+void settle_failure(AuthManager& manager, const python::Error& error, const Admission& admission) {
   const Ref recorded = recorded_error(error);
   python::insist([&] {
-    const python::ScopedLock lock(manager.get(Field::kLock));
+    const Locked lock(manager);
     if (manager.state() == State::kAuthenticating) {
-      const bool still_usable = was_authenticated && !manager.is_none(Field::kToken);
+      const bool still_usable = admission.was_authenticated && !manager.is_none(Field::kToken);
       manager.set_state(still_usable ? State::kAuthenticated : State::kUninitialized);
       manager.set(Field::kReauthMode, Ref::none());
     }
     manager.set(Field::kAuthError, Ref::borrow(recorded.get()));
     if (!manager.is_none(Field::kAuthEvent)) manager.set_event(Field::kAuthEvent);
+    // An interrupted store may have let another attempt's event take the place of ours.
+    if (admission.own) python::set_event(admission.own.get());
   });
 }
 
@@ -80,15 +84,14 @@ Ref AuthManager::authenticate() {
     wait_for_runner(*this, admission.running.get());
     return Ref::none();
   }
-  try {
-    run_flow(*this);
-  } catch (python::Error& error) {
-    const python::Handling handling(error);
-    settle_failure(*this, error, admission.was_authenticated);
+  std::optional<python::Error> failure = python::caught([this] { run_flow(*this); });
+  if (!failure) return Ref::none();
+  {
+    const python::Handling handling(*failure);
+    settle_failure(*this, *failure, admission);
     revive_refresh();
-    throw;
   }
-  return Ref::none();
+  throw std::move(*failure);
 }
 
 }  // namespace tessaline::auth

@@ -1,16 +1,19 @@
+#include <optional>
 #include <utility>
 
 #include "tessaline/auth/errors.hpp"
 #include "tessaline/auth/manager.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/refresh_loop.hpp"
 
 namespace tessaline::auth {
 namespace {
 
 void require_positive(PyObject* era_number) {
-  if (python::less(python::integer(0).get(), era_number)) return;
-  const Ref message = python::checked(PyUnicode_FromFormat("era_number must be > 0, got %S", era_number));
+  if (!python::at_least(python::integer(0).get(), era_number)) return;
+  const Ref text = python::text_of(era_number);
+  const Ref message = python::checked(PyUnicode_FromFormat("era_number must be > 0, got %U", text.get()));
   python::raise(python::call(PyExc_ValueError, {message.get()}).get());
 }
 
@@ -26,7 +29,7 @@ void require_era(AuthManager& manager, PyObject* era_number) {
 /// Records the announcement. True when a re-authentication has to be started for it; false when the flow
 /// already running will meet it.
 bool announce(AuthManager& manager, PyObject* era_number) {
-  const python::ScopedLock lock(manager.get(Field::kLock));
+  const Locked lock(manager);
   switch (manager.state()) {
     case State::kClosed:
       raise_auth_error(reason::kManagerClosed);
@@ -53,7 +56,7 @@ void settle_failure(AuthManager& manager, const python::Error& error) {
   const Ref recorded = recorded_error(error);
   const bool permanent = is_permanent(error);
   python::insist([&] {
-    const python::ScopedLock lock(manager.get(Field::kLock));
+    const Locked lock(manager);
     if (manager.closed()) return;
     manager.set(Field::kAuthError, Ref::borrow(recorded.get()));
     if (permanent) manager.set(Field::kPermanentRefreshError, true);
@@ -68,32 +71,29 @@ void settle_failure(AuthManager& manager, const python::Error& error) {
 Ref AuthManager::notify_era_change(PyObject* new_era_number) {
   require_positive(new_era_number);
   if (!announce(*this, new_era_number)) return Ref::none();
-  try {
+  std::optional<python::Error> failure = python::caught([this] {
     set_event(Field::kRefreshEvent);
     const Ref thread = new_daemon_thread(names::background_reauth);
+    python::drop(std::exchange(at(Hidden::kEraThread), Py_NewRef(thread.get())));
     python::call_method(thread.get(), names::start);
-  } catch (python::Error& error) {
-    const python::Handling handling(error);
-    record_unstarted_thread(error);
-    throw;
+  });
+  if (!failure) return Ref::none();
+  // Ctrl-C may end the start after the thread has begun; then it settles the matter itself.
+  if (!is_alive(at(Hidden::kEraThread))) {
+    const python::Handling handling(*failure);
+    settle_failure(*this, *failure);
   }
-  return Ref::none();
+  throw std::move(*failure);
 }
 
 Ref AuthManager::background_reauth() {
-  try {
-    const auto [token, expires_at, secret] =
-        python::unpack3(call_own(names::do_auth_flow_matching_pending_era).get());
-    {
-      const python::ScopedLock lock(get(Field::kLock));
-      if (closed()) return Ref::none();
-      call_own(names::store_auth_result, {token.get(), secret.get()});
-    }
-    call_own(names::start_refresh);
-  } catch (python::Error& error) {
-    const python::Handling handling(error);
-    settle_failure(*this, error);
+  bool stored = false;
+  const std::optional<python::Error> failure = python::caught([&] { stored = renew(); });
+  if (failure) {
+    const python::Handling handling(*failure);
+    settle_failure(*this, *failure);
   }
+  if (stored) start_next_refresh();
   return Ref::none();
 }
 

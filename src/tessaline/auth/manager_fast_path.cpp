@@ -15,7 +15,8 @@ struct KnownHost {
   PyObject* wall_clock = nullptr;      ///< `time.time`
   PyTypeObject* lock_type = nullptr;   ///< of `threading.Lock()`
   PyCFunction lock_is_held = nullptr;  ///< its method `locked`
-  PyTypeObject* manager_type = nullptr;
+  PyObject* get_time = nullptr;        ///< the manager's own methods, as its class defines them
+  PyObject* era_guard = nullptr;
 };
 
 KnownHost host;
@@ -29,11 +30,8 @@ Ref class_attribute(PyTypeObject* type, const python::Name& name) {
 }
 
 bool keeps_methods(PyTypeObject* type) {
-  static PyObject* const own_get_time = class_attribute(host.manager_type, names::get_time).release();
-  static PyObject* const own_guard =
-      class_attribute(host.manager_type, names::raise_if_pending_era_locked).release();
-  return class_attribute(type, names::get_time).get() == own_get_time &&
-         class_attribute(type, names::raise_if_pending_era_locked).get() == own_guard;
+  return class_attribute(type, names::get_time).get() == host.get_time &&
+         class_attribute(type, names::raise_if_pending_era_locked).get() == host.era_guard;
 }
 
 bool is_plain(PyTypeObject* type) {
@@ -63,7 +61,8 @@ bool is_after(PyObject* instant, double now) {
 }  // namespace
 
 void know_host(PyTypeObject* manager_type) {
-  host.manager_type = manager_type;
+  host.get_time = class_attribute(manager_type, names::get_time).release();
+  host.era_guard = class_attribute(manager_type, names::raise_if_pending_era_locked).release();
   host.wall_clock = python::attribute(python::global(names::time).get(), names::wall_clock).release();
   const Ref lock = python::call_method(python::global(names::threading).get(), names::lock);
   host.lock_type = Py_TYPE(lock.get());
@@ -77,11 +76,12 @@ void know_host(PyTypeObject* manager_type) {
 
 Ref AuthManager::token_if_healthy() {
   const auto field = [this](Field name) { return fields[static_cast<std::size_t>(name)]; };
+  // These may run Python code; everything after them is one look.
+  if (is_patched(dict) || !is_plain(Py_TYPE(object()))) return {};
   const bool looks_healthy = field(Field::kState) == state_text(State::kAuthenticated) &&
                              field(Field::kPendingEraNumber) == Py_None &&
                              field(Field::kPermanentRefreshError) == Py_False &&
-                             field(Field::kClock) == host.wall_clock && is_free(field(Field::kLock)) &&
-                             !is_patched(dict) && is_plain(Py_TYPE(object()));
+                             field(Field::kClock) == host.wall_clock && is_free(field(Field::kLock));
   if (!looks_healthy) return {};
   PyTime_t now;
   if (PyTime_TimeRaw(&now) != 0) return {};

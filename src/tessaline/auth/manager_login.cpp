@@ -34,7 +34,7 @@ Ref era_of(PyObject* token) {
 }
 
 bool is_at_least(PyObject* era, PyObject* pending_era) {
-  return era != Py_None && !python::less(era, pending_era);
+  return era != Py_None && python::at_least(era, pending_era);
 }
 
 }  // namespace
@@ -96,7 +96,7 @@ Ref AuthManager::do_auth_flow_matching_pending_era() {
     auto [token, expires_at, secret] = python::unpack3(call_own(names::do_auth_flow).get());
     Ref pending_era;
     {
-      const python::ScopedLock lock(get(Field::kLock));
+      const Locked lock(*this);
       pending_era = get(Field::kPendingEraNumber);
     }
     if (pending_era.is_none() || is_at_least(era_of(token.get()).get(), pending_era.get())) {

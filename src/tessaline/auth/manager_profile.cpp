@@ -13,7 +13,7 @@ constexpr Py_ssize_t kLongestName = 32;
 constexpr long kMaxAttempts = 3;
 
 void require_authenticated(AuthManager& manager) {
-  const python::ScopedLock lock(manager.get(Field::kLock));
+  const Locked lock(manager);
   const State state = manager.state();
   if (state == State::kClosed) raise_auth_error(reason::kManagerClosed);
   if (state == State::kUninitialized || state == State::kAuthenticating) {

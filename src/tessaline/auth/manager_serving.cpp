@@ -24,8 +24,8 @@ struct Snapshot {
   Ref auth_error;
 };
 
-Snapshot take_snapshot(const AuthManager& manager) {
-  const python::ScopedLock lock(manager.get(Field::kLock));
+Snapshot take_snapshot(AuthManager& manager) {
+  const Locked lock(manager);
   return {manager.state(),
           manager.get(Field::kToken),
           manager.get(Field::kTokenExpiry),
@@ -40,9 +40,9 @@ bool is_proactive(PyObject* mode) {
   return mode == proactive_mode() || python::equal(mode, proactive_mode());
 }
 
-void raise_stored_error(const AuthManager& manager) {
+void raise_stored_error(AuthManager& manager) {
   const Ref failure = manager.get(Field::kAuthError);
-  if (!failure.is_none()) raise_again(failure.get());
+  if (!failure.is_none()) manager.raise_again(failure.get());
 }
 
 void raise_if_pending_era(AuthManager& manager) {
@@ -52,6 +52,47 @@ void raise_if_pending_era(AuthManager& manager) {
 void raise_if_renewal_is_hopeless(const AuthManager& manager) {
   if (manager.is_true(Field::kPermanentRefreshError)) raise_auth_error(reason::kTokenExpired);
 }
+
+/// Keeps `_refresh_done` from being cleared between a look at the token's age and the wait.
+class RefreshWaiter {
+ public:
+  explicit RefreshWaiter(AuthManager& manager) noexcept : manager_(manager) { ++manager_.refresh_waiters; }
+  ~RefreshWaiter() { --manager_.refresh_waiters; }
+  RefreshWaiter(const RefreshWaiter&) = delete;
+  RefreshWaiter& operator=(const RefreshWaiter&) = delete;
+
+ private:
+  AuthManager& manager_;
+};
+
+/// The token that this thread's `get_token` found expired, for the poll that it calls through the instance:
+/// one that is renewed before the poll's own first look must not pass for the old one.
+class ExpiredToken {
+ public:
+  ExpiredToken(const AuthManager& manager, PyObject* token) noexcept : before_(current) {
+    current = {&manager, token};
+  }
+  ~ExpiredToken() { current = before_; }
+  ExpiredToken(const ExpiredToken&) = delete;
+  ExpiredToken& operator=(const ExpiredToken&) = delete;
+
+  /// An empty reference where the poll was not called by `get_token`.
+  static Ref of(const AuthManager& manager) noexcept {
+    return current.manager == &manager ? Ref::borrow(current.token) : Ref();
+  }
+
+ private:
+  struct Entry {
+    const AuthManager* manager = nullptr;
+    PyObject* token = nullptr;
+  };
+
+  static thread_local constinit Entry current;
+
+  Entry before_;
+};
+
+thread_local constinit ExpiredToken::Entry ExpiredToken::current{};
 
 /// One call of `get_token` on the full path.
 class Serving {
@@ -84,7 +125,7 @@ class Serving {
     if (!may_serve) return {};
     const Ref now = manager_.call_own(names::get_time);
     if (!python::less(now.get(), seen_.token_expiry.get())) return {};
-    const python::ScopedLock lock(manager_.get(Field::kLock));
+    const Locked lock(manager_);
     manager_.raise_if_closed();
     return backing_off_still(now.get()) ? manager_.get(Field::kToken) : Ref();
   }
@@ -104,7 +145,7 @@ class Serving {
   Ref token_after_running_authentication() {
     if (!seen_.auth_event.is_none()) python::call_method(seen_.auth_event.get(), names::wait);
     {
-      const python::ScopedLock lock(manager_.get(Field::kLock));
+      const Locked lock(manager_);
       manager_.raise_if_closed();
       raise_if_pending_era(manager_);
       raise_stored_error(manager_);
@@ -117,26 +158,24 @@ class Serving {
 
   Ref token_of_authenticated() {
     if (!seen_.pending_era.is_none()) {
-      if (!seen_.auth_error.is_none()) raise_again(seen_.auth_error.get());
+      if (!seen_.auth_error.is_none()) manager_.raise_again(seen_.auth_error.get());
       raise_auth_error(reason::kEraChangePending);
     }
     const Ref now = manager_.call_own(names::get_time);
-    const bool expired = !seen_.token_expiry.is_none() && !python::less(now.get(), seen_.token_expiry.get());
-    if (expired) return token_after_expiry(now.get());
+    const bool expired =
+        !seen_.token_expiry.is_none() && python::at_least(now.get(), seen_.token_expiry.get());
+    if (expired) return token_after_expiry();
     if (const Ref auth_time = auth_time_if_refresh_due(now.get())) return token_after_nudge(auth_time.get());
     if (seen_.token.is_none()) raise_auth_error(reason::kNotAuthenticated);
     return confirmed_token();
   }
 
-  Ref token_after_expiry(PyObject* now) {
+  Ref token_after_expiry() {
     if (seen_.permanent_error) raise_auth_error(reason::kTokenExpired);
     // A refresh thread that slept through a suspension of the machine learns of the expiry only so.
     manager_.set_event(Field::kRefreshEvent);
-    {
-      const python::ScopedLock lock(manager_.get(Field::kLock));
-      if (Ref token = manager_.renewed_token(seen_.token.get(), now)) return token;
-    }
     const Ref fallback = Ref::boolean(manager_.event_is_set(Field::kRefreshPending));
+    const ExpiredToken expired(manager_, seen_.token.get());
     return python::call_method(manager_.object(), names::poll_for_reauth, {},
                                {{names::fallback_to_current_token, fallback.get()}});
   }
@@ -146,22 +185,19 @@ class Serving {
     Ref auth_time;
     Ref refresh_at;
     {
-      const python::ScopedLock lock(manager_.get(Field::kLock));
+      const Locked lock(manager_);
       auth_time = manager_.get(Field::kAuthTime);
       refresh_at = manager_.get(Field::kRefreshAt);
     }
-    const bool due = !auth_time.is_none() && !refresh_at.is_none() && !python::less(now, refresh_at.get());
+    const bool due = !auth_time.is_none() && !refresh_at.is_none() && python::at_least(now, refresh_at.get());
     return due ? std::move(auth_time) : Ref();
   }
 
   Ref token_after_nudge(PyObject* auth_time) {
-    manager_.set_event(Field::kRefreshEvent);
-    if (!stored_since(auth_time)) {
-      python::call_method(manager_.get(Field::kRefreshDone).get(), names::wait, {},
-                          {{names::timeout, python::number(kRefreshDoneSeconds).get()}});
-    }
+    nudge_and_wait(auth_time);
+    if (manager_.refresh_done_is_stale) manager_.clear_refresh_done();
     {
-      const python::ScopedLock lock(manager_.get(Field::kLock));
+      const Locked lock(manager_);
       manager_.raise_if_closed();
       raise_if_pending_era(manager_);
       raise_if_renewal_is_hopeless(manager_);
@@ -171,9 +207,17 @@ class Serving {
     raise_auth_error(reason::kTokenExpired);
   }
 
+  void nudge_and_wait(PyObject* auth_time) {
+    const RefreshWaiter waiter(manager_);
+    manager_.set_event(Field::kRefreshEvent);
+    if (stored_since(auth_time)) return;
+    python::call_method(manager_.get(Field::kRefreshDone).get(), names::wait, {},
+                        {{names::timeout, python::number(kRefreshDoneSeconds).get()}});
+  }
+
   /// Whether the refresh asked for has come and gone already, its signal with it.
   bool stored_since(PyObject* auth_time) {
-    const python::ScopedLock lock(manager_.get(Field::kLock));
+    const Locked lock(manager_);
     return !python::equal(manager_.get(Field::kAuthTime).get(), auth_time);
   }
 
@@ -181,7 +225,7 @@ class Serving {
     Ref running;
     for (;;) {
       if (running) python::call_method(running.get(), names::wait);
-      const python::ScopedLock lock(manager_.get(Field::kLock));
+      const Locked lock(manager_);
       manager_.raise_if_closed();
       if (manager_.state() == State::kReAuthenticating) {
         running = event_of_running_authentication();
@@ -220,16 +264,16 @@ struct Sighting {
 };
 
 Sighting look_for_reauth(AuthManager& manager, PyObject* old_token) {
-  const python::ScopedLock lock(manager.get(Field::kLock));
+  const Locked lock(manager);
   if (manager.state() == State::kReAuthenticating) return {true, manager.get(Field::kAuthEvent), {}};
   raise_if_renewal_is_hopeless(manager);
   manager.raise_if_closed();
-  return {false, {}, manager.renewed_token(old_token, nullptr)};
+  return {false, {}, manager.renewed_token(old_token)};
 }
 
 Ref token_after_poll_ran_out(AuthManager& manager, bool fallback_to_current_token) {
   {
-    const python::ScopedLock lock(manager.get(Field::kLock));
+    const Locked lock(manager);
     raise_if_pending_era(manager);
     raise_if_renewal_is_hopeless(manager);
     Ref token = manager.get(Field::kToken);
@@ -241,7 +285,7 @@ Ref token_after_poll_ran_out(AuthManager& manager, bool fallback_to_current_toke
 Ref token_after_reauth(AuthManager& manager, PyObject* event) {
   if (event != Py_None) python::call_method(event, names::wait);
   {
-    const python::ScopedLock lock(manager.get(Field::kLock));
+    const Locked lock(manager);
     manager.raise_if_closed();
     raise_if_pending_era(manager);
     raise_if_renewal_is_hopeless(manager);
@@ -255,14 +299,14 @@ Ref token_after_reauth(AuthManager& manager, PyObject* event) {
 Ref credential(AuthManager& manager, Field field) {
   State state;
   {
-    const python::ScopedLock lock(manager.get(Field::kLock));
+    const Locked lock(manager);
     state = manager.state();
   }
   if (state == State::kClosed) raise_auth_error(reason::kManagerClosed);
   if (state == State::kUninitialized || state == State::kAuthenticating) {
     raise_auth_error(reason::kNotAuthenticated);
   }
-  const python::ScopedLock lock(manager.get(Field::kLock));
+  const Locked lock(manager);
   Ref value = manager.get(field);
   if (value.is_none()) raise_auth_error(reason::kNotAuthenticated);
   return value;
@@ -275,20 +319,19 @@ Ref AuthManager::get_token() {
   return Serving(*this).run();
 }
 
-Ref AuthManager::renewed_token(PyObject* old_token, PyObject* now) {
+Ref AuthManager::renewed_token(PyObject* old_token) {
   if (state() != State::kAuthenticated || !is_none(Field::kPendingEraNumber)) return {};
   if (is_true(Field::kPermanentRefreshError)) return {};
   Ref token = get(Field::kToken);
   const Ref expiry = get(Field::kTokenExpiry);
   if (token.is_none() || expiry.is_none() || python::equal(token.get(), old_token)) return {};
-  const Ref present = now == nullptr ? call_own(names::get_time) : Ref::borrow(now);
-  return python::less(present.get(), expiry.get()) ? std::move(token) : Ref();
+  return python::less(call_own(names::get_time).get(), expiry.get()) ? std::move(token) : Ref();
 }
 
 Ref AuthManager::poll_for_reauth(bool fallback_to_current_token) {
-  Ref old_token;
-  {
-    const python::ScopedLock lock(get(Field::kLock));
+  Ref old_token = ExpiredToken::of(*this);
+  if (!old_token) {
+    const Locked lock(*this);
     old_token = get(Field::kToken);
   }
   const Ref time_module = python::global(names::time);

@@ -1,3 +1,4 @@
+#include <optional>
 #include <utility>
 
 #include "tessaline/auth/errors.hpp"
@@ -12,7 +13,7 @@ constexpr double kJoinSeconds = 1.0;
 
 /// False when the manager is closed already.
 bool enter_closed(AuthManager& manager) {
-  const python::ScopedLock lock(manager.get(Field::kLock));
+  const Locked lock(manager);
   if (manager.closed()) return false;
   manager.set_state(State::kClosed);
   manager.set(Field::kReauthMode, Ref::none());
@@ -20,11 +21,21 @@ bool enter_closed(AuthManager& manager) {
   return true;
 }
 
+/// The refresh thread is woken when it can see why. A caller that waits for a refresh has none to wait for.
+void request_stop(AuthManager& manager) {
+  for (const Field event :
+       {Field::kCloseEvent, Field::kRefreshStop, Field::kRefreshEvent, Field::kRefreshDone}) {
+    python::insist([&] { manager.set_event(event); });
+  }
+}
+
 void wake_waiters(AuthManager& manager) {
-  const python::ScopedLock lock(manager.get(Field::kLock));
-  if (manager.is_none(Field::kAuthEvent)) return;
-  manager.set(Field::kAuthError, new_auth_error(reason::kManagerClosed));
-  manager.set_event(Field::kAuthEvent);
+  python::insist([&] {
+    const Locked lock(manager);
+    if (manager.is_none(Field::kAuthEvent)) return;
+    manager.set(Field::kAuthError, new_auth_error(reason::kManagerClosed));
+    manager.set_event(Field::kAuthEvent);
+  });
 }
 
 void forget_credentials(AuthManager& manager) {
@@ -48,14 +59,13 @@ void join_refresh_thread(AuthManager& manager) {
 
 Ref AuthManager::close() {
   if (!enter_closed(*this)) return Ref::none();
-  // The refresh thread is woken last, when it can see why. A caller that waits for a refresh has none to wait
-  // for.
-  for (const Field event :
-       {Field::kCloseEvent, Field::kRefreshStop, Field::kRefreshEvent, Field::kRefreshDone}) {
-    set_event(event);
-  }
-  wake_waiters(*this);
+  std::optional<python::Error> failure = python::caught([this] {
+    request_stop(*this);
+    wake_waiters(*this);
+  });
+  // There is no second chance: a further call finds the manager closed.
   forget_credentials(*this);
+  if (failure) throw std::move(*failure);
   join_refresh_thread(*this);
   return Ref::none();
 }

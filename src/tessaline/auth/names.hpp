@@ -41,6 +41,7 @@ inline constinit Name locked{"locked"};
 inline constinit Name lower{"lower"};
 inline constinit Name main_thread{"main_thread"};
 inline constinit Name monotonic{"monotonic"};
+inline constinit Name pop{"pop"};
 inline constinit Name set{"set"};
 inline constinit Name sleep{"sleep"};
 inline constinit Name split{"split"};

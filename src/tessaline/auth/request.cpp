@@ -1,5 +1,8 @@
 #include "tessaline/auth/request.hpp"
 
+#include <optional>
+#include <utility>
+
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
@@ -26,11 +29,11 @@ bool is_not_json(PyObject* json, const python::Error& error) {
 
 Ref response_value(PyObject* json, PyObject* body) {
   if (!python::truthy(body)) return Ref::none();
-  try {
-    return python::call_method(json, names::loads, {body});
-  } catch (python::Error& error) {
-    if (!is_not_json(json, error)) throw;
-  }
+  Ref value;
+  std::optional<python::Error> failure =
+      python::caught([&] { value = python::call_method(json, names::loads, {body}); });
+  if (!failure) return value;
+  if (!is_not_json(json, *failure)) throw std::move(*failure);
   return python::call_method(body, names::decode, {python::text("utf-8").get()},
                              {{names::errors, python::text("replace").get()}});
 }

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "tessaline/auth/constants.hpp"
 #include "tessaline/auth/errors.hpp"
@@ -44,11 +45,11 @@ Ref retry_after(PyObject* headers, Ref fallback, const HintScope& scope) {
       python::call_method(headers, names::get, {python::text("retry-after").get(), python::text("").get()});
   Ref header = python::call_method(headers, names::get, {python::text("Retry-After").get(), lowercase.get()});
   if (!python::truthy(header.get())) return fallback;
-  try {
-    return python::call(reinterpret_cast<PyObject*>(&PyLong_Type), {header.get()});
-  } catch (python::Error& error) {
-    if (!error.matches(PyExc_ValueError)) throw;
-  }
+  Ref seconds;
+  std::optional<python::Error> failure = python::caught(
+      [&] { seconds = python::call(reinterpret_cast<PyObject*>(&PyLong_Type), {header.get()}); });
+  if (!failure) return seconds;
+  if (!failure->matches(PyExc_ValueError)) throw std::move(*failure);
   log_invalid_retry_after(scope);
   return fallback;
 }
@@ -83,15 +84,18 @@ class Retry {
 
   /// The answer, or an empty reference after a network failure that has been waited out.
   Ref attempt() {
-    try {
-      return python::call_method(
-          manager_, names::http_request, {request_.method, request_.path},
-          {{names::body_dict, request_.body_dict}, {names::headers, request_.headers}});
-    } catch (python::Error& error) {
-      if (!error.matches(PyExc_ConnectionError) && !error.matches(PyExc_TimeoutError)) throw;
-      const python::Handling handling(error);
-      back_off();
+    Ref answer;
+    std::optional<python::Error> failure = python::caught([&] {
+      answer =
+          python::call_method(manager_, names::http_request, {request_.method, request_.path},
+                              {{names::body_dict, request_.body_dict}, {names::headers, request_.headers}});
+    });
+    if (!failure) return answer;
+    if (!failure->matches(PyExc_ConnectionError) && !failure->matches(PyExc_TimeoutError)) {
+      throw std::move(*failure);
     }
+    const python::Handling handling(*failure);
+    back_off();
     return {};
   }
 
@@ -162,13 +166,10 @@ class Retry {
       raise_network_error("Server unreachable after ", attempts.get());
     }
     python::set_attribute(manager_, names::in_transient_backoff, Py_True);
-    try {
-      python::call_method(manager_, names::wait_with_clock, {seconds});
-    } catch (python::Error&) {
-      python::set_attribute(manager_, names::in_transient_backoff, Py_False);
-      throw;
-    }
+    std::optional<python::Error> failure =
+        python::caught([&] { python::call_method(manager_, names::wait_with_clock, {seconds}); });
     python::set_attribute(manager_, names::in_transient_backoff, Py_False);
+    if (failure) throw std::move(*failure);
   }
 
   PyObject* manager_;

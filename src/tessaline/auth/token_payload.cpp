@@ -1,5 +1,8 @@
 #include "tessaline/auth/token_payload.hpp"
 
+#include <optional>
+#include <utility>
+
 #include "tessaline/auth/constants.hpp"
 #include "tessaline/auth/errors.hpp"
 #include "tessaline/auth/names.hpp"
@@ -33,6 +36,15 @@ Ref payload_of(PyObject* token) {
   return python::call(python::global(names::decode_jwt_payload).get(), {token});
 }
 
+/// What `read` returns, or nothing where it raises an `Exception`.
+template <class Read>
+Ref or_nothing(Read&& read) {
+  Ref value;
+  std::optional<python::Error> failure = python::caught([&] { value = read(); });
+  if (failure && !failure->matches(PyExc_Exception)) throw std::move(*failure);
+  return value;
+}
+
 bool is_no_number(const python::Error& error) {
   return error.matches(PyExc_TypeError) || error.matches(PyExc_ValueError) ||
          error.matches(PyExc_OverflowError);
@@ -41,40 +53,27 @@ bool is_no_number(const python::Error& error) {
 }  // namespace
 
 Ref decode_jwt_payload_unverified(PyObject* token) {
-  Ref payload;
-  bool readable = true;
-  try {
-    payload = parse_payload(token);
-  } catch (python::Error& error) {
-    // Raised outside the handler: a parser's error carries the text that it could not read, here a token's.
-    if (!error.matches(PyExc_Exception)) throw;
-    readable = false;
-  }
-  if (!readable || !PyDict_Check(payload.get())) raise_auth_error(reason::kWalletMismatch);
-  return payload;
+  // Not the context of what is raised: a parser's error carries the text that it could not read, here a
+  // token's.
+  const Ref payload = or_nothing([token] { return parse_payload(token); });
+  if (!payload || !PyDict_Check(payload.get())) raise_auth_error(reason::kWalletMismatch);
+  return Ref::borrow(payload.get());
 }
 
 Ref jwt_era_number(PyObject* token) {
   Ref decoded = Ref::borrow(token);
   if (PyBytes_Check(token)) {
-    bool ascii = true;
-    try {
-      decoded = python::call_method(token, names::decode, {python::text("ascii").get()});
-    } catch (python::Error& error) {
-      if (!error.matches(PyExc_Exception)) throw;
-      ascii = false;
-    }
-    if (!ascii) raise_auth_error(reason::kEraMismatch);
+    decoded = or_nothing(
+        [token] { return python::call_method(token, names::decode, {python::text("ascii").get()}); });
+    if (!decoded) raise_auth_error(reason::kEraMismatch);
   }
-  Ref payload = payload_of(decoded.get());
-  Ref claim = python::entry(payload.get(), names::era_number);
+  const Ref payload = payload_of(decoded.get());
+  const Ref claim = python::entry(payload.get(), names::era_number);
   if (!claim || claim.is_none() || PyBool_Check(claim.get())) return Ref::none();
   Ref era;
-  try {
-    era = python::call(reinterpret_cast<PyObject*>(&PyLong_Type), {claim.get()});
-  } catch (python::Error& error) {
-    if (!is_no_number(error)) throw;
-  }
+  std::optional<python::Error> failure =
+      python::caught([&] { era = python::call(reinterpret_cast<PyObject*>(&PyLong_Type), {claim.get()}); });
+  if (failure && !is_no_number(*failure)) throw std::move(*failure);
   if (!era) raise_auth_error(reason::kEraMismatch);
   return python::less(python::integer(0).get(), era.get()) ? std::move(era) : Ref::none();
 }

@@ -1,7 +1,9 @@
 #include "tessaline/auth/trust.hpp"
 
 #include <cstdlib>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "tessaline/auth/python/python.hpp"
 
@@ -29,10 +31,9 @@ std::string path_of(PyObject* paths, const python::Name& member) {
 
 http::TrustStore ask_host() {
   Ref ssl;
-  try {
-    ssl = python::import(kSsl);
-  } catch (python::Error& error) {
-    if (!error.matches(PyExc_ImportError)) throw;
+  std::optional<python::Error> failure = python::caught([&] { ssl = python::import(kSsl); });
+  if (failure) {
+    if (!failure->matches(PyExc_ImportError)) throw std::move(*failure);
     return {};
   }
   Ref paths = python::call_method(ssl.get(), kVerifyPaths);

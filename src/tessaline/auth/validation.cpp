@@ -88,7 +88,8 @@ Ref validate_server_url(PyObject* server_url) {
   Ref parts = python::call_method(parser.get(), kUrlParse, {server_url});
   if (!python::truthy(python::attribute(parts.get(), kScheme).get()) ||
       !python::truthy(python::attribute(parts.get(), kNetworkLocation).get())) {
-    Ref message = python::checked(PyUnicode_FromFormat("server_url is not a valid URL: %S", server_url));
+    const Ref given = python::text_of(server_url);
+    Ref message = python::checked(PyUnicode_FromFormat("server_url is not a valid URL: %U", given.get()));
     python::raise(python::call(PyExc_ValueError, {message.get()}).get());
   }
   return python::call(policy.get(), {server_url});

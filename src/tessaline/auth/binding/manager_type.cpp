@@ -43,7 +43,7 @@ int initialise(PyObject* self, PyObject* arguments, PyObject* keywords) {
 int clear(PyObject* self) {
   AuthManager& manager = manager_of(self);
   for (PyObject*& field : manager.fields) python::drop(std::exchange(field, nullptr));
-  python::drop(std::exchange(manager.newest_refresh_thread, nullptr));
+  for (PyObject*& slot : manager.hidden) python::drop(std::exchange(slot, nullptr));
   python::drop(std::exchange(manager.dict, nullptr));
   return 0;
 }
@@ -51,18 +51,20 @@ int clear(PyObject* self) {
 void deallocate(PyObject* self) {
   PyTypeObject* const type = Py_TYPE(self);
   PyObject_GC_UnTrack(self);
-  python::clear_weak_references(self);
+  // A long chain of managers must not be a deep recursion.
+  Py_TRASHCAN_BEGIN(self, deallocate) python::clear_weak_references(self);
   manager_of(self).wipe_key();
   clear(self);
   type->tp_free(self);
   python::drop(reinterpret_cast<PyObject*>(type));
+  Py_TRASHCAN_END
 }
 
 int traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(Py_TYPE(self));
   AuthManager& manager = manager_of(self);
   for (PyObject* field : manager.fields) Py_VISIT(field);
-  Py_VISIT(manager.newest_refresh_thread);
+  for (PyObject* slot : manager.hidden) Py_VISIT(slot);
   Py_VISIT(manager.dict);
   return 0;
 }

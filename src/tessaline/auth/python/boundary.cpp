@@ -1,17 +1,31 @@
 #include "tessaline/auth/python/boundary.hpp"
 
+#include <algorithm>
+#include <cstring>
+
 #include "tessaline/auth/python/park.hpp"
 
 namespace tessaline::auth::python {
 
-void raise_native(const std::exception& failure) noexcept {
-  door([&failure] {
-    if (dynamic_cast<const std::bad_alloc*>(&failure) != nullptr) {
+void Ending::failed(const char* message) noexcept {
+  failed_ = true;
+  std::copy_n(message, std::min(std::strlen(message), message_.size() - 1), message_.begin());
+}
+
+bool Ending::report() && noexcept {
+  if (error_) {
+    std::move(*error_).restore();
+    return false;
+  }
+  if (!out_of_memory_ && !failed_) return true;
+  door([this] {
+    if (out_of_memory_) {
       PyErr_NoMemory();
     } else {
-      PyErr_SetString(PyExc_RuntimeError, failure.what());
+      PyErr_SetString(PyExc_RuntimeError, message_.data());
     }
   });
+  return false;
 }
 
 }  // namespace tessaline::auth::python

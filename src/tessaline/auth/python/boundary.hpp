@@ -2,45 +2,63 @@
 
 #include <Python.h>
 
+#include <array>
 #include <exception>
 #include <new>
-#include <type_traits>
+#include <optional>
+#include <utility>
 
 #include "tessaline/auth/python/error.hpp"
 #include "tessaline/auth/python/ref.hpp"
 
 namespace tessaline::auth::python {
 
-/// Turns a C++ exception other than Error into the host's: MemoryError, else RuntimeError with its text.
-void raise_native(const std::exception& failure) noexcept;
+/// How native code ended that was called by the host.
+class Ending {
+ public:
+  void raised(Error error) noexcept { error_.emplace(std::move(error)); }
+  void ran_out_of_memory() noexcept { out_of_memory_ = true; }
+  void failed(const char* message) noexcept;
+
+  /// True when all went well; else the host's exception is set.
+  bool report() && noexcept;
+
+ private:
+  std::optional<Error> error_;
+  bool out_of_memory_ = false;
+  bool failed_ = false;
+  std::array<char, 256> message_{};
+};
+
+/// Runs `body` and turns what it throws into the host's exception: Error into itself, else MemoryError or
+/// RuntimeError. Nothing calls the host inside a C++ handler (see `caught`).
+template <class Body>
+bool completes(Body&& body) noexcept {
+  Ending ending;
+  try {
+    std::forward<Body>(body)();
+  } catch (Error& error) {
+    ending.raised(std::move(error));
+  } catch (const std::bad_alloc&) {
+    ending.ran_out_of_memory();
+  } catch (const std::exception& failure) {
+    ending.failed(failure.what());
+  }
+  return std::move(ending).report();
+}
 
 /// The one wrapper at every entry from the host. `body` returns a Ref; the entry returns it, or null with the
 /// host's exception set.
 template <class Body>
 PyObject* boundary(Body&& body) noexcept {
-  try {
-    Ref result = body();
-    return result.release();
-  } catch (Error& error) {
-    std::move(error).restore();
-  } catch (const std::exception& failure) {
-    raise_native(failure);
-  }
-  return nullptr;
+  Ref result;
+  return completes([&] { result = body(); }) ? result.release() : nullptr;
 }
 
 /// The same for entries that answer 0 or -1.
 template <class Body>
 int status_boundary(Body&& body) noexcept {
-  try {
-    body();
-    return 0;
-  } catch (Error& error) {
-    std::move(error).restore();
-  } catch (const std::exception& failure) {
-    raise_native(failure);
-  }
-  return -1;
+  return completes(std::forward<Body>(body)) ? 0 : -1;
 }
 
 }  // namespace tessaline::auth::python

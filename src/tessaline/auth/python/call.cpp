@@ -87,6 +87,10 @@ bool less(PyObject* a, PyObject* b) {
   return compare(a, b, Py_LT);
 }
 
+bool at_least(PyObject* a, PyObject* b) {
+  return compare(a, b, Py_GE);
+}
+
 bool contains(PyObject* container, PyObject* element) {
   return checked(door([=] { return PySequence_Contains(container, element); })) != 0;
 }

@@ -30,6 +30,7 @@ Ref item(PyObject* object, PyObject* key);
 bool truthy(PyObject* object);
 bool equal(PyObject* a, PyObject* b);
 bool less(PyObject* a, PyObject* b);
+bool at_least(PyObject* a, PyObject* b);
 
 /// `element in container`.
 bool contains(PyObject* container, PyObject* element);

@@ -41,10 +41,15 @@ void raise(PyObject* type, const char* message) {
   throw Error::fetch();
 }
 
-void clear_traceback(PyObject* exception) {
-  if (PyExceptionInstance_Check(exception)) {
-    checked(door([exception] { return PyException_SetTraceback(exception, Py_None); }));
-  }
+Ref traceback_of(PyObject* exception) {
+  PyObject* const traceback =
+      PyExceptionInstance_Check(exception) ? PyException_GetTraceback(exception) : nullptr;
+  return traceback == nullptr ? Ref::none() : Ref::steal(traceback);
+}
+
+void set_traceback(PyObject* exception, PyObject* traceback) {
+  if (!PyExceptionInstance_Check(exception)) return;
+  checked(door([=] { return PyException_SetTraceback(exception, traceback); }));
 }
 
 Handling::Handling(const Error& error) noexcept : before_(Ref::steal(PyErr_GetHandledException())) {

@@ -37,8 +37,9 @@ int checked(int status);
 /// Raises a new `type(message)`.
 [[noreturn]] void raise(PyObject* type, const char* message);
 
-/// Forgets where `exception` has been raised so far.
-void clear_traceback(PyObject* exception);
+/// `exception.__traceback__`, or None.
+Ref traceback_of(PyObject* exception);
+void set_traceback(PyObject* exception, PyObject* traceback);
 
 /// For its lifetime an exception counts as being handled, as inside an `except` block: what is raised
 /// meanwhile, by us or by the host, gets it as context.

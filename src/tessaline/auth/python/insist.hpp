@@ -3,26 +3,22 @@
 #include <optional>
 #include <utility>
 
-#include "tessaline/auth/python/error.hpp"
+#include "tessaline/auth/python/caught.hpp"
 
 namespace tessaline::auth::python {
 
-/// Completes a step that others wait for: what is no `Exception` (Ctrl-C on the main thread) does not stop
-/// it, but is raised when the step is done. The step must bear being repeated.
+/// Completes a step that others wait for: neither Ctrl-C on the main thread nor a failed allocation ends it
+/// before it is done. The interruption is raised afterwards. The step must bear being repeated; after several
+/// failures the first one is raised.
 template <class Step>
 void insist(Step&& step) {
   static constexpr int kMostTries = 8;
-  std::optional<Error> interruption;
-  for (int tries = 1;; ++tries) {
-    try {
-      step();
-      break;
-    } catch (Error& error) {
-      if (error.matches(PyExc_Exception) || tries == kMostTries) throw;
-      interruption.emplace(std::move(error));
-    }
+  std::optional<Error> first = caught(step);
+  if (!first) return;
+  for (int tries = 1; caught(step); ++tries) {
+    if (tries == kMostTries) throw std::move(*first);
   }
-  if (interruption) throw std::move(*interruption);
+  if (!first->matches(PyExc_Exception)) throw std::move(*first);
 }
 
 }  // namespace tessaline::auth::python

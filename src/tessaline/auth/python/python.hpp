@@ -4,7 +4,9 @@
 
 #include "tessaline/auth/python/boundary.hpp"
 #include "tessaline/auth/python/call.hpp"
+#include "tessaline/auth/python/caught.hpp"
 #include "tessaline/auth/python/error.hpp"
+#include "tessaline/auth/python/event.hpp"
 #include "tessaline/auth/python/gil.hpp"
 #include "tessaline/auth/python/globals.hpp"
 #include "tessaline/auth/python/insist.hpp"

@@ -1,7 +1,9 @@
 #include "tessaline/auth/python/scoped_lock.hpp"
 
+#include <string_view>
+
 #include "tessaline/auth/python/call.hpp"
-#include "tessaline/auth/python/error.hpp"
+#include "tessaline/auth/python/caught.hpp"
 #include "tessaline/auth/python/park.hpp"
 
 namespace tessaline::auth::python {
@@ -9,23 +11,35 @@ namespace {
 
 constinit const Name kEnter{"__enter__"};
 constinit const Name kExit{"__exit__"};
+constinit const Name kRelease{"release"};
+
+/// The host's plain lock is released by the method that needs no memory: a lock must not stay locked for want
+/// of it.
+bool is_plain_lock(PyObject* lock) {
+  return std::string_view(Py_TYPE(lock)->tp_name) == "_thread.lock";
+}
 
 }  // namespace
 
 ScopedLock::ScopedLock(Ref lock) : lock_(std::move(lock)) {
   kExit.object();
+  kRelease.object();
   call_method(lock_.get(), kEnter);
 }
 
 ScopedLock::~ScopedLock() {
-  try {
-    call_method(lock_.get(), kExit, {Py_None, Py_None, Py_None});
-  } catch (Error& error) {
-    door([&] {
-      std::move(error).restore();
-      PyErr_WriteUnraisable(lock_.get());
-    });
-  }
+  std::optional<Error> failure = caught([this] {
+    if (is_plain_lock(lock_.get())) {
+      call_method(lock_.get(), kRelease);
+    } else {
+      call_method(lock_.get(), kExit, {Py_None, Py_None, Py_None});
+    }
+  });
+  if (!failure) return;
+  door([&] {
+    std::move(*failure).restore();
+    PyErr_WriteUnraisable(lock_.get());
+  });
 }
 
 }  // namespace tessaline::auth::python

@@ -1,5 +1,7 @@
 #include "tessaline/auth/python/value.hpp"
 
+#include <cmath>
+
 #include "tessaline/auth/python/call.hpp"
 #include "tessaline/auth/python/error.hpp"
 #include "tessaline/auth/python/park.hpp"
@@ -23,6 +25,11 @@ Ref bytes(std::string_view data) {
 }
 
 long long_value(PyObject* integer_object) {
+  // An injected callable may answer 200.0, which the host takes for 200.
+  if (PyFloat_Check(integer_object)) {
+    const double real = PyFloat_AS_DOUBLE(integer_object);
+    return real == std::trunc(real) && std::abs(real) < 1e9 ? static_cast<long>(real) : 0;
+  }
   int overflow = 0;
   const long value = door([&] { return PyLong_AsLongAndOverflow(integer_object, &overflow); });
   if (overflow != 0) return 0;

@@ -20,7 +20,7 @@ Ref number(double value);
 Ref integer(long value);
 Ref bytes(std::string_view data);
 
-/// The value of an int; 0 where it is out of range.
+/// The value of an int, or of a float that is whole; 0 where it is out of range or has a fraction.
 long long_value(PyObject* integer_object);
 
 /// The value of a real number.

@@ -1,0 +1,65 @@
+#include "tessaline/auth/python/event.hpp"
+
+#include "tessaline/auth/python/call.hpp"
+#include "tessaline/auth/python/error.hpp"
+#include "tessaline/auth/python/insist.hpp"
+#include "tessaline/auth/python/scoped_lock.hpp"
+
+namespace tessaline::auth::python {
+namespace {
+
+constinit const Name kThreading{"threading"};
+constinit const Name kEvent{"Event"};
+constinit const Name kSet{"set"};
+constinit const Name kClear{"clear"};
+constinit const Name kCondition{"_cond"};
+constinit const Name kLock{"_lock"};
+constinit const Name kFlag{"_flag"};
+constinit const Name kNotifyAll{"notify_all"};
+
+/// The host's own functions, kept until the process ends.
+PyObject* own_set = nullptr;
+PyObject* own_clear = nullptr;
+
+void learn_own_functions() {
+  if (own_clear != nullptr) return;
+  const Ref type = attribute(import(kThreading).get(), kEvent);
+  Ref set = attribute(type.get(), kSet);
+  Ref clear = attribute(type.get(), kClear);
+  if (own_clear != nullptr) return;
+  own_set = set.release();
+  own_clear = clear.release();
+}
+
+bool is_own(const Ref& method, PyObject* function) {
+  return PyMethod_Check(method.get()) && PyMethod_GET_FUNCTION(method.get()) == function;
+}
+
+void set_flag(PyObject* event, PyObject* condition, PyObject* value) {
+  const ScopedLock lock(attribute(condition, kLock));
+  set_attribute(event, kFlag, value);
+  if (value == Py_True) insist([condition] { call_method(condition, kNotifyAll); });
+}
+
+void change(PyObject* event, const Name& name, PyObject* own_function, PyObject* value) {
+  const Ref method = attribute(event, name);
+  if (is_own(method, own_function)) {
+    set_flag(event, attribute(event, kCondition).get(), value);
+  } else {
+    call(method.get());
+  }
+}
+
+}  // namespace
+
+void set_event(PyObject* event) {
+  learn_own_functions();
+  change(event, kSet, own_set, Py_True);
+}
+
+void clear_event(PyObject* event) {
+  learn_own_functions();
+  change(event, kClear, own_clear, Py_False);
+}
+
+}  // namespace tessaline::auth::python
