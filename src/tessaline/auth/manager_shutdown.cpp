@@ -21,21 +21,28 @@ bool enter_closed(AuthManager& manager) {
   return true;
 }
 
-/// The refresh thread is woken when it can see why. A caller that waits for a refresh has none to wait for.
-void request_stop(AuthManager& manager) {
-  for (const Field event :
-       {Field::kCloseEvent, Field::kRefreshStop, Field::kRefreshEvent, Field::kRefreshDone}) {
-    python::insist([&] { manager.set_event(event); });
+/// Goes through every step of the shutdown, whatever one of them raises, and keeps the first failure.
+class Steps {
+ public:
+  template <class Step>
+  void take(Step&& step) {
+    std::optional<python::Error> failure = python::caught([&] { python::insist(step); });
+    if (failure && !first_) first_ = std::move(failure);
   }
-}
+
+  void raise_first() {
+    if (first_) throw std::move(*first_);
+  }
+
+ private:
+  std::optional<python::Error> first_;
+};
 
 void wake_waiters(AuthManager& manager) {
-  python::insist([&] {
-    const Locked lock(manager);
-    if (manager.is_none(Field::kAuthEvent)) return;
-    manager.set(Field::kAuthError, new_auth_error(reason::kManagerClosed));
-    manager.set_event(Field::kAuthEvent);
-  });
+  const Locked lock(manager);
+  if (manager.is_none(Field::kAuthEvent)) return;
+  manager.set(Field::kAuthError, new_auth_error(reason::kManagerClosed));
+  manager.set_event(Field::kAuthEvent);
 }
 
 void forget_credentials(AuthManager& manager) {
@@ -59,13 +66,16 @@ void join_refresh_thread(AuthManager& manager) {
 
 Ref AuthManager::close() {
   if (!enter_closed(*this)) return Ref::none();
-  std::optional<python::Error> failure = python::caught([this] {
-    request_stop(*this);
-    wake_waiters(*this);
-  });
   // There is no second chance: a further call finds the manager closed.
+  Steps steps;
+  // The refresh thread is woken when it can see why. A caller that waits for a refresh has none to wait for.
+  for (const Field event :
+       {Field::kCloseEvent, Field::kRefreshStop, Field::kRefreshEvent, Field::kRefreshDone}) {
+    steps.take([&] { set_event(event); });
+  }
+  steps.take([&] { wake_waiters(*this); });
   forget_credentials(*this);
-  if (failure) throw std::move(*failure);
+  steps.raise_first();
   join_refresh_thread(*this);
   return Ref::none();
 }

@@ -1,0 +1,78 @@
+"""Every manager is closed and every thread accounted for at the end of each test."""
+
+from __future__ import annotations
+
+import threading
+import time
+from collections.abc import Callable, Iterator
+from typing import Any
+
+import pytest
+
+from .helpers import managers as manager_helpers
+from .helpers.clocks import SteppedClock
+from .helpers.server import FakeServer
+
+THREAD_GRACE = 5.0
+
+
+@pytest.fixture(autouse=True)
+def no_thread_left() -> Iterator[None]:
+    """Fail the test that leaves a thread behind."""
+    before = set(threading.enumerate())
+    manager_helpers.mark_baseline()
+    yield
+    limit = time.monotonic() + THREAD_GRACE
+    while True:
+        left = [thread for thread in threading.enumerate() if thread not in before and thread.is_alive()]
+        if not left:
+            return
+        if time.monotonic() > limit:
+            pytest.fail(f"threads left behind: {left!r}")
+        left[0].join(0.05)
+
+
+@pytest.fixture
+def clock() -> SteppedClock:
+    return SteppedClock()
+
+
+@pytest.fixture
+def server() -> Iterator[FakeServer]:
+    fake = FakeServer()
+    yield fake
+    fake.release_all()
+
+
+@pytest.fixture
+def make_manager(
+    no_thread_left: None, server: FakeServer, clock: SteppedClock
+) -> Iterator[Callable[..., Any]]:
+    """Builds managers over the fake server and the stepped clock, and closes them at the end."""
+    made: list[Any] = []
+
+    def make(*args: Any, **options: Any) -> Any:
+        options.setdefault("server", server)
+        options.setdefault("clock", clock)
+        made.append(manager_helpers.build(*args, **options))
+        return made[-1]
+
+    yield make
+    server.release_all()
+    clock.error = None
+    for manager in made:
+        # The class's own method: a test may have replaced the instance's.
+        type(manager).close(manager)
+
+
+@pytest.fixture
+def manager(make_manager: Callable[..., Any]) -> Any:
+    """A manager that has not logged in."""
+    return make_manager()
+
+
+@pytest.fixture
+def logged_in(manager: Any) -> Any:
+    """A manager that has logged in; its refresh thread is alive."""
+    manager.authenticate()
+    return manager

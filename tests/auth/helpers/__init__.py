@@ -1,0 +1,1 @@
+"""Scripted counterparts for the component: a server, clocks, threads with deadlines, tokens, fake time."""

@@ -1,0 +1,163 @@
+"""The process ends with code 0 and nothing on stderr, whatever a background thread is doing just then."""
+
+from __future__ import annotations
+
+import subprocess
+import sys
+import textwrap
+
+import pytest
+
+from .helpers.managers import KEY
+from .helpers.server import BASE
+
+RUNS = 4
+
+# A finaliser that holds the interpreter for a while as it shuts down, so that the background threads wake
+# up into the middle of the shutdown instead of after it.
+PRELUDE = f"""
+    import sys, threading, time
+    import tessaline.auth as auth
+
+    class SlowToGo:
+        def __init__(self, clock):
+            self.clock = clock
+
+        def __del__(self):
+            end = self.clock() + 0.2
+            while self.clock() < end:
+                pass
+
+    slow_to_go = SlowToGo(time.perf_counter)
+
+    def make(transport, **options):
+        manager = auth.AuthManager({KEY!r}, {BASE!r}, _transport=transport, **options)
+        manager._token, manager._token_expiry = "token", 1e12
+        return manager
+
+    def until(condition):
+        end = time.perf_counter() + 5.0
+        while not condition():
+            assert time.perf_counter() < end
+            time.sleep(0.005)
+"""
+
+
+def exits_cleanly(program: str) -> None:
+    text = textwrap.dedent(PRELUDE) + textwrap.dedent(program)
+    children = [
+        subprocess.Popen(
+            [sys.executable, "-c", text], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
+        )
+        for _ in range(RUNS)
+    ]
+    try:
+        ends = [(child.communicate(timeout=30.0), child.returncode) for child in children]
+    finally:
+        for child in children:
+            child.kill()
+            child.wait()
+    assert ends == [(("", ""), 0)] * RUNS
+
+
+BEGIN = {
+    "login": "threading.Thread(target=manager.authenticate, daemon=True).start()",
+    "refresh": "manager._state, manager._refresh_at = 'AUTHENTICATED', 0.0; manager._start_refresh()",
+    "era change": "manager._state = 'AUTHENTICATED'; manager.notify_era_change(5)",
+}
+FAILURES = {
+    "a network failure": "raise ConnectionRefusedError('refused')",
+    "a 503": "return 503, {}, b''",
+    "a 429": "return 429, {'Retry-After': 'x'}, b''",
+}
+
+
+@pytest.mark.parametrize("failure", FAILURES)
+@pytest.mark.parametrize("begin", BEGIN)
+def test_exit_during_a_backoff(begin: str, failure: str) -> None:
+    exits_cleanly(f"""
+        def transport(method, url, headers=None, body=None):
+            {FAILURES[failure]}
+
+        manager = make(transport)
+        {BEGIN[begin]}
+        until(lambda: manager._in_transient_backoff)
+        time.sleep(0.04)
+    """)
+
+
+@pytest.mark.parametrize("begin", BEGIN)
+def test_exit_during_a_request(begin: str) -> None:
+    exits_cleanly(f"""
+        inside = threading.Event()
+
+        def transport(method, url, headers=None, body=None):
+            inside.set()
+            time.sleep(0.1)
+            return 503, {{}}, b""
+
+        manager = make(transport)
+        {BEGIN[begin]}
+        inside.wait(5.0)
+        time.sleep(0.02)
+    """)
+
+
+@pytest.mark.parametrize(
+    "state",
+    [
+        "manager._refresh_at = 5.0",
+        "manager._refresh_at = None",
+        "manager._state = 'RE_AUTHENTICATING'",
+        "manager._refresh_at = 5.0; manager._clock = lambda: 1 / 0",
+        "del manager._refresh_at",
+        "manager._refresh_at = 'noon'",
+    ],
+    ids=["waiting", "no time", "other state", "raising clock", "time deleted", "time of a foreign type"],
+)
+def test_exit_while_the_refresh_loop_waits(state: str) -> None:
+    exits_cleanly(f"""
+        threading.excepthook = lambda args: None
+        manager = make(None, clock=lambda: 0.0)
+        manager._state = "AUTHENTICATED"
+        {state}
+        manager._start_refresh()
+        time.sleep(0.08)
+    """)
+
+
+def test_exit_while_callers_wait() -> None:
+    exits_cleanly("""
+        def transport(method, url, headers=None, body=None):
+            time.sleep(5.0)
+
+        manager = make(transport)
+        calls = [manager.authenticate, manager.authenticate, manager.get_token, manager.get_token]
+        for call in calls:
+            threading.Thread(target=call, daemon=True).start()
+            until(lambda: manager._state == "AUTHENTICATING")
+        expired = make(transport)
+        expired._state, expired._token_expiry = "AUTHENTICATED", 0.0
+        threading.Thread(target=expired.get_token, daemon=True).start()
+        time.sleep(0.05)
+    """)
+
+
+def test_exit_at_once_after_a_login_without_close() -> None:
+    exits_cleanly("""
+        import json
+
+        def transport(method, url, headers=None, body=None):
+            answer = {"challenge_id": 1, "message": "m", "token": "t", "expires_at": 1, "wallet_secret": ""}
+            return 200, {}, json.dumps(answer).encode()
+
+        auth._assert_token_subject_matches_wallet = lambda token, wallet_address: None
+        managers = [make(transport) for _ in range(4)]
+        for manager in managers:
+            try:
+                manager.authenticate()
+            except auth.AuthError as error:
+                assert error.reason == "wallet_mismatch"
+                manager._state = "AUTHENTICATED"
+                manager._start_refresh()
+    """)
