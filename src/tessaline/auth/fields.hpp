@@ -81,8 +81,10 @@ enum class Hidden : std::size_t {
   kRetiredError,         ///< replaced under `_lock`, to be dropped after it
   kRaisedError,          ///< the stored error that was raised again last, and its traceback before that
   kRaisedTraceback,
+  kFailedEvent,  ///< the event of the attempt that failed last, and what was recorded of the failure
+  kFailedError,
 };
 
-inline constexpr std::size_t kHiddenCount = static_cast<std::size_t>(Hidden::kRaisedTraceback) + 1;
+inline constexpr std::size_t kHiddenCount = static_cast<std::size_t>(Hidden::kFailedError) + 1;
 
 }  // namespace tessaline::auth

@@ -136,9 +136,7 @@ Ref AuthManager::get(Field field) const {
 
 void AuthManager::set(Field field, Ref value) noexcept {
   Ref replaced = Ref::steal(std::exchange(at(field), value.release()));
-  if (field == Field::kAuthError) {
-    replaced = Ref::steal(std::exchange(at(Hidden::kRetiredError), replaced.release()));
-  }
+  if (field == Field::kAuthError && replaced) retire(std::move(replaced));
 }
 
 bool AuthManager::is_none(Field field) const {
@@ -216,8 +214,34 @@ void AuthManager::raise_again(PyObject* error) {
   python::raise(error);
 }
 
+void AuthManager::settle_attempt(PyObject* recorded) {
+  set(Field::kAuthError, Ref::borrow(recorded));
+  if (is_none(Field::kAuthEvent)) return;
+  PyObject* const before = std::exchange(at(Hidden::kFailedError), Py_NewRef(recorded));
+  if (before != nullptr) retire(Ref::steal(before));
+  python::drop(std::exchange(at(Hidden::kFailedEvent), get(Field::kAuthEvent).release()));
+  set_event(Field::kAuthEvent);
+}
+
+Ref AuthManager::outcome_of(PyObject* event) {
+  const bool failed = at(Hidden::kFailedEvent) == event && at(Hidden::kFailedError) != nullptr && !closed();
+  return failed ? Ref::borrow(at(Hidden::kFailedError)) : get(Field::kAuthError);
+}
+
+void AuthManager::retire(Ref error) noexcept {
+  Ref before = Ref::steal(std::exchange(at(Hidden::kRetiredError), error.release()));
+  if (!before) return;
+  PyObject* const both = PyTuple_Pack(2, before.get(), at(Hidden::kRetiredError));
+  if (both == nullptr) return PyErr_Clear();
+  const Ref latest = Ref::steal(std::exchange(at(Hidden::kRetiredError), both));
+}
+
 void AuthManager::drop_retired_errors() noexcept {
   const Ref replaced = Ref::steal(std::exchange(at(Hidden::kRetiredError), nullptr));
+  Ref settled;
+  if (at(Field::kAuthError) == Py_None && at(Field::kState) == state_text(State::kAuthenticated)) {
+    settled = Ref::steal(std::exchange(at(Hidden::kFailedError), nullptr));
+  }
   if (at(Hidden::kRaisedError) == nullptr || at(Hidden::kRaisedError) == at(Field::kAuthError)) return;
   const Ref raised = Ref::steal(std::exchange(at(Hidden::kRaisedError), nullptr));
   const Ref traceback = Ref::steal(std::exchange(at(Hidden::kRaisedTraceback), nullptr));

@@ -110,8 +110,16 @@ struct AuthManager {
   /// raised again: a manager that refuses for hours would otherwise keep every refused caller's frames alive.
   [[noreturn]] void raise_again(PyObject* error);
 
+  /// Stores what an attempt that failed leaves: for the next caller, and for those who waited for this
+  /// attempt and may look only after another has begun. Called under `_lock`; sets the attempt's event.
+  void settle_attempt(PyObject* recorded);
+
+  /// The recorded failure of the attempt with this event, the last error otherwise; or None.
+  Ref outcome_of(PyObject* event);
+
   /// Lets go of errors that are stored no more. Called without `_lock`: their frames may own anything.
   void drop_retired_errors() noexcept;
+  void retire(Ref error) noexcept;
 
   // Fields.
   PyObject* object() noexcept { return reinterpret_cast<PyObject*>(this); }

@@ -45,7 +45,7 @@ Admission admit(AuthManager& manager) {
 void wait_for_runner(AuthManager& manager, PyObject* running) {
   python::call_method(running, names::wait);
   const Locked lock(manager);
-  const Ref failure = manager.get(Field::kAuthError);
+  const Ref failure = manager.outcome_of(running);
   if (!failure.is_none()) manager.raise_again(failure.get());
 }
 
@@ -69,8 +69,7 @@ void settle_failure(AuthManager& manager, const python::Error& error, const Admi
       manager.set_state(still_usable ? State::kAuthenticated : State::kUninitialized);
       manager.set(Field::kReauthMode, Ref::none());
     }
-    manager.set(Field::kAuthError, Ref::borrow(recorded.get()));
-    if (!manager.is_none(Field::kAuthEvent)) manager.set_event(Field::kAuthEvent);
+    manager.settle_attempt(recorded.get());
     // An interrupted store may have let another attempt's event take the place of ours.
     if (admission.own) python::set_event(admission.own.get());
   });

@@ -27,12 +27,11 @@ void settle_failed_refresh(AuthManager& manager, const python::Error& error) {
   python::insist([&] {
     const Locked lock(manager);
     if (manager.closed()) return;
-    manager.set(Field::kAuthError, Ref::borrow(recorded.get()));
     if (permanent) manager.set(Field::kPermanentRefreshError, true);
     manager.set_state(manager.is_none(Field::kPendingEraNumber) ? State::kUninitialized
                                                                 : State::kAuthenticated);
     manager.set(Field::kReauthMode, Ref::none());
-    if (!manager.is_none(Field::kAuthEvent)) manager.set_event(Field::kAuthEvent);
+    manager.settle_attempt(recorded.get());
     manager.set_event(Field::kRefreshDone);
   });
 }

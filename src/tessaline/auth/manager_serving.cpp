@@ -57,7 +57,11 @@ void raise_if_renewal_is_hopeless(const AuthManager& manager) {
 class RefreshWaiter {
  public:
   explicit RefreshWaiter(AuthManager& manager) noexcept : manager_(manager) { ++manager_.refresh_waiters; }
-  ~RefreshWaiter() { --manager_.refresh_waiters; }
+  ~RefreshWaiter() {
+    --manager_.refresh_waiters;
+    if (!manager_.refresh_done_is_stale) return;
+    static_cast<void>(python::caught([this] { manager_.clear_refresh_done(); }));
+  }
   RefreshWaiter(const RefreshWaiter&) = delete;
   RefreshWaiter& operator=(const RefreshWaiter&) = delete;
 
@@ -195,7 +199,6 @@ class Serving {
 
   Ref token_after_nudge(PyObject* auth_time) {
     nudge_and_wait(auth_time);
-    if (manager_.refresh_done_is_stale) manager_.clear_refresh_done();
     {
       const Locked lock(manager_);
       manager_.raise_if_closed();

@@ -4,6 +4,7 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <utility>
 #include <variant>
 
 #include "tessaline/auth/http/http_client.hpp"
@@ -22,39 +23,63 @@ using python::Ref;
   throw python::Error::fetch();
 }
 
-std::string bytes_of(PyObject* bytes_object) {
-  return {PyBytes_AS_STRING(bytes_object), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes_object))};
+[[noreturn]] void raise_unsendable(const char* what, const char* why) {
+  PyErr_Format(PyExc_ValueError, "%s %s", what, why);
+  throw python::Error::fetch();
 }
 
-/// Header fields travel as ISO 8859-1, URLs and methods as its ASCII part, which the client checks.
+/// Header fields travel as ISO 8859-1. Read in place: the host's own encoders raise errors that carry the
+/// text.
 std::string latin1_of(const char* what, PyObject* value) {
   if (!PyUnicode_Check(value)) raise_not_text(what, value);
-  Ref encoded = python::checked(PyUnicode_AsLatin1String(value));
-  return bytes_of(encoded.get());
+  if (PyUnicode_KIND(value) != PyUnicode_1BYTE_KIND)
+    raise_unsendable(what, "has characters beyond ISO 8859-1");
+  return {static_cast<const char*>(PyUnicode_DATA(value)),
+          static_cast<std::size_t>(PyUnicode_GET_LENGTH(value))};
 }
 
 std::string ascii_of(const char* what, PyObject* value) {
   if (!PyUnicode_Check(value)) raise_not_text(what, value);
-  Ref encoded = python::checked(PyUnicode_AsASCIIString(value));
-  return bytes_of(encoded.get());
+  if (!PyUnicode_IS_ASCII(value)) raise_unsendable(what, "has characters outside ASCII");
+  return std::string(python::utf8_of(value));
+}
+
+Ref items_of(PyObject* mapping) {
+  Ref items;
+  std::optional<python::Error> failure =
+      python::caught([&] { items = python::call_method(mapping, names::items); });
+  if (!failure) return items;
+  if (!failure->matches(PyExc_AttributeError)) throw std::move(*failure);
+  PyErr_Format(PyExc_TypeError, "headers must be a mapping or None, not %.200s", Py_TYPE(mapping)->tp_name);
+  throw python::Error::fetch();
 }
 
 http::Headers headers_of(PyObject* mapping) {
   http::Headers fields;
   if (mapping == Py_None) return fields;
-  Ref items = python::iterator(python::call_method(mapping, names::items).get());
+  const Ref items = python::iterator(items_of(mapping).get());
   while (Ref pair = python::next(items.get())) {
-    Ref name = python::item(pair.get(), python::integer(0).get());
-    Ref value = python::item(pair.get(), python::integer(1).get());
+    const Ref name = python::item(pair.get(), python::integer(0).get());
+    const Ref value = python::item(pair.get(), python::integer(1).get());
     fields.emplace_back(latin1_of("header name", name.get()), latin1_of("header value", value.get()));
   }
   return fields;
 }
 
+std::string utf8_body(PyObject* text) {
+  std::string body;
+  std::optional<python::Error> failure = python::caught([&] { body = python::utf8_of(text); });
+  if (failure && failure->matches(PyExc_UnicodeEncodeError)) raise_unsendable("body", "has no UTF-8 form");
+  if (failure) throw std::move(*failure);
+  return body;
+}
+
 std::optional<std::string> body_of(PyObject* body) {
   if (body == Py_None) return std::nullopt;
-  if (PyUnicode_Check(body)) return std::string(python::utf8_of(body));
-  if (PyBytes_Check(body)) return bytes_of(body);
+  if (PyUnicode_Check(body)) return utf8_body(body);
+  if (PyBytes_Check(body)) {
+    return std::string(PyBytes_AS_STRING(body), static_cast<std::size_t>(PyBytes_GET_SIZE(body)));
+  }
   PyErr_Format(PyExc_TypeError, "body must be str, bytes or None, not %.200s", Py_TYPE(body)->tp_name);
   throw python::Error::fetch();
 }

@@ -163,9 +163,12 @@ CURLcode Attempt::drive(const Tick& tick) {
 }
 
 void Attempt::wait_for_activity(int milliseconds) {
-  process::park_if_exiting();
-  require(curl_multi_poll(session_.multi(), nullptr, 0, milliseconds, nullptr));
-  process::park_if_exiting();
+  CURLMcode code = CURLM_OK;
+  {
+    const process::Outside outside;
+    code = curl_multi_poll(session_.multi(), nullptr, 0, milliseconds, nullptr);
+  }
+  require(code);
 }
 
 void Attempt::call(const Tick& tick) {
@@ -203,9 +206,7 @@ void Attempt::examine(CURLcode code) {
     probe_memory();
   }
   const bool broke = code == CURLE_SEND_ERROR || code == CURLE_RECV_ERROR || code == CURLE_GOT_NOTHING;
-  curl_off_t first_byte = 0;
-  require(curl_easy_getinfo(easy_.get(), CURLINFO_STARTTRANSFER_TIME_T, &first_byte));
-  lost_idle_connection_ = broke && info(CURLINFO_NUM_CONNECTS) == 0 && first_byte == 0 && !head_.begun();
+  lost_idle_connection_ = broke && info(CURLINFO_NUM_CONNECTS) == 0 && !head_.begun();
 }
 
 long Attempt::info(CURLINFO which) const {

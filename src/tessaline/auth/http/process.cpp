@@ -19,42 +19,46 @@ namespace {
 constinit std::mutex process_mutex;
 constinit std::atomic<bool> started = false;
 constinit std::atomic<bool> exiting = false;
+constinit std::atomic<int> inside_count = 0;
 constinit std::atomic<unsigned long> fork_count = 0;
-constinit unsigned inside_count = 0;
 constinit pthread_t exit_thread{};
 
+// Shared by those inside; a fork takes it alone, and comes first, or busy threads would keep it waiting.
+constinit pthread_rwlock_t fork_gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+constinit bool gate_closed = false;
+
+constexpr timespec kMillisecond{0, 1'000'000};
 constexpr int kExitWaitMilliseconds = 100;
+constexpr int kForkWaitSeconds = 1;
 
 void before_fork() {
+  timespec end{};
+  clock_gettime(CLOCK_REALTIME, &end);
+  end.tv_sec += kForkWaitSeconds;
+  const bool closed = pthread_rwlock_timedwrlock(&fork_gate, &end) == 0;
   process_mutex.lock();
+  gate_closed = closed;
 }
 
 void after_fork_in_parent() {
+  const bool closed = gate_closed;
   process_mutex.unlock();
+  if (closed) pthread_rwlock_unlock(&fork_gate);
 }
 
 void after_fork_in_child() {
-  // Every other thread is gone, and this one was not inside: it was running foreign code, perhaps in a tick.
-  inside_count = 0;
+  // Every other thread is gone, and this one was outside. The gate may count threads that waited at it.
+  fork_gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+  inside_count.store(0);
   fork_count.fetch_add(1);
   SessionPool::shared().forget_all();
   process_mutex.unlock();
 }
 
-bool everybody_left() {
-  const std::lock_guard lock(process_mutex);
-  return inside_count == 0;
-}
-
 void wait_for_threads_at_exit() {
-  {
-    const std::lock_guard lock(process_mutex);
-    exit_thread = pthread_self();
-    exiting.store(true);
-    SessionPool::shared().wake_leased();
-  }
-  constexpr timespec kMillisecond{0, 1'000'000};
-  for (int waited = 0; waited < kExitWaitMilliseconds && !everybody_left(); ++waited) {
+  exit_thread = pthread_self();
+  exiting.store(true);
+  for (int waited = 0; waited < kExitWaitMilliseconds && inside_count.load() > 0; ++waited) {
     nanosleep(&kMillisecond, nullptr);
   }
 }
@@ -87,20 +91,18 @@ void start_locked() {
   for (;;) pause();
 }
 
-void enter() {
-  {
-    const std::lock_guard lock(process_mutex);
-    if (!exiting) {
-      ++inside_count;
-      return;
-    }
-  }
-  park();
+void leave() noexcept {
+  inside_count.fetch_sub(1);
+  pthread_rwlock_unlock(&fork_gate);
 }
 
-void leave() {
-  const std::lock_guard lock(process_mutex);
-  --inside_count;
+void enter() noexcept {
+  pthread_rwlock_rdlock(&fork_gate);
+  inside_count.fetch_add(1);
+  // Only now: a thread that does not see the exit is seen by it.
+  if (!exiting.load()) return;
+  leave();
+  park();
 }
 
 }  // namespace
@@ -111,12 +113,6 @@ std::mutex& mutex() noexcept {
 
 unsigned long generation() noexcept {
   return fork_count.load();
-}
-
-void park_if_exiting() {
-  if (!exiting.load()) return;
-  leave();
-  park();
 }
 
 Inside::Inside() {
@@ -134,7 +130,7 @@ Inside::~Inside() {
   leave();
 }
 
-Outside::Outside() {
+Outside::Outside() noexcept {
   leave();
 }
 

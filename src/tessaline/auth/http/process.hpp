@@ -5,20 +5,19 @@
 /// What a process that uses libcurl must care for once: its start, its forks and its exit.
 namespace tessaline::auth::http::process {
 
-/// Guards the session pool, every session's list of sockets and the count of threads inside libcurl. Held
-/// across a fork. No libcurl call that can run a callback is made under it.
+/// Guards the session pool and every session's list of sockets. Held across a fork. No libcurl call that can
+/// run a callback is made under it.
 std::mutex& mutex() noexcept;
 
 /// How many forks lie between this process and the first one. What was made under another number belongs to a
 /// parent process.
 unsigned long generation() noexcept;
 
-/// Ends here, for ever, when the process is exiting: libcurl's and OpenSSL's globals are being torn down, and
-/// nothing of ours may touch them any more. Call it around every wait.
-void park_if_exiting();
-
-/// The calling thread is inside libcurl. Sets libcurl up on first use; throws std::bad_alloc or
-/// TransportFailure when that fails. A thread that comes while the process is exiting is parked.
+/// The calling thread is inside libcurl. A fork waits until nobody is, so that no lock of libcurl or OpenSSL
+/// is held in the child by a thread that is not there; so does the exit, for a moment, before their globals
+/// are torn down. Who comes in while the process is exiting is parked for ever.
+///
+/// Sets libcurl up on first use; throws std::bad_alloc or TransportFailure when that fails.
 class Inside {
  public:
   Inside();
@@ -27,10 +26,10 @@ class Inside {
   Inside& operator=(const Inside&) = delete;
 };
 
-/// The calling thread, inside libcurl, runs foreign code for a while: the exit does not wait for it.
+/// The calling thread, otherwise inside, waits or runs foreign code for a while.
 class Outside {
  public:
-  Outside();
+  Outside() noexcept;
   ~Outside();
   Outside(const Outside&) = delete;
   Outside& operator=(const Outside&) = delete;

@@ -16,7 +16,8 @@ SessionPool& SessionPool::shared() {
 
 Session& SessionPool::take(const std::string& origin, TimePoint now) {
   std::string origin_copy = origin;
-  std::vector<Owned> outdated;  // closed after the lock is released
+  std::vector<Owned> outdated;  // both closed after the lock is released
+  Owned surplus;
   {
     const std::lock_guard lock(process::mutex());
     outdated = remove_outdated(now);
@@ -25,6 +26,7 @@ Session& SessionPool::take(const std::string& origin, TimePoint now) {
       session->origin.swap(origin_copy);
       return *session;
     }
+    if (count_idle() >= kWarmOrigins) surplus = remove_oldest_idle();
   }
   Owned created = std::make_unique<Session>();
   created->origin.swap(origin_copy);
@@ -39,18 +41,12 @@ void SessionPool::give_back(Session& session, TimePoint now) noexcept {
   if (!session.belongs_to_this_process()) return;
   session.leased = false;
   session.idle_since = now;
-  surplus = remove_oldest_beyond_bound();
+  if (count_idle() > kMaxIdle) surplus = remove_oldest_idle();
 }
 
 std::size_t SessionPool::idle_count() const {
   const std::lock_guard lock(process::mutex());
   return count_idle();
-}
-
-void SessionPool::wake_leased() noexcept {
-  for (const Owned& session : sessions_) {
-    if (session->leased) curl_multi_wakeup(session->multi());
-  }
 }
 
 void SessionPool::forget_all() noexcept {
@@ -74,8 +70,7 @@ std::vector<SessionPool::Owned> SessionPool::remove_outdated(TimePoint now) {
   return outdated;
 }
 
-SessionPool::Owned SessionPool::remove_oldest_beyond_bound() noexcept {
-  if (count_idle() <= kMaxIdle) return nullptr;
+SessionPool::Owned SessionPool::remove_oldest_idle() noexcept {
   const auto oldest =
       std::min_element(sessions_.begin(), sessions_.end(), [](const Owned& left, const Owned& right) {
         return std::tuple(left->leased, left->idle_since) < std::tuple(right->leased, right->idle_since);
@@ -87,15 +82,14 @@ SessionPool::Owned SessionPool::remove_oldest_beyond_bound() noexcept {
 
 Session* SessionPool::choose_idle(const std::string& origin) const noexcept {
   const auto rank = [&](const Session& session) {
-    return std::tuple(session.origin == origin, !session.has_connection(), session.idle_since);
+    return std::tuple(session.origin == origin, session.idle_since);
   };
   Session* best = nullptr;
   for (const Owned& session : sessions_) {
-    if (!session->leased && (best == nullptr || rank(*session) >= rank(*best))) best = session.get();
+    if (session->leased || (session->origin != origin && session->has_connection())) continue;
+    if (best == nullptr || rank(*session) >= rank(*best)) best = session.get();
   }
-  // Another server's connection is given up only when enough of them are kept warm.
-  const bool costs_a_connection = best != nullptr && best->origin != origin && best->has_connection();
-  return costs_a_connection && count_idle() < kWarmOrigins ? nullptr : best;
+  return best;
 }
 
 std::size_t SessionPool::count_idle() const noexcept {

@@ -22,8 +22,10 @@ class SessionPool {
   /// The pool of the process; never destroyed.
   static SessionPool& shared();
 
-  /// Prefers the session last used for `origin`, then one that has no connection to lose. Sessions that were
-  /// idle too long are closed. Throws std::bad_alloc.
+  /// The session last used for `origin`, or else one without a connection, or else a new one: a session with
+  /// a connection to another server is not used for this one, since libcurl might keep the wrong one of the
+  /// two. Sessions that were idle too long are closed, as is the oldest when enough are idle. Throws
+  /// std::bad_alloc.
   Session& take(const std::string& origin, TimePoint now);
 
   /// A session of a parent process is left alone.
@@ -31,16 +33,14 @@ class SessionPool {
 
   std::size_t idle_count() const;
 
-  // Below: under the process mutex.
-
-  void wake_leased() noexcept;
+  /// In a forked child, under the process mutex: leaves every session to the parent.
   void forget_all() noexcept;
 
  private:
   using Owned = std::unique_ptr<Session>;
 
   std::vector<Owned> remove_outdated(TimePoint now);
-  Owned remove_oldest_beyond_bound() noexcept;
+  Owned remove_oldest_idle() noexcept;
   Session* choose_idle(const std::string& origin) const noexcept;
   std::size_t count_idle() const noexcept;
 

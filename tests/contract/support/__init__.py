@@ -1,0 +1,1 @@
+"""A service in memory, clocks that a test moves, threads that end, and managers over them."""

@@ -1,0 +1,68 @@
+"""Time that moves when a test says so, and stand-ins for the host's modules."""
+
+from __future__ import annotations
+
+import threading
+import time
+from collections.abc import Callable
+from types import ModuleType
+from typing import Any
+
+
+class HandClock:
+    """Stands still until it is moved. May be told to raise."""
+
+    def __init__(self, now: float = 1_000_000.0) -> None:
+        self.now = now
+        self.error: BaseException | None = None
+
+    def __call__(self) -> float:
+        if self.error is not None:
+            raise self.error
+        return self.now
+
+
+class StandIn:
+    """A module with some of its names replaced."""
+
+    def __init__(self, module: ModuleType, **replaced: Any) -> None:
+        self.__dict__.update(replaced, _module=module)
+
+    def __getattr__(self, name: str) -> Any:
+        return getattr(self.__dict__["_module"], name)
+
+
+class ShortSleeps:
+    """A `time` whose sleeps end at once and whose monotonic time leaps, so that a clock that stands still is
+    found to be stuck at the first look: no wait of the component moves the hand clock."""
+
+    def __init__(self, on_sleep: Callable[[float], None] | None = None) -> None:
+        self.on_sleep = on_sleep
+        self.sleeps: list[float] = []
+        self._monotonic = 0.0
+        self._lock = threading.Lock()
+
+    def sleep(self, seconds: float) -> None:
+        self.sleeps.append(seconds)
+        if self.on_sleep is not None:
+            self.on_sleep(seconds)
+
+    def monotonic(self) -> float:
+        with self._lock:
+            self._monotonic += 2.0
+            return self._monotonic
+
+    def __getattr__(self, name: str) -> Any:
+        return getattr(time, name)
+
+
+def unstartable_threads(*refused: Callable[..., Any], error: BaseException | None = None) -> StandIn:
+    """A `threading` whose threads with one of these bodies cannot be started (none given: no thread can)."""
+
+    class Thread(threading.Thread):
+        def start(self) -> None:
+            if not refused or self._target in refused:  # type: ignore[attr-defined]
+                raise error if error is not None else RuntimeError("can't start new thread")
+            super().start()
+
+    return StandIn(threading, Thread=Thread)

@@ -1,0 +1,1 @@
+"""The component over real sockets, against the development server."""

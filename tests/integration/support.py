@@ -1,0 +1,221 @@
+"""What tests over real sockets share: a manager with its surroundings, threads with deadlines, counts."""
+
+from __future__ import annotations
+
+import base64
+import itertools
+import json
+import os
+import secrets
+import threading
+import time
+import traceback
+from collections import Counter
+from collections.abc import Callable, Iterator
+from typing import Any
+from urllib.parse import urlsplit
+
+from devserver.testing import DevServer
+from tessaline import auth
+
+DEADLINE = 20.0
+PAST_REFRESH = 80_000.0
+_numbers = itertools.count()
+ENDPOINTS = {
+    "/auth/register": "register",
+    "/auth/challenge": "challenge",
+    "/auth/verify": "verify",
+    "/api/profile/display_name": "display_name",
+}
+
+
+def until(condition: Callable[[], Any], what: str = "the condition", timeout: float = DEADLINE) -> Any:
+    """The first true value of `condition`; fails after `timeout` seconds."""
+    limit = time.monotonic() + timeout
+    while not (value := condition()):
+        if time.monotonic() > limit:
+            raise AssertionError(f"{what} did not come true within {timeout} s")
+        time.sleep(0.001)
+    return value
+
+
+def waiters(event: threading.Event) -> int:
+    """How many threads are blocked in `event.wait()` now."""
+    return len(event._cond._waiters)  # type: ignore[attr-defined]
+
+
+def descriptors() -> int:
+    """How many descriptors the process has open."""
+    return len(os.listdir("/proc/self/fd"))
+
+
+class Worker:
+    """One call on a thread of its own, and what came of it."""
+
+    def __init__(self, call: Callable[..., Any], *args: Any) -> None:
+        self._call: tuple[Callable[..., Any], tuple[Any, ...]] | None = (call, args)
+        self._value: Any = None
+        self._error: BaseException | None = None
+        self.ended_at: float | None = None
+        self.thread = threading.Thread(target=self._run, daemon=True)
+        self.thread.start()
+
+    def _run(self) -> None:
+        assert self._call is not None
+        call, args = self._call
+        try:
+            self._value = call(*args)
+        except BaseException as error:
+            self._error = error
+        self.ended_at = time.monotonic()
+        self._call = None
+
+    def finish(self, timeout: float = DEADLINE) -> Worker:
+        self.thread.join(timeout)
+        if self.thread.is_alive():
+            raise AssertionError(f"the call has not come back within {timeout} s")
+        return self
+
+    def result(self, timeout: float = DEADLINE) -> Any:
+        self.finish(timeout)
+        if self._error is not None:
+            raise self._error
+        return self._value
+
+    def failure(self, timeout: float = DEADLINE) -> BaseException:
+        self.finish(timeout)
+        assert self._error is not None, "the call has not failed"
+        return self._error
+
+
+class SteppedClock:
+    """A clock that stands still until it is told otherwise."""
+
+    def __init__(self) -> None:
+        self.now = 1_700_000_000.0
+
+    def __call__(self) -> float:
+        return self.now
+
+
+class CreepingClock:
+    """A clock that moves a little whenever it is read, so that nobody takes it for a broken one."""
+
+    def __init__(self) -> None:
+        self._lock = threading.Lock()
+        self.now = 1_700_000_000.0
+        self.step = 0.0001
+
+    def __call__(self) -> float:
+        with self._lock:
+            self.now += self.step
+            return self.now
+
+
+class Spy:
+    """The default transport, with the attempts counted and everything secret that passes remembered."""
+
+    def __init__(self, headers: dict[str, str] | None = None) -> None:
+        self.headers = headers or {}
+        self.attempts: Counter[str] = Counter()
+        self.secrets: set[str] = set()
+
+    def __call__(self, method: str, url: str, headers: Any = None, body: Any = None) -> Any:
+        self.attempts[ENDPOINTS[urlsplit(url).path]] += 1
+        self._remember(body)
+        authorization = (headers or {}).get("Authorization")
+        if authorization is not None:
+            self.secrets.add(authorization.removeprefix("Bearer "))
+        answer = auth._default_http_transport(method, url, headers={**headers, **self.headers}, body=body)
+        self._remember(answer[2])
+        return answer
+
+    def _remember(self, text: Any) -> None:
+        try:
+            value = json.loads(text)
+        except (TypeError, ValueError):
+            return
+        for name in ("signature", "token", "wallet_secret"):
+            if isinstance(value, dict) and isinstance(value.get(name), str):
+                self.secrets.add(value[name])
+
+
+class Harness:
+    """A manager over real HTTP whose back-off waits only note the delay; `delays` has them."""
+
+    def __init__(self, url: str, *, close_connections: bool = False, **options: Any) -> None:
+        self.key = secrets.token_hex(32)
+        self.spy = Spy({"Connection": "close"} if close_connections else None)
+        self.clock = options.pop("clock", None) or SteppedClock()
+        self.manager = auth.AuthManager(self.key, url, clock=self.clock, _transport=self.spy, **options)
+        self.delays: list[Any] = []
+        self.manager._wait_with_clock = self.delays.append
+
+    def forget(self) -> None:
+        """Forget the attempts and the delays so far."""
+        self.spy.attempts.clear()
+        self.delays.clear()
+
+    def secrets(self) -> set[str]:
+        """Every text that must not show, in each notation in which it might."""
+        held = self.manager._wallet_secret
+        texts = {self.key, self.key.upper(), *self.spy.secrets}
+        for text in list(self.spy.secrets):
+            if text.startswith("0x"):
+                texts.add(text[2:])
+        if held is not None:
+            texts |= {held.hex(), repr(held), base64.b64encode(held).decode()}
+        return {text for text in texts if len(text) >= 16}
+
+    def discreet(self, error: BaseException) -> BaseException:
+        """The error itself, after a look at everything that it says."""
+        for link in chain(error):
+            said = "".join(traceback.format_exception(link)) + repr(link) + str(link) + repr(vars(link))
+            self.assert_nothing_secret_in(said)
+        return error
+
+    def assert_nothing_secret_in(self, text: str) -> None:
+        # Not a plain assertion, which would print what must not show.
+        if any(secret in text for secret in self.secrets()):
+            raise AssertionError("something secret shows")
+
+    def failure(self, call: Callable[..., Any], *args: Any) -> BaseException:
+        """The error with which the call ends."""
+        try:
+            value = call(*args)
+        except BaseException as error:
+            return self.discreet(error)
+        raise AssertionError(f"the call has not failed but returned {type(value)}")
+
+    def trigger_refresh(self) -> None:
+        """Let the refresh point pass; the refresh thread sees it within 0.05 s."""
+        self.clock.now += PAST_REFRESH
+
+
+def chain(error: BaseException) -> Iterator[BaseException]:
+    """The error and what it came from."""
+    seen: set[int] = set()
+    todo: list[BaseException | None] = [error]
+    while todo:
+        link = todo.pop()
+        if link is None or id(link) in seen:
+            continue
+        seen.add(id(link))
+        yield link
+        todo += [link.__cause__, link.__context__]
+
+
+def at_a_new_name(server: DevServer) -> str:
+    """The URL of `server` under a name to which no connection is kept yet."""
+    return f"http://name-{next(_numbers)}.localhost:{server.port}"
+
+
+def wire(server: DevServer) -> dict[str, int]:
+    """How many requests came to each endpoint that had any."""
+    return {name: count for name, count in server.state()["counts"].items() if count}
+
+
+def reason_of(error: BaseException) -> str:
+    assert type(error) is auth.AuthError
+    assert str(error) == error.reason
+    return error.reason

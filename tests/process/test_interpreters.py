@@ -1,0 +1,240 @@
+"""One interpreter and one initialisation per process, and an import that does nothing else."""
+
+from __future__ import annotations
+
+import json
+import subprocess
+import sys
+import textwrap
+from typing import Any
+
+import pytest
+
+DEADLINE = 60.0
+
+OTHER_INTERPRETER = (
+    "Interpreter change detected - this module can only be loaded into one interpreter per process."
+)
+SECOND_TIME = "Module 'auth' has already been imported. Re-initialisation is not supported."
+
+IMPORT_AND_TELL = """
+import json
+try:
+    import tessaline.auth
+    told = ["imported", tessaline.auth.AuthError(reason="r").reason]
+except BaseException as error:
+    told = [type(error).__name__, str(error)]
+with open(pipe, "w", closefd=False) as out:
+    out.write(json.dumps(told) + "\\n")
+"""
+
+# How a program runs code in another interpreter of its process; `told_by` gives back what the code wrote.
+OTHERS = {
+    "legacy": """
+        import os, _interpreters
+        def told_by(code):
+            other = _interpreters.create("legacy")
+            reading, writing = os.pipe()
+            failure = _interpreters.exec(other, f"pipe = {writing}\\n" + code)
+            assert failure is None, failure
+            os.close(writing)
+            told = json.loads(os.fdopen(reading).read())
+            _interpreters.destroy(other)
+            return told
+    """,
+    "isolated": """
+        import os, _interpreters
+        def told_by(code):
+            other = _interpreters.create("isolated")
+            reading, writing = os.pipe()
+            failure = _interpreters.exec(other, f"pipe = {writing}\\n" + code)
+            assert failure is None, failure
+            os.close(writing)
+            told = json.loads(os.fdopen(reading).read())
+            _interpreters.destroy(other)
+            return told
+    """,
+    "embedded": """
+        import os, _testcapi
+        def told_by(code):
+            reading, writing = os.pipe()
+            assert _testcapi.run_in_subinterp(f"pipe = {writing}\\n" + code) == 0
+            os.close(writing)
+            return json.loads(os.fdopen(reading).read())
+    """,
+}
+
+
+def run(*parts: str) -> Any:
+    """Run the program and give back the JSON value of its output."""
+    program = "import json\n" + "\n".join(textwrap.dedent(part) for part in parts)
+    done = subprocess.run(
+        [sys.executable, "-P", "-X", "faulthandler", "-c", program],
+        stdin=subprocess.DEVNULL,
+        capture_output=True,
+        timeout=DEADLINE,
+        text=True,
+    )
+    assert (done.returncode, done.stderr) == (0, "")
+    return json.loads(done.stdout)
+
+
+def told_in_another(kind: str, before: str = "", after: str = "told.append(told_by(CODE))") -> Any:
+    if kind == "embedded":
+        pytest.importorskip("_testcapi", reason="the interpreter was built without its test modules")
+    setting = f"CODE = {IMPORT_AND_TELL!r}\ntold = []\n"
+    return run(setting, OTHERS[kind], before, after, "print(json.dumps(told))")
+
+
+@pytest.mark.parametrize("kind", OTHERS)
+def test_a_second_interpreter_is_refused(kind: str) -> None:
+    first = """
+        from tessaline import auth
+    """
+    then = """
+        told.append(told_by(CODE))
+        told.append(auth.AuthManager("11" * 32, "http://127.0.0.1:1").get_wallet_address())
+    """
+    refused, address = told_in_another(kind, first, then)
+    assert refused == ["ImportError", OTHER_INTERPRETER]
+    assert address.startswith("0x")
+
+
+@pytest.mark.parametrize("kind", OTHERS)
+def test_every_further_interpreter_is_refused(kind: str) -> None:
+    first = "import tessaline.auth"
+    then = "told += [told_by(CODE) for _ in range(5)]"
+    assert told_in_another(kind, first, then) == [["ImportError", OTHER_INTERPRETER]] * 5
+
+
+@pytest.mark.parametrize("kind", OTHERS)
+def test_the_main_interpreter_is_refused_after_another_one(kind: str) -> None:
+    then = """
+        told.append(told_by(CODE))
+        try:
+            import tessaline.auth
+        except BaseException as error:
+            told.append([type(error).__name__, str(error)])
+    """
+    first, refused = told_in_another(kind, after=then)
+    assert first == ["imported", "r"]
+    assert refused == ["ImportError", OTHER_INTERPRETER]
+
+
+@pytest.mark.parametrize("kind", OTHERS)
+def test_a_refused_interpreter_stays_refused(kind: str) -> None:
+    first = "import tessaline.auth"
+    again = """
+        told.append(told_by('''
+        import contextlib
+        with contextlib.suppress(ImportError):
+            import tessaline.auth
+        '''.replace("\\n        ", "\\n") + CODE))
+    """
+    assert told_in_another(kind, first, again) == [["ImportError", OTHER_INTERPRETER]]
+
+
+@pytest.mark.parametrize(
+    "again",
+    [
+        """
+        import sys
+        sys.modules.pop("tessaline.auth", None)
+        import tessaline.auth
+        """,
+        """
+        import sys
+        for name in [name for name in sys.modules if name.startswith("tessaline")]:
+            del sys.modules[name]
+        import tessaline.auth
+        """,
+        """
+        import importlib.util
+        found = importlib.util.find_spec("tessaline.auth")
+        made = importlib.util.module_from_spec(found)
+        found.loader.exec_module(made)
+        """,
+    ],
+    ids=["forgotten_module", "forgotten_package", "loader"],
+)
+def test_a_second_initialisation_is_refused(again: str) -> None:
+    attempt = f"""
+AGAIN = {textwrap.dedent(again)!r}
+from tessaline import auth
+told = []
+for _ in range(3):
+    try:
+        exec(AGAIN, {{}})
+    except BaseException as error:
+        told.append([type(error).__name__, str(error)])
+told.append(auth.AuthManager("11" * 32, "http://127.0.0.1:1").get_wallet_address()[:2])
+print(json.dumps(told))
+"""
+    assert run(attempt) == [["RuntimeError", SECOND_TIME]] * 3 + ["0x"]
+
+
+def test_an_import_that_fails_can_be_made_good() -> None:
+    told = run("""
+        import sys
+        sys.modules["tessaline.logging_style"] = None
+        told = []
+        try:
+            import tessaline.auth
+        except ImportError as error:
+            told.append(error.name)
+        told.append("tessaline.auth" in sys.modules)
+        del sys.modules["tessaline.logging_style"]
+        import tessaline.auth
+        told.append(tessaline.auth.AuthError(reason="r").reason)
+        print(json.dumps(told))
+    """)
+    assert told == ["tessaline.logging_style", False, "r"]
+
+
+def test_the_import_starts_no_thread_and_opens_nothing() -> None:
+    before, after = run("""
+        import base64, json, os, random, re, threading, time
+
+        def seen():
+            descriptors = []
+            for number in sorted(os.listdir("/proc/self/fd"), key=int):
+                try:
+                    descriptors.append((int(number), os.readlink(f"/proc/self/fd/{number}")))
+                except FileNotFoundError:  # the one that listed them
+                    pass
+            return {
+                "threads": len(os.listdir("/proc/self/task")),
+                "python threads": threading.active_count(),
+                "descriptors": descriptors,
+                "environment": dict(os.environ),
+            }
+
+        first = seen()
+        import tessaline.auth
+        print(json.dumps([first, seen()]))
+    """)
+    assert after == before
+    assert before["threads"] == 1
+
+
+def test_the_import_loads_only_what_it_names() -> None:
+    loaded = run("""
+        import sys
+        import base64, json, random, re, threading, time
+        before = set(sys.modules)
+        import tessaline.auth
+        print(json.dumps(sorted(set(sys.modules) - before)))
+    """)
+    # The first is what the package's own Python modules begin with.
+    assert set(loaded) - {"__future__"} == {"tessaline", "tessaline.auth", "tessaline.logging_style"}
+
+
+def test_the_import_loads_no_library_for_the_network_or_the_wallet() -> None:
+    unwanted = ["urllib", "ssl", "_ssl", "http", "socket", "_socket", "logging", "eth_account", "ipaddress"]
+    loaded = run(f"""
+        import sys
+        before = set(sys.modules)
+        import tessaline.auth
+        print(json.dumps([name for name in {unwanted} if name in set(sys.modules) - before]))
+    """)
+    assert loaded == []

@@ -1,0 +1,1 @@
+"""The default HTTP transport from Python, against real servers on the loopback."""
