@@ -1,0 +1,40 @@
+# One command per intent. Each does first whatever set-up is missing.
+.DEFAULT_GOAL := help
+.PHONY: help demo test build devserver check format warnings tidy pins clean
+.NOTPARALLEL:
+
+# Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
+ARGS ?=
+
+help: ## this page
+	@sed -n 's/^\([a-z]*\):.*## \(.*\)/  make \1\t\2/p' Makefile | expand -t 20
+
+demo: build ## log a wallet in against the development server and tell what happens
+	@.venv/bin/python examples/demo.py $(ARGS)
+
+test: build ## every test; with CI=true also the second compiler
+	@tools/test $(ARGS)
+
+build: ## set up what is missing, build, install into .venv
+	@tools/setup
+
+devserver: build ## run the development server
+	@.venv/bin/python -m devserver $(ARGS)
+
+check: build ## formatters and linters, then git diff; changes nothing
+	@tools/check
+
+format: build ## format the sources in place
+	@tools/format
+
+warnings: build ## compile with g++ and clang, warnings being errors
+	@tools/warnings
+
+tidy: warnings ## clang-tidy over the sources
+	@tools/tidy $(ARGS)
+
+pins: ## renew the pinned Python packages
+	@tools/pins
+
+clean: ## remove everything that these commands made
+	@rm -rf .venv build dist .pytest_cache .ruff_cache .mypy_cache .hypothesis

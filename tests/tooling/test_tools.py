@@ -1,0 +1,64 @@
+"""The set-up's choice of tools."""
+
+import os
+import subprocess
+from pathlib import Path
+
+from .project import ROOT
+
+
+def shell(script: str, **environment: str) -> subprocess.CompletedProcess[str]:
+    program = f"source tools/lib/common.sh; source tools/lib/system.sh; source tools/lib/python.sh; {script}"
+    return subprocess.run(
+        ["bash", "-c", program],
+        cwd=ROOT,
+        env=os.environ | environment,
+        capture_output=True,
+        timeout=60,
+        text=True,
+        stdin=subprocess.DEVNULL,
+    )
+
+
+def program(path: Path, text: str) -> Path:
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_text(f"#!/bin/sh\n{text}\n")
+    path.chmod(0o755)
+    return path
+
+
+def test_a_tool_is_taken_only_if_it_runs_is_new_enough_and_is_no_shim(tmp_path: Path) -> None:
+    program(tmp_path / "shims/cmake", "echo cmake version 4.1.0")
+    program(tmp_path / "broken/cmake", "exit 127")
+    program(tmp_path / "old/cmake", "echo cmake version 3.9.6")
+    good = program(tmp_path / "good/cmake", "echo cmake version 3.25.1")
+    places = [str(tmp_path / name) for name in ("shims", "broken", "old", "good")]
+    found = shell("tool cmake 3.25", PATH=os.pathsep.join([*places, os.environ["PATH"]]))
+    assert found.stdout.strip() == str(good)
+
+
+def test_a_python_that_does_not_fit_is_named_in_one_line(tmp_path: Path) -> None:
+    other = program(tmp_path / "python", "exit 1")
+    ended = shell("find_python", PYTHON=str(other))
+    assert ended.returncode == 1
+    assert (
+        ended.stderr == f"setup: PYTHON={other} is not a CPython 3.13 with its headers, ssl and ensurepip\n"
+    )
+
+
+def test_missing_packages_without_root_are_named_with_the_command_that_installs_them() -> None:
+    # As it is for a user who is not root and whom sudo refuses.
+    circumstances = "has_package() { [[ $1 != libb-dev ]]; }; is_root() { false; }; sudo() { false; }"
+    ended = shell(f"{circumstances}; need_packages liba-dev libb-dev")
+    assert ended.returncode == 1
+    assert ended.stderr == (
+        "setup: missing system packages: libb-dev; "
+        "run: sudo apt-get update && sudo apt-get install --no-install-recommends libb-dev\n"
+    )
+
+
+def test_an_interrupted_step_is_not_done(tmp_path: Path) -> None:
+    mark = tmp_path / "mark"
+    assert shell(f"is_done {mark} key").returncode == 1
+    assert shell(f"mark_done {mark} key && is_done {mark} key").returncode == 0
+    assert shell(f"is_done {mark} other").returncode == 1

@@ -1,0 +1,28 @@
+# Builds the package and installs it into .venv.
+
+build_inputs() {
+  find src tests/native CMakeLists.txt CMakePresets.json pyproject.toml README.md \
+    -type f -not -path '*/__pycache__/*' -print0 | sort -z
+}
+
+# CI compiles with warnings as errors, so that it need not compile again to know. A tree that has passed so stays
+# so, or every change between the two would build it anew.
+warnings_are_errors() {
+  if [[ ${CI:-} == true ]] || grep -qs ' werror=ON ' .venv/.built; then echo ON; else echo OFF; fi
+}
+
+need_build() {
+  local wanted werror
+  werror=$(warnings_are_errors)
+  wanted="$PWD $CXX $("$CXX" -dumpversion) werror=$werror $(build_inputs | xargs -0 sha256sum | sha256sum)"
+  [[ -e build/release/CMakeCache.txt ]] && is_done .venv/.built "$wanted" && return
+
+  say "building"
+  # Everything is compiled once: the wheel is built in the tree of the `release` preset, which so also holds
+  # the native test programs and, for work without installing, an importable package.
+  logged build .venv/bin/python -m pip install --no-input --disable-pip-version-check --no-deps \
+    --no-build-isolation --verbose . \
+    -C build-dir=build/release -C cmake.build-type=Release -C cmake.define.TESSALINE_TESTS=ON \
+    -C cmake.define.TESSALINE_WERROR="$werror"
+  mark_done .venv/.built "$wanted"
+}

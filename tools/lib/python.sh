@@ -1,0 +1,61 @@
+# Finds CPython 3.13 and makes .venv.
+
+# python_behind COMMAND: the interpreter itself (past shims and virtual environments), if it is a CPython 3.13
+# that can make an environment and build an extension.
+python_behind() {
+  "$1" -I - 2>/dev/null <<'PYTHON'
+import importlib.util, os, sys, sysconfig
+
+fits = (
+    sys.implementation.name == "cpython"
+    and sys.version_info[:2] == (3, 13)
+    and not sysconfig.get_config_var("Py_GIL_DISABLED")
+    and importlib.util.find_spec("ensurepip")
+    and importlib.util.find_spec("ssl")
+    and os.path.exists(os.path.join(sysconfig.get_path("include"), "Python.h"))
+)
+print(os.path.realpath(sys._base_executable)) if fits else sys.exit(1)
+PYTHON
+}
+
+python_candidates() {
+  type -aP python3.13 || true
+  local pyenv_root=${PYENV_ROOT:-}
+  [[ -n $pyenv_root ]] || pyenv_root=$(pyenv root 2>/dev/null) || pyenv_root=${HOME:-}/.pyenv
+  printf '%s\n' "$pyenv_root"/versions/*/bin/python3.13
+  uv python find --system --no-project 3.13 2>/dev/null || true
+}
+
+find_python() {
+  local candidate
+  if [[ -n ${PYTHON:-} ]]; then
+    python_behind "$PYTHON" || fail "PYTHON=$PYTHON is not a CPython 3.13 with its headers, ssl and ensurepip"
+    return
+  fi
+  while read -r candidate; do
+    python_behind "$candidate" && return
+  done < <(python_candidates)
+  fail "no CPython 3.13 with its headers among PYTHON, PATH, pyenv and uv;" \
+    "run: uv python install 3.13 (or: pyenv install 3.13), or say where it is: make PYTHON=..."
+}
+
+need_venv() {
+  local wanted
+  wanted="$PWD $(cat requirements/*.txt | sha256sum)"
+  if [[ -n ${PYTHON:-} ]]; then
+    wanted+=" $(find_python)"
+  elif [[ -x .venv/bin/python ]]; then
+    wanted+=" $(python_behind .venv/bin/python || true)"
+  fi
+  is_done .venv/.set-up "$wanted" && return
+
+  local python
+  python=$(find_python)
+  say "creating .venv with $("$python" --version)"
+  logged venv "$python" -m venv --clear .venv
+  # The list is complete, so nothing that it does not pin gets in.
+  logged packages .venv/bin/python -m pip install --quiet --no-input --disable-pip-version-check --no-deps \
+    --requirement requirements/dev.txt
+  logged packages-check .venv/bin/python -m pip check
+  mark_done .venv/.set-up "$PWD $(cat requirements/*.txt | sha256sum) $python"
+}

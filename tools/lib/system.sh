@@ -1,0 +1,100 @@
+# What the build needs from the system. A package counts as present when what it is needed for works,
+# wherever that came from.
+
+# version_of COMMAND [OPTION]: the first dotted number that the command prints; fails if it does not run.
+version_of() {
+  local text
+  text=$("$1" "${2:---version}" 2>/dev/null </dev/null) || return 1
+  [[ $text =~ [0-9]+(\.[0-9]+)+ ]] && printf '%s\n' "${BASH_REMATCH[0]}"
+}
+
+# tool NAME VERSION: the first one on PATH that runs and is new enough. A pyenv shim is passed over: it answers
+# for whichever Python is selected at the moment, and a build tree remembers its tools for longer.
+tool() {
+  local candidate version
+  while read -r candidate; do
+    [[ $candidate == */shims/* ]] && continue
+    version=$(version_of "$candidate") && at_least "$2" "$version" && printf '%s\n' "$candidate" && return
+  done < <(type -aP "$1")
+  return 1
+}
+
+# clang_tool NAME: that clang program, of version 16 or later.
+clang_tool() {
+  local suffix
+  for suffix in -16 -17 -18 -19 -20 -21 ""; do
+    tool "$1$suffix" 16 && return
+  done
+  return 1
+}
+
+has_module() {
+  if tool pkg-config 0 >/dev/null; then
+    pkg-config --exists "$1"
+  else
+    dpkg-query --show "$2" >/dev/null 2>&1
+  fi
+}
+
+has_package() {
+  case $1 in
+    g++) [[ -n ${CXX:-} ]] || tool g++ 12 ;;
+    cmake) tool cmake 3.25 ;;
+    ninja-build) tool ninja 1.10 ;;
+    pkg-config) tool pkg-config 0 ;;
+    libcurl4-openssl-dev) has_module 'libcurl >= 7.88' "$1" ;;
+    libsecp256k1-dev) has_module libsecp256k1 "$1" ;;
+    libssl-dev) has_module openssl "$1" ;;
+    libgtest-dev) has_module gtest_main "$1" ;;
+    clang-16) clang_tool clang++ ;;
+    clang-format-16) tool clang-format-16 16 ;;
+    clang-tidy-16) clang_tool clang-tidy ;;
+    *) fail "has_package: no rule for $1" ;;
+  esac >/dev/null
+}
+
+# missing PACKAGE...: those of them that are not there.
+missing() {
+  local package
+  for package in "$@"; do
+    has_package "$package" || printf '%s ' "$package"
+  done
+}
+
+is_root() { ((EUID == 0)); }
+
+# need_packages PACKAGE...: installs those that are missing, and only those.
+need_packages() {
+  local -a wanted as_root=()
+  read -r -a wanted <<<"$(missing "$@")"
+  ((${#wanted[@]})) || return 0
+
+  local command="sudo apt-get update && sudo apt-get install --no-install-recommends ${wanted[*]}"
+  if ! is_root; then
+    as_root=(sudo -n)
+    sudo -n true 2>/dev/null || fail "missing system packages: ${wanted[*]}; run: $command"
+  fi
+  command -v apt-get >/dev/null || fail "missing system packages (by their Debian names): ${wanted[*]}"
+
+  say "installing system packages: ${wanted[*]}"
+  local -a apt=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -q -o DPkg::Lock::Timeout=300)
+  # Stale lists may still do, so only the installation decides.
+  mkdir -p build/logs
+  "${apt[@]}" update >build/logs/apt-update.log 2>&1 </dev/null || true
+  logged apt-install "${apt[@]}" install -y --no-install-recommends "${wanted[@]}"
+
+  read -r -a wanted <<<"$(missing "${wanted[@]}")"
+  ((${#wanted[@]} == 0)) || fail "installed, but still not usable: ${wanted[*]}"
+}
+
+# The tools that were checked come first on PATH, also for the build backend, which takes what it finds there.
+use_checked_tools() {
+  local name
+  mkdir -p build/tools
+  for name in cmake ctest ninja; do
+    # Resolved, because the one found may be the link of an enclosing tool.
+    ln -sfn "$(readlink -f "$(tool "$name" 1.10)")" "build/tools/$name"
+  done
+  export PATH="$PWD/build/tools:$PATH"
+  export CXX="${CXX:-g++}" CMAKE_GENERATOR=Ninja CMAKE_BUILD_PARALLEL_LEVEL="${CMAKE_BUILD_PARALLEL_LEVEL:-2}"
+}
