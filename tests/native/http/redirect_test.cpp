@@ -119,7 +119,7 @@ TEST(Redirect, VisitsTenTargets) {
   RedirectTrail trail;
   Hop hop = hop_to("http://h/0");
   for (int visit = 1; visit <= 10; ++visit) {
-    const auto next = trail.next(hop, redirect_to("/" + std::to_string(visit)));
+    const auto next = trail.next(hop, redirect_to(std::string("/").append(std::to_string(visit))));
     ASSERT_TRUE(next) << visit;
     hop = *next;
   }

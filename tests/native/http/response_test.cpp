@@ -112,7 +112,8 @@ TEST(Response, RepeatedAndFoldedHeaders) {
 
 TEST(Response, ManyHeadersAreReadQuickly) {
   std::string fields;
-  for (int index = 0; index < 12'000; ++index) fields += "h" + std::to_string(index) + ": v\r\n";
+  for (int index = 0; index < 12'000; ++index)
+    fields.append("h").append(std::to_string(index)).append(": v\r\n");
   EXPECT_EQ(answered(answer_of(200, "", fields)).headers.size(), 12'001U);
 }
 
@@ -159,7 +160,8 @@ TEST(Response, HeadBeyondBounds) {
   EXPECT_EQ(kind_after("HTTP/1.1 200 OK\r\nX: " + std::string(150'000, 'a') + "\r\n\r\n"),
             FailureKind::kMalformedResponse);
   std::string many = "HTTP/1.1 200 OK\r\n";
-  for (int index = 0; index < 50'000; ++index) many += "h" + std::to_string(index) + ": v\r\n";
+  for (int index = 0; index < 50'000; ++index)
+    many.append("h").append(std::to_string(index)).append(": v\r\n");
   EXPECT_EQ(kind_after(many + "\r\n"), FailureKind::kMalformedResponse);
 }
 

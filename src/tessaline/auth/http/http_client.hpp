@@ -60,13 +60,15 @@ class TransportFailure : public std::runtime_error {
   FailureKind kind_;
 };
 
-/// Called at least five times a second while a request waits; false ends the request with kInterrupted.
+/// Called at least five times a second while a request waits; false ends the request with kInterrupted. May
+/// fork: the parent's request goes on, the child's fails with kReset. May perform requests itself.
 using Tick = std::function<bool()>;
 
 /// Performs one request. Blocks the calling thread; any number of threads may call at once. Connections and
 /// handles are kept and reused by later calls of any thread of this process, never by a forked child.
 ///
-/// Every HTTP status is a Response. Throws TransportFailure, and std::bad_alloc.
+/// Every HTTP status is a Response. Throws TransportFailure, std::bad_alloc, and what the tick throws. Once
+/// the process is exiting, a thread that is in here, or comes, does not return.
 Response perform(const Request& request, const Tick& tick = {});
 
 }  // namespace tessaline::auth::http
