@@ -25,6 +25,8 @@ HOST_CALLS = re.compile(
     r"|Py_X?DECREF|Py_CLEAR|PyEval_\w+|PyGILState_\w+|Py_BEGIN_ALLOW_THREADS)\b"
 )
 CATCH_ALL = re.compile(r"\bcatch\s*\(\s*\.\.\.\s*\)")
+HOST_HANDLERS = re.compile(r"\bcatch\s*\(\s*(?:const\s+)?(?:python::)?Error\b")
+TEXT_FORMS = re.compile(r"\bPy(?:Err_Format|Unicode_FromFormat)\([^;]*%[SRA]")
 HOST_HEADERS = re.compile(r'#\s*include\s*[<"](?:Python\.h|structmember\.h|.*\bauth/python/.*)[>"]')
 
 COMMENTS_AND_TEXTS = re.compile(r'//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"', re.DOTALL)
@@ -73,6 +75,19 @@ def test_no_handler_catches_everything() -> None:
     assert places(CATCH_ALL, own_sources(".cpp", ".hpp"), code_only=True) == []
 
 
+def test_host_exceptions_are_handled_outside_handlers() -> None:
+    # A door inside a handler aborts the process when the interpreter ends the thread in there.
+    room = ROOT / "src/tessaline/auth/python"
+    allowed = {room / "caught.hpp", room / "boundary.hpp"}
+    files = [path for path in own_sources(".cpp", ".hpp", under="src") if path not in allowed]
+    assert places(HOST_HANDLERS, files, code_only=True) == []
+
+
+def test_text_forms_are_made_through_the_doors() -> None:
+    # The host's formatters would call `__str__` past them.
+    assert places(TEXT_FORMS, own_sources(".cpp", ".hpp", under="src")) == []
+
+
 def test_the_pure_rooms_do_not_know_the_interpreter() -> None:
     for room in ("wallet", "http"):
         files = own_sources(".cpp", ".hpp", under=f"src/tessaline/auth/{room}")
@@ -96,5 +111,7 @@ def test_the_rules_find_what_they_forbid() -> None:
     assert HOST_CALLS.search("PyObject_CallNoArgs(f)")
     assert not HOST_CALLS.search("PyObject_Type(f)")
     assert CATCH_ALL.search("catch (...) {")
+    assert HOST_HANDLERS.search("catch (python::Error& error) {")
+    assert TEXT_FORMS.search('PyUnicode_FromFormat("%S", object)')
     assert HOST_HEADERS.search("#include <Python.h>")
     assert HOST_HEADERS.search('#include "tessaline/auth/python/ref.hpp"')
