@@ -34,7 +34,7 @@ class LateThreading:
     def __init__(self) -> None:
         self.events: list[LateEvent] = []
 
-    def Event(self) -> LateEvent:  # noqa: N802 (the name of the module's own)
+    def Event(self) -> LateEvent:
         self.events.append(LateEvent())
         return self.events[-1]
 
