@@ -82,7 +82,7 @@ SessionPool::Owned SessionPool::remove_oldest_idle() noexcept {
 
 Session* SessionPool::choose_idle(const std::string& origin) const noexcept {
   const auto rank = [&](const Session& session) {
-    return std::tuple(session.origin == origin, session.idle_since);
+    return std::tuple(session.origin == origin && session.has_connection(), session.idle_since);
   };
   Session* best = nullptr;
   for (const Owned& session : sessions_) {
