@@ -167,6 +167,14 @@ void AuthManager::raise_if_closed() const {
   if (closed()) raise_auth_error(reason::kManagerClosed);
 }
 
+void AuthManager::raise_if_pending_era() {
+  call_own(names::raise_if_pending_era_locked);
+}
+
+void AuthManager::raise_if_renewal_is_hopeless() const {
+  if (is_true(Field::kPermanentRefreshError)) raise_auth_error(reason::kTokenExpired);
+}
+
 void AuthManager::set_event(Field event) {
   python::set_event(get(event).get());
 }

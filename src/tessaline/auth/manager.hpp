@@ -90,6 +90,10 @@ struct AuthManager {
   /// The token at once where nothing stands against serving it; else empty, which says nothing yet.
   Ref token_if_healthy();
 
+  /// Called under `_lock`.
+  void raise_if_pending_era();
+  void raise_if_renewal_is_hopeless() const;
+
   /// A token that has replaced `old_token` and may be served; else empty. Called under `_lock`.
   Ref renewed_token(PyObject* old_token);
 

@@ -1,6 +1,7 @@
 #include <utility>
 
 #include "tessaline/auth/errors.hpp"
+#include "tessaline/auth/expired_token.hpp"
 #include "tessaline/auth/manager.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
@@ -9,8 +10,6 @@ namespace tessaline::auth {
 namespace {
 
 constexpr double kRefreshDoneSeconds = 10.0;
-constexpr int kPollPasses = 30;
-constexpr double kPollSeconds = 0.1;
 
 /// The fields on which a call of `get_token` decides, read at one go.
 struct Snapshot {
@@ -45,14 +44,6 @@ void raise_stored_error(AuthManager& manager) {
   if (!failure.is_none()) manager.raise_again(failure.get());
 }
 
-void raise_if_pending_era(AuthManager& manager) {
-  manager.call_own(names::raise_if_pending_era_locked);
-}
-
-void raise_if_renewal_is_hopeless(const AuthManager& manager) {
-  if (manager.is_true(Field::kPermanentRefreshError)) raise_auth_error(reason::kTokenExpired);
-}
-
 /// Keeps `_refresh_done` from being cleared between a look at the token's age and the wait.
 class RefreshWaiter {
  public:
@@ -68,35 +59,6 @@ class RefreshWaiter {
  private:
   AuthManager& manager_;
 };
-
-/// The token that this thread's `get_token` found expired, for the poll that it calls through the instance:
-/// one that is renewed before the poll's own first look must not pass for the old one.
-class ExpiredToken {
- public:
-  ExpiredToken(const AuthManager& manager, PyObject* token) noexcept : before_(current) {
-    current = {&manager, token};
-  }
-  ~ExpiredToken() { current = before_; }
-  ExpiredToken(const ExpiredToken&) = delete;
-  ExpiredToken& operator=(const ExpiredToken&) = delete;
-
-  /// An empty reference where the poll was not called by `get_token`.
-  static Ref of(const AuthManager& manager) noexcept {
-    return current.manager == &manager ? Ref::borrow(current.token) : Ref();
-  }
-
- private:
-  struct Entry {
-    const AuthManager* manager = nullptr;
-    PyObject* token = nullptr;
-  };
-
-  static thread_local constinit Entry current;
-
-  Entry before_;
-};
-
-thread_local constinit ExpiredToken::Entry ExpiredToken::current{};
 
 /// One call of `get_token` on the full path.
 class Serving {
@@ -151,9 +113,9 @@ class Serving {
     {
       const Locked lock(manager_);
       manager_.raise_if_closed();
-      raise_if_pending_era(manager_);
+      manager_.raise_if_pending_era();
       raise_stored_error(manager_);
-      raise_if_renewal_is_hopeless(manager_);
+      manager_.raise_if_renewal_is_hopeless();
       Ref token = manager_.get(Field::kToken);
       if (!token.is_none()) return token;
     }
@@ -202,8 +164,8 @@ class Serving {
     {
       const Locked lock(manager_);
       manager_.raise_if_closed();
-      raise_if_pending_era(manager_);
-      raise_if_renewal_is_hopeless(manager_);
+      manager_.raise_if_pending_era();
+      manager_.raise_if_renewal_is_hopeless();
       Ref token = manager_.get(Field::kToken);
       if (!token.is_none()) return token;
     }
@@ -234,8 +196,8 @@ class Serving {
         running = event_of_running_authentication();
         continue;
       }
-      raise_if_pending_era(manager_);
-      raise_if_renewal_is_hopeless(manager_);
+      manager_.raise_if_pending_era();
+      manager_.raise_if_renewal_is_hopeless();
       if (manager_.state() != State::kAuthenticated) raise_auth_error(reason::kNotAuthenticated);
       Ref token = manager_.get(Field::kToken);
       if (!token.is_none()) return token;
@@ -248,7 +210,7 @@ class Serving {
     Ref event = manager_.get(Field::kAuthEvent);
     if (event.is_none()) raise_auth_error(reason::kTokenExpired);
     if (python::truthy(python::call_method(event.get(), names::is_set).get())) {
-      raise_if_pending_era(manager_);
+      manager_.raise_if_pending_era();
       raise_stored_error(manager_);
       raise_auth_error(reason::kTokenExpired);
     }
@@ -259,103 +221,11 @@ class Serving {
   const Snapshot seen_;
 };
 
-/// What a pass of the poll finds.
-struct Sighting {
-  bool reauthenticating = false;
-  Ref event;
-  Ref token;  ///< a renewed one, to be served at once
-};
-
-Sighting look_for_reauth(AuthManager& manager, PyObject* old_token) {
-  const Locked lock(manager);
-  if (manager.state() == State::kReAuthenticating) return {true, manager.get(Field::kAuthEvent), {}};
-  raise_if_renewal_is_hopeless(manager);
-  manager.raise_if_closed();
-  return {false, {}, manager.renewed_token(old_token)};
-}
-
-Ref token_after_poll_ran_out(AuthManager& manager, bool fallback_to_current_token) {
-  {
-    const Locked lock(manager);
-    raise_if_pending_era(manager);
-    raise_if_renewal_is_hopeless(manager);
-    Ref token = manager.get(Field::kToken);
-    if (fallback_to_current_token && !token.is_none()) return token;
-  }
-  raise_auth_error(reason::kTokenExpired);
-}
-
-Ref token_after_reauth(AuthManager& manager, PyObject* event) {
-  if (event != Py_None) python::call_method(event, names::wait);
-  {
-    const Locked lock(manager);
-    manager.raise_if_closed();
-    raise_if_pending_era(manager);
-    raise_if_renewal_is_hopeless(manager);
-    Ref token = manager.get(Field::kToken);
-    if (!token.is_none()) return token;
-  }
-  raise_auth_error(reason::kTokenExpired);
-}
-
-/// The value of a field that only an authenticated manager hands out.
-Ref credential(AuthManager& manager, Field field) {
-  State state;
-  {
-    const Locked lock(manager);
-    state = manager.state();
-  }
-  if (state == State::kClosed) raise_auth_error(reason::kManagerClosed);
-  if (state == State::kUninitialized || state == State::kAuthenticating) {
-    raise_auth_error(reason::kNotAuthenticated);
-  }
-  const Locked lock(manager);
-  Ref value = manager.get(field);
-  if (value.is_none()) raise_auth_error(reason::kNotAuthenticated);
-  return value;
-}
-
 }  // namespace
 
 Ref AuthManager::get_token() {
   if (Ref token = token_if_healthy()) return token;
   return Serving(*this).run();
-}
-
-Ref AuthManager::renewed_token(PyObject* old_token) {
-  if (state() != State::kAuthenticated || !is_none(Field::kPendingEraNumber)) return {};
-  if (is_true(Field::kPermanentRefreshError)) return {};
-  Ref token = get(Field::kToken);
-  const Ref expiry = get(Field::kTokenExpiry);
-  if (token.is_none() || expiry.is_none() || python::equal(token.get(), old_token)) return {};
-  return python::less(call_own(names::get_time).get(), expiry.get()) ? std::move(token) : Ref();
-}
-
-Ref AuthManager::poll_for_reauth(bool fallback_to_current_token) {
-  Ref old_token = ExpiredToken::of(*this);
-  if (!old_token) {
-    const Locked lock(*this);
-    old_token = get(Field::kToken);
-  }
-  const Ref time_module = python::global(names::time);
-  const Ref step = python::number(kPollSeconds);
-  for (int pass = 0; pass < kPollPasses; ++pass) {
-    python::call_method(time_module.get(), names::sleep, {step.get()});
-    Sighting sighting = look_for_reauth(*this, old_token.get());
-    if (sighting.reauthenticating) return token_after_reauth(*this, sighting.event.get());
-    if (sighting.token) return std::move(sighting.token);
-  }
-  return token_after_poll_ran_out(*this, fallback_to_current_token);
-}
-
-Ref AuthManager::get_wallet_secret() {
-  return credential(*this, Field::kWalletSecret);
-}
-Ref AuthManager::get_token_expiry() {
-  return credential(*this, Field::kTokenExpiry);
-}
-Ref AuthManager::get_wallet_address() {
-  return get(Field::kWalletAddress);
 }
 
 }  // namespace tessaline::auth

@@ -1,6 +1,7 @@
 #include <Python.h>
 
 #include <atomic>
+#include <cstdint>
 
 #include "tessaline/auth/binding/manager_type.hpp"
 #include "tessaline/auth/binding/module_constants.hpp"
@@ -20,14 +21,17 @@ constinit const python::Name kRe{"re"};
 constinit const python::Name kTime{"time"};
 constinit const python::Name kLoggingStyle{"tessaline.logging_style"};
 
-std::atomic<PyInterpreterState*> home{nullptr};
+constexpr std::int64_t kNoInterpreter = -1;
+
+// By its number: the address of an interpreter that has ended may be another's later.
+std::atomic<std::int64_t> home{kNoInterpreter};
 bool executed = false;
 
 /// The component is process-wide, its threads and types included; a second interpreter of either kind would
 /// share them.
 void refuse_other_interpreters() {
-  PyInterpreterState* expected = nullptr;
-  PyInterpreterState* const here = PyInterpreterState_Get();
+  std::int64_t expected = kNoInterpreter;
+  const std::int64_t here = PyInterpreterState_GetID(PyInterpreterState_Get());
   if (!home.compare_exchange_strong(expected, here) && expected != here) {
     python::raise(
         PyExc_ImportError,
