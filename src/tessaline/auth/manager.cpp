@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "tessaline/auth/errors.hpp"
+#include "tessaline/auth/fork.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/validation.hpp"
@@ -77,6 +78,7 @@ void AuthManager::construct(PyObject* private_key_text, PyObject* server_url, Py
   Ref address = python::text(parsed->address());
   wipe_key();
   key = parsed.release();
+  generation = process_generation();
 
   set(Field::kWalletAddress, std::move(address));
   set(Field::kServerUrl, without_trailing_slashes(url.get()));
@@ -86,7 +88,7 @@ void AuthManager::construct(PyObject* private_key_text, PyObject* server_url, Py
   set(Field::kUsesInjectedClock, clock != Py_None);
   set(Field::kTransport, transport_in_force(transport));
   set_state(State::kUninitialized);
-  set(Field::kLock, threading_object(names::lock));
+  set(Field::kLock, new_lock());
   for (const Field field : {Field::kToken, Field::kTokenIat, Field::kTokenExpiry, Field::kWalletSecret,
                             Field::kAuthTime, Field::kAuthEvent, Field::kAuthError, Field::kRefreshThread}) {
     set(field, Ref::none());
@@ -205,6 +207,10 @@ Ref AuthManager::represent() {
   return python::checked(PyUnicode_FromFormat("<%U address=%U server=%U state=%U>", class_name.get(),
                                               shown(Field::kWalletAddress).get(),
                                               shown(Field::kServerUrl).get(), shown(Field::kState).get()));
+}
+
+Ref AuthManager::new_lock() {
+  return threading_object(names::lock);
 }
 
 Ref AuthManager::new_event() {

@@ -38,6 +38,7 @@ struct AuthManager {
   std::array<PyObject*, kHiddenCount> hidden;
   PyObject* dict;              ///< the instance's `__dict__`; null until used
   wallet::WalletKey* key;      ///< null once wiped
+  unsigned long generation;    ///< of the process that the lock and the threads belong to
   int refreshes_running;       ///< calls of `_do_refresh` inside their flow
   int refresh_waiters;         ///< callers about to wait, or waiting, for `_refresh_done`
   bool refresh_done_is_stale;  ///< to be cleared when the last of them has gone
@@ -125,6 +126,12 @@ struct AuthManager {
   void drop_retired_errors() noexcept;
   void retire(Ref error) noexcept;
 
+  // Forks.
+
+  /// Makes the manager fit for a child process on its first use there: lock and events anew, no thread, the
+  /// token still served, and renewal started again.
+  void settle_in_child();
+
   // Fields.
   PyObject* object() noexcept { return reinterpret_cast<PyObject*>(this); }
 
@@ -149,8 +156,9 @@ struct AuthManager {
   /// Calls one of the manager's own methods through the instance.
   Ref call_own(const python::Name& method, std::initializer_list<PyObject*> arguments = {});
 
-  /// A new host event: `threading.Event()`.
+  /// New host objects: `threading.Event()`, `threading.Lock()`.
   static Ref new_event();
+  static Ref new_lock();
 
   PyObject*& at(Field field) noexcept { return fields[static_cast<std::size_t>(field)]; }
   PyObject*& at(Hidden slot) noexcept { return hidden[static_cast<std::size_t>(slot)]; }

@@ -4,6 +4,7 @@
 
 #include "tessaline/auth/binding/manager_docs.hpp"
 #include "tessaline/auth/clock.hpp"
+#include "tessaline/auth/fork.hpp"
 #include "tessaline/auth/manager.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/instance.hpp"
@@ -69,10 +70,17 @@ int traverse(PyObject* self, visitproc visit, void* arg) {
   return 0;
 }
 
+/// The manager as this process may use it.
+AuthManager& present(PyObject* self) {
+  AuthManager& manager = manager_of(self);
+  if (manager.generation != process_generation()) manager.settle_in_child();
+  return manager;
+}
+
 /// The entry from the host for a method without arguments.
 template <Ref (AuthManager::*kMethod)()>
 PyObject* plain(PyObject* self, PyObject*) {
-  return python::boundary([self] { return (manager_of(self).*kMethod)(); });
+  return python::boundary([self] { return (present(self).*kMethod)(); });
 }
 
 template <Ref (AuthManager::*kMethod)()>
@@ -83,7 +91,11 @@ constexpr PyMethodDef define(const char* name, const char* doc) {
 /// The entry from the host for a method with this signature and body.
 template <const Signature& kSignature, Ref (*kBody)(PyObject*, const Bound&)>
 PyObject* bound(PyObject* self, PyObject* const* arguments, Py_ssize_t count, PyObject* keyword_names) {
-  return python::boundary([&] { return kBody(self, kSignature.bind(arguments, count, keyword_names)); });
+  return python::boundary([&] {
+    const Bound given = kSignature.bind(arguments, count, keyword_names);
+    present(self);
+    return kBody(self, given);
+  });
 }
 
 template <const Signature& kSignature, Ref (*kBody)(PyObject*, const Bound&)>

@@ -7,6 +7,7 @@
 #include "tessaline/auth/binding/module_constants.hpp"
 #include "tessaline/auth/binding/module_functions.hpp"
 #include "tessaline/auth/errors.hpp"
+#include "tessaline/auth/fork.hpp"
 #include "tessaline/auth/manager.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
@@ -63,6 +64,7 @@ int execute(PyObject* module) {
     refuse_other_interpreters();
     python::keep_module(module);
     import_host_modules();
+    watch_forks();
     add_constants();
     make_manager_texts();
     make_error_types(module);
