@@ -36,7 +36,8 @@ class Server:
             return 200, {}, json.dumps({"challenge_id": "1", "message": "hello"}).encode()
         if url.endswith("/auth/verify"):
             self.logins += 1
-            claims = {"sub": manager.get_wallet_address(), "era_number": self.era, "n": [os.getpid(), self.logins]}
+            maker = [os.getpid(), self.logins]
+            claims = {"sub": manager.get_wallet_address(), "era_number": self.era, "n": maker}
             token = ".".join((segment({}), segment(claims), "signature"))
             secret = base64.b64encode(bytes(32)).decode()
             return 200, {}, json.dumps({"token": token, "expires_at": 0, "wallet_secret": secret}).encode()
