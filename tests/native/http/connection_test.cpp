@@ -1,5 +1,7 @@
 #include <dirent.h>
 
+#include <future>
+
 #include "loopback_server.hpp"
 
 namespace tessaline::auth::http {
@@ -111,6 +113,29 @@ TEST(Connection, ClosedWhileIdleIsReplaced) {
   });
   for (int round = 0; round < 20; ++round) EXPECT_EQ(perform(request_for(server.url(), "POST")).body, "x");
   EXPECT_EQ(server.accepted(), 20);
+}
+
+TEST(Connection, ThatSpeaksUnaskedIsReplaced) {
+  std::promise<void> answered;
+  std::promise<void> spoken;
+  LoopbackServer server([&](Connection& connection) {
+    WireRequest wire;
+    while (connection.read_request(wire)) {
+      if (!connection.send(answer_of(200, connection.index() == 0 ? "first" : "second"))) return;
+      if (connection.index() > 0) continue;
+      answered.get_future().wait_for(testing::kPatience);
+      connection.send(answer_of(200, "nobody's"));
+      spoken.set_value();
+      connection.closed_within(testing::kPatience);
+      return;
+    }
+  });
+  EXPECT_EQ(perform(request_for(server.url())).body, "first");
+  answered.set_value();
+  ASSERT_EQ(spoken.get_future().wait_for(testing::kPatience), std::future_status::ready);
+  EXPECT_EQ(perform(request_for(server.url())).body, "second");
+  EXPECT_EQ(perform(request_for(server.url())).body, "second");
+  EXPECT_EQ(server.accepted(), 2);
 }
 
 TEST(Connection, ClosedOnArrivalOfTheNextRequestIsReplaced) {

@@ -156,6 +156,39 @@ TEST(Response, NotHttp) {
   }
 }
 
+TEST(Response, TrailersBeyondBounds) {
+  std::string answer = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nok\r\n0\r\n";
+  for (int index = 0; index < 5'000; ++index)
+    answer.append("t").append(std::to_string(index)).append(": trailer\r\n");
+  EXPECT_EQ(kind_after(answer + "\r\n"), FailureKind::kMalformedResponse);
+}
+
+TEST(Response, BodyBeyondBounds) {
+  const std::string chunk(std::size_t{1} << 20U, 'b');
+  LoopbackServer server([&](Connection& connection) {
+    WireRequest wire;
+    if (!connection.read_request(wire)) return;
+    connection.send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
+    for (int index = 0; index < 80; ++index) {
+      if (!connection.send("100000\r\n" + chunk + "\r\n")) return;
+    }
+  });
+  const auto failure = failure_of(request_for(server.url("/private")));
+  EXPECT_EQ(failure.kind, FailureKind::kMalformedResponse);
+  EXPECT_EQ(failure.message, "answer of " + server.peer() + " is too large");
+}
+
+TEST(Response, LengthsThatSayNothing) {
+  for (const char* lengths :
+       {"Content-Length: 99999999999999999999\r\n", "Content-Length: five\r\n", "Content-Length: -1\r\n",
+        "Content-Length: \r\n", "Content-Length: 5\r\nContent-Length: 2\r\n"}) {
+    EXPECT_EQ(kind_after(std::string("HTTP/1.1 200 OK\r\n") + lengths + "\r\nhello"),
+              FailureKind::kMalformedResponse)
+        << lengths;
+  }
+  EXPECT_EQ(answered("HTTP/1.1 200 OK\r\nContent-Length: 5\r\nContent-Length: 5\r\n\r\nhello").body, "hello");
+}
+
 TEST(Response, HeadBeyondBounds) {
   EXPECT_EQ(kind_after("HTTP/1.1 200 OK\r\nX: " + std::string(150'000, 'a') + "\r\n\r\n"),
             FailureKind::kMalformedResponse);

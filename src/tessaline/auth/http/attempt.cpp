@@ -21,6 +21,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kTickInterval{150};
 constexpr int kLongWaitMilliseconds = 10'000;
 constexpr long kMaxConnectionAgeSeconds = 30;
+constexpr std::size_t kMostBodyBytes = std::size_t{64} << 20U;  // an answer is some kilobytes
 constexpr std::size_t kLongestHeaderLine = 102'400;
 
 bool announces_missing_body(std::string_view method) {
@@ -234,6 +235,10 @@ std::size_t Attempt::on_header(char* data, std::size_t size, std::size_t count, 
 std::size_t Attempt::on_body(char* data, std::size_t size, std::size_t count, void* attempt) noexcept {
   auto& self = *static_cast<Attempt*>(attempt);
   try {
+    if (size * count > kMostBodyBytes - self.response_.body.size()) {
+      self.fault_.body_too_large = true;
+      return 0;
+    }
     self.response_.body.append(data, size * count);
     return size * count;
   } catch (const std::bad_alloc&) {

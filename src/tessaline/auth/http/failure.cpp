@@ -1,5 +1,6 @@
 #include "tessaline/auth/http/failure.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -53,6 +54,15 @@ std::string seconds_text(double seconds) {
   return text.data();
 }
 
+/// libcurl quotes names out of the certificate, which its holder chose.
+std::string printable(std::string_view text) {
+  constexpr std::size_t kLongest = 200;
+  std::string shown(text.substr(0, kLongest));
+  std::replace_if(
+      shown.begin(), shown.end(), [](char unit) { return unit < ' ' || unit > '~'; }, '?');
+  return shown;
+}
+
 std::string message_of(FailureKind kind, const Fault& fault, const std::string& peer) {
   switch (kind) {
     case FailureKind::kInvalidRequest:
@@ -72,11 +82,11 @@ std::string message_of(FailureKind kind, const Fault& fault, const std::string& 
     case FailureKind::kTimedOut:
       return "timed out waiting for " + peer;
     case FailureKind::kCertificate:
-      return "certificate of " + peer + " is not acceptable: " + fault.reason;
+      return "certificate of " + peer + " is not acceptable: " + printable(fault.reason);
     case FailureKind::kTls:
       return "TLS with " + peer + " failed: " + curl_easy_strerror(fault.code);
     case FailureKind::kMalformedResponse:
-      return "answer of " + peer + " is not HTTP/1";
+      return "answer of " + peer + (fault.body_too_large ? " is too large" : " is not HTTP/1");
     case FailureKind::kInterrupted:
       return "request to " + peer + " was interrupted";
     case FailureKind::kOther:

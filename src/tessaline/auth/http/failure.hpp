@@ -16,6 +16,7 @@ struct Fault {
   std::string reason;  ///< libcurl's, never the server's words
   bool answer_begun = false;
   bool head_complete = false;
+  bool body_too_large = false;
   long proxy_status = 0;  ///< of the answer to CONNECT, where one was needed
 };
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -9,7 +10,7 @@
 namespace tessaline::auth::http {
 
 /// Collects the fields of the last head among the lines that libcurl hands over: heads of interim answers are
-/// forgotten when the next one starts, lines after the final head (trailers) are passed over.
+/// forgotten when the next one starts, lines after the final head (trailers) are passed over, up to a bound.
 class ResponseHead {
  public:
   /// False when the line cannot belong to an answer to an HTTP/1 request.
@@ -24,12 +25,15 @@ class ResponseHead {
   enum class State { kNothing, kFields, kComplete };
 
   bool start(std::string_view status_line);
-  void add_field(std::string_view line);
+  bool add_field(std::string_view line);
+  bool accept_length(std::string_view length);
   void continue_field(std::string_view line);
 
   State state_ = State::kNothing;
   Headers fields_;
   std::unordered_set<std::string> names_;  // in lower case
+  std::string length_;                     // "Content-Length", where there is one
+  std::size_t trailer_bytes_ = 0;
   bool last_kept_ = false;
   bool interim_ = false;
 };

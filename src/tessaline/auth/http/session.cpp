@@ -3,6 +3,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -45,6 +47,14 @@ CURLcode Session::track_sockets_of(CURL* easy) noexcept {
 
 bool Session::take_out_of_memory() noexcept {
   return std::exchange(out_of_memory_, false);
+}
+
+bool Session::is_quiet() const noexcept {
+  return std::all_of(sockets_.begin(), sockets_.end(), [](curl_socket_t descriptor) {
+    char byte = 0;
+    const ssize_t waiting = recv(descriptor, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT);
+    return waiting < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+  });
 }
 
 void Session::abandon() noexcept {

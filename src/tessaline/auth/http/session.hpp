@@ -37,6 +37,10 @@ class Session {
 
   bool has_connection() const noexcept { return !sockets_.empty(); }
 
+  /// Whether its peers have sent nothing since the last answer, and no end of the connection either. libcurl
+  /// takes a readable idle connection for a living one, and what waits there for the next answer.
+  bool is_quiet() const noexcept;
+
   /// Closes this process's copies of the descriptors, and says nothing to the peers.
   void abandon() noexcept;
 

@@ -21,10 +21,14 @@ Session& SessionPool::take(const std::string& origin, TimePoint now) {
   {
     const std::lock_guard lock(process::mutex());
     outdated = remove_outdated(now);
-    if (Session* session = choose_idle(origin)) {
-      session->leased = true;
-      session->origin.swap(origin_copy);
-      return *session;
+    outdated.reserve(outdated.size() + sessions_.size());
+    while (Session* session = choose_idle(origin)) {
+      if (session->is_quiet()) {
+        session->leased = true;
+        session->origin.swap(origin_copy);
+        return *session;
+      }
+      outdated.push_back(remove(*session));
     }
     if (count_idle() >= kWarmOrigins) surplus = remove_oldest_idle();
   }
@@ -55,6 +59,14 @@ void SessionPool::forget_all() noexcept {
     static_cast<void>(session.release());
   }
   sessions_.clear();
+}
+
+SessionPool::Owned SessionPool::remove(const Session& session) noexcept {
+  const auto found = std::find_if(sessions_.begin(), sessions_.end(),
+                                  [&](const Owned& owned) { return owned.get() == &session; });
+  Owned removed = std::move(*found);
+  sessions_.erase(found);
+  return removed;
 }
 
 std::vector<SessionPool::Owned> SessionPool::remove_outdated(TimePoint now) {

@@ -40,6 +40,7 @@ class SessionPool {
   using Owned = std::unique_ptr<Session>;
 
   std::vector<Owned> remove_outdated(TimePoint now);
+  Owned remove(const Session& session) noexcept;
   Owned remove_oldest_idle() noexcept;
   Session* choose_idle(const std::string& origin) const noexcept;
   std::size_t count_idle() const noexcept;
