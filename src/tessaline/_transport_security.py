@@ -92,7 +92,7 @@ def _address(host: str) -> ipaddress.IPv4Address | ipaddress.IPv6Address | None:
 
 
 def _check_port(parts: SplitResult) -> None:
-    _, colon, port = parts.netloc.rpartition("]")[2].rpartition(":")
+    _, colon, port = parts.netloc.rpartition("]")[2].partition(":")
     if not colon:
         return
     if not (port.isdigit() and 0 < int(port[:6]) < 65536 and len(port) < 6):
@@ -102,7 +102,8 @@ def _check_port(parts: SplitResult) -> None:
 def _is_loopback(host: str) -> bool:
     address = _address(host)
     if address is None:
-        name = host.lower().removesuffix(".")
+        # A name with a final dot goes to the resolver, which may send it anywhere.
+        name = host.lower()
         return name == "localhost" or name.endswith(".localhost")
     if address.version == 6:
         return address == ipaddress.IPv6Address("::1")

@@ -38,6 +38,9 @@ struct AuthManager {
   std::array<PyObject*, kHiddenCount> hidden;
   PyObject* dict;              ///< the instance's `__dict__`; null until used
   wallet::WalletKey* key;      ///< null once wiped
+  unsigned long lock_owner;    ///< the thread that holds `_lock` through `Locked`, or 0
+  unsigned long flow_thread;   ///< the thread that runs the flow begun last, or 0
+  bool close_deferred;         ///< `close` was called by code that ran under `_lock`
   unsigned long generation;    ///< of the process that the lock and the threads belong to
   int refreshes_running;       ///< calls of `_do_refresh` inside their flow
   int refresh_waiters;         ///< callers about to wait, or waiting, for `_refresh_done`
@@ -119,6 +122,10 @@ struct AuthManager {
   /// attempt and may look only after another has begun. Called under `_lock`; sets the attempt's event.
   void settle_attempt(PyObject* recorded);
 
+  /// Whether the fields still speak of the attempt with this event (or None): no other has taken its place.
+  /// Called under `_lock`.
+  bool is_current_attempt(PyObject* own_event) const;
+
   /// The recorded failure of the attempt with this event, the last error otherwise; or None.
   Ref outcome_of(PyObject* event);
 
@@ -131,6 +138,14 @@ struct AuthManager {
   /// Makes the manager fit for a child process on its first use there: lock and events anew, no thread, the
   /// token still served, and renewal started again.
   void settle_in_child();
+
+  // Waiting and locking.
+
+  /// Waits for the end of the attempt with this event. Raises RuntimeError where it would never come: on the
+  /// thread that runs the flow, in a transport, a log handler or a signal handler.
+  void wait_for_flow(PyObject* event);
+
+  void finish_deferred_close() noexcept;
 
   // Fields.
   PyObject* object() noexcept { return reinterpret_cast<PyObject*>(this); }
@@ -164,19 +179,39 @@ struct AuthManager {
   PyObject*& at(Hidden slot) noexcept { return hidden[static_cast<std::size_t>(slot)]; }
 };
 
-/// Holds the manager's `_lock` for a block.
+/// Holds the manager's `_lock` for a block. Raises RuntimeError where this thread holds it already: a signal
+/// handler, a finalizer or a clock that ran meanwhile would wait for itself.
 class Locked {
  public:
-  explicit Locked(AuthManager& manager) : afterwards_{manager}, lock_(manager.get(Field::kLock)) {}
+  explicit Locked(AuthManager& manager);
+  ~Locked();
+  Locked(const Locked&) = delete;
+  Locked& operator=(const Locked&) = delete;
 
  private:
   struct Afterwards {
+    explicit Afterwards(AuthManager& locked);
+    ~Afterwards();
     AuthManager& manager;
-    ~Afterwards() { manager.drop_retired_errors(); }
   };
 
   Afterwards afterwards_;
   python::ScopedLock lock_;
+};
+
+/// Whether the calling thread holds `_lock` through `Locked`.
+bool holds_lock(const AuthManager& manager) noexcept;
+
+/// Notes the calling thread as the one that runs a flow, for a block.
+class FlowOnThread {
+ public:
+  explicit FlowOnThread(AuthManager& manager) noexcept;
+  ~FlowOnThread();
+  FlowOnThread(const FlowOnThread&) = delete;
+  FlowOnThread& operator=(const FlowOnThread&) = delete;
+
+ private:
+  AuthManager& manager_;
 };
 
 /// Creates the interned texts of states and modes. Called once, when the module is executed.

@@ -17,6 +17,7 @@ struct Admission {
 };
 
 Admission admit(AuthManager& manager) {
+  Ref own = AuthManager::new_event();
   const Locked lock(manager);
   Admission admission;
   switch (manager.state()) {
@@ -34,7 +35,7 @@ Admission admit(AuthManager& manager) {
     case State::kUnknown:
       raise_auth_error(reason::kUnexpectedAuthState);
   }
-  admission.own = AuthManager::new_event();
+  admission.own = std::move(own);
   manager.set_state(State::kAuthenticating);
   manager.set(Field::kAuthEvent, Ref::borrow(admission.own.get()));
   manager.set(Field::kAuthError, Ref::none());
@@ -43,13 +44,14 @@ Admission admit(AuthManager& manager) {
 }
 
 void wait_for_runner(AuthManager& manager, PyObject* running) {
-  python::call_method(running, names::wait);
+  manager.wait_for_flow(running);
   const Locked lock(manager);
   const Ref failure = manager.outcome_of(running);
   if (!failure.is_none()) manager.raise_again(failure.get());
 }
 
 void run_flow(AuthManager& manager) {
+  const FlowOnThread here(manager);
   const auto [token, expires_at, secret] = python::unpack3(manager.call_own(names::do_auth_flow).get());
   {
     const Locked lock(manager);
@@ -59,20 +61,21 @@ void run_flow(AuthManager& manager) {
   manager.call_own(names::start_refresh);
 }
 
-/// Goes back to what held before the attempt and wakes those who waited for it.
-void settle_failure(AuthManager& manager, const python::Error& error, const Admission& admission) {
-  const Ref recorded = recorded_error(error);
-  python::insist([&] {
-    const Locked lock(manager);
-    if (manager.state() == State::kAuthenticating) {
-      const bool still_usable = admission.was_authenticated && !manager.is_none(Field::kToken);
-      manager.set_state(still_usable ? State::kAuthenticated : State::kUninitialized);
-      manager.set(Field::kReauthMode, Ref::none());
-    }
-    manager.settle_attempt(recorded.get());
-    // An interrupted store may have let another attempt's event take the place of ours.
-    if (admission.own) python::set_event(admission.own.get());
-  });
+/// Goes back to what held before the attempt.
+void restore(AuthManager& manager, PyObject* recorded, const Admission& admission) {
+  const Locked lock(manager);
+  if (!manager.is_current_attempt(admission.own ? admission.own.get() : Py_None)) return;
+  if (manager.state() == State::kAuthenticating) {
+    const bool still_usable = admission.was_authenticated && !manager.is_none(Field::kToken);
+    manager.set_state(still_usable ? State::kAuthenticated : State::kUninitialized);
+    manager.set(Field::kReauthMode, Ref::none());
+  }
+  manager.settle_attempt(recorded);
+}
+
+/// Wakes those who wait for this attempt, also where its event is the manager's no more.
+void wake_own_waiters(const Admission& admission) {
+  if (admission.own) python::insist([&] { python::set_event(admission.own.get()); });
 }
 
 }  // namespace
@@ -84,13 +87,18 @@ Ref AuthManager::authenticate() {
     return Ref::none();
   }
   std::optional<python::Error> failure = python::caught([this] { run_flow(*this); });
-  if (!failure) return Ref::none();
-  {
+  if (failure) {
     const python::Handling handling(*failure);
-    settle_failure(*this, *failure, admission);
+    const Ref recorded = recorded_error(*failure);
+    std::optional<python::Error> unsettled =
+        python::caught([&] { python::insist([&] { restore(*this, recorded.get(), admission); }); });
+    wake_own_waiters(admission);
+    if (unsettled) throw std::move(*unsettled);
     revive_refresh();
   }
-  throw std::move(*failure);
+  if (failure) throw std::move(*failure);
+  wake_own_waiters(admission);
+  return Ref::none();
 }
 
 }  // namespace tessaline::auth

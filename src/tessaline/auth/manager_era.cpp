@@ -11,7 +11,7 @@ namespace tessaline::auth {
 namespace {
 
 void require_positive(PyObject* era_number) {
-  if (!python::at_least(python::integer(0).get(), era_number)) return;
+  if (python::less(python::integer(0).get(), era_number)) return;
   const Ref text = python::text_of(era_number);
   const Ref message = python::checked(PyUnicode_FromFormat("era_number must be > 0, got %U", text.get()));
   python::raise(python::call(PyExc_ValueError, {message.get()}).get());
@@ -29,6 +29,7 @@ void require_era(AuthManager& manager, PyObject* era_number) {
 /// Records the announcement. True when a re-authentication has to be started for it; false when the flow
 /// already running will meet it.
 bool announce(AuthManager& manager, PyObject* era_number) {
+  Ref event = AuthManager::new_event();
   const Locked lock(manager);
   switch (manager.state()) {
     case State::kClosed:
@@ -43,7 +44,6 @@ bool announce(AuthManager& manager, PyObject* era_number) {
     case State::kUnknown:
       break;
   }
-  Ref event = AuthManager::new_event();
   require_era(manager, era_number);
   manager.set_state(State::kReAuthenticating);
   manager.set(Field::kAuthEvent, std::move(event));
@@ -52,12 +52,14 @@ bool announce(AuthManager& manager, PyObject* era_number) {
 }
 
 /// The old token stays, and the announced era keeps it from being served.
-void settle_failure(AuthManager& manager, const python::Error& error) {
+void settle_failure(AuthManager& manager, const python::Error& error, PyObject* own_event) {
   const Ref recorded = recorded_error(error);
   const bool permanent = is_permanent(error);
   python::insist([&] {
     const Locked lock(manager);
     if (manager.closed()) return;
+    // Another attempt has taken over; its outcome counts.
+    if (!manager.is_current_attempt(own_event)) return python::set_event(own_event);
     if (permanent) manager.set(Field::kPermanentRefreshError, true);
     manager.set_state(State::kAuthenticated);
     manager.set(Field::kReauthMode, Ref::none());
@@ -80,17 +82,18 @@ Ref AuthManager::notify_era_change(PyObject* new_era_number) {
   // Ctrl-C may end the start after the thread has begun; then it settles the matter itself.
   if (!is_alive(at(Hidden::kEraThread))) {
     const python::Handling handling(*failure);
-    settle_failure(*this, *failure);
+    settle_failure(*this, *failure, get(Field::kAuthEvent).get());
   }
   throw std::move(*failure);
 }
 
 Ref AuthManager::background_reauth() {
+  const Ref event = get(Field::kAuthEvent);
   bool stored = false;
   const std::optional<python::Error> failure = python::caught([&] { stored = renew(); });
   if (failure) {
     const python::Handling handling(*failure);
-    settle_failure(*this, *failure);
+    settle_failure(*this, *failure, event.get());
   }
   if (stored) start_next_refresh();
   return Ref::none();

@@ -44,9 +44,10 @@ bool is_plain(PyTypeObject* type) {
 
 /// Whether the instance itself replaces one of those methods.
 bool is_patched(PyObject* dict) {
-  return dict != nullptr && PyDict_GET_SIZE(dict) != 0 &&
-         (python::has_entry(dict, names::get_time) ||
-          python::has_entry(dict, names::raise_if_pending_era_locked));
+  if (dict == nullptr || PyDict_GET_SIZE(dict) == 0) return false;
+  const Ref kept = Ref::borrow(dict);
+  return python::has_entry(dict, names::get_time) ||
+         python::has_entry(dict, names::raise_if_pending_era_locked);
 }
 
 bool is_free(PyObject* lock) {

@@ -1,3 +1,4 @@
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -27,6 +28,16 @@ Ref sign(const wallet::WalletKey& key, PyObject* message) {
     const wallet::WalletKey used = std::move(copy);
     return used.sign_personal_message(text);
   }));
+}
+
+/// The decoder's error would carry the secret in its context and its frames.
+Ref decoded_secret(PyObject* encoded) {
+  Ref secret;
+  std::optional<python::Error> failure = python::caught([&] {
+    secret = python::call_method(python::global(names::base64).get(), names::b64decode, {encoded});
+  });
+  if (failure) python::raise_bare(std::move(*failure));
+  return secret;
 }
 
 Ref era_of(PyObject* token) {
@@ -83,8 +94,7 @@ Ref AuthManager::do_auth_flow() {
     Ref token = python::item(grant.get(), names::token.object());
     Ref expires_at = python::item(grant.get(), names::expires_at.object());
     const Ref encoded_secret = python::item(grant.get(), names::wallet_secret.object());
-    Ref secret =
-        python::call_method(python::global(names::base64).get(), names::b64decode, {encoded_secret.get()});
+    Ref secret = decoded_secret(encoded_secret.get());
     return python::triple(std::move(token), std::move(expires_at), std::move(secret));
   }
   raise_network_error("stale authentication challenge after ", most_cycles.get());

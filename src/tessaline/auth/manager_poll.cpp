@@ -39,7 +39,7 @@ Ref token_after_poll_ran_out(AuthManager& manager, bool fallback_to_current_toke
 }
 
 Ref token_after_reauth(AuthManager& manager, PyObject* event) {
-  if (event != Py_None) python::call_method(event, names::wait);
+  if (event != Py_None) manager.wait_for_flow(event);
   {
     const Locked lock(manager);
     manager.raise_if_closed();

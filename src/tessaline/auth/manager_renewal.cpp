@@ -20,13 +20,21 @@ Ref supersede(AuthManager& manager, PyObject* thread) {
   return before;
 }
 
+/// Undoes `supersede` for a thread that did not start.
+void restore(AuthManager& manager, Ref before) {
+  if (before) python::call_method(manager.at(Hidden::kOlderRefreshThreads), names::remove, {before.get()});
+  python::drop(std::exchange(manager.at(Hidden::kNewestRefreshThread), before.release()));
+}
+
 /// Wakes those who wait for the refresh; the state after it depends on whether an era is pending.
-void settle_failed_refresh(AuthManager& manager, const python::Error& error) {
+void settle_failed_refresh(AuthManager& manager, const python::Error& error, PyObject* own_event) {
   const Ref recorded = recorded_error(error);
   const bool permanent = is_permanent(error);
   python::insist([&] {
     const Locked lock(manager);
     if (manager.closed()) return;
+    // Another attempt has taken over; its outcome counts.
+    if (!manager.is_current_attempt(own_event)) return python::set_event(own_event);
     if (permanent) manager.set(Field::kPermanentRefreshError, true);
     manager.set_state(manager.is_none(Field::kPendingEraNumber) ? State::kUninitialized
                                                                 : State::kAuthenticated);
@@ -55,7 +63,7 @@ Ref AuthManager::start_refresh() {
   if (failure && !is_alive(thread.get())) {
     const python::Handling handling(*failure);
     if (at(Hidden::kNewestRefreshThread) == thread.get()) {
-      python::drop(std::exchange(at(Hidden::kNewestRefreshThread), before.release()));
+      restore(*this, std::move(before));
     }
     record_unstarted_refresh(*failure);
     throw std::move(*failure);
@@ -113,14 +121,14 @@ Ref AuthManager::refresh_loop() {
 }
 
 Ref AuthManager::do_refresh() {
+  const Ref event = new_event();
   {
     const Locked lock(*this);
     if (state() != State::kAuthenticated) return Ref::none();
-    Ref event = new_event();
     set_state(State::kReAuthenticating);
     set(Field::kReauthMode,
         Ref::borrow(is_none(Field::kPendingEraNumber) ? proactive_mode() : era_change_mode()));
-    set(Field::kAuthEvent, std::move(event));
+    set(Field::kAuthEvent, Ref::borrow(event.get()));
     set(Field::kAuthError, Ref::none());
   }
   bool stored = false;
@@ -129,13 +137,14 @@ Ref AuthManager::do_refresh() {
   --refreshes_running;
   if (failure) {
     const python::Handling handling(*failure);
-    settle_failed_refresh(*this, *failure);
+    settle_failed_refresh(*this, *failure, event.get());
   }
   if (stored) start_next_refresh();
   return Ref::none();
 }
 
 bool AuthManager::renew() {
+  const FlowOnThread here(*this);
   const auto [token, expires_at, secret] =
       python::unpack3(call_own(names::do_auth_flow_matching_pending_era).get());
   const Locked lock(*this);

@@ -109,7 +109,7 @@ class Serving {
   }
 
   Ref token_after_running_authentication() {
-    if (!seen_.auth_event.is_none()) python::call_method(seen_.auth_event.get(), names::wait);
+    if (!seen_.auth_event.is_none()) manager_.wait_for_flow(seen_.auth_event.get());
     {
       const Locked lock(manager_);
       manager_.raise_if_closed();
@@ -189,7 +189,7 @@ class Serving {
   Ref confirmed_token() {
     Ref running;
     for (;;) {
-      if (running) python::call_method(running.get(), names::wait);
+      if (running) manager_.wait_for_flow(running.get());
       const Locked lock(manager_);
       manager_.raise_if_closed();
       if (manager_.state() == State::kReAuthenticating) {

@@ -65,6 +65,11 @@ void join_refresh_thread(AuthManager& manager) {
 }  // namespace
 
 Ref AuthManager::close() {
+  // A signal handler or a finalizer that ran under the lock; done as soon as it is free.
+  if (holds_lock(*this)) {
+    close_deferred = true;
+    return Ref::none();
+  }
   if (!enter_closed(*this)) return Ref::none();
   // There is no second chance: a further call finds the manager closed.
   Steps steps;

@@ -42,6 +42,7 @@ inline constinit Name lower{"lower"};
 inline constinit Name main_thread{"main_thread"};
 inline constinit Name monotonic{"monotonic"};
 inline constinit Name pop{"pop"};
+inline constinit Name remove{"remove"};
 inline constinit Name set{"set"};
 inline constinit Name sleep{"sleep"};
 inline constinit Name split{"split"};

@@ -42,7 +42,7 @@ void RefreshLoop::run() {
     const bool failed = python::caught([&] { next = pass(); }).has_value();
     if (next == Pass::kEnd) return;
     // A clock that fails now may work later; a loop that ended would leave the token to age.
-    if (failed) wait(poll_seconds());
+    if (failed && python::caught([this] { wait(poll_seconds()); })) rest();
   }
 }
 
@@ -118,12 +118,17 @@ void RefreshLoop::wait(double seconds) {
   if (!superseded()) python::clear_event(event.get());
 }
 
+void RefreshLoop::rest() {
+  const Ref seconds = python::number(kPollSeconds);
+  python::call_method(python::global(names::time).get(), names::sleep, {seconds.get()});
+}
+
 Ref RefreshLoop::living_older_thread() const {
   if (manager_.at(Hidden::kNewestRefreshThread) != me_.get()) return {};
   const Ref older = Ref::borrow(manager_.at(Hidden::kOlderRefreshThreads));
   while (older && python::length(older.get()) > 0) {
     Ref thread = python::item(older.get(), python::integer(-1).get());
-    if (is_alive(thread.get())) return thread;
+    if (thread.get() != me_.get() && is_alive(thread.get())) return thread;
     python::call_method(older.get(), names::pop);
   }
   return {};

@@ -30,6 +30,7 @@ class RefreshLoop {
   double poll_seconds() const;
   double wait_seconds(double remaining) const;
   void wait(double seconds);
+  void rest();
   Ref living_older_thread() const;
 
   AuthManager& manager_;

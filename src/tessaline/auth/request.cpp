@@ -33,7 +33,8 @@ Ref response_value(PyObject* json, PyObject* body) {
   std::optional<python::Error> failure =
       python::caught([&] { value = python::call_method(json, names::loads, {body}); });
   if (!failure) return value;
-  if (!is_not_json(json, *failure)) throw std::move(*failure);
+  // The parser's frames hold the body, and with it a token and a secret.
+  if (!is_not_json(json, *failure)) python::raise_bare(std::move(*failure));
   return python::call_method(body, names::decode, {python::text("utf-8").get()},
                              {{names::errors, python::text("replace").get()}});
 }

@@ -32,6 +32,9 @@ int checked(int status) {
 }
 
 void raise(PyObject* exception) {
+  if (!PyExceptionInstance_Check(exception)) {
+    raise(PyExc_TypeError, "exceptions must derive from BaseException");
+  }
   door([exception] { PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(exception)), exception); });
   throw Error::fetch();
 }
@@ -39,6 +42,14 @@ void raise(PyObject* exception) {
 void raise(PyObject* type, const char* message) {
   door([type, message] { PyErr_SetString(type, message); });
   throw Error::fetch();
+}
+
+void raise_bare(Error error) {
+  PyObject* const exception = error.exception();
+  set_traceback(exception, Py_None);
+  door([exception] { PyException_SetContext(exception, nullptr); });
+  door([exception] { PyException_SetCause(exception, nullptr); });
+  throw std::move(error);
 }
 
 Ref traceback_of(PyObject* exception) {

@@ -37,6 +37,9 @@ int checked(int status);
 /// Raises a new `type(message)`.
 [[noreturn]] void raise(PyObject* type, const char* message);
 
+/// Throws `error` without its context and traceback, where those hold what the host must not see.
+[[noreturn]] void raise_bare(Error error);
+
 /// `exception.__traceback__`, or None.
 Ref traceback_of(PyObject* exception);
 void set_traceback(PyObject* exception, PyObject* traceback);

@@ -28,6 +28,9 @@ auto without_gil(Work&& work) -> decltype(work(std::declval<PyThreadState*&>()))
   return std::move(*result);
 }
 
+/// Lets other threads run for a millisecond; needs no memory.
+void pause_without_gil() noexcept;
+
 /// Lets the interpreter run its signal handlers from inside `without_gil`. False when one of them raised; the
 /// exception is then the thread's raised exception.
 bool run_signal_handlers(PyThreadState*& thread) noexcept;

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "tessaline/auth/python/caught.hpp"
+#include "tessaline/auth/python/gil.hpp"
 
 namespace tessaline::auth::python {
 
@@ -12,11 +13,13 @@ namespace tessaline::auth::python {
 /// failures the first one is raised.
 template <class Step>
 void insist(Step&& step) {
-  static constexpr int kMostTries = 8;
+  static constexpr int kMostTries = 64;
+  static constexpr int kHastyTries = 4;
   std::optional<Error> first = caught(step);
   if (!first) return;
   for (int tries = 1; caught(step); ++tries) {
     if (tries == kMostTries) throw std::move(*first);
+    if (tries >= kHastyTries) pause_without_gil();
   }
   if (!first->matches(PyExc_Exception)) throw std::move(*first);
 }

@@ -1,0 +1,185 @@
+"""Code that the manager runs itself calls the manager: it is told so, and nobody waits for himself."""
+
+from __future__ import annotations
+
+import json
+import signal
+from collections.abc import Iterator
+from typing import Any
+
+import pytest
+
+from tessaline import auth
+
+from .support.clocks import HandClock
+from .support.managers import reason
+from .support.service import CHALLENGE, REGISTER, Service, answer
+from .support.threads import DEADLINE, Caller
+
+DAY = 86400.0
+
+
+@pytest.fixture
+def alarm() -> Iterator[None]:
+    """Ends a test that waits for itself."""
+
+    def give_up(*_: Any) -> None:
+        raise AssertionError("it waits for itself")
+
+    before = signal.signal(signal.SIGALRM, give_up)
+    signal.alarm(int(DEADLINE))
+    yield
+    signal.alarm(0)
+    signal.signal(signal.SIGALRM, before)
+
+
+class CallingClock(HandClock):
+    """Calls the manager whenever the time is read."""
+
+    def __init__(self, call: str) -> None:
+        super().__init__()
+        self.call = call
+        self.manager: Any = None
+        self.seen: list[Any] = []
+
+    def __call__(self) -> float:
+        if self.manager is not None:
+            manager, self.manager = self.manager, None
+            try:
+                self.seen.append(getattr(manager, self.call)())
+            except Exception as error:
+                self.seen.append(error)
+        return super().__call__()
+
+
+@pytest.mark.usefixtures("alarm")
+@pytest.mark.parametrize("call", ["get_token", "get_token_expiry", "get_wallet_secret", "authenticate"])
+def test_a_clock_that_calls_the_manager_under_its_lock_is_refused(make_manager: Any, call: str) -> None:
+    clock = CallingClock(call)
+    manager = make_manager(clock=clock)
+    clock.manager = manager
+    manager.authenticate()
+    (refusal,) = clock.seen
+    assert type(refusal) is RuntimeError
+    assert "while it holds its lock" in str(refusal)
+    assert manager._state == "AUTHENTICATED"
+    assert not manager._lock.locked()
+
+
+@pytest.mark.usefixtures("alarm")
+def test_a_close_from_under_the_lock_is_done_when_the_lock_is_free(make_manager: Any) -> None:
+    clock = CallingClock("close")
+    manager = make_manager(clock=clock)
+    clock.manager = manager
+    manager.authenticate()
+    assert clock.seen == [None]
+    assert manager._state == "CLOSED"
+    assert manager._private_key is None
+    assert manager._token is None
+    with pytest.raises(auth.AuthError) as refused:
+        manager.get_token()
+    assert reason(refused.value) == "manager_closed"
+
+
+@pytest.mark.usefixtures("alarm")
+def test_a_signal_handler_that_closes_while_a_result_is_stored(
+    make_manager: Any, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    manager = make_manager()
+    original = auth.random.uniform
+
+    def uniform(low: float, high: float) -> float:
+        signal.raise_signal(signal.SIGUSR1)
+        return original(low, high)
+
+    before = signal.signal(signal.SIGUSR1, lambda *_: manager.close())
+    try:
+        monkeypatch.setattr(auth.random, "uniform", uniform)
+        manager.authenticate()
+    finally:
+        signal.signal(signal.SIGUSR1, before)
+    assert manager._state == "CLOSED"
+    assert manager._private_key is None
+
+
+@pytest.mark.usefixtures("alarm")
+@pytest.mark.parametrize("call", ["get_token", "authenticate"])
+def test_a_transport_that_waits_for_its_own_login_is_refused(
+    manager: Any, service: Service, call: str
+) -> None:
+    seen: list[BaseException] = []
+
+    def fault(path: str) -> None:
+        if path == CHALLENGE and not seen:
+            try:
+                getattr(manager, call)()
+            except BaseException as error:
+                seen.append(error)
+
+    service.fault = fault
+    manager.authenticate()
+    (refusal,) = seen
+    assert type(refusal) is RuntimeError
+    assert "its own authentication" in str(refusal)
+    assert manager.get_token() == service.tokens[-1]
+
+
+@pytest.mark.usefixtures("alarm")
+def test_a_log_handler_that_takes_a_token_does_not_stop_the_login(
+    logged_in: Any, service: Service, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    seen: list[Any] = []
+
+    def log(*_: Any, **__: Any) -> None:
+        try:
+            seen.append(logged_in.get_token())
+        except Exception as error:
+            seen.append(error)
+
+    monkeypatch.setattr(auth, "log_library_surface_event", log)
+    logged_in._wait_with_clock = lambda seconds: None
+    answers = [answer(429, None, Retry_After="soon")]
+    service.fault = lambda path: answers.pop() if path == REGISTER and answers else None
+    logged_in.authenticate()
+    assert [type(value) for value in seen] == [RuntimeError]
+    assert logged_in.get_token() == service.tokens[-1]
+
+
+def test_another_thread_still_waits_while_a_flow_runs(logged_in: Any, service: Service) -> None:
+    gate = service.hold(CHALLENGE)
+    runner = Caller(logged_in.authenticate)
+    gate.reached()
+    waiter = Caller(logged_in.get_token)
+    service.let_go()
+    runner.result()
+    assert waiter.result() == service.tokens[-1]
+
+
+# Secrets in what is raised
+
+
+def test_a_secret_that_cannot_be_decoded_is_not_in_the_error(manager: Any, service: Service) -> None:
+    def fault(path: str) -> Any:
+        if not path.endswith("/verify"):
+            return None
+        granted = {**service.grant(manager.get_wallet_address()), "wallet_secret": "geheimniß"}
+        return 200, {}, json.dumps(granted).encode()
+
+    service.fault = fault
+    with pytest.raises(ValueError) as caught:
+        manager.authenticate()
+    assert caught.value.__context__ is None
+    assert caught.value.__cause__ is None
+    names = []
+    traceback = caught.value.__traceback__
+    while traceback is not None:
+        names.append(traceback.tb_frame.f_code.co_filename)
+        traceback = traceback.tb_next
+    assert not any("base64" in name for name in names), names
+
+
+def test_a_stored_error_of_a_foreign_type_is_a_type_error(logged_in: Any) -> None:
+    logged_in._auth_error = "text"
+    logged_in._pending_era_number = 5
+    with pytest.raises(TypeError, match="must derive from BaseException"):
+        logged_in.get_token()
