@@ -75,7 +75,11 @@ void restore(AuthManager& manager, PyObject* recorded, const Admission& admissio
 
 /// Wakes those who wait for this attempt, also where its event is the manager's no more.
 void wake_own_waiters(const Admission& admission) {
-  if (admission.own) python::insist([&] { python::set_event(admission.own.get()); });
+  if (!admission.own) return;
+  python::insist([&] {
+    const Ref awake = python::call_method(admission.own.get(), names::is_set);
+    if (!python::truthy(awake.get())) python::set_event(admission.own.get());
+  });
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 #include "tessaline/auth/python/event.hpp"
 
 #include "tessaline/auth/python/call.hpp"
+#include "tessaline/auth/python/caught.hpp"
 #include "tessaline/auth/python/error.hpp"
-#include "tessaline/auth/python/insist.hpp"
 #include "tessaline/auth/python/scoped_lock.hpp"
 
 namespace tessaline::auth::python {
@@ -15,7 +15,9 @@ constinit const Name kClear{"clear"};
 constinit const Name kCondition{"_cond"};
 constinit const Name kLock{"_lock"};
 constinit const Name kFlag{"_flag"};
-constinit const Name kNotifyAll{"notify_all"};
+constinit const Name kWaiters{"_waiters"};
+constinit const Name kPopLeft{"popleft"};
+constinit const Name kRelease{"release"};
 
 /// The host's own functions, kept until the process ends.
 PyObject* own_set = nullptr;
@@ -35,10 +37,22 @@ bool is_own(const Ref& method, PyObject* function) {
   return PyMethod_Check(method.get()) && PyMethod_GET_FUNCTION(method.get()) == function;
 }
 
+/// What `Condition.notify_all` does, in calls that run no bytecode: a signal handler that ran under the
+/// event's inner lock and touched the event would wait for itself.
+void release_all(PyObject* waiters) {
+  while (length(waiters) > 0) {
+    const Ref waiter = call_method(waiters, kPopLeft);
+    std::optional<Error> failure = caught([&] { call_method(waiter.get(), kRelease); });
+    // As the host: a waiter that has given up meanwhile is released already.
+    if (failure && !failure->matches(PyExc_RuntimeError)) throw std::move(*failure);
+  }
+}
+
 void set_flag(PyObject* event, PyObject* condition, PyObject* value) {
+  const Ref waiters = attribute(condition, kWaiters);
   const ScopedLock lock(attribute(condition, kLock));
   set_attribute(event, kFlag, value);
-  if (value == Py_True) insist([condition] { call_method(condition, kNotifyAll); });
+  if (value == Py_True) release_all(waiters.get());
 }
 
 void change(PyObject* event, const Name& name, PyObject* own_function, PyObject* value) {
