@@ -72,15 +72,16 @@ void settle_failure(AuthManager& manager, const python::Error& error, PyObject* 
 Ref AuthManager::notify_era_change(PyObject* new_era_number) {
   require_positive(new_era_number);
   if (!announce(*this, new_era_number)) return Ref::none();
-  std::optional<python::Error> failure = python::caught([this] {
+  Ref thread;
+  std::optional<python::Error> failure = python::caught([&] {
     set_event(Field::kRefreshEvent);
-    const Ref thread = new_daemon_thread(names::background_reauth);
+    thread = new_daemon_thread(names::background_reauth);
     python::drop(std::exchange(at(Hidden::kEraThread), Py_NewRef(thread.get())));
     python::call_method(thread.get(), names::start);
   });
   if (!failure) return Ref::none();
   // Ctrl-C may end the start after the thread has begun; then it settles the matter itself.
-  if (!is_alive(at(Hidden::kEraThread))) {
+  if (!is_alive(thread.get())) {
     const python::Handling handling(*failure);
     settle_failure(*this, *failure, get(Field::kAuthEvent).get());
   }

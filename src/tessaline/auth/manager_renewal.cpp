@@ -89,11 +89,13 @@ void AuthManager::record_unstarted_refresh(const python::Error& error) {
   python::insist([&] {
     const Locked lock(*this);
     if (closed()) return;
+    set_event(Field::kRefreshDone);
+    // An authentication that has begun meanwhile has an outcome and waiters of its own.
+    const bool idle = state() == State::kAuthenticated || reauthentication_is_orphaned();
+    if (!idle && state() != State::kUninitialized) return;
     set(Field::kAuthError, Ref::borrow(recorded.get()));
     if (permanent) set(Field::kPermanentRefreshError, true);
-    set_event(Field::kRefreshDone);
-    // An authentication that has begun meanwhile has waiters of its own.
-    if (state() != State::kAuthenticated && !reauthentication_is_orphaned()) return;
+    if (!idle) return;
     set_state(State::kAuthenticated);
     set(Field::kReauthMode, Ref::none());
     if (!is_none(Field::kAuthEvent)) set_event(Field::kAuthEvent);
