@@ -240,7 +240,7 @@ TEST(SecretSlotTest, ForkedChildAcquiresWhileOtherThreadsAreAtWork) {
 }
 
 TEST(SecretSlotTest, ThrowsWhenTheSystemHasNoMemory) {
-#ifdef TESSALINE_ADDRESS_SANITIZER
+#if defined(TESSALINE_ADDRESS_SANITIZER) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the sanitizer needs address space of its own";
 #endif
   const pid_t child = fork();
