@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import threading
 from typing import Any
+from unittest import mock
 
 import pytest
 
@@ -11,7 +12,7 @@ from tessaline import auth
 
 from .support.clocks import HandClock, unstartable_threads
 from .support.managers import reason
-from .support.service import CHALLENGE, VERIFY, Service
+from .support.service import CHALLENGE, VERIFY, Service, era_of
 from .support.threads import Caller, ThreadCensus, until
 
 DAY = 86400.0
@@ -78,3 +79,120 @@ def test_a_refresh_thread_that_cannot_be_replaced_lives_on_and_renews(
     )
     census.settle(1)
     assert logged_in.get_token() == service.tokens[-1]
+
+
+@pytest.mark.parametrize("method", ["authenticate", "_do_refresh", "_background_reauth"])
+def test_an_attempt_whose_event_the_host_replaced_settles_with_the_new_one(
+    logged_in: Any, service: Service, method: str
+) -> None:
+    replaced = threading.Event()
+
+    def fault(path: str) -> Any:
+        if path == VERIFY:
+            logged_in._auth_event = replaced
+            raise auth.AuthError(reason="unauthorized")
+        return None
+
+    if method == "_background_reauth":
+        logged_in._state = "RE_AUTHENTICATING"
+    service.fault = fault
+    if method == "authenticate":
+        with pytest.raises(auth.AuthError):
+            logged_in.authenticate()
+    else:
+        getattr(logged_in, method)()
+    assert logged_in._state == ("UNINITIALIZED" if method == "_do_refresh" else "AUTHENTICATED")
+    assert reason(logged_in._auth_error) == "unauthorized"
+    assert replaced.is_set()
+
+
+def test_a_mocked_thread_that_does_not_start_leaves_nobody_waiting(
+    logged_in: Any, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    thread = mock.MagicMock()
+    thread.start.side_effect = RuntimeError("can't start new thread")
+    with monkeypatch.context() as patched:
+        patched.setattr(threading, "Thread", mock.MagicMock(return_value=thread))
+        with pytest.raises(RuntimeError):
+            logged_in.notify_era_change(2)
+    assert logged_in._state == "AUTHENTICATED"
+    assert logged_in._auth_event.is_set()
+
+
+def test_a_flow_that_began_before_an_announcement_is_not_stored_after_another_met_it(
+    logged_in: Any, service: Service
+) -> None:
+    service.era = 1
+    old = service.grant(logged_in.get_wallet_address())["token"]
+
+    def flow() -> tuple[str, int, bytes]:
+        # Meanwhile an era is announced, and another flow meets it.
+        logged_in._state = "AUTHENTICATED"
+        service.era = 2
+        logged_in.notify_era_change(2)
+        until(lambda: logged_in._pending_era_number is None, "the new era")
+        return old, 0, service.secret
+
+    del service.tokens[:]
+    logged_in._do_auth_flow = flow
+    fresh = auth.AuthManager._do_auth_flow
+
+    def matching() -> Any:
+        return fresh(logged_in)
+
+    logged_in._do_auth_flow_matching_pending_era = matching
+    with pytest.raises(auth.AuthError) as refused:
+        logged_in.authenticate()
+    assert reason(refused.value) == "era_mismatch"
+    assert era_of(logged_in._token) == 2
+
+
+def test_nobody_is_served_after_a_close_from_under_the_lock_has_returned(make_manager: Any) -> None:
+    clock = HandClock()
+    manager = make_manager(clock=clock)
+    manager.authenticate()
+    served: list[Any] = []
+    callers: list[Caller] = []
+
+    def closing(token: Any, wallet_address: Any) -> None:
+        manager.close()
+        # The caller waits for the lock from now on.
+        callers.append(Caller(lambda: served.append(manager.get_token())))
+
+    with pytest.MonkeyPatch.context() as patched:
+        patched.setattr(auth, "_assert_token_subject_matches_wallet", closing)
+        manager.authenticate()
+    assert reason(callers[0].failure()) == "manager_closed"
+    assert served == []
+
+
+def test_an_event_that_can_only_be_waited_for_is_waited_for(logged_in: Any) -> None:
+    class Plain:
+        waited = 0
+
+        def wait(self) -> None:
+            self.waited += 1
+
+    logged_in._state = "RE_AUTHENTICATING"
+    logged_in._auth_event = plain = Plain()
+    assert logged_in.get_token() == logged_in._token
+    assert plain.waited == 1
+    logged_in._auth_event = None
+    logged_in._state = "AUTHENTICATED"
+
+
+def test_the_field_decides_what_a_waiter_gets_while_its_event_is_the_managers(
+    logged_in: Any, service: Service
+) -> None:
+    service.fault = lambda path: (_ for _ in ()).throw(auth.AuthError(reason="unauthorized"))
+    with pytest.raises(auth.AuthError):
+        logged_in.authenticate()
+    service.fault = None
+    logged_in._state = "RE_AUTHENTICATING"
+    logged_in._auth_error = None
+    logged_in.authenticate()
+    logged_in._auth_error = other = auth.AuthError(reason="other")
+    with pytest.raises(auth.AuthError) as raised:
+        logged_in.authenticate()
+    assert raised.value is other
+    logged_in._state = "AUTHENTICATED"

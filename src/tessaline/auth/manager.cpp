@@ -237,13 +237,9 @@ void AuthManager::settle_attempt(PyObject* recorded) {
   set_event(Field::kAuthEvent);
 }
 
-bool AuthManager::is_current_attempt(PyObject* own_event) const {
-  const Ref event = get(Field::kAuthEvent);
-  return event.is_none() || own_event == Py_None || event.get() == own_event;
-}
-
 Ref AuthManager::outcome_of(PyObject* event) {
-  const bool failed = at(Hidden::kFailedEvent) == event && at(Hidden::kFailedError) != nullptr && !closed();
+  const bool superseded = at(Field::kAuthEvent) != event && !closed();
+  const bool failed = superseded && at(Hidden::kFailedEvent) == event && at(Hidden::kFailedError) != nullptr;
   return failed ? Ref::borrow(at(Hidden::kFailedError)) : get(Field::kAuthError);
 }
 

@@ -41,6 +41,7 @@ struct AuthManager {
   unsigned long lock_owner;    ///< the thread that holds `_lock` through `Locked`, or 0
   unsigned long flow_thread;   ///< the thread that runs the flow begun last, or 0
   bool close_deferred;         ///< `close` was called by code that ran under `_lock`
+  unsigned long attempt;       ///< number of the attempt begun last
   unsigned long generation;    ///< of the process that the lock and the threads belong to
   int refreshes_running;       ///< calls of `_do_refresh` inside their flow
   int refresh_waiters;         ///< callers about to wait, or waiting, for `_refresh_done`
@@ -122,9 +123,12 @@ struct AuthManager {
   /// attempt and may look only after another has begun. Called under `_lock`; sets the attempt's event.
   void settle_attempt(PyObject* recorded);
 
-  /// Whether the fields still speak of the attempt with this event (or None): no other has taken its place.
-  /// Called under `_lock`.
-  bool is_current_attempt(PyObject* own_event) const;
+  /// Raises "era_mismatch" for the token of a flow that began before an era was announced which it does not
+  /// meet, also where another flow has met it since. `era_before`: the highest era when the flow began.
+  /// Called under
+  /// `_lock`.
+  void require_era_announced_since(PyObject* era_before, PyObject* token);
+  Ref highest_era();
 
   /// The recorded failure of the attempt with this event, the last error otherwise; or None.
   Ref outcome_of(PyObject* event);
@@ -146,6 +150,10 @@ struct AuthManager {
   void wait_for_flow(PyObject* event);
 
   void finish_deferred_close() noexcept;
+
+  /// The state CLOSED, and the rest of the shutdown. The first is called under `_lock`.
+  void mark_closed() noexcept;
+  void complete_close();
 
   // Fields.
   PyObject* object() noexcept { return reinterpret_cast<PyObject*>(this); }
@@ -212,6 +220,7 @@ class FlowOnThread {
 
  private:
   AuthManager& manager_;
+  const bool nested_;
 };
 
 /// Creates the interned texts of states and modes. Called once, when the module is executed.

@@ -14,6 +14,7 @@ struct Admission {
   bool was_authenticated = false;
   Ref running;  ///< the event of the attempt to wait for; empty or None: the caller runs the flow
   Ref own;      ///< the event of the caller's own attempt, where it has one
+  unsigned long attempt = 0;
 };
 
 Admission admit(AuthManager& manager) {
@@ -26,6 +27,7 @@ Admission admit(AuthManager& manager) {
     case State::kAuthenticating:
     case State::kReAuthenticating:
       admission.running = manager.get(Field::kAuthEvent);
+      admission.attempt = manager.attempt;
       return admission;
     case State::kAuthenticated:
       admission.was_authenticated = true;
@@ -36,6 +38,7 @@ Admission admit(AuthManager& manager) {
       raise_auth_error(reason::kUnexpectedAuthState);
   }
   admission.own = std::move(own);
+  admission.attempt = ++manager.attempt;
   manager.set_state(State::kAuthenticating);
   manager.set(Field::kAuthEvent, Ref::borrow(admission.own.get()));
   manager.set(Field::kAuthError, Ref::none());
@@ -52,10 +55,12 @@ void wait_for_runner(AuthManager& manager, PyObject* running) {
 
 void run_flow(AuthManager& manager) {
   const FlowOnThread here(manager);
+  const Ref era_before = manager.highest_era();
   const auto [token, expires_at, secret] = python::unpack3(manager.call_own(names::do_auth_flow).get());
   {
     const Locked lock(manager);
     manager.raise_if_closed();
+    manager.require_era_announced_since(era_before.get(), token.get());
     manager.call_own(names::store_auth_result, {token.get(), secret.get()});
   }
   manager.call_own(names::start_refresh);
@@ -64,7 +69,7 @@ void run_flow(AuthManager& manager) {
 /// Goes back to what held before the attempt.
 void restore(AuthManager& manager, PyObject* recorded, const Admission& admission) {
   const Locked lock(manager);
-  if (!manager.is_current_attempt(admission.own ? admission.own.get() : Py_None)) return;
+  if (manager.attempt != admission.attempt) return;
   if (manager.state() == State::kAuthenticating) {
     const bool still_usable = admission.was_authenticated && !manager.is_none(Field::kToken);
     manager.set_state(still_usable ? State::kAuthenticated : State::kUninitialized);

@@ -23,12 +23,16 @@ void require_era(AuthManager& manager, PyObject* era_number) {
   if (pending.is_none() || python::less(pending.get(), era_number)) {
     manager.set(Field::kPendingEraNumber, Ref::borrow(era_number));
   }
+  const Ref highest = manager.highest_era();
+  if (highest.is_none() || python::less(highest.get(), era_number)) {
+    python::drop(std::exchange(manager.at(Hidden::kHighestEra), Py_NewRef(era_number)));
+  }
   manager.set(Field::kReauthMode, Ref::borrow(era_change_mode()));
 }
 
-/// Records the announcement. True when a re-authentication has to be started for it; false when the flow
-/// already running will meet it.
-bool announce(AuthManager& manager, PyObject* era_number) {
+/// Records the announcement. Gives back the number and the event of the re-authentication that has to be
+/// started for it; none when the flow already running will meet it.
+std::optional<std::pair<unsigned long, Ref>> announce(AuthManager& manager, PyObject* era_number) {
   Ref event = AuthManager::new_event();
   const Locked lock(manager);
   switch (manager.state()) {
@@ -39,27 +43,31 @@ bool announce(AuthManager& manager, PyObject* era_number) {
     case State::kAuthenticating:
     case State::kReAuthenticating:
       require_era(manager, era_number);
-      return false;
+      return std::nullopt;
     case State::kAuthenticated:
     case State::kUnknown:
       break;
   }
   require_era(manager, era_number);
   manager.set_state(State::kReAuthenticating);
-  manager.set(Field::kAuthEvent, std::move(event));
+  manager.set(Field::kAuthEvent, Ref::borrow(event.get()));
   manager.set(Field::kAuthError, Ref::none());
-  return true;
+  return std::pair(++manager.attempt, std::move(event));
 }
 
 /// The old token stays, and the announced era keeps it from being served.
-void settle_failure(AuthManager& manager, const python::Error& error, PyObject* own_event) {
+void settle_failure(AuthManager& manager, const python::Error& error, unsigned long attempt,
+                    PyObject* own_event) {
   const Ref recorded = recorded_error(error);
   const bool permanent = is_permanent(error);
   python::insist([&] {
     const Locked lock(manager);
     if (manager.closed()) return;
     // Another attempt has taken over; its outcome counts.
-    if (!manager.is_current_attempt(own_event)) return python::set_event(own_event);
+    if (manager.attempt != attempt) {
+      if (own_event != Py_None) python::set_event(own_event);
+      return;
+    }
     if (permanent) manager.set(Field::kPermanentRefreshError, true);
     manager.set_state(State::kAuthenticated);
     manager.set(Field::kReauthMode, Ref::none());
@@ -71,7 +79,8 @@ void settle_failure(AuthManager& manager, const python::Error& error, PyObject* 
 
 Ref AuthManager::notify_era_change(PyObject* new_era_number) {
   require_positive(new_era_number);
-  if (!announce(*this, new_era_number)) return Ref::none();
+  const auto announced = announce(*this, new_era_number);
+  if (!announced) return Ref::none();
   Ref thread;
   std::optional<python::Error> failure = python::caught([&] {
     set_event(Field::kRefreshEvent);
@@ -83,18 +92,19 @@ Ref AuthManager::notify_era_change(PyObject* new_era_number) {
   // Ctrl-C may end the start after the thread has begun; then it settles the matter itself.
   if (!is_alive(thread.get())) {
     const python::Handling handling(*failure);
-    settle_failure(*this, *failure, get(Field::kAuthEvent).get());
+    settle_failure(*this, *failure, announced->first, announced->second.get());
   }
   throw std::move(*failure);
 }
 
 Ref AuthManager::background_reauth() {
   const Ref event = get(Field::kAuthEvent);
+  const unsigned long own_attempt = attempt;
   bool stored = false;
   const std::optional<python::Error> failure = python::caught([&] { stored = renew(); });
   if (failure) {
     const python::Handling handling(*failure);
-    settle_failure(*this, *failure, event.get());
+    settle_failure(*this, *failure, own_attempt, event.get());
   }
   if (stored) start_next_refresh();
   return Ref::none();

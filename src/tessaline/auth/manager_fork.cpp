@@ -55,6 +55,7 @@ void AuthManager::settle_in_child() {
   Ref lock = new_lock();
   Ref stop = renewed_event(*this, Field::kRefreshStop);
   Ref closing = renewed_event(*this, Field::kCloseEvent);
+  Ref attempt_event = is_none(Field::kAuthEvent) ? Ref::none() : renewed_event(*this, Field::kAuthEvent);
   Ref wake = new_event();
   Ref pending = new_event();
   Ref done = new_event();
@@ -64,6 +65,7 @@ void AuthManager::settle_in_child() {
   set(Field::kLock, std::move(lock));
   set(Field::kRefreshStop, std::move(stop));
   set(Field::kCloseEvent, std::move(closing));
+  set(Field::kAuthEvent, std::move(attempt_event));
   set(Field::kRefreshEvent, std::move(wake));
   set(Field::kRefreshPending, std::move(pending));
   set(Field::kRefreshDone, std::move(done));

@@ -25,20 +25,24 @@ Locked::Locked(AuthManager& manager) : afterwards_(manager), lock_(manager.get(F
 }
 
 Locked::~Locked() {
-  afterwards_.manager.lock_owner = 0;
+  AuthManager& manager = afterwards_.manager;
+  // Closed before anybody else can take the lock: the call of close() has returned already.
+  if (manager.close_deferred) manager.mark_closed();
+  manager.lock_owner = 0;
 }
 
-FlowOnThread::FlowOnThread(AuthManager& manager) noexcept : manager_(manager) {
+FlowOnThread::FlowOnThread(AuthManager& manager) noexcept
+    : manager_(manager), nested_(manager.flow_thread == PyThread_get_thread_ident()) {
   manager_.flow_thread = PyThread_get_thread_ident();
 }
 
 FlowOnThread::~FlowOnThread() {
-  if (manager_.flow_thread == PyThread_get_thread_ident()) manager_.flow_thread = 0;
+  if (!nested_ && manager_.flow_thread == PyThread_get_thread_ident()) manager_.flow_thread = 0;
 }
 
 void AuthManager::wait_for_flow(PyObject* event) {
-  const bool ended = python::truthy(python::call_method(event, names::is_set).get());
-  if (!ended && flow_thread == PyThread_get_thread_ident()) {
+  if (flow_thread == PyThread_get_thread_ident() &&
+      !python::truthy(python::call_method(event, names::is_set).get())) {
     python::raise(PyExc_RuntimeError,
                   "AuthManager was asked to wait by code that its own authentication runs");
   }
@@ -47,7 +51,7 @@ void AuthManager::wait_for_flow(PyObject* event) {
 
 void AuthManager::finish_deferred_close() noexcept {
   close_deferred = false;
-  static_cast<void>(python::caught([this] { close(); }));
+  static_cast<void>(python::caught([this] { complete_close(); }));
 }
 
 }  // namespace tessaline::auth

@@ -116,6 +116,17 @@ Ref AuthManager::do_auth_flow_matching_pending_era() {
   raise_auth_error(reason::kEraMismatch);
 }
 
+Ref AuthManager::highest_era() {
+  PyObject* const highest = at(Hidden::kHighestEra);
+  return Ref::borrow(highest == nullptr ? Py_None : highest);
+}
+
+void AuthManager::require_era_announced_since(PyObject* era_before, PyObject* token) {
+  const Ref highest = highest_era();
+  if (highest.get() == era_before || is_at_least(era_of(token).get(), highest.get())) return;
+  raise_auth_error(reason::kEraMismatch);
+}
+
 Ref AuthManager::store_auth_result(PyObject* token, PyObject* wallet_secret) {
   python::call(python::global(names::assert_token_subject).get(), {token, get(Field::kWalletAddress).get()});
   const Ref known_secret = get(Field::kWalletSecret);

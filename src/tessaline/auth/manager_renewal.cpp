@@ -27,14 +27,15 @@ void restore(AuthManager& manager, Ref before) {
 }
 
 /// Wakes those who wait for the refresh; the state after it depends on whether an era is pending.
-void settle_failed_refresh(AuthManager& manager, const python::Error& error, PyObject* own_event) {
+void settle_failed_refresh(AuthManager& manager, const python::Error& error, unsigned long attempt,
+                           PyObject* own_event) {
   const Ref recorded = recorded_error(error);
   const bool permanent = is_permanent(error);
   python::insist([&] {
     const Locked lock(manager);
     if (manager.closed()) return;
     // Another attempt has taken over; its outcome counts.
-    if (!manager.is_current_attempt(own_event)) return python::set_event(own_event);
+    if (manager.attempt != attempt) return python::set_event(own_event);
     if (permanent) manager.set(Field::kPermanentRefreshError, true);
     manager.set_state(manager.is_none(Field::kPendingEraNumber) ? State::kUninitialized
                                                                 : State::kAuthenticated);
@@ -124,9 +125,11 @@ Ref AuthManager::refresh_loop() {
 
 Ref AuthManager::do_refresh() {
   const Ref event = new_event();
+  unsigned long own_attempt = 0;
   {
     const Locked lock(*this);
     if (state() != State::kAuthenticated) return Ref::none();
+    own_attempt = ++attempt;
     set_state(State::kReAuthenticating);
     set(Field::kReauthMode,
         Ref::borrow(is_none(Field::kPendingEraNumber) ? proactive_mode() : era_change_mode()));
@@ -136,10 +139,10 @@ Ref AuthManager::do_refresh() {
   bool stored = false;
   ++refreshes_running;
   const std::optional<python::Error> failure = python::caught([&] { stored = renew(); });
-  --refreshes_running;
+  if (refreshes_running > 0) --refreshes_running;
   if (failure) {
     const python::Handling handling(*failure);
-    settle_failed_refresh(*this, *failure, event.get());
+    settle_failed_refresh(*this, *failure, own_attempt, event.get());
   }
   if (stored) start_next_refresh();
   return Ref::none();
@@ -147,10 +150,12 @@ Ref AuthManager::do_refresh() {
 
 bool AuthManager::renew() {
   const FlowOnThread here(*this);
+  const Ref era_before = highest_era();
   const auto [token, expires_at, secret] =
       python::unpack3(call_own(names::do_auth_flow_matching_pending_era).get());
   const Locked lock(*this);
   if (closed()) return false;
+  require_era_announced_since(era_before.get(), token.get());
   call_own(names::store_auth_result, {token.get(), secret.get()});
   return true;
 }

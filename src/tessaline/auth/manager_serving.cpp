@@ -49,7 +49,7 @@ class RefreshWaiter {
  public:
   explicit RefreshWaiter(AuthManager& manager) noexcept : manager_(manager) { ++manager_.refresh_waiters; }
   ~RefreshWaiter() {
-    --manager_.refresh_waiters;
+    if (manager_.refresh_waiters > 0) --manager_.refresh_waiters;
     if (!manager_.refresh_done_is_stale) return;
     static_cast<void>(python::caught([this] { manager_.clear_refresh_done(); }));
   }

@@ -15,9 +15,7 @@ constexpr double kJoinSeconds = 1.0;
 bool enter_closed(AuthManager& manager) {
   const Locked lock(manager);
   if (manager.closed()) return false;
-  manager.set_state(State::kClosed);
-  manager.set(Field::kReauthMode, Ref::none());
-  manager.set(Field::kPendingEraNumber, Ref::none());
+  manager.mark_closed();
   return true;
 }
 
@@ -64,13 +62,23 @@ void join_refresh_thread(AuthManager& manager) {
 
 }  // namespace
 
+void AuthManager::mark_closed() noexcept {
+  set_state(State::kClosed);
+  set(Field::kReauthMode, Ref::none());
+  set(Field::kPendingEraNumber, Ref::none());
+}
+
 Ref AuthManager::close() {
   // A signal handler or a finalizer that ran under the lock; done as soon as it is free.
   if (holds_lock(*this)) {
-    close_deferred = true;
+    close_deferred = !closed();
     return Ref::none();
   }
-  if (!enter_closed(*this)) return Ref::none();
+  if (enter_closed(*this)) complete_close();
+  return Ref::none();
+}
+
+void AuthManager::complete_close() {
   // There is no second chance: a further call finds the manager closed.
   Steps steps;
   // The refresh thread is woken when it can see why. A caller that waits for a refresh has none to wait for.
@@ -82,7 +90,6 @@ Ref AuthManager::close() {
   forget_credentials(*this);
   steps.raise_first();
   join_refresh_thread(*this);
-  return Ref::none();
 }
 
 }  // namespace tessaline::auth

@@ -25,7 +25,7 @@ bool is_alive(PyObject* thread) {
   bool alive = false;
   // A host's own kind of thread may not know.
   std::optional<python::Error> failure =
-      python::caught([&] { alive = python::truthy(python::call_method(kept.get(), names::is_alive).get()); });
+      python::caught([&] { alive = python::call_method(kept.get(), names::is_alive).get() == Py_True; });
   if (failure && !failure->matches(PyExc_Exception)) throw std::move(*failure);
   return alive;
 }

@@ -65,6 +65,7 @@ int execute(PyObject* module) {
     python::keep_module(module);
     import_host_modules();
     watch_forks();
+    python::know_host_events();
     add_constants();
     make_manager_texts();
     make_error_types(module);

@@ -23,16 +23,6 @@ constinit const Name kRelease{"release"};
 PyObject* own_set = nullptr;
 PyObject* own_clear = nullptr;
 
-void learn_own_functions() {
-  if (own_clear != nullptr) return;
-  const Ref type = attribute(import(kThreading).get(), kEvent);
-  Ref set = attribute(type.get(), kSet);
-  Ref clear = attribute(type.get(), kClear);
-  if (own_clear != nullptr) return;
-  own_set = set.release();
-  own_clear = clear.release();
-}
-
 bool is_own(const Ref& method, PyObject* function) {
   return PyMethod_Check(method.get()) && PyMethod_GET_FUNCTION(method.get()) == function;
 }
@@ -66,13 +56,17 @@ void change(PyObject* event, const Name& name, PyObject* own_function, PyObject*
 
 }  // namespace
 
+void know_host_events() {
+  const Ref type = attribute(import(kThreading).get(), kEvent);
+  own_set = attribute(type.get(), kSet).release();
+  own_clear = attribute(type.get(), kClear).release();
+}
+
 void set_event(PyObject* event) {
-  learn_own_functions();
   change(event, kSet, own_set, Py_True);
 }
 
 void clear_event(PyObject* event) {
-  learn_own_functions();
   change(event, kClear, own_clear, Py_False);
 }
 

@@ -4,6 +4,9 @@
 
 namespace tessaline::auth::python {
 
+/// Learns the host's own methods of events. Called once, when the module is executed.
+void know_host_events();
+
 /// `event.set()` and `event.clear()` on an event of the host.
 ///
 /// Ctrl-C on the main thread can end the host's own methods with the event's inner lock left locked, and
