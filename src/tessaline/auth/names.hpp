@@ -15,10 +15,7 @@ inline constinit Name random{"random"};
 inline constinit Name threading{"threading"};
 inline constinit Name time{"_time"};
 
-inline constinit Name acquire{"acquire"};
-inline constinit Name append{"append"};
 inline constinit Name b64decode{"b64decode"};
-inline constinit Name clear{"clear"};
 inline constinit Name current_thread{"current_thread"};
 inline constinit Name daemon{"daemon"};
 inline constinit Name decode{"decode"};
@@ -43,7 +40,6 @@ inline constinit Name main_thread{"main_thread"};
 inline constinit Name monotonic{"monotonic"};
 inline constinit Name pop{"pop"};
 inline constinit Name remove{"remove"};
-inline constinit Name set{"set"};
 inline constinit Name sleep{"sleep"};
 inline constinit Name split{"split"};
 inline constinit Name start{"start"};
