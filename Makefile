@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test build devserver check format warnings tidy pins clean
+.PHONY: help demo test build devserver check format warnings tidy ctime pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -32,6 +32,9 @@ warnings: build ## compile with g++ and clang, warnings being errors
 
 tidy: warnings ## clang-tidy over the sources
 	@tools/tidy $(ARGS)
+
+ctime: build ## whether any branch or address depends on key bytes (valgrind; about 30 s)
+	@tools/ctime
 
 pins: ## renew the pinned Python packages
 	@tools/pins

@@ -46,6 +46,7 @@ has_package() {
     libsecp256k1-dev) has_module libsecp256k1 "$1" ;;
     libssl-dev) has_module openssl "$1" ;;
     libgtest-dev) has_module gtest_main "$1" ;;
+    valgrind) has_module valgrind "$1" && tool valgrind 3.19 ;;
     clang-16) clang_tool clang++ ;;
     clang-format-16) tool clang-format-16 16 ;;
     clang-tidy-16) clang_tool clang-tidy ;;

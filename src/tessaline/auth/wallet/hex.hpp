@@ -6,7 +6,7 @@
 
 namespace tessaline::auth::wallet {
 
-/// `flag`, of which the compiler no longer knows that it is 0 or 1. It would otherwise turn masks into
+/// `flag`, of which the compiler no longer knows how it came about. It would otherwise turn masks into
 /// branches.
 inline std::uint64_t opaque(std::uint64_t flag) noexcept {
   asm("" : "+r"(flag));
