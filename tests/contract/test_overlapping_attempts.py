@@ -10,9 +10,9 @@ import pytest
 
 from tessaline import auth
 
-from .support.clocks import HandClock, unstartable_threads
+from .support.clocks import HandClock, StandIn, unstartable_threads
 from .support.managers import reason
-from .support.service import CHALLENGE, VERIFY, Service, era_of
+from .support.service import CHALLENGE, VERIFY, Gate, Service, era_of
 from .support.threads import Caller, ThreadCensus, until
 
 DAY = 86400.0
@@ -59,6 +59,35 @@ def test_a_login_that_fails_after_its_store_does_not_undo_the_next_one(
         assert reason(second.failure()) == "era_mismatch"
         with pytest.raises(auth.AuthError):
             manager.get_token()
+
+
+def test_an_announcement_about_to_start_its_thread_is_not_taken_for_an_orphan(
+    logged_in: Any, service: Service, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    announcing = Gate()
+    hosts: list[Caller] = []
+
+    class Thread(threading.Thread):
+        def start(self) -> None:
+            if self._target == logged_in._background_reauth:  # type: ignore[attr-defined]
+                announcing()
+            elif self._target == logged_in._refresh_loop and not hosts:  # type: ignore[attr-defined]
+                hosts.append(Caller(logged_in.notify_era_change, 2))
+                announcing.reached()
+                raise RuntimeError("can't start new thread")
+            super().start()
+
+    monkeypatch.setattr(auth, "threading", StandIn(threading, Thread=Thread))
+    service.era = 2
+    with pytest.raises(RuntimeError, match="can't start new thread"):
+        logged_in.authenticate()
+    assert logged_in._state == "RE_AUTHENTICATING"
+    assert logged_in._reauth_mode == "ERA_CHANGE"
+    assert not logged_in._auth_event.is_set()
+    announcing.open()
+    hosts[0].result()
+    assert logged_in.get_token() == service.tokens[-1]
+    assert logged_in._auth_error is None
 
 
 def test_a_refresh_thread_that_cannot_be_replaced_lives_on_and_renews(

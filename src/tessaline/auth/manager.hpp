@@ -43,7 +43,7 @@ struct AuthManager {
   bool close_deferred;         ///< `close` was called by code that ran under `_lock`
   unsigned long attempt;       ///< number of the attempt begun last
   unsigned long generation;    ///< of the process that the lock and the threads belong to
-  int refreshes_running;       ///< calls of `_do_refresh` inside their flow
+  int renewals_running;        ///< refreshes inside their flow, announcements that start their thread
   int refresh_waiters;         ///< callers about to wait, or waiting, for `_refresh_done`
   bool refresh_done_is_stale;  ///< to be cleared when the last of them has gone
 

@@ -23,7 +23,7 @@ void forget_threads(AuthManager& manager) {
   manager.set(Field::kRefreshThread, Ref::none());
   manager.lock_owner = 0;
   manager.flow_thread = 0;
-  manager.refreshes_running = 0;
+  manager.renewals_running = 0;
   manager.refresh_waiters = 0;
   manager.refresh_done_is_stale = false;
 }

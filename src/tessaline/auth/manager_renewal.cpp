@@ -104,7 +104,7 @@ void AuthManager::record_unstarted_refresh(const python::Error& error) {
 }
 
 bool AuthManager::reauthentication_is_orphaned() {
-  return state() == State::kReAuthenticating && refreshes_running == 0 && !is_alive(at(Hidden::kEraThread));
+  return state() == State::kReAuthenticating && renewals_running == 0 && !is_alive(at(Hidden::kEraThread));
 }
 
 void AuthManager::revive_refresh() {
@@ -130,6 +130,7 @@ Ref AuthManager::do_refresh() {
     const Locked lock(*this);
     if (state() != State::kAuthenticated) return Ref::none();
     own_attempt = ++attempt;
+    ++renewals_running;
     set_state(State::kReAuthenticating);
     set(Field::kReauthMode,
         Ref::borrow(is_none(Field::kPendingEraNumber) ? proactive_mode() : era_change_mode()));
@@ -137,9 +138,8 @@ Ref AuthManager::do_refresh() {
     set(Field::kAuthError, Ref::none());
   }
   bool stored = false;
-  ++refreshes_running;
   const std::optional<python::Error> failure = python::caught([&] { stored = renew(); });
-  if (refreshes_running > 0) --refreshes_running;
+  if (renewals_running > 0) --renewals_running;
   if (failure) {
     const python::Handling handling(*failure);
     settle_failed_refresh(*this, *failure, own_attempt, event.get());

@@ -114,8 +114,10 @@ void RefreshLoop::wait(double seconds) {
   } else {
     python::call_method(event.get(), names::wait, {}, {{names::timeout, python::number(seconds).get()}});
   }
-  // The signal may be meant for the successor, which may not be waiting yet.
-  if (!superseded()) python::clear_event(event.get());
+  // The signal may be meant for the successor, which may not be waiting yet; that of a close is for every
+  // loop.
+  const Locked lock(manager_);
+  if (!manager_.closed() && !superseded()) python::clear_event(event.get());
 }
 
 void RefreshLoop::rest() {
@@ -124,12 +126,14 @@ void RefreshLoop::rest() {
 }
 
 Ref RefreshLoop::living_older_thread() const {
-  if (manager_.at(Hidden::kNewestRefreshThread) != me_.get()) return {};
   const Ref older = Ref::borrow(manager_.at(Hidden::kOlderRefreshThreads));
-  while (older && python::length(older.get()) > 0) {
+  while (manager_.at(Hidden::kNewestRefreshThread) == me_.get() && older && python::length(older.get()) > 0) {
     Ref thread = python::item(older.get(), python::integer(-1).get());
-    if (thread.get() != me_.get() && is_alive(thread.get())) return thread;
-    python::call_method(older.get(), names::pop);
+    if (is_alive(thread.get())) return thread;
+    // Not the last by now, where this loop was superseded and listed meanwhile.
+    if (python::contains(older.get(), thread.get())) {
+      python::call_method(older.get(), names::remove, {thread.get()});
+    }
   }
   return {};
 }
