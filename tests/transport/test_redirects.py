@@ -184,7 +184,9 @@ def test_other_schemes_are_not_followed(target: str, server: DevServer) -> None:
     assert len(server.requests) == 1
 
 
-@pytest.mark.parametrize("target", ["http://", "http://127.0.0.1:99999/", "http://[::1/", "http:///x"])
+@pytest.mark.parametrize(
+    "target", ["http://", "http://127.0.0.1:99999/", "http://[::1/", "http:///x", "http://%A2/"]
+)
 def test_places_that_cannot_be_reached_come_back(target: str, server: DevServer) -> None:
     redirect(server, "/_echo/from", target)
     assert transport("GET", server.url + "/_echo/from")[0] == 302

@@ -53,6 +53,8 @@ TEST(Url, RefusesWhatCannotBeSent) {
                            "http://h/\x7f",
                            "http://h/\xC3\xA4",
                            "http://\xC3\xA4/",
+                           "http://%C3%A4/",
+                           "http://%A2/",
                            "http://user@h/",
                            "http://user:password@h/",
                            "http://@h/",
@@ -101,8 +103,9 @@ TEST(Reference, EscapesWhatCannotBeSent) {
 }
 
 TEST(Reference, UnusableLeadsNowhere) {
-  for (const char* reference : {"ftp://h/x", "mailto:x", "javascript:alert(1)", "http://user@other/",
-                                "http://", "http://h:x/", "https:/x", "https:x", "file:///x", "//"}) {
+  for (const char* reference :
+       {"ftp://h/x", "mailto:x", "javascript:alert(1)", "http://user@other/", "http://", "http://h:x/",
+        "https:/x", "https:x", "file:///x", "//", "http://%A2/", "//\xA2/"}) {
     EXPECT_EQ(resolved("http://h/a", reference), "(none)") << reference;
   }
 }

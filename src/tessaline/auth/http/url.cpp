@@ -129,6 +129,8 @@ Url parse_url(std::string text) {
   const UrlHandle handle = new_handle();
   if (!set_url(handle, text, CURLU_PATH_AS_IS | CURLU_DISALLOW_USER)) refuse("URL has no valid host or port");
   url.host = lower_case(part_of(handle, CURLUPART_HOST));
+  // As it stands after its escapes were read.
+  if (!std::all_of(url.host.begin(), url.host.end(), is_visible)) refuse("URL has no valid host or port");
   url.port = part_of(handle, CURLUPART_PORT, CURLU_DEFAULT_PORT);
   url.text = std::move(text);
   return url;
