@@ -82,6 +82,9 @@ REFUSED = [
     pytest.param("https://serv%69ce.example", id="a percent sign in the host"),
     pytest.param("https://[service.example]", id="a name in brackets"),
     pytest.param("https://[::1", id="an open bracket"),
+    pytest.param("http://evil.example[::1]", id="a name before a bracket"),
+    pytest.param("http://127.[::1]0.0.1:80", id="brackets within a name"),
+    pytest.param("http://[::1]:[::1]", id="brackets for a port"),
 ]
 
 

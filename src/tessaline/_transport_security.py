@@ -10,6 +10,7 @@ __all__ = ["validate_bearer_transport_url"]
 
 _BLANK_OR_CONTROL = re.compile(r"[\s\x00-\x20\x7f-\xa0]")
 _LABEL = re.compile(r"(?!-)[a-z0-9_-]{1,63}(?<!-)", re.IGNORECASE)
+_BRACKETED = re.compile(r"\[[^\[\]]*\](?::[^\[\]]*)?")
 _LONGEST_NAME = 253
 
 
@@ -65,9 +66,10 @@ def _split(url: str) -> SplitResult:
 
 def _host(parts: SplitResult) -> str:
     host = parts.hostname or ""
-    if parts.netloc.startswith("["):
-        rest = parts.netloc.partition("]")[2]
-        valid = "%" not in host and _address(host) is not None and (not rest or rest.startswith(":"))
+    if "[" in parts.netloc or "]" in parts.netloc:
+        # The parser takes the host from between the brackets, wherever in the text they stand.
+        bracketed = _BRACKETED.fullmatch(parts.netloc) is not None
+        valid = bracketed and "%" not in host and _address(host) is not None
     elif ":" in host or _looks_numeric(host):
         valid = _address(host) is not None
     else:
