@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test build devserver check format warnings tidy ctime pins clean
+.PHONY: help demo test fuzz build devserver check format warnings tidy ctime pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -14,6 +14,9 @@ demo: build ## log a wallet in against the development server and tell what happ
 
 test: build ## every test; with CI=true also the second compiler
 	@tools/test $(ARGS)
+
+fuzz: build ## a minute of libFuzzer for every parser (10 min; ARGS="--seconds 3600" before a release)
+	@tools/fuzz $(ARGS)
 
 build: ## set up what is missing, build, install into .venv
 	@tools/setup

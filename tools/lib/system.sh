@@ -36,6 +36,12 @@ has_module() {
   fi
 }
 
+# Whether clang has libFuzzer among its runtime libraries.
+has_fuzzer() {
+  local clang
+  clang=$(clang_tool clang++) && compgen -G "$("$clang" -print-resource-dir)/lib/*/libclang_rt.fuzzer*.a"
+}
+
 has_package() {
   case $1 in
     g++) [[ -n ${CXX:-} ]] || tool g++ 12 ;;
@@ -49,6 +55,7 @@ has_package() {
     valgrind) has_module valgrind "$1" && tool valgrind 3.19 ;;
     clang-16) clang_tool clang++ ;;
     clang-format-16) tool clang-format-16 16 ;;
+    libclang-rt-16-dev) has_fuzzer ;;
     clang-tidy-16) clang_tool clang-tidy ;;
     *) fail "has_package: no rule for $1" ;;
   esac >/dev/null

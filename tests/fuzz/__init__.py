@@ -1,0 +1,1 @@
+"""Fuzz targets, their corpora, and the runner."""

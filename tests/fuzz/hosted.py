@@ -1,0 +1,71 @@
+"""What several targets need of the host's side."""
+
+from __future__ import annotations
+
+import importlib
+import json
+import sys
+from collections.abc import Callable, Iterator
+from pathlib import Path
+from typing import Any
+
+from tessaline import auth
+
+ROOT = Path(__file__).resolve().parents[2]
+KEY = "8f2a55949038a9610f50fb23b5883af3b4ecb3c3bb792cbcefbd1542c692be63"
+
+
+def text_of(data: bytes) -> str:
+    """Any bytes as a text; what is not UTF-8 becomes lone surrogates."""
+    return data.decode("utf-8", "surrogateescape")
+
+
+def outcome(call: Callable[..., Any], *args: Any, **kwargs: Any) -> Any:
+    """What a call returns, or its exception."""
+    try:
+        return call(*args, **kwargs)
+    except Exception as error:
+        return error
+
+
+def chain(error: BaseException) -> Iterator[BaseException]:
+    """An exception and all that hang on it."""
+    waiting, seen = [error], set()
+    while waiting:
+        one = waiting.pop()
+        if id(one) in seen:
+            continue
+        seen.add(id(one))
+        yield one
+        waiting += [linked for linked in (one.__cause__, one.__context__) if linked is not None]
+
+
+def words_of(error: BaseException) -> str:
+    """All that a report of an exception may show."""
+    shown = []
+    for one in chain(error):
+        shown += [str(one), repr(one), repr(one.args), *getattr(one, "__notes__", ())]
+        shown += [f"{value!r}" for name, value in vars(one).items() if name != "message"]
+        # What the host's parsers carry along.
+        shown += [f"{getattr(one, name, '')!r}" for name in ("doc", "object")]
+    return "\n".join(shown)
+
+
+def load_rooms() -> Any:
+    """The pure rooms as a module, out of the build tree that the component is from."""
+    package = Path(auth.__file__).resolve().parents[1]
+    tree = package.parent if package.name == "package" else ROOT / "build/release"
+    folder = str(tree / "tests/fuzz")
+    if folder not in sys.path:
+        sys.path.append(folder)
+    return importlib.import_module("fuzz_rooms")
+
+
+def manager_over(transport: Callable[..., Any], **options: Any) -> Any:
+    return auth.AuthManager(
+        KEY, "https://auth.example.test", _transport=transport, clock=lambda: 1e6, **options
+    )
+
+
+def json_answer(status: int, value: Any, headers: dict[str, str] | None = None) -> Any:
+    return status, headers or {}, json.dumps(value).encode()
