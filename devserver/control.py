@@ -10,6 +10,7 @@ from starlette.routing import BaseRoute, Route
 from .app import json_object
 from .faultlayer import CONTROL_PREFIX
 from .faults import Plan
+from .gate import Gate
 from .journal import Journal
 from .protocol import Connections
 from .refusal import Refusal
@@ -26,6 +27,7 @@ class Control:
     plan: Plan
     journal: Journal
     connections: Connections
+    gate: Gate | None
 
     def routes(self) -> list[BaseRoute]:
         return [
@@ -43,6 +45,7 @@ class Control:
             {
                 **self.journal.as_json(),
                 "connections": self.connections.as_json(),
+                "gate": [] if self.gate is None else self.gate.as_json(),
                 "faults": self.plan.as_json(),
                 "settings": self.service.settings.as_json(),
                 "invites": self.service.invites.as_json(),
@@ -56,6 +59,8 @@ class Control:
         self.plan.clear()
         self.journal.clear()
         self.connections.clear()
+        if self.gate is not None:
+            self.gate.clear()
         return JSONResponse({})
 
     async def settings(self, request: Request) -> JSONResponse:

@@ -12,7 +12,9 @@ from .spoil import scripted_bytes
 type Pause = Callable[[float], Awaitable[bool]]
 
 _GARBAGE = b"this is \x00 not HTTP \xff at all\r\n\r\n"
-_BREAKING = frozenset({"close", "reset", "garbage", "cut_body", "cut_chunked"})
+_BAD_CHUNK = b"\r\nno size\r\n"
+_UNASKED = b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}"
+_BREAKING = frozenset({"close", "reset", "garbage", "cut_body", "cut_chunked", "bad_chunk"})
 
 
 def breaks_connection(fault: Fault) -> bool:
@@ -62,6 +64,8 @@ def break_connection(fault: Fault, answer: Answer, connection: Connection) -> No
         connection.write(_cut_body(fault, answer))
     elif fault.kind == "cut_chunked":
         connection.write(_cut_chunked(fault, answer))
+    elif fault.kind == "bad_chunk":
+        connection.write(_chunked(answer, answer.body, len(answer.body)) + _BAD_CHUNK)
     if fault.fields.get("reset", False):
         connection.reset()
     else:
@@ -78,5 +82,17 @@ def _cut_body(fault: Fault, answer: Answer) -> bytes:
 def _cut_chunked(fault: Fault, answer: Answer) -> bytes:
     sent = answer.body[: fault.fields.get("sent", len(answer.body) // 2)]
     # The chunk announces one byte more than will come.
-    chunk = f"{len(sent) + 1:x}\r\n".encode() + sent
-    return answer.head(("Transfer-Encoding", "chunked")) + chunk
+    return _chunked(answer, sent, len(sent) + 1)
+
+
+def _chunked(answer: Answer, sent: bytes, announced: int) -> bytes:
+    return answer.head(("Transfer-Encoding", "chunked")) + f"{announced:x}\r\n".encode() + sent
+
+
+def send_with_more(fault: Fault, answer: Answer, connection: Connection) -> None:
+    """Send the whole answer and at one go with it what nobody asked for; the connection is of no use then.
+
+    At one go, since no client can tell what comes later from the answer to its next request.
+    """
+    whole = answer.head(("Content-Length", str(len(answer.body)))) + answer.body
+    connection.write(whole + scripted_bytes(fault.fields, _UNASKED))

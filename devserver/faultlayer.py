@@ -7,7 +7,7 @@ from dataclasses import dataclass
 from starlette.types import ASGIApp, Message, Receive, Scope, Send
 
 from .answer import Answer
-from .delivery import break_connection, breaks_connection, send_answer, send_in_halves
+from .delivery import break_connection, breaks_connection, send_answer, send_in_halves, send_with_more
 from .faults import Fault, Plan
 from .journal import Entry, Journal, Stopwatch, endpoint_name, known_keys
 from .protocol import CONNECTION, Connection, Connections
@@ -102,6 +102,11 @@ class FaultLayer:
             break_connection(fault, answer, connection)
             return
         entry.status = answer.status
+        if fault.kind == "trailing":
+            send_with_more(fault, answer, connection)
+            await _pause(receive, self.stopping, None)
+            connection.forget_answer()
+            return
         chunked = fault.kind == "chunked"
         if chunked or fault.body_delay:
             await send_in_halves(answer, send, chunked=chunked, delay=fault.body_delay, pause=pause)

@@ -22,11 +22,23 @@ in place of the service's own; [end] for "close_notify" (false leaves TLS withou
 - chunked ([answer]): the whole answer in chunks.
 - cut_body (declared, sent, reset, [answer], [end]): `sent` bytes of a body whose length is `declared`.
 - cut_chunked (sent, reset, [answer], [end]): a chunked body that ends within a chunk.
+- bad_chunk ([answer], [end]): a chunked body whose second chunk has no readable size.
+- trailing (body or body_base64): the whole answer and those bytes at one go; the connection stays open.
 - huge_body (bytes, json): the answer made that long; with json false as many times "x".
 - missing_key (key), set_key (key, value): the answer without that key, or with another value.
 - stale_challenge (status: 404, 409 or 410): as for an unknown, used or expired challenge.
 - wrong_subject (subject), era (value), era_missing, era_old, claims (set, drop): another token.
 - bad_token (value), changed_secret (value): that in place of the token, or of the wallet secret.
+
+The endpoint "connect" stands for the connections to the second port (option --gate), of which each meets
+one fault before a byte of HTTP is read. "at" is "accept", "hello" (the client has spoken) or "handshake"
+(half of the TLS server's first answer is out). The kinds there:
+
+- pass: nothing.
+- hang_up (at, reset): end the connection; reset is a TCP reset.
+- stall (at): say nothing more until the client leaves.
+- babble (body or body_base64): once the client has spoken, those bytes in place of a handshake, then the end.
+- certificate (flaw: "untrusted", "misnamed" or "expired"): that certificate in the handshake.
 """
 
 import asyncio
@@ -39,6 +51,9 @@ from dataclasses import dataclass, field
 from typing import Any
 
 from .settings import Check, is_flag, is_integer, is_number, is_object, is_text
+
+CONNECT = "connect"
+FLAWS = ("untrusted", "misnamed", "expired")
 
 _LARGEST_BODY = 1 << 28
 _LONGEST_DELAY = 600.0
@@ -98,6 +113,8 @@ _BODY: dict[str, Check] = {"json": _is_anything, "body": is_text, "body_base64":
 _ANSWER: dict[str, Check] = {"status": _is_status, "headers": _is_headers, **_BODY}
 _DROP: dict[str, Check] = {"close_notify": is_flag}
 _CUT: dict[str, Check] = {"sent": _is_size, "reset": is_flag, **_ANSWER, **_DROP}
+_AT: dict[str, Check] = {"at": _one_of("accept", "hello", "handshake")}
+_TEXT: dict[str, Check] = {"body": is_text, "body_base64": _is_base64}
 _COMMON: dict[str, Check] = {
     "delay": _is_delay,
     "hold": is_flag,
@@ -106,17 +123,21 @@ _COMMON: dict[str, Check] = {
 }
 
 
+# Where a fault for one endpoint may stand besides.
+_ANY: dict[str, tuple[str, ...]] = {"verify": ("*",)}
+
+
 @dataclass(frozen=True)
 class Kind:
     """Fields that a kind of fault takes, and whether its answer starts from the service's own.
 
-    required: fields that must be there. at_verify: whether it only makes sense at "verify".
+    required: fields that must be there. only_at: the one endpoint at which it makes sense.
     """
 
     fields: Mapping[str, Check] = field(default_factory=dict)
     uses_service: bool = False
     required: frozenset[str] = frozenset()
-    at_verify: bool = False
+    only_at: str | None = None
 
 
 KINDS: dict[str, Kind] = {
@@ -129,25 +150,31 @@ KINDS: dict[str, Kind] = {
     "redirect": Kind({"status": _is_status, "location": _is_header_value}, required=frozenset({"location"})),
     "close": Kind(_DROP),
     "reset": Kind(),
-    "garbage": Kind({"body": is_text, "body_base64": _is_base64, **_DROP}),
+    "garbage": Kind({**_TEXT, **_DROP}),
     "close_after": Kind(_DROP, True),
     "chunked": Kind(_ANSWER, True),
     "cut_body": Kind({"declared": _is_size, **_CUT}, True),
     "cut_chunked": Kind(_CUT, True),
+    "bad_chunk": Kind({**_ANSWER, **_DROP}, True),
+    "trailing": Kind(_TEXT, True),
     "empty_body": Kind({"status": _is_status}),
     "non_json": Kind({"status": _is_status, "body": is_text}),
     "not_utf8": Kind({"status": _is_status, "body_base64": _is_base64}),
     "huge_body": Kind({"bytes": _is_size, "json": is_flag}, True),
     "missing_key": Kind({"key": is_text}, True, required=frozenset({"key"})),
     "set_key": Kind({"key": is_text, "value": _is_anything}, True, required=frozenset({"key", "value"})),
-    "stale_challenge": Kind({"status": _one_of(404, 409, 410)}, at_verify=True),
-    "wrong_subject": Kind({"subject": _is_anything}, True, at_verify=True),
-    "changed_secret": Kind({"value": _is_anything}, True, at_verify=True),
-    "era": Kind({"value": _is_anything}, True, required=frozenset({"value"}), at_verify=True),
-    "era_missing": Kind(uses_service=True, at_verify=True),
-    "era_old": Kind(uses_service=True, at_verify=True),
-    "claims": Kind({"set": is_object, "drop": _is_names}, True, at_verify=True),
-    "bad_token": Kind({"value": _is_anything}, True, at_verify=True),
+    "stale_challenge": Kind({"status": _one_of(404, 409, 410)}, only_at="verify"),
+    "wrong_subject": Kind({"subject": _is_anything}, True, only_at="verify"),
+    "changed_secret": Kind({"value": _is_anything}, True, only_at="verify"),
+    "era": Kind({"value": _is_anything}, True, required=frozenset({"value"}), only_at="verify"),
+    "era_missing": Kind(uses_service=True, only_at="verify"),
+    "era_old": Kind(uses_service=True, only_at="verify"),
+    "claims": Kind({"set": is_object, "drop": _is_names}, True, only_at="verify"),
+    "bad_token": Kind({"value": _is_anything}, True, only_at="verify"),
+    "hang_up": Kind({"reset": is_flag, **_AT}, only_at=CONNECT),
+    "stall": Kind(_AT, only_at=CONNECT),
+    "babble": Kind(_TEXT, only_at=CONNECT),
+    "certificate": Kind({"flaw": _one_of(*FLAWS)}, required=frozenset({"flaw"}), only_at=CONNECT),
 }
 
 
@@ -187,9 +214,12 @@ def parse_fault(endpoint: str, value: Any) -> tuple[Fault, int | None]:
     if not isinstance(name, str) or name not in KINDS:
         raise ValueError(f"a fault is an object whose kind is one of: {', '.join(KINDS)}")
     kind = KINDS[name]
-    if kind.at_verify and endpoint not in ("verify", "*"):
-        raise ValueError(f"fault {name!r} is for the endpoint 'verify'")
-    checks = {**_COMMON, **kind.fields}
+    if kind.only_at is not None and endpoint not in (kind.only_at, *_ANY.get(kind.only_at, ())):
+        raise ValueError(f"fault {name!r} is for the endpoint {kind.only_at!r}")
+    if endpoint == CONNECT and kind.only_at != CONNECT and name != "pass":
+        raise ValueError(f"fault {name!r} is not for the endpoint {CONNECT!r}")
+    common = {"times": _COMMON["times"]} if endpoint == CONNECT else _COMMON
+    checks = {**common, **kind.fields}
     fields = {key: item for key, item in value.items() if key != "kind"}
     for key, item in fields.items():
         if key not in checks:
@@ -225,7 +255,7 @@ class Plan:
 
     def take(self, endpoint: str) -> Fault | None:
         """The fault that the next request at `endpoint` meets, or None for a genuine answer."""
-        script = self._scripts.get(endpoint) or self._scripts.get("*")
+        script = self._scripts.get(endpoint) or (endpoint != CONNECT and self._scripts.get("*"))
         if not script:
             return None
         fault, times = script[0]

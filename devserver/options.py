@@ -22,6 +22,7 @@ class Options:
     tls: bool
     tls_names: tuple[str, ...]
     tls_expired: bool
+    gate: bool
     ca_file: Path | None
     secret: bytes | None
     keep_alive: int
@@ -77,6 +78,7 @@ def _add_listening(group: argparse._ArgumentGroup) -> None:
     )
     add("--tls-name", action="append", metavar="NAME", help=names_help)
     add("--tls-expired", action="store_true", help="let the certificate have expired")
+    add("--gate", action="store_true", help="listen on a second port, whose connections take faults")
     ca_help = "where to write the authority's certificate (default: a temporary file)"
     add("--ca-file", type=Path, metavar="PATH", help=ca_help)
     keep_help = "when to close an idle connection (%(default)s)"
@@ -133,6 +135,7 @@ def parse(arguments: Sequence[str] | None = None) -> Options:
         tls=given.tls,
         tls_names=tuple(given.tls_name or DEFAULT_TLS_NAMES),
         tls_expired=given.tls_expired,
+        gate=given.gate,
         ca_file=given.ca_file,
         secret=given.jwt_secret,
         keep_alive=given.keep_alive,

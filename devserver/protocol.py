@@ -87,12 +87,12 @@ class Connection(H11Protocol):
         self.loop.call_later(_FAREWELL_SECONDS, self.transport.abort)
 
     def write(self, data: bytes) -> None:
-        """Send `data` as it is, past the HTTP layer; the connection must be closed after that."""
+        """Send `data` as it is, past the HTTP layer, which takes no note of it."""
         self.transport.write(data)
 
     def close(self, *, close_notify: bool = True) -> None:
         """End the connection after what was written; without `close_notify`, TLS is not told."""
-        self._forget_answer()
+        self.forget_answer()
         if close_notify:
             self.transport.close()
         else:
@@ -100,12 +100,13 @@ class Connection(H11Protocol):
 
     def reset(self) -> None:
         """End the connection with a TCP reset."""
-        self._forget_answer()
+        self.forget_answer()
         sock = self.transport.get_extra_info("socket")
         sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         self.transport.abort()
 
-    def _forget_answer(self) -> None:
+    def forget_answer(self) -> None:
+        """Let the HTTP layer send nothing more."""
         # Otherwise uvicorn would send an error answer for the request that got none.
         self.cycle.disconnected = True
 

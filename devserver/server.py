@@ -18,11 +18,12 @@ from .app import Endpoints, make_app
 from .control import Control
 from .faultlayer import FaultLayer
 from .faults import Plan
+from .gate import Gate
 from .journal import Journal
 from .options import Options
 from .protocol import Connections, connection_class
 from .service import Service
-from .tls import make_context
+from .tls import make_context, make_flawed_contexts
 
 _GRACE_SECONDS = 1
 
@@ -31,28 +32,43 @@ class _Server(uvicorn.Server):
     """uvicorn's server, which tells when it listens and takes a signal as a wish to end well."""
 
     def __init__(
-        self, config: uvicorn.Config, announcement: dict[str, object], stopping: asyncio.Event
+        self,
+        config: uvicorn.Config,
+        announcement: dict[str, object],
+        stopping: asyncio.Event,
+        gate: Gate | None,
     ) -> None:
         super().__init__(config)
         self._announcement = announcement
         self._stopping = stopping
+        self._gate = gate
 
     async def startup(self, sockets: list[socket.socket] | None = None) -> None:
         await super().startup(sockets)
+        if self._gate is not None:
+            self._gate.open(self._make_protocol)
         print(json.dumps(self._announcement), flush=True)
 
     async def shutdown(self, sockets: list[socket.socket] | None = None) -> None:
         self._stopping.set()
+        if self._gate is not None:
+            self._gate.close()
         await super().shutdown(sockets)
 
     def handle_exit(self, sig: int, frame: FrameType | None) -> None:
         # The inherited handler would raise the signal again at the end, and the process would die of it.
         self.should_exit = True
 
+    def _make_protocol(self) -> asyncio.Protocol:
+        return self.config.http_protocol_class(  # type: ignore[call-arg]
+            config=self.config, server_state=self.server_state, app_state=self.lifespan.state
+        )
 
-def run(options: Options, listener: socket.socket) -> None:
+
+def run(options: Options, listener: socket.socket, gate_listener: socket.socket | None) -> None:
     """Serve on `listener` until SIGTERM, SIGINT or, where asked for, the end of standard input.
 
+    gate_listener: the same service behind `devserver.gate`.
     OSError: the authority's certificate cannot be written.
     """
     with contextlib.ExitStack() as stack:
@@ -64,21 +80,34 @@ def run(options: Options, listener: socket.socket) -> None:
                 directory = stack.enter_context(tempfile.TemporaryDirectory(prefix="devserver-"))
                 ca_file = Path(directory, "ca.pem")
             context = make_context(ca_file, options.tls_names, expired=options.tls_expired)
+        flawed = (
+            {} if ca_file is None or not options.gate else make_flawed_contexts(ca_file, options.tls_names)
+        )
+        plan = Plan()
+        gate = None if gate_listener is None else Gate(gate_listener, plan, context, flawed)
+        scheme = "https" if options.tls else "http"
         announcement: dict[str, object] = {
-            "url": _url(listener, "https" if options.tls else "http"),
+            "url": _url(listener, scheme),
             "ca_file": None if ca_file is None else str(ca_file.absolute()),
             "pid": os.getpid(),
         }
-        asyncio.run(_serve(options, listener, context, announcement))
+        if gate_listener is not None:
+            announcement["gate_url"] = _url(gate_listener, scheme)
+        asyncio.run(_serve(options, listener, context, announcement, plan, gate))
 
 
 async def _serve(
-    options: Options, listener: socket.socket, context: ssl.SSLContext | None, announcement: dict[str, object]
+    options: Options,
+    listener: socket.socket,
+    context: ssl.SSLContext | None,
+    announcement: dict[str, object],
+    plan: Plan,
+    gate: Gate | None,
 ) -> None:
     connections = Connections()
     stopping = asyncio.Event()
     config = uvicorn.Config(
-        _application(options, connections, stopping),
+        _application(options, connections, stopping, plan, gate),
         http=connection_class(connections),
         ws="none",
         lifespan="off",
@@ -94,17 +123,18 @@ async def _serve(
     )
     # A broken connection is what this server is for; asyncio's remarks about it are no news.
     logging.getLogger("asyncio").setLevel(logging.ERROR)
-    server = _Server(config, announcement, stopping)
+    server = _Server(config, announcement, stopping, gate)
     if options.exit_with_stdin:
         threading.Thread(target=_end_with_stdin, args=(server,), daemon=True).start()
     await server.serve([listener])
 
 
-def _application(options: Options, connections: Connections, stopping: asyncio.Event) -> FaultLayer:
+def _application(
+    options: Options, connections: Connections, stopping: asyncio.Event, plan: Plan, gate: Gate | None
+) -> FaultLayer:
     service = Service(options.settings, options.invites, options.secret)
-    plan = Plan()
     journal = Journal()
-    control = Control(service, plan, journal, connections)
+    control = Control(service, plan, journal, connections, gate)
     app = make_app([*Endpoints(service).routes(), *control.routes()])
     return FaultLayer(app, service, plan, journal, connections, stopping)
 

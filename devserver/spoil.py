@@ -125,6 +125,7 @@ _SPOILERS: dict[str, Spoiler] = {
     "chunked": _scripted,
     "cut_body": _scripted,
     "cut_chunked": _scripted,
+    "bad_chunk": _scripted,
     "missing_key": _missing_key,
     "set_key": lambda answer, fields, _service: _set_key(answer, fields["key"], fields["value"]),
     "stale_challenge": _stale_challenge,

@@ -29,11 +29,12 @@ class DevServer:
     """``python -m devserver`` in a subprocess of this interpreter; a context manager.
 
     tls: serve HTTPS. tls_names: names in the certificate, by default those of the loopback.
+    gate: listen on a second port besides, whose connections meet the faults of the endpoint "connect".
     invite_only, invites, claims: see ``python -m devserver --help``. era: None for tokens without an era.
     options: further command-line options. start_timeout: seconds that the start may take.
 
-    Attributes: url (without a trailing slash), ca_file (path of the authority to trust, None without TLS),
-    pid, port, returncode, stderr.
+    Attributes: url and gate_url (without a trailing slash), ca_file (path of the authority to trust, None
+    without TLS), pid, port, returncode, stderr.
     """
 
     def __init__(
@@ -41,6 +42,7 @@ class DevServer:
         *,
         tls: bool = False,
         tls_names: Sequence[str] = (),
+        gate: bool = False,
         invite_only: bool = False,
         invites: Iterable[str] = (),
         era: int | None = 1,
@@ -54,12 +56,14 @@ class DevServer:
         self._arguments += ["--invite-only"] if invite_only else []
         self._arguments += [f"--invite={code}" for code in invites]
         self._arguments += [f"--claims={json.dumps(claims)}"] if claims else []
+        self._arguments += ["--gate"] if gate else []
         self._arguments += options
         self._start_timeout = start_timeout
         self._process: subprocess.Popen[bytes] | None = None
         self._stderr: IO[bytes] | None = None
         self._stderr_text = ""
         self._url: str | None = None
+        self.gate_url: str | None = None
         self.ca_file: str | None = None
         self.pid: int | None = None
 
@@ -111,7 +115,8 @@ class DevServer:
         )
         try:
             announced = json.loads(self._read_line())
-            self._url, self.ca_file, self.pid = announced["url"], announced["ca_file"], announced["pid"]
+            self._url, self.gate_url = announced["url"], announced.get("gate_url")
+            self.ca_file, self.pid = announced["ca_file"], announced["pid"]
         except BaseException:
             self.stop()
             raise
@@ -145,7 +150,8 @@ class DevServer:
         """What the server tells of itself.
 
         "counts" (requests by endpoint), "requests", "connections" ("accepted" since the last reset, "open"),
-        "faults" (still to come, by endpoint), "settings", "invites", "wallets" (how many).
+        "gate" (what its connections have met), "faults" (still to come, by endpoint), "settings", "invites",
+        "wallets" (how many).
         """
         return self._control("GET", "state")
 
@@ -158,9 +164,13 @@ class DevServer:
     def faults(self, endpoint: str, script: Sequence[Mapping[str, Any]]) -> None:
         """Replace the script of `endpoint`; ``devserver.faults`` tells its form.
 
-        endpoint: "register", "challenge", "verify", "display_name", a path, or "*".
+        endpoint: "register", "challenge", "verify", "display_name", a path, "*", or "connect".
         """
-        self._control("POST", "faults", {endpoint: list(script)})
+        self.script({endpoint: script})
+
+    def script(self, scripts: Mapping[str, Sequence[Mapping[str, Any]]]) -> None:
+        """Replace the scripts of several endpoints at one go."""
+        self._control("POST", "faults", {endpoint: list(script) for endpoint, script in scripts.items()})
 
     def settings(self, **changes: Any) -> dict[str, Any]:
         """Change settings by name and return all of them.
