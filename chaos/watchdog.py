@@ -1,0 +1,52 @@
+"""Ends the process with every stack on standard error when something does not come to its end in time."""
+
+from __future__ import annotations
+
+import faulthandler
+import os
+import threading
+import time
+
+HUNG = 70
+# Where not even a thread of Python's gets to run.
+_GRACE_SECONDS = 15.0
+# By number, since who captures `sys.stderr` may give no descriptor.
+_STDERR = 2
+
+
+class Watchdog:
+    """Watches one thing at a time.
+
+    seconds: how long it may take.
+    """
+
+    def __init__(self, seconds: float) -> None:
+        self._seconds = seconds
+        self._lock = threading.Lock()
+        self._what = ""
+        self._limit: float | None = None
+        threading.Thread(target=self._watch, name="watchdog", daemon=True).start()
+
+    def watch(self, what: str) -> None:
+        """From now on it is `what`: printed with the stacks if it hangs."""
+        with self._lock:
+            self._what = what
+            self._limit = time.monotonic() + self._seconds
+        faulthandler.dump_traceback_later(self._seconds + _GRACE_SECONDS, exit=True, file=_STDERR)
+
+    def rest(self) -> None:
+        """Nothing is under way."""
+        with self._lock:
+            self._limit = None
+        faulthandler.cancel_dump_traceback_later()
+
+    def _watch(self) -> None:
+        while True:
+            time.sleep(0.25)
+            with self._lock:
+                hung = self._limit is not None and time.monotonic() > self._limit
+                what = self._what
+            if hung:
+                os.write(_STDERR, f"HANG after {self._seconds:.0f} s: {what}\n".encode())
+                faulthandler.dump_traceback(all_threads=True, file=_STDERR)
+                os._exit(HUNG)
