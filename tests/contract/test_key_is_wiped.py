@@ -15,6 +15,8 @@ from tessaline import auth
 
 from .support import key_scan
 
+pytestmark = pytest.mark.process
+
 SCANNER = Path(key_scan.__file__)
 PACKAGE = Path(auth.__file__).parents[1]
 

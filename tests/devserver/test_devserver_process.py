@@ -20,6 +20,8 @@ from devserver_client import Client
 from devserver.testing import DevServer, DevServerError
 from devserver.wallets import Wallets
 
+pytestmark = pytest.mark.process
+
 ROOT = Path(__file__).resolve().parents[2]
 END_SECONDS = 2.0
 KEY = "k" * 32

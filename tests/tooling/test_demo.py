@@ -4,7 +4,11 @@ import re
 import subprocess
 import sys
 
+import pytest
+
 from .project import ROOT
+
+pytestmark = pytest.mark.process
 
 
 def run(*command: str) -> subprocess.CompletedProcess[str]:

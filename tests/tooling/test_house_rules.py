@@ -5,9 +5,13 @@ import subprocess
 from collections.abc import Iterable
 from pathlib import Path
 
+import pytest
+
 import tessaline.auth
 
 from .project import ROOT, own_files, own_sources
+
+pytestmark = pytest.mark.process
 
 # A letter in brackets here and there keeps this file from breaking the rules that it checks.
 OTHER_DOCUMENTS = re.compile(

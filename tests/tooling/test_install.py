@@ -9,6 +9,8 @@ import pytest
 
 from .project import ROOT, own_files
 
+pytestmark = pytest.mark.process
+
 slow = pytest.mark.skipif(
     os.environ.get("CI") != "true" and not os.environ.get("TESSALINE_SLOW_TESTS"),
     reason="compiles everything again: runs with CI=true or TESSALINE_SLOW_TESTS=1",

@@ -4,7 +4,11 @@ import os
 import subprocess
 from pathlib import Path
 
+import pytest
+
 from .project import ROOT
+
+pytestmark = pytest.mark.process
 
 
 def shell(script: str, **environment: str) -> subprocess.CompletedProcess[str]:

@@ -1,0 +1,25 @@
+"""What holds for every test."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+from typing import Any
+
+import pytest
+
+
+def _errors_in(value: Any) -> Iterator[BaseException]:
+    if isinstance(value, BaseException):
+        yield value
+    elif isinstance(value, list | tuple):
+        for one in value:
+            yield from _errors_in(one)
+
+
+@pytest.fixture(autouse=True)
+def parameters_forget(request: pytest.FixtureRequest) -> Iterator[None]:
+    """An error that is a parameter would otherwise keep all frames that it passed through."""
+    yield
+    call = getattr(request.node, "callspec", None)
+    for error in _errors_in(list(call.params.values()) if call else []):
+        error.__traceback__ = error.__context__ = error.__cause__ = None

@@ -1,0 +1,1 @@
+"""Repeats every test in one process and finds what grows with each repetition."""

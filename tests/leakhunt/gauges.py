@@ -1,0 +1,131 @@
+"""What is counted after each repetition.
+
+Readings go into an array that is made beforehand: what the hunt keeps must not count as growth.
+"""
+
+from __future__ import annotations
+
+import ctypes
+import os
+import sys
+import threading
+import time
+from array import array
+from collections.abc import Callable, Iterator
+
+from tessaline import auth
+
+from . import caches
+from .secret_slots import SecretPages
+
+# A thread that was joined is still listed by the system for a moment, and a peer's hanging up takes one, too.
+# Whoever needs more is waited for half as long the next time.
+GRACE_SECONDS = 0.5
+TIGHTEST_CHUNK = 16
+BLOCKS = 0  # its column
+
+
+class _MallInfo(ctypes.Structure):
+    """glibc's `struct mallinfo2`."""
+
+    _fields_ = tuple(
+        (name, ctypes.c_size_t)
+        for name in (
+            "arena",
+            "ordblks",
+            "smblks",
+            "hblks",
+            "hblkhd",
+            "usmblks",
+            "fsmblks",
+            "uordblks",
+            "fordblks",
+            "keepcost",
+        )
+    )
+
+
+_mallinfo = ctypes.CDLL(None).mallinfo2
+_mallinfo.restype = _MallInfo
+_mallinfo.argtypes = ()
+
+
+def native_bytes() -> int:
+    info = _mallinfo()
+    return int(info.uordblks + info.hblkhd)
+
+
+def memory_blocks() -> int:
+    # Interned texts that live for ever are the interpreter's.
+    return sys.getallocatedblocks() - sys.getunicodeinternedsize(_only_immortal=True)
+
+
+def threads() -> int:
+    return len(threading.enumerate())
+
+
+def native_threads() -> int:
+    return len(os.listdir("/proc/self/task"))
+
+
+def descriptors() -> int:
+    return len(os.listdir("/proc/self/fd"))
+
+
+def _references_to(thing: object) -> Callable[[], int]:
+    return lambda: sys.getrefcount(thing)
+
+
+class Gauge:
+    """A name, a way to count, and the least that one leaked thing adds."""
+
+    def __init__(self, name: str, count: Callable[[], int], least: int = 1) -> None:
+        self.name = name
+        self.count = count
+        self.least = least
+
+
+def _references() -> Iterator[Gauge]:
+    seen: set[int] = set()
+    for name, thing in sorted(vars(auth).items()):
+        if id(thing) not in seen and not isinstance(thing, int | float | str | bytes):
+            seen.add(id(thing))
+            yield Gauge(f"references to {name}", _references_to(thing))
+
+
+class Gauges:
+    def __init__(self) -> None:
+        self._grace = GRACE_SECONDS
+        self._settling = [
+            Gauge("threads", threads),
+            Gauge("native threads", native_threads),
+            Gauge("descriptors", descriptors),
+        ]
+        self.all = [
+            # First: whatever the others allocate is gone again, but not while they count.
+            Gauge("memory blocks", memory_blocks),
+            Gauge("native bytes", native_bytes, TIGHTEST_CHUNK),
+            Gauge("secret slots", SecretPages().in_use),
+            Gauge("references to the module", _references_to(auth)),
+            *_references(),
+            *self._settling,
+        ]
+
+    def read(self, row: array[int], before: array[int] | None) -> None:
+        """Count everything into `row`, when what takes a moment to go has gone. The first has no `before`."""
+        if before is None:
+            self._grace = GRACE_SECONDS
+        else:
+            self._settle(before)
+        caches.clear()
+        for column, gauge in enumerate(self.all):
+            row[column] = gauge.count()
+
+    def _settle(self, before: array[int]) -> None:
+        limit = time.monotonic() + self._grace
+        first = len(self.all) - len(self._settling)
+        while any(gauge.count() > before[first + index] for index, gauge in enumerate(self._settling)):
+            if time.monotonic() > limit:
+                self._grace /= 2
+                return
+            time.sleep(0.002)
