@@ -59,6 +59,7 @@ def test_the_announcement_does_not_wait(one: Harness, either: DevServer) -> None
     event = one.manager._auth_event
     readers = [Worker(one.manager.get_token) for _ in range(8)]
     until(lambda: waiters(event) == len(readers))
+    either.wait_for("register", 2)
     either.release()
     assert {era_of(reader.result()) for reader in readers} == {2}
 
