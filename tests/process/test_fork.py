@@ -2,100 +2,18 @@
 
 from __future__ import annotations
 
-import subprocess
-import sys
-import textwrap
-from pathlib import Path
-
 import pytest
 
-ROOT = Path(__file__).resolve().parents[2]
+from . import forking
 
-PRELUDE = """
-import base64, json, os, sys, threading, time, warnings
-warnings.simplefilter("ignore", DeprecationWarning)
-from tessaline import auth
-
-KEY = "4c0883a69102937d6231471b5dbb6204fe5129617082792ae468d01a3f362318"
-
-def segment(value):
-    return base64.urlsafe_b64encode(json.dumps(value).encode()).rstrip(b"=").decode()
-
-class Server:
-    def __init__(self):
-        self.era = 1
-        self.logins = 0
-        self.hold = None          # an event: requests wait for it
-        self.reached = threading.Event()
-
-    def __call__(self, method, url, headers=None, body=None):
-        if self.hold is not None:
-            self.reached.set()
-            self.hold.wait(20)
-        if url.endswith("/auth/challenge"):
-            return 200, {}, json.dumps({"challenge_id": "1", "message": "hello"}).encode()
-        if url.endswith("/auth/verify"):
-            self.logins += 1
-            maker = [os.getpid(), self.logins]
-            claims = {"sub": manager.get_wallet_address(), "era_number": self.era, "n": maker}
-            token = ".".join((segment({}), segment(claims), "signature"))
-            secret = base64.b64encode(bytes(32)).decode()
-            return 200, {}, json.dumps({"token": token, "expires_at": 0, "wallet_secret": secret}).encode()
-        return 200, {}, b"{}"
-
-def until(condition):
-    deadline = time.monotonic() + 10
-    while not condition():
-        assert time.monotonic() < deadline, "it did not come true"
-        time.sleep(0.005)
-
-def owner_of(token):
-    payload = token.split(".")[1]
-    return json.loads(base64.urlsafe_b64decode(payload + "=" * (-len(payload) % 4)))["n"][0]
-
-def in_child(body):
-    pid = os.fork()
-    if pid == 0:
-        status = 1
-        try:
-            body()
-            status = 0
-        except BaseException:
-            import traceback
-            traceback.print_exc()
-        finally:
-            os._exit(status)
-    deadline = time.monotonic() + 15
-    while True:
-        done, status = os.waitpid(pid, os.WNOHANG)
-        if done:
-            assert status == 0, f"the child ended with {status}"
-            return
-        if time.monotonic() > deadline:
-            os.kill(pid, 9)
-            os.waitpid(pid, 0)
-            raise AssertionError("the child hangs")
-        time.sleep(0.01)
-
-def loops():
-    return [thread for thread in threading.enumerate() if "_refresh_loop" in thread.name]
-
-now = [1000.0]
-server = Server()
-manager = auth.AuthManager(KEY, "https://auth.example.test", clock=lambda: now[0], _transport=server)
-manager.authenticate()
-token = manager.get_token()
-"""
+pytestmark = pytest.mark.process
 
 PROGRAMS = {
     "the token is served and renewed": """
         def child():
             assert manager.get_token() == token
             assert len(loops()) == 1
-            now[0] += 80000.0
-            until(lambda: manager._token != token)
-            assert owner_of(manager.get_token()) == os.getpid()
-            manager.close()
+            serves_and_renews()
         in_child(child)
         assert manager.get_token() == token
         assert len(loops()) == 1
@@ -210,14 +128,9 @@ PROGRAMS = {
             time.sleep(0.01)
     """,
     "a child of a child": """
-        def grandchild():
-            assert manager.get_token() == token
-            now[0] += 80000.0
-            until(lambda: manager._token != token)
-            manager.close()
         def child():
             assert manager.get_token() == token
-            in_child(grandchild)
+            in_child(serves_and_renews)
             assert manager.get_token() == token
             manager.close()
         in_child(child)
@@ -235,17 +148,43 @@ PROGRAMS = {
             manager.close()
         in_child(child)
     """,
+    "four generations": """
+        def generation(left):
+            def live():
+                assert manager.get_token() == token
+                if left:
+                    in_child(generation(left - 1))
+                serves_and_renews()
+            return live
+        in_child(generation(3))
+        assert manager.get_token() == token
+    """,
+    "eight children at once": """
+        children = [begin_child(serves_and_renews) for _ in range(8)]
+        for child in children:
+            end_child(child)
+        assert manager.get_token() == token
+        assert len(loops()) == 1
+    """,
+    "a thread other than the main one forks": """
+        forker = threading.Thread(target=in_child, args=(serves_and_renews,))
+        forker.start()
+        forker.join(20)
+        assert not forker.is_alive()
+        assert manager.get_token() == token
+    """,
+    "a pool of workers": """
+        import multiprocessing
+        def work(_):
+            assert manager.get_token() == token
+            return os.getpid()
+        with multiprocessing.get_context("fork").Pool(4) as pool:
+            assert os.getpid() not in pool.map_async(work, range(64)).get(20)
+        assert manager.get_token() == token
+    """,
 }
 
 
 @pytest.mark.parametrize("case", PROGRAMS)
 def test_after_a_fork(case: str) -> None:
-    program = PRELUDE + textwrap.dedent(PROGRAMS[case]) + "\nmanager.close()\n"
-    result = subprocess.run(
-        [sys.executable, "-X", "faulthandler", "-c", program],
-        cwd=ROOT,
-        capture_output=True,
-        text=True,
-        timeout=60,
-    )
-    assert (result.returncode, result.stderr) == (0, "")
+    forking.check(case, PROGRAMS[case])

@@ -71,6 +71,8 @@ void AuthManager::settle_in_child() {
   set(Field::kRefreshDone, std::move(done));
   set(Field::kInTransientBackoff, false);
   forget_threads(*this);
+  // The thread that was closing it may not have come to the key, and is not here to go on.
+  if (closed()) return complete_close();
   leave_running_authentication(*this);
   resume_renewal(*this);
 }
