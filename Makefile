@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test fuzz build devserver check format warnings tidy ctime chaos pins clean
+.PHONY: help demo test fuzz leaks exits build devserver check format warnings tidy ctime chaos pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -17,6 +17,12 @@ test: build ## every test; with CI=true also the second compiler
 
 fuzz: build ## a minute of libFuzzer for every parser (10 min; ARGS="--seconds 3600" before a release)
 	@tools/fuzz $(ARGS)
+
+leaks: build ## every test again and again in one process, which may not grow (25 min on two cores)
+	@tools/leaks $(ARGS)
+
+exits: build ## every way to end a program or to fork it, 100 times each (25 min on two cores)
+	@tools/exits $(ARGS)
 
 build: ## set up what is missing, build, install into .venv
 	@tools/setup

@@ -1,30 +1,25 @@
 """A program ends at once, with exit code 0 and without a word, whatever the component is doing.
 
-TESSALINE_EXIT_RUNS: how many processes run each scenario (8).
+TESSALINE_EXIT_RUNS: how many processes run each scenario.
 """
 
 from __future__ import annotations
 
 import json
-import os
-import subprocess
+import re
 import sys
-import time
-from concurrent.futures import ThreadPoolExecutor
-from pathlib import Path
 
 import pytest
 
 from devserver.testing import DevServer
 
-from . import endings
+from . import endings, main_thread, runs, scenarios
 
-RUNS = int(os.environ.get("TESSALINE_EXIT_RUNS", "8"))
-AT_ONCE = 4
-MOST_SECONDS = 2.0
-DEADLINE = 60.0
-PROGRAM = Path(endings.__file__).resolve()
+pytestmark = pytest.mark.process
 
+RUNS = runs.how_many(4)
+
+EXIT_CALLED = ["idle", "refresh_in_http_request", "refresh_in_busy_clock", "threads_taking_tokens"]
 CLOSED_AT_EXIT = [
     "idle",
     "refresh_in_http_request",
@@ -35,43 +30,36 @@ CLOSED_AT_EXIT = [
     "threads_waiting_for_a_token",
     "authenticate_with_many_waiters",
 ]
-EXIT_CALLED = ["idle", "refresh_in_http_request", "refresh_in_busy_clock", "threads_taking_tokens"]
+OTHER_ENDINGS = [
+    "idle",
+    "refresh_in_http_request",
+    "refresh_in_tls_handshake",
+    "refresh_in_busy_transport",
+    "refresh_in_busy_clock",
+    "era_change_in_busy_transport",
+    "threads_taking_tokens",
+    "threads_sending_https_requests",
+    "authenticate_with_many_waiters",
+    "rename_in_http_request",
+]
+ONE_TRACEBACK = (
+    r"Traceback \(most recent call last\):\n(?!.*Traceback).*\nRuntimeError: "
+    + re.escape(endings.WORDS)
+    + "\n"
+)
 
 
-def problem_of_one_run(scenario: str, ending: str, config: str, ca_file: str) -> str | None:
-    command = [sys.executable, "-P", "-X", "faulthandler", str(PROGRAM), scenario, ending, config]
-    try:
-        done = subprocess.run(
-            command,
-            stdin=subprocess.DEVNULL,
-            capture_output=True,
-            env=os.environ | {"SSL_CERT_FILE": ca_file},
-            timeout=DEADLINE,
-        )
-    except subprocess.TimeoutExpired as expired:
-        return f"still running after {DEADLINE} s, output {expired.output!r}, {expired.stderr!r}"
-    ended = time.monotonic()
-    if done.returncode != 0 or done.stderr:
-        return f"exit code {done.returncode}, stderr {done.stderr.decode(errors='replace')}"
-    seconds = ended - float(done.stdout)
-    return None if seconds < MOST_SECONDS else f"took {seconds:.2f} s to end"
+def check_runs(
+    scenario: str, ending: str, http: DevServer, https: DevServer, end: runs.End | None = None
+) -> None:
+    assert https.ca_file is not None
+    config = json.dumps({"http": http.url, "https": https.url, "ca": https.ca_file})
+    command = [sys.executable, "-X", "faulthandler", "-m", "tests.process.endings", scenario, ending, config]
+    environment = {"SSL_CERT_FILE": https.ca_file}
+    runs.check(f"{scenario}, {ending}", command, runs=RUNS, end=end, environment=environment)
 
 
-def check_runs(scenario: str, ending: str, http_server: DevServer, https_server: DevServer) -> None:
-    assert https_server.ca_file is not None
-    config = json.dumps({"http": http_server.url, "https": https_server.url, "ca": https_server.ca_file})
-    ca_file = https_server.ca_file
-    with ThreadPoolExecutor(AT_ONCE) as pool:
-        outcomes = list(
-            pool.map(lambda _: problem_of_one_run(scenario, ending, config, ca_file), range(RUNS))
-        )
-    problems = [problem for problem in outcomes if problem is not None]
-    if problems:
-        pytest.fail(f"{len(problems)} of {RUNS} runs: " + "\n".join(problems), pytrace=False)
-    assert len(outcomes) == RUNS > 0
-
-
-@pytest.mark.parametrize("scenario", endings.SCENARIOS)
+@pytest.mark.parametrize("scenario", scenarios.SCENARIOS)
 def test_a_program_that_falls_off_its_end(
     scenario: str, http_server: DevServer, https_server: DevServer
 ) -> None:
@@ -88,3 +76,37 @@ def test_a_program_that_closes_its_managers_at_exit(
     scenario: str, http_server: DevServer, https_server: DevServer
 ) -> None:
     check_runs(scenario, "closing_at_exit", http_server, https_server)
+
+
+@pytest.mark.parametrize("ending", ["terminated", "leaving_at_once"])
+@pytest.mark.parametrize("scenario", OTHER_ENDINGS)
+def test_a_program_that_is_ended(
+    scenario: str, ending: str, http_server: DevServer, https_server: DevServer
+) -> None:
+    check_runs(scenario, ending, http_server, https_server)
+
+
+@pytest.mark.parametrize("scenario", OTHER_ENDINGS)
+def test_a_program_that_ends_by_an_error_says_that_and_nothing_else(
+    scenario: str, http_server: DevServer, https_server: DevServer
+) -> None:
+    check_runs(scenario, "raising", http_server, https_server, runs.End(1, ONE_TRACEBACK))
+
+
+@pytest.mark.parametrize("scenario", main_thread.SCENARIOS)
+def test_a_program_that_is_ended_in_the_middle_of_a_call(
+    scenario: str, http_server: DevServer, https_server: DevServer
+) -> None:
+    check_runs(scenario, "in_the_main_thread", http_server, https_server)
+
+
+@pytest.mark.parametrize("scenario", scenarios.SCENARIOS)
+def test_a_forked_child_ends_like_any_program(
+    scenario: str, http_server: DevServer, https_server: DevServer
+) -> None:
+    check_runs(scenario, "forked", http_server, https_server)
+
+
+@pytest.mark.parametrize("scenario", OTHER_ENDINGS)
+def test_worker_processes_end(scenario: str, http_server: DevServer, https_server: DevServer) -> None:
+    check_runs(scenario, "forked_by_multiprocessing", http_server, https_server)

@@ -10,6 +10,8 @@ from typing import Any
 
 import pytest
 
+pytestmark = pytest.mark.process
+
 DEADLINE = 60.0
 
 OTHER_INTERPRETER = (

@@ -1,23 +1,25 @@
-"""The process ends with code 0 and nothing on stderr, whatever a background thread is doing just then."""
+"""An interpreter that takes its time to end, so that background threads wake up into the middle of it."""
 
 from __future__ import annotations
 
-import subprocess
 import sys
 import textwrap
+from collections.abc import Callable
 
 import pytest
 
-from .helpers.managers import KEY
-from .helpers.server import BASE
+from . import runs
 
-RUNS = 4
+pytestmark = pytest.mark.process
 
-# A finaliser that holds the interpreter for a while as it shuts down, so that the background threads wake
-# up into the middle of the shutdown instead of after it.
-PRELUDE = f"""
+RUNS = runs.how_many(4)
+
+# The finaliser holds the interpreter for a while as it shuts down.
+PRELUDE = """
     import sys, threading, time
     import tessaline.auth as auth
+
+    KEY = "4c0883a69102937d6231471b5dbb6204fe5129617082792ae468d01a3f362318"
 
     class SlowToGo:
         def __init__(self, clock):
@@ -31,33 +33,28 @@ PRELUDE = f"""
     slow_to_go = SlowToGo(time.perf_counter)
 
     def make(transport, **options):
-        manager = auth.AuthManager({KEY!r}, {BASE!r}, _transport=transport, **options)
+        manager = auth.AuthManager(KEY, "https://auth.example.test", _transport=transport, **options)
         manager._token, manager._token_expiry = "token", 1e12
         return manager
 
     def until(condition):
-        end = time.perf_counter() + 5.0
+        end = time.perf_counter() + 20.0
         while not condition():
             assert time.perf_counter() < end
             time.sleep(0.005)
 """
 
 
-def exits_cleanly(program: str) -> None:
-    text = textwrap.dedent(PRELUDE) + textwrap.dedent(program)
-    children = [
-        subprocess.Popen(
-            [sys.executable, "-c", text], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
-        )
-        for _ in range(RUNS)
-    ]
-    try:
-        ends = [(child.communicate(timeout=30.0), child.returncode) for child in children]
-    finally:
-        for child in children:
-            child.kill()
-            child.wait()
-    assert ends == [(("", ""), 0)] * RUNS
+Check = Callable[[str], None]
+
+
+@pytest.fixture
+def exits_cleanly(request: pytest.FixtureRequest) -> Check:
+    def check(program: str) -> None:
+        text = textwrap.dedent(PRELUDE) + textwrap.dedent(program) + "\nprint(time.monotonic(), flush=True)\n"
+        runs.check(request.node.name, [sys.executable, "-X", "faulthandler", "-c", text], runs=RUNS)
+
+    return check
 
 
 BEGIN = {
@@ -74,7 +71,7 @@ FAILURES = {
 
 @pytest.mark.parametrize("failure", FAILURES)
 @pytest.mark.parametrize("begin", BEGIN)
-def test_exit_during_a_backoff(begin: str, failure: str) -> None:
+def test_exit_during_a_backoff(begin: str, failure: str, exits_cleanly: Check) -> None:
     exits_cleanly(f"""
         def transport(method, url, headers=None, body=None):
             {FAILURES[failure]}
@@ -87,7 +84,7 @@ def test_exit_during_a_backoff(begin: str, failure: str) -> None:
 
 
 @pytest.mark.parametrize("begin", BEGIN)
-def test_exit_during_a_request(begin: str) -> None:
+def test_exit_during_a_request(begin: str, exits_cleanly: Check) -> None:
     exits_cleanly(f"""
         inside = threading.Event()
 
@@ -115,7 +112,7 @@ def test_exit_during_a_request(begin: str) -> None:
     ],
     ids=["waiting", "no time", "other state", "raising clock", "time deleted", "time of a foreign type"],
 )
-def test_exit_while_the_refresh_loop_waits(state: str) -> None:
+def test_exit_while_the_refresh_loop_waits(state: str, exits_cleanly: Check) -> None:
     exits_cleanly(f"""
         threading.excepthook = lambda args: None
         manager = make(None, clock=lambda: 0.0)
@@ -126,7 +123,7 @@ def test_exit_while_the_refresh_loop_waits(state: str) -> None:
     """)
 
 
-def test_exit_while_callers_wait() -> None:
+def test_exit_while_callers_wait(exits_cleanly: Check) -> None:
     exits_cleanly("""
         def transport(method, url, headers=None, body=None):
             time.sleep(5.0)
@@ -143,7 +140,7 @@ def test_exit_while_callers_wait() -> None:
     """)
 
 
-def test_exit_at_once_after_a_login_without_close() -> None:
+def test_exit_at_once_after_a_login_without_close(exits_cleanly: Check) -> None:
     exits_cleanly("""
         import json
 
