@@ -1,0 +1,1 @@
+"""Public tables of known answers, and what the component makes of them."""

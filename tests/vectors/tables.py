@@ -1,0 +1,19 @@
+"""Reads the tables. What they are and where they come from is said beside them."""
+
+from __future__ import annotations
+
+import csv
+import json
+from pathlib import Path
+
+DATA = Path(__file__).with_name("data")
+
+
+def rows(name: str) -> list[dict[str, str]]:
+    """The rows of a file of columns with tabs between."""
+    with (DATA / name).open(encoding="utf-8", newline="") as file:
+        return list(csv.DictReader(file, delimiter="\t", quoting=csv.QUOTE_NONE, strict=True))
+
+
+def tokens() -> list[dict[str, str]]:
+    return json.loads((DATA / "tokens/json_web_signatures.json").read_text(encoding="utf-8"))
