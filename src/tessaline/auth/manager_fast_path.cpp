@@ -1,11 +1,15 @@
+#include <time.h>
+
+#include <algorithm>
+#include <optional>
+
 #include "tessaline/auth/manager.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
 // `get_token` in front of every request of the host: a healthy manager on the default clock is served from
 // one look at its fields. Under the interpreter's lock, with `_lock` free, that look cannot be told from one
-// under
-// `_lock`. Whatever is not plainly healthy takes the full path.
+// under `_lock`. Whatever is not plainly healthy takes the full path.
 
 namespace tessaline::auth {
 namespace {
@@ -55,8 +59,25 @@ bool is_free(PyObject* lock) {
          host.lock_is_held(lock, nullptr) == Py_False;
 }
 
-bool is_after(PyObject* instant, double now) {
-  return instant != nullptr && PyFloat_CheckExact(instant) && now < PyFloat_AS_DOUBLE(instant);
+std::optional<double> instant_in(PyObject* field) {
+  if (field == nullptr || !PyFloat_CheckExact(field)) return std::nullopt;
+  return PyFloat_AS_DOUBLE(field);
+}
+
+/// Far more than the kernel's longest tick (10 ms).
+constexpr double kTickSeconds = 1.0;
+
+/// The wall clock as it stood at the kernel's last tick, which costs a fraction of an exact reading.
+double wall_clock_at_last_tick() {
+  timespec tick{};
+  clock_gettime(CLOCK_REALTIME_COARSE, &tick);
+  return static_cast<double>(tick.tv_sec) + static_cast<double>(tick.tv_nsec) * 1e-9;
+}
+
+bool is_future(double instant) {
+  if (wall_clock_at_last_tick() + kTickSeconds < instant) return true;
+  PyTime_t now = 0;
+  return PyTime_TimeRaw(&now) == 0 && PyTime_AsSecondsDouble(now) < instant;
 }
 
 }  // namespace
@@ -84,13 +105,11 @@ Ref AuthManager::token_if_healthy() {
                              field(Field::kPermanentRefreshError) == Py_False &&
                              field(Field::kClock) == host.wall_clock && is_free(field(Field::kLock));
   if (!looks_healthy) return {};
-  PyTime_t now;
-  if (PyTime_TimeRaw(&now) != 0) return {};
-  const double seconds = PyTime_AsSecondsDouble(now);
   PyObject* const token = field(Field::kToken);
-  const bool fresh =
-      is_after(field(Field::kTokenExpiry), seconds) && is_after(field(Field::kRefreshAt), seconds);
-  if (!fresh || token == nullptr || token == Py_None) return {};
+  if (token == nullptr || token == Py_None) return {};
+  const std::optional<double> expiry = instant_in(field(Field::kTokenExpiry));
+  const std::optional<double> refresh_at = instant_in(field(Field::kRefreshAt));
+  if (!expiry || !refresh_at || !is_future(std::min(*expiry, *refresh_at))) return {};
   return Ref::borrow(token);
 }
 

@@ -9,7 +9,9 @@ namespace tessaline::auth::python {
 
 void Ending::failed(const char* message) noexcept {
   failed_ = true;
-  std::copy_n(message, std::min(std::strlen(message), message_.size() - 1), message_.begin());
+  const std::size_t length = std::min(std::strlen(message), message_.size() - 1);
+  std::copy_n(message, length, message_.begin());
+  message_[length] = '\0';
 }
 
 bool Ending::report() && noexcept {

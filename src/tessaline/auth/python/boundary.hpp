@@ -27,7 +27,7 @@ class Ending {
   std::optional<Error> error_;
   bool out_of_memory_ = false;
   bool failed_ = false;
-  std::array<char, 256> message_{};
+  std::array<char, 256> message_;  ///< written only where `failed_`: this stands at every entry
 };
 
 /// Runs `body` and turns what it throws into the host's exception: Error into itself, else MemoryError or

@@ -30,7 +30,9 @@ class Ref {
     return *this;
   }
 
-  ~Ref() { drop(object_); }
+  ~Ref() {
+    if (object_ != nullptr) drop(object_);
+  }
 
   PyObject* get() const noexcept { return object_; }
   PyObject* release() noexcept { return std::exchange(object_, nullptr); }

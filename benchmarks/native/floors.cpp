@@ -1,0 +1,162 @@
+// The module `floors`: what nothing on this machine can be faster than, timed in C++ or as an empty call.
+
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "bare_curve.hpp"
+#include "bare_http.hpp"
+
+namespace {
+
+namespace benchmarks = tessaline::benchmarks;
+
+PyObject* raise(const std::exception& error) {
+  PyErr_SetString(PyExc_RuntimeError, error.what());
+  return nullptr;
+}
+
+PyObject* empty_method(PyObject* /*self*/, PyObject* /*none*/) {
+  Py_RETURN_NONE;
+}
+
+PyMethodDef kEmptyMethods[] = {
+    {"get_token", empty_method, METH_NOARGS, "Does nothing."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyType_Slot kEmptySlots[] = {
+    {Py_tp_methods, kEmptyMethods},
+    {Py_tp_doc, const_cast<char*>("A heap type whose method does nothing.")},
+    {0, nullptr},
+};
+
+PyType_Spec kEmptySpec = {
+    .name = "floors.Empty",
+    .basicsize = sizeof(PyObject),
+    .itemsize = 0,
+    .flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE,
+    .slots = kEmptySlots,
+};
+
+PyObject* bare_signing(PyObject* /*module*/, PyObject* args) {
+  Py_ssize_t loops = 0;
+  Py_ssize_t bytes = 0;
+  if (!PyArg_ParseTuple(args, "nn", &loops, &bytes)) return nullptr;
+  try {
+    return PyFloat_FromDouble(
+        benchmarks::time_bare_signing(static_cast<std::size_t>(loops), static_cast<std::size_t>(bytes)));
+  } catch (const std::exception& error) {
+    return raise(error);
+  }
+}
+
+PyObject* login_signing(PyObject* /*module*/, PyObject* args) {
+  Py_ssize_t loops = 0;
+  Py_ssize_t bytes = 0;
+  if (!PyArg_ParseTuple(args, "nn", &loops, &bytes)) return nullptr;
+  try {
+    return PyFloat_FromDouble(
+        benchmarks::time_login_signing(static_cast<std::size_t>(loops), static_cast<std::size_t>(bytes)));
+  } catch (const std::exception& error) {
+    return raise(error);
+  }
+}
+
+PyObject* bare_derivation(PyObject* /*module*/, PyObject* args) {
+  Py_ssize_t loops = 0;
+  if (!PyArg_ParseTuple(args, "n", &loops)) return nullptr;
+  try {
+    return PyFloat_FromDouble(benchmarks::time_bare_derivation(static_cast<std::size_t>(loops)));
+  } catch (const std::exception& error) {
+    return raise(error);
+  }
+}
+
+PyObject* bare_posts(PyObject* /*module*/, PyObject* args) {
+  Py_ssize_t loops = 0;
+  const char* url = nullptr;
+  const char* body = nullptr;
+  Py_ssize_t body_size = 0;
+  if (!PyArg_ParseTuple(args, "nsy#", &loops, &url, &body, &body_size)) return nullptr;
+  try {
+    const benchmarks::Spent spent = benchmarks::time_bare_posts(
+        static_cast<std::size_t>(loops), url, std::string(body, static_cast<std::size_t>(body_size)));
+    return Py_BuildValue("dd", spent.wall, spent.cpu);
+  } catch (const std::exception& error) {
+    return raise(error);
+  }
+}
+
+bool append_text(PyObject* tuple, std::vector<std::string>& texts) {
+  for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(tuple); ++i) {
+    const char* text = PyUnicode_AsUTF8(PyTuple_GET_ITEM(tuple, i));
+    if (text == nullptr) return false;
+    texts.emplace_back(text);
+  }
+  return true;
+}
+
+PyObject* bare_crowd(PyObject* /*module*/, PyObject* args) {
+  Py_ssize_t threads = 0;
+  PyObject* urls = nullptr;
+  PyObject* bodies = nullptr;
+  if (!PyArg_ParseTuple(args, "nO!O!", &threads, &PyTuple_Type, &urls, &PyTuple_Type, &bodies))
+    return nullptr;
+  if (PyTuple_GET_SIZE(urls) != PyTuple_GET_SIZE(bodies)) {
+    PyErr_SetString(PyExc_ValueError, "one body for each URL");
+    return nullptr;
+  }
+  try {
+    std::vector<std::string> url_texts;
+    std::vector<std::string> body_texts;
+    if (!append_text(urls, url_texts) || !append_text(bodies, body_texts)) return nullptr;
+    return PyFloat_FromDouble(
+        benchmarks::time_bare_crowd(static_cast<std::size_t>(threads), url_texts, body_texts));
+  } catch (const std::exception& error) {
+    return raise(error);
+  }
+}
+
+PyMethodDef kFunctions[] = {
+    {"bare_signing", bare_signing, METH_VARARGS, "bare_signing(loops, message_bytes) -> seconds"},
+    {"login_signing", login_signing, METH_VARARGS, "login_signing(loops, message_bytes) -> seconds"},
+    {"bare_derivation", bare_derivation, METH_VARARGS, "bare_derivation(loops) -> seconds"},
+    {"bare_posts", bare_posts, METH_VARARGS, "bare_posts(loops, url, body) -> (wall, cpu) in seconds"},
+    {"bare_crowd", bare_crowd, METH_VARARGS, "bare_crowd(threads, urls, bodies) -> seconds"},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+int execute(PyObject* module) {
+  PyObject* type = PyType_FromSpec(&kEmptySpec);
+  if (type == nullptr) return -1;
+  const int result = PyModule_AddType(module, reinterpret_cast<PyTypeObject*>(type));
+  Py_DECREF(type);
+  return result;
+}
+
+PyModuleDef_Slot kSlots[] = {
+    {Py_mod_exec, reinterpret_cast<void*>(execute)},
+    {0, nullptr},
+};
+
+PyModuleDef kModule = {
+    .m_base = PyModuleDef_HEAD_INIT,
+    .m_name = "floors",
+    .m_doc = "What nothing on this machine can be faster than.",
+    .m_size = 0,
+    .m_methods = kFunctions,
+    .m_slots = kSlots,
+    .m_traverse = nullptr,
+    .m_clear = nullptr,
+    .m_free = nullptr,
+};
+
+}  // namespace
+
+PyMODINIT_FUNC PyInit_floors() {
+  return PyModuleDef_Init(&kModule);
+}
