@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test fuzz leaks exits build devserver check format warnings tidy ctime chaos pins clean
+.PHONY: help demo test fuzz leaks exits build devserver bench check format warnings tidy ctime chaos pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -29,6 +29,9 @@ build: ## set up what is missing, build, install into .venv
 
 devserver: build ## run the development server
 	@.venv/bin/python -m devserver $(ARGS)
+
+bench: build ## measure it beside its peers, into docs/benchmarks (8 minutes)
+	@tools/bench $(ARGS)
 
 check: build ## formatters and linters, then git diff; changes nothing
 	@tools/check

@@ -41,7 +41,7 @@ find_python() {
 
 need_venv() {
   local wanted
-  wanted="$PWD $(cat requirements/*.txt | sha256sum)"
+  wanted="$PWD $(cat requirements/dev.txt | sha256sum)"
   if [[ -n ${PYTHON:-} ]]; then
     wanted+=" $(find_python)"
   elif [[ -x .venv/bin/python ]]; then
@@ -57,5 +57,5 @@ need_venv() {
   logged packages .venv/bin/python -m pip install --quiet --no-input --disable-pip-version-check --no-deps \
     --requirement requirements/dev.txt
   logged packages-check .venv/bin/python -m pip check
-  mark_done .venv/.set-up "$PWD $(cat requirements/*.txt | sha256sum) $python"
+  mark_done .venv/.set-up "$PWD $(cat requirements/dev.txt | sha256sum) $python"
 }

@@ -1,0 +1,71 @@
+"""Runs every benchmark and writes docs/benchmarks: python -m benchmarks [--rounds N] [--only TITLE]."""
+
+from __future__ import annotations
+
+import argparse
+import sys
+import time
+from collections.abc import Callable
+from functools import partial
+
+from .places import ROOT, use_build
+
+use_build()
+
+from . import flows, footprint  # noqa: E402  they import the build that was just chosen
+from .micro_figures import micro_group  # noqa: E402
+from .ratios import Figure, Group  # noqa: E402
+from .report import write_report  # noqa: E402
+
+OUTPUT = ROOT / "docs" / "benchmarks"
+
+
+def line(figure: Figure) -> str:
+    sign = "<=" if figure.at_most else ">="
+    verdict = "reached" if figure.reached else "MISSED"
+    return f"  {figure.subject}: {figure.ratio.median:.3g} {figure.unit} ({sign} {figure.target:g}) {verdict}"
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(prog="make bench", description=__doc__)
+    parser.add_argument("--rounds", type=int, default=9, help="measurements of each case (default: 9)")
+    parser.add_argument(
+        "--only", default="", help="only groups whose title holds this text; writes no report"
+    )
+    given = parser.parse_args()
+
+    measures: dict[str, Callable[[int], Group]] = {
+        "get_token()": partial(micro_group, "get_token"),
+        "threads": flows.threads_at_once,
+        "together": flows.single_flights,
+        "waking": flows.woken_waiters,
+        "signature 32 B": partial(micro_group, "signature 32 B"),
+        "signature 16 KiB": partial(micro_group, "signature 16 KiB"),
+        "construction": partial(micro_group, "construction"),
+        "POST wall": partial(micro_group, "POST wall"),
+        "POST CPU": partial(micro_group, "POST CPU"),
+        "HTTPS": flows.login_over_https,
+        "memory login": flows.login_in_memory,
+        "import": footprint.importing,
+        "memory": footprint.memory,
+        "era": flows.era_of_a_fleet,
+        "growth": footprint.growth,
+    }
+    begin = time.monotonic()
+    groups = []
+    for title, measure in measures.items():
+        if given.only not in title:
+            continue
+        group = measure(given.rounds)
+        groups.append(group)
+        print(group.title, *map(line, group.figures), sep="\n", flush=True)
+    figures = [figure for group in groups for figure in group.figures]
+    if not given.only:
+        write_report(groups, OUTPUT, rounds=given.rounds)
+    missed = sum(not figure.reached for figure in figures)
+    print(f"{len(figures)} figures, {missed} missed, in {time.monotonic() - begin:.0f} s")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,60 @@
+"""Where the build of the benchmarks is, and what it holds: the component, the floors, the server."""
+
+from __future__ import annotations
+
+import json
+import subprocess
+import sys
+import urllib.request
+from collections.abc import Iterator
+from contextlib import contextmanager
+from dataclasses import dataclass
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+BUILD = ROOT / "build" / "benchmarks"
+PROGRAMS = BUILD / "benchmarks"
+PACKAGE = BUILD / "package"
+
+KEY = "4c0883a69102937d6231471b5dbb6204fe5129617082792ae468d01a3f362318"
+REGISTER, CHALLENGE, VERIFY = "/auth/register", "/auth/challenge", "/auth/verify"
+
+
+def use_build() -> None:
+    """Makes `tessaline.auth` of the benchmarks' own build, and `floors`, importable."""
+    for folder in (PROGRAMS, PACKAGE):
+        if str(folder) not in sys.path:
+            sys.path.insert(0, str(folder))
+
+
+@dataclass(frozen=True)
+class Server:
+    """A running `bench_server`."""
+
+    base: str
+
+    def count(self) -> tuple[int, int]:
+        """Connections accepted and exchanges answered so far; the question itself is not among the latter."""
+        with urllib.request.urlopen(self.base + "/count", timeout=30) as response:
+            counted = json.load(response)
+        return counted["connections"], counted["exchanges"]
+
+    def begin_era(self, era: int) -> None:
+        request = urllib.request.Request(f"{self.base}/era/{era}", data=b"", method="POST")
+        urllib.request.urlopen(request, timeout=30).close()
+
+
+@contextmanager
+def running_server(
+    delay_milliseconds: int = 0, certificate: tuple[Path, Path] | None = None
+) -> Iterator[Server]:
+    """A server that answers after that delay; over TLS with that certificate and key."""
+    command = [str(PROGRAMS / "bench_server"), str(delay_milliseconds), *map(str, certificate or ())]
+    with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as process:
+        assert process.stdin is not None and process.stdout is not None
+        port = int(process.stdout.readline())
+        try:
+            yield Server(f"{'https' if certificate else 'http'}://127.0.0.1:{port}")
+        finally:
+            process.stdin.close()
+            process.wait(timeout=30)
