@@ -8,6 +8,7 @@
 #include <variant>
 
 #include "tessaline/auth/http/http_client.hpp"
+#include "tessaline/auth/http_engine.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/transport_errors.hpp"
@@ -105,7 +106,7 @@ Answer exchange(const http::Request& request, bool interruptible) {
     http::Tick tick;
     if (interruptible) tick = [&thread] { return python::run_signal_handlers(thread); };
     try {
-      return http::perform(request, tick);
+      return perform_request(request, tick);
     } catch (const http::TransportFailure& failure) {
       return failure;
     }

@@ -1,7 +1,7 @@
 #include "tessaline/auth/wallet/secret_memory.hpp"
 
-#include <openssl/crypto.h>
 #include <pthread.h>
+#include <string.h>
 #include <sys/mman.h>
 
 #include <atomic>
@@ -79,7 +79,7 @@ void give_back(std::uint8_t* slot) noexcept {
 }  // namespace
 
 void wipe(void* data, std::size_t size) noexcept {
-  OPENSSL_cleanse(data, size);
+  explicit_bzero(data, size);
 }
 
 // Calls nothing: the dynamic linker saves the vector registers, and what they hold, on the stack when a

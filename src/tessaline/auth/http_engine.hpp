@@ -1,0 +1,15 @@
+#pragma once
+
+#include "tessaline/auth/http/http_client.hpp"
+
+namespace tessaline::auth {
+
+/// `http::perform`, from the library beside the module that holds the HTTP room. It is loaded at the first
+/// call and kept: libcurl brings some thirty libraries along, and who only imports the component, or brings a
+/// transport of their own, does not pay for them.
+///
+/// Blocks; to be called without the interpreter's lock, from any thread. Throws what `http::perform` throws,
+/// and TransportFailure (kOther) where the library cannot be loaded; the next call tries again.
+http::Response perform_request(const http::Request& request, const http::Tick& tick);
+
+}  // namespace tessaline::auth
