@@ -7,6 +7,8 @@ import time
 from collections.abc import Callable
 from typing import Any
 
+from eth_utils.address import to_checksum_address
+
 from tessaline import auth
 from tests.integration.support import Worker, descriptors, until, waiters
 
@@ -20,6 +22,7 @@ NAME = "Ada Lovelace"
 # What the connection pool may keep for two requests at once and a few places: a connection and its waker.
 _KEPT_DESCRIPTORS = 24
 _SECONDS = 20.0
+_LONGEST_TEXT = 1000
 
 
 class Violation(Exception):
@@ -28,7 +31,12 @@ class Violation(Exception):
 
 def same(what: str, seen: Any, expected: Any) -> None:
     if seen != expected:
-        raise Violation(f"{what}: {seen!r}, and it should be {expected!r}")
+        raise Violation(f"{what}: {_short(seen)}, and it should be {_short(expected)}")
+
+
+def _short(value: Any) -> str:
+    text = repr(value)
+    return text if len(text) <= _LONGEST_TEXT else text[:_LONGEST_TEXT] + " ..."
 
 
 class Flow:
@@ -48,8 +56,7 @@ class Flow:
         self._old_token: str | None = None
         self._told: list[tuple[str, Worker, Any]] = []
         self._trouble: BaseException | None = None
-        self._seen = 0
-        self._connects_seen = 0
+        self._records: list[Record] = []
         self.requests = 0
 
     def play(self) -> None:
@@ -69,7 +76,7 @@ class Flow:
         self._manager.authenticate()
         record = self._model.plan({})
         self._compare("login before", record, self._model.log_in())
-        self._check_record(record)
+        self._records.append(record)
 
     def _meet_the_plan(self) -> None:
         scenario, model, actor = self._scenario, self._model, self._actor
@@ -91,7 +98,8 @@ class Flow:
             self._check_callers(failure, early)
         same("entries in the log", self._stage.seams.logged - logged_before, record.logged)
         self._compare(scenario.kind, record, model.failure)
-        self._check_record(record)
+        self._records.append(record)
+        self._check_records()
         self._check_serving()
         if scenario.kind == NAMING and model.token is not None:
             same("the token served after a rename", self._manager.get_token(), self._old_token)
@@ -266,13 +274,12 @@ class Flow:
         elif expected is None:
             same(f"the result of {who}", worker.result(_SECONDS), None)
         else:
-            address = self._manager.get_wallet_address()
-            result = worker.result(_SECONDS)
-            same(f"the name that {who} gets", result["display_name"], NAME)
             # The service writes the address with its checksum, the component in lower case.
-            lower = result["wallet_address"] == address
-            same(f"the address that {who} gets", result["wallet_address"].lower(), address)
-            same(f"whether {who} gets the server's object", not lower, expected)
+            address = self._manager.get_wallet_address()
+            wallet = to_checksum_address(address) if expected else address
+            named = {"wallet_address": wallet, "display_name": NAME}
+            result = worker.result(_SECONDS)
+            same(f"what {who} gets", {key: result.get(key) for key in named}, named)
 
     def _check_reason(self, who: str, worker: Worker, reason: str | None) -> None:
         error = worker.failure(_SECONDS)
@@ -304,21 +311,21 @@ class Flow:
             same(f"{when}: expiry", manager._token_expiry, model.expiry)
             same(f"{when}: refresh point", manager._refresh_at, model.refresh_at(self._scenario.jitter))
 
-    def _check_record(self, record: Record) -> None:
-        """What the server has seen since the last look."""
+    def _check_records(self) -> None:
+        """What the server has seen since the beginning."""
+        journal = [request for record in self._records for request in record.journal]
         limit = time.monotonic() + _SECONDS
         while True:
             state = self._server.state()
             # A request whose client has given it up may be entered late.
-            if len(state["requests"]) - self._seen >= len(record.journal) or time.monotonic() > limit:
+            if len(state["requests"]) >= len(journal) or time.monotonic() > limit:
                 break
-        came = [(entry["endpoint"], entry["fault"]) for entry in state["requests"][self._seen :]]
+        came = [(entry["endpoint"], entry["fault"]) for entry in state["requests"]]
         named = [(endpoint, None if fault == "pass" else fault) for endpoint, fault in came]
-        same("requests at the server", named, record.journal)
-        same("connections at the gate", state["gate"][self._connects_seen :], record.connects)
-        self._seen += len(came)
-        self._connects_seen += len(record.connects)
-        self.requests += len(came)
+        same("requests at the server", named, journal)
+        connects = [connect for record in self._records for connect in record.connects]
+        same("connections at the gate", state["gate"], connects)
+        self.requests = len(came)
 
     def _check_serving(self) -> None:
         manager, model = self._manager, self._model
@@ -340,7 +347,6 @@ class Flow:
         """The server is well again, and so is the manager after one login."""
         model, actor, manager = self._model, self._actor, self._manager
         actor.forget_plan()
-        same("requests after the end", len(self._server.state()["requests"]), self._seen)
         record = model.plan({})
         failure = model.log_in()
         if failure is None:
@@ -348,10 +354,11 @@ class Flow:
         else:
             _compare_error("a login once all is well", _error_of(manager.authenticate), failure)
         self._compare("recovery", record, failure)
-        self._check_record(record)
+        self._records.append(record)
         if failure is None:
             same("the token after the recovery", manager.get_token(), manager._token)
             self._rename_once_more()
+        self._check_records()
 
     def _rename_once_more(self) -> None:
         self._actor.plan({})
@@ -360,7 +367,7 @@ class Flow:
         self._check_caller("the one who renames at last", Worker(self._manager.set_display_name, NAME), named)
         same("attempts to rename", self._actor.attempts, record.attempts)
         same("attempts to rename", self._actor.attempts, {RENAME: 1})
-        self._check_record(record)
+        self._records.append(record)
 
     def _check_remains(self) -> None:
         limit = time.monotonic() + _SECONDS

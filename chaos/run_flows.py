@@ -15,6 +15,7 @@ from .stage import Stage
 from .watchdog import Watchdog
 
 _MOST_VIOLATIONS = 20
+_REPORTED = 500
 
 
 @dataclass
@@ -40,11 +41,13 @@ def run(scenarios: Iterable[Scenario], stage: Stage, watchdog: Watchdog) -> Figu
             figures.violations += 1
             print(f"VIOLATION in {scenario}\n{command(scenario)}", file=sys.stderr)
             traceback.print_exc()
-        watchdog.rest()
         figures.flows += 1
+        if figures.flows % _REPORTED == 0:
+            print(f"  {figures}", flush=True)
         figures.requests += flow.requests if flow is not None else 0
         if figures.violations >= _MOST_VIOLATIONS:
             break
+    watchdog.rest()
     if stage.said:
         figures.violations += 1
         print(f"VIOLATION: the development server said {stage.said}", file=sys.stderr)

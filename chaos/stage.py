@@ -77,7 +77,9 @@ class Stage(AbstractContextManager["Stage"]):
     def __enter__(self) -> Self:
         with contextlib.ExitStack() as stack:
             self.servers = {
-                scheme: stack.enter_context(DevServer(tls=scheme == "https", gate=True, era=ERA))
+                scheme: stack.enter_context(
+                    DevServer(tls=scheme == "https", gate=True, era=ERA, keep_control=True)
+                )
                 for scheme in ("http", "https")
             }
             stack.enter_context(_environment("SSL_CERT_FILE", self.servers["https"].ca_file))

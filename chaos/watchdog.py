@@ -10,6 +10,7 @@ import time
 HUNG = 70
 # Where not even a thread of Python's gets to run.
 _GRACE_SECONDS = 15.0
+_ARMED_SECONDS = 5.0
 # By number, since who captures `sys.stderr` may give no descriptor.
 _STDERR = 2
 
@@ -25,19 +26,26 @@ class Watchdog:
         self._lock = threading.Lock()
         self._what = ""
         self._limit: float | None = None
+        self._armed: float | None = None
         threading.Thread(target=self._watch, name="watchdog", daemon=True).start()
 
     def watch(self, what: str) -> None:
         """From now on it is `what`: printed with the stacks if it hangs."""
+        now = time.monotonic()
         with self._lock:
             self._what = what
-            self._limit = time.monotonic() + self._seconds
+            self._limit = now + self._seconds
+        # It takes a thread each time.
+        if self._armed is not None and now < self._armed + _ARMED_SECONDS:
+            return
+        self._armed = now
         faulthandler.dump_traceback_later(self._seconds + _GRACE_SECONDS, exit=True, file=_STDERR)
 
     def rest(self) -> None:
         """Nothing is under way."""
         with self._lock:
             self._limit = None
+        self._armed = None
         faulthandler.cancel_dump_traceback_later()
 
     def _watch(self) -> None:

@@ -32,6 +32,7 @@ class DevServer:
     gate: listen on a second port besides, whose connections meet the faults of the endpoint "connect".
     invite_only, invites, claims: see ``python -m devserver --help``. era: None for tokens without an era.
     options: further command-line options. start_timeout: seconds that the start may take.
+    keep_control: keep one connection for what is asked of the server itself; for one thread at a time.
 
     Attributes: url and gate_url (without a trailing slash), ca_file (path of the authority to trust, None
     without TLS), pid, port, returncode, stderr.
@@ -49,6 +50,7 @@ class DevServer:
         claims: Mapping[str, Any] | None = None,
         options: Sequence[str] = (),
         start_timeout: float = 20.0,
+        keep_control: bool = False,
     ) -> None:
         self._arguments = ["--exit-with-stdin", f"--era={'none' if era is None else era}"]
         self._arguments += ["--tls"] if tls else []
@@ -59,6 +61,8 @@ class DevServer:
         self._arguments += ["--gate"] if gate else []
         self._arguments += options
         self._start_timeout = start_timeout
+        self._keep_control = keep_control
+        self._kept: http.client.HTTPConnection | None = None
         self._process: subprocess.Popen[bytes] | None = None
         self._stderr: IO[bytes] | None = None
         self._stderr_text = ""
@@ -126,6 +130,9 @@ class DevServer:
         process = self._process
         if process is None:
             return
+        if self._kept is not None:
+            self._kept.close()
+            self._kept = None
         if process.poll() is None:
             process.terminate()
             try:
@@ -194,19 +201,38 @@ class DevServer:
     def _control(
         self, method: str, name: str, body: Mapping[str, Any] | None = None, timeout: float = _CONTROL_SECONDS
     ) -> dict[str, Any]:
-        connection = self._connect(timeout)
+        status, answer = self._exchange(method, name, body, timeout)
+        if status != 200:
+            raise DevServerError(f"{name} refused: {answer.get('error')}")
+        return answer
+
+    def _exchange(
+        self, method: str, name: str, body: Mapping[str, Any] | None, timeout: float
+    ) -> tuple[int, dict[str, Any]]:
+        kept, self._kept = self._kept, None
+        if kept is not None and kept.sock is not None:
+            kept.sock.settimeout(timeout)
+            # The server may have closed it, being long idle.
+            with contextlib.suppress(DevServerError):
+                return self._ask(kept, method, name, body)
+        return self._ask(self._connect(timeout), method, name, body)
+
+    def _ask(
+        self, connection: http.client.HTTPConnection, method: str, name: str, body: Mapping[str, Any] | None
+    ) -> tuple[int, dict[str, Any]]:
         try:
             text = None if body is None else json.dumps(body)
             connection.request(method, f"/_control/{name}", text, {"Content-Type": "application/json"})
             response = connection.getresponse()
             answer: dict[str, Any] = json.loads(response.read())
         except (OSError, http.client.HTTPException, ValueError) as error:
-            raise DevServerError(f"no answer to {name}: {error}{self._remains()}") from error
-        finally:
             connection.close()
-        if response.status != 200:
-            raise DevServerError(f"{name} refused: {answer.get('error')}")
-        return answer
+            raise DevServerError(f"no answer to {name}: {error}{self._remains()}") from error
+        if self._keep_control:
+            self._kept = connection
+        else:
+            connection.close()
+        return response.status, answer
 
     def _connect(self, timeout: float) -> http.client.HTTPConnection:
         address = urlsplit(self.url)

@@ -1,5 +1,6 @@
 """Starting, announcing and ending."""
 
+import http.client
 import json
 import os
 import select
@@ -147,3 +148,28 @@ def test_the_options_of_the_service(tmp_path: Path) -> None:
         assert (claims["extra"], claims["exp"] - claims["iat"]) == (1, 90)
         assert "era_number" not in claims
         assert answer["wallet_secret"] == Wallets(KEY.encode()).secret_of(client.account.address)
+
+
+@pytest.mark.parametrize("tls", [False, True])
+def test_one_connection_can_be_kept_for_control_and_is_made_anew_when_lost(
+    tls: bool, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    made = []
+    connect = DevServer._connect
+
+    def counted(server: DevServer, timeout: float) -> http.client.HTTPConnection:
+        made.append(connect(server, timeout))
+        return made[-1]
+
+    monkeypatch.setattr(DevServer, "_connect", counted)
+    with DevServer(tls=tls, keep_control=True) as server:
+        for number in range(1, 3):
+            server.settings(era=number)
+            server.reset()
+            assert server.state()["settings"]["era"] == 1
+            with pytest.raises(DevServerError):
+                server.settings(era="x")
+            assert len(made) == number
+            made[-1].sock.shutdown(socket.SHUT_RDWR)
+        assert server.state()["connections"] == {"accepted": 0, "open": 0}
+    assert all(connection.sock is None for connection in made)
