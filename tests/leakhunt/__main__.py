@@ -45,15 +45,19 @@ def main() -> int:
     signal.signal(signal.SIGINT, signal.default_int_handler)
     begun = time.monotonic()
     counts: Counter[str] = Counter()
+    elsewhere = 0
     with tempfile.TemporaryDirectory() as folder:
         running = [start(Path(folder), number, arguments) for number in range(chosen.at_once)]
         codes = [process.wait() for process in running]
         for result in Path(folder).glob("result-*"):
-            counts.update(json.loads(result.read_text()))
+            told = json.loads(result.read_text())
+            elsewhere = told.pop("elsewhere")
+            counts.update(told)
     minutes, seconds = divmod(round(time.monotonic() - begun), 60)
     print(
         f"leaks: {counts['repeated']} tests repeated, {counts['repetitions']} repetitions, "
-        f"{counts['leaking']} leaks, {counts['failed']} failed otherwise, {minutes} min {seconds} s"
+        f"{elsewhere} that happen in other processes left out, {counts['leaking']} leaks, "
+        f"{counts['failed']} failed otherwise, {minutes} min {seconds} s"
     )
     return 0 if counts["repeated"] and not any(codes) else 1
 

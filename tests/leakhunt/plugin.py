@@ -28,6 +28,7 @@ MEASURED = 3
 # What is kept twice, the second time for longer, is a leak.
 CONFIRMING = (20, 40)
 PROCESS_MARK = "process"
+COUNTS = ("repeated", "repetitions", "suspected", "leaking", "failed", "elsewhere")
 
 
 def pytest_addoption(parser: pytest.Parser) -> None:
@@ -49,12 +50,13 @@ class Hunt:
         self._gauges = Gauges()
         rows = WARM_UP + MEASURED + sum(CONFIRMING)
         self._rows = [array("q", bytes(8 * len(self._gauges.all))) for _ in range(rows)]
-        self.counts = dict.fromkeys(("repeated", "repetitions", "suspected", "leaking", "failed"), 0)
+        self.counts = dict.fromkeys(COUNTS, 0)
 
     def pytest_collection_modifyitems(self, config: pytest.Config, items: list[pytest.Item]) -> None:
-        ours = [item for item in items if item.get_closest_marker(PROCESS_MARK) is None]
-        config.hook.pytest_deselected(items=[item for item in items if item not in set(ours)])
-        items[:] = ours
+        elsewhere = [item for item in items if item.get_closest_marker(PROCESS_MARK)]
+        items[:] = [item for item in items if not item.get_closest_marker(PROCESS_MARK)]
+        config.hook.pytest_deselected(items=elsewhere)
+        self.counts["elsewhere"] = len(elsewhere)
 
     def pytest_collection_finish(self) -> None:
         # What is there before the first test need not be looked through after each.
@@ -119,14 +121,16 @@ class Hunt:
             return first
         self.counts["suspected"] += 1
         end = screening
+        leaks = set(range(len(self._gauges.all)))
         for more in CONFIRMING:
             begin, end = end, end + more
             if broken := repeat(begin, end):
                 return broken
-            if not (leaks := self._columns(begin, end, leaked_per_repetition)):
+            leaks &= self._columns(begin, end, leaked_per_repetition)
+            if not leaks:
                 return first
         self.counts["leaking"] += 1
-        said = [self._describe(column) for column in leaks]
+        said = [self._describe(column) for column in sorted(leaks)]
         if BLOCKS in leaks:
             said += origin.places(lambda: self._forget(item, _run(item)))
         _fail(first, "\n".join(said))
@@ -141,12 +145,12 @@ class Hunt:
         self.counts["repetitions"] += 1
         self._gauges.read(self._rows[number], self._rows[number - 1] if number else None)
 
-    def _columns(self, begin: int, end: int, grows: Callable[[Sequence[int], int], float]) -> list[int]:
-        return [
+    def _columns(self, begin: int, end: int, grows: Callable[[Sequence[int], int], float]) -> set[int]:
+        return {
             column
             for column, gauge in enumerate(self._gauges.all)
             if grows([row[column] for row in self._rows[begin:end]], gauge.least)
-        ]
+        }
 
     def _describe(self, column: int) -> str:
         gauge = self._gauges.all[column]

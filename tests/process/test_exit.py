@@ -17,7 +17,7 @@ from . import endings, main_thread, runs, scenarios
 
 pytestmark = pytest.mark.process
 
-RUNS = runs.how_many(4)
+RUNS = runs.how_many(3)
 
 EXIT_CALLED = ["idle", "refresh_in_http_request", "refresh_in_busy_clock", "threads_taking_tokens"]
 CLOSED_AT_EXIT = [

@@ -12,7 +12,7 @@ from . import runs
 
 pytestmark = pytest.mark.process
 
-RUNS = runs.how_many(4)
+RUNS = runs.how_many(3)
 
 # The finaliser holds the interpreter for a while as it shuts down.
 PRELUDE = """
