@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test fuzz leaks exits build devserver bench check format warnings tidy ctime chaos pins clean
+.PHONY: help demo test fuzz leaks exits build devserver bench check format warnings tidy ctime chaos sanitize pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -50,6 +50,9 @@ ctime: build ## whether any branch or address depends on key bytes (valgrind; ab
 
 chaos: build ## 10,000 logins and renewals with faults, 1,000 managers for 1,000 simulated days (about 14 min)
 	@tools/chaos $(ARGS)
+
+sanitize: build ## every test under ASan, UBSan and TSan (about 40 min; less: ARGS="thread tests/contract")
+	@tools/sanitize $(ARGS)
 
 pins: ## renew the pinned Python packages
 	@tools/pins

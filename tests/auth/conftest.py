@@ -9,11 +9,13 @@ from typing import Any
 
 import pytest
 
+from tests.sanitized import patience
+
 from .helpers import managers as manager_helpers
 from .helpers.clocks import SteppedClock
 from .helpers.server import FakeServer
 
-THREAD_GRACE = 5.0
+THREAD_GRACE = patience(5.0)
 
 
 @pytest.fixture(autouse=True)

@@ -15,6 +15,7 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.sanitized import patience, searches_all_memory
 
 from .helpers.clocks import ScriptedEvent, SteppedClock
 from .helpers.managers import ADDRESS, changes, reason_of, refresh_threads, snapshot
@@ -23,7 +24,7 @@ from .helpers.threads import Worker, join, until, waiters
 
 STATES = ["UNINITIALIZED", "AUTHENTICATING", "AUTHENTICATED", "RE_AUTHENTICATING", "BOGUS"]
 CLEARED = ("_private_key", "_token", "_wallet_secret", "_token_iat", "_token_expiry", "_refresh_thread")
-PROMPT = 0.5
+PROMPT = patience(0.5)
 
 
 class FakeThread:
@@ -542,6 +543,7 @@ def occurrences(pid: int, patterns: list[bytes]) -> list[int]:
     return counts
 
 
+@searches_all_memory
 @pytest.mark.skipif(not os.path.exists("/proc/self/mem"), reason="needs /proc to read another process")
 def test_after_close_no_copy_of_the_key_is_left_in_the_memory_of_the_process() -> None:
     key = bytes([1]) + secrets.token_bytes(31)

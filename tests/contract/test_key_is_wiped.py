@@ -12,6 +12,7 @@ from pathlib import Path
 import pytest
 
 from tessaline import auth
+from tests.sanitized import searches_all_memory
 
 from .support import key_scan
 
@@ -19,6 +20,8 @@ pytestmark = pytest.mark.process
 
 SCANNER = Path(key_scan.__file__)
 PACKAGE = Path(auth.__file__).parents[1]
+
+pytestmark = searches_all_memory
 
 ENDED = sorted(set(key_scan.LIVES) - {"stay_open", "read_the_field"})
 

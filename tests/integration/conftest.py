@@ -15,10 +15,11 @@ import pytest
 sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 
 from devserver.testing import DevServer
+from tests.sanitized import patience
 
 from .support import Harness
 
-THREAD_GRACE = 10.0
+THREAD_GRACE = patience(10.0)
 
 
 def _serve(**options: Any) -> Iterator[DevServer]:

@@ -17,8 +17,9 @@ from urllib.parse import urlsplit
 
 from devserver.testing import DevServer
 from tessaline import auth
+from tests.sanitized import patience
 
-DEADLINE = 20.0
+DEADLINE = patience(20.0)
 PAST_REFRESH = 80_000.0
 # Few, and each again only when the connections under it are gone: the transport remembers names for a while.
 _numbers = itertools.cycle(range(4))

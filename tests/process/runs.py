@@ -14,10 +14,12 @@ from pathlib import Path
 
 import pytest
 
+from tests.sanitized import patience
+
 ROOT = Path(__file__).resolve().parents[2]
 AT_ONCE = 4
-MOST_SECONDS = 2.0
-DEADLINE = 60.0
+MOST_SECONDS = patience(2.0)
+DEADLINE = patience(60.0)
 
 
 def how_many(usual: int) -> int:

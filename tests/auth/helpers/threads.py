@@ -7,7 +7,9 @@ import time
 from collections.abc import Callable
 from typing import Any
 
-DEADLINE = 10.0
+from tests.sanitized import patience
+
+DEADLINE = patience(10.0)
 
 
 def join(thread: threading.Thread, timeout: float = DEADLINE) -> None:

@@ -7,7 +7,9 @@ import time
 from collections.abc import Callable, Iterable
 from typing import Any
 
-DEADLINE = 15.0
+from tests.sanitized import patience
+
+DEADLINE = patience(15.0)
 
 
 def until(condition: Callable[[], Any], what: str = "the condition", timeout: float = DEADLINE) -> Any:

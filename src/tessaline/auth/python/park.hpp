@@ -16,8 +16,10 @@ namespace tessaline::auth::python {
 /// pthread_exit, which unwinds through every frame below it. Passing our frames would run destructors that
 /// drop references without the lock, and a noexcept function or a catch-all on the way aborts the process.
 /// Parking keeps the frames as they are until the process ends. `body` must own nothing.
+///
+/// The unwinding is no C++ exception, so the runtime has no object for the handler's reference.
 template <class Body>
-auto door(Body&& body) -> std::invoke_result_t<Body> {
+__attribute__((no_sanitize("null"))) auto door(Body&& body) -> std::invoke_result_t<Body> {
   try {
     return std::forward<Body>(body)();
   } catch (abi::__forced_unwind&) {

@@ -1,0 +1,71 @@
+# Sourced by tools/sanitize: how each sanitizer is built, started and asked to report.
+
+runtime_of() { "$compiler" -print-file-name="$1"; }
+
+# use_sanitizer NAME: what follows is about that one.
+use_sanitizer() {
+  local clang gxx
+  sanitizer=$1
+  tree=$PWD/build/sanitize-$sanitizer
+  clang=$(clang_tool clang++)
+  gxx=$(tool g++ 12)
+  # One runtime of clang's reports for both kinds into one file. The race detector is that of the compiler
+  # which makes the release, with its own idea of undefined behaviour.
+  case $sanitizer in
+    address)
+      compiler=$clang kinds=address,undefined
+      runtimes=("$(runtime_of "libclang_rt.asan-$(uname -m).so")")
+      planted=(use_after_free overflow)
+      ;;
+    thread)
+      compiler=$gxx kinds=thread,undefined
+      runtimes=("$(runtime_of libtsan.so)" "$(runtime_of libubsan.so)")
+      planted=(race overflow)
+      ;;
+  esac
+  # Found before the interpreter loads it, so that throwing is seen too.
+  runtimes+=("$("$gxx" -print-file-name=libstdc++.so)")
+  [[ -e ${runtimes[0]} ]] || fail "$compiler has no runtime ${runtimes[0]}"
+}
+
+build_tree() {
+  cmake --preset "$([[ $sanitizer == address ]] && echo asan || echo tsan)" -B "$tree" \
+    -D CMAKE_CXX_COMPILER="$compiler" -D Python_EXECUTABLE="$PWD/.venv/bin/python"
+  cmake --build "$tree"
+  "$compiler" -g -shared -fPIC -fsanitize="$kinds" -fno-sanitize-recover=undefined \
+    tools/sanitizers/planted.cpp -o "$tree/planted.so"
+}
+
+# under_sanitizer FOLDER COMMAND...: reports go into that folder of the tree.
+under_sanitizer() {
+  local report=$tree/$1/report supp=$PWD/tools/sanitizers/$sanitizer.supp
+  local all="log_path=$report:print_suppressions=1:allocator_may_return_null=1"
+  shift
+  local address="$all:abort_on_error=1:detect_stack_use_after_return=1:quarantine_size_mb=16"
+  # At the end there is nothing to wait for: the tests are about how fast a program ends.
+  local thread="$all:suppressions=$supp:second_deadlock_stack=1:history_size=4:atexit_sleep_ms=0"
+  env \
+    ASAN_OPTIONS="$address:detect_leaks=${leaks:-1}" \
+    LSAN_OPTIONS="suppressions=$supp" \
+    UBSAN_OPTIONS="$all:print_stacktrace=1:halt_on_error=1" \
+    TSAN_OPTIONS="$thread" \
+    TESSALINE_SANITIZER="$sanitizer" "$@"
+}
+
+# python_under FOLDER ARGUMENT...: the interpreter, with the runtime loaded first and the guard in every process.
+python_under() {
+  local folder=$1
+  shift
+  # The interpreter leaves most of its objects behind at its end, so that leaks cannot be told from them here.
+  leaks=0 under_sanitizer "$folder" env \
+    LD_PRELOAD="$(IFS=:; echo "${runtimes[*]}")" \
+    PYTHONPATH="$tree/package:$PWD/tools/sanitizers/guard" \
+    PYTHONMALLOC=malloc \
+    PYCRYPTODOME_DISABLE_DEEPBIND=1 \
+    TESSALINE_EXIT_RUNS="${TESSALINE_EXIT_RUNS:-2}" \
+    TESSALINE_INSTRUMENTED="$tree/package" \
+    TESSALINE_INSTRUMENTED_LOG="$tree/$folder/imports" \
+    TESSALINE_SANITIZER_OUTCOME="$tree/$folder/python.json" \
+    TESSALINE_SANITIZER_RUNTIME="$(basename "$(readlink -f "${runtimes[0]}")")" \
+    .venv/bin/python "$@"
+}

@@ -1,0 +1,42 @@
+"""Run by every interpreter below `make sanitize`: only the instrumented component may be imported there."""
+
+from __future__ import annotations
+
+import os
+import sys
+from collections.abc import Sequence
+from importlib.machinery import ModuleSpec, PathFinder
+from types import ModuleType
+
+# The package's folder in the sanitizer's build tree, and a file for what each process imported.
+PACKAGE = os.path.realpath(os.environ["TESSALINE_INSTRUMENTED"])
+LOG = os.environ["TESSALINE_INSTRUMENTED_LOG"]
+
+REFUSED = 97
+
+
+def is_instrumented(file: str | None) -> bool:
+    return file is not None and os.path.dirname(os.path.realpath(file)) == os.path.join(PACKAGE, "tessaline")
+
+
+class OnlyInstrumented:
+    """Finds `tessaline.auth` as if this class were not there, and ends the process if that is elsewhere."""
+
+    @staticmethod
+    def find_spec(
+        name: str, path: Sequence[str] | None = None, target: ModuleType | None = None
+    ) -> ModuleSpec | None:
+        if name != "tessaline.auth":
+            return None
+        found = PathFinder.find_spec(name, path, target)
+        file = found.origin if found is not None else None
+        fits = is_instrumented(file)
+        with open(LOG, "a") as log:
+            log.write(f"{os.getpid()} {'imports' if fits else 'refused'} {file}\n")
+        if not fits:
+            # An exception could be what a test expects.
+            os._exit(REFUSED)
+        return found
+
+
+sys.meta_path.insert(0, OnlyInstrumented)
