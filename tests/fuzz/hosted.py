@@ -69,3 +69,15 @@ def manager_over(transport: Callable[..., Any], **options: Any) -> Any:
 
 def json_answer(status: int, value: Any, headers: dict[str, str] | None = None) -> Any:
     return status, headers or {}, json.dumps(value).encode()
+
+
+def decoded(body: bytes) -> Any:
+    """The value of a body; a text where it is no JSON."""
+    if not body:
+        return None
+    try:
+        return json.loads(body)
+    except RecursionError as error:
+        return error
+    except ValueError:
+        return body.decode("utf-8", "replace")

@@ -4,6 +4,7 @@
 
 #include <Python.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -39,6 +40,9 @@ PyMethodDef count_branch_method = {"count_branch",
 
 PyObject* one_input = nullptr;
 
+/// The lines that a target's module offers for mutations; empty where its inputs are not made of lines.
+std::vector<std::string> vocabulary;
+
 [[noreturn]] void give_up() {
   PyErr_Print();
   std::fflush(nullptr);
@@ -70,6 +74,45 @@ void put_on_path(const char* folder) {
   Py_DECREF(text);
 }
 
+void read_vocabulary(PyObject* module) {
+  if (PyObject_HasAttrString(module, "VOCABULARY") == 0) return;
+  PyObject* const lines = checked(PyObject_GetAttrString(module, "VOCABULARY"));
+  for (Py_ssize_t i = 0; i < PyTuple_Size(lines); ++i) {
+    vocabulary.emplace_back(PyUnicode_AsUTF8(PyTuple_GetItem(lines, i)));
+  }
+  Py_DECREF(lines);
+}
+
+std::vector<std::string> split(std::string_view text) {
+  std::vector<std::string> lines;
+  for (;;) {
+    const auto end = text.find('\n');
+    lines.emplace_back(text.substr(0, end));
+    if (end == std::string_view::npos) return lines;
+    text.remove_prefix(end + 1);
+  }
+}
+
+void mutate(std::vector<std::string>& lines, std::minstd_rand& random) {
+  const auto some = [&](std::size_t count) {
+    return std::uniform_int_distribution<std::size_t>(0, count - 1)(random);
+  };
+  const auto place = lines.begin() + static_cast<std::ptrdiff_t>(some(lines.size()));
+  switch (some(5)) {
+    case 0:
+      if (lines.size() > 1) lines.erase(place);
+      break;
+    case 1:
+      std::iter_swap(place, lines.begin() + static_cast<std::ptrdiff_t>(some(lines.size())));
+      break;
+    case 2:
+      *place = vocabulary[some(vocabulary.size())];
+      break;
+    default:
+      lines.insert(place + 1, vocabulary[some(vocabulary.size())]);
+  }
+}
+
 std::string target_of(const char* program) {
   constexpr std::string_view kPrefix = "fuzz_";
   return std::filesystem::path(program).filename().string().substr(kPrefix.size());
@@ -90,8 +133,23 @@ extern "C" int LLVMFuzzerInitialize(int*, char*** arguments) {
   Py_DECREF(counter);
   Py_DECREF(tracing);
   one_input = checked(PyObject_GetAttrString(module, "one_input"));
+  read_vocabulary(module);
   Py_DECREF(module);
   return 0;
+}
+
+extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size, std::size_t most,
+                                               unsigned seed) {
+  std::minstd_rand random(seed);
+  if (vocabulary.empty() || random() % 3 == 0) return LLVMFuzzerMutate(data, size, most);
+  auto lines = split({reinterpret_cast<const char*>(data), size});
+  for (auto times = 1 + random() % 3; times > 0; --times) mutate(lines, random);
+  std::string text;
+  for (const auto& line : lines) text += line + '\n';
+  text.pop_back();
+  if (text.size() > most) return LLVMFuzzerMutate(data, size, most);
+  std::copy(text.begin(), text.end(), reinterpret_cast<char*>(data));
+  return text.size();
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -22,6 +22,7 @@ TREE = ROOT / "build/fuzz"
 FOUND = TREE / "found"
 CRASHES = TREE / "crashes"
 
+PROCESSORS = os.process_cpu_count() or 2
 LONGEST = 2048
 # Allowed beyond its time: building up, and a last input that takes long.
 GRACE = 180
@@ -146,7 +147,7 @@ def arguments() -> argparse.Namespace:
     )
     parser.add_argument("--seconds", type=int, default=60, help="for each target (60)")
     parser.add_argument("--seed", type=int, default=secrets.randbelow(2**31 - 1) + 1)
-    parser.add_argument("--jobs", type=int, default=2, help="targets at once (2)")
+    parser.add_argument("--jobs", type=int, default=PROCESSORS, help=f"targets at once ({PROCESSORS})")
     parser.add_argument("--keep", action="store_true", help="add what reaches new code to the corpora")
     parser.add_argument("targets", nargs="*", metavar="target", help=f"of {', '.join(TARGETS)} (all)")
     chosen = parser.parse_args()

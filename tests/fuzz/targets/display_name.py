@@ -8,7 +8,7 @@ from typing import Any
 
 from tessaline import auth
 
-from ..hosted import manager_over, outcome, text_of
+from ..hosted import decoded, manager_over, outcome, text_of
 
 ALLOWED = re.compile(r"[a-zA-Z0-9_\- ]{3,32}")
 
@@ -58,15 +58,3 @@ def check_refusal(got: Any, value: Any) -> None:
     assert type(got) is auth.ProfileError and got.reason == "validation_failed", repr(got)
     message = value.get("error", "") if isinstance(value, dict) else ""
     assert repr(got.message) == repr(message)
-
-
-def decoded(body: bytes) -> Any:
-    """The value of a body; a text where it is no JSON."""
-    if not body:
-        return None
-    try:
-        return json.loads(body)
-    except RecursionError as error:
-        return error
-    except ValueError:
-        return body.decode("utf-8", "replace")
