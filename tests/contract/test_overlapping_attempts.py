@@ -12,7 +12,7 @@ from tessaline import auth
 
 from .support.clocks import HandClock, StandIn, unstartable_threads
 from .support.managers import reason
-from .support.service import CHALLENGE, VERIFY, Gate, Service, era_of
+from .support.service import CHALLENGE, VERIFY, Gate, Service, always_raises, era_of
 from .support.threads import Caller, ThreadCensus, until
 
 DAY = 86400.0
@@ -88,6 +88,29 @@ def test_an_announcement_about_to_start_its_thread_is_not_taken_for_an_orphan(
     hosts[0].result()
     assert logged_in.get_token() == service.tokens[-1]
     assert logged_in._auth_error is None
+
+
+def test_a_failed_refresh_that_is_yet_to_be_settled_is_not_taken_for_an_orphan(
+    logged_in: Any, service: Service, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    seen: list[tuple[str, bool]] = []
+
+    class Failure(Exception):
+        """Its text is asked for between the flow and the settlement."""
+
+        def __str__(self) -> str:
+            with monkeypatch.context() as patched:
+                patched.setattr(auth, "threading", unstartable_threads())
+                with pytest.raises(RuntimeError, match="can't start new thread"):
+                    logged_in._start_refresh()
+            seen.append((logged_in._state, logged_in._auth_event.is_set()))
+            return "failed"
+
+    service.fault = always_raises(Failure())
+    logged_in._do_refresh()
+    assert seen == [("RE_AUTHENTICATING", False)]
+    assert logged_in._state == "UNINITIALIZED"
+    assert reason(logged_in._auth_error) == "failed"
 
 
 def test_a_refresh_thread_that_cannot_be_replaced_lives_on_and_renews(

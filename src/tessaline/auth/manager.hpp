@@ -43,7 +43,7 @@ struct AuthManager {
   bool close_deferred;         ///< `close` was called by code that ran under `_lock`
   unsigned long attempt;       ///< number of the attempt begun last
   unsigned long generation;    ///< of the process that the lock and the threads belong to
-  int renewals_running;        ///< refreshes inside their flow, announcements that start their thread
+  int renewals_running;        ///< refreshes not yet settled, announcements that start their thread
   int refresh_waiters;         ///< callers about to wait, or waiting, for `_refresh_done`
   bool refresh_done_is_stale;  ///< to be cleared when the last of them has gone
 
@@ -221,6 +221,18 @@ class FlowOnThread {
  private:
   AuthManager& manager_;
   const bool nested_;
+};
+
+/// Takes back, at the end of a block, what was added to `renewals_running` under the lock.
+class RenewalRunning {
+ public:
+  explicit RenewalRunning(AuthManager& manager) noexcept : manager_(manager) {}
+  ~RenewalRunning();
+  RenewalRunning(const RenewalRunning&) = delete;
+  RenewalRunning& operator=(const RenewalRunning&) = delete;
+
+ private:
+  AuthManager& manager_;
 };
 
 /// Creates the interned texts of states and modes. Called once, when the module is executed.

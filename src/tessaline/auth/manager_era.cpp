@@ -57,20 +57,6 @@ std::optional<std::pair<unsigned long, Ref>> announce(AuthManager& manager, PyOb
   return std::pair(++manager.attempt, std::move(event));
 }
 
-/// The announcement's share of `renewals_running`, until its thread lives or its failure is settled.
-class Starting {
- public:
-  explicit Starting(AuthManager& manager) noexcept : manager_(manager) {}
-  ~Starting() {
-    if (manager_.renewals_running > 0) --manager_.renewals_running;
-  }
-  Starting(const Starting&) = delete;
-  Starting& operator=(const Starting&) = delete;
-
- private:
-  AuthManager& manager_;
-};
-
 /// The old token stays, and the announced era keeps it from being served.
 void settle_failure(AuthManager& manager, const python::Error& error, unsigned long attempt,
                     PyObject* own_event) {
@@ -97,7 +83,7 @@ Ref AuthManager::notify_era_change(PyObject* new_era_number) {
   require_positive(new_era_number);
   const auto announced = announce(*this, new_era_number);
   if (!announced) return Ref::none();
-  const Starting starting(*this);
+  const RenewalRunning until_its_thread_lives(*this);
   Ref thread;
   std::optional<python::Error> failure = python::caught([&] {
     set_event(Field::kRefreshEvent);

@@ -103,6 +103,10 @@ void AuthManager::record_unstarted_refresh(const python::Error& error) {
   });
 }
 
+RenewalRunning::~RenewalRunning() {
+  if (manager_.renewals_running > 0) --manager_.renewals_running;
+}
+
 bool AuthManager::reauthentication_is_orphaned() {
   return state() == State::kReAuthenticating && renewals_running == 0 && !is_alive(at(Hidden::kEraThread));
 }
@@ -138,11 +142,13 @@ Ref AuthManager::do_refresh() {
     set(Field::kAuthError, Ref::none());
   }
   bool stored = false;
-  const std::optional<python::Error> failure = python::caught([&] { stored = renew(); });
-  if (renewals_running > 0) --renewals_running;
-  if (failure) {
-    const python::Handling handling(*failure);
-    settle_failed_refresh(*this, *failure, own_attempt, event.get());
+  {
+    const RenewalRunning until_it_is_settled(*this);
+    const std::optional<python::Error> failure = python::caught([&] { stored = renew(); });
+    if (failure) {
+      const python::Handling handling(*failure);
+      settle_failed_refresh(*this, *failure, own_attempt, event.get());
+    }
   }
   if (stored) start_next_refresh();
   return Ref::none();
