@@ -18,6 +18,7 @@ from tests.auth.helpers.clocks import ModuleProxy
 
 PATIENT_SECONDS = 30.0
 STALL_SECONDS = 0.75
+START_SECONDS = 120.0
 ERA = 5
 
 
@@ -78,7 +79,13 @@ class Stage(AbstractContextManager["Stage"]):
         with contextlib.ExitStack() as stack:
             self.servers = {
                 scheme: stack.enter_context(
-                    DevServer(tls=scheme == "https", gate=True, era=ERA, keep_control=True)
+                    DevServer(
+                        tls=scheme == "https",
+                        gate=True,
+                        era=ERA,
+                        keep_control=True,
+                        start_timeout=START_SECONDS,
+                    )
                 )
                 for scheme in ("http", "https")
             }

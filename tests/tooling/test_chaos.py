@@ -4,6 +4,8 @@ from __future__ import annotations
 
 import contextlib
 import itertools
+import subprocess
+import sys
 from collections.abc import Callable, Iterator
 from dataclasses import replace
 from typing import Any
@@ -16,8 +18,10 @@ from chaos.contract import GOOD, LOGIN, Answer, Fault, Manager, Refused, Service
 from chaos.life import Broken, Simulated
 from chaos.scenario import KINDS, Scenario, draw, product_size
 from chaos.stage import Stage
-from chaos.watchdog import Watchdog
+from chaos.watchdog import HUNG, Watchdog
 from tessaline import auth
+
+from .project import ROOT
 
 SEED = 20
 
@@ -206,3 +210,35 @@ def test_a_refresh_before_its_time_is_seen(
 
 def test_good_answers_are_the_services_own() -> None:
     assert GOOD.effect(Answer(418)) == Answer(418)
+
+
+@pytest.mark.parametrize("what", ["blocks", "native", "resident", "threads", "descriptors"])
+def test_growth_is_seen(what: str, watchdog: Watchdog, capsys: pytest.CaptureFixture[str]) -> None:
+    early = run_lives.Size(blocks=1, native=1, resident=1, threads=1, descriptors=1)
+    run = run_lives._Run(1000, watchdog)
+    run.compare(early, early, managers=1000)
+    assert run.figures.violations == 0
+    # One object of 16 bytes kept from each of the refreshes of 900 days.
+    kept = 1 if what in ("threads", "descriptors") else 900 * 1000 * (1 if what == "blocks" else 32)
+    run.compare(early, replace(early, **{what: 1 + kept}), managers=1000)
+    assert run.figures.violations == 1
+    assert "have grown by" in capsys.readouterr().err
+
+
+def test_a_hang_is_ended_with_its_name_and_every_stack() -> None:
+    program = (
+        "import threading, time\n"
+        "from chaos.watchdog import Watchdog\n"
+        "Watchdog(0.1).watch('flow 7:7')\n"
+        "def stuck_for_ever():\n"
+        "    time.sleep(600)\n"
+        "threading.Thread(target=stuck_for_ever, daemon=True).start()\n"
+        "time.sleep(600)\n"
+    )
+    ended = subprocess.run(
+        [sys.executable, "-c", program], cwd=ROOT, capture_output=True, timeout=60, text=True
+    )
+    assert ended.returncode == HUNG
+    assert "HANG after" in ended.stderr
+    assert "flow 7:7" in ended.stderr
+    assert "in stuck_for_ever" in ended.stderr
