@@ -6,6 +6,12 @@ the next, and a thread that backs off moves it to the end of its wait, since all
 belongs to this manager and can be made to happen on the way. The refresh loop is woken whenever its clock has
 moved past its refresh point instead of looking twenty times a second. So the time between events costs
 nothing, and nothing about their order is left to chance but what threads do to one another at one event.
+
+Not simulated, and so not seen here: sockets, and the host's own load. The host is a simple one: it reads a
+token a few times a day and around every refresh, and logs in when it gets none. Two kinds of callers may be
+handed a token that has expired: one that polled in vain while a refresh was announced, and one that saw the
+expiry before a refresh began that then failed. Neither comes about here, since no clock jumps by the hours
+that lie between the refresh point and the expiry; so here an expired token is always a fault.
 """
 
 from __future__ import annotations
