@@ -54,7 +54,11 @@ struct WireRequest {
   }
 };
 
+#ifdef TESSALINE_SANITIZED
+inline constexpr std::chrono::milliseconds kPatience{30'000};
+#else
 inline constexpr std::chrono::milliseconds kPatience{5000};
+#endif
 
 /// The server's end of one connection. Nothing here waits longer than kPatience.
 class Connection {
@@ -265,7 +269,7 @@ inline Request request_for(std::string url, std::string method = "GET") {
   Request request;
   request.method = std::move(method);
   request.url = std::move(url);
-  request.timeout = std::chrono::seconds(5);
+  request.timeout = kPatience;
   return request;
 }
 

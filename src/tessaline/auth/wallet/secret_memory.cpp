@@ -79,7 +79,8 @@ void give_back(std::uint8_t* slot) noexcept {
 }  // namespace
 
 void wipe(void* data, std::size_t size) noexcept {
-  explicit_bzero(data, size);
+  // Nothing may begin at a null pointer, which the library's function may not be given.
+  if (size != 0) explicit_bzero(data, size);
 }
 
 // Calls nothing: the dynamic linker saves the vector registers, and what they hold, on the stack when a
