@@ -51,7 +51,7 @@ ctime: build ## whether any branch or address depends on key bytes (valgrind; ab
 chaos: build ## 10,000 logins and renewals with faults, 1,000 managers for 1,000 simulated days (about 14 min)
 	@tools/chaos $(ARGS)
 
-sanitize: build ## every test under ASan, UBSan and TSan (about 40 min; less: ARGS="thread tests/contract")
+sanitize: build ## every test under ASan, UBSan and TSan (long; ARGS="thread tests/contract" about 4 min)
 	@tools/sanitize $(ARGS)
 
 pins: ## renew the pinned Python packages
