@@ -140,7 +140,7 @@ struct AuthManager {
   // Forks.
 
   /// Makes the manager fit for a child process on its first use there: lock and events anew, no thread, the
-  /// token still served, and renewal started again.
+  /// token still served, and renewal started again. A close that had begun is finished.
   void settle_in_child();
 
   // Waiting and locking.
