@@ -18,10 +18,10 @@ test: build ## every test; with CI=true also the second compiler
 fuzz: build ## a minute of libFuzzer for every parser (10 min; ARGS="--seconds 3600" before a release)
 	@tools/fuzz $(ARGS)
 
-leaks: build ## every test again and again in one process, which may not grow (25 min on two cores)
+leaks: build ## every test again and again in one process, which may not grow (about 25 min)
 	@tools/leaks $(ARGS)
 
-exits: build ## every way to end a program or to fork it, 100 times each (25 min on two cores)
+exits: build ## every way to end a program or to fork it, 100 times each (about 35 min)
 	@tools/exits $(ARGS)
 
 build: ## set up what is missing, build, install into .venv

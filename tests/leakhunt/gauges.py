@@ -55,21 +55,28 @@ def native_bytes() -> int:
     return int(info.uordblks + info.hblkhd)
 
 
-class AddressesMet:
-    """How many servers were started here, each at a port of its own.
+class Remembered:
+    """Counts what the libraries below remember by design, each at most `BYTES`.
 
-    libcurl remembers every address that it was ever asked to connect to for a minute, about 300 bytes each.
+    libcurl keeps every address that it was ever asked to connect to for a minute, and a server that a test
+    starts has a new one. glibc keeps every text that was ever put into the environment, for good.
     """
 
     BYTES = 400
 
     def __init__(self) -> None:
         self.count = 0
+        # Whether a text was seen, by its hash: to keep the texts themselves would be growth.
+        self._seen = bytearray(1 << 20)
         sys.addaudithook(self._see)
 
-    def _see(self, event: str, _arguments: object) -> None:
+    def _see(self, event: str, arguments: tuple[object, ...]) -> None:
         if event == "socket.bind":
             self.count += 1
+        elif event == "os.putenv":
+            place = hash(arguments) % len(self._seen)
+            self.count += not self._seen[place]
+            self._seen[place] = 1
 
 
 def memory_blocks() -> int:
@@ -113,7 +120,7 @@ def _references() -> Iterator[Gauge]:
 class Gauges:
     def __init__(self) -> None:
         self._grace = GRACE_SECONDS
-        self._addresses = AddressesMet()
+        self._remembered = Remembered()
         self._settling = [
             Gauge("threads", threads),
             Gauge("native threads", native_threads),
@@ -140,7 +147,7 @@ class Gauges:
             row[column] = gauge.count()
 
     def _unexplained_bytes(self) -> int:
-        return native_bytes() - AddressesMet.BYTES * self._addresses.count
+        return native_bytes() - Remembered.BYTES * self._remembered.count
 
     def _settle(self, before: array[int]) -> None:
         limit = time.monotonic() + self._grace

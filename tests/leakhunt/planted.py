@@ -87,6 +87,10 @@ def test_comes_and_goes() -> None:
     passing[:] = [object() for _ in range(next(numbers) * 3 % 5)]
 
 
+def test_puts_new_texts_into_the_environment(monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setenv("TESSALINE_PLANTED", f"number {next(numbers)}" + " and more" * 8)
+
+
 def test_leaves_a_collectable_cycle() -> None:
     cycle: list[object] = []
     cycle.append(cycle)

@@ -76,7 +76,7 @@ def test_a_test_that_fails_when_repeated_is_shown_as_it_is(hunted: str) -> None:
 def test_the_last_line_counts(hunted: str) -> None:
     last = hunted.rstrip().splitlines()[-1]
     assert re.fullmatch(
-        r"leaks: 17 tests repeated, \d+ repetitions, 0 that happen in other processes left out, "
+        r"leaks: 18 tests repeated, \d+ repetitions, 0 that happen in other processes left out, "
         r"10 leaks, 1 failed otherwise, \d+ min \d+ s",
         last,
     ), last
