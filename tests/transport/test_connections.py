@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import http.client
 import json
 import os
 import signal
@@ -17,7 +18,7 @@ import pytest
 from devserver.testing import DevServer
 from integration.support import Worker, descriptors, until
 
-from .raw import CLOSE, OK, RawServer
+from .raw import CLOSE, OK, RawServer, reset
 from .reference import echoed, failure, transport
 
 Raw = Callable[..., RawServer]
@@ -119,6 +120,13 @@ class TestReuse:
         assert transport("POST", server.url, {}, "second")[0] == 200
         assert [server.body(which) for which in range(3)] == [b"first", b"second", b"second"]
         assert server.connections == 2
+
+    def test_how_a_connection_broke_is_not_said_of_the_one_that_replaced_it(self, raw: Raw) -> None:
+        garbled = b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nno number\r\n"
+        server = raw(OK, reset, garbled, keep_alive=True)
+        transport("POST", server.url, {}, "first")
+        assert isinstance(failure("POST", server.url, {}, "second"), http.client.BadStatusLine)
+        assert (len(server.requests), server.connections) == (3, 2)
 
     def test_a_fresh_connection_that_breaks_is_not_replaced(self, raw: Raw) -> None:
         server = raw(OK, CLOSE, CLOSE, OK, keep_alive=True)

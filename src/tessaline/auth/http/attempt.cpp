@@ -114,6 +114,8 @@ void Attempt::set_request_options() {
 
 void Attempt::set_callbacks() {
   require(session_.track_sockets_of(easy_.get()));
+  set(CURLOPT_OPENSOCKETFUNCTION, &Attempt::on_open_socket);
+  set(CURLOPT_OPENSOCKETDATA, this);
   set(CURLOPT_ERRORBUFFER, reason_.data());
   set(CURLOPT_HEADERFUNCTION, &Attempt::on_header);
   set(CURLOPT_HEADERDATA, this);
@@ -207,13 +209,29 @@ void Attempt::examine(CURLcode code) {
     probe_memory();
   }
   const bool broke = code == CURLE_SEND_ERROR || code == CURLE_RECV_ERROR || code == CURLE_GOT_NOTHING;
-  lost_idle_connection_ = broke && info(CURLINFO_NUM_CONNECTS) == 0 && !head_.begun();
+  lost_idle_connection_ =
+      refused_to_reconnect_ || (broke && info(CURLINFO_NUM_CONNECTS) == 0 && !head_.begun());
 }
 
 long Attempt::info(CURLINFO which) const {
   long value = 0;
   require(curl_easy_getinfo(easy_.get(), which, &value));
   return value;
+}
+
+// libcurl replaces a kept connection that breaks by itself, and then tells of what happens to the new one in
+// the words for the old. Another attempt does the same with words of its own.
+bool Attempt::is_reconnecting() const noexcept {
+  long sent = 0;
+  return curl_easy_getinfo(easy_.get(), CURLINFO_REQUEST_SIZE, &sent) == CURLE_OK && sent > 0 &&
+         !head_.begun();
+}
+
+curl_socket_t Attempt::on_open_socket(void* attempt, curlsocktype purpose, curl_sockaddr* address) noexcept {
+  auto& self = *static_cast<Attempt*>(attempt);
+  self.refused_to_reconnect_ = self.is_reconnecting();
+  if (self.refused_to_reconnect_) return CURL_SOCKET_BAD;
+  return Session::open_socket(&self.session_, purpose, address);
 }
 
 std::size_t Attempt::on_header(char* data, std::size_t size, std::size_t count, void* attempt) noexcept {

@@ -60,6 +60,9 @@ class Attempt {
   void examine(CURLcode code);
   long info(CURLINFO which) const;
 
+  bool is_reconnecting() const noexcept;
+
+  static curl_socket_t on_open_socket(void* attempt, curlsocktype purpose, curl_sockaddr* address) noexcept;
   static std::size_t on_header(char* data, std::size_t size, std::size_t count, void* attempt) noexcept;
   static std::size_t on_body(char* data, std::size_t size, std::size_t count, void* attempt) noexcept;
 
@@ -72,6 +75,7 @@ class Attempt {
   Response response_;
   Fault fault_;
   bool out_of_memory_ = false;
+  bool refused_to_reconnect_ = false;
   bool lost_idle_connection_ = false;
 };
 

@@ -36,13 +36,8 @@ bool Session::belongs_to_this_process() const noexcept {
 }
 
 CURLcode Session::track_sockets_of(CURL* easy) noexcept {
-  for (const CURLcode code : {curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &Session::open_socket),
-                              curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this),
-                              curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &Session::close_socket),
-                              curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this)}) {
-    if (code != CURLE_OK) return code;
-  }
-  return CURLE_OK;
+  const CURLcode code = curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &Session::close_socket);
+  return code == CURLE_OK ? curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this) : code;
 }
 
 bool Session::take_out_of_memory() noexcept {

@@ -27,7 +27,10 @@ class Session {
   /// False in a child that was forked while this session existed.
   bool belongs_to_this_process() const noexcept;
 
-  /// Has the sockets opened for `easy` kept in this session's list.
+  /// Opens a socket and keeps it in this session's list; what libcurl's open-socket callback is to do.
+  static curl_socket_t open_socket(void* session, curlsocktype purpose, curl_sockaddr* address) noexcept;
+
+  /// Has the sockets opened for `easy` taken off the list when they are closed.
   CURLcode track_sockets_of(CURL* easy) noexcept;
 
   /// Whether a socket could not be tracked for want of memory since the last call.
@@ -49,7 +52,6 @@ class Session {
   TimePoint idle_since{};
 
  private:
-  static curl_socket_t open_socket(void* session, curlsocktype purpose, curl_sockaddr* address) noexcept;
   static int close_socket(void* session, curl_socket_t descriptor) noexcept;
 
   const unsigned long generation_;
