@@ -7,6 +7,8 @@ from typing import Any
 
 import pytest
 
+pytest_plugins = ["canary.plugin"]
+
 
 def _errors_in(value: Any) -> Iterator[BaseException]:
     if isinstance(value, BaseException):

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import base64
+import contextlib
 import itertools
 import json
 import os
@@ -15,6 +16,7 @@ from collections.abc import Callable, Iterator
 from typing import Any
 from urllib.parse import urlsplit
 
+import canary
 from devserver.testing import DevServer
 from tessaline import auth
 from tests.sanitized import patience
@@ -127,7 +129,7 @@ class Spy:
         self._remember(body)
         authorization = (headers or {}).get("Authorization")
         if authorization is not None:
-            self.secrets.add(authorization.removeprefix("Bearer "))
+            self._keep("token", authorization.removeprefix("Bearer "))
         answer = auth._default_http_transport(method, url, headers={**headers, **self.headers}, body=body)
         self._remember(answer[2])
         return answer
@@ -139,7 +141,14 @@ class Spy:
             return
         for name in ("signature", "token", "wallet_secret"):
             if isinstance(value, dict) and isinstance(value.get(name), str):
-                self.secrets.add(value[name])
+                self._keep(name, value[name])
+
+    def _keep(self, kind: str, secret: str) -> None:
+        self.secrets.add(secret)
+        canary.plant(kind, secret)
+        if kind == "wallet_secret":
+            with contextlib.suppress(ValueError):
+                canary.plant(kind, base64.b64decode(secret))
 
 
 class Harness:
@@ -150,6 +159,7 @@ class Harness:
         self.spy = Spy({"Connection": "close"} if close_connections else None)
         self.clock = options.pop("clock", None) or SteppedClock()
         self.manager = auth.AuthManager(self.key, url, clock=self.clock, _transport=self.spy, **options)
+        canary.watch(self.manager)
         self.delays: list[Any] = []
         self.manager._wait_with_clock = self.delays.append
 

@@ -22,7 +22,17 @@ SURROUNDINGS = {
     "TESSALINE_STRESS_SECONDS": "5",
 }
 # Warnings are gathered until a test with all its repetitions is over, so they would grow.
-OPTIONS = ("-q", "-p", "no:cacheprovider", "-p", "no:warnings", "-p", "tests.leakhunt.plugin")
+OPTIONS = (
+    "-q",
+    "-p",
+    "no:cacheprovider",
+    "-p",
+    "no:warnings",
+    "-p",
+    "no:canary.plugin",
+    "-p",
+    "tests.leakhunt.plugin",
+)
 # A repetition is given the time that a test is given alone.
 TIMEOUTS = ("--timeout", "120", "-o", "timeout_func_only=true")
 

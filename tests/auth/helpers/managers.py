@@ -7,6 +7,7 @@ from typing import Any
 
 from eth_account import Account
 
+import canary
 from tessaline import auth
 
 from .clocks import SteppedClock
@@ -54,7 +55,8 @@ def build(server: Any = None, clock: Any = None, *, cls: Any = None, key: str = 
     """A manager over an in-memory server with a stepped clock; nothing tracks it."""
     options.setdefault("_transport", FakeServer() if server is None else server)
     options.setdefault("clock", SteppedClock() if clock is None else clock)
-    return (cls or auth.AuthManager)(key, BASE, **options)
+    canary.plant("key", key)
+    return canary.watch((cls or auth.AuthManager)(key, BASE, **options))
 
 
 def snapshot(manager: Any) -> dict[str, Any]:

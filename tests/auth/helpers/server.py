@@ -13,6 +13,8 @@ from typing import Any
 from eth_account import Account
 from eth_account.messages import encode_defunct
 
+import canary
+
 from .threads import DEADLINE
 from .tokens import issued
 
@@ -186,6 +188,7 @@ class FakeServer:
                 return Answer(409, {"error": "challenge_used"})
             self._used.add(challenge_id)
             address, message = self._challenges[challenge_id]
+        canary.plant("signature", signature)
         assert signature.startswith("0x") and len(signature) == 132 and signature == signature.lower()
         if self.recover:
             signer = Account.recover_message(encode_defunct(text=message), signature=signature).lower()
@@ -200,6 +203,7 @@ class FakeServer:
             number = len(self.tokens) + 1
             token = issued(self.subject or address, self.era, jti=f"token-{number}")
             self.tokens.append(token)
+        canary.plant("wallet secret", self.secret)
         body: dict[str, Any] = {
             "token": token,
             "expires_at": 4_000_000_000 + number,

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from typing import Any
 
+import canary
 from tessaline import auth
 
 from .clocks import HandClock
@@ -33,7 +34,7 @@ REASONS = frozenset(
 def build(service: Service, clock: Any = None, *, default_clock: bool = False, **options: Any) -> Any:
     """A manager over `service`, on a hand clock unless asked otherwise."""
     options.setdefault("clock", None if default_clock else clock or HandClock())
-    return auth.AuthManager(KEY, BASE, _transport=service, **options)
+    return canary.watch(auth.AuthManager(KEY, BASE, _transport=service, **options))
 
 
 def reason(error: BaseException) -> str:

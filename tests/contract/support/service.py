@@ -8,6 +8,8 @@ import threading
 from collections.abc import Callable
 from typing import Any
 
+import canary
+
 from .threads import DEADLINE
 
 BASE = "https://auth.example.test"
@@ -122,6 +124,8 @@ class Service:
             self.signatures.append(signature)
             token = token_text(self.subject or address, len(self.tokens) + 1, self.era)
             self.tokens.append(token)
+        for kind, value in (("token", token), ("signature", signature), ("wallet secret", self.secret)):
+            canary.plant(kind, value)
         return {
             "token": token,
             "expires_at": 4_000_000_000,
