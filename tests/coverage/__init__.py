@@ -1,0 +1,1 @@
+"""Which lines and branches the tests reach, and which they cannot."""

@@ -1,0 +1,32 @@
+"""Says what was reached, from what gcovr and coverage.py have written; fails below the bound."""
+
+from __future__ import annotations
+
+import json
+import sys
+import tomllib
+from pathlib import Path
+
+from .tally import Tally, lines_in_ranges, native_tally, python_tally
+
+LEAST_PERCENT = 98.0
+ROOM = "src/tessaline/auth/"
+
+
+def report(tally: Tally, listed: dict[str, dict[str, str]]) -> None:
+    for (file, function), lines in sorted(tally.unreached.items()):
+        reason = listed.get(file.removeprefix(ROOM), {}).get(function)
+        print(f"{file}:{lines_in_ranges(lines)} in {function or 'no function'}: {reason or 'NOT LISTED'}")
+
+
+def main(tree: Path) -> int:
+    native = native_tally(json.loads((tree / "native.json").read_text()))
+    python = python_tally(json.loads((tree / "python.json").read_text()))
+    listed = tomllib.loads((Path(__file__).parent / "unreached.toml").read_text())
+    for tally in (native, python):
+        report(tally, listed)
+    print(f"C++: {native.figure()}; Python: {python.figure()}")
+    return 0 if min(native.line_percent, python.line_percent) >= LEAST_PERCENT else 1
+
+
+sys.exit(main(Path(sys.argv[1])))
