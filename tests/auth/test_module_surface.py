@@ -294,6 +294,15 @@ def test_a_wrong_call_names_the_function_and_shows_no_value(
         ),
         (lambda: auth.AuthManager(KEY), "missing 1 required positional argument: 'server_url'"),
         (lambda: auth.AuthManager(KEY, BASE, KEY), "takes 3 positional arguments but 4 were given"),
+        (
+            lambda: auth.AuthManager(KEY, BASE, KEY, invite_code=KEY),
+            "3 positional arguments but 4 positional arguments (and 1 keyword-only argument) were given",
+        ),
+        (
+            lambda: auth.AuthManager(KEY, BASE, KEY, invite_code=KEY, clock=None),
+            "3 positional arguments but 4 positional arguments (and 2 keyword-only arguments) were given",
+        ),
+        (lambda: auth.AuthManager(KEY, BASE, **{1: KEY}), "keywords must be strings"),  # type: ignore[misc]
         (lambda: auth.AuthManager(KEY, BASE, code=KEY), "got an unexpected keyword argument 'code'"),
         (
             lambda: auth.AuthManager(KEY, BASE, private_key=KEY),
