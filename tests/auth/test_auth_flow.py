@@ -794,3 +794,19 @@ def test_no_key_or_signature_in_an_error_of_the_flow(
     secrets += [call.body["signature"][2:40] for call in server.calls if call.path == VERIFY]
     for secret in secrets:
         assert secret not in shown
+
+
+@pytest.mark.parametrize("path", [REGISTER, CHALLENGE, VERIFY])
+@pytest.mark.parametrize("status", [409, 503])
+def test_a_whole_float_is_as_good_a_status_as_an_integer(path: str, status: int) -> None:
+    asked = []
+    for answered in (status, float(status)):
+        server = FakeServer()
+        server.script(path, Answer(answered))  # type: ignore[arg-type]
+        manager = build(server)
+        manager._wait_with_clock = lambda seconds: None
+        manager.authenticate()
+        manager.close()
+        asked.append(server.paths)
+    assert asked[0] == asked[1]
+    assert len(asked[0]) > 3

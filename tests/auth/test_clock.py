@@ -142,6 +142,15 @@ def test_close_event_set_during_a_sleep_ends_the_wait_after_it(manager: Any, fak
     assert len(fake_time.sleeps) == 3
 
 
+def test_a_wait_too_long_for_a_number_of_the_clock_ends_by_the_close_event(
+    manager: Any, fake_time: FakeTime, clock: SteppedClock
+) -> None:
+    fake_time.on_sleep = lambda count: manager._close_event.set() if count == 3 else None
+    clock.now = float(clock.now)
+    manager._wait_with_clock(10**400)
+    assert len(fake_time.sleeps) == 3
+
+
 def test_a_clock_that_never_moves_ends_a_wait_of_60_after_1_to_1_05_seconds(
     manager: Any, fake_time: FakeTime
 ) -> None:

@@ -200,6 +200,12 @@ def test_default_transport_is_the_module_function_itself() -> None:
     assert auth.AuthManager(KEY, BASE, _transport=None)._transport is auth._default_http_transport
 
 
+def test_a_module_name_that_was_deleted_is_not_defined(monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.delattr(auth, "_default_http_transport")
+    with pytest.raises(NameError, match=r"^name '_default_http_transport' is not defined$"):
+        auth.AuthManager(KEY, BASE)
+
+
 def test_default_transport_is_looked_up_in_the_module(monkeypatch: pytest.MonkeyPatch) -> None:
     replaced = object()
     monkeypatch.setattr(auth, "_default_http_transport", replaced)
