@@ -135,7 +135,9 @@ class Service:
 
 def always_raises(error: BaseException) -> Callable[[str], Any]:
     def fault(path: str) -> Any:
-        raise error
+        # Many of them are shared by all tests, and would keep the frames of each time that they are raised.
+        error.__context__ = None
+        raise error.with_traceback(None)
 
     return fault
 
