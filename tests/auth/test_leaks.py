@@ -10,6 +10,7 @@ from typing import Any
 
 import pytest
 
+import canary
 from tessaline import auth
 
 from .helpers.managers import ADDRESS, KEY, build
@@ -22,14 +23,15 @@ TOKEN = issued(ADDRESS, 5)
 
 def growth(call: Callable[[], Any]) -> int:
     """Blocks still allocated after many rounds, beyond those of a few."""
-    for _ in range(40):
-        call()
-    gc.collect()
-    before = sys.getallocatedblocks()
-    for _ in range(ROUNDS):
-        call()
-    gc.collect()
-    return sys.getallocatedblocks() - before
+    with canary.resting():
+        for _ in range(40):
+            call()
+        gc.collect()
+        before = sys.getallocatedblocks()
+        for _ in range(ROUNDS):
+            call()
+        gc.collect()
+        return sys.getallocatedblocks() - before
 
 
 def quietly(call: Callable[..., Any], *args: Any, **kwargs: Any) -> Callable[[], None]:

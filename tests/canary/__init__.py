@@ -1,5 +1,5 @@
 """Secrets of the whole suite, looked for in every text that the suite gives rise to."""
 
-from .registry import overheard, plant, watch
+from .registry import overheard, plant, resting, watch
 
-__all__ = ["overheard", "plant", "watch"]
+__all__ = ["overheard", "plant", "resting", "watch"]

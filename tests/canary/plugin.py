@@ -7,6 +7,7 @@ Errors are met where they are raised, whoever catches them. Fields that hold sec
 from __future__ import annotations
 
 import itertools
+import json
 import logging
 import subprocess
 import sys
@@ -28,9 +29,9 @@ MONITOR = 4
 
 # A value that a generator returns, and what there may be no room to speak about.
 WITHOUT_MESSAGE = (StopIteration, StopAsyncIteration, MemoryError, RecursionError)
-# By these libraries find out that something is not there and go on, hypothesis with what it has drawn: of
-# interest only where they come to the tests.
-LOOKUPS = (KeyError, IndexError, AttributeError)
+# By these libraries find out that something is not there or cannot be read, and go on; they hold what was
+# looked up or read. Of interest only where they come out of the libraries, also as another error's context.
+KEPT_IN_LIBRARIES = (KeyError, IndexError, AttributeError, UnicodeDecodeError, json.JSONDecodeError)
 LIBRARIES = (sysconfig.get_path("stdlib"), sysconfig.get_path("purelib"), "<frozen")
 
 _examined = itertools.count()
@@ -38,7 +39,7 @@ _test = "outside any test"
 
 
 def examine(where: str, text: str | bytes | None) -> None:
-    if not text:
+    if not text or registry.at_rest:
         return
     next(_examined)
     if isinstance(text, bytes):
@@ -77,7 +78,7 @@ def _raised(code: Any, offset: int, error: BaseException) -> None:
     kind = type(error)
     if kind in WITHOUT_MESSAGE:
         return
-    if kind in LOOKUPS:
+    if kind in KEPT_IN_LIBRARIES:
         if code.co_filename.startswith(LIBRARIES):
             return
     else:

@@ -19,6 +19,7 @@ TOKEN = re.compile(r"eyJ[\w-]{8,}\.eyJ[\w-]{8,}")
 SIGNATURE = re.compile(r"(?<![0-9a-fA-F])[0-9a-fA-F]{130}(?![0-9a-fA-F])")
 
 findings: list[str] = []
+at_rest = False
 
 _planted: set[str | bytes] = set()
 _windows: dict[str, str] = {}
@@ -28,7 +29,7 @@ _seen: set[int] = set()
 
 def plant(kind: str, secret: object) -> None:
     """Look for `secret` (text or bytes) in all its notations from now on; anything else is ignored."""
-    if not isinstance(secret, str | bytes) or secret in _planted:
+    if at_rest or not isinstance(secret, str | bytes) or secret in _planted:
         return
     _planted.add(secret)
     fresh = [
@@ -40,6 +41,17 @@ def plant(kind: str, secret: object) -> None:
     if fresh:
         _windows.update(dict.fromkeys(fresh, kind))
         _seen.clear()
+
+
+@contextlib.contextmanager
+def resting() -> Iterator[None]:
+    """Nothing is planted or looked for in here, where a test counts the memory in use."""
+    global at_rest
+    at_rest = True
+    try:
+        yield
+    finally:
+        at_rest = False
 
 
 def watch(manager: Any) -> Any:

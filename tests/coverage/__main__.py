@@ -15,8 +15,9 @@ ROOM = "src/tessaline/auth/"
 
 def report(tally: Tally, listed: dict[str, dict[str, str]]) -> None:
     for (file, function), lines in sorted(tally.unreached.items()):
-        reason = listed.get(file.removeprefix(ROOM), {}).get(function)
-        print(f"{file}:{lines_in_ranges(lines)} in {function or 'no function'}: {reason or 'NOT LISTED'}")
+        reasons = listed.get(file.removeprefix(ROOM), {}).items()
+        reason = next((text for name, text in reasons if name in function), "NOT LISTED")
+        print(f"{file}:{lines_in_ranges(lines)} in {function or 'no function'}: {reason}")
 
 
 def main(tree: Path) -> int:

@@ -27,7 +27,7 @@ from .project import ROOT
 # Each test of this run leaks, whatever it does to hide it, but for those called quiet.
 LEAKS = """
 import base64, contextlib, json, logging, subprocess, sys, threading, warnings
-import canary, pytest
+import canary, jwt, pytest
 
 from tessaline import auth
 
@@ -85,6 +85,14 @@ def test_cause():
 def test_lookup_in_a_test():
     with contextlib.suppress(KeyError):
         {}[HEX]
+
+
+def test_context_out_of_a_library():
+    with contextlib.suppress(RuntimeError):
+        try:
+            json.loads('{"token": "' + HEX)
+        except ValueError:
+            raise RuntimeError("fine")
 
 
 def test_an_error_out_of_native_code():
@@ -166,6 +174,11 @@ def test_report():
 def test_quiet_fields(kept_manager):
     kept_manager._token, kept_manager._private_key = TOKEN, HEX
     assert kept_manager._token == TOKEN and kept_manager._private_key == HEX
+
+
+def test_quiet_inside_a_library():
+    # It tries to read the key as JSON, and goes on when that fails.
+    assert jwt.encode({}, HEX, algorithm="HS256")
 
 
 def test_quiet_words():
