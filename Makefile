@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test fuzz leaks exits build devserver bench check format warnings tidy coverage ctime chaos sanitize pins clean
+.PHONY: help demo test fuzz leaks exits build devserver bench check format warnings tidy coverage ctime chaos sanitize torture pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -56,6 +56,9 @@ chaos: build ## 10,000 logins and renewals with faults, 1,000 managers for 1,000
 
 sanitize: build ## every test under ASan, UBSan and TSan (long; ARGS="thread tests/contract" about 4 min)
 	@tools/sanitize $(ARGS)
+
+torture: build ## fail every allocation and library call in turn (about 15 min); ARGS="--run ..." repeats one
+	@tools/torture $(ARGS)
 
 pins: ## renew the pinned Python packages
 	@tools/pins

@@ -78,6 +78,7 @@ enum class Hidden : std::size_t {
   kNewestRefreshThread,  ///< the refresh thread started last, while its loop may still refresh
   kOlderRefreshThreads,  ///< list of those that a newer one has superseded and that may still sleep
   kEraThread,            ///< the era-change thread started last
+  kEraEvent,             ///< the event of the attempt that it was started for
   kHighestEra,           ///< the highest era announced so far
   kRetiredError,         ///< replaced under `_lock`, to be dropped after it
   kRaisedError,          ///< the stored error that was raised again last, and its traceback before that

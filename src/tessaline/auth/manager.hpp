@@ -106,6 +106,10 @@ struct AuthManager {
   Ref notify_era_change(PyObject* new_era_number);
   Ref background_reauth();
 
+  /// Ends the attempt with this event as failed if the era-change thread that ran it is gone: the interpreter
+  /// ends a thread that finds no memory before its first line, and tells nobody.
+  void settle_lost_reauthentication(PyObject* event);
+
   // Profile and shutdown.
   Ref set_display_name(PyObject* display_name);
   Ref close();

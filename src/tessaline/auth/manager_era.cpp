@@ -54,7 +54,16 @@ std::optional<std::pair<unsigned long, Ref>> announce(AuthManager& manager, PyOb
   manager.set(Field::kAuthError, Ref::none());
   // Nobody is to take it for an orphan before its thread lives.
   ++manager.renewals_running;
+  python::drop(std::exchange(manager.at(Hidden::kEraEvent), Py_NewRef(event.get())));
   return std::pair(++manager.attempt, std::move(event));
+}
+
+/// Whether a thread of the host's own kind has begun and ended.
+bool has_ended(PyObject* thread) {
+  if (thread == nullptr) return false;
+  const Ref kept = Ref::borrow(thread);
+  return !python::attribute(kept.get(), names::ident).is_none() &&
+         python::call_method(kept.get(), names::is_alive).get() == Py_False;
 }
 
 /// The old token stays, and the announced era keeps it from being served.
@@ -98,6 +107,20 @@ Ref AuthManager::notify_era_change(PyObject* new_era_number) {
     settle_failure(*this, *failure, announced->first, announced->second.get());
   }
   throw std::move(*failure);
+}
+
+void AuthManager::settle_lost_reauthentication(PyObject* event) {
+  unsigned long lost_attempt = 0;
+  {
+    const Locked lock(*this);
+    const bool lost = state() == State::kReAuthenticating && at(Field::kAuthEvent) == event &&
+                      renewals_running == 0 && has_ended(at(Hidden::kEraThread));
+    if (!lost) return;
+    lost_attempt = attempt;
+  }
+  const std::optional<python::Error> failure = python::caught(
+      [] { python::raise(PyExc_RuntimeError, "the thread of the re-authentication ended before it began"); });
+  settle_failure(*this, *failure, lost_attempt, event);
 }
 
 Ref AuthManager::background_reauth() {

@@ -17,7 +17,8 @@ Ref renewed_event(const AuthManager& manager, Field field) {
 }
 
 void forget_threads(AuthManager& manager) {
-  for (const Hidden slot : {Hidden::kNewestRefreshThread, Hidden::kOlderRefreshThreads, Hidden::kEraThread}) {
+  for (const Hidden slot :
+       {Hidden::kNewestRefreshThread, Hidden::kOlderRefreshThreads, Hidden::kEraThread, Hidden::kEraEvent}) {
     python::drop(std::exchange(manager.at(slot), nullptr));
   }
   manager.set(Field::kRefreshThread, Ref::none());

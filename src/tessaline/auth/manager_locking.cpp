@@ -3,6 +3,11 @@
 #include "tessaline/auth/python/python.hpp"
 
 namespace tessaline::auth {
+namespace {
+
+constexpr double kLostThreadSeconds = 1.0;  // between two looks at the thread that is waited for
+
+}  // namespace
 
 bool holds_lock(const AuthManager& manager) noexcept {
   return manager.lock_owner == PyThread_get_thread_ident();
@@ -46,7 +51,8 @@ void AuthManager::wait_for_flow(PyObject* event) {
     python::raise(PyExc_RuntimeError,
                   "AuthManager was asked to wait by code that its own authentication runs");
   }
-  python::call_method(event, names::wait);
+  if (at(Hidden::kEraEvent) != event) return python::wait_event(event);
+  while (!python::wait_event(event, kLostThreadSeconds)) settle_lost_reauthentication(event);
 }
 
 void AuthManager::finish_deferred_close() noexcept {

@@ -128,7 +128,9 @@ Ref AuthManager::refresh_loop() {
 }
 
 Ref AuthManager::do_refresh() {
-  const Ref event = new_event();
+  // A refresh that did not begin would have nothing to record it.
+  Ref event;
+  python::insist([&] { event = new_event(); });
   unsigned long own_attempt = 0;
   {
     const Locked lock(*this);

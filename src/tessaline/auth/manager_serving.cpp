@@ -176,8 +176,7 @@ class Serving {
     const RefreshWaiter waiter(manager_);
     manager_.set_event(Field::kRefreshEvent);
     if (stored_since(auth_time)) return;
-    python::call_method(manager_.get(Field::kRefreshDone).get(), names::wait, {},
-                        {{names::timeout, python::number(kRefreshDoneSeconds).get()}});
+    python::wait_event(manager_.get(Field::kRefreshDone).get(), kRefreshDoneSeconds);
   }
 
   /// Whether the refresh asked for has come and gone already, its signal with it.

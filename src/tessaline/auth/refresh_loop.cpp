@@ -30,16 +30,18 @@ bool is_alive(PyObject* thread) {
   return alive;
 }
 
-RefreshLoop::RefreshLoop(AuthManager& manager) : manager_(manager), me_(this_thread()) {}
+RefreshLoop::RefreshLoop(AuthManager& manager) : manager_(manager) {
+  python::insist([this] { me_ = this_thread(); });
+}
 
 RefreshLoop::~RefreshLoop() {
   resign();
 }
 
 void RefreshLoop::run() {
-  while (!stop_requested()) {
+  for (;;) {
     Pass next = Pass::kAgain;
-    const bool failed = python::caught([&] { next = pass(); }).has_value();
+    const bool failed = python::caught([&] { next = stop_requested() ? Pass::kEnd : pass(); }).has_value();
     if (next == Pass::kEnd) return;
     // A clock that fails now may work later; a loop that ended would leave the token to age.
     if (failed && python::caught([this] { wait(poll_seconds()); })) rest();
@@ -84,6 +86,7 @@ bool RefreshLoop::superseded() {
 }
 
 void RefreshLoop::refresh() {
+  names::do_refresh.object();  // fails here rather than below, where nobody would hear of it
   manager_.set_event(Field::kRefreshPending);
   // From here on it sleeps for no refresh: a login that fails meanwhile finds that a loop is missing.
   resign();
@@ -112,7 +115,7 @@ void RefreshLoop::wait(double seconds) {
     python::call_method(older.get(), names::join, {},
                         {{names::timeout, python::number(poll_seconds()).get()}});
   } else {
-    python::call_method(event.get(), names::wait, {}, {{names::timeout, python::number(seconds).get()}});
+    python::wait_event(event.get(), seconds);
   }
   // The signal may be meant for the successor, which may not be waiting yet; that of a close is for every
   // loop.
@@ -121,8 +124,11 @@ void RefreshLoop::wait(double seconds) {
 }
 
 void RefreshLoop::rest() {
-  const Ref seconds = python::number(kPollSeconds);
-  python::call_method(python::global(names::time).get(), names::sleep, {seconds.get()});
+  const bool failed = python::caught([] {
+                        const Ref seconds = python::number(kPollSeconds);
+                        python::call_method(python::global(names::time).get(), names::sleep, {seconds.get()});
+                      }).has_value();
+  if (failed) python::pause_without_gil();
 }
 
 Ref RefreshLoop::living_older_thread() const {

@@ -50,6 +50,7 @@ void randomize(secp256k1_context* context) {
 // In memory of ours, because libsecp256k1 aborts the process when its own allocation fails.
 secp256k1_context* make_context(void* memory) {
   secp256k1_context* context = secp256k1_context_preallocated_create(memory, SECP256K1_CONTEXT_NONE);
+  if (context == nullptr) throw CurveError("context creation failed");
   secp256k1_context_set_illegal_callback(context, record_fault, nullptr);
   secp256k1_context_set_error_callback(context, record_fault, nullptr);
   randomize(context);

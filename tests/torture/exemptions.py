@@ -1,0 +1,116 @@
+"""Findings that are not the component's: each by name, with how it is known again and why it stays.
+
+All are of CPython 3.13.0. Each was read off the native frames of the place where memory was refused, and of
+the crash where there is one; the same frames decide here.
+"""
+
+from __future__ import annotations
+
+import dataclasses
+import re
+from collections.abc import Iterable
+
+from .kinds import Run
+
+
+@dataclasses.dataclass(frozen=True)
+class Exemption:
+    name: str
+    problem: str  # found in the text of the problem
+    frames: str  # found in the frames, "innermost < its caller < …", of a refusal or of the crash
+    reason: str
+    scenarios: tuple[str, ...] = ()  # none: all
+
+    def covers(self, run: Run, problem: str, chains: Iterable[str]) -> bool:
+        if self.scenarios and run.scenario not in self.scenarios:
+            return False
+        return re.search(self.problem, problem) is not None and any(re.search(self.frames, c) for c in chains)
+
+
+CRASH = r"the process ended with -(11|6)"
+AFTERMATH = (
+    r"still referred to|is kept by the host|threads are left|slots are taken|unraisable|thread ended with"
+)
+
+EXEMPTIONS = (
+    Exemption(
+        "new function",
+        CRASH,
+        r"\bPyFunction_NewWithQualName\b",
+        "a closure that finds no memory is written to, or its parts are given back once too often",
+    ),
+    Exemption(
+        "frame of a callback",
+        CRASH,
+        r"\b(initialize_locals|_PyEvalFramePushAndInit)\b",
+        "a call of a Python function that finds no memory for its frame reads what it has given back",
+    ),
+    Exemption(
+        "growing dict",
+        CRASH,
+        r"\binsertion_resize\b",
+        "an entry whose dict cannot grow is given back once too often; here, those of a type being made",
+    ),
+    Exemption(
+        "type without a name",
+        r"SystemError.*(a call failed without raising|returned NULL without setting)",
+        r"\b_?PyType_FromMetaclass\w*",
+        "a type that finds no memory for its name or documentation is refused without an exception",
+    ),
+    Exemption(
+        "slice of a pattern",
+        r"SystemError\('.*SubPattern.*returned NULL without setting an exception'\)",
+        r"\b(PySlice|_PyBuildSlice|PyList|list_|_PyEval)",
+        "a slice that finds no memory raises nothing; the compiler of patterns makes some",
+    ),
+    Exemption(
+        "encoder of JSON",
+        r"SystemError\('<_json.Encoder object at .*> returned a result with an exception set'\)",
+        r"\b(encoder_call|encoder_listencode|_PyUnicodeWriter|_PyAccu|PyTuple|tuple|PyObject|_PyObject)",
+        "the encoder overlooks that its buffer or result found no memory",
+    ),
+    Exemption(
+        "buffer of a bytearray",
+        r"deallocated bytearray object has exported buffers",
+        r"",
+        "a bytearray whose view finds no memory is torn down with the view counted",
+        ("import",),
+    ),
+    Exemption(
+        "lock of an import",
+        r"unraisable MemoryError\(\) in None",
+        r"\b(import_find_and_load|import_ensure_initialized|PyImport_\w+)\b",
+        "an import that finds no memory while it ends gives up its lock with a note to nobody",
+        ("import",),
+    ),
+    Exemption(
+        "start of a thread",
+        r"Python blocks more",
+        r"\b(do_start_joinable_thread|PyThread_start_joinable_thread|ThreadHandle_start)\b",
+        "a thread that the system refuses leaves a block behind, with any body",
+    ),
+    Exemption(
+        "limbo of a thread",
+        r"a thread that did not start is kept by the host",
+        r"",
+        "a start that finds no memory to take the thread off its list again leaves it there",
+    ),
+    Exemption(
+        "bootstrap of a thread",
+        AFTERMATH,
+        r"\bthread_run\b",
+        "a thread that finds no memory before or after its body ends half registered",
+        ("thread-bootstrap",),
+    ),
+)
+
+
+def exemptions_of(run: Run, problems: Iterable[str], chains: list[str]) -> list[Exemption] | None:
+    """Those that cover the problems, or None where one is left uncovered."""
+    found = []
+    for problem in problems:
+        covering = next((e for e in EXEMPTIONS if e.covers(run, problem, chains)), None)
+        if covering is None:
+            return None
+        found.append(covering)
+    return found

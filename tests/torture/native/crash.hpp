@@ -1,0 +1,12 @@
+#pragma once
+
+namespace torture {
+
+/// From now on a crash writes its native frames to standard error, one line "native: library offset symbol"
+/// each, before the handler that was there takes over.
+void watch_crashes() noexcept;
+
+/// Writes the frames of the caller in the same form.
+void write_frames() noexcept;
+
+}  // namespace torture

@@ -1,0 +1,416 @@
+"""The lives that are tortured. In each, only what `act` does is made to fail."""
+
+from __future__ import annotations
+
+import contextlib
+import os
+import threading
+from typing import Any, ClassVar
+
+import _torture
+
+from tests.contract.support.clocks import StandIn
+from tests.contract.support.service import CHALLENGE
+
+from .bench import Bench, Problems, Waiter, is_waited_for, until
+from .kinds import Kind
+
+ALLOCATIONS = frozenset({Kind.PYTHON, Kind.MODULE, Kind.THREAD})
+MEMORY = frozenset({"MemoryError"})
+
+# What else the want of memory is called: by the interpreter, where it makes locks and threads, and by the
+# component, for which a token that cannot be read is not the wallet's, whatever the cause.
+SHORT_OF_MEMORY = frozenset(
+    {
+        ("RuntimeError", "can't allocate lock"),
+        ("RuntimeError", "can't start new thread"),
+        ("AuthError", "wallet_mismatch"),
+    }
+)
+
+
+class Scenario:
+    """One life. `allowed` are the errors, besides success, in which `act` may end."""
+
+    kinds: frozenset[Kind] = ALLOCATIONS | {Kind.CALL}
+    allowed: ClassVar[dict[Kind, frozenset[str]]] = {}
+    repeats = True  # whether it can be lived several times in one process
+    lets_go = True  # whether nothing keeps the manager afterwards
+
+    def __init__(self, address: str) -> None:
+        self.bench = self.make_bench(address)
+
+    def make_bench(self, address: str) -> Bench:
+        return Bench()
+
+    def prepare(self) -> None:
+        self.bench.construct()
+
+    def act(self) -> None:
+        raise NotImplementedError
+
+    def conclude(self) -> Problems:
+        """What does not hold after `act`, when nothing fails any more."""
+        return self.bench.problems() if self.bench.manager is not None else []
+
+    def allows(self, kind: Kind, error: BaseException) -> bool:
+        name = type(error).__name__
+        if name in MEMORY | self.allowed.get(kind, frozenset()):
+            return True
+        return kind is Kind.PYTHON and (name, str(error)) in SHORT_OF_MEMORY
+
+
+class Import(Scenario):
+    """The module is imported; a failure leaves it importable."""
+
+    repeats = False
+
+    def prepare(self) -> None:
+        pass
+
+    def act(self) -> None:
+        __import__("tessaline.auth")
+
+    def conclude(self) -> Problems:
+        self.bench.construct()
+        return self.bench.problems()
+
+
+class Construct(Scenario):
+    allowed: ClassVar = {Kind.CALL: frozenset({"RuntimeError", "InvalidKeyError"})}
+
+    def prepare(self) -> None:
+        pass
+
+    def act(self) -> None:
+        self.bench.construct()
+
+    def conclude(self) -> Problems:
+        if self.bench.manager is None:
+            self.bench.construct()
+        return self.bench.problems()
+
+
+class Login(Scenario):
+    """A first login, with another caller who waits for it."""
+
+    allowed: ClassVar = {Kind.CALL: frozenset({"RuntimeError"}), Kind.THREAD: frozenset({"RuntimeError"})}
+
+    def prepare(self) -> None:
+        self.bench.construct()
+        self.bench.waiter_at_first_request("authenticate")
+
+    def act(self) -> None:
+        self.bench.manager.authenticate()
+
+
+class LoggedIn(Scenario):
+    allowed: ClassVar = Login.allowed
+
+    def prepare(self) -> None:
+        self.bench.construct()
+        self.bench.manager.authenticate()
+
+
+class LoginAgain(LoggedIn):
+    """A login on top of another one, with a caller of `get_token` who waits for it."""
+
+    def prepare(self) -> None:
+        super().prepare()
+        self.bench.waiter_at_first_request("get_token")
+
+    def act(self) -> None:
+        self.bench.manager.authenticate()
+
+
+class Token(LoggedIn):
+    """The healthy token, by the short way and by the long one, and all else that only reads."""
+
+    def make_bench(self, address: str) -> Bench:
+        return Bench(default_clock=True)
+
+    def act(self) -> None:
+        manager = self.bench.manager
+        manager.get_token()
+        with manager._lock:
+            pass
+        manager._clock = _torture.host(manager._clock)
+        manager.get_token()
+        manager.get_wallet_secret()
+        manager.get_token_expiry()
+        manager.get_wallet_address()
+        repr(manager)
+
+
+class TokenDue(LoggedIn):
+    """The token past its refresh point: the caller wakes the refresh thread and waits for it."""
+
+    def act(self) -> None:
+        self.bench.clock.now += 75_000
+        self.bench.manager.get_token()
+
+
+class TokenExpired(LoggedIn):
+    """The token past its end: the caller polls for the refresh thread."""
+
+    def act(self) -> None:
+        self.bench.clock.now += 100_000
+        self.bench.manager.get_token()
+
+
+class Refresh(LoggedIn):
+    """A refresh on the calling thread, with a caller of `get_token` who waits for it."""
+
+    def prepare(self) -> None:
+        super().prepare()
+        self.bench.waiter_at_first_request("get_token")
+
+    def act(self) -> None:
+        self.bench.manager._do_refresh()
+
+
+class InThread(LoggedIn):
+    """What a background thread of the manager does."""
+
+    method = ""
+
+    def prepare(self) -> None:
+        super().prepare()
+        manager = self.bench.manager
+        body = getattr(manager, self.method)
+        setattr(manager, self.method, lambda: _torture.armed(body))
+
+    def conclude(self) -> Problems:
+        with contextlib.suppress(AttributeError):
+            delattr(self.bench.manager, self.method)
+        return super().conclude()
+
+
+class RefreshThread(InThread):
+    """The loop of a refresh thread and the refresh that it makes when it is due."""
+
+    method = "_refresh_loop"
+
+    def prepare(self) -> None:
+        super().prepare()
+        self.bench.manager._start_refresh()
+        self.bench.clock.now += 75_000
+
+    def act(self) -> None:
+        pass
+
+    def conclude(self) -> Problems:
+        manager, service = self.bench.manager, self.bench.service
+        ended = _torture.host(
+            lambda: (
+                len(service.tokens) > 1
+                or manager._auth_error is not None
+                or manager._state != "AUTHENTICATED"
+            )
+        )
+        found = [] if until(ended) else ["the token is past its refresh point and nobody refreshes"]
+        return found + super().conclude()
+
+
+class Era(LoggedIn):
+    """An era is announced; the thread that meets it is left in peace."""
+
+    def act(self) -> None:
+        self.bench.service.era = 7
+        self.bench.manager.notify_era_change(7)
+
+
+class EraThread(InThread):
+    """The thread that meets an announced era, with a caller of `get_token` who waits for it."""
+
+    method = "_background_reauth"
+
+    def prepare(self) -> None:
+        super().prepare()
+        self.bench.waiter_at_first_request("get_token")
+        self.bench.service.era = 7
+
+    def act(self) -> None:
+        self.bench.manager.notify_era_change(7)
+
+    def conclude(self) -> Problems:
+        until(self.bench.settled)
+        return super().conclude()
+
+
+class _ArmingEvent(threading.Event):
+    """Its setter's thread is armed from then on."""
+
+    def set(self) -> None:
+        super().set()
+        _torture.arm()
+
+
+class _FrailThread(threading.Thread):
+    """Fails between the moment at which it counts as started and its body, and within."""
+
+    def __init__(self, *args: Any, **options: Any) -> None:
+        super().__init__(*args, **options)
+        self._started = _ArmingEvent()
+
+
+class ThreadBootstrap(LoggedIn):
+    """A thread for an era that dies at any point after its start."""
+
+    kinds = frozenset({Kind.PYTHON})
+
+    def prepare(self) -> None:
+        from tessaline import auth
+
+        super().prepare()
+        auth.threading = StandIn(threading, Thread=_FrailThread)
+        self.bench.service.era = 7
+
+    def act(self) -> None:
+        from tessaline import auth
+
+        disarmed = _torture.host(self._announce)
+        disarmed()
+        auth.threading = threading
+
+    def _announce(self) -> None:
+        self.bench.manager.notify_era_change(7)
+        self.bench.waiters.append(Waiter(self.bench.manager.get_token))
+
+
+class Rename(LoggedIn):
+    def act(self) -> None:
+        self.bench.manager.set_display_name("Ada Lovelace")
+
+
+class Notify(LoggedIn):
+    """The module's own announcement, through the slot of the active manager."""
+
+    def act(self) -> None:
+        from tessaline import auth
+
+        self.bench.service.era = 7
+        auth._set_active_auth_manager(self.bench.manager)
+        auth.notify_era_change(7)
+        auth._set_active_auth_manager(None)
+
+    def conclude(self) -> Problems:
+        from tessaline import auth
+
+        found = ["the slot's lock is held"] if auth._active_auth_manager_lock.locked() else []
+        if not found:
+            auth._set_active_auth_manager(None)
+        return found + super().conclude()
+
+
+class Close(LoggedIn):
+    """A manager is closed while another thread's login is under way."""
+
+    def prepare(self) -> None:
+        super().prepare()
+        bench = self.bench
+        gate = bench.service.hold(CHALLENGE)
+        bench.waiters.append(Waiter(bench.manager.authenticate))
+        gate.reached()
+        event = bench.manager._auth_event
+        bench.waiters.append(Waiter(bench.manager.get_token))
+        until(lambda: is_waited_for(event))
+
+    def act(self) -> None:
+        self.bench.manager.close()
+
+    def conclude(self) -> Problems:
+        manager = self.bench.manager
+        found: Problems = []
+        if manager._state == "CLOSED":
+            found += self.bench.waiters[1].problems(("AuthError",))
+            if manager._private_key is not None or manager._token is not None:
+                found.append("closed, it holds secrets still")
+        self.bench.service.let_go()
+        return found + super().conclude()
+
+
+class Child(LoggedIn):
+    """The first use of a manager in a forked process; the parent's threads are gone with what they kept."""
+
+    repeats = False
+    lets_go = False
+
+    def prepare(self) -> None:
+        super().prepare()
+        child = os.fork()
+        if child:
+            os._exit(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) & 0x7F)
+
+    def act(self) -> None:
+        self.bench.manager.get_token()
+
+
+class OverNetwork(Scenario):
+    """A login, a renaming and a close over the default transport, from libcurl's first use on."""
+
+    kinds = frozenset({Kind.MODULE, Kind.CURL, Kind.CALL, Kind.PYTHON})
+    network = frozenset(
+        {
+            "RuntimeError",
+            "NetworkError",
+            "ValueError",
+            "OSError",
+            "ConnectionError",
+            "SSLError",
+            "SSLCertVerificationError",
+            "BadStatusLine",
+        }
+    )
+    allowed: ClassVar = {Kind.CALL: network, Kind.CURL: network, Kind.PYTHON: frozenset({"NetworkError"})}
+
+    def make_bench(self, address: str) -> Bench:
+        return Bench(address)
+
+    def act(self) -> None:
+        manager = self.bench.manager
+        manager.authenticate()
+        manager.set_display_name("Ada Lovelace")
+        manager.close()
+
+
+class Leaking(Scenario):
+    """Keeps what it makes; for the test of the torture itself."""
+
+    kept: ClassVar[list[Any]] = []
+
+    def prepare(self) -> None:
+        pass
+
+    def act(self) -> None:
+        self.kept.append([object() for _ in range(9)])
+        raise MemoryError
+
+
+class Crashing(Leaking):
+    def act(self) -> None:
+        os.abort()
+
+
+# Not among those that are offered.
+SPECIMENS: dict[str, type[Scenario]] = {"leaking": Leaking, "crashing": Crashing}
+
+SCENARIOS: dict[str, type[Scenario]] = {
+    "import": Import,
+    "construct": Construct,
+    "login": Login,
+    "login-again": LoginAgain,
+    "token": Token,
+    "token-due": TokenDue,
+    "token-expired": TokenExpired,
+    "refresh": Refresh,
+    "refresh-thread": RefreshThread,
+    "era": Era,
+    "era-thread": EraThread,
+    "thread-bootstrap": ThreadBootstrap,
+    "rename": Rename,
+    "notify": Notify,
+    "close": Close,
+    "child": Child,
+    "network": OverNetwork,
+}

@@ -1,0 +1,101 @@
+"""A part of `make torture`, short enough for every test run."""
+
+from __future__ import annotations
+
+import random
+from collections.abc import Iterator
+
+import pytest
+
+from . import driver
+from .driver import Report, Sweep, Worker
+from .kinds import Kind, Mode, Run
+from .loopback import Loopback
+
+SEED = 20
+SWEEPS, MOST = 16, 1  # sweeps drawn, and runs of each
+
+try:
+    driver.native_half()
+except FileNotFoundError:
+    pytest.skip("what makes things fail is not built with sanitizers", allow_module_level=True)
+
+
+@pytest.fixture(scope="module")
+def address() -> Iterator[str]:
+    with Loopback() as address:
+        yield address
+
+
+@pytest.fixture(scope="module")
+def worker(address: str) -> Iterator[Worker]:
+    with Worker(address) as worker:
+        yield worker
+
+
+@pytest.fixture(scope="module")
+def teller(address: str) -> Iterator[Worker]:
+    with Worker(address, tells=True) as teller:
+        yield teller
+
+
+def findings(
+    worker: Worker, teller: Worker, sweep: Sweep, most: int | None = None
+) -> tuple[Report, list[str]]:
+    report = Report(teller)
+    for run, result in sweep.runs(worker, SEED, most):
+        report.add(run, result)
+    return report, [f"{run}: {problems}" for run, problems, _ in report.findings]
+
+
+def test_what_is_to_fail_fails(worker: Worker) -> None:
+    result = worker.make(Run("construct", Kind.PYTHON, Mode.ONCE, 1))
+    assert (result["outcome"], result["failed"], result["problems"]) == ("MemoryError", 1, [])
+    spared = worker.make(Run("construct", Kind.PYTHON, Mode.ONCE, 0))
+    assert (spared["outcome"], spared["failed"], spared["problems"]) == ("success", 0, [])
+    assert spared["seen"] > 50
+
+
+def test_a_leak_is_found(worker: Worker) -> None:
+    assert worker.make(Run("leaking", Kind.PYTHON, Mode.LEAK, 0))["problems"]
+
+
+def test_a_crash_is_told(teller: Worker) -> None:
+    report = Report(teller)
+    run = Run("crashing", Kind.PYTHON, Mode.ONCE, 1)
+    report.add(run, teller.make(run))
+    ((_, problems, stacks),) = report.findings
+    assert problems == ["the process ended with -6"]
+    assert any("abort" in stack for stack in stacks)
+
+
+WHOLE = (("token-due", Kind.PYTHON), ("construct", Kind.CALL), ("refresh", Kind.MODULE), ("era", Kind.THREAD))
+
+
+@pytest.mark.parametrize(("scenario", "kind"), WHOLE)
+def test_every_single_failure_leaves_the_manager_usable(
+    scenario: str, kind: Kind, worker: Worker, teller: Worker
+) -> None:
+    report, found = findings(worker, teller, Sweep(scenario, kind, Mode.ONCE))
+    assert report.runs
+    assert found == []
+
+
+@pytest.mark.parametrize("scenario", ["thread-bootstrap", "refresh-thread"])
+@pytest.mark.parametrize("number", range(3, 7))
+def test_a_thread_that_fails_at_its_start_leaves_nobody_waiting(
+    scenario: str, number: int, worker: Worker, teller: Worker
+) -> None:
+    report = Report(teller)
+    run = Run(scenario, Kind.PYTHON, Mode.ONCE, number)
+    report.add(run, worker.make(run))
+    assert report.findings == []
+
+
+def test_some_runs_of_some_sweeps(worker: Worker, teller: Worker) -> None:
+    found = []
+    for sweep in random.Random(SEED).sample(worker.sweeps, SWEEPS):
+        report, of_sweep = findings(worker, teller, sweep, MOST)
+        assert report.runs, sweep
+        found += of_sweep
+    assert found == []
