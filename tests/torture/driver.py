@@ -37,7 +37,7 @@ def native_half() -> Path:
 
 def environment(*, tells: bool) -> dict[str, str]:
     library = native_half()
-    path = os.pathsep.join(map(str, (PACKAGE, library.parent, ROOT)))
+    path = os.pathsep.join(map(str, (PACKAGE, library.parent, ROOT, ROOT / "tests")))
     own = {
         "PYTHONPATH": path,
         "LD_PRELOAD": str(library),

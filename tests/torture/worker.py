@@ -42,7 +42,9 @@ def warm_up() -> None:
 
     import tessaline._transport_security
     import tessaline.logging_style  # noqa: F401
+    from canary import registry
 
+    registry.at_rest = True  # what it plants it keeps
     ssl.get_default_verify_paths()
     _torture.begin(0, 0, 0, 0, 0, False)
     # A collection in a child would copy every page that the parent shares with it.
