@@ -31,7 +31,7 @@ MONITOR = 4
 WITHOUT_MESSAGE = (StopIteration, StopAsyncIteration, MemoryError, RecursionError)
 # By these libraries find out that something is not there or cannot be read, and go on; they hold what was
 # looked up or read. Of interest only where they come out of the libraries, also as another error's context.
-KEPT_IN_LIBRARIES = (KeyError, IndexError, AttributeError, UnicodeDecodeError, json.JSONDecodeError)
+KEPT_IN_LIBRARIES = (KeyError, IndexError, AttributeError, UnicodeDecodeError)
 LIBRARIES = (sysconfig.get_path("stdlib"), sysconfig.get_path("purelib"), "<frozen")
 
 _examined = itertools.count()
@@ -77,6 +77,10 @@ def examine_manager(manager: auth.AuthManager) -> None:
 def _raised(code: Any, offset: int, error: BaseException) -> None:
     kind = type(error)
     if kind in WITHOUT_MESSAGE:
+        return
+    if kind is json.JSONDecodeError:
+        # Its attribute holds what could not be read, which counts once the error comes to somebody.
+        examine("a raised JSONDecodeError", str(error))
         return
     if kind in KEPT_IN_LIBRARIES:
         if code.co_filename.startswith(LIBRARIES):

@@ -29,6 +29,9 @@ def kept_on_loopback(url: str) -> Iterator[None]:
                 del os.environ[name]
 
 
+STOP = b"s"
+
+
 class RawServer:
     """Answers with the bytes that it is told to, and ends the connection where it is told to.
 
@@ -71,8 +74,17 @@ class RawServer:
             raise self._fault
         return self.heads
 
+    def stop(self) -> None:
+        """End the thread; `begin` starts another."""
+        if self._thread is not None:
+            self._wake.send(STOP)
+            self._thread.join(20.0)
+            assert not self._thread.is_alive()
+            self._thread = None
+
     def _serve(self) -> None:
-        while True:
+        stopped = False
+        while not stopped:
             ready = self._selector.select(self.SILENCE if self._left_waiting else None)
             if not ready:
                 self._drop_all(list(self._left_waiting))
@@ -81,7 +93,8 @@ class RawServer:
                 if key.fileobj is self._listener:
                     self._accept()
                 elif key.fileobj is self._waking:
-                    ended = bool(self._waking.recv(1))
+                    told = self._waking.recv(1)
+                    ended, stopped = True, told == STOP
                 elif isinstance(key.fileobj, socket.socket):
                     with contextlib.suppress(OSError):
                         if self._hear(key.fileobj):

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import importlib
+import threading
 from pathlib import Path
 
 import pytest
@@ -23,13 +24,20 @@ def inputs(target: str) -> list[Path]:
 
 @pytest.mark.parametrize("target", sorted(PYTHON_TARGETS))
 def test_every_input_holds(target: str) -> None:
-    one_input = importlib.import_module(f"tests.fuzz.targets.{target}").one_input
-    for path in inputs(target):
-        try:
-            one_input(path.read_bytes())
-        except BaseException as error:
-            error.add_note(f"input: {path.name}")
-            raise
+    before = threading.enumerate()
+    module = importlib.import_module(f"tests.fuzz.targets.{target}")
+    try:
+        for path in inputs(target):
+            try:
+                module.one_input(path.read_bytes())
+            except BaseException as error:
+                error.add_note(f"input: {path.name}")
+                raise
+    finally:
+        # Other tests count the threads of the process.
+        if hasattr(module, "server"):
+            module.server.stop()
+    assert threading.enumerate() == before
 
 
 def test_every_corpus_belongs_to_a_target_and_is_small() -> None:
