@@ -130,6 +130,14 @@ def check(manager: Any, expected: Answer, shown: Any) -> None:
         assert error is None and token is expected.token, (shown, error)
 
 
+@pytest.fixture(autouse=True)
+def shared_errors_forget() -> Iterator[None]:
+    """They have been through thousands of calls, and would keep the frames of them all."""
+    yield
+    for error in filter(None, ERRORS):
+        error.__traceback__ = error.__context__ = None
+
+
 @pytest.fixture
 def no_sleep(monkeypatch: pytest.MonkeyPatch) -> ShortSleeps:
     sleeps = ShortSleeps()
