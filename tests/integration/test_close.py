@@ -108,6 +108,7 @@ def test_during_a_refresh(at: str, either: DevServer, harness: Make) -> None:
 
 @pytest.mark.parametrize("at", FLOW)
 def test_during_an_era_change(at: str, either: DevServer, harness: Make) -> None:
+    before = set(threading.enumerate())
     one = harness(either)
     manager = one.manager
     manager.authenticate()
@@ -123,7 +124,7 @@ def test_during_an_era_change(at: str, either: DevServer, harness: Make) -> None
     assert ended - begun < AT_ONCE
     came = wire(either)
     either.release()
-    until(lambda: threading.active_count() == 1)
+    until(lambda: before.issuperset(threading.enumerate()))
     assert wire(either) == came
     assert_stays_closed(one)
 

@@ -39,9 +39,9 @@ RefreshLoop::~RefreshLoop() {
 }
 
 void RefreshLoop::run() {
-  for (;;) {
+  while (!stop_requested()) {
     Pass next = Pass::kAgain;
-    const bool failed = python::caught([&] { next = stop_requested() ? Pass::kEnd : pass(); }).has_value();
+    const bool failed = python::caught([&] { next = pass(); }).has_value();
     if (next == Pass::kEnd) return;
     // A clock that fails now may work later; a loop that ended would leave the token to age.
     if (failed && python::caught([this] { wait(poll_seconds()); })) rest();
@@ -70,8 +70,17 @@ RefreshLoop::Pass RefreshLoop::pass() {
   return Pass::kAgain;
 }
 
-bool RefreshLoop::stop_requested() const {
-  return manager_.event_is_set(Field::kRefreshStop) || manager_.event_is_set(Field::kCloseEvent);
+bool RefreshLoop::stop_requested() {
+  for (;;) {
+    bool requested = false;
+    std::optional<python::Error> failure = python::caught([&] {
+      requested = manager_.event_is_set(Field::kRefreshStop) || manager_.event_is_set(Field::kCloseEvent);
+    });
+    if (!failure) return requested;
+    // There may be memory later; a manager without its events will not get any.
+    if (!failure->matches(PyExc_MemoryError)) throw std::move(*failure);
+    rest();
+  }
 }
 
 bool RefreshLoop::superseded() {

@@ -22,7 +22,7 @@ class RefreshLoop {
   enum class Pass { kAgain, kEnd };
 
   Pass pass();
-  bool stop_requested() const;
+  bool stop_requested();
   bool superseded();
   void refresh();
   void resign() noexcept;
