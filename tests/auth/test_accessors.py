@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import sys
 from typing import Any
 
 import pytest
@@ -151,3 +152,25 @@ def test_after_close_only_the_address_answers(logged_in: Any) -> None:
 def test_wrong_arguments(manager: Any, name: str) -> None:
     with pytest.raises(TypeError, match=name):
         getattr(manager, name)(1)
+
+
+class LockThatFailsAtItsEnd:
+    def __enter__(self) -> None:
+        pass
+
+    def __exit__(self, *_: object) -> None:
+        raise OSError("not released")
+
+
+def test_a_lock_of_the_host_that_fails_at_its_end_is_told_to_the_host(
+    manager: Any, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    told: list[Any] = []
+    monkeypatch.setattr(sys, "unraisablehook", told.append)
+    with_values(manager, auth._AUTHENTICATED)
+    plain, failing = manager._lock, LockThatFailsAtItsEnd()
+    manager._lock = failing
+    assert manager.get_token_expiry() == VALUES["get_token_expiry"]
+    manager._lock = plain
+    assert {(type(one.exc_value), str(one.exc_value)) for one in told} == {(OSError, "not released")}
+    assert all(one.object is failing for one in told)

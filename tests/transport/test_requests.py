@@ -185,6 +185,15 @@ def test_a_proxy_is_taken_from_the_environment(raw: Raw, monkeypatch: pytest.Mon
     assert [len(proxy.requests), len(origin.requests)] == [1, 1]
 
 
+def test_a_proxy_that_lets_nobody_through(raw: Raw, monkeypatch: pytest.MonkeyPatch) -> None:
+    proxy = raw(b"HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n")
+    monkeypatch.setenv("https_proxy", proxy.url)
+    refused = failure("GET", "https://127.0.0.1:9/")
+    assert type(refused) is OSError
+    assert str(refused) == "proxy for 127.0.0.1:9 answered 403"
+    assert proxy.request_line() == "CONNECT 127.0.0.1:9 HTTP/1.1"
+
+
 class TestRefused:
     """What cannot be sent is refused before anything is, and the message shows no value."""
 

@@ -6,6 +6,7 @@ import os
 import shutil
 import ssl
 import subprocess
+import sys
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -150,3 +151,12 @@ def test_the_url_library_agrees(
                 except OSError as error:
                     outcomes.append(type(getattr(error, "reason", error)))
             assert outcomes[0] == outcomes[1]
+
+
+def test_a_host_without_its_tls_library_still_speaks_plain_http(
+    server: DevServer, monkeypatch: pytest.MonkeyPatch, tmp_path: Path
+) -> None:
+    # A place that was not asked about before, so that the host is asked.
+    monkeypatch.setenv("SSL_CERT_DIR", str(tmp_path))
+    monkeypatch.setitem(sys.modules, "ssl", None)
+    assert transport("GET", server.url + "/_echo")[0] == 200
