@@ -43,6 +43,9 @@ void* only_argument(va_list arguments) {
 
 }  // namespace
 
+// libcurl declares its variadic functions so that an enumeration stands before the dots.
+#pragma GCC diagnostic ignored "-Wvarargs"
+
 extern "C" {
 
 CURLcode curl_global_init(long flags) {
