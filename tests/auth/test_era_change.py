@@ -211,6 +211,22 @@ def test_a_thread_that_cannot_be_started_leaves_nobody_waiting(
     assert served.value is idle._auth_error
 
 
+@pytest.mark.parametrize("call", ["get_token", "authenticate"])
+def test_a_thread_that_ends_before_its_first_line_leaves_nobody_waiting(
+    call: str, idle: Any, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    class Stillborn(threading.Thread):
+        def run(self) -> None:
+            pass
+
+    monkeypatch.setattr(auth, "threading", ThreadingProxy(Thread=Stillborn))
+    idle.notify_era_change(5)
+    error = Worker(getattr(idle, call)).failure()
+    assert reason_of(error) == "the thread of the re-authentication ended before it began"
+    assert error is idle._auth_error
+    assert (idle._state, idle._pending_era_number) == ("AUTHENTICATED", 5)
+
+
 def test_number_may_be_a_keyword(idle: Any, threads: type[NoThread]) -> None:
     assert idle.notify_era_change(new_era_number=5) is None
     assert idle._pending_era_number == 5
