@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test fuzz leaks exits build devserver bench check format warnings tidy coverage ctime chaos sanitize torture pins clean
+.PHONY: help demo test fuzz leaks exits build devserver bench check format warnings tidy coverage ctime chaos model sanitize torture pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -47,6 +47,9 @@ tidy: warnings ## clang-tidy over the sources
 
 coverage: build ## which lines and branches all tests reach, C++ and Python; 98 % of lines at least (about 15 min)
 	@tools/coverage $(ARGS)
+
+model: build ## search a model of the manager's threads exhaustively, and its mutants (about 15 min)
+	@tools/model
 
 ctime: build ## whether any branch or address depends on key bytes (valgrind; about 30 s)
 	@tools/ctime

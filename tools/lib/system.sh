@@ -57,6 +57,7 @@ has_package() {
     clang-format-16) tool clang-format-16 16 ;;
     libclang-rt-16-dev) has_fuzzer ;;
     clang-tidy-16) clang_tool clang-tidy ;;
+    spin) spin -V 2>/dev/null | grep '^Spin Version' ;;
     *) fail "has_package: no rule for $1" ;;
   esac >/dev/null
 }
