@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import abc
 import contextlib
 import os
 import threading
@@ -29,7 +30,7 @@ SHORT_OF_MEMORY = frozenset(
 )
 
 
-class Scenario:
+class Scenario(abc.ABC):
     """One life. `allowed` are the errors, besides success, in which `act` may end."""
 
     kinds: frozenset[Kind] = ALLOCATIONS | {Kind.CALL}
@@ -46,8 +47,8 @@ class Scenario:
     def prepare(self) -> None:
         self.bench.construct()
 
-    def act(self) -> None:
-        raise NotImplementedError
+    @abc.abstractmethod
+    def act(self) -> None: ...
 
     def conclude(self) -> Problems:
         """What does not hold after `act`, when nothing fails any more."""
