@@ -118,7 +118,7 @@ class Sweep:
                 spared_here = spared_here and result.get("failed") == 0
                 yield run, result
             spared = spared + 1 if spared_here else 0
-            if spared == AFTER_THE_LAST and number > count:
+            if spared >= AFTER_THE_LAST and number > count:
                 return
 
     def _ways(

@@ -81,9 +81,8 @@ def live(run: Run, address: str, complaints: bench_module.Complaints) -> dict[st
     else:
         seen, failed, no_such_way, what = _torture.end()
         problems += scenario.conclude()
-    left = scenario.bench.discard()
     if scenario.lets_go:
-        problems += left
+        problems += scenario.bench.discard()
     problems += complaints.texts
     complaints.texts.clear()
     return {
