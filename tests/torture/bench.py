@@ -207,11 +207,21 @@ class Bench:
         return [f"the {what} is still referred to" for what, ref in watched if ref() is not None]
 
 
+def stack_of(frame: types.FrameType | None) -> str:
+    names = []
+    while frame is not None:
+        names.append(frame.f_code.co_name)
+        frame = frame.f_back
+    return " < ".join(names)
+
+
 def left_behind() -> Problems:
     """Of every manager that this process had."""
     found: Problems = []
-    if not until(lambda: len(os.listdir("/proc/self/task")) == 1):
-        found.append(f"threads are left: {threading.enumerate()!r}")
+    if not until(lambda: len(os.listdir("/proc/self/task")) == 1, 4.0):
+        here = threading.get_ident()
+        stacks = [stack_of(frame) for thread, frame in sys._current_frames().items() if thread != here]
+        found.append(f"threads are left: {stacks}")
     pages, not_zero, taken = _torture.secrets()
     if not_zero or taken:
         found.append(f"of {pages} pages for secrets {taken} slots are taken and {not_zero} bytes not wiped")

@@ -10,7 +10,7 @@ import dataclasses
 import re
 from collections.abc import Iterable
 
-from .kinds import Run
+from .kinds import Mode, Run
 
 
 @dataclasses.dataclass(frozen=True)
@@ -20,17 +20,24 @@ class Exemption:
     frames: str  # found in the frames, "innermost < its caller < …", of a refusal or of the crash
     reason: str
     scenarios: tuple[str, ...] = ()  # none: all
+    modes: tuple[Mode, ...] = tuple(Mode)
 
     def covers(self, run: Run, problem: str, chains: Iterable[str]) -> bool:
-        if self.scenarios and run.scenario not in self.scenarios:
+        if run.mode not in self.modes or (self.scenarios and run.scenario not in self.scenarios):
             return False
-        return re.search(self.problem, problem) is not None and any(re.search(self.frames, c) for c in chains)
+        if re.search(self.problem, problem) is None:
+            return False
+        return not self.frames or any(re.search(self.frames, chain) for chain in chains)
 
 
 CRASH = r"the process ended with -(11|6)"
 AFTERMATH = (
     r"still referred to|is kept by the host|threads are left|slots are taken|unraisable|thread ended with"
 )
+
+# A thread that waits in its own start, and what it keeps.
+STILLBORN = re.compile(r"threads are left: \['(?:(?!\brun\b)[^'])*_bootstrap_inner < _bootstrap'\]")
+KEPT = re.compile(r"still referred to|is kept by the host")
 
 EXEMPTIONS = (
     Exemption(
@@ -42,7 +49,7 @@ EXEMPTIONS = (
     Exemption(
         "frame of a callback",
         CRASH,
-        r"\b(initialize_locals|_PyEvalFramePushAndInit)\b",
+        r"\b(initialize_locals|_PyFrame_Initialize|_PyEvalFramePushAndInit)\b",
         "a call of a Python function that finds no memory for its frame reads what it has given back",
     ),
     Exemption(
@@ -50,6 +57,32 @@ EXEMPTIONS = (
         CRASH,
         r"\binsertion_resize\b",
         "an entry whose dict cannot grow is given back once too often; here, those of a type being made",
+    ),
+    Exemption(
+        "frame of a traceback",
+        r"SystemError\(.*(without setting an exception|error return without exception set)",
+        r"\b_PyFrame_MakeAndSetFrameObject\b",
+        "an exception is lost where its traceback's frame finds no memory",
+    ),
+    Exemption(
+        "paths of the trust store",
+        r"get_default_verify_paths> returned a result with an exception set",
+        r"\b_ssl_get_default_verify_paths",
+        "the ssl module overlooks that a text found no memory",
+    ),
+    Exemption(
+        "iterator of a dict",
+        CRASH,
+        r"\bdictiter_new\b",
+        "an iterator whose result tuple finds no memory is given back before it is whole",
+    ),
+    Exemption(
+        "start that nobody finishes",
+        STILLBORN.pattern,
+        r"",
+        "a start that finds no memory while it waits leaves the thread's first event locked, and with it the "
+        "thread before its first line",
+        modes=(Mode.ONWARD, Mode.PAIR),
     ),
     Exemption(
         "type without a name",
@@ -78,8 +111,8 @@ EXEMPTIONS = (
     ),
     Exemption(
         "lock of an import",
-        r"unraisable MemoryError\(\) in None",
-        r"\b(import_find_and_load|import_ensure_initialized|PyImport_\w+)\b",
+        r"unraisable MemoryError\(\) in None|Exception ignored in",
+        r"",
         "an import that finds no memory while it ends gives up its lock with a note to nobody",
         ("import",),
     ),
@@ -97,8 +130,8 @@ EXEMPTIONS = (
     ),
     Exemption(
         "bootstrap of a thread",
-        AFTERMATH,
-        r"\bthread_run\b",
+        AFTERMATH + "|Python blocks more|Exception ignored in",
+        r"",
         "a thread that finds no memory before or after its body ends half registered",
         ("thread-bootstrap",),
     ),

@@ -7,7 +7,7 @@ import re
 import subprocess
 
 LINE = re.compile(r"^native: (\S+) (0x[0-9a-f]+) (\S+)$", re.MULTILINE)
-OWN = ("torture", "__GI___sigaction", "__restore_rt")
+OWN = ("/_torture.so", "__GI___sigaction", "__restore_rt")
 LONGEST = 24
 
 

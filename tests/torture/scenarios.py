@@ -268,15 +268,17 @@ class ThreadBootstrap(LoggedIn):
         self.bench.service.era = 7
 
     def act(self) -> None:
-        from tessaline import auth
-
-        disarmed = _torture.host(self._announce)
-        disarmed()
-        auth.threading = threading
+        _torture.host(self._announce)()
 
     def _announce(self) -> None:
         self.bench.manager.notify_era_change(7)
         self.bench.waiters.append(Waiter(self.bench.manager.get_token))
+
+    def conclude(self) -> Problems:
+        from tessaline import auth
+
+        auth.threading = threading
+        return super().conclude()
 
 
 class Rename(LoggedIn):

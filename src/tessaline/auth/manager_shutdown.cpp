@@ -28,6 +28,8 @@ class Steps {
     if (failure && !first_) first_ = std::move(failure);
   }
 
+  Ref first() const { return Ref::borrow(first_->exception()); }
+
   void raise_first() {
     if (first_) throw std::move(*first_);
   }
@@ -36,10 +38,10 @@ class Steps {
   std::optional<python::Error> first_;
 };
 
-void wake_waiters(AuthManager& manager) {
+void wake_waiters(AuthManager& manager, PyObject* error) {
   const Locked lock(manager);
   if (manager.is_none(Field::kAuthEvent)) return;
-  manager.set(Field::kAuthError, new_auth_error(reason::kManagerClosed));
+  manager.set(Field::kAuthError, Ref::borrow(error));
   manager.set_event(Field::kAuthEvent);
 }
 
@@ -86,7 +88,11 @@ void AuthManager::complete_close() {
        {Field::kCloseEvent, Field::kRefreshStop, Field::kRefreshEvent, Field::kRefreshDone}) {
     steps.take([&] { set_event(event); });
   }
-  steps.take([&] { wake_waiters(*this); });
+  Ref error;
+  steps.take([&] { error = new_auth_error(reason::kManagerClosed); });
+  // Where there is no memory for it, what says so: waiting for ever would be worse.
+  if (!error) error = steps.first();
+  steps.take([&] { wake_waiters(*this, error.get()); });
   forget_credentials(*this);
   steps.raise_first();
   join_refresh_thread(*this);

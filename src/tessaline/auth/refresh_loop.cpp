@@ -17,6 +17,14 @@ Ref this_thread() {
   return python::call_method(python::global(names::threading).get(), names::current_thread);
 }
 
+/// Whether the step failed for want of memory, which there may be later. Other failures are raised.
+template <class Step>
+bool lacks_memory(Step&& step) {
+  std::optional<python::Error> failure = python::caught(std::forward<Step>(step));
+  if (failure && !failure->matches(PyExc_MemoryError)) throw std::move(*failure);
+  return failure.has_value();
+}
+
 }  // namespace
 
 bool is_alive(PyObject* thread) {
@@ -31,7 +39,7 @@ bool is_alive(PyObject* thread) {
 }
 
 RefreshLoop::RefreshLoop(AuthManager& manager) : manager_(manager) {
-  python::insist([this] { me_ = this_thread(); });
+  while (lacks_memory([this] { me_ = this_thread(); })) rest();
 }
 
 RefreshLoop::~RefreshLoop() {
@@ -71,16 +79,12 @@ RefreshLoop::Pass RefreshLoop::pass() {
 }
 
 bool RefreshLoop::stop_requested() {
-  for (;;) {
-    bool requested = false;
-    std::optional<python::Error> failure = python::caught([&] {
-      requested = manager_.event_is_set(Field::kRefreshStop) || manager_.event_is_set(Field::kCloseEvent);
-    });
-    if (!failure) return requested;
-    // There may be memory later; a manager without its events will not get any.
-    if (!failure->matches(PyExc_MemoryError)) throw std::move(*failure);
-    rest();
-  }
+  bool requested = false;
+  const auto look = [&] {
+    requested = manager_.event_is_set(Field::kRefreshStop) || manager_.event_is_set(Field::kCloseEvent);
+  };
+  while (lacks_memory(look)) rest();
+  return requested;
 }
 
 bool RefreshLoop::superseded() {
@@ -95,12 +99,13 @@ bool RefreshLoop::superseded() {
 }
 
 void RefreshLoop::refresh() {
-  names::do_refresh.object();  // fails here rather than below, where nobody would hear of it
   manager_.set_event(Field::kRefreshPending);
   // From here on it sleeps for no refresh: a login that fails meanwhile finds that a loop is missing.
   resign();
   // What a refresh meets it records itself; here is nobody to tell.
-  static_cast<void>(python::caught([this] { manager_.call_own(names::do_refresh); }));
+  static_cast<void>(python::caught([this] {
+    while (lacks_memory([this] { manager_.call_own(names::do_refresh); }) && !stop_requested()) rest();
+  }));
 }
 
 void RefreshLoop::resign() noexcept {
