@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import contextlib
 import itertools
+import re
 import subprocess
 import sys
 from collections.abc import Callable, Iterator
@@ -242,3 +243,16 @@ def test_a_hang_is_ended_with_its_name_and_every_stack() -> None:
     assert "HANG after" in ended.stderr
     assert "flow 7:7" in ended.stderr
     assert "in stuck_for_ever" in ended.stderr
+
+
+@pytest.mark.process
+def test_the_command_plays_flows_and_lives_and_ends_with_its_figures() -> None:
+    ended = subprocess.run(
+        [ROOT / "tools" / "chaos", "--flows", "4", "--managers", "2", "--days", "2"],
+        capture_output=True,
+        timeout=120,
+        text=True,
+    )
+    assert ended.returncode == 0, ended.stdout + ended.stderr
+    last = ended.stdout.splitlines()[-1]
+    assert re.search(r": 4 flows, \d+ requests, 4 simulated days, 0 hangs, 0 violations$", last), last
