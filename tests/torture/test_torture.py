@@ -7,7 +7,8 @@ from collections.abc import Iterator
 
 import pytest
 
-from . import driver
+from tests.sanitized import SANITIZER
+
 from .driver import Report, Sweep, Worker
 from .kinds import Kind, Mode, Run
 from .loopback import Loopback
@@ -15,10 +16,8 @@ from .loopback import Loopback
 SEED = 20
 SWEEPS, MOST = 16, 1  # sweeps drawn, and runs of each
 
-try:
-    driver.native_half()
-except FileNotFoundError:
-    pytest.skip("what makes things fail is not built with sanitizers", allow_module_level=True)
+if SANITIZER:
+    pytest.skip("what makes allocations fail would stand before the sanitizer's own", allow_module_level=True)
 
 
 @pytest.fixture(scope="module")
@@ -69,14 +68,21 @@ def test_a_crash_is_told(teller: Worker) -> None:
     assert any("abort" in stack for stack in stacks)
 
 
-WHOLE = (("token-due", Kind.PYTHON), ("construct", Kind.CALL), ("refresh", Kind.MODULE), ("era", Kind.THREAD))
+WHOLE = (
+    Sweep("token-due", Kind.PYTHON, Mode.ONCE),
+    Sweep("construct", Kind.CALL, Mode.ONCE),
+    Sweep("refresh", Kind.MODULE, Mode.ONCE),
+    Sweep("era", Kind.THREAD, Mode.ONCE),
+    Sweep("close", Kind.PYTHON, Mode.ONWARD),
+    Sweep("refresh-thread", Kind.PYTHON, Mode.ONWARD),
+)
 
 
-@pytest.mark.parametrize(("scenario", "kind"), WHOLE)
-def test_every_single_failure_leaves_the_manager_usable(
-    scenario: str, kind: Kind, worker: Worker, teller: Worker
+@pytest.mark.parametrize("sweep", WHOLE, ids=str)
+def test_every_failure_leaves_the_manager_usable_or_closed(
+    sweep: Sweep, worker: Worker, teller: Worker
 ) -> None:
-    report, found = findings(worker, teller, Sweep(scenario, kind, Mode.ONCE))
+    report, found = findings(worker, teller, sweep)
     assert report.runs
     assert found == []
 

@@ -37,7 +37,13 @@ def run(program: str, server: DevServer, *, interrupt_at: str | None = None) -> 
     interrupt_at: path at which the program's request is waited for, to interrupt the program then.
     """
     ca_file = {"SSL_CERT_FILE": server.ca_file} if server.ca_file else {}
-    start = f"import json, os, sys, threading, time\nfrom tessaline import auth\nurl = {server.url!r}\n"
+    start = (
+        "import json, os, signal, sys, threading, time\n"
+        "from tessaline import auth\n"
+        # A shell's background jobs ignore it.
+        "signal.signal(signal.SIGINT, signal.default_int_handler)\n"
+        f"url = {server.url!r}\n"
+    )
     child = subprocess.Popen(
         [sys.executable, "-P", "-W", "ignore", "-c", start + textwrap.dedent(program)],
         stdin=subprocess.DEVNULL,
