@@ -19,11 +19,11 @@ tool() {
   return 1
 }
 
-# clang_tool NAME: that clang program, of version 16 or later.
+# clang_tool NAME [OLDEST]: that clang program, of version OLDEST (16) or later.
 clang_tool() {
   local suffix
   for suffix in -16 -17 -18 -19 -20 -21 ""; do
-    tool "$1$suffix" 16 && return
+    tool "$1$suffix" "${2:-16}" && return
   done
   return 1
 }
@@ -36,10 +36,10 @@ has_module() {
   fi
 }
 
-# Whether clang has libFuzzer among its runtime libraries.
-has_fuzzer() {
+# has_runtime NAME OLDEST: whether clang of that version or later has such a runtime library.
+has_runtime() {
   local clang
-  clang=$(clang_tool clang++) && compgen -G "$("$clang" -print-resource-dir)/lib/*/libclang_rt.fuzzer*.a"
+  clang=$(clang_tool clang++ "$2") && compgen -G "$("$clang" -print-resource-dir)/lib/*/libclang_rt.$1"
 }
 
 has_package() {
@@ -54,8 +54,10 @@ has_package() {
     libgtest-dev) has_module gtest_main "$1" ;;
     valgrind) has_module valgrind "$1" && tool valgrind 3.19 ;;
     clang-16) clang_tool clang++ ;;
+    clang-19) clang_tool clang++ 19 ;;
     clang-format-16) tool clang-format-16 16 ;;
-    libclang-rt-16-dev) has_fuzzer ;;
+    libclang-rt-16-dev) has_runtime 'fuzzer*.a' 16 ;;
+    libclang-rt-19-dev) has_runtime 'asan*.so' 19 ;;
     clang-tidy-16) clang_tool clang-tidy ;;
     spin) spin -V 2>/dev/null | grep '^Spin Version' ;;
     *) fail "has_package: no rule for $1" ;;

@@ -7,7 +7,8 @@ use_sanitizer() {
   local clang gxx
   sanitizer=$1
   tree=$PWD/build/sanitize-$sanitizer
-  clang=$(clang_tool clang++)
+  # Older runtimes hold their allocator's lock over a fork, so that a child may wait for it for ever.
+  clang=$(clang_tool clang++ 19)
   gxx=$(tool g++ 12)
   # One runtime of clang's reports for both kinds into one file. The race detector is that of the compiler
   # which makes the release, with its own idea of undefined behaviour.
