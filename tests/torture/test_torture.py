@@ -55,6 +55,15 @@ def test_what_is_to_fail_fails(worker: Worker) -> None:
     assert spared["seen"] > 50
 
 
+def test_calls_of_the_library_that_makes_requests_can_fail(worker: Worker) -> None:
+    spared = worker.make(Run("network", Kind.CALL, Mode.ONCE, 0))
+    assert (spared["outcome"], spared["problems"]) == ("success", [])
+    assert spared["seen"] > 100
+    refused = worker.make(Run("network", Kind.CALL, Mode.ONCE, 20))
+    assert (refused["failed"], refused["problems"]) == (1, [])
+    assert refused["what"].startswith("curl_")
+
+
 def test_a_leak_is_found(worker: Worker) -> None:
     assert worker.make(Run("leaking", Kind.PYTHON, Mode.LEAK, 0))["problems"]
 

@@ -90,7 +90,7 @@ int way_to_fail(const char* what, int ways, const void* caller) noexcept {
 }
 
 bool is_module(const void* address) noexcept {
-  return comes_from(address, "/tessaline/auth.");
+  return comes_from(address, "/tessaline/auth.") || comes_from(address, "/tessaline/libtessaline_http.");
 }
 
 bool is_curl(const void* address) noexcept {

@@ -48,7 +48,7 @@ bool fails(Kind kind, const char* what) noexcept;
 /// The same for a call with several ways to fail: the way, or -1.
 int way_to_fail(const char* what, int ways, const void* caller) noexcept;
 
-/// Whether code at that address belongs to the module or to libcurl.
+/// Whether code at that address belongs to the module, with the library that it loads, or to libcurl.
 bool is_module(const void* address) noexcept;
 bool is_curl(const void* address) noexcept;
 
