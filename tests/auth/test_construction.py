@@ -85,19 +85,29 @@ def test_right_after_construction_there_is_no_expiry_and_no_permanent_error() ->
 # Address
 
 
-@pytest.mark.parametrize(
-    ("key", "address"),
-    [
-        ("1".zfill(64), "0x7e5f4552091a69125d5dfcb7b8c2659029395bdf"),
-        ("46" * 32, "0x9d8a62f656a8d1615c1294fd71e9cfb3e4855a4f"),
-        (
-            "4c0883a69102937d6231471b5dbb6204fe5129617082792ae468d01a3f362318",
-            "0x2c7536e3605d9c16a7a3d7b1898e529396a65c23",
-        ),
-    ],
-)
+PUBLISHED = [
+    ("1".zfill(64), "0x7e5f4552091a69125d5dfcb7b8c2659029395bdf"),
+    ("46" * 32, "0x9d8a62f656a8d1615c1294fd71e9cfb3e4855a4f"),
+    (
+        "4c0883a69102937d6231471b5dbb6204fe5129617082792ae468d01a3f362318",
+        "0x2c7536e3605d9c16a7a3d7b1898e529396a65c23",
+    ),
+]
+
+
+@pytest.mark.parametrize(("key", "address"), PUBLISHED)
 def test_address_of_a_published_key(key: str, address: str) -> None:
     assert auth.AuthManager(key, BASE)._wallet_address == address
+
+
+def test_the_key_is_what_the_modules_function_makes_of_it(monkeypatch: pytest.MonkeyPatch) -> None:
+    (first, _), (second, address) = PUBLISHED[:2]
+    seen: list[Any] = []
+    monkeypatch.setattr(auth, "_validate_private_key", lambda key: seen.append(key) or second)
+    manager = auth.AuthManager(first, BASE)
+    assert seen == [first]
+    assert manager._wallet_address == address
+    assert manager._private_key == second
 
 
 def test_address_with_mixed_case_checksum_letters_is_stored_in_lower_case() -> None:

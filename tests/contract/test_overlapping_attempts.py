@@ -61,6 +61,33 @@ def test_a_login_that_fails_after_its_store_does_not_undo_the_next_one(
             manager.get_token()
 
 
+def test_a_re_authentication_that_fails_late_does_not_undo_the_next_login(
+    logged_in: Any, service: Service
+) -> None:
+    own = threading.Event()
+    logins: list[Caller] = []
+
+    def flow() -> Any:
+        # Meanwhile the host gives it up and logs in itself.
+        logged_in._state = "AUTHENTICATED"
+        gate = service.hold(CHALLENGE)
+        logins.append(Caller(logged_in.authenticate))
+        gate.reached()
+        raise ConnectionResetError("too late")
+
+    logged_in._state, logged_in._auth_event = "RE_AUTHENTICATING", own
+    logged_in._do_auth_flow_matching_pending_era = flow
+    logged_in._background_reauth()
+    # Those who wait for it are woken; the login is still the one that runs.
+    assert own.is_set()
+    assert logged_in._state == "AUTHENTICATING"
+    assert not logged_in._auth_event.is_set()
+    assert logged_in._auth_error is None
+    service.let_go()
+    logins[0].result()
+    assert logged_in.get_token() == service.tokens[-1]
+
+
 def test_an_announcement_about_to_start_its_thread_is_not_taken_for_an_orphan(
     logged_in: Any, service: Service, monkeypatch: pytest.MonkeyPatch
 ) -> None:

@@ -41,6 +41,13 @@ def test_refused(unused_port: int) -> None:
     assert error.errno == errno.ECONNREFUSED
 
 
+def test_unreachable() -> None:
+    # A broadcast address: the system refuses to connect to it before anything is sent.
+    error = failed("http://127.255.255.255:9")
+    assert type(error) is ConnectionError
+    assert error.errno == errno.EHOSTUNREACH
+
+
 def test_a_name_that_cannot_be_resolved() -> None:
     # Too long for a name, so that no resolver is asked.
     error = failed(f"http://{'a' * 64}.test:80")

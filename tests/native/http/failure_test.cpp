@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <new>
 #include <optional>
+#include <string>
 
 namespace tessaline::auth::http {
 namespace {
@@ -90,6 +91,9 @@ TEST(Failure, MessagesNameThePeer) {
   EXPECT_EQ(message_of(fault_of(CURLE_COULDNT_RESOLVE_HOST)), "name of host h:1 cannot be resolved");
   EXPECT_EQ(message_of(fault_of(CURLE_COULDNT_RESOLVE_PROXY)),
             "name of the proxy for h:1 cannot be resolved");
+  EXPECT_EQ(message_of(fault_of(CURLE_URL_MALFORMAT)), "request to h:1 cannot be sent");
+  EXPECT_EQ(message_of(fault_of(CURLE_INTERFACE_FAILED)),
+            std::string("request to h:1 failed: ") + curl_easy_strerror(CURLE_INTERFACE_FAILED));
   Fault refused = fault_of(CURLE_RECV_ERROR);
   refused.proxy_status = 407;
   EXPECT_EQ(message_of(refused), "proxy for h:1 answered 407");

@@ -2,6 +2,7 @@
 
 #include <future>
 
+#include "leave.hpp"
 #include "loopback_server.hpp"
 
 #if defined(__SANITIZE_THREAD__)
@@ -20,6 +21,7 @@ using testing::answer_of;
 using testing::AnsweringServer;
 using testing::Connection;
 using testing::failure_of;
+using testing::leave;
 using testing::LoopbackServer;
 using testing::request_for;
 using testing::WireRequest;
@@ -32,7 +34,7 @@ int status_of_child(Work work) {
   const pid_t child = fork();
   if (child == 0) {
     alarm(10);
-    _exit(work());
+    leave(work());
   }
   int status = 0;
   EXPECT_EQ(waitpid(child, &status, 0), child);
@@ -73,7 +75,7 @@ TEST(Fork, ChildKeepsNoCopyOfAConnection) {
     ::close(pipe_ends[1]);
     char byte = 0;
     alarm(10);
-    _exit(read(pipe_ends[0], &byte, 1) == 0 ? kGood : 1);
+    leave(read(pipe_ends[0], &byte, 1) == 0 ? kGood : 1);
   });
   EXPECT_EQ(failure.kind, FailureKind::kInterrupted);
   EXPECT_TRUE(closed.get_future().get());
@@ -100,10 +102,10 @@ TEST(Fork, WithinATickEndsTheChildsRequestOnly) {
       if (child != 0) forked.set_value();
       return true;
     });
-    if (child == 0) _exit(1);
+    if (child == 0) leave(1);
     EXPECT_EQ(response.body, "x");
   } catch (const TransportFailure& failure) {
-    if (child == 0) _exit(failure.kind() == FailureKind::kReset ? kGood : 2);
+    if (child == 0) leave(failure.kind() == FailureKind::kReset ? kGood : 2);
     ADD_FAILURE() << failure.what();
   }
   int status = 0;
@@ -174,7 +176,7 @@ void late_in_exit() {
   }).detach();
   const bool parked = returned.get_future().wait_for(200ms) == std::future_status::timeout;
   const bool refused = failure_of(request_for(url)).message == "process is exiting";
-  _exit(parked && refused ? kGood : 1);
+  leave(parked && refused ? kGood : 1);
 }
 
 [[noreturn]] void exit_and_go_on() {

@@ -87,8 +87,7 @@ std::string message_of(FailureKind kind, const Fault& fault, const std::string& 
       return "TLS with " + peer + " failed: " + curl_easy_strerror(fault.code);
     case FailureKind::kMalformedResponse:
       return "answer of " + peer + (fault.body_too_large ? " is too large" : " is not HTTP/1");
-    case FailureKind::kInterrupted:
-      return "request to " + peer + " was interrupted";
+    case FailureKind::kInterrupted:  // by the caller, who words it himself
     case FailureKind::kOther:
       break;
   }
