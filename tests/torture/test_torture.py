@@ -83,7 +83,6 @@ WHOLE = (
     Sweep("refresh", Kind.MODULE, Mode.ONCE),
     Sweep("era", Kind.THREAD, Mode.ONCE),
     Sweep("close", Kind.PYTHON, Mode.ONWARD),
-    Sweep("refresh-thread", Kind.PYTHON, Mode.ONWARD),
 )
 
 
@@ -103,6 +102,16 @@ def test_a_thread_that_fails_at_its_start_leaves_nobody_waiting(
 ) -> None:
     report = Report(teller)
     run = Run(scenario, Kind.PYTHON, Mode.ONCE, number)
+    report.add(run, worker.make(run))
+    assert report.findings == []
+
+
+@pytest.mark.parametrize("number", range(5, 11))
+def test_a_refresh_that_finds_no_memory_for_a_while_is_made_later(
+    number: int, worker: Worker, teller: Worker
+) -> None:
+    report = Report(teller)
+    run = Run("refresh-thread", Kind.PYTHON, Mode.ONWARD, number)
     report.add(run, worker.make(run))
     assert report.findings == []
 
