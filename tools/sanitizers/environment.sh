@@ -4,26 +4,19 @@ runtime_of() { "$compiler" -print-file-name="$1"; }
 
 # use_sanitizer NAME: what follows is about that one.
 use_sanitizer() {
-  local clang gxx
+  local gxx runtime
   sanitizer=$1
   tree=$PWD/build/sanitize-$sanitizer
-  # Older runtimes hold their allocator's lock over a fork, so that a child may wait for it for ever.
-  clang=$(clang_tool clang++ 19)
+  # Older runtimes do not survive a fork: their allocator stays locked in the child, or a thread of it dies of
+  # having the number that one of the parent's had.
+  compiler=$(clang_tool clang++ 19)
   gxx=$(tool g++ 12)
-  # One runtime of clang's reports for both kinds into one file. The race detector is that of the compiler
-  # which makes the release, with its own idea of undefined behaviour.
+  kinds=$sanitizer,undefined
   case $sanitizer in
-    address)
-      compiler=$clang kinds=address,undefined
-      runtimes=("$(runtime_of "libclang_rt.asan-$(uname -m).so")")
-      planted=(use_after_free overflow)
-      ;;
-    thread)
-      compiler=$gxx kinds=thread,undefined
-      runtimes=("$(runtime_of libtsan.so)" "$(runtime_of libubsan.so)")
-      planted=(race overflow)
-      ;;
+    address) runtime=asan planted=(use_after_free overflow) ;;
+    thread) runtime=tsan planted=(race overflow) ;;
   esac
+  runtimes=("$(runtime_of "libclang_rt.$runtime-$(uname -m).so")")
   # Found before the interpreter loads it, so that throwing is seen too.
   runtimes+=("$("$gxx" -print-file-name=libstdc++.so)")
   [[ -e ${runtimes[0]} ]] || fail "$compiler has no runtime ${runtimes[0]}"
@@ -43,8 +36,9 @@ under_sanitizer() {
   local all="log_path=$report:print_suppressions=1:allocator_may_return_null=1"
   shift
   local address="$all:abort_on_error=1:detect_stack_use_after_return=1:quarantine_size_mb=16"
-  # At the end there is nothing to wait for: the tests are about how fast a program ends.
-  local thread="$all:suppressions=$supp:second_deadlock_stack=1:history_size=4:atexit_sleep_ms=0"
+  # At the end there is nothing to wait for: the tests are about how fast a program ends. And children of a fork
+  # start threads.
+  local thread="$all:suppressions=$supp:second_deadlock_stack=1:history_size=4:atexit_sleep_ms=0:die_after_fork=0"
   env \
     ASAN_OPTIONS="$address:detect_leaks=${leaks:-1}" \
     LSAN_OPTIONS="suppressions=$supp" \
