@@ -45,7 +45,7 @@ warnings: build ## compile with g++ and clang, warnings being errors
 tidy: warnings ## clang-tidy over the sources
 	@tools/tidy $(ARGS)
 
-coverage: build ## which lines and branches all tests reach, C++ and Python; 98 % of lines at least (about 15 min)
+coverage: build ## which lines and branches all tests reach, C++ and Python; 98 % of lines at least (about 8 min)
 	@tools/coverage $(ARGS)
 
 model: build ## search a model of the manager's threads exhaustively, and its mutants (about 15 min)

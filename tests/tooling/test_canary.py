@@ -95,6 +95,11 @@ def test_context_out_of_a_library():
             raise RuntimeError("fine")
 
 
+def test_what_could_not_be_read_comes_to_somebody():
+    with pytest.raises(ValueError):
+        json.loads('{"token": "' + HEX)
+
+
 def test_an_error_out_of_native_code():
     with contextlib.suppress(ValueError):
         int(HEX, 5)
@@ -179,6 +184,11 @@ def test_quiet_fields(kept_manager):
 def test_quiet_inside_a_library():
     # It tries to read the key as JSON, and goes on when that fails.
     assert jwt.encode({}, HEX, algorithm="HS256")
+
+
+def test_quiet_where_what_cannot_be_read_is_passed_over():
+    with contextlib.suppress(ValueError):
+        json.loads('{"token": "' + HEX)
 
 
 def test_quiet_words():
