@@ -58,6 +58,7 @@ has_package() {
     clang-format-16) tool clang-format-16 16 ;;
     libclang-rt-16-dev) has_runtime 'fuzzer*.a' 16 ;;
     libclang-rt-19-dev) has_runtime 'asan*.so' 19 ;;
+    llvm-19) "$(clang_tool clang++ 19)" -print-prog-name=llvm-symbolizer | grep '^/' ;;
     clang-tidy-16) clang_tool clang-tidy ;;
     spin) spin -V 2>/dev/null | grep '^Spin Version' ;;
     *) fail "has_package: no rule for $1" ;;

@@ -26,7 +26,7 @@ build_tree() {
   cmake --preset "$([[ $sanitizer == address ]] && echo asan || echo tsan)" -B "$tree" \
     -D CMAKE_CXX_COMPILER="$compiler" -D Python_EXECUTABLE="$PWD/.venv/bin/python"
   cmake --build "$tree" --target auth tessaline_http_library fuzz_rooms wallet_tests http_tests verdict_tests
-  "$compiler" -g -shared -fPIC -fsanitize="$kinds" -fno-sanitize-recover=undefined \
+  "$compiler" -g -shared -fPIC -fsanitize="$kinds" -fno-sanitize=vptr -fno-sanitize-recover=undefined \
     tools/sanitizers/planted.cpp -o "$tree/planted.so"
 }
 
@@ -34,6 +34,7 @@ build_tree() {
 under_sanitizer() {
   local report=$tree/$1/report supp=$PWD/tools/sanitizers/$sanitizer.supp
   local all="log_path=$report:print_suppressions=1:allocator_may_return_null=1"
+  all+=":external_symbolizer_path=$("$compiler" -print-prog-name=llvm-symbolizer)"
   shift
   local address="$all:abort_on_error=1:detect_stack_use_after_return=1:quarantine_size_mb=16"
   # At the end there is nothing to wait for: the tests are about how fast a program ends. And children of a fork
