@@ -9,6 +9,7 @@
 
 #include "bare_curve.hpp"
 #include "bare_http.hpp"
+#include "empty_type.hpp"
 
 namespace {
 
@@ -18,29 +19,6 @@ PyObject* raise(const std::exception& error) {
   PyErr_SetString(PyExc_RuntimeError, error.what());
   return nullptr;
 }
-
-PyObject* empty_method(PyObject* /*self*/, PyObject* /*none*/) {
-  Py_RETURN_NONE;
-}
-
-PyMethodDef kEmptyMethods[] = {
-    {"get_token", empty_method, METH_NOARGS, "Does nothing."},
-    {nullptr, nullptr, 0, nullptr},
-};
-
-PyType_Slot kEmptySlots[] = {
-    {Py_tp_methods, kEmptyMethods},
-    {Py_tp_doc, const_cast<char*>("A heap type whose method does nothing.")},
-    {0, nullptr},
-};
-
-PyType_Spec kEmptySpec = {
-    .name = "floors.Empty",
-    .basicsize = sizeof(PyObject),
-    .itemsize = 0,
-    .flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE,
-    .slots = kEmptySlots,
-};
 
 PyObject* bare_signing(PyObject* /*module*/, PyObject* args) {
   Py_ssize_t loops = 0;
@@ -130,16 +108,8 @@ PyMethodDef kFunctions[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
-int execute(PyObject* module) {
-  PyObject* type = PyType_FromSpec(&kEmptySpec);
-  if (type == nullptr) return -1;
-  const int result = PyModule_AddType(module, reinterpret_cast<PyTypeObject*>(type));
-  Py_DECREF(type);
-  return result;
-}
-
 PyModuleDef_Slot kSlots[] = {
-    {Py_mod_exec, reinterpret_cast<void*>(execute)},
+    {Py_mod_exec, reinterpret_cast<void*>(benchmarks::add_empty_type)},
     {0, nullptr},
 };
 

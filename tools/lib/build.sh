@@ -1,7 +1,7 @@
 # Builds the package and installs it into .venv.
 
 build_inputs() {
-  find src tests/native tests/torture/native tests/fuzz/CMakeLists.txt tests/fuzz/*.[ch]pp CMakeLists.txt CMakePresets.json pyproject.toml README.md \
+  find src tests/native benchmarks/native tests/torture/native tests/fuzz/CMakeLists.txt tests/fuzz/*.[ch]pp CMakeLists.txt CMakePresets.json pyproject.toml README.md \
     -type f -not -path '*/__pycache__/*' -print0 | sort -z
 }
 
