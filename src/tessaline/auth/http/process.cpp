@@ -47,6 +47,7 @@ void after_fork_in_parent() {
 }
 
 void after_fork_in_child() {
+  if (gate_closed) pthread_rwlock_unlock(&fork_gate);
   // Every other thread is gone, and this one was outside. The gate may count threads that waited at it.
   fork_gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
   inside_count.store(0);
