@@ -47,11 +47,11 @@ def plant(kind: str, secret: object) -> None:
 def resting() -> Iterator[None]:
     """Nothing is planted or looked for in here, where a test counts the memory in use."""
     global at_rest
-    at_rest = True
+    before, at_rest = at_rest, True
     try:
         yield
     finally:
-        at_rest = False
+        at_rest = before
 
 
 def watch(manager: Any) -> Any:

@@ -59,6 +59,9 @@ class Hunt:
         self.counts["elsewhere"] = len(elsewhere)
 
     def pytest_collection_finish(self) -> None:
+        from canary import registry  # found since the tests are
+
+        registry.at_rest = True  # what it plants it keeps
         # What is there before the first test need not be looked through after each.
         caches.clear()
         self._finalizers = _Finalizers()

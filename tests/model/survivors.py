@@ -58,7 +58,6 @@ GROUPS: list[tuple[str, dict[str, tuple[str, ...]]]] = [
         {
             "confirmed_event_is_new": ("never",),
             "failed_era_is_newest": ("never",),
-            "failed_login_is_newest": ("never",),
             "failed_refresh_is_newest": ("never",),
             "overtaken_by_announcement": ("never",),
         },
