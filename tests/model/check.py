@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 import re
+import signal
 import subprocess
 import sys
 import time
@@ -22,7 +23,7 @@ ASSERTION = re.compile(r"\bassert\(")
 COMPILE = ["-O0", "-w", "-DCOLLAPSE", "-DMEMLIM=3500", "-DVECTORSZ=1024"]
 DEPTH = "-m1000000"
 TIMEOUT = 900
-SAMPLE_SECONDS = 20
+SAMPLE_SECONDS = 20  # of the processor's time, so that a busy machine finds what a quiet one does
 
 
 @dataclass(frozen=True)
@@ -60,17 +61,23 @@ def mutants() -> list[Mutant]:
     return made
 
 
-def run(command: list[str], folder: Path, timeout: float = TIMEOUT, **environment: str) -> str:
+class Unfinished(Exception):
+    """A search that took more of the processor's time than it was given."""
+
+
+def run(command: list[str], folder: Path, seconds: int = TIMEOUT, **environment: str) -> str:
     done = subprocess.run(
-        command,
+        ["prlimit", f"--cpu={seconds}:{seconds + 1}", *command],
         cwd=folder,
         env={**os.environ, **environment},
         stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT,
         text=True,
-        timeout=timeout,
+        timeout=20 * seconds,
         check=False,
     )
+    if done.returncode == -signal.SIGXCPU:
+        raise Unfinished(f"{' '.join(command)} in {folder}")
     if done.returncode != 0 and "errors:" not in done.stdout:
         raise SystemExit(f"{' '.join(command)}:\n{done.stdout}")
     return done.stdout
@@ -87,9 +94,9 @@ def make(configuration: Configuration, purpose: str, *options: str) -> Path:
     return folder
 
 
-def search(folder: Path, *options: str, mutant: int = 0, timeout: float = TIMEOUT) -> Verdict:
+def search(folder: Path, *options: str, mutant: int = 0, seconds: int = TIMEOUT) -> Verdict:
     begun = time.monotonic()
-    output = run(["./pan", DEPTH, *options], folder, timeout, MUTANT=str(mutant))
+    output = run(["./pan", DEPTH, *options], folder, seconds, MUTANT=str(mutant))
     errors = int(re.findall(r"errors: (\d+)", output)[-1])
     states = int(re.findall(r"(\d+) states, stored", output)[-1])
     if not errors and re.search(r"max search depth too small|out of memory|truncated", output):
@@ -116,9 +123,9 @@ def kill(mutant: Mutant) -> str:
     for configuration in [] if excused else [*reversed(large), *SAMPLES]:
         try:
             found = search(
-                BUILD / configuration.name / "safety", mutant=mutant.number, timeout=SAMPLE_SECONDS
+                BUILD / configuration.name / "safety", mutant=mutant.number, seconds=SAMPLE_SECONDS
             )
-        except subprocess.TimeoutExpired:
+        except Unfinished:
             continue
         if found.errors:
             return configuration.name

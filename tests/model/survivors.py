@@ -63,6 +63,10 @@ GROUPS: list[tuple[str, dict[str, tuple[str, ...]]]] = [
         },
     ),
     (
+        "what stores or settles an attempt, or closes, has woken who waits for it: a second line of defence",
+        {"login_wakes_its_waiters": ("dropped",)},
+    ),
+    (
         "after a failed start a superseded loop may sleep on until its refresh point, and a waiter time out",
         {"unstarted_is_newest_still": ANY, "unstarted_ends_refresh": ("dropped",)},
     ),
@@ -81,6 +85,7 @@ GROUPS: list[tuple[str, dict[str, tuple[str, ...]]]] = [
             "announcement_wakes_loop": ("dropped",),
             "expiry_wakes_loop": ("dropped",),
             "nudge_wakes_loop": ("dropped",),
+            "older_is_woken": ("dropped",),
             "refresh_done_cleared": ("dropped",),
         },
     ),
