@@ -18,10 +18,10 @@ test: build ## every test; with CI=true also the second compiler
 fuzz: build ## a minute of libFuzzer for every parser (10 min; ARGS="--seconds 3600" before a release)
 	@tools/fuzz $(ARGS)
 
-leaks: build ## every test again and again in one process, which may not grow (about 25 min)
+leaks: build ## every test again and again in one process, which may not grow (about an hour)
 	@tools/leaks $(ARGS)
 
-exits: build ## every way to end a program or to fork it, 100 times each (about 35 min)
+exits: build ## every way to end a program or to fork it, 100 times each (about 40 min)
 	@tools/exits $(ARGS)
 
 build: ## set up what is missing, build, install into .venv
@@ -48,7 +48,7 @@ tidy: warnings ## clang-tidy over the sources
 coverage: build ## which lines and branches all tests reach, C++ and Python; 98 % of lines at least (about 8 min)
 	@tools/coverage $(ARGS)
 
-model: build ## search a model of the manager's threads exhaustively, and its mutants (about 15 min)
+model: build ## search a model of the manager's threads exhaustively, and its mutants (15 min; 35 on a busy machine)
 	@tools/model
 
 ctime: build ## whether any branch or address depends on key bytes (valgrind; about 30 s)
@@ -57,10 +57,10 @@ ctime: build ## whether any branch or address depends on key bytes (valgrind; ab
 chaos: build ## 10,000 logins and renewals with faults, 1,000 managers for 1,000 simulated days (15 min; 55 on a busy machine)
 	@tools/chaos $(ARGS)
 
-sanitize: build ## every test under ASan, UBSan and TSan (long; ARGS="thread tests/contract" about 4 min)
+sanitize: build ## every test under ASan, UBSan and TSan (about 30 min; ARGS="thread tests/contract" about 4 min)
 	@tools/sanitize $(ARGS)
 
-torture: build ## fail every allocation and library call in turn (about 15 min); ARGS="--run ..." repeats one
+torture: build ## fail every allocation and library call in turn (about 18 min); ARGS="--run ..." repeats one
 	@tools/torture $(ARGS)
 
 pins: ## renew the pinned Python packages
