@@ -254,6 +254,13 @@ def all_of(manager: Any, server: Any) -> list[str]:
         manager.close()
 
 
+@pytest.fixture
+def looking(request: pytest.FixtureRequest) -> None:
+    if not request.config.pluginmanager.hasplugin("canary.plugin"):
+        pytest.skip("this run does not look for secrets")
+
+
+@pytest.mark.usefixtures("looking")
 def test_what_the_suite_s_own_services_hand_out_is_known() -> None:
     server = FakeServer()
     service = Service()
@@ -263,9 +270,8 @@ def test_what_the_suite_s_own_services_hand_out_is_known() -> None:
     assert [text[:4] for text in found if not registry.known(text)] == []
 
 
-def test_what_libraries_make_is_known(request: pytest.FixtureRequest) -> None:
-    if not request.config.pluginmanager.hasplugin("canary.plugin"):
-        pytest.skip("this run does not look for secrets")
+@pytest.mark.usefixtures("looking")
+def test_what_libraries_make_is_known() -> None:
     account = Account.create()
     token = jwt.encode(
         {"sub": account.address}, "nobody's secret, and long enough for HS256", algorithm="HS256"
