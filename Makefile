@@ -18,7 +18,7 @@ test: build ## every test; with CI=true also the second compiler
 fuzz: build ## a minute of libFuzzer for every parser (10 min; ARGS="--seconds 3600" before a release)
 	@tools/fuzz $(ARGS)
 
-leaks: build ## every test again and again in one process, which may not grow (about an hour)
+leaks: build ## every test again and again in one process, which may not grow (about 45 min)
 	@tools/leaks $(ARGS)
 
 exits: build ## every way to end a program or to fork it, 100 times each (about 40 min)
