@@ -75,7 +75,8 @@ def test_a_login_leaves_no_thread_and_no_descriptor(either: DevServer, harness: 
     for _ in range(5):
         login()
     assert threading.active_count() == threads
-    assert descriptors() == files
+    # Kept connections of other tests may end meanwhile.
+    assert descriptors() <= files
 
 
 def test_every_login_brings_a_new_token_and_the_same_secret(either: DevServer, harness: Make) -> None:

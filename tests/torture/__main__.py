@@ -36,7 +36,8 @@ def run_all(
         waiting.put(sweep)
 
     def work() -> None:
-        with Worker(address) as worker:
+        # Where threads race, only the run itself knows what it met.
+        with Worker(address, tells=True) as worker:
             while True:
                 try:
                     sweep = waiting.get_nowait()

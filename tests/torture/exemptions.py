@@ -42,7 +42,7 @@ KEPT = re.compile(r"still referred to|is kept by the host")
 EXEMPTIONS = (
     Exemption(
         "new function",
-        CRASH,
+        CRASH + r"|the process ended with 1$",
         r"\bPyFunction_NewWithQualName\b",
         "a closure that finds no memory is written to, or its parts are given back once too often",
     ),
