@@ -17,7 +17,7 @@ from .loopback import Loopback
 
 
 def repeat(run: Run) -> int:
-    with Loopback() as address, Worker(address, tells=True) as worker:
+    with Loopback() as address, Worker(address) as worker:
         result = worker.make(run)
     stacks = chains(result.pop("said"))
     for name, value in result.items():
@@ -36,8 +36,7 @@ def run_all(
         waiting.put(sweep)
 
     def work() -> None:
-        # Where threads race, only the run itself knows what it met.
-        with Worker(address, tells=True) as worker:
+        with Worker(address) as worker:
             while True:
                 try:
                     sweep = waiting.get_nowait()
@@ -77,7 +76,7 @@ def main() -> int:
     options = parser.parse_args()
     if options.run:
         return repeat(options.run)
-    with Loopback() as address, Worker(address, tells=True) as teller:
+    with Loopback() as address, Worker(address) as teller:
         report = Report(teller)
         wanted = [sweep for sweep in teller.sweeps if options.only in str(sweep)]
         run_all(report, wanted, address, options.seed, options.most, options.jobs)

@@ -37,14 +37,13 @@ def native_half() -> Path:
     raise FileNotFoundError("tests/torture is not built: make build")
 
 
-def environment(*, tells: bool) -> dict[str, str]:
+def environment() -> dict[str, str]:
     library = native_half()
     path = os.pathsep.join(map(str, (PACKAGE, library.parent, ROOT, ROOT / "tests")))
     own = {
         "PYTHONPATH": path,
         "LD_PRELOAD": str(library),
         "PYTHONHASHSEED": "0",
-        "TORTURE_TELLS": "01"[tells],
     }
     return {**os.environ, **own}
 
@@ -52,10 +51,10 @@ def environment(*, tells: bool) -> dict[str, str]:
 class Worker:
     """A warmed-up process that makes one run after the other."""
 
-    def __init__(self, address: str, *, tells: bool = False) -> None:
+    def __init__(self, address: str) -> None:
         self._process = subprocess.Popen(
             [*WORKER, address, "jobs"],
-            env=environment(tells=tells),
+            env=environment(),
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             text=True,
@@ -148,7 +147,7 @@ def without_addresses(problems: list[str]) -> list[str]:
 
 @dataclasses.dataclass
 class Report:
-    teller: Worker  # makes a run with findings once more, to hear where
+    teller: Worker  # repeats a run whose own frames do not explain it
     runs: collections.Counter[str] = dataclasses.field(default_factory=collections.Counter)
     failures: int = 0
     outcomes: collections.Counter[tuple[str, str]] = dataclasses.field(default_factory=collections.Counter)

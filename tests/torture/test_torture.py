@@ -32,16 +32,8 @@ def worker(address: str) -> Iterator[Worker]:
         yield worker
 
 
-@pytest.fixture(scope="module")
-def teller(address: str) -> Iterator[Worker]:
-    with Worker(address, tells=True) as teller:
-        yield teller
-
-
-def findings(
-    worker: Worker, teller: Worker, sweep: Sweep, most: int | None = None
-) -> tuple[Report, list[str]]:
-    report = Report(teller)
+def findings(worker: Worker, sweep: Sweep, most: int | None = None) -> tuple[Report, list[str]]:
+    report = Report(worker)
     for run, result in sweep.runs(worker, SEED, most):
         report.add(run, result)
     return report, [f"{run}: {problems}" for run, problems, _ in report.findings]
@@ -68,10 +60,10 @@ def test_a_leak_is_found(worker: Worker) -> None:
     assert worker.make(Run("leaking", Kind.PYTHON, Mode.LEAK, 0))["problems"]
 
 
-def test_a_crash_is_told(teller: Worker) -> None:
-    report = Report(teller)
+def test_a_crash_is_told(worker: Worker) -> None:
+    report = Report(worker)
     run = Run("crashing", Kind.PYTHON, Mode.ONCE, 1)
-    report.add(run, teller.make(run))
+    report.add(run, worker.make(run))
     ((_, problems, stacks),) = report.findings
     assert problems == ["the process ended with -6"]
     assert any("abort" in stack for stack in stacks)
@@ -87,10 +79,8 @@ WHOLE = (
 
 
 @pytest.mark.parametrize("sweep", WHOLE, ids=str)
-def test_every_failure_leaves_the_manager_usable_or_closed(
-    sweep: Sweep, worker: Worker, teller: Worker
-) -> None:
-    report, found = findings(worker, teller, sweep)
+def test_every_failure_leaves_the_manager_usable_or_closed(sweep: Sweep, worker: Worker) -> None:
+    report, found = findings(worker, sweep)
     assert report.runs
     assert found == []
 
@@ -98,28 +88,26 @@ def test_every_failure_leaves_the_manager_usable_or_closed(
 @pytest.mark.parametrize("scenario", ["thread-bootstrap", "refresh-thread"])
 @pytest.mark.parametrize("number", range(3, 7))
 def test_a_thread_that_fails_at_its_start_leaves_nobody_waiting(
-    scenario: str, number: int, worker: Worker, teller: Worker
+    scenario: str, number: int, worker: Worker
 ) -> None:
-    report = Report(teller)
+    report = Report(worker)
     run = Run(scenario, Kind.PYTHON, Mode.ONCE, number)
     report.add(run, worker.make(run))
     assert report.findings == []
 
 
 @pytest.mark.parametrize("number", range(5, 11))
-def test_a_refresh_that_finds_no_memory_for_a_while_is_made_later(
-    number: int, worker: Worker, teller: Worker
-) -> None:
-    report = Report(teller)
+def test_a_refresh_that_finds_no_memory_for_a_while_is_made_later(number: int, worker: Worker) -> None:
+    report = Report(worker)
     run = Run("refresh-thread", Kind.PYTHON, Mode.ONWARD, number)
     report.add(run, worker.make(run))
     assert report.findings == []
 
 
-def test_some_runs_of_some_sweeps(worker: Worker, teller: Worker) -> None:
+def test_some_runs_of_some_sweeps(worker: Worker) -> None:
     found = []
     for sweep in random.Random(SEED).sample(worker.sweeps, SWEEPS):
-        report, of_sweep = findings(worker, teller, sweep, MOST)
+        report, of_sweep = findings(worker, sweep, MOST)
         assert report.runs, sweep
         found += of_sweep
     assert found == []

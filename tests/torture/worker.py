@@ -28,7 +28,6 @@ from .scenarios import SCENARIOS, SPECIMENS
 
 HANG = 40.0
 MOST_SAID = 1 << 20
-TELLS = os.environ.get("TORTURE_TELLS") == "1"
 WARM_ROUNDS, ROUNDS, TIMES_GROWN = 2, 4, 3
 
 
@@ -48,7 +47,7 @@ def warm_up() -> None:
 
     registry.at_rest = True  # what it plants it keeps
     ssl.get_default_verify_paths()
-    _torture.begin(0, 0, 0, 0, 0, False)
+    _torture.begin(0, 0, 0, 0, 0)
     # A collection in a child would copy every page that the parent shares with it.
     gc.collect()
     gc.freeze()
@@ -67,7 +66,7 @@ def live(run: Run, address: str, complaints: bench_module.Complaints) -> dict[st
     scenario = {**SCENARIOS, **SPECIMENS}[run.scenario](address)
     scenario.prepare()
     outcome, problems = "success", []
-    _torture.begin(*run.plan(), TELLS)
+    _torture.begin(*run.plan())
     try:
         _torture.armed(scenario.act)
     except BaseException as error:

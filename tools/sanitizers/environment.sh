@@ -4,7 +4,7 @@ runtime_of() { "$compiler" -print-file-name="$1"; }
 
 # use_sanitizer NAME: what follows is about that one.
 use_sanitizer() {
-  local gxx runtime
+  local gxx
   sanitizer=$1
   tree=$PWD/build/sanitize-$sanitizer
   # Older runtimes do not survive a fork: their allocator stays locked in the child, or a thread of it dies of
@@ -13,17 +13,17 @@ use_sanitizer() {
   gxx=$(tool g++ 12)
   kinds=$sanitizer,undefined
   case $sanitizer in
-    address) runtime=asan planted=(use_after_free overflow) ;;
-    thread) runtime=tsan planted=(race overflow) ;;
+    address) preset=asan planted=(use_after_free overflow) ;;
+    thread) preset=tsan planted=(race overflow) ;;
   esac
-  runtimes=("$(runtime_of "libclang_rt.$runtime-$(uname -m).so")")
+  runtimes=("$(runtime_of "libclang_rt.$preset-$(uname -m).so")")
   # Found before the interpreter loads it, so that throwing is seen too.
   runtimes+=("$("$gxx" -print-file-name=libstdc++.so)")
   [[ -e ${runtimes[0]} ]] || fail "$compiler has no runtime ${runtimes[0]}"
 }
 
 build_tree() {
-  cmake --preset "$([[ $sanitizer == address ]] && echo asan || echo tsan)" -B "$tree" \
+  cmake --preset "$preset" -B "$tree" \
     -D CMAKE_CXX_COMPILER="$compiler" -D Python_EXECUTABLE="$PWD/.venv/bin/python"
   cmake --build "$tree" --target auth tessaline_http_library fuzz_rooms wallet_tests http_tests verdict_tests
   "$compiler" -g -shared -fPIC -fsanitize="$kinds" -fno-sanitize=vptr -fno-sanitize-recover=undefined \

@@ -15,12 +15,9 @@ namespace {
 PyObject* begin(PyObject*, PyObject* arguments) {
   int kind = 0;
   torture::Plan plan;
-  int tells = 0;
-  if (PyArg_ParseTuple(arguments, "illlip", &kind, &plan.first, &plan.last, &plan.also, &plan.variant,
-                       &tells) == 0) {
+  if (PyArg_ParseTuple(arguments, "illli", &kind, &plan.first, &plan.last, &plan.also, &plan.variant) == 0) {
     return nullptr;
   }
-  plan.tells = tells != 0;
   plan.kind = static_cast<torture::Kind>(kind);
   torture::hook_python_allocators();
   torture::begin(plan);
@@ -82,7 +79,7 @@ PyObject* secrets(PyObject*, PyObject*) {
 }
 
 PyMethodDef methods[] = {
-    {"begin", begin, METH_VARARGS, "begin(kind, first, last, also, variant, tells): make a plan."},
+    {"begin", begin, METH_VARARGS, "begin(kind, first, last, also, variant): make a plan."},
     {"end", end, METH_NOARGS, "End it: (seen, failed, no such variant, what failed last)."},
     {"armed", armed, METH_O, "Call with things counted on this thread."},
     {"host", host, METH_O, "Wrap a callable so that nothing is counted during its calls."},

@@ -23,7 +23,6 @@ struct Plan {
   long last = 0;       ///< the last of those that fail from there on
   long also = 0;       ///< one more, or 0
   int variant = 0;     ///< in which way a call fails
-  bool tells = false;  ///< whether the place of each failure is written to standard error
 };
 
 /// What has happened since the plan was made.

@@ -48,7 +48,7 @@ void after_fork_in_parent() {
 
 void after_fork_in_child() {
   if (gate_closed) pthread_rwlock_unlock(&fork_gate);
-  // Every other thread is gone, and this one was outside. The gate may count threads that waited at it.
+  // Made anew all the same: it may count threads that waited at it, and they are gone.
   fork_gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
   inside_count.store(0);
   fork_count.fetch_add(1);
