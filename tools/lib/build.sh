@@ -2,7 +2,8 @@
 
 build_inputs() {
   find src tests/native benchmarks/native tests/torture/native tests/fuzz/CMakeLists.txt tests/fuzz/*.[ch]pp \
-    CMakeLists.txt CMakePresets.json pyproject.toml README.md -type f -not -path '*/__pycache__/*' -print0 | sort -z
+    CMakeLists.txt CMakePresets.json pyproject.toml README.md LICENSE \
+    -type f -not -path '*/__pycache__/*' -print0 | sort -z
 }
 
 # CI compiles with warnings as errors, so that it need not compile again to know. A tree that has passed so stays
