@@ -19,10 +19,10 @@ enum class Kind : int {
 
 struct Plan {
   Kind kind = Kind::kCount;
-  long first = 0;      ///< the first that fails, counted from 1; 0: none
-  long last = 0;       ///< the last of those that fail from there on
-  long also = 0;       ///< one more, or 0
-  int variant = 0;     ///< in which way a call fails
+  long first = 0;   ///< the first that fails, counted from 1; 0: none
+  long last = 0;    ///< the last of those that fail from there on
+  long also = 0;    ///< one more, or 0
+  int variant = 0;  ///< in which way a call fails
 };
 
 /// What has happened since the plan was made.
