@@ -22,10 +22,10 @@ TARGETS: dict[str, dict[str, float]] = {
 }
 
 
-def micro_group(group: str, rounds: int) -> Group:
+def micro_group(group: str, rounds: int, title: str = "") -> Group:
     samples = group_samples(group, list(GROUPS[group]), rounds)
     figures = [
-        Figure(group, peer, Ratio.of(samples["tessaline"], samples[peer]), target)
+        Figure(title or group, peer, Ratio.of(samples["tessaline"], samples[peer]), target)
         for peer, target in TARGETS[group].items()
     ]
-    return Group(group, figures, medians_of(samples))
+    return Group(title or group, figures, medians_of(samples))

@@ -42,15 +42,15 @@ def machine() -> str:
 
 
 def row(figure: Figure) -> str:
-    sign = "≤" if figure.at_most else "≥"
+    bound = "" if figure.target is None else f"{'≤' if figure.at_most else '≥'} {figure.target:.3g}"
     spread = f"{figure.ratio.low:.3g} … {figure.ratio.high:.3g}"
-    verdict = "yes" if figure.reached else "**no**"
+    verdict = "" if figure.target is None else "yes" if figure.reached else "**no**"
     cells = (
         figure.subject,
         figure.unit,
         f"{figure.ratio.median:.3g}",
         spread,
-        f"{sign} {figure.target:.3g}",
+        bound,
         verdict,
     )
     return f"| {' | '.join(cells)} |"

@@ -4,6 +4,7 @@
 #include <Python.h>
 
 #include <exception>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -78,20 +79,26 @@ bool append_text(PyObject* tuple, std::vector<std::string>& texts) {
   return true;
 }
 
+/// Fills both from the tuples, or sets an exception.
+bool posts_from(PyObject* urls, PyObject* bodies, std::vector<std::string>& url_texts,
+                std::vector<std::string>& body_texts) {
+  if (PyTuple_GET_SIZE(urls) != PyTuple_GET_SIZE(bodies)) {
+    PyErr_SetString(PyExc_ValueError, "one body for each URL");
+    return false;
+  }
+  return append_text(urls, url_texts) && append_text(bodies, body_texts);
+}
+
 PyObject* bare_crowd(PyObject* /*module*/, PyObject* args) {
   Py_ssize_t threads = 0;
   PyObject* urls = nullptr;
   PyObject* bodies = nullptr;
   if (!PyArg_ParseTuple(args, "nO!O!", &threads, &PyTuple_Type, &urls, &PyTuple_Type, &bodies))
     return nullptr;
-  if (PyTuple_GET_SIZE(urls) != PyTuple_GET_SIZE(bodies)) {
-    PyErr_SetString(PyExc_ValueError, "one body for each URL");
-    return nullptr;
-  }
   try {
     std::vector<std::string> url_texts;
     std::vector<std::string> body_texts;
-    if (!append_text(urls, url_texts) || !append_text(bodies, body_texts)) return nullptr;
+    if (!posts_from(urls, bodies, url_texts, body_texts)) return nullptr;
     return PyFloat_FromDouble(
         benchmarks::time_bare_crowd(static_cast<std::size_t>(threads), url_texts, body_texts));
   } catch (const std::exception& error) {
@@ -99,11 +106,36 @@ PyObject* bare_crowd(PyObject* /*module*/, PyObject* args) {
   }
 }
 
+PyObject* bare_login(PyObject* /*module*/, PyObject* args) {
+  PyObject* urls = nullptr;
+  PyObject* bodies = nullptr;
+  if (!PyArg_ParseTuple(args, "O!O!", &PyTuple_Type, &urls, &PyTuple_Type, &bodies)) return nullptr;
+  std::string failure;
+  try {
+    std::vector<std::string> url_texts;
+    std::vector<std::string> body_texts;
+    if (!posts_from(urls, bodies, url_texts, body_texts)) return nullptr;
+    PyThreadState* const thread = PyEval_SaveThread();
+    try {
+      benchmarks::post_bare(url_texts, body_texts);
+    } catch (const std::exception& error) {
+      failure = error.what();
+    }
+    PyEval_RestoreThread(thread);
+  } catch (const std::exception& error) {
+    return raise(error);
+  }
+  if (!failure.empty()) return raise(std::runtime_error(failure));
+  Py_RETURN_NONE;
+}
+
 PyMethodDef kFunctions[] = {
     {"bare_signing", bare_signing, METH_VARARGS, "bare_signing(loops, message_bytes) -> seconds"},
     {"login_signing", login_signing, METH_VARARGS, "login_signing(loops, message_bytes) -> seconds"},
     {"bare_derivation", bare_derivation, METH_VARARGS, "bare_derivation(loops) -> seconds"},
     {"bare_posts", bare_posts, METH_VARARGS, "bare_posts(loops, url, body) -> (wall, cpu) in seconds"},
+    {"bare_login", bare_login, METH_VARARGS,
+     "bare_login(urls, bodies): over a connection of its own, without the GIL"},
     {"bare_crowd", bare_crowd, METH_VARARGS, "bare_crowd(threads, urls, bodies) -> seconds"},
     {nullptr, nullptr, 0, nullptr},
 };

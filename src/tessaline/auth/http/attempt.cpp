@@ -250,6 +250,13 @@ std::size_t Attempt::on_header(char* data, std::size_t size, std::size_t count, 
   return 0;
 }
 
+// One piece of memory instead of ever larger ones, where the length is announced.
+void Attempt::reserve_body() {
+  curl_off_t length = 0;
+  if (curl_easy_getinfo(easy_.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) != CURLE_OK) return;
+  if (length > 0) response_.body.reserve(std::min(static_cast<std::size_t>(length), kMostBodyBytes));
+}
+
 std::size_t Attempt::on_body(char* data, std::size_t size, std::size_t count, void* attempt) noexcept {
   auto& self = *static_cast<Attempt*>(attempt);
   try {
@@ -257,6 +264,7 @@ std::size_t Attempt::on_body(char* data, std::size_t size, std::size_t count, vo
       self.fault_.body_too_large = true;
       return 0;
     }
+    if (self.response_.body.empty()) self.reserve_body();
     self.response_.body.append(data, size * count);
     return size * count;
   } catch (const std::bad_alloc&) {

@@ -64,6 +64,7 @@ class Attempt {
 
   static curl_socket_t on_open_socket(void* attempt, curlsocktype purpose, curl_sockaddr* address) noexcept;
   static std::size_t on_header(char* data, std::size_t size, std::size_t count, void* attempt) noexcept;
+  void reserve_body();
   static std::size_t on_body(char* data, std::size_t size, std::size_t count, void* attempt) noexcept;
 
   Session& session_;

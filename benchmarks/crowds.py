@@ -1,38 +1,24 @@
-"""Whole logins, alone and in crowds, over the default transport and in memory."""
+"""Many callers and many managers at once."""
 
 from __future__ import annotations
 
 import itertools
-import json
-import os
-import ssl
-import tempfile
 import threading
 import time
-import urllib.request
 from collections.abc import Callable
-from pathlib import Path
 from typing import Any
 
 import floors
-import jwt
-import trustme
-from eth_account import Account
 
 from tessaline import auth
 
-from .places import CHALLENGE, KEY, REGISTER, VERIFY, running_server
+from .logins import LOGIN_BODIES, canned_answers, login_urls, new_manager, one_flow
+from .places import KEY, running_server
 from .ratios import Figure, Group, Ratio, in_turns, medians_of
 
 PEOPLE = 64
 WALLETS = 1000
 ERAS = itertools.count(2)
-
-
-def seconds(operation: Callable[[], Any]) -> float:
-    begin = time.perf_counter()
-    operation()
-    return time.perf_counter() - begin
 
 
 class Crowd:
@@ -61,23 +47,6 @@ class Crowd:
         for thread in self._threads:
             thread.join(60)
         return max(self.ended) - begin
-
-
-def new_manager(base: str, **options: Any) -> Any:
-    return auth.AuthManager(KEY, base, **options)
-
-
-def one_flow(base: str) -> float:
-    with new_manager(base) as manager:
-        return seconds(lambda: swallowed(manager.authenticate))
-
-
-def swallowed(operation: Callable[[], Any]) -> None:
-    try:
-        operation()
-    except Exception as error:
-        if type(error).__name__ != "AuthError":
-            raise
 
 
 def crowd_at_cold_start(base: str) -> float:
@@ -144,97 +113,6 @@ def woken_waiters(rounds: int) -> Group:
     return Group("Waking", [figure], {"last waiter": figure.ratio.median / 1000})
 
 
-def through_urllib(base: str, context: ssl.SSLContext) -> None:
-    address = Account.from_key(KEY).address.lower()
-    steps = (
-        (REGISTER, {"wallet_address": address}),
-        (CHALLENGE, {"wallet_address": address}),
-        (VERIFY, {"challenge_id": address, "signature": "0x" + "00" * 65}),
-    )
-    for path, body in steps:
-        headers = {"Content-Type": "application/json"}
-        request = urllib.request.Request(base + path, json.dumps(body).encode(), headers, method="POST")
-        with urllib.request.urlopen(request, timeout=30, context=context) as response:
-            response.read()
-
-
-def login_over_https(rounds: int) -> Group:
-    """Register, challenge, verify over TLS from nothing, beside the same three calls of urllib."""
-    authority = trustme.CA()
-    certificate = authority.issue_cert("127.0.0.1")
-    with tempfile.TemporaryDirectory() as folder:
-        chain, key, roots = (Path(folder) / name for name in ("chain.pem", "key.pem", "roots.pem"))
-        certificate.private_key_and_cert_chain_pem.write_to_path(str(chain))
-        certificate.private_key_pem.write_to_path(str(key))
-        authority.cert_pem.write_to_path(str(roots))
-        context = ssl.create_default_context(cafile=str(roots))
-
-        samples: dict[str, list[float]] = {"tessaline": [], "urllib": []}
-        with _trusting(roots):
-            for _ in range(rounds):
-                # A server of its own each time, so that no connection is left over from the last login.
-                with running_server(0, (chain, key)) as server:
-                    samples["tessaline"].append(one_flow(server.base))
-                    handshakes = server_connections(server.base, context)
-                    assert handshakes == 1, f"{handshakes} connections for one login"
-                with running_server(0, (chain, key)) as server:
-                    samples["urllib"].append(seconds(lambda base=server.base: through_urllib(base, context)))
-    ratio = Ratio.of(samples["tessaline"], samples["urllib"])
-    figure = Figure("login over HTTPS", "urllib", ratio, 0.4, note="one TLS handshake, by the server's count")
-    return Group("A login over HTTPS", [figure], medians_of(samples))
-
-
-def server_connections(base: str, context: ssl.SSLContext) -> int:
-    """Connections that were accepted before this question's own."""
-    with urllib.request.urlopen(base + "/count", timeout=30, context=context) as response:
-        return json.load(response)["connections"] - 1
-
-
-class _trusting:
-    """Makes the default transport trust these roots, as an operator would: through the environment."""
-
-    def __init__(self, roots: Path) -> None:
-        self._roots = str(roots)
-
-    def __enter__(self) -> None:
-        self._before = os.environ.get("SSL_CERT_FILE")
-        os.environ["SSL_CERT_FILE"] = self._roots
-
-    def __exit__(self, *_: object) -> None:
-        if self._before is None:
-            del os.environ["SSL_CERT_FILE"]
-        else:
-            os.environ["SSL_CERT_FILE"] = self._before
-
-
-def canned_answers() -> Callable[..., Any]:
-    """A transport that costs next to nothing."""
-    token = jwt.encode({"sub": Account.from_key(KEY).address}, "x" * 32)
-    verified = json.dumps({"token": token, "expires_at": 0, "wallet_secret": "c2VjcmV0"}).encode()
-    challenge = b'{"challenge_id": "c", "message": "Sign in to the benchmark, nonce 0123456789abcdef"}'
-    nothing = {}
-
-    def transport(method: str, url: str, headers: Any = None, body: Any = None) -> Any:
-        return 200, nothing, verified if url.endswith(VERIFY) else challenge
-
-    return transport
-
-
-def login_in_memory(rounds: int) -> Group:
-    """What a login costs besides its transport, the start of its thread included."""
-    transport = canned_answers()
-    microseconds = []
-    for _ in range(rounds):
-        spent = 0.0
-        for _ in range(20):
-            with new_manager("https://auth.example.test", _transport=transport) as manager:
-                spent += seconds(manager.authenticate)
-        own = seconds(lambda: [transport("POST", "/", headers=None, body=None) for _ in range(60)])
-        microseconds.append((spent - own) / 20 * 1e6)
-    figure = Figure("login with an in-memory transport", "µs", Ratio.around(microseconds), 150.0)
-    return Group("A login in memory", [figure], {"login": figure.ratio.median / 1e6})
-
-
 def threads_at_once(rounds: int) -> Group:
     """get_token() from 8 threads together, beside the same number of calls from one."""
     calls = 400_000
@@ -266,9 +144,7 @@ def era_of_a_fleet(rounds: int) -> Group:
         fleet = [auth.AuthManager(f"{number + 1:064x}", server.base) for number in range(WALLETS)]
         for manager in fleet:
             manager.authenticate()
-        urls = tuple(server.base + path for path in (REGISTER, CHALLENGE, VERIFY))
-        wallet = json.dumps({"wallet_address": "0x" + "ab" * 20})
-        signature = json.dumps({"challenge_id": "0x" + "ab" * 20, "signature": "0x" + "00" * 65})
+        urls = login_urls(server.base)
 
         def told() -> float:
             era = next(ERAS)
@@ -284,17 +160,45 @@ def era_of_a_fleet(rounds: int) -> Group:
                 manager.get_token()
             return spent
 
+        def one_wallet() -> None:
+            floors.bare_login(urls, LOGIN_BODIES)
+            threading.Thread(target=int).start()
+
+        def host_threads() -> float:
+            threads = [threading.Thread(target=one_wallet) for _ in range(WALLETS)]
+            begin = time.perf_counter()
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join()
+            return time.perf_counter() - begin
+
+        bare, hosted = "bare libcurl", "bare libcurl on the host's threads"
         samples = in_turns(
             {
                 "tessaline": told,
-                "bare libcurl": lambda: floors.bare_crowd(WALLETS, urls, (wallet, wallet, signature)),
+                bare: lambda: floors.bare_crowd(WALLETS, urls, LOGIN_BODIES),
+                hosted: host_threads,
             },
             rounds,
         )
         for manager in fleet:
             manager.close()
-    ratio = Ratio.of(samples["bare libcurl"], samples["tessaline"])
-    figure = Figure(
-        f"throughput of {WALLETS:,} managers at an era", "bare libcurl's", ratio, 0.7, at_most=False
-    )
-    return Group("An era for a whole fleet", [figure], medians_of(samples))
+    figures = [
+        Figure(
+            f"throughput of {WALLETS:,} managers at an era",
+            "bare libcurl's",
+            Ratio.of(samples[bare], samples["tessaline"]),
+            0.7,
+            at_most=False,
+        ),
+        Figure(
+            f"throughput of {WALLETS:,} times two threads of the host",
+            "bare libcurl's",
+            Ratio.of(samples[bare], samples[hosted]),
+            None,
+            note="the first makes the three exchanges in one piece without the interpreter's lock, the "
+            "second ends at once; no signature, no token",
+        ),
+    ]
+    return Group("An era for a whole fleet", figures, medians_of(samples))
