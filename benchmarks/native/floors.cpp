@@ -10,7 +10,7 @@
 
 #include "bare_curve.hpp"
 #include "bare_http.hpp"
-#include "empty_type.hpp"
+#include "floor_module.hpp"
 
 namespace {
 
@@ -140,22 +140,8 @@ PyMethodDef kFunctions[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
-PyModuleDef_Slot kSlots[] = {
-    {Py_mod_exec, reinterpret_cast<void*>(benchmarks::add_empty_type)},
-    {0, nullptr},
-};
-
-PyModuleDef kModule = {
-    .m_base = PyModuleDef_HEAD_INIT,
-    .m_name = "floors",
-    .m_doc = "What nothing on this machine can be faster than.",
-    .m_size = 0,
-    .m_methods = kFunctions,
-    .m_slots = kSlots,
-    .m_traverse = nullptr,
-    .m_clear = nullptr,
-    .m_free = nullptr,
-};
+PyModuleDef kModule =
+    benchmarks::with_empty_type("floors", "What nothing on this machine can be faster than.", kFunctions);
 
 }  // namespace
 

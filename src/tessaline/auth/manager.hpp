@@ -129,8 +129,7 @@ struct AuthManager {
 
   /// Raises "era_mismatch" for the token of a flow that began before an era was announced which it does not
   /// meet, also where another flow has met it since. `era_before`: the highest era when the flow began.
-  /// Called under
-  /// `_lock`.
+  /// Called under `_lock`.
   void require_era_announced_since(PyObject* era_before, PyObject* token);
   Ref highest_era();
 

@@ -8,7 +8,7 @@
 #include <exception>
 
 #include "benchmarks/native/bare_curve.hpp"
-#include "benchmarks/native/empty_type.hpp"
+#include "benchmarks/native/floor_module.hpp"
 
 namespace {
 
@@ -58,22 +58,8 @@ PyMethodDef kFunctions[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
-PyModuleDef_Slot kSlots[] = {
-    {Py_mod_exec, reinterpret_cast<void*>(benchmarks::add_empty_type)},
-    {0, nullptr},
-};
-
-PyModuleDef kModule = {
-    .m_base = PyModuleDef_HEAD_INIT,
-    .m_name = "instructions",
-    .m_doc = "Calls between two marks for callgrind.",
-    .m_size = 0,
-    .m_methods = kFunctions,
-    .m_slots = kSlots,
-    .m_traverse = nullptr,
-    .m_clear = nullptr,
-    .m_free = nullptr,
-};
+PyModuleDef kModule =
+    benchmarks::with_empty_type("instructions", "Calls between two marks for callgrind.", kFunctions);
 
 }  // namespace
 

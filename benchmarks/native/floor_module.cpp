@@ -1,4 +1,4 @@
-#include "empty_type.hpp"
+#include "floor_module.hpp"
 
 namespace tessaline::benchmarks {
 namespace {
@@ -26,14 +26,33 @@ PyType_Spec kSpec = {
     .slots = kSlots,
 };
 
-}  // namespace
-
 int add_empty_type(PyObject* module) {
   PyObject* type = PyType_FromSpec(&kSpec);
   if (type == nullptr) return -1;
   const int result = PyModule_AddType(module, reinterpret_cast<PyTypeObject*>(type));
   Py_DECREF(type);
   return result;
+}
+
+PyModuleDef_Slot kModuleSlots[] = {
+    {Py_mod_exec, reinterpret_cast<void*>(add_empty_type)},
+    {0, nullptr},
+};
+
+}  // namespace
+
+PyModuleDef with_empty_type(const char* name, const char* doc, PyMethodDef* functions) {
+  return {
+      .m_base = PyModuleDef_HEAD_INIT,
+      .m_name = name,
+      .m_doc = doc,
+      .m_size = 0,
+      .m_methods = functions,
+      .m_slots = kModuleSlots,
+      .m_traverse = nullptr,
+      .m_clear = nullptr,
+      .m_free = nullptr,
+  };
 }
 
 }  // namespace tessaline::benchmarks
