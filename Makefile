@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test fuzz leaks exits build devserver bench check format warnings tidy coverage ctime chaos model sanitize torture pins clean
+.PHONY: help demo test types fuzz leaks exits build devserver bench check format warnings tidy coverage ctime chaos model sanitize torture pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -35,6 +35,9 @@ bench: build ## measure it beside its peers, into docs/benchmarks (8 minutes)
 
 check: build ## formatters and linters, then git diff; changes nothing
 	@tools/check
+
+types: build ## mypy, pyright and stubtest (15 s)
+	@tools/types
 
 format: build ## format the sources in place
 	@tools/format

@@ -9,8 +9,10 @@ import socket
 import ssl
 import tempfile
 import threading
+from collections.abc import Callable
 from pathlib import Path
 from types import FrameType
+from typing import cast
 
 import uvicorn
 
@@ -60,9 +62,8 @@ class _Server(uvicorn.Server):
         self.should_exit = True
 
     def _make_protocol(self) -> asyncio.Protocol:
-        return self.config.http_protocol_class(  # type: ignore[call-arg]
-            config=self.config, server_state=self.server_state, app_state=self.lifespan.state
-        )
+        make = cast(Callable[..., asyncio.Protocol], self.config.http_protocol_class)
+        return make(config=self.config, server_state=self.server_state, app_state=self.lifespan.state)
 
 
 def run(options: Options, listener: socket.socket, gate_listener: socket.socket | None) -> None:

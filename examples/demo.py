@@ -4,6 +4,9 @@ Run it with `make demo`; `make demo ARGS=--help` shows the steps. It ends with s
 soon as something is not as it should be. Keys and secrets are never shown, tokens by their beginning.
 """
 
+# It looks at fields that an application has no business with.
+# pyright: reportPrivateUsage=false
+
 import argparse
 import base64
 import contextlib
@@ -13,7 +16,7 @@ import secrets
 import sys
 import threading
 import time
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Generator
 from pathlib import Path
 from typing import Any
 from urllib.parse import urlsplit
@@ -34,6 +37,13 @@ class DemoFailure(Exception):
 def expect(condition: object, failure: str) -> None:
     if not condition:
         raise DemoFailure(failure)
+
+
+def held[T](value: T | None) -> T:
+    """A field of a manager that has logged in."""
+    if value is None:
+        raise DemoFailure("the manager lacks what a login brings")
+    return value
 
 
 class Page:
@@ -102,7 +112,7 @@ class Demo:
         return auth.AuthManager(secrets.token_hex(32), self.server.url, **arguments)
 
     @contextlib.contextmanager
-    def logged_in(self, **arguments: Any) -> Iterator[auth.AuthManager]:
+    def logged_in(self, **arguments: Any) -> Generator[auth.AuthManager]:
         """The same, logged in, and closed at the end."""
         with contextlib.closing(self.new_manager(**arguments)) as manager:
             manager.authenticate()
@@ -185,24 +195,26 @@ def log_in(demo: Demo) -> None:
         expect(entry["status"] == 200, f"{path} was answered with {entry['status']}")
 
     expect(manager._state == "AUTHENTICATED", f"the manager's state is {manager._state}")
-    claims = claims_of(manager._token)
-    page.line("token", shortened(manager._token))
+    token = held(manager._token)
+    claims = claims_of(token)
+    page.line("token", shortened(token))
     for name, value in claims.items():
         meaning = f" ({date(value)})" if name in ("iat", "exp") else ""
         page.line(f"  {name}", f"{value}{meaning}")
     expect(claims["sub"].lower() == address, "the token's subject is not the wallet")
-    page.line("wallet secret", f"{len(manager._wallet_secret)} bytes")
-    expect(len(manager._wallet_secret) == 32, "the wallet secret should have 32 bytes")
+    page.line("wallet secret", f"{len(held(manager._wallet_secret))} bytes")
+    expect(len(held(manager._wallet_secret)) == 32, "the wallet secret should have 32 bytes")
 
-    lifetime = manager._token_expiry - manager._auth_time
-    share = (manager._refresh_at - manager._auth_time) / lifetime
-    page.line("local expiry", instant(manager._token_expiry))
-    page.line("next refresh", f"{instant(manager._refresh_at)}, after {share:.1%} of the lifetime")
+    start, refresh, expiry = held(manager._auth_time), held(manager._refresh_at), held(manager._token_expiry)
+    lifetime = expiry - start
+    share = (refresh - start) / lifetime
+    page.line("local expiry", instant(expiry))
+    page.line("next refresh", f"{instant(refresh)}, after {share:.1%} of the lifetime")
     expect(lifetime == 86400, f"the token's local lifetime is {lifetime} s, not a day")
     expect(0.76 <= share <= 0.84, "the refresh should come at 80 % of the lifetime, give or take 4 %")
 
     page.line("threads", ", ".join(thread.name for thread in threading.enumerate()))
-    expect(manager._refresh_thread.is_alive(), "no refresh thread is running")
+    expect(held(manager._refresh_thread).is_alive(), "no refresh thread is running")
     page.good("the wallet holds a token, and a thread waits to renew it")
 
 
@@ -245,7 +257,7 @@ def renew(demo: Demo) -> None:
 
         wait_until(lambda: all_have(lambda taker: taker.taken > 20), "the threads got no tokens")
         page.line("before", f"{sum(taker.taken for taker in takers)} tokens taken, all {shortened(old)}")
-        clock.leap_to(manager._refresh_at)
+        clock.leap_to(held(manager._refresh_at))
         page.line("clock", "moved past the refresh point")
         wait_until(lambda: all_have(lambda taker: taker.last != old), "the threads got no new token")
         stop.set()

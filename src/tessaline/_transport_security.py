@@ -53,15 +53,12 @@ def validate_bearer_transport_url(url: str) -> str:
 
 
 def _split(url: str) -> SplitResult:
-    problem = False
     try:
-        parts = urlsplit(url)
+        return urlsplit(url)
     except ValueError:
-        problem = True
+        pass
     # Raised outside the handler: the parser's own message may quote user info.
-    if problem:
-        raise ValueError("server URL has a malformed host")
-    return parts
+    raise ValueError("server URL has a malformed host")
 
 
 def _host(parts: SplitResult) -> str:

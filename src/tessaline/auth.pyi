@@ -5,15 +5,53 @@ import json as json
 import random as random
 import re as re
 import threading as threading
-import time as _time  # noqa: F401 (a name of the module)
-from collections.abc import Callable, Mapping
+
+# A name of the module, like those above.
+import time as _time  # noqa: F401  # pyright: ignore[reportUnusedImport]
+from collections.abc import Mapping
 from types import TracebackType
-from typing import Any, Final, NoReturn, Protocol, Self, type_check_only
+from typing import Any, Final, Literal, NoReturn, Protocol, Self, SupportsIndex, type_check_only
+
+from typing_extensions import disjoint_base
 
 from tessaline.logging_style import log_library_surface_event as log_library_surface_event
 
+# For annotations only; at run time the module has neither:
+#     if TYPE_CHECKING:
+#         from tessaline.auth import Clock, HttpTransport
+
 @type_check_only
-class _HttpTransport(Protocol):
+class Clock(Protocol):
+    """What `AuthManager` reads the time from: seconds as `time.time()` counts them, or from any other start.
+
+    Called often, from the caller's threads and from the manager's own, so it should return at once. It need
+    not move by itself: a test may step it.
+    """
+
+    def __call__(self) -> float: ...
+
+@type_check_only
+class HttpTransport(Protocol):
+    """What `AuthManager` makes its requests through: one exchange per call.
+
+    Called from the caller's threads and from the manager's own, by several at once.
+
+    Args:
+        method: HTTP method in upper case.
+        url: Absolute URL.
+        headers: Headers of the request.
+        body: Sent as it is, text as UTF-8; None for no body.
+
+    Returns:
+        The status, of whatever answer; its headers; the whole body, empty when there is none.
+
+    Raises:
+        ConnectionError: The server cannot be reached or broke off. The manager tries again.
+        TimeoutError: It did not answer in time. The manager tries again.
+
+    Any other error ends the manager's attempt and passes to the caller unchanged.
+    """
+
     def __call__(
         self,
         method: str,
@@ -23,6 +61,10 @@ class _HttpTransport(Protocol):
         headers: Mapping[str, str] | None = None,
         body: str | bytes | None = None,
     ) -> tuple[int, Mapping[str, str], bytes]: ...
+
+@type_check_only
+class _EraListener(Protocol):
+    def notify_era_change(self, new_era_number: int, /) -> object: ...
 
 _SECP256K1_ORDER: Final[int]
 _UNINITIALIZED: Final[str]
@@ -44,48 +86,160 @@ _PERMANENT_REASONS: Final[frozenset[str]]
 _REAUTH_MODE_PROACTIVE: Final[str]
 _REAUTH_MODE_ERA_CHANGE: Final[str]
 
-class InvalidKeyError(Exception): ...
+class InvalidKeyError(Exception):
+    """Raised when private key is invalid (format, length, or secp256k1 scalar).
+
+    Carries one English sentence, which never repeats the key.
+    """
 
 class AuthError(Exception):
+    """Raised on authentication failures.
+
+    Attributes:
+        reason: lowercase snake_case text for programs to compare; also the error's text.
+    """
+
     reason: str
     def __init__(self, reason: str) -> None: ...
 
-class RegistrationError(Exception): ...
+class RegistrationError(Exception):
+    """Raised when the server rejects a registration request.
+
+    Its only argument is the server's reason, such as "invite_required".
+    """
 
 class ProfileError(Exception):
+    """Raised on display name/profile failures.
+
+    Attributes:
+        reason: "validation_failed" or "rate_limited"; also the error's text.
+        message: the server's words, with "validation_failed".
+        retry_after: seconds to wait before the next try, with "rate_limited".
+    """
+
     reason: str
     message: Any
     retry_after: int
     def __init__(self, reason: str, **kwargs: Any) -> None: ...
 
-class NetworkError(Exception): ...
+class NetworkError(Exception):
+    """Raised when network is unreachable after retries."""
 
 def _default_http_transport(
     method: str, url: str, headers: Mapping[str, str] | None = None, body: str | bytes | None = None
-) -> tuple[int, dict[str, str], bytes]: ...
-def _auth_http_timeout_seconds() -> float: ...
-def _decode_jwt_payload_unverified(token: str) -> dict[str, Any]: ...
-def _assert_token_subject_matches_wallet(token: str, wallet_address: str) -> None: ...
-def _validate_private_key(private_key: str) -> str: ...
-def _validate_server_url(server_url: str) -> str: ...
-def _normalize_invite_code(invite_code: object) -> str | None: ...
-def _jwt_era_number(token: str | bytes) -> int | None: ...
+) -> tuple[int, dict[str, str], bytes]:
+    """Default HTTP transport using urllib. Returns (status, resp_headers, body_bytes).
 
-_active_auth_manager: AuthManager | None
+    Keeps the conventions of urllib for redirects, trust and errors; connections are kept and reused by any
+    thread. The interpreter's lock is free during the exchange, and Ctrl-C ends it.
+
+    Args:
+        method: HTTP method, sent as given.
+        url: Absolute http or https URL, sent as given.
+        headers: Mapping of str to str, or None.
+        body: str (sent as UTF-8), bytes or None.
+
+    Returns:
+        The status of any answer, error statuses included; a dict of its headers in the server's spelling, the
+        first of repeated ones; the whole body.
+
+    Raises:
+        ConnectionError: Refused, reset, unreachable, unresolvable or cut off.
+        TimeoutError: Not done within `_auth_http_timeout_seconds()`.
+        ssl.SSLError: TLS failed; ssl.SSLCertVerificationError for a certificate or host name.
+        http.client.BadStatusLine: The answer is not HTTP.
+        ValueError: Method, URL or headers cannot be sent.
+    """
+
+def _auth_http_timeout_seconds() -> float: ...
+def _decode_jwt_payload_unverified(token: str) -> dict[str, Any]:
+    """Decode JWT payload without signature verification.
+
+    Raises:
+        AuthError: "wallet_mismatch" for whatever cannot be read as a JSON object.
+    """
+
+def _assert_token_subject_matches_wallet(token: str, wallet_address: str) -> None: ...
+def _validate_private_key(private_key: str) -> str:
+    """Validate private key format and value. Returns normalized hex without 0x prefix.
+
+    Raises:
+        InvalidKeyError: Not 64 hexadecimal digits, or not strictly between 0 and the order of secp256k1 (SEC
+            2). The error never repeats the key.
+    """
+
+def _validate_server_url(server_url: str) -> str:
+    """Validate server URL format. Returns the URL string.
+
+    Raises:
+        ValueError: Empty, without scheme or host, or not fit to carry a bearer token.
+    """
+
+def _normalize_invite_code(invite_code: object) -> str | None:
+    """Return canonical invite code for transport, or None when absent."""
+
+def _jwt_era_number(token: str | bytes) -> int | None:
+    """Return integer era_number from a JWT payload, or None if it is unavailable.
+
+    Raises:
+        AuthError: "era_mismatch" for a claim that is no number, "wallet_mismatch" for an unreadable token.
+    """
+
+_active_auth_manager: _EraListener | None
 _active_auth_manager_lock: threading.Lock
 
-def _set_active_auth_manager(manager: AuthManager | None) -> None: ...
-def notify_era_change(new_era_number: int) -> None: ...
+def _set_active_auth_manager(manager: _EraListener | None) -> None:
+    """Set the process-wide AuthManager used by era-transition callbacks.
 
+    Args:
+        manager: Kept alive until it is replaced; None for no manager. May be called from any thread.
+    """
+
+def notify_era_change(new_era_number: int) -> None:
+    """Notify the active process auth manager that the server era advanced.
+
+    Does nothing when no manager is registered. May be called from any thread and returns at once.
+
+    Args:
+        new_era_number: Lowest era, from 1, that the next token must carry.
+
+    Raises:
+        ValueError: The number is not positive.
+        AuthError: "manager_closed" or "not_authenticated".
+    """
+
+@disjoint_base
 class AuthManager:
+    """Client-side authentication manager with state machine and proactive refresh.
+
+    Logs one wallet in at one server, keeps its bearer token fresh on a background thread and hands it out to
+    any number of threads. Constructing makes no request and starts no thread; call authenticate() once, then
+    get_token() before each request, and close() at the end (or use the manager as a context manager).
+
+    Args:
+        private_key: secp256k1 key, 64 hexadecimal digits, "0x" allowed. Kept in memory of its own, wiped on
+            close.
+        server_url: Base URL; https, or http to this machine.
+        invite_code: Sent with the registration; blanks around it and case do not matter.
+        register_wallet: Whether each login begins with a registration.
+        clock: Callable without arguments returning seconds; time.time() when None.
+        _transport: Callable (method, url, headers=None, body=None) returning (status, headers, body bytes).
+
+    Raises:
+        InvalidKeyError: The key is not a valid private key.
+        ValueError: The URL is not fit to carry a bearer token.
+
+    All methods may be called from any thread.
+    """
+
     _wallet_address: str
     _private_key: str | None
     _server_url: str
     _invite_code: str | None
     _register_wallet: bool
-    _clock: Callable[[], float]
+    _clock: Clock
     _uses_injected_clock: bool
-    _transport: _HttpTransport
+    _transport: HttpTransport
     _state: str
     _lock: threading.Lock
     _token: str | None
@@ -115,28 +269,115 @@ class AuthManager:
         *,
         invite_code: str | None = None,
         register_wallet: bool = True,
-        clock: Callable[[], float] | None = None,
-        _transport: _HttpTransport | None = None,
+        clock: Clock | None = None,
+        _transport: HttpTransport | None = None,
     ) -> None: ...
-    def authenticate(self) -> None: ...
-    def get_token(self) -> str: ...
-    def get_wallet_secret(self) -> bytes: ...
-    def get_wallet_address(self) -> str: ...
-    def get_token_expiry(self) -> float: ...
-    def notify_era_change(self, new_era_number: int) -> None: ...
-    def set_display_name(self, display_name: str | None) -> dict[str, Any]: ...
-    def close(self) -> None: ...
-    def __enter__(self) -> Self: ...
+    def authenticate(self) -> None:
+        """Full register -> challenge -> sign -> verify flow.
+
+        Of threads that call at once one runs the flow and the others wait for its outcome. An authenticated
+        manager authenticates again; when that fails it stays usable with the token that it has. Starts the
+        background renewal. Blocks for as long as the requests and their retries take.
+
+        Raises:
+            AuthError: Refused by the server, or "manager_closed".
+            RegistrationError: The registration was refused for its invite code.
+            NetworkError: The server stayed unreachable through all attempts.
+            ssl.SSLError: The server's certificate is not trusted, or TLS failed otherwise.
+
+        To the threads that waited every failure is an AuthError, which tells one of another type by its text
+        in `reason`.
+        """
+    def get_token(self) -> str:
+        """Return current valid JWT token, blocking during refresh.
+
+        Never logs in by itself. Cheap on a healthy manager: call it before each request instead of keeping
+        the token. Waits while a re-authentication runs; past the refresh point at most 10 s for the refresh,
+        past the expiry 3 s for one to begin.
+
+        Raises:
+            AuthError: "not_authenticated", "token_expired", "era_change_pending", "manager_closed", or the
+                error with which the last renewal failed, as the same object. A failure of another type is
+                told by its text in `reason`.
+        """
+    def get_wallet_secret(self) -> bytes:
+        """Return 32-byte wallet_secret (base64-decoded).
+
+        Never waits. During a re-authentication the previous value is returned.
+
+        Raises:
+            AuthError: "not_authenticated" or "manager_closed".
+        """
+    def get_wallet_address(self) -> str:
+        """Return lowercase 0x-prefixed 42-char wallet address.
+
+        Answers in every state, after close() too.
+        """
+    def get_token_expiry(self) -> float:
+        """Return token expiry as Unix timestamp.
+
+        In seconds on the manager's clock, counted locally from the moment the token was stored. Never waits.
+
+        Raises:
+            AuthError: "not_authenticated" or "manager_closed".
+        """
+    def notify_era_change(self, new_era_number: int) -> None:
+        """Trigger non-blocking background re-authentication for era transitions.
+
+        Once it has returned, no thread is served a token of an older era. While an authentication runs it
+        only raises what that one must meet; a lower number never lowers it.
+
+        Args:
+            new_era_number: Lowest era, from 1, that the next token must carry.
+
+        Raises:
+            ValueError: The number is not positive.
+            AuthError: "manager_closed" or "not_authenticated".
+            RuntimeError: The background thread could not be started; nobody is left waiting for it.
+        """
+    def set_display_name(self, display_name: str | None) -> dict[str, Any]:
+        """Set or reset display name via profile endpoint.
+
+        Blocks like get_token(), and for the request and its retries.
+
+        Args:
+            display_name: 3 to 32 letters, digits, blanks, "-" or "_" after blanks around it are removed; None
+                or "" resets the name.
+
+        Returns:
+            The server's answer, or a dict of "wallet_address" and "display_name".
+
+        Raises:
+            ValueError: The name breaks the rule; nothing was sent.
+            ProfileError: "validation_failed" (with `message`) or "rate_limited" (with `retry_after`,
+                seconds).
+            AuthError: As get_token(), or "profile_unauthorized".
+            NetworkError: The server stayed unreachable.
+        """
+    def close(self) -> None:
+        """Stop refresh, clear sensitive material, transition to CLOSED.
+
+        Wakes every waiter, wipes the private key, forgets token and wallet secret. Takes at most about one
+        second, for the refresh thread to end. May be called again, and from any thread.
+        """
+    def __enter__(self) -> Self:
+        """Return the manager; leaving the block closes it."""
     def __exit__(
         self,
         exc_type: type[BaseException] | None,
         exc_value: BaseException | None,
         traceback: TracebackType | None,
-    ) -> None: ...
+    ) -> Literal[False]:
+        """Close the manager."""
     def __reduce__(self) -> NoReturn: ...
+    def __reduce_ex__(self, protocol: SupportsIndex, /) -> NoReturn: ...
     def _http_request(
         self, method: str, path: str, body_dict: Any = None, headers: Mapping[str, str] | None = None
-    ) -> tuple[int, Mapping[str, str], Any]: ...
+    ) -> tuple[int, Mapping[str, str], Any]:
+        """Make HTTP request to server. Returns (status, resp_headers, resp_body_dict).
+
+        Raises ConnectionError/TimeoutError on network failures.
+        """
     def _request_with_retry(
         self,
         method: str,
@@ -145,16 +386,37 @@ class AuthManager:
         headers: Mapping[str, str] | None = None,
         max_attempts: int | None = None,
         is_verify: bool = False,
-    ) -> tuple[int, Mapping[str, str], Any]: ...
-    def _get_time(self) -> float: ...
-    def _wait_with_clock(self, seconds: float) -> None: ...
-    def _do_auth_flow(self) -> tuple[str, Any, bytes]: ...
-    def _do_auth_flow_matching_pending_era(self) -> tuple[str, Any, bytes]: ...
-    def _store_auth_result(self, token: str, wallet_secret_bytes: bytes) -> None: ...
-    def _compute_refresh_at(self, auth_time: float) -> float: ...
-    def _raise_if_pending_era_locked(self) -> None: ...
-    def _start_refresh(self) -> None: ...
-    def _refresh_loop(self) -> None: ...
-    def _do_refresh(self) -> None: ...
-    def _poll_for_reauth(self, fallback_to_current_token: bool) -> str: ...
-    def _background_reauth(self) -> None: ...
+    ) -> tuple[int, Mapping[str, str], Any]:
+        """HTTP request with exponential backoff retry for temporary errors.
+
+        Returns (status, resp_headers, resp_body). Raises AuthError on permanent errors and NetworkError on
+        exhausted retries.
+        """
+    def _get_time(self) -> float:
+        """Get current time using injected clock."""
+    def _wait_with_clock(self, seconds: float) -> None:
+        """Wait using the injected clock. Returns early if close is signaled or clock is stuck."""
+    def _do_auth_flow(self) -> tuple[str, Any, bytes]:
+        """Execute register -> challenge -> sign -> verify."""
+    def _do_auth_flow_matching_pending_era(self) -> tuple[str, Any, bytes]:
+        """Run auth flow, retrying once if an in-flight era change needs a newer token."""
+    def _store_auth_result(self, token: str, wallet_secret_bytes: bytes) -> None:
+        """Store auth result and signal waiting threads. Must be called under self._lock."""
+    def _compute_refresh_at(self, auth_time: float) -> float:
+        """Return jittered proactive refresh timestamp."""
+    def _raise_if_pending_era_locked(self) -> None:
+        """Raise instead of serving a token while an era-change target is unresolved."""
+    def _start_refresh(self) -> None:
+        """Start the proactive refresh background thread."""
+    def _refresh_loop(self) -> None:
+        """Background thread waiting for token refresh threshold."""
+    def _do_refresh(self) -> None:
+        """Perform a proactive token refresh."""
+    def _poll_for_reauth(self, fallback_to_current_token: bool) -> str:
+        """Poll up to 3s for the refresh thread to enter RE_AUTHENTICATING, then wait.
+
+        If fallback_to_current_token is True, returns the current token on poll timeout (used when
+        refresh_pending is set). Otherwise raises token_expired.
+        """
+    def _background_reauth(self) -> None:
+        """Background re-authentication thread (era-change triggered)."""

@@ -37,7 +37,11 @@ inline constexpr char kAuthenticate[] =
     "Raises:\n"
     "    AuthError: Refused by the server, or \"manager_closed\".\n"
     "    RegistrationError: The registration was refused for its invite code.\n"
-    "    NetworkError: The server stayed unreachable through all attempts.";
+    "    NetworkError: The server stayed unreachable through all attempts.\n"
+    "    ssl.SSLError: The server's certificate is not trusted, or TLS failed otherwise.\n\n"
+    "To the threads that waited every failure is an AuthError, which tells one of another type by its text "
+    "in "
+    "`reason`.";
 
 inline constexpr char kHttpRequest[] =
     "_http_request($self, method, path, body_dict=None, headers=None)\n--\n\n"
@@ -103,7 +107,9 @@ inline constexpr char kGetToken[] =
     "Raises:\n"
     "    AuthError: \"not_authenticated\", \"token_expired\", \"era_change_pending\", \"manager_closed\", or "
     "the\n"
-    "        error with which the last renewal failed, as the same object.";
+    "        error with which the last renewal failed, as the same object. A failure of another type is told "
+    "by its\n"
+    "        text in `reason`.";
 
 inline constexpr char kPollForReauth[] =
     "_poll_for_reauth($self, fallback_to_current_token)\n--\n\n"

@@ -1,0 +1,99 @@
+"""The stub says what the built module is, and what uses it type-checks; `tools/types` looks at more."""
+
+from __future__ import annotations
+
+import ast
+import inspect
+import re
+import subprocess
+import sys
+from collections.abc import Iterator
+from typing import Any
+
+import pytest
+
+from tessaline import auth
+
+from .project import ROOT
+
+pytestmark = pytest.mark.process
+
+STUB = ROOT / "src/tessaline/auth.pyi"
+ALLOWLIST = "tests/typing/allowlist.txt"
+
+
+def run(*command: str) -> str:
+    """What a checker complains of, empty when it is content."""
+    ended = subprocess.run(
+        [sys.executable, "-m", *command],
+        cwd=ROOT,
+        capture_output=True,
+        timeout=120,
+        text=True,
+        stdin=subprocess.DEVNULL,
+    )
+    return "" if ended.returncode == 0 else ended.stdout + ended.stderr
+
+
+def words(text: str | None) -> list[str] | None:
+    return text if text is None else text.split()
+
+
+def documented(body: list[ast.stmt], owner: Any, path: str) -> Iterator[tuple[str, str | None, Any]]:
+    """Every class and function of the stub that exists at run time: where, its docstring, the thing."""
+    for node in body:
+        if isinstance(node, ast.ClassDef | ast.FunctionDef) and hasattr(owner, node.name):
+            thing = inspect.getattr_static(owner, node.name)
+            where = f"{path}.{node.name}"
+            yield where, ast.get_docstring(node), thing
+            if isinstance(node, ast.ClassDef):
+                yield from documented(node.body, thing, where)
+
+
+def test_the_stub_has_the_docstrings_of_the_module() -> None:
+    # Editors show the stub's, `help()` those of the module.
+    tree = ast.parse(STUB.read_text())
+    assert words(ast.get_docstring(tree)) == words(auth.__doc__)
+    found = list(documented(tree.body, auth, "auth"))
+    assert len(found) > 40
+    own = {"__init__", "__reduce__", "__reduce_ex__"}
+    differing = [
+        where
+        for where, text, thing in found
+        if where.rpartition(".")[2] not in own
+        and words(text) != words(inspect.getdoc(thing) and thing.__doc__)
+    ]
+    assert differing == []
+
+
+def test_no_docstring_of_the_public_surface_is_missing_from_the_stub() -> None:
+    tree = ast.parse(STUB.read_text())
+    texts = {where: text for where, text, _ in documented(tree.body, auth, "auth")}
+    public = [where for where in texts if not re.search(r"\._", where)]
+    assert {"auth.AuthManager.get_token", "auth.AuthError", "auth.notify_era_change"} <= set(public)
+    assert [where for where in public if not texts[where]] == []
+
+
+def test_the_stub_is_that_of_the_built_module() -> None:
+    complaint = run(
+        "mypy.stubtest", "tessaline", "--mypy-config-file", "pyproject.toml", "--allowlist", ALLOWLIST
+    )
+    assert complaint == ""
+
+
+def test_every_exception_to_that_is_explained() -> None:
+    lines = (ROOT / ALLOWLIST).read_text().splitlines()
+    for before, line in zip(["", *lines], lines, strict=False):
+        assert line.startswith("#") or before.startswith("#") or "#" in line, line
+
+
+def test_examples_and_a_users_lines_are_accepted_and_refused_as_they_should_be() -> None:
+    assert run("mypy", "src", "examples", "tests/typing") == ""
+
+
+def test_the_checker_sees_a_call_that_the_stub_does_not_allow(tmp_path: Any) -> None:
+    program = tmp_path / "program.py"
+    program.write_text("from tessaline.auth import AuthManager\nAuthManager('key').get_tokens()\n")
+    complaint = run("mypy", "--config-file", str(ROOT / "pyproject.toml"), str(program))
+    assert '"server_url"' in complaint
+    assert '"get_tokens"' in complaint
