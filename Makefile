@@ -1,13 +1,13 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test types fuzz leaks exits build devserver bench check format warnings tidy coverage ctime chaos model sanitize torture pins clean
+.PHONY: help demo test types fuzz leaks exits build devserver bench check format warnings tidy coverage ctime chaos model sanitize torture wheel pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
 ARGS ?=
 
 help: ## this page
-	@sed -n 's/^\([a-z]*\):.*## \(.*\)/  make \1\t\2/p' Makefile | expand -t 20
+	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1\t\2/p' Makefile | expand -t 20
 
 demo: build ## log a wallet in against the development server and tell what happens
 	@.venv/bin/python examples/demo.py $(ARGS)
@@ -65,6 +65,9 @@ sanitize: build ## every test under ASan, UBSan and TSan (about 30 min; ARGS="th
 
 torture: build ## fail every allocation and library call in turn (about 18 min); ARGS="--run ..." repeats one
 	@tools/torture $(ARGS)
+
+wheel: build ## dist/: a wheel that needs nothing but glibc, and the source archive (about 2 min)
+	@tools/wheel
 
 pins: ## renew the pinned Python packages
 	@tools/pins

@@ -59,3 +59,17 @@ need_venv() {
   logged packages-check .venv/bin/python -m pip check
   mark_done .venv/.set-up "$PWD $(cat requirements/dev.txt | sha256sum) $python"
 }
+
+# need_pinned NAME: what requirements/NAME.txt adds to .venv, in a place of its own, because only one tool needs it.
+# Prints that place.
+need_pinned() {
+  local packages=$PWD/build/$1-packages wanted
+  wanted=$(sha256sum <"requirements/$1.txt")
+  if ! is_done "$packages/.set-up" "$wanted"; then
+    rm -rf "$packages"
+    logged "$1-packages" .venv/bin/python -m pip install --quiet --no-input --disable-pip-version-check --no-deps \
+      --target "$packages" --requirement "requirements/$1.txt"
+    mark_done "$packages/.set-up" "$wanted"
+  fi
+  printf '%s\n' "$packages"
+}

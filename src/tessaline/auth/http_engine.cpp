@@ -8,13 +8,17 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <variant>
+
+#include "tessaline/auth/http/library/outcome.hpp"
 
 namespace tessaline::auth {
 namespace {
 
 using http::FailureKind;
 using http::TransportFailure;
-using Perform = http::Response (*)(const http::Request&, const http::Tick&);
+using Perform = http::Outcome (*)(const http::Request&, const http::Tick&);
 
 constexpr std::string_view kLibrary = "libtessaline_http.so";
 constexpr const char* kEntry = "tessaline_http_perform";
@@ -66,7 +70,12 @@ Perform engine() {
 }  // namespace
 
 http::Response perform_request(const http::Request& request, const http::Tick& tick) {
-  return engine()(request, tick);
+  http::Outcome outcome = engine()(request, tick);
+  if (auto* response = std::get_if<http::Response>(&outcome)) return std::move(*response);
+  if (const auto* failed = std::get_if<http::Failed>(&outcome)) {
+    throw TransportFailure(failed->kind, failed->message);
+  }
+  throw std::bad_alloc();
 }
 
 }  // namespace tessaline::auth

@@ -1,4 +1,27 @@
+#include <exception>
+#include <new>
+
 #include "tessaline/auth/http/http_client.hpp"
+#include "tessaline/auth/http/library/outcome.hpp"
+
+namespace tessaline::auth::http {
+namespace {
+
+/// Throws std::bad_alloc, where there is no memory for what a failure says.
+Outcome outcome_of(const Request& request, const Tick& tick) {
+  try {
+    return perform(request, tick);
+  } catch (const TransportFailure& failure) {
+    return Failed{failure.kind(), failure.what()};
+  } catch (const std::bad_alloc&) {
+    return OutOfMemory{};
+  } catch (const std::exception& exception) {
+    return Failed{FailureKind::kOther, exception.what()};
+  }
+}
+
+}  // namespace
+}  // namespace tessaline::auth::http
 
 // The one symbol of the library that the module loads at its first request. The result is C++ and not C,
 // which is for two objects of one build to agree on.
@@ -6,8 +29,12 @@
 #ifdef __clang__
 #pragma GCC diagnostic ignored "-Wreturn-type-c-linkage"
 #endif
-extern "C" __attribute__((visibility("default"))) tessaline::auth::http::Response tessaline_http_perform(
+extern "C" __attribute__((visibility("default"))) tessaline::auth::http::Outcome tessaline_http_perform(
     const tessaline::auth::http::Request& request, const tessaline::auth::http::Tick& tick) {
-  return tessaline::auth::http::perform(request, tick);
+  try {
+    return tessaline::auth::http::outcome_of(request, tick);
+  } catch (const std::bad_alloc&) {
+    return tessaline::auth::http::OutOfMemory{};
+  }
 }
 #pragma GCC diagnostic pop

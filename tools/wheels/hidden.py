@@ -1,0 +1,59 @@
+"""Runs a command where there is nothing of what the package was built with, nor the package as it was built.
+
+    unshare --mount python -m tools.wheels.hidden WHEEL COMMAND...
+
+In a mount namespace of its own, so that the system notices nothing.
+"""
+
+from __future__ import annotations
+
+import os
+import re
+import subprocess
+import sys
+import zipfile
+from pathlib import Path
+
+from .allowed import is_of_the_interpreter
+
+DEVELOPMENT = ["/usr/include", "/usr/local/include", "/usr/share/pkgconfig"]
+BUILT = ["src", "build/release", "build/portable", "build/wheels", ".venv"]
+GRAFTED = re.compile(r"tessaline\.libs/(.+?)-[0-9a-f]{8}[.\d]*\.so")
+
+
+def grafted_names(wheel: Path) -> set[str]:
+    """As in `libcurl`, which any version of it begins with."""
+    with zipfile.ZipFile(wheel) as archive:
+        return {match[1] for name in archive.namelist() if (match := GRAFTED.match(name))}
+
+
+def system_libraries() -> list[Path]:
+    listed = subprocess.run(["/sbin/ldconfig", "-p"], check=True, capture_output=True, text=True, timeout=60)
+    return [Path(path) for path in re.findall(r" => (/\S+)$", listed.stdout, re.MULTILINE)]
+
+
+def libraries_to_hide(wheel: Path) -> set[Path]:
+    names = grafted_names(wheel) | {"libstdc++"}
+    candidates = {path for path in system_libraries() if path.name.split(".")[0] in names}
+    return {path.resolve() for path in candidates if not is_of_the_interpreter(path.name)}
+
+
+def mount(*arguments: str) -> None:
+    subprocess.run(["mount", *arguments], check=True, timeout=60)
+
+
+def hide(wheel: Path) -> int:
+    libraries = libraries_to_hide(wheel)
+    for path in libraries:
+        mount("--bind", "/dev/null", str(path))
+    folders = [Path(name) for name in DEVELOPMENT + BUILT]
+    folders += {path.parent / "pkgconfig" for path in libraries}
+    for folder in folders:
+        if folder.is_dir():
+            mount("-t", "tmpfs", "hidden", str(folder.resolve()))
+    return len(libraries)
+
+
+if __name__ == "__main__":
+    print(f"{hide(Path(sys.argv[1]))} system libraries hidden, and all headers", flush=True)
+    os.execvp(sys.argv[2], sys.argv[2:])
