@@ -16,7 +16,7 @@ REPORT = re.compile(
     r"^(?:==\d+==ERROR: .*|WARNING: ThreadSanitizer: .*|.*: runtime error: .*)$", re.MULTILINE
 )
 SUPPRESSED = re.compile(r"^\s*(\d+)\s+(?:\d+\s+)?(\w+:\S+)$", re.MULTILINE)
-SUITES = ("wallet", "http", "verdict")
+SUITES = ("wallet", "http", "verdict", "trust_places")
 
 
 @dataclass

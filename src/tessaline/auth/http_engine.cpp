@@ -11,14 +11,14 @@
 #include <utility>
 #include <variant>
 
-#include "tessaline/auth/http/library/outcome.hpp"
+#include "tessaline/auth/http/library/result.hpp"
 
 namespace tessaline::auth {
 namespace {
 
 using http::FailureKind;
 using http::TransportFailure;
-using Perform = http::Outcome (*)(const http::Request&, const http::Tick&);
+using Perform = http::Result (*)(const http::Request&, const http::Tick&);
 
 constexpr std::string_view kLibrary = "libtessaline_http.so";
 constexpr const char* kEntry = "tessaline_http_perform";
@@ -70,9 +70,9 @@ Perform engine() {
 }  // namespace
 
 http::Response perform_request(const http::Request& request, const http::Tick& tick) {
-  http::Outcome outcome = engine()(request, tick);
-  if (auto* response = std::get_if<http::Response>(&outcome)) return std::move(*response);
-  if (const auto* failed = std::get_if<http::Failed>(&outcome)) {
+  http::Result result = engine()(request, tick);
+  if (auto* response = std::get_if<http::Response>(&result)) return std::move(*response);
+  if (const auto* failed = std::get_if<http::Failed>(&result)) {
     throw TransportFailure(failed->kind, failed->message);
   }
   throw std::bad_alloc();

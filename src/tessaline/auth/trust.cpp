@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/trust_places.hpp"
 
 namespace tessaline::auth {
 namespace {
@@ -40,6 +41,12 @@ http::TrustStore ask_host() {
   return {path_of(paths.get(), kCaFile), path_of(paths.get(), kCaPath)};
 }
 
+/// As in an interpreter whose TLS library was made to look where the system keeps nothing; making one leaves
+/// an empty directory there.
+bool holds_nothing(const http::TrustStore& store) {
+  return store.ca_file.empty() && (store.ca_directory.empty() || !holds_certificates(store.ca_directory));
+}
+
 struct Remembered {
   std::string file_variable;
   std::string directory_variable;
@@ -58,6 +65,7 @@ http::TrustStore default_trust_store() {
                      remembered->directory_variable == directory && !remembered->store.ca_file.empty();
   if (known) return remembered->store;
   http::TrustStore store = ask_host();
+  if (file.empty() && directory.empty() && holds_nothing(store)) store = find_system_trust_store();
   if (remembered == nullptr) remembered = new Remembered;
   *remembered = {file, directory, store};
   return store;

@@ -5,7 +5,8 @@
 namespace tessaline::auth {
 
 /// Where the host's `ssl` module trusts certificates from by default; SSL_CERT_FILE and SSL_CERT_DIR are
-/// honoured and may change at run time. Empty where the host has no `ssl`.
+/// honoured and may change at run time. Where neither is set and the host has no `ssl`, or that knows of no
+/// certificate, it is where the system keeps them.
 http::TrustStore default_trust_store();
 
 }  // namespace tessaline::auth

@@ -2,13 +2,13 @@
 #include <new>
 
 #include "tessaline/auth/http/http_client.hpp"
-#include "tessaline/auth/http/library/outcome.hpp"
+#include "tessaline/auth/http/library/result.hpp"
 
 namespace tessaline::auth::http {
 namespace {
 
 /// Throws std::bad_alloc, where there is no memory for what a failure says.
-Outcome outcome_of(const Request& request, const Tick& tick) {
+Result result_of(const Request& request, const Tick& tick) {
   try {
     return perform(request, tick);
   } catch (const TransportFailure& failure) {
@@ -29,10 +29,10 @@ Outcome outcome_of(const Request& request, const Tick& tick) {
 #ifdef __clang__
 #pragma GCC diagnostic ignored "-Wreturn-type-c-linkage"
 #endif
-extern "C" __attribute__((visibility("default"))) tessaline::auth::http::Outcome tessaline_http_perform(
+extern "C" __attribute__((visibility("default"))) tessaline::auth::http::Result tessaline_http_perform(
     const tessaline::auth::http::Request& request, const tessaline::auth::http::Tick& tick) {
   try {
-    return tessaline::auth::http::outcome_of(request, tick);
+    return tessaline::auth::http::result_of(request, tick);
   } catch (const std::bad_alloc&) {
     return tessaline::auth::http::OutOfMemory{};
   }

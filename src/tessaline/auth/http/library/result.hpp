@@ -17,6 +17,6 @@ struct OutOfMemory {};
 
 /// How a request ended, as the library tells it. No exception goes from the library into the module: in a
 /// wheel each has a C++ runtime of its own, and one would stay uncaught in the runtime that threw it.
-using Outcome = std::variant<Response, Failed, OutOfMemory>;
+using Result = std::variant<Response, Failed, OutOfMemory>;
 
 }  // namespace tessaline::auth::http
