@@ -95,7 +95,7 @@ def _check_port(parts: SplitResult) -> None:
     if not colon:
         return
     if not (port.isdigit() and 0 < int(port[:6]) < 65536 and len(port) < 6):
-        raise ValueError("server URL has a bad port")
+        raise ValueError("server URL has a bad port: it must be a number from 1 to 65535")
 
 
 def _is_loopback(host: str) -> bool:

@@ -216,8 +216,9 @@ def test_retries_through_the_transport_are_three_per_request(manager: Any, serve
     waits: list[float] = []
     manager._wait_with_clock = waits.append
     server.always(VERIFY, Answer(500, b""))
-    with pytest.raises(auth.NetworkError, match=r"^Server unreachable after 3 attempts$"):
+    with pytest.raises(auth.NetworkError) as caught:
         manager._do_auth_flow()
+    assert str(caught.value) == "Server unreachable after 3 attempts"
     assert server.paths == [REGISTER, CHALLENGE, VERIFY, VERIFY, VERIFY]
     assert waits == [1, 2]
 

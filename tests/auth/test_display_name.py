@@ -300,8 +300,9 @@ def test_transient_failures_are_tried_three_times(named: Any, server: FakeServer
     waits: list[float] = []
     named._wait_with_clock = waits.append
     server.always(DISPLAY_NAME, Answer(403))
-    with pytest.raises(auth.NetworkError, match=r"^Server unreachable after 3 attempts$"):
+    with pytest.raises(auth.NetworkError) as caught:
         named.set_display_name("Ada")
+    assert str(caught.value) == "Server unreachable after 3 attempts"
     assert len(server.calls) == 3
     assert waits == [1, 2]
 

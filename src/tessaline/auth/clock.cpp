@@ -4,6 +4,7 @@
 #include <optional>
 #include <utility>
 
+#include "tessaline/auth/advice.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
@@ -29,14 +30,34 @@ Ref deadline_after(PyObject* start, PyObject* seconds) {
   Ref deadline;
   std::optional<python::Error> failure = python::caught([&] { deadline = python::add(start, seconds); });
   if (!failure) return deadline;
-  if (!failure->matches(PyExc_OverflowError)) throw std::move(*failure);
+  if (!failure->matches(PyExc_OverflowError)) raise_of_reading(std::move(*failure), start);
   return python::number(std::numeric_limits<double>::infinity());
+}
+
+bool is_before(PyObject* reading, PyObject* deadline) {
+  bool before = false;
+  reckon_with(reading, [&] { before = python::less(reading, deadline); });
+  return before;
 }
 
 }  // namespace
 
+void raise_of_reading(python::Error failure, PyObject* reading) {
+  if (python::tells_of_misuse(failure) && PyNumber_Check(reading) == 0) {
+    python::add_note_from(failure.exception(), [reading] {
+      return python::checked(PyUnicode_FromFormat(advice::kClockReading, Py_TYPE(reading)->tp_name));
+    });
+  }
+  throw std::move(failure);
+}
+
 Ref read_clock(PyObject* manager) {
-  return python::call(python::attribute(manager, names::clock).get());
+  const Ref clock = python::attribute(manager, names::clock);
+  if (PyCallable_Check(clock.get()) == 0) {
+    PyErr_Format(PyExc_TypeError, "clock must be callable, not %.200s", Py_TYPE(clock.get())->tp_name);
+    throw python::Error::fetch();
+  }
+  return python::call(clock.get());
 }
 
 void wait_with_clock(PyObject* manager, PyObject* seconds) {
@@ -44,7 +65,7 @@ void wait_with_clock(PyObject* manager, PyObject* seconds) {
   Ref deadline = deadline_after(last.get(), seconds);
   Ref time_module = python::global(names::time);
   double moved_at = monotonic(time_module.get());
-  while (python::less(now(manager).get(), deadline.get())) {
+  while (is_before(now(manager).get(), deadline.get())) {
     Ref close_event = python::attribute(manager, names::close_event);
     if (python::truthy(python::call_method(close_event.get(), names::is_set).get())) return;
     python::call_method(time_module.get(), names::sleep, {python::number(kPollSeconds).get()});

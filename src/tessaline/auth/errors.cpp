@@ -1,5 +1,7 @@
 #include "tessaline/auth/errors.hpp"
 
+#include "tessaline/auth/advice.hpp"
+#include "tessaline/auth/error_notes.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
@@ -43,6 +45,8 @@ int initialise_profile_error(PyObject* self, PyObject* arguments, PyObject* keyw
 Ref make_type(PyObject* module, const char* name, const char* doc, initproc initialise) {
   PyType_Slot slots[] = {
       {Py_tp_doc, const_cast<char*>(doc)},
+      {Py_tp_getset, error_attributes},
+      {Py_tp_methods, error_methods},
       {initialise != nullptr ? Py_tp_init : 0, reinterpret_cast<void*>(initialise)},
       {0, nullptr},
   };
@@ -55,6 +59,10 @@ PyObject* add_type(PyObject* module, const char* name, const char* doc, initproc
   Ref type = make_type(module, name, doc, initialise);
   python::checked(PyModule_AddType(module, reinterpret_cast<PyTypeObject*>(type.get())));
   return type.release();
+}
+
+Ref auth_error(PyObject* reason_text) {
+  return python::call(types.auth, {}, {{names::reason, reason_text}});
 }
 
 }  // namespace
@@ -89,22 +97,41 @@ void make_error_types(PyObject* module) {
       add_type(module, "tessaline.auth.NetworkError", "Raised when network is unreachable after retries.");
 }
 
-Ref new_auth_error(PyObject* reason_text) {
-  return python::call(types.auth, {}, {{names::reason, reason_text}});
+Ref new_auth_error(std::string_view reason_text) {
+  Ref error = auth_error(python::text(reason_text).get());
+  python::add_note(error.get(), advice::for_reason(reason_text));
+  return error;
 }
 
-Ref new_auth_error(std::string_view reason_text) {
-  return new_auth_error(python::text(reason_text).get());
+Ref new_recorded_error(PyObject* text, PyObject* failure) {
+  Ref error = auth_error(text);
+  python::copy_notes(failure, error.get());
+  python::add_note_from(error.get(), [failure] {
+    return python::checked(PyUnicode_FromFormat(advice::kRecorded, Py_TYPE(failure)->tp_name));
+  });
+  return error;
 }
 
 void raise_auth_error(std::string_view reason_text) {
   python::raise(new_auth_error(reason_text).get());
 }
 
-void raise_network_error(const char* prefix, PyObject* attempts) {
+void raise_registration_error(PyObject* server_reason) {
+  const Ref error = python::call(types.registration, {server_reason});
+  python::attempt([&] { python::add_note(error.get(), advice::for_reason(python::utf8_of(server_reason))); });
+  python::raise(error.get());
+}
+
+void raise_profile_error(std::string_view reason_text, const python::Name& extra, PyObject* value) {
+  const Ref error = python::call(types.profile, {python::text(reason_text).get()}, {{extra, value}});
+  python::add_note(error.get(), advice::for_reason(reason_text));
+  python::raise(error.get());
+}
+
+Ref new_network_error(const char* prefix, PyObject* attempts) {
   const Ref count = python::text_of(attempts);
-  Ref message = python::checked(PyUnicode_FromFormat("%s%U attempts", prefix, count.get()));
-  python::raise(python::call(types.network, {message.get()}).get());
+  const Ref message = python::checked(PyUnicode_FromFormat("%s%U attempts", prefix, count.get()));
+  return python::call(types.network, {message.get()});
 }
 
 }  // namespace tessaline::auth

@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "tessaline/auth/python/error.hpp"
+#include "tessaline/auth/python/name.hpp"
 #include "tessaline/auth/python/ref.hpp"
 
 namespace tessaline::auth {
@@ -22,15 +23,23 @@ const ErrorTypes& error_types() noexcept;
 /// Creates the types for `module` and puts them into its namespace. Called once, when the module is executed.
 void make_error_types(PyObject* module);
 
-/// A new `AuthError(reason=…)`.
+/// A new `AuthError(reason=…)`, with the advice for that reason. An error gets its note where it is made, so
+/// that raising it again adds none.
 python::Ref new_auth_error(std::string_view reason);
 
-/// The same with the reason given as the host's text.
-python::Ref new_auth_error(PyObject* reason_text);
+/// A new `AuthError` that stands for the failure which another thread met: its reason is `text`, and the
+/// failure's notes go with it.
+python::Ref new_recorded_error(PyObject* text, PyObject* failure);
 
 [[noreturn]] void raise_auth_error(std::string_view reason);
 
-/// NetworkError(`prefix` + `attempts` + " attempts").
-[[noreturn]] void raise_network_error(const char* prefix, PyObject* attempts);
+/// RegistrationError(`server_reason`).
+[[noreturn]] void raise_registration_error(PyObject* server_reason);
+
+/// ProfileError(`reason`, `extra`=`value`).
+[[noreturn]] void raise_profile_error(std::string_view reason, const python::Name& extra, PyObject* value);
+
+/// A new NetworkError(`prefix` + `attempts` + " attempts").
+python::Ref new_network_error(const char* prefix, PyObject* attempts);
 
 }  // namespace tessaline::auth

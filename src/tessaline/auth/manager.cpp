@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "tessaline/auth/advice.hpp"
 #include "tessaline/auth/errors.hpp"
 #include "tessaline/auth/fork.hpp"
 #include "tessaline/auth/names.hpp"
@@ -131,7 +132,7 @@ Ref AuthManager::get(Field field) const {
   if (value == nullptr) {
     PyErr_Format(PyExc_AttributeError, "'AuthManager' object has no attribute '%s'",
                  kFieldNames[index_of(field)]);
-    throw python::Error::fetch();
+    throw python::noted(python::Error::fetch(), advice::kNotConstructed);
   }
   return Ref::borrow(value);
 }
@@ -266,8 +267,10 @@ Ref recorded_error(const python::Error& error) noexcept {
   if (error.matches(error_types().auth)) return Ref::borrow(error.exception());
   Ref recorded;
   // What is raised meanwhile would hide the failure that is being recorded.
-  static_cast<void>(python::caught(
-      [&] { python::insist([&] { recorded = new_auth_error(text_or_name_of(error.exception()).get()); }); }));
+  static_cast<void>(python::caught([&] {
+    python::insist(
+        [&] { recorded = new_recorded_error(text_or_name_of(error.exception()).get(), error.exception()); });
+  }));
   return recorded ? std::move(recorded) : Ref::borrow(error.exception());
 }
 

@@ -1,6 +1,7 @@
 #include <optional>
 #include <utility>
 
+#include "tessaline/auth/advice.hpp"
 #include "tessaline/auth/errors.hpp"
 #include "tessaline/auth/manager.hpp"
 #include "tessaline/auth/names.hpp"
@@ -11,7 +12,9 @@ namespace tessaline::auth {
 namespace {
 
 void require_positive(PyObject* era_number) {
-  if (python::less(python::integer(0).get(), era_number)) return;
+  const bool positive = python::with_note(advice::kEraNumberType,
+                                          [&] { return python::less(python::integer(0).get(), era_number); });
+  if (positive) return;
   const Ref text = python::text_of(era_number);
   const Ref message = python::checked(PyUnicode_FromFormat("era_number must be > 0, got %U", text.get()));
   python::raise(python::call(PyExc_ValueError, {message.get()}).get());

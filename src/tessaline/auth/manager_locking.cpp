@@ -1,3 +1,4 @@
+#include "tessaline/auth/advice.hpp"
 #include "tessaline/auth/manager.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
@@ -16,7 +17,8 @@ bool holds_lock(const AuthManager& manager) noexcept {
 Locked::Afterwards::Afterwards(AuthManager& locked) : manager(locked) {
   if (holds_lock(manager)) {
     python::raise(PyExc_RuntimeError,
-                  "AuthManager was called by code that it runs itself while it holds its lock");
+                  "AuthManager was called by code that it runs itself while it holds its lock",
+                  advice::kCalledUnderLock);
   }
 }
 
@@ -49,7 +51,8 @@ void AuthManager::wait_for_flow(PyObject* event) {
   if (flow_thread == PyThread_get_thread_ident() &&
       !python::truthy(python::call_method(event, names::is_set).get())) {
     python::raise(PyExc_RuntimeError,
-                  "AuthManager was asked to wait by code that its own authentication runs");
+                  "AuthManager was asked to wait by code that its own authentication runs",
+                  advice::kWaitInFlow);
   }
   if (at(Hidden::kEraEvent) != event) return python::wait_event(event);
   while (!python::wait_event(event, kLostThreadSeconds)) settle_lost_reauthentication(event);

@@ -2,6 +2,8 @@
 #include <string>
 #include <utility>
 
+#include "tessaline/auth/advice.hpp"
+#include "tessaline/auth/clock.hpp"
 #include "tessaline/auth/errors.hpp"
 #include "tessaline/auth/manager.hpp"
 #include "tessaline/auth/names.hpp"
@@ -16,11 +18,15 @@ bool is_stale_challenge(PyObject* status) {
   return code == 404 || code == 410 || code == 409;
 }
 
+Ref member_of(const Ref& answer, const python::Name& name) {
+  return python::with_note(advice::kLoginAnswer, [&] { return python::item(answer.get(), name.object()); });
+}
+
 /// The signature of `message` by a copy of the key, since `close` may wipe the original meanwhile.
 Ref sign(const wallet::WalletKey& key, PyObject* message) {
   if (!PyUnicode_Check(message)) {
     PyErr_Format(PyExc_TypeError, "challenge message must be str, not %.200s", Py_TYPE(message)->tp_name);
-    throw python::Error::fetch();
+    throw python::noted(python::Error::fetch(), advice::kLoginAnswer);
   }
   const std::string_view text = python::utf8_of(message);
   wallet::WalletKey copy = key.copy();
@@ -36,8 +42,9 @@ Ref decoded_secret(PyObject* encoded) {
   std::optional<python::Error> failure = python::caught([&] {
     secret = python::call_method(python::global(names::base64).get(), names::b64decode, {encoded});
   });
-  if (failure) python::raise_bare(std::move(*failure));
-  return secret;
+  if (!failure) return secret;
+  if (python::tells_of_misuse(*failure)) failure = python::noted(std::move(*failure), advice::kLoginAnswer);
+  python::raise_bare(std::move(*failure));
 }
 
 Ref era_of(PyObject* token) {
@@ -78,8 +85,8 @@ Ref AuthManager::do_auth_flow() {
         post(path::kChallenge, python::dictionary({{names::wallet_address, address.get()}}));
     const Ref offer = std::move(python::unpack3(challenge.get())[2]);
     raise_if_closing();
-    const Ref challenge_id = python::item(offer.get(), names::challenge_id.object());
-    const Ref message = python::item(offer.get(), names::message.object());
+    const Ref challenge_id = member_of(offer, names::challenge_id);
+    const Ref message = member_of(offer, names::message);
     if (key == nullptr) raise_auth_error(reason::kManagerClosed);
     const Ref signature = sign(*key, message.get());
     const Ref body =
@@ -91,13 +98,15 @@ Ref AuthManager::do_auth_flow() {
                                                   {names::max_attempts, most_attempts.get()}});
     const auto [status, headers, grant] = python::unpack3(verification.get());
     if (is_stale_challenge(status.get())) continue;
-    Ref token = python::item(grant.get(), names::token.object());
-    Ref expires_at = python::item(grant.get(), names::expires_at.object());
-    const Ref encoded_secret = python::item(grant.get(), names::wallet_secret.object());
+    Ref token = member_of(grant, names::token);
+    Ref expires_at = member_of(grant, names::expires_at);
+    const Ref encoded_secret = member_of(grant, names::wallet_secret);
     Ref secret = decoded_secret(encoded_secret.get());
     return python::triple(std::move(token), std::move(expires_at), std::move(secret));
   }
-  raise_network_error("stale authentication challenge after ", most_cycles.get());
+  const Ref error = new_network_error("stale authentication challenge after ", most_cycles.get());
+  python::add_note(error.get(), advice::kStaleChallenge);
+  python::raise(error.get());
 }
 
 Ref AuthManager::do_auth_flow_matching_pending_era() {
@@ -138,7 +147,9 @@ Ref AuthManager::store_auth_result(PyObject* token, PyObject* wallet_secret) {
     raise_auth_error(reason::kEraMismatch);
   }
   const Ref now = call_own(names::get_time);
-  Ref expiry = python::add(now.get(), python::global(names::token_lifetime).get());
+  Ref expiry;
+  reckon_with(now.get(),
+              [&] { expiry = python::add(now.get(), python::global(names::token_lifetime).get()); });
   Ref refresh_at = call_own(names::compute_refresh_at, {now.get()});
 
   set(Field::kToken, Ref::borrow(token));

@@ -1,5 +1,7 @@
+#include <string_view>
 #include <utility>
 
+#include "tessaline/auth/advice.hpp"
 #include "tessaline/auth/errors.hpp"
 #include "tessaline/auth/manager.hpp"
 #include "tessaline/auth/names.hpp"
@@ -45,7 +47,10 @@ Ref normalized(PyObject* display_name) {
 Ref AuthManager::set_display_name(PyObject* display_name) {
   require_authenticated(*this);
   const bool reset = is_reset(display_name);
-  const Ref name = reset ? Ref::none() : normalized(display_name);
+  const Ref name =
+      reset ? Ref::none()
+            : python::with_note(PyUnicode_Check(display_name) ? std::string_view() : advice::kDisplayNameType,
+                                [&] { return normalized(display_name); });
   const Ref token = call_own(names::get_token);
   const Ref bearer = python::add(python::text("Bearer ").get(), python::text_of(token.get()).get());
   const Ref headers = python::dictionary({{names::authorization, bearer.get()}});

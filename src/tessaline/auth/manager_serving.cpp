@@ -1,5 +1,6 @@
 #include <utility>
 
+#include "tessaline/auth/clock.hpp"
 #include "tessaline/auth/errors.hpp"
 #include "tessaline/auth/expired_token.hpp"
 #include "tessaline/auth/manager.hpp"
@@ -128,8 +129,10 @@ class Serving {
       raise_auth_error(reason::kEraChangePending);
     }
     const Ref now = manager_.call_own(names::get_time);
-    const bool expired =
-        !seen_.token_expiry.is_none() && python::at_least(now.get(), seen_.token_expiry.get());
+    bool expired = false;
+    reckon_with(now.get(), [&] {
+      expired = !seen_.token_expiry.is_none() && python::at_least(now.get(), seen_.token_expiry.get());
+    });
     if (expired) return token_after_expiry();
     if (const Ref auth_time = auth_time_if_refresh_due(now.get())) return token_after_nudge(auth_time.get());
     if (seen_.token.is_none()) raise_auth_error(reason::kNotAuthenticated);

@@ -3,6 +3,7 @@
 #include <optional>
 #include <utility>
 
+#include "tessaline/auth/advice.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
@@ -34,9 +35,15 @@ Ref response_value(PyObject* json, PyObject* body) {
       python::caught([&] { value = python::call_method(json, names::loads, {body}); });
   if (!failure) return value;
   // The parser's frames hold the body, and with it a token and a secret.
-  if (!is_not_json(json, *failure)) python::raise_bare(std::move(*failure));
-  return python::call_method(body, names::decode, {python::text("utf-8").get()},
-                             {{names::errors, python::text("replace").get()}});
+  if (!is_not_json(json, *failure)) {
+    if (python::tells_of_misuse(*failure))
+      failure = python::noted(std::move(*failure), advice::kTransportAnswer);
+    python::raise_bare(std::move(*failure));
+  }
+  return python::with_note(advice::kTransportAnswer, [body] {
+    return python::call_method(body, names::decode, {python::text("utf-8").get()},
+                               {{names::errors, python::text("replace").get()}});
+  });
 }
 
 }  // namespace
@@ -48,9 +55,15 @@ Ref http_request(PyObject* manager, PyObject* method, PyObject* path, PyObject* 
   Ref sent_headers = request_headers(headers);
   Ref sent_body = request_body(json.get(), body_dict);
   Ref transport = python::attribute(manager, names::transport);
+  if (PyCallable_Check(transport.get()) == 0) {
+    PyErr_Format(PyExc_TypeError, "_transport must be callable, not %.200s",
+                 Py_TYPE(transport.get())->tp_name);
+    throw python::Error::fetch();
+  }
   Ref answer = python::call(transport.get(), {method, url.get()},
                             {{names::headers, sent_headers.get()}, {names::body, sent_body.get()}});
-  auto [status, response_headers, body] = python::unpack3(answer.get());
+  auto [status, response_headers, body] =
+      python::with_note(advice::kTransportAnswer, [&] { return python::unpack3(answer.get()); });
   Ref value = response_value(json.get(), body.get());
   return python::triple(std::move(status), std::move(response_headers), std::move(value));
 }

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "tessaline/auth/advice.hpp"
 #include "tessaline/auth/constants.hpp"
 #include "tessaline/auth/errors.hpp"
 #include "tessaline/auth/names.hpp"
@@ -39,11 +40,15 @@ void log_invalid_retry_after(const HintScope& scope) {
                 {names::source_line, python::integer(scope.source_line).get()}});
 }
 
-/// The seconds that the server asks to wait (RFC 9110, section 10.2.3, delay-seconds only), else `fallback`.
-Ref retry_after(PyObject* headers, Ref fallback, const HintScope& scope) {
+Ref raw_hint(PyObject* headers) {
   Ref lowercase =
       python::call_method(headers, names::get, {python::text("retry-after").get(), python::text("").get()});
-  Ref header = python::call_method(headers, names::get, {python::text("Retry-After").get(), lowercase.get()});
+  return python::call_method(headers, names::get, {python::text("Retry-After").get(), lowercase.get()});
+}
+
+/// The seconds that the server asks to wait (RFC 9110, section 10.2.3, delay-seconds only), else `fallback`.
+Ref retry_after(PyObject* headers, Ref fallback, const HintScope& scope) {
+  const Ref header = python::with_note(advice::kTransportAnswer, [headers] { return raw_hint(headers); });
   if (!python::truthy(header.get())) return fallback;
   Ref seconds;
   std::optional<python::Error> failure = python::caught(
@@ -95,7 +100,9 @@ class Retry {
       throw std::move(*failure);
     }
     const python::Handling handling(*failure);
+    last_failure_ = Py_TYPE(failure->exception());
     back_off();
+    last_failure_ = nullptr;
     return {};
   }
 
@@ -103,14 +110,16 @@ class Retry {
   bool settled(PyObject* answer) {
     const auto [status, headers, value] = python::unpack3(answer);
     const Ref server_reason = error_entry(value.get());
-    const Verdict verdict = judge(status.get(), server_reason);
+    last_status_ =
+        python::with_note(advice::kTransportAnswer, [&status] { return python::long_value(status.get()); });
+    const Verdict verdict = judge(server_reason);
     switch (verdict.outcome) {
       case Outcome::kGiveBack:
         return true;
       case Outcome::kRefuse:
         raise_auth_error(verdict.reason);
       case Outcome::kRefuseRegistration:
-        python::raise(python::call(error_types().registration, {server_reason.get()}).get());
+        raise_registration_error(server_reason.get());
       case Outcome::kProfileInvalid:
         raise_invalid_profile(server_reason);
       case Outcome::kProfileRateLimited:
@@ -125,11 +134,10 @@ class Retry {
     return true;
   }
 
-  Verdict judge(PyObject* status, const Ref& server_reason) const {
+  Verdict judge(const Ref& server_reason) const {
     std::optional<std::string_view> reason_text;
     if (server_reason && PyUnicode_Check(server_reason.get())) reason_text = ascii_of(server_reason.get());
-    return classify(python::long_value(status), python::utf8_of(request_.path), request_.is_verify,
-                    reason_text);
+    return classify(last_status_, python::utf8_of(request_.path), request_.is_verify, reason_text);
   }
 
   /// Reasons are ASCII; any other text is no reason, and may not even have a UTF-8 form.
@@ -140,16 +148,30 @@ class Retry {
 
   [[noreturn]] static void raise_invalid_profile(const Ref& server_reason) {
     const Ref message = server_reason ? Ref::borrow(server_reason.get()) : python::text("");
-    python::raise(python::call(error_types().profile, {python::text(reason::kValidationFailed).get()},
-                               {{names::message, message.get()}})
-                      .get());
+    raise_profile_error(reason::kValidationFailed, names::message, message.get());
   }
 
   [[noreturn]] static void raise_rate_limited(PyObject* headers) {
     const Ref hint = retry_after(headers, python::integer(kProfileRetryAfter), kProfileScope);
-    python::raise(python::call(error_types().profile, {python::text(reason::kRateLimited).get()},
-                               {{names::retry_after, hint.get()}})
-                      .get());
+    raise_profile_error(reason::kRateLimited, names::retry_after, hint.get());
+  }
+
+  [[noreturn]] void raise_unreachable(PyObject* attempts) const {
+    const Ref error = new_network_error("Server unreachable after ", attempts);
+    if (PyUnicode_Check(request_.method) && PyUnicode_Check(request_.path)) {
+      python::add_note_from(error.get(), [this] { return python::checked(what_happened_last()); });
+    }
+    python::raise(error.get());
+  }
+
+  PyObject* what_happened_last() const {
+    if (last_failure_ != nullptr) {
+      return PyUnicode_FromFormat(advice::kLastFailure, request_.method, request_.path,
+                                  last_failure_->tp_name);
+    }
+    const bool may_pass = last_status_ == 429 || last_status_ >= 500;
+    return PyUnicode_FromFormat(may_pass ? advice::kLastStatus : advice::kLastOddStatus, request_.method,
+                                request_.path, last_status_);
   }
 
   void back_off() {
@@ -163,7 +185,7 @@ class Retry {
     ++attempts_;
     Ref attempts = python::integer(attempts_);
     if (request_.max_attempts != Py_None && !python::less(attempts.get(), request_.max_attempts)) {
-      raise_network_error("Server unreachable after ", attempts.get());
+      raise_unreachable(attempts.get());
     }
     python::set_attribute(manager_, names::in_transient_backoff, Py_True);
     std::optional<python::Error> failure =
@@ -176,6 +198,8 @@ class Retry {
   const RetriedRequest& request_;
   Ref backoff_;
   long attempts_ = 0;
+  long last_status_ = 0;
+  PyTypeObject* last_failure_ = nullptr;  ///< while it is being handled
 };
 
 }  // namespace

@@ -136,7 +136,8 @@ Ref default_http_transport(PyObject* method, PyObject* url, PyObject* headers, P
   request.timeout = timeout_in_force();
   request.trust = default_trust_store();
   const Answer answer = exchange(request, on_main_thread());
-  if (const auto* failure = std::get_if<http::TransportFailure>(&answer)) raise_transport_failure(*failure);
+  if (const auto* failure = std::get_if<http::TransportFailure>(&answer))
+    raise_transport_failure(*failure, request);
   const auto& response = std::get<http::Response>(answer);
   return python::triple(python::integer(response.status), headers_dict(response.headers),
                         python::bytes(response.body));

@@ -1,8 +1,11 @@
 #include "tessaline/auth/transport_errors.hpp"
 
 #include <cerrno>
+#include <optional>
+#include <utility>
 
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/transport_notes.hpp"
 
 namespace tessaline::auth {
 namespace {
@@ -26,9 +29,7 @@ constinit const python::Name kBadStatusLine{"BadStatusLine"};
       python::call(python::attribute(loaded.get(), type).get(), {python::text(message).get()}).get());
 }
 
-}  // namespace
-
-void raise_transport_failure(const http::TransportFailure& failure) {
+[[noreturn]] void raise_kind(const http::TransportFailure& failure) {
   const char* const message = failure.what();
   switch (failure.kind()) {
     case http::FailureKind::kInvalidRequest:
@@ -56,6 +57,15 @@ void raise_transport_failure(const http::TransportFailure& failure) {
       break;
   }
   python::raise(PyExc_OSError, message);
+}
+
+}  // namespace
+
+void raise_transport_failure(const http::TransportFailure& failure, const http::Request& request) {
+  std::optional<python::Error> raised = python::caught([&] { raise_kind(failure); });
+  if (failure.kind() != http::FailureKind::kInterrupted)
+    add_transport_notes(raised->exception(), failure, request);
+  throw std::move(*raised);
 }
 
 }  // namespace tessaline::auth

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "tessaline/auth/advice.hpp"
 #include "tessaline/auth/errors.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
@@ -45,7 +46,7 @@ python::Error parse_error(std::size_t position) {
     case wallet::KeyFault::kNotScalar:
       break;
   }
-  raise_invalid_key("Private key is not a valid secp256k1 scalar");
+  python::raise(error_types().invalid_key, "Private key is not a valid secp256k1 scalar", advice::kKeyRange);
 }
 
 }  // namespace
@@ -54,7 +55,7 @@ wallet::WalletKey read_private_key(PyObject* private_key) {
   if (!python::truthy(private_key)) refuse_key({wallet::KeyFault::kEmpty});
   if (!PyUnicode_Check(private_key)) {
     PyErr_Format(PyExc_TypeError, "private_key must be str, not %.200s", Py_TYPE(private_key)->tp_name);
-    throw python::Error::fetch();
+    throw python::noted(python::Error::fetch(), advice::kKeyText);
   }
   auto parsed =
       wallet::WalletKey::parse({PyUnicode_DATA(private_key), static_cast<int>(PyUnicode_KIND(private_key)),
@@ -85,12 +86,19 @@ Ref validate_server_url(PyObject* server_url) {
   Ref policy = python::attribute(python::import(kTransportPolicy).get(), kValidateBearerUrl);
   Ref parser = python::import(kUrlParser);
   if (!python::truthy(server_url)) python::raise(PyExc_ValueError, "server_url must not be empty");
+  if (!PyUnicode_Check(server_url)) {
+    PyErr_Format(PyExc_TypeError, "server_url must be str, not %.200s", Py_TYPE(server_url)->tp_name);
+    throw python::Error::fetch();
+  }
   Ref parts = python::call_method(parser.get(), kUrlParse, {server_url});
   if (!python::truthy(python::attribute(parts.get(), kScheme).get()) ||
       !python::truthy(python::attribute(parts.get(), kNetworkLocation).get())) {
     const Ref given = python::text_of(server_url);
-    Ref message = python::checked(PyUnicode_FromFormat("server_url is not a valid URL: %U", given.get()));
-    python::raise(python::call(PyExc_ValueError, {message.get()}).get());
+    const Ref message =
+        python::checked(PyUnicode_FromFormat("server_url is not a valid URL: %U", given.get()));
+    const Ref refusal = python::call(PyExc_ValueError, {message.get()});
+    python::add_note(refusal.get(), advice::kUrlForm);
+    python::raise(refusal.get());
   }
   return python::call(policy.get(), {server_url});
 }

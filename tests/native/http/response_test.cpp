@@ -175,7 +175,7 @@ TEST(Response, BodyBeyondBounds) {
   });
   const auto failure = failure_of(request_for(server.url("/private")));
   EXPECT_EQ(failure.kind, FailureKind::kMalformedResponse);
-  EXPECT_EQ(failure.message, "answer of " + server.peer() + " is too large");
+  EXPECT_EQ(failure.message, "answer of " + server.peer() + " is too large: more than 64 MiB");
 }
 
 TEST(Response, LengthsThatSayNothing) {

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 
+#include "tessaline/auth/advice.hpp"
 #include "tessaline/auth/binding/manager_docs.hpp"
 #include "tessaline/auth/clock.hpp"
 #include "tessaline/auth/fork.hpp"
@@ -169,7 +170,8 @@ Ref leave(PyObject* self, const Bound&) {
 PyObject* refuse_reduction(PyObject*, PyObject*) {
   return python::boundary([]() -> Ref {
     python::raise(PyExc_TypeError,
-                  "AuthManager cannot be pickled or copied: it holds a private key, locks and threads");
+                  "AuthManager cannot be pickled or copied: it holds a private key, locks and threads",
+                  advice::kNoCopies);
   });
 }
 

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "tessaline/auth/advice.hpp"
 #include "tessaline/auth/binding/manager_type.hpp"
 #include "tessaline/auth/binding/module_constants.hpp"
 #include "tessaline/auth/binding/module_functions.hpp"
@@ -36,11 +37,13 @@ void refuse_other_interpreters() {
   if (!home.compare_exchange_strong(expected, here) && expected != here) {
     python::raise(
         PyExc_ImportError,
-        "Interpreter change detected - this module can only be loaded into one interpreter per process.");
+        "Interpreter change detected - this module can only be loaded into one interpreter per process.",
+        advice::kOneInterpreter);
   }
   if (executed) {
     python::raise(PyExc_RuntimeError,
-                  "Module 'auth' has already been imported. Re-initialisation is not supported.");
+                  "Module 'auth' has already been imported. Re-initialisation is not supported.",
+                  advice::kOneImport);
   }
 }
 

@@ -21,7 +21,6 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kTickInterval{150};
 constexpr int kLongWaitMilliseconds = 10'000;
 constexpr long kMaxConnectionAgeSeconds = 30;
-constexpr std::size_t kMostBodyBytes = std::size_t{64} << 20U;  // an answer is some kilobytes
 constexpr std::size_t kLongestHeaderLine = 102'400;
 
 bool announces_missing_body(std::string_view method) {

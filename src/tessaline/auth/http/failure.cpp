@@ -86,7 +86,9 @@ std::string message_of(FailureKind kind, const Fault& fault, const std::string& 
     case FailureKind::kTls:
       return "TLS with " + peer + " failed: " + curl_easy_strerror(fault.code);
     case FailureKind::kMalformedResponse:
-      return "answer of " + peer + (fault.body_too_large ? " is too large" : " is not HTTP/1");
+      if (!fault.body_too_large) return "answer of " + peer + " is not HTTP/1";
+      return "answer of " + peer + " is too large: more than " + std::to_string(kMostBodyBytes >> 20U) +
+             " MiB";
     case FailureKind::kInterrupted:  // by the caller, who words it himself
     case FailureKind::kOther:
       break;

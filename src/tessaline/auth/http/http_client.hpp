@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <stdexcept>
@@ -28,6 +29,9 @@ struct Request {
       timeout;  ///< of the whole request, redirects included; none: no bound
   TrustStore trust;
 };
+
+/// Longest body that is taken of an answer, which is some kilobytes.
+inline constexpr std::size_t kMostBodyBytes = std::size_t{64} << 20U;
 
 struct Response {
   int status = 0;

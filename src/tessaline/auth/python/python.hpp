@@ -11,6 +11,7 @@
 #include "tessaline/auth/python/globals.hpp"
 #include "tessaline/auth/python/insist.hpp"
 #include "tessaline/auth/python/name.hpp"
+#include "tessaline/auth/python/note.hpp"
 #include "tessaline/auth/python/ref.hpp"
 #include "tessaline/auth/python/scoped_lock.hpp"
 #include "tessaline/auth/python/signature.hpp"

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <string_view>
+
+#include "tessaline/auth/http/http_client.hpp"
+
+// What the caller can do about an error: one sentence, added to it as a note where the component makes it.
+// None of them holds anything secret.
+
+namespace tessaline::auth::advice {
+
+/// The sentence for an error with this reason; empty for a reason that is not the component's.
+std::string_view for_reason(std::string_view reason) noexcept;
+
+/// The same for a failure below HTTP.
+std::string_view for_failure(http::FailureKind kind) noexcept;
+
+// Arguments.
+inline constexpr std::string_view kKeyRange =
+    "a private key is a number above 0 and below the order of the curve secp256k1";
+inline constexpr std::string_view kKeyText = "pass the key as text: key.hex() makes it from 32 bytes";
+inline constexpr std::string_view kUrlForm =
+    "write the address with scheme and host, as in https://service.example";
+inline constexpr std::string_view kDisplayNameType = "a display name is a str, and None resets it";
+inline constexpr std::string_view kEraNumberType = "an era number is an int from 1";
+
+// Callables that were given to the manager.
+inline constexpr const char* kClockReading = "the clock has to return seconds as a number, and returned %s";
+inline constexpr std::string_view kTransportAnswer =
+    "a transport has to return status (int), headers (mapping) and body (bytes)";
+
+// Use of the manager.
+inline constexpr std::string_view kNotConstructed =
+    "a subclass has to call AuthManager.__init__ before anything else";
+inline constexpr std::string_view kNoCopies =
+    "make a manager of its own where another one is needed; a forked child may use its parent's";
+inline constexpr std::string_view kCalledUnderLock =
+    "the manager's clock, a finalizer or a signal handler may not call its methods but close(): let it set "
+    "a flag, and call from elsewhere";
+inline constexpr std::string_view kWaitInFlow =
+    "a transport, a log handler or a signal handler that runs during a login may not wait for its outcome: "
+    "ask for the token before or after it";
+inline constexpr std::string_view kOneInterpreter =
+    "import it in one interpreter only, and start a process for each other one";
+inline constexpr std::string_view kOneImport = "keep the module in sys.modules instead of importing it anew";
+
+// The way to the server.
+inline constexpr const char* kRoots =
+    "trusted were the roots in %s and %s: the environment variables SSL_CERT_FILE and SSL_CERT_DIR name "
+    "others";
+inline constexpr const char* kProxy =
+    "the environment variable %s names a proxy, which the request went through unless no_proxy exempts the "
+    "host";
+
+// The server.
+inline constexpr std::string_view kLoginAnswer =
+    "the server's answer is not what a login needs: check that server_url names the right server";
+inline constexpr std::string_view kStaleChallenge =
+    "the server called each challenge unknown, expired or used: it is safe to try again";
+inline constexpr const char* kLastFailure = "the last attempt, %U %U, ended in %s: it is safe to try again";
+inline constexpr const char* kLastStatus =
+    "the last answer, to %U %U, had status %ld: it is safe to try again";
+inline constexpr const char* kLastOddStatus =
+    "the last answer, to %U %U, had status %ld: check that server_url names the right server";
+inline constexpr const char* kRecorded =
+    "another thread of the manager met %s: call authenticate() to try again";
+
+}  // namespace tessaline::auth::advice

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <Python.h>
+
+#include <optional>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include "tessaline/auth/python/caught.hpp"
+#include "tessaline/auth/python/error.hpp"
+#include "tessaline/auth/python/ref.hpp"
+
+// Notes of an exception, which the host shows below its text (PEP 678). A note is a courtesy: where it cannot
+// be made or added, for want of memory or because the host has put something else in the place of `add_note`,
+// the exception goes on without it. Only what is no `Exception`, such as Ctrl-C, is raised in its place.
+
+namespace tessaline::auth::python {
+
+/// Adds the note, unless the exception has it already: a stored exception is raised many times.
+void add_note(PyObject* exception, PyObject* note);
+void add_note(PyObject* exception, std::string_view note);
+
+/// Adds the notes of `source`, those that are texts.
+void copy_notes(PyObject* source, PyObject* exception);
+
+/// Runs `step`, whose failure is to have no consequence.
+template <class Step>
+void attempt(Step&& step) {
+  std::optional<Error> failure = caught(std::forward<Step>(step));
+  if (failure && !failure->matches(PyExc_Exception)) throw std::move(*failure);
+}
+
+/// Adds the note that `make` returns.
+template <class Make>
+void add_note_from(PyObject* exception, Make&& make) {
+  attempt([&] { add_note(exception, std::forward<Make>(make)().get()); });
+}
+
+/// `error`, with the note.
+Error noted(Error error, std::string_view note);
+
+/// Raises a new `type(message)` with the note.
+[[noreturn]] void raise(PyObject* type, const char* message, std::string_view note);
+
+/// Whether it tells of a value of the wrong kind or shape.
+bool tells_of_misuse(const Error& error) noexcept;
+
+/// What `body` returns; the note goes to a failure that tells of misuse.
+template <class Body>
+std::invoke_result_t<Body> with_note(std::string_view note, Body&& body) {
+  std::optional<std::invoke_result_t<Body>> result;
+  std::optional<Error> failure = caught([&] { result.emplace(std::forward<Body>(body)()); });
+  if (failure && tells_of_misuse(*failure)) throw noted(std::move(*failure), note);
+  if (failure) throw std::move(*failure);
+  return std::move(*result);
+}
+
+}  // namespace tessaline::auth::python
