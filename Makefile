@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test types fuzz leaks exits build devserver bench check format warnings tidy coverage ctime chaos model sanitize torture wheel pins clean
+.PHONY: help demo test types fuzz leaks exits build devserver bench docs check format warnings tidy coverage ctime chaos model sanitize torture wheel pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -32,6 +32,9 @@ devserver: build ## run the development server
 
 bench: build ## measure it beside its peers, into docs/benchmarks (8 minutes)
 	@tools/bench $(ARGS)
+
+docs: build ## build the documentation into build/docs, warnings being errors
+	@tools/docs
 
 check: build ## formatters and linters, then git diff; changes nothing
 	@tools/check

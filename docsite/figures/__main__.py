@@ -1,0 +1,40 @@
+"""Writes the drawings into docs/figures; with --check says which of them are not as they would be written."""
+
+import argparse
+import sys
+from pathlib import Path
+
+from . import day, flows, states
+
+FOLDER = Path(__file__).resolve().parents[2] / "docs/figures"
+DRAWINGS = (states.states, flows.login, flows.renewal, flows.era_change, day.token_life)
+
+
+def drawn() -> dict[Path, str]:
+    """Every drawing by its file."""
+    canvases = [draw() for draw in DRAWINGS]
+    return {FOLDER / f"{canvas.name}.svg": canvas.svg() for canvas in canvases}
+
+
+def outdated() -> list[Path]:
+    """Files that are missing, not as drawn, or drawn by nobody."""
+    expected = drawn()
+    strange = set(FOLDER.glob("*.svg")) - expected.keys()
+    changed = (path for path, text in expected.items() if not path.exists() or path.read_text() != text)
+    return sorted({*strange, *changed})
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(prog="python -m docsite.figures", description=__doc__)
+    parser.add_argument("--check", action="store_true", help="write nothing")
+    if not parser.parse_args().check:
+        FOLDER.mkdir(exist_ok=True)
+        for path, text in drawn().items():
+            path.write_text(text)
+    for path in (wrong := outdated()):
+        print(f"{path.name} is not as drawn; run python -m docsite.figures", file=sys.stderr)
+    return 1 if wrong else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

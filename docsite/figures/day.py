@@ -1,0 +1,47 @@
+"""One token's life against the hours, for a page with little room."""
+
+from .canvas import Canvas
+
+_LEFT, _RIGHT = 8.0, 452.0
+_HOURS = 30.0
+_SIZE = 15.0
+
+
+def _x(hour: float) -> float:
+    return _LEFT + (_RIGHT - _LEFT) * hour / _HOURS
+
+
+def token_life() -> Canvas:
+    canvas = Canvas(
+        "token-life",
+        460,
+        "A token's life",
+        "A token is stored at hour 0 and served at once. Between 18 and 20 hours later, at 80 per "
+        "cent of its life give or take 5, a background thread logs in again and the next token takes "
+        "over. Without a renewal the token would expire after 24 hours.",
+        size=_SIZE,
+    )
+    begin, end = 18.24, 20.16
+    renewal = (begin + end) / 2
+    bar, high = 76.0, 36.0
+    canvas.text(_x(0), 22, "authenticate()", anchor="start", kind="code")
+    canvas.line([(_x(0) + 10, 30), (_x(0) + 10, bar - 3)], arrow=True)
+    canvas.text(_x(renewal), 22, "renewed in the background")
+    canvas.text(_x(renewal), 43, "after 18 to 20 h", kind="marked strong")
+    canvas.line([(_x(renewal), 50), (_x(renewal), bar - 3)], arrow=True)
+
+    canvas.box(_x(0), bar, _x(24) - _x(0), high)
+    canvas.box(_x(0), bar, _x(begin) - _x(0), high, kind="now")
+    canvas.text(_x(begin / 2), bar + 23, "get_token(): at once", kind="code")
+    canvas.text(_x((end + 24) / 2), bar + 23, "spare", kind="soft")
+    canvas.line([(_x(24), bar - 8), (_x(24), bar + high + 6)], dashed=True)
+    canvas.text(_x(24) + 6, bar + 14, ("expiry", "at 24 h"), anchor="start", kind="warned")
+
+    second = bar + high + 14
+    canvas.box(_x(begin), second, _RIGHT - _x(begin), high, kind="now")
+    canvas.text((_x(begin) + _RIGHT) / 2, second + 23, "the next token →")
+    canvas.text(
+        _x(0), second + 14, ("An announced era", "ends a token at once."), anchor="start", kind="soft"
+    )
+    canvas.height = second + high + 8
+    return canvas

@@ -1,0 +1,116 @@
+"""What the built site is made of: drawings, the reference, includes and the look for foreign files."""
+
+from __future__ import annotations
+
+import re
+import xml.etree.ElementTree as ElementTree
+from pathlib import Path
+
+import pytest
+
+from docsite import hooks, pages
+from docsite.figures import __main__ as figures
+from tessaline import auth
+
+from .pages import DOCS, PAGES
+
+pytestmark = pytest.mark.process
+
+SVG = "{http://www.w3.org/2000/svg}"
+DRAWINGS = sorted(figures.drawn())
+
+
+def test_the_drawings_are_as_drawn() -> None:
+    assert len(DRAWINGS) == 5
+    assert figures.outdated() == []
+
+
+def test_a_drawing_that_was_changed_by_hand_is_found(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(figures, "FOLDER", tmp_path)
+    for path, text in figures.drawn().items():
+        path.write_text(text)
+    assert figures.outdated() == []
+    changed, strange = tmp_path / "login.svg", tmp_path / "other.svg"
+    changed.write_text(changed.read_text().replace("challenge", "riddle"))
+    strange.write_text("<svg/>")
+    assert figures.outdated() == [changed, strange]
+
+
+@pytest.mark.parametrize("path", DRAWINGS, ids=lambda path: path.stem)
+def test_a_drawing_can_be_read_aloud_and_by_day_and_night(path: Path) -> None:
+    root = ElementTree.fromstring(path.read_text())
+    named = {element.get("id"): element.text or "" for element in root.iter() if element.get("id")}
+    title, description = (named[name] for name in root.get("aria-labelledby", "").split())
+    assert root.get("role") == "img"
+    assert title and len(description) > 100
+    assert {element.tag.removeprefix(SVG) for element in root.iter()} <= {
+        *("svg", "title", "desc", "style", "defs", "marker", "path", "rect", "text")
+    }
+    assert "prefers-color-scheme:dark" in path.read_text()
+    # Another drawing on the same page has identifiers of its own.
+    assert all(name.startswith(f"{path.stem}-") for name in named)
+
+
+@pytest.mark.parametrize("path", DRAWINGS, ids=lambda path: path.stem)
+def test_the_words_of_a_drawing_are_large_enough_on_a_phone(path: Path) -> None:
+    root = ElementTree.fromstring(path.read_text())
+    width = float(root.get("viewBox", "").split()[2])
+    sizes = [float(text.get("font-size", "0")) for text in root.iter(f"{SVG}text")]
+    assert sizes and min(sizes) * min(1, 358 / width) >= 10
+
+
+def test_every_drawing_is_shown_with_words_in_its_place() -> None:
+    text = "".join(page.read_text() for page in PAGES)
+    shown = re.findall(r"!\[([^\]]+)\]\(figures/([\w-]+)\.svg\)", text)
+    assert {name for _, name in shown} == {path.stem for path in DRAWINGS}
+
+
+def test_the_reference_has_every_public_name_and_no_other() -> None:
+    public = {
+        name
+        for name, value in vars(auth).items()
+        if not name.startswith("_") and getattr(value, "__module__", None) == auth.__name__
+    }
+    assert public == set(re.findall(r"^        - (\w+)$", (DOCS / "reference.md").read_text(), re.MULTILINE))
+
+
+def test_files_of_the_project_are_included_without_the_links_that_lead_out() -> None:
+    included = hooks.with_included("<!-- include CONTRIBUTING.md -->\n", DOCS)
+    assert included.startswith("# Working on it")
+    text = "[a](../README.md) [b](errors.md) [c](../README.md#x) [d](https://service.example) [e](../none.md)"
+    plain = hooks.without_links_out(text, DOCS, DOCS)
+    assert plain == "a [b](errors.md) c [d](https://service.example) [e](../none.md)"
+
+
+def test_names_in_a_narrow_table_may_break() -> None:
+    codes = ("not_authenticated", "/auth/verify", "AuthError", ".netrc")
+    html = "a_b " + " ".join(f"<code>{code}</code>" for code in codes)
+    assert hooks.with_breaks(html) == (
+        "a_b <code>not_<wbr>authenticated</code> <code>/auth<wbr>/verify</code> "
+        "<code>Auth<wbr>Error</code> <code>.netrc</code>"
+    )
+
+
+@pytest.mark.parametrize(
+    ("html", "loads"),
+    [
+        ('<script src="https://cdn.example/x.js"></script>', ["https://cdn.example/x.js"]),
+        ('<link rel="stylesheet" href="//fonts.example/a.css">', ["//fonts.example/a.css"]),
+        ("<p style=\"background: url('https://img.example/b')\">", ["https://img.example/b"]),
+        ('<a href="https://service.example">a link is the reader\'s choice</a>', []),
+        ('<img src="figures/a.png"><script src="assets/b.js"></script>', []),
+    ],
+)
+def test_what_a_page_loads_from_elsewhere_is_found(html: str, loads: list[str]) -> None:
+    assert pages.loads_of(html) == loads
+
+
+def test_a_site_without_pages_or_with_foreign_files_fails(
+    tmp_path: Path, capsys: pytest.CaptureFixture[str]
+) -> None:
+    assert pages.main(tmp_path) == 1
+    (tmp_path / "index.html").write_text("<p>")
+    assert pages.main(tmp_path) == 0
+    assert capsys.readouterr().out == f"documentation: 1 pages in {tmp_path}\n"
+    (tmp_path / "style.css").write_text("@import 'https://fonts.example/a.css';")
+    assert pages.main(tmp_path) == 1
