@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test types fuzz leaks exits build devserver bench docs check format warnings tidy coverage ctime chaos model sanitize torture wheel pins clean
+.PHONY: help demo test types fuzz leaks exits build devserver bench docs check format warnings tidy coverage ctime chaos model sanitize torture wheel test-wheel pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -71,6 +71,9 @@ torture: build ## fail every allocation and library call in turn (about 18 min);
 
 wheel: build ## dist/: a wheel that needs nothing but glibc, and the source archive (about 2 min)
 	@tools/wheel
+
+test-wheel: wheel ## install that wheel where nothing else of its kind is found, and run the tests against it (6 min)
+	@tools/test-wheel $(ARGS)
 
 pins: ## renew the pinned Python packages
 	@tools/pins

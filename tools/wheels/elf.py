@@ -2,13 +2,11 @@
 
 from __future__ import annotations
 
+import re
+import subprocess
 import zlib
 from dataclasses import dataclass
 from pathlib import Path
-
-from elftools.elf.dynamic import DynamicSection
-from elftools.elf.elffile import ELFFile
-from elftools.elf.sections import SymbolTableSection
 
 
 @dataclass(frozen=True)
@@ -24,41 +22,27 @@ class Library:
     def debugged_by(self, file: Path) -> bool:
         """Whether a debugger that looks for this library's debug information takes that file."""
         return self.debug_link == (file.name, zlib.crc32(file.read_bytes())) and (
-            read(file).build_id == self.build_id
+            self.build_id in _said_by("readelf", "--wide", "--notes", str(file))
         )
 
 
 def read(path: Path) -> Library:
-    with path.open("rb") as file:
-        elf = ELFFile(file)
-        needed, search_path, exports = set(), "", set()
-        # A file of debug information keeps the names of those sections, and nothing of what is in them.
-        dynamic, symbols = elf.get_section_by_name(".dynamic"), elf.get_section_by_name(".dynsym")
-        if isinstance(dynamic, DynamicSection) and dynamic["sh_type"] != "SHT_NOBITS":
-            needed = {tag.needed for tag in dynamic.iter_tags("DT_NEEDED")}
-            paths = [tag.runpath for tag in dynamic.iter_tags("DT_RUNPATH")]
-            search_path = ":".join([*paths, *(tag.rpath for tag in dynamic.iter_tags("DT_RPATH"))])
-        if isinstance(symbols, SymbolTableSection):
-            exports = {
-                symbol.name
-                for symbol in symbols.iter_symbols()
-                if symbol["st_shndx"] != "SHN_UNDEF" and symbol["st_info"]["bind"] != "STB_LOCAL"
-            }
-        notes = elf.get_section_by_name(".note.gnu.build-id")
-        return Library(
-            path,
-            frozenset(needed),
-            search_path,
-            frozenset(exports),
-            frozenset(section.name for section in elf.iter_sections()),
-            "" if notes is None else next(notes.iter_notes())["n_desc"],
-            _debug_link(elf),
-        )
+    text = _said_by(
+        *("readelf", "--wide", "--dynamic", "--sections", "--notes"),
+        *("--debug-dump=links,no-follow-links", str(path)),
+    )
+    link = re.search(r"Separate debug info file: (\S+)\s+CRC value: (0x[0-9a-f]+)", text)
+    symbols = _said_by("nm", "--dynamic", "--defined-only", "--format=posix", str(path))
+    return Library(
+        path,
+        frozenset(re.findall(r"\(NEEDED\).*\[(.+)\]", text)),
+        ":".join(re.findall(r"\((?:RPATH|RUNPATH)\).*\[(.+)\]", text)),
+        frozenset(line.split()[0] for line in symbols.splitlines()),
+        frozenset(re.findall(r"^ *\[ *\d+\] (\.\S+)", text, re.MULTILINE)),
+        re.findall(r"Build ID: ([0-9a-f]+)", text)[0],
+        (link[1], int(link[2], 16)) if link else None,
+    )
 
 
-def _debug_link(elf: ELFFile) -> tuple[str, int] | None:
-    section = elf.get_section_by_name(".gnu_debuglink")
-    if section is None:
-        return None
-    data = section.data()
-    return data[: data.index(0)].decode(), int.from_bytes(data[-4:], "little")
+def _said_by(*command: str) -> str:
+    return subprocess.run(command, check=True, capture_output=True, text=True, timeout=60).stdout

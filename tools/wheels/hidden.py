@@ -7,6 +7,7 @@ In a mount namespace of its own, so that the system notices nothing.
 
 from __future__ import annotations
 
+import ctypes
 import os
 import re
 import subprocess
@@ -18,6 +19,7 @@ from .allowed import is_of_the_interpreter
 
 DEVELOPMENT = ["/usr/include", "/usr/local/include", "/usr/share/pkgconfig"]
 BUILT = ["src", "build/release", "build/portable", "build/wheels", ".venv"]
+LINKED = ["libcurl.so.4", "libsecp256k1.so.1", "libstdc++.so.6"]
 GRAFTED = re.compile(r"tessaline\.libs/(.+?)-[0-9a-f]{8}[.\d]*\.so")
 
 
@@ -54,6 +56,17 @@ def hide(wheel: Path) -> int:
     return len(libraries)
 
 
+def is_found(library: str) -> bool:
+    try:
+        ctypes.CDLL(library)
+    except OSError:
+        return False
+    return True
+
+
 if __name__ == "__main__":
-    print(f"{hide(Path(sys.argv[1]))} system libraries hidden, and all headers", flush=True)
+    hidden = hide(Path(sys.argv[1]))
+    if found := [name for name in LINKED if is_found(name)]:
+        sys.exit(f"not hidden: {found}")
+    print(f"{hidden} system libraries hidden, and all headers", flush=True)
     os.execvp(sys.argv[2], sys.argv[2:])

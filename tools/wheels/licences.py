@@ -43,6 +43,8 @@ def put_licences(wheel: Path) -> list[str]:
     libraries = set[Path]().union(*map(brought_along, wheel.glob("tessaline/*.so")))
     packages = LINKED_IN.union(map(package_of, libraries))
     texts = {name: Path("/usr/share/doc", name, "copyright").read_text() for name in packages}
+    listed = ["dpkg-query", "-W", "-f=${Package} ${Version}\\n", *sorted(packages)]
+    texts["PACKAGES"] = subprocess.run(listed, check=True, capture_output=True, text=True, timeout=60).stdout
     for name in {name for text in texts.values() for name in COMMON.findall(text)}:
         texts[f"common-licenses-{name}"] = Path("/usr/share/common-licenses", name).read_text()
     for name, text in texts.items():

@@ -3,6 +3,7 @@ are over, no library is open but its own, those of glibc and those of the interp
 
 from __future__ import annotations
 
+import contextlib
 import os
 import sys
 import zipfile
@@ -18,24 +19,22 @@ from .allowed import strangers
 WHEEL = Path(os.environ["TESSALINE_WHEEL"])
 SITE = Path(auth.__file__).parents[1]
 LEFT_OUT = {
-    "tests/ctime/": "needs the objects of the build tree and valgrind",
+    "tests/ctime/": "needs the objects of the build tree, and valgrind",
     "tests/fuzz/": "needs the native replayers of the build tree",
-    "tests/instructions/": "needs the build tree and valgrind",
+    "tests/instructions/": "needs the build tree, and valgrind",
+    "tests/tooling/": "looks at the sources and the tools",
     "tests/torture/": "needs the build tree's library of faults",
-    "tests/tooling/test_canary.py": "tests a tool",
-    "tests/tooling/test_chaos.py": "tests a tool",
-    "tests/tooling/test_coverage.py": "tests a tool",
-    "tests/tooling/test_house_rules.py": "reads the sources",
-    "tests/tooling/test_install.py": "builds the package",
-    "tests/tooling/test_release_files.py": "reads the sources",
-    "tests/tooling/test_tools.py": "tests a tool",
-    "tests/tooling/test_wheel.py": "builds the package",
 }
+RUN_ALL_THE_SAME = "tests/tooling/test_demo.py"
 
 _left_out: Counter[str] = Counter()
+_faults: list[str] = []
+_passed: list[pytest.TestReport] = []
 
 
-def reason_to_leave_out(item: pytest.Item) -> str | None:
+def place_left_out(item: pytest.Item) -> str | None:
+    if item.nodeid.startswith(RUN_ALL_THE_SAME):
+        return None
     return next((place for place in LEFT_OUT if item.nodeid.startswith(place)), None)
 
 
@@ -54,33 +53,41 @@ def same(path: Path, content: bytes) -> bool:
 
 
 def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
-    left_out = [item for item in items if reason_to_leave_out(item)]
-    _left_out.update(str(reason_to_leave_out(item)) for item in left_out)
-    config.hook.pytest_deselected(items=left_out)
-    items[:] = [item for item in items if not reason_to_leave_out(item)]
+    places = [(item, place_left_out(item)) for item in items]
+    _left_out.update(place for _, place in places if place)
+    config.hook.pytest_deselected(items=[item for item, place in places if place])
+    items[:] = [item for item, place in places if not place]
+
+
+def faults_of_this_process() -> list[str]:
+    # However few tests ran, the library that makes requests has been opened, and all that it needs.
+    with contextlib.suppress(OSError):
+        auth._default_http_transport("GET", "http://127.0.0.1:1/")
+    maps = Path("/proc/self/maps").read_text()
+    found = [f"{path} is open" for path in strangers(maps, sys.prefix, sys.base_prefix)]
+    for own in ("libcurl-", "libsecp256k1-", "libssl-"):
+        if f"{SITE}/tessaline.libs/{own}" not in maps:
+            found.append(f"{own}... of the wheel is not open")
+    return found
 
 
 @pytest.hookimpl(trylast=True)
 def pytest_sessionfinish(session: pytest.Session) -> None:
-    maps = Path("/proc/self/maps").read_text()
-    found = strangers(maps, sys.prefix, sys.base_prefix)
-    own = SITE / "tessaline.libs" / "libcurl-"
-    if str(own) not in maps:
-        found.append(f"none that begins with {own}")
-    if found:
-        session.config.stash[FAULTS] = found
+    _faults.extend(faults_of_this_process())
+    if _faults:
         session.exitstatus = pytest.ExitCode.TESTS_FAILED
 
 
-FAULTS = pytest.StashKey[list[str]]()
-
-
-def pytest_terminal_summary(terminalreporter: pytest.TerminalReporter, config: pytest.Config) -> None:
-    say = terminalreporter.write_line
+def pytest_terminal_summary(terminalreporter: pytest.TerminalReporter) -> None:
+    _passed.extend(terminalreporter.getreports("passed"))
     for place, count in sorted(_left_out.items()):
-        say(f"left out: {count} of {place}: it {LEFT_OUT[place]}")
-    found = config.stash.get(FAULTS, [])
-    for library in found:
-        say(f"FAILED: {library} is open", red=True)
-    if not found:
-        say("open libraries: the wheel's, glibc's, the interpreter's, and no others")
+        terminalreporter.write_line(f"left out: {count} of {place}, which {LEFT_OUT[place]}")
+    for fault in _faults:
+        terminalreporter.write_line(f"FAILED: {fault}", red=True)
+    if not _faults:
+        terminalreporter.write_line("open libraries: the wheel's, glibc's, the interpreter's, and no others")
+
+
+def pytest_unconfigure() -> None:
+    """The last line."""
+    print(f"{len(_passed)} tests passed against {WHEEL.name}, {_left_out.total()} left out")
