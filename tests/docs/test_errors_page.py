@@ -78,6 +78,6 @@ def test_what_is_said_of_a_bad_key_is_told(key: str, told: str) -> None:
 
 def test_the_texts_of_network_errors_are_told() -> None:
     prefixes = re.findall(
-        r'raise_network_error\("([^"]+)"', "".join(path.read_text() for path in SOURCES.glob("*.cpp"))
+        r'network_error\("([^"]+)"', "".join(path.read_text() for path in SOURCES.glob("*.cpp"))
     )
     assert sorted(f"{prefix}3 attempts" for prefix in prefixes) == sorted(named("NetworkError"))

@@ -21,7 +21,7 @@ pytestmark = pytest.mark.process
 
 ELSEWHERE = "https://service.example"
 # Pages whose blocks need more than a manager to run are run by the tests below.
-PLAIN = ["security.md", "time.md", "token-life.md"]
+PLAIN = ["reference.md", "security.md", "time.md", "token-life.md"]
 OTHERS = ["index.md", "errors.md", "threads.md", "tutorial.md"]
 
 
