@@ -1,12 +1,15 @@
-"""Where the project is, and which files are its own."""
+"""Where the project is, which files are its own, and how its tools are run."""
 
 import functools
+import os
 import subprocess
 from pathlib import Path
 
 import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
+
+Ended = subprocess.CompletedProcess[str]
 
 
 @functools.cache
@@ -26,3 +29,15 @@ def own_files() -> tuple[Path, ...]:
 def own_sources(*suffixes: str, under: str = ".") -> list[Path]:
     folder = (ROOT / under).resolve()
     return [path for path in own_files() if path.suffix in suffixes and path.is_relative_to(folder)]
+
+
+def run(*command: str, cwd: Path, **environment: str) -> Ended:
+    return subprocess.run(
+        command,
+        cwd=cwd,
+        env=os.environ | environment,
+        capture_output=True,
+        timeout=120,
+        text=True,
+        stdin=subprocess.DEVNULL,
+    )

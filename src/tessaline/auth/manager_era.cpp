@@ -123,7 +123,7 @@ void AuthManager::settle_lost_reauthentication(PyObject* event) {
   }
   const std::optional<python::Error> failure = python::caught(
       [] { python::raise(PyExc_RuntimeError, "the thread of the re-authentication ended before it began"); });
-  settle_failure(*this, *failure, lost_attempt, event);
+  if (failure) settle_failure(*this, *failure, lost_attempt, event);
 }
 
 Ref AuthManager::background_reauth() {

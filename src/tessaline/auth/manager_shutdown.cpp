@@ -28,7 +28,7 @@ class Steps {
     if (failure && !first_) first_ = std::move(failure);
   }
 
-  Ref first() const { return Ref::borrow(first_->exception()); }
+  Ref first() const { return first_ ? Ref::borrow(first_->exception()) : Ref::none(); }
 
   void raise_first() {
     if (first_) throw std::move(*first_);

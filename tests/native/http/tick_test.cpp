@@ -10,7 +10,6 @@ using testing::Connection;
 using testing::failure_of;
 using testing::LoopbackServer;
 using testing::request_for;
-using testing::WireRequest;
 
 using Clock = std::chrono::steady_clock;
 

@@ -18,11 +18,11 @@
 
 namespace tessaline::auth::http::testing {
 
-template <auto Free>
+template <auto kFree>
 struct FreeWith {
   template <typename Object>
   void operator()(Object* object) const {
-    Free(object);
+    kFree(object);
   }
 };
 
@@ -51,7 +51,7 @@ inline Identity make_identity(const std::string& subject, const std::string& nam
   X509* certificate = identity.certificate.get();
   X509_set_version(certificate, 2);
   ASN1_INTEGER_set(X509_get_serialNumber(certificate), issuer == nullptr ? 1 : 2);
-  X509_gmtime_adj(X509_getm_notBefore(certificate), -2 * 86400);
+  X509_gmtime_adj(X509_getm_notBefore(certificate), -2L * 86400);
   X509_gmtime_adj(X509_getm_notAfter(certificate), valid_seconds);
   X509_set_pubkey(certificate, identity.key.get());
   X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_ASC,

@@ -30,7 +30,7 @@ PyObject* call_method(PyObject* /*module*/, PyObject* args) {
   Py_RETURN_NONE;
 }
 
-template <double (*Sign)(std::size_t, std::size_t)>
+template <double (*kSign)(std::size_t, std::size_t)>
 PyObject* sign(PyObject* /*module*/, PyObject* args) {
   const char* mark = nullptr;
   Py_ssize_t bytes = 0;
@@ -38,9 +38,9 @@ PyObject* sign(PyObject* /*module*/, PyObject* args) {
   if (!PyArg_ParseTuple(args, "snn", &mark, &bytes, &times)) return nullptr;
   try {
     // The first one makes what all others share.
-    Sign(1, static_cast<std::size_t>(bytes));
+    kSign(1, static_cast<std::size_t>(bytes));
     CALLGRIND_ZERO_STATS;
-    Sign(static_cast<std::size_t>(times), static_cast<std::size_t>(bytes));
+    kSign(static_cast<std::size_t>(times), static_cast<std::size_t>(bytes));
     CALLGRIND_DUMP_STATS_AT(mark);
   } catch (const std::exception& error) {
     PyErr_SetString(PyExc_RuntimeError, error.what());
