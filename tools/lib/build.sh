@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Builds the package and installs it into .venv.
 
 build_inputs() {

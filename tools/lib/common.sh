@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by every tool. Puts the shell at the project's root.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Finds CPython 3.13 and makes .venv.
 
 # python_behind COMMAND: the interpreter itself (past shims and virtual environments), if it is a CPython 3.13
@@ -41,7 +42,7 @@ find_python() {
 
 need_venv() {
   local wanted
-  wanted="$PWD $(cat requirements/dev.txt | sha256sum)"
+  wanted="$PWD $(sha256sum <requirements/dev.txt)"
   if [[ -n ${PYTHON:-} ]]; then
     wanted+=" $(find_python)"
   elif [[ -x .venv/bin/python ]]; then
@@ -57,7 +58,7 @@ need_venv() {
   logged packages .venv/bin/python -m pip install --quiet --no-input --disable-pip-version-check --no-deps \
     --requirement requirements/dev.txt
   logged packages-check .venv/bin/python -m pip check
-  mark_done .venv/.set-up "$PWD $(cat requirements/dev.txt | sha256sum) $python"
+  mark_done .venv/.set-up "$PWD $(sha256sum <requirements/dev.txt) $python"
 }
 
 # need_pinned NAME: what requirements/NAME.txt adds to .venv, in a place of its own, because only one tool needs it.

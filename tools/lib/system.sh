@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # What the build needs from the system. A package counts as present when what it is needed for works,
 # wherever that came from.
 
@@ -60,6 +61,7 @@ has_package() {
     libclang-rt-19-dev) has_runtime 'asan*.so' 19 ;;
     llvm-19) "$(clang_tool clang++ 19)" -print-prog-name=llvm-symbolizer | grep '^/' ;;
     clang-tidy-16) clang_tool clang-tidy ;;
+    shellcheck) tool shellcheck 0.9 ;;
     spin) spin -V 2>/dev/null | grep '^Spin Version' ;;
     *) fail "has_package: no rule for $1" ;;
   esac >/dev/null

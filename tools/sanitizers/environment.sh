@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by tools/sanitize: how each sanitizer is built, started and asked to report.
 
 runtime_of() { "$compiler" -print-file-name="$1"; }
@@ -12,6 +13,7 @@ use_sanitizer() {
   compiler=$(clang_tool clang++ 19)
   gxx=$(tool g++ 12)
   kinds=$sanitizer,undefined
+  # shellcheck disable=SC2034 # tools/sanitize reads `planted`.
   case $sanitizer in
     address) preset=asan planted=(use_after_free overflow) ;;
     thread) preset=tsan planted=(race overflow) ;;
