@@ -25,9 +25,15 @@ REGISTRIES = re.compile(
 )
 
 HOST_CALLS = re.compile(
-    r"\b(?:PyObject_(?:Call|Vectorcall|GetAttr|SetAttr|RichCompare)\w*|PyObject_(?:IsTrue|Str)"
-    r"|Py_X?DECREF|Py_CLEAR|PyEval_\w+|PyGILState_\w+|Py_BEGIN_ALLOW_THREADS)\b"
+    r"\b(?:PyObject_(?:Call|Vectorcall|GetAttr|SetAttr|DelAttr|GetOptionalAttr|HasAttr|RichCompare)\w*"
+    r"|PyObject_(?:IsTrue|Not|Str|Repr|ASCII|Bytes|Format|Dir|Hash|Size|Length|IsInstance|IsSubclass)"
+    r"|PyObject_(?:GetItem|SetItem|DelItem|GetIter|SelfIter)|Py(?:Iter|Sequence|Number|Mapping)_(?!Check\b)\w+"
+    r"|PyImport_\w+|PyRun_\w+|PyErr_(?:WarnEx|WarnFormat|Print\w*|Display\w*|WriteUnraisable|CheckSignals)"
+    r"|Py_X?DECREF|Py_CLEAR|Py_X?SETREF|Py_DecRef|PyEval_\w+|PyGILState_\w+|PyThreadState_\w+"
+    r"|Py_(?:BEGIN|END|UNBLOCK|BLOCK)_(?:ALLOW_)?THREADS)\b"
 )
+# A pointer to one that the host made is no definition.
+METHODS = re.compile(r"\bPy(?:Method|GetSet|Member|Module)Def\b(?!\s*[*>])|\bPyType_(?:Slot|Spec)\b")
 CATCH_ALL = re.compile(r"\bcatch\s*\(\s*\.\.\.\s*\)")
 HOST_HANDLERS = re.compile(r"\bcatch\s*\(\s*(?:const\s+)?(?:python::)?Error\b")
 TEXT_FORMS = re.compile(r"\bPy(?:Err_Format|Unicode_FromFormat)\([^;]*%[SRA]")
@@ -47,6 +53,12 @@ def places(pattern: re.Pattern[str], files: Iterable[Path], *, code_only: bool =
             line = text.count("\n", 0, match.start()) + 1
             found.append(f"{path.relative_to(ROOT)}:{line}: {match[0]}")
     return found
+
+
+def exported(library: Path) -> list[str]:
+    command = ["nm", "-D", "--defined-only", "--format=posix", str(library)]
+    listed = subprocess.run(command, check=True, capture_output=True, timeout=60, text=True).stdout
+    return [line.split()[0] for line in listed.splitlines()]
 
 
 def test_files_speak_of_the_system_and_of_no_other_document() -> None:
@@ -74,6 +86,19 @@ def test_the_interpreter_is_called_only_through_the_doors() -> None:
     assert places(HOST_CALLS, outside, code_only=True) == []
 
 
+def test_methods_are_defined_only_where_the_host_is_faced() -> None:
+    room = ROOT / "src/tessaline/auth"
+    # The types of the exceptions.
+    allowed = {room / "errors.cpp", room / "error_notes.cpp", room / "error_notes.hpp"}
+    outside = [
+        path
+        for path in own_sources(".cpp", ".hpp", under="src")
+        if not path.is_relative_to(room / "binding") and path not in allowed
+    ]
+    assert outside
+    assert places(METHODS, outside, code_only=True) == []
+
+
 def test_no_handler_catches_everything() -> None:
     # It would catch the unwinding by which an ending interpreter ends a thread, and abort the process.
     assert places(CATCH_ALL, own_sources(".cpp", ".hpp"), code_only=True) == []
@@ -97,12 +122,20 @@ def test_the_pure_rooms_do_not_know_the_interpreter() -> None:
         files = own_sources(".cpp", ".hpp", under=f"src/tessaline/auth/{room}")
         assert files
         assert places(HOST_HEADERS, files) == []
+    verdict = [ROOT / "src/tessaline/auth" / name for name in ("verdict.cpp", "verdict.hpp")]
+    assert places(HOST_HEADERS, verdict) == []
 
 
 def test_the_module_exports_its_entry_and_nothing_else() -> None:
-    command = ["nm", "-D", "--defined-only", "--format=posix", tessaline.auth.__file__]
-    listed = subprocess.run(command, check=True, capture_output=True, timeout=60, text=True).stdout
-    assert [line.split()[0] for line in listed.splitlines()] == ["PyInit_auth"]
+    assert exported(Path(tessaline.auth.__file__)) == ["PyInit_auth"]
+
+
+def test_what_a_library_exports_besides_is_seen(tmp_path: Path) -> None:
+    source, library = tmp_path / "planted.cpp", tmp_path / "planted.so"
+    source.write_text('extern "C" void PyInit_auth() {}\nextern "C" int planted = 1;\n')
+    command = ["g++", "-shared", "-fPIC", "-o", str(library), str(source)]
+    subprocess.run(command, check=True, capture_output=True, timeout=60)
+    assert exported(library) == ["PyInit_auth", "planted"]
 
 
 def test_the_rules_find_what_they_forbid() -> None:
@@ -113,7 +146,13 @@ def test_the_rules_find_what_they_forbid() -> None:
     assert LEFT_OPEN.search("// TOD" + "O: later")
     assert REGISTRIES.search("https://pyp" + "i.org/simple")
     assert HOST_CALLS.search("PyObject_CallNoArgs(f)")
+    assert HOST_CALLS.search("PySequence_Tuple(f)")
+    assert HOST_CALLS.search("Py_XSETREF(f, g)")
     assert not HOST_CALLS.search("PyObject_Type(f)")
+    assert not HOST_CALLS.search("PyNumber_Check(f)")
+    assert METHODS.search("PyMethodDef methods[] = {")
+    assert METHODS.search("const PyType_Slot slots[] = {")
+    assert not METHODS.search("const PyMethodDef* definition")
     assert CATCH_ALL.search("catch (...) {")
     assert HOST_HANDLERS.search("catch (python::Error& error) {")
     assert TEXT_FORMS.search('PyUnicode_FromFormat("%S", object)')
