@@ -36,8 +36,8 @@ bench: build ## measure it beside its peers, into docs/benchmarks (8 minutes)
 docs: build ## build the documentation into build/docs, warnings being errors
 	@tools/docs
 
-check: build ## formatters and linters, then git diff; changes nothing
-	@tools/check
+check: build ## formatters, linters, types, house rules, git diff; changes nothing (20 s; 5 min when all is new)
+	@tools/check $(ARGS)
 
 types: build ## mypy, pyright and stubtest (15 s)
 	@tools/types
@@ -48,7 +48,7 @@ format: build ## format the sources in place
 warnings: build ## compile with g++ and clang, warnings being errors
 	@tools/warnings
 
-tidy: warnings ## clang-tidy over the sources
+tidy: build ## clang-tidy over the C++ sources that changed since they last passed
 	@tools/tidy $(ARGS)
 
 coverage: build ## which lines and branches all tests reach, C++ and Python; 98 % of lines at least (about 8 min)
