@@ -59,10 +59,16 @@ ANSWERS = [message for message in messages() if message.first.startswith("HTTP/1
 REGISTERED, REFUSED, CHALLENGED, VERIFIED, RENAMED = ANSWERS
 
 
+@pytest.fixture(scope="module")
+def started() -> Iterator[DevServer]:
+    with DevServer() as server:
+        yield server
+
+
 @pytest.fixture
-def server() -> Iterator[DevServer]:
-    with DevServer() as started:
-        yield started
+def server(started: DevServer) -> DevServer:
+    started.reset()
+    return started
 
 
 def raw(server: DevServer, request: Message, **changes: Any) -> Message:
