@@ -16,7 +16,7 @@ import trustme
 from devserver.testing import DevServer
 from examples.grpc_credentials import WalletCallCredentials
 from tessaline.auth import AuthManager
-from tests.integration.support import Worker
+from tests.integration.support import Worker, waiters
 from tests.sanitized import SANITIZER, patience
 
 pytestmark = pytest.mark.skipif(SANITIZER is not None, reason="the core of gRPC is not instrumented")
@@ -109,13 +109,16 @@ def test_calls_wait_for_a_renewal_and_hold_nobody_else_up(
     manager.notify_era_change(2)
     server.wait_for("challenge", 3)
 
-    calls = [Worker(asking, manager) for _ in range(4)]
+    calls = [Worker(asking, manager) for _ in range(40)]
     assert asking(other) == other.get_wallet_address()
     with pytest.raises(grpc.RpcError) as caught:
         asking(manager, timeout=0.1)
     assert code_of(caught.value) == grpc.StatusCode.DEADLINE_EXCEEDED
+    # Asked on gRPC's threads, it would hold one of them for every call.
+    assert manager._auth_event is not None
+    assert waiters(manager._auth_event) == 1
     server.release()
-    assert [call.result() for call in calls] == [manager.get_wallet_address()] * 4
+    assert [call.result() for call in calls] == [manager.get_wallet_address()] * 40
 
 
 def test_without_a_token_the_call_fails_and_says_why(

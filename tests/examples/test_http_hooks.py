@@ -5,14 +5,18 @@ from __future__ import annotations
 import asyncio
 import json
 from collections.abc import Callable
+from pathlib import Path
 from typing import Any
 
+import anyio
 import pytest
+import requests
 
 from devserver.testing import DevServer
+from examples.requests_auth import WalletAuth
 from tessaline.auth import AuthError, AuthManager
-from tests.examples.clients import ASYNC_CLIENTS, CLIENTS, SECONDS, Wanted
-from tests.integration.support import Worker, until
+from tests.examples.clients import ASYNC_CLIENTS, CLIENTS, SECONDS, Wanted, by_async_httpx
+from tests.integration.support import Worker
 
 NAME = "/api/profile/display_name"
 
@@ -83,6 +87,33 @@ def test_a_refused_request_is_repeated_with_the_token_that_came_meanwhile(
     first, second = requests_at(server, NAME)
     assert (first["status"], second["status"]) == (401, 200)
     assert first["body_bytes"] == second["body_bytes"] == len(wanted.body)
+
+
+def test_a_refusal_by_another_origin_is_not_answered_with_a_token(
+    server: DevServer, manager: AuthManager, client: Client
+) -> None:
+    server.faults("/moved", [{"kind": "redirect", "status": 307, "location": f"{server.gate_url}{NAME}"}])
+    wanted = Wanted(manager, server.url, server.url + "/moved")
+    assert refused_while_renewed(server, manager, lambda: client(wanted))[0] == 401
+    assert (len(requests_at(server, "/moved")), len(requests_at(server, NAME))) == (1, 1)
+
+
+def test_nor_is_one_of_the_password_that_requests_took_from_a_file(
+    server: DevServer, manager: AuthManager, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    passwords = tmp_path / "netrc"
+    passwords.write_text("machine 127.0.0.1 login ada password lovelace\n")
+    passwords.chmod(0o600)
+    monkeypatch.setenv("NETRC", str(passwords))
+    monkeypatch.setenv("no_proxy", "*")
+    server.faults("/moved", [{"kind": "redirect", "status": 307, "location": f"{server.gate_url}{NAME}"}])
+    answer = requests.post(
+        server.url + "/moved", b"{}", auth=WalletAuth(manager, server.url), timeout=SECONDS
+    )
+    assert answer.status_code == 401
+    assert answer.request.headers["Authorization"].startswith("Basic ")
+    (entry,) = requests_at(server, NAME)
+    assert "authorization" in entry["header_names"]
 
 
 def test_a_request_is_repeated_once(server: DevServer, manager: AuthManager, client: Client) -> None:
@@ -182,5 +213,23 @@ def test_a_cancelled_request_stops_waiting_at_once(
         server.release()
 
     asyncio.run(asyncio.wait_for(run(), SECONDS))
-    until(lambda: manager.get_token() and not waiting(manager), "the renewal")
+    assert requests_at(server, NAME) == []
+
+
+def test_so_does_one_whose_scope_is_cancelled(server: DevServer, manager: AuthManager) -> None:
+    server.settings(era=2)
+    server.faults("challenge", [{"kind": "hold"}])
+    manager.notify_era_change(2)
+    server.wait_for("challenge", 2)
+
+    async def run() -> None:
+        async with anyio.create_task_group() as group:
+            group.start_soon(by_async_httpx, Wanted(manager, server.url, server.url + NAME))
+            while not waiting(manager):
+                await asyncio.sleep(0.001)
+            group.cancel_scope.cancel()
+        assert waiting(manager)
+        server.release()
+
+    asyncio.run(asyncio.wait_for(run(), SECONDS))
     assert requests_at(server, NAME) == []
