@@ -18,7 +18,7 @@ from pathlib import Path
 from .allowed import is_of_the_interpreter
 
 DEVELOPMENT = ["/usr/include", "/usr/local/include", "/usr/share/pkgconfig"]
-BUILT = ["src", "build/release", "build/portable", "build/wheels", ".venv"]
+BUILT = ["build/release", "build/portable", "build/wheels", ".venv"]
 LINKED = ["libcurl.so.4", "libsecp256k1.so.1", "libstdc++.so.6"]
 GRAFTED = re.compile(r"tessaline\.libs/(.+?)-[0-9a-f]{8}[.\d]*\.so")
 
