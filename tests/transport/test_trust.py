@@ -118,6 +118,37 @@ def test_a_file_that_is_renewed_under_its_name(
     assert transport("GET", https_server.url + "/_echo")[0] == 200
 
 
+def test_a_file_that_comes_while_the_program_runs(
+    https_server: DevServer, monkeypatch: pytest.MonkeyPatch, tmp_path: Path
+) -> None:
+    assert https_server.ca_file is not None
+    path = tmp_path / "authorities.pem"
+    monkeypatch.setenv("SSL_CERT_FILE", str(path))
+    for _ in range(2):
+        assert_refused(https_server)
+    shutil.copy(https_server.ca_file, path)
+    assert transport("GET", https_server.url + "/_echo")[0] == 200
+
+
+@pytest.mark.parametrize("has_file", [True, False])
+def test_the_host_is_not_asked_for_every_request(
+    has_file: bool, server: DevServer, monkeypatch: pytest.MonkeyPatch, tmp_path: Path
+) -> None:
+    # A place that was not asked about before.
+    monkeypatch.setenv("SSL_CERT_DIR", str(tmp_path))
+    asked = []
+
+    def ask() -> ssl.DefaultVerifyPaths:
+        asked.append("once")
+        file = "authorities.pem" if has_file else None
+        return ssl.DefaultVerifyPaths(file, str(tmp_path), "SSL_CERT_FILE", "none", "SSL_CERT_DIR", "none")
+
+    monkeypatch.setattr(ssl, "get_default_verify_paths", ask)
+    for _ in range(3):
+        assert transport("GET", server.url + "/_echo")[0] == 200
+    assert asked == ["once"]
+
+
 def test_a_certificate_for_another_name(misnamed_server: DevServer, monkeypatch: pytest.MonkeyPatch) -> None:
     assert misnamed_server.ca_file is not None
     monkeypatch.setenv("SSL_CERT_FILE", misnamed_server.ca_file)

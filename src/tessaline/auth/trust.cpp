@@ -51,18 +51,23 @@ struct Remembered {
   std::string file_variable;
   std::string directory_variable;
   http::TrustStore store;
+
+  /// A file that the environment names, or anything at all, may still come while the program runs.
+  bool stays() const {
+    return !store.ca_file.empty() || (file_variable.empty() && !store.ca_directory.empty());
+  }
 };
 
 }  // namespace
 
 http::TrustStore default_trust_store() {
-  // Asking costs an import and two looks at the file system; under the interpreter's lock, so no lock of its
+  // Asking costs an import and some looks at the file system. Under the interpreter's lock, so no lock of its
   // own.
   static Remembered* remembered = nullptr;
   const std::string file = variable("SSL_CERT_FILE");
   const std::string directory = variable("SSL_CERT_DIR");
   const bool known = remembered != nullptr && remembered->file_variable == file &&
-                     remembered->directory_variable == directory && !remembered->store.ca_file.empty();
+                     remembered->directory_variable == directory && remembered->stays();
   if (known) return remembered->store;
   http::TrustStore store = ask_host();
   if (file.empty() && directory.empty() && holds_nothing(store)) store = find_system_trust_store();
