@@ -139,10 +139,10 @@ def test_the_requests_are_those_of_the_client() -> None:
     }
 
     def transport(
-        method: str, url: str, headers: Mapping[str, str], body: str
+        method: str, url: str, *, headers: Mapping[str, str] | None = None, body: str | bytes | None = None
     ) -> tuple[int, dict[str, str], bytes]:
         path = url.removeprefix(BASE)
-        sent.append((method, path, dict(headers), body))
+        sent.append((method, path, dict(headers or {}), str(body)))
         return answers[path].status, {}, answers[path].text.encode()
 
     with auth.AuthManager(KEY, BASE, _transport=transport) as manager:
@@ -207,7 +207,7 @@ def test_refusals_are_taken_as_told(
     good = {"register": REGISTERED, "challenge": CHALLENGED, "verify": VERIFIED, "display_name": RENAMED}
 
     def transport(
-        method: str, url: str, headers: Mapping[str, str], body: str
+        method: str, url: str, *, headers: Mapping[str, str] | None = None, body: str | bytes | None = None
     ) -> tuple[int, dict[str, str], bytes]:
         name = url.rpartition("/")[2]
         if name == endpoint:

@@ -39,7 +39,7 @@ def test_a_drawing_that_was_changed_by_hand_is_found(tmp_path: Path, monkeypatch
 @pytest.mark.parametrize("path", DRAWINGS, ids=lambda path: path.stem)
 def test_a_drawing_can_be_read_aloud_and_by_day_and_night(path: Path) -> None:
     root = ElementTree.fromstring(path.read_text())
-    named = {element.get("id"): element.text or "" for element in root.iter() if element.get("id")}
+    named = {name: element.text or "" for element in root.iter() if (name := element.get("id"))}
     title, description = (named[name] for name in root.get("aria-labelledby", "").split())
     assert root.get("role") == "img"
     assert title and len(description) > 100
