@@ -97,6 +97,8 @@ class AuthError(Exception):
 
     Attributes:
         reason: lowercase snake_case text for programs to compare; also the error's text.
+
+    Where a manager raises it, a note tells what may help.
     """
 
     reason: str
@@ -105,7 +107,8 @@ class AuthError(Exception):
 class RegistrationError(Exception):
     """Raised when the server rejects a registration request.
 
-    Its only argument is the server's reason, such as "invite_required".
+    Its only argument is the server's reason: "invite_required", "invite_invalid", "invite_already_redeemed"
+    or "invite_revoked".
     """
 
 class ProfileError(Exception):
@@ -123,7 +126,10 @@ class ProfileError(Exception):
     def __init__(self, reason: str, **kwargs: Any) -> None: ...
 
 class NetworkError(Exception):
-    """Raised when network is unreachable after retries."""
+    """Raised when network is unreachable after retries.
+
+    Its text names the number of attempts, its note the last of them. It is safe to try again.
+    """
 
 def _default_http_transport(
     method: str, url: str, headers: Mapping[str, str] | None = None, body: str | bytes | None = None
@@ -205,7 +211,9 @@ def notify_era_change(new_era_number: int) -> None:
 
     Raises:
         ValueError: The number is not positive.
+        TypeError: It is no number.
         AuthError: "manager_closed" or "not_authenticated".
+        RuntimeError: The background thread could not be started.
     """
 
 @disjoint_base
@@ -222,14 +230,19 @@ class AuthManager:
         server_url: Base URL; https, or http to this machine.
         invite_code: Sent with the registration; blanks around it and case do not matter.
         register_wallet: Whether each login begins with a registration.
-        clock: Callable without arguments returning seconds; time.time() when None.
+        clock: Callable without arguments returning seconds as a number; time.time() when None. Read on any
+            thread, also under the manager's lock: it may not call the manager.
         _transport: Callable (method, url, headers=None, body=None) returning (status, headers, body bytes).
+            Runs on several threads at once; raises ConnectionError or TimeoutError for what may be tried
+            again.
 
     Raises:
         InvalidKeyError: The key is not a valid private key.
         ValueError: The URL is not fit to carry a bearer token.
+        TypeError: Key or URL is no str.
 
-    All methods may be called from any thread.
+    All methods may be called from any thread, and in a forked child. What may help stands in an error's
+    notes.
     """
 
     _wallet_address: str
@@ -277,13 +290,22 @@ class AuthManager:
 
         Of threads that call at once one runs the flow and the others wait for its outcome. An authenticated
         manager authenticates again; when that fails it stays usable with the token that it has. Starts the
-        background renewal. Blocks for as long as the requests and their retries take.
+        background renewal. Blocks for as long as the requests and their retries take: each is tried 3 times,
+        30 s long at most, with 1 s and 2 s between or what the server asks for. close() ends the retries.
 
         Raises:
-            AuthError: Refused by the server, or "manager_closed".
-            RegistrationError: The registration was refused for its invite code.
-            NetworkError: The server stayed unreachable through all attempts.
+            AuthError: The server refused the wallet or its request ("invalid_address", "unauthorized",
+                "invalid_request", "signature_mismatch"), or its token or secret was refused here
+                ("wallet_mismatch", "wallet_secret_changed", "era_mismatch"). Also "manager_closed" and
+                "unexpected_auth_state".
+            RegistrationError: The registration was refused for its invite code ("invite_required",
+                "invite_invalid", "invite_already_redeemed", "invite_revoked").
+            NetworkError: A request failed at all its attempts, or each challenge was stale.
             ssl.SSLError: The server's certificate is not trusted, or TLS failed otherwise.
+            OSError, http.client.BadStatusLine: Another failure below HTTP that a further attempt would not
+                mend.
+            KeyError, TypeError, ValueError: The server's answer is not what a login needs.
+            RuntimeError: Called by code that the login runs itself, or no thread could be started.
 
         To the threads that waited every failure is an AuthError, which tells one of another type by its text
         in `reason`.
@@ -293,17 +315,22 @@ class AuthManager:
 
         Never logs in by itself. Cheap on a healthy manager: call it before each request instead of keeping
         the token. Waits while a re-authentication runs; past the refresh point at most 10 s for the refresh,
-        past the expiry 3 s for one to begin.
+        past the expiry 3 s for one to begin. close() ends every wait.
+
+        Returns:
+            The token, a JWT as str.
 
         Raises:
             AuthError: "not_authenticated", "token_expired", "era_change_pending", "manager_closed", or the
                 error with which the last renewal failed, as the same object. A failure of another type is
                 told by its text in `reason`.
+            RuntimeError: Called by code that a login runs itself, which would wait for itself.
         """
     def get_wallet_secret(self) -> bytes:
         """Return 32-byte wallet_secret (base64-decoded).
 
-        Never waits. During a re-authentication the previous value is returned.
+        Never waits. During a re-authentication the previous value is returned. The bytes are the host's to
+        forget.
 
         Raises:
             AuthError: "not_authenticated" or "manager_closed".
@@ -311,7 +338,7 @@ class AuthManager:
     def get_wallet_address(self) -> str:
         """Return lowercase 0x-prefixed 42-char wallet address.
 
-        Answers in every state, after close() too.
+        Answers in every state, after close() too. Never waits.
         """
     def get_token_expiry(self) -> float:
         """Return token expiry as Unix timestamp.
@@ -325,20 +352,22 @@ class AuthManager:
         """Trigger non-blocking background re-authentication for era transitions.
 
         Once it has returned, no thread is served a token of an older era. While an authentication runs it
-        only raises what that one must meet; a lower number never lowers it.
+        only raises what that one must meet; a lower number never lowers it. Returns at once.
 
         Args:
             new_era_number: Lowest era, from 1, that the next token must carry.
 
         Raises:
             ValueError: The number is not positive.
+            TypeError: It is no number.
             AuthError: "manager_closed" or "not_authenticated".
             RuntimeError: The background thread could not be started; nobody is left waiting for it.
         """
     def set_display_name(self, display_name: str | None) -> dict[str, Any]:
         """Set or reset display name via profile endpoint.
 
-        Blocks like get_token(), and for the request and its retries.
+        Blocks like get_token(), and for the request and its retries: 3 attempts, 30 s long at most, with 1 s
+        and 2 s between.
 
         Args:
             display_name: 3 to 32 letters, digits, blanks, "-" or "_" after blanks around it are removed; None
@@ -349,26 +378,29 @@ class AuthManager:
 
         Raises:
             ValueError: The name breaks the rule; nothing was sent.
+            AttributeError: It is neither str nor None; nothing was sent.
             ProfileError: "validation_failed" (with `message`) or "rate_limited" (with `retry_after`,
                 seconds).
             AuthError: As get_token(), or "profile_unauthorized".
-            NetworkError: The server stayed unreachable.
+            NetworkError: The request failed at all its attempts.
         """
     def close(self) -> None:
         """Stop refresh, clear sensitive material, transition to CLOSED.
 
         Wakes every waiter, wipes the private key, forgets token and wallet secret. Takes at most about one
-        second, for the refresh thread to end. May be called again, and from any thread.
+        second, for the refresh thread to end. May be called again, and from any thread; called by code that
+        the manager runs under its lock, it takes effect once the lock is free. Afterwards every other method
+        but get_wallet_address() raises AuthError "manager_closed".
         """
     def __enter__(self) -> Self:
-        """Return the manager; leaving the block closes it."""
+        """Return the manager; leaving the block closes it, also by an exception."""
     def __exit__(
         self,
         exc_type: type[BaseException] | None,
         exc_value: BaseException | None,
         traceback: TracebackType | None,
     ) -> Literal[False]:
-        """Close the manager."""
+        """Close the manager. What was raised in the block goes on."""
     def __reduce__(self) -> NoReturn: ...
     def __reduce_ex__(self, protocol: SupportsIndex, /) -> NoReturn: ...
     def _http_request(

@@ -6,12 +6,13 @@ import abc
 import contextlib
 import os
 import threading
+from collections.abc import Callable
 from typing import Any, ClassVar
 
 import _torture
 
 from tests.contract.support.clocks import StandIn
-from tests.contract.support.service import CHALLENGE
+from tests.contract.support.service import CHALLENGE, DISPLAY_NAME, REGISTER, answer
 
 from .bench import Bench, Problems, Waiter, is_waited_for, until
 from .kinds import Kind
@@ -28,6 +29,9 @@ SHORT_OF_MEMORY = frozenset(
         ("AuthError", "wallet_mismatch"),
     }
 )
+
+REVOKED = answer(403, {"error": "invite_revoked"})
+UNREACHABLE = "NetworkError('Server unreachable after 1 attempts')"
 
 
 class Scenario(abc.ABC):
@@ -349,6 +353,59 @@ class Child(LoggedIn):
         self.bench.manager.get_token()
 
 
+class Refused(Scenario):
+    """Calls that end in an error of the component's own: it comes, with its note or without."""
+
+    kinds = frozenset({Kind.PYTHON, Kind.MODULE})
+
+    def prepare(self) -> None:
+        super().prepare()
+        self.met: list[tuple[str, str]] = []
+        self.answer: Any = None
+        self.bench.service.fault = self._fault
+
+    def _fault(self, path: str) -> Any:
+        if isinstance(self.answer, BaseException):
+            raise self.answer
+        return self.answer
+
+    def act(self) -> None:
+        manager = self.bench.manager
+        self._expect("AuthError('not_authenticated')", manager.get_token)
+        self._expect("InvalidKeyError('Private key is not a valid secp256k1 scalar')", self._zero_key)
+        self._expect("AuthError('invalid_request')", self._ask, CHALLENGE, answer(400))
+        self._expect("RegistrationError('invite_revoked')", self._ask, REGISTER, REVOKED)
+        self._expect("ProfileError('rate_limited')", self._ask, DISPLAY_NAME, answer(429))
+        self._expect(UNREACHABLE, self._ask, CHALLENGE, answer(503))
+        self._expect(UNREACHABLE, self._ask, CHALLENGE, ConnectionResetError())
+        self._expect("TypeError('cannot unpack non-iterable int object')", self._ask, CHALLENGE, 5)
+        self.answer = REVOKED
+        self._expect("RegistrationError('invite_revoked')", manager.authenticate)
+        self._expect("AuthError('not_authenticated')", manager.get_token_expiry)
+
+    def _zero_key(self) -> None:
+        from tessaline import auth
+
+        auth._validate_private_key("0" * 64)
+
+    def _ask(self, path: str, given: Any) -> None:
+        self.answer = given
+        self.bench.manager._request_with_retry("POST", path, {}, max_attempts=1)
+
+    def _expect(self, expected: str, call: Callable[..., Any], *arguments: Any) -> None:
+        try:
+            call(*arguments)
+        except (MemoryError, RuntimeError):
+            raise
+        except Exception as error:
+            self.met.append((expected, repr(error)))
+
+    def conclude(self) -> Problems:
+        self.answer = None  # an exception among them has a traceback, with the manager in its frames
+        strange = [f"{met} instead of {expected}" for expected, met in self.met if met != expected]
+        return strange + super().conclude()
+
+
 class OverNetwork(Scenario):
     """A login, a renaming and a close over the default transport, from libcurl's first use on."""
 
@@ -415,5 +472,6 @@ SCENARIOS: dict[str, type[Scenario]] = {
     "notify": Notify,
     "close": Close,
     "child": Child,
+    "refused": Refused,
     "network": OverNetwork,
 }

@@ -80,11 +80,14 @@ void make_error_types(PyObject* module) {
                "AuthError(reason)\n--\n\n"
                "Raised on authentication failures.\n\n"
                "Attributes:\n"
-               "    reason: lowercase snake_case text for programs to compare; also the error's text.",
+               "    reason: lowercase snake_case text for programs to compare; also the error's text.\n\n"
+               "Where a manager raises it, a note tells what may help.",
                initialise_auth_error);
-  types.registration = add_type(module, "tessaline.auth.RegistrationError",
-                                "Raised when the server rejects a registration request.\n\n"
-                                "Its only argument is the server's reason, such as \"invite_required\".");
+  types.registration =
+      add_type(module, "tessaline.auth.RegistrationError",
+               "Raised when the server rejects a registration request.\n\n"
+               "Its only argument is the server's reason: \"invite_required\", \"invite_invalid\",\n"
+               "\"invite_already_redeemed\" or \"invite_revoked\".");
   types.profile = add_type(module, "tessaline.auth.ProfileError",
                            "ProfileError(reason, **kwargs)\n--\n\n"
                            "Raised on display name/profile failures.\n\n"
@@ -94,7 +97,9 @@ void make_error_types(PyObject* module) {
                            "    retry_after: seconds to wait before the next try, with \"rate_limited\".",
                            initialise_profile_error);
   types.network =
-      add_type(module, "tessaline.auth.NetworkError", "Raised when network is unreachable after retries.");
+      add_type(module, "tessaline.auth.NetworkError",
+               "Raised when network is unreachable after retries.\n\n"
+               "Its text names the number of attempts, its note the last of them. It is safe to try again.");
 }
 
 Ref new_auth_error(std::string_view reason_text) {

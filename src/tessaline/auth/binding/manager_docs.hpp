@@ -7,41 +7,67 @@ namespace tessaline::auth::binding::docs {
 inline constexpr char kType[] =
     "AuthManager(private_key, server_url, *, invite_code=None, register_wallet=True, clock=None, "
     "_transport=None)\n"
-    "--\n\n"
-    "Client-side authentication manager with state machine and proactive refresh.\n\n"
+    "--\n"
+    "\n"
+    "Client-side authentication manager with state machine and proactive refresh.\n"
+    "\n"
     "Logs one wallet in at one server, keeps its bearer token fresh on a background thread and hands it out "
     "to any\n"
     "number of threads. Constructing makes no request and starts no thread; call authenticate() once, then\n"
-    "get_token() before each request, and close() at the end (or use the manager as a context manager).\n\n"
+    "get_token() before each request, and close() at the end (or use the manager as a context manager).\n"
+    "\n"
     "Args:\n"
     "    private_key: secp256k1 key, 64 hexadecimal digits, \"0x\" allowed. Kept in memory of its own, wiped "
     "on close.\n"
     "    server_url: Base URL; https, or http to this machine.\n"
     "    invite_code: Sent with the registration; blanks around it and case do not matter.\n"
     "    register_wallet: Whether each login begins with a registration.\n"
-    "    clock: Callable without arguments returning seconds; time.time() when None.\n"
+    "    clock: Callable without arguments returning seconds as a number; time.time() when None. Read on "
+    "any\n"
+    "        thread, also under the manager's lock: it may not call the manager.\n"
     "    _transport: Callable (method, url, headers=None, body=None) returning (status, headers, body "
-    "bytes).\n\n"
+    "bytes).\n"
+    "        Runs on several threads at once; raises ConnectionError or TimeoutError for what may be tried "
+    "again.\n"
+    "\n"
     "Raises:\n"
     "    InvalidKeyError: The key is not a valid private key.\n"
-    "    ValueError: The URL is not fit to carry a bearer token.\n\n"
-    "All methods may be called from any thread.";
+    "    ValueError: The URL is not fit to carry a bearer token.\n"
+    "    TypeError: Key or URL is no str.\n"
+    "\n"
+    "All methods may be called from any thread, and in a forked child. What may help stands in an error's "
+    "notes.";
 
 inline constexpr char kAuthenticate[] =
-    "authenticate($self)\n--\n\n"
-    "Full register -> challenge -> sign -> verify flow.\n\n"
+    "authenticate($self)\n"
+    "--\n"
+    "\n"
+    "Full register -> challenge -> sign -> verify flow.\n"
+    "\n"
     "Of threads that call at once one runs the flow and the others wait for its outcome. An authenticated "
     "manager\n"
     "authenticates again; when that fails it stays usable with the token that it has. Starts the background\n"
-    "renewal. Blocks for as long as the requests and their retries take.\n\n"
+    "renewal. Blocks for as long as the requests and their retries take: each is tried 3 times, 30 s long "
+    "at\n"
+    "most, with 1 s and 2 s between or what the server asks for. close() ends the retries.\n"
+    "\n"
     "Raises:\n"
-    "    AuthError: Refused by the server, or \"manager_closed\".\n"
-    "    RegistrationError: The registration was refused for its invite code.\n"
-    "    NetworkError: The server stayed unreachable through all attempts.\n"
-    "    ssl.SSLError: The server's certificate is not trusted, or TLS failed otherwise.\n\n"
+    "    AuthError: The server refused the wallet or its request (\"invalid_address\", \"unauthorized\",\n"
+    "        \"invalid_request\", \"signature_mismatch\"), or its token or secret was refused here "
+    "(\"wallet_mismatch\",\n"
+    "        \"wallet_secret_changed\", \"era_mismatch\"). Also \"manager_closed\" and "
+    "\"unexpected_auth_state\".\n"
+    "    RegistrationError: The registration was refused for its invite code (\"invite_required\",\n"
+    "        \"invite_invalid\", \"invite_already_redeemed\", \"invite_revoked\").\n"
+    "    NetworkError: A request failed at all its attempts, or each challenge was stale.\n"
+    "    ssl.SSLError: The server's certificate is not trusted, or TLS failed otherwise.\n"
+    "    OSError, http.client.BadStatusLine: Another failure below HTTP that a further attempt would not "
+    "mend.\n"
+    "    KeyError, TypeError, ValueError: The server's answer is not what a login needs.\n"
+    "    RuntimeError: Called by code that the login runs itself, or no thread could be started.\n"
+    "\n"
     "To the threads that waited every failure is an AuthError, which tells one of another type by its text "
-    "in "
-    "`reason`.";
+    "in `reason`.";
 
 inline constexpr char kHttpRequest[] =
     "_http_request($self, method, path, body_dict=None, headers=None)\n--\n\n"
@@ -97,19 +123,27 @@ inline constexpr char kDoRefresh[] =
     "Perform a proactive token refresh.";
 
 inline constexpr char kGetToken[] =
-    "get_token($self)\n--\n\n"
-    "Return current valid JWT token, blocking during refresh.\n\n"
+    "get_token($self)\n"
+    "--\n"
+    "\n"
+    "Return current valid JWT token, blocking during refresh.\n"
+    "\n"
     "Never logs in by itself. Cheap on a healthy manager: call it before each request instead of keeping the "
     "token.\n"
     "Waits while a re-authentication runs; past the refresh point at most 10 s for the refresh, past the "
     "expiry 3 s\n"
-    "for one to begin.\n\n"
+    "for one to begin. close() ends every wait.\n"
+    "\n"
+    "Returns:\n"
+    "    The token, a JWT as str.\n"
+    "\n"
     "Raises:\n"
     "    AuthError: \"not_authenticated\", \"token_expired\", \"era_change_pending\", \"manager_closed\", or "
     "the\n"
     "        error with which the last renewal failed, as the same object. A failure of another type is told "
     "by its\n"
-    "        text in `reason`.";
+    "        text in `reason`.\n"
+    "    RuntimeError: Called by code that a login runs itself, which would wait for itself.";
 
 inline constexpr char kPollForReauth[] =
     "_poll_for_reauth($self, fallback_to_current_token)\n--\n\n"
@@ -118,16 +152,24 @@ inline constexpr char kPollForReauth[] =
     "(used when refresh_pending is set). Otherwise raises token_expired.";
 
 inline constexpr char kGetWalletSecret[] =
-    "get_wallet_secret($self)\n--\n\n"
-    "Return 32-byte wallet_secret (base64-decoded).\n\n"
-    "Never waits. During a re-authentication the previous value is returned.\n\n"
+    "get_wallet_secret($self)\n"
+    "--\n"
+    "\n"
+    "Return 32-byte wallet_secret (base64-decoded).\n"
+    "\n"
+    "Never waits. During a re-authentication the previous value is returned. The bytes are\n"
+    "the host's to forget.\n"
+    "\n"
     "Raises:\n"
     "    AuthError: \"not_authenticated\" or \"manager_closed\".";
 
 inline constexpr char kGetWalletAddress[] =
-    "get_wallet_address($self)\n--\n\n"
-    "Return lowercase 0x-prefixed 42-char wallet address.\n\n"
-    "Answers in every state, after close() too.";
+    "get_wallet_address($self)\n"
+    "--\n"
+    "\n"
+    "Return lowercase 0x-prefixed 42-char wallet address.\n"
+    "\n"
+    "Answers in every state, after close() too. Never waits.";
 
 inline constexpr char kGetTokenExpiry[] =
     "get_token_expiry($self)\n--\n\n"
@@ -138,15 +180,21 @@ inline constexpr char kGetTokenExpiry[] =
     "    AuthError: \"not_authenticated\" or \"manager_closed\".";
 
 inline constexpr char kNotifyEraChange[] =
-    "notify_era_change($self, new_era_number)\n--\n\n"
-    "Trigger non-blocking background re-authentication for era transitions.\n\n"
+    "notify_era_change($self, new_era_number)\n"
+    "--\n"
+    "\n"
+    "Trigger non-blocking background re-authentication for era transitions.\n"
+    "\n"
     "Once it has returned, no thread is served a token of an older era. While an authentication runs it only "
     "raises\n"
-    "what that one must meet; a lower number never lowers it.\n\n"
+    "what that one must meet; a lower number never lowers it. Returns at once.\n"
+    "\n"
     "Args:\n"
-    "    new_era_number: Lowest era, from 1, that the next token must carry.\n\n"
+    "    new_era_number: Lowest era, from 1, that the next token must carry.\n"
+    "\n"
     "Raises:\n"
     "    ValueError: The number is not positive.\n"
+    "    TypeError: It is no number.\n"
     "    AuthError: \"manager_closed\" or \"not_authenticated\".\n"
     "    RuntimeError: The background thread could not be started; nobody is left waiting for it.";
 
@@ -155,36 +203,54 @@ inline constexpr char kBackgroundReauth[] =
     "Background re-authentication thread (era-change triggered).";
 
 inline constexpr char kSetDisplayName[] =
-    "set_display_name($self, display_name)\n--\n\n"
-    "Set or reset display name via profile endpoint.\n\n"
-    "Blocks like get_token(), and for the request and its retries.\n\n"
+    "set_display_name($self, display_name)\n"
+    "--\n"
+    "\n"
+    "Set or reset display name via profile endpoint.\n"
+    "\n"
+    "Blocks like get_token(), and for the request and its retries: 3 attempts, 30 s long at most, with 1 s "
+    "and\n"
+    "2 s between.\n"
+    "\n"
     "Args:\n"
     "    display_name: 3 to 32 letters, digits, blanks, \"-\" or \"_\" after blanks around it are removed; "
     "None or \"\"\n"
-    "        resets the name.\n\n"
+    "        resets the name.\n"
+    "\n"
     "Returns:\n"
-    "    The server's answer, or a dict of \"wallet_address\" and \"display_name\".\n\n"
+    "    The server's answer, or a dict of \"wallet_address\" and \"display_name\".\n"
+    "\n"
     "Raises:\n"
     "    ValueError: The name breaks the rule; nothing was sent.\n"
+    "    AttributeError: It is neither str nor None; nothing was sent.\n"
     "    ProfileError: \"validation_failed\" (with `message`) or \"rate_limited\" (with `retry_after`, "
     "seconds).\n"
     "    AuthError: As get_token(), or \"profile_unauthorized\".\n"
-    "    NetworkError: The server stayed unreachable.";
+    "    NetworkError: The request failed at all its attempts.";
 
 inline constexpr char kClose[] =
-    "close($self)\n--\n\n"
-    "Stop refresh, clear sensitive material, transition to CLOSED.\n\n"
+    "close($self)\n"
+    "--\n"
+    "\n"
+    "Stop refresh, clear sensitive material, transition to CLOSED.\n"
+    "\n"
     "Wakes every waiter, wipes the private key, forgets token and wallet secret. Takes at most about one "
     "second, for\n"
-    "the refresh thread to end. May be called again, and from any thread.";
+    "the refresh thread to end. May be called again, and from any thread; called by code that the\n"
+    "manager runs under its lock, it takes effect once the lock is free. Afterwards every other method but\n"
+    "get_wallet_address() raises AuthError \"manager_closed\".";
 
 inline constexpr char kEnter[] =
-    "__enter__($self)\n--\n\n"
-    "Return the manager; leaving the block closes it.";
+    "__enter__($self)\n"
+    "--\n"
+    "\n"
+    "Return the manager; leaving the block closes it, also by an exception.";
 
 inline constexpr char kExit[] =
-    "__exit__($self, exc_type, exc_value, traceback)\n--\n\n"
-    "Close the manager.";
+    "__exit__($self, exc_type, exc_value, traceback)\n"
+    "--\n"
+    "\n"
+    "Close the manager. What was raised in the block goes on.";
 
 inline constexpr char kPrivateKey[] =
     "The signing key as 64 hexadecimal digits, or None once wiped. Reading makes a text that the host owns.";

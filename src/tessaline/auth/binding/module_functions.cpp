@@ -161,7 +161,9 @@ PyMethodDef active_manager_functions[] = {
         "    new_era_number: Lowest era, from 1, that the next token must carry.\n\n"
         "Raises:\n"
         "    ValueError: The number is not positive.\n"
-        "    AuthError: \"manager_closed\" or \"not_authenticated\"."),
+        "    TypeError: It is no number.\n"
+        "    AuthError: \"manager_closed\" or \"not_authenticated\".\n"
+        "    RuntimeError: The background thread could not be started."),
     {nullptr, nullptr, 0, nullptr},
 };
 
