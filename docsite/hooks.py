@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import re
+from collections.abc import Container
 from pathlib import Path
 from typing import TYPE_CHECKING, Any
 
@@ -14,6 +15,8 @@ ROOT = Path(__file__).resolve().parents[1]
 _BENCHMARKS = "benchmarks/README.md"
 _DRAWING = re.compile(r"!\[[^\]]*\]\((figures/([\w-]+)\.svg)\)")
 _INCLUDE = re.compile(r"^<!-- include (\S+) -->$", re.MULTILINE)
+_CODE = re.compile(r"^<!-- code (\S+) -->$", re.MULTILINE)
+_HEADING = re.compile(r"^## (\S+)$", re.MULTILINE)
 _INLINE_CODE = re.compile(r"(?<=<code>)[^<]+(?=</code>)")
 _BREAKS = re.compile(r"(?<=\w[_.(])(?=\w)|(?<=\w)(?=/)|(?<=[a-z])(?=[A-Z])")
 _LINK = re.compile(r"(?<!!)\[([^\]]+)\]\(([^)#:\s]+)(?:#[^)]*)?\)")
@@ -25,13 +28,17 @@ def on_config(config: MkDocsConfig) -> MkDocsConfig:
     return config
 
 
-def without_links_out(markdown: str, folder: Path, docs: Path) -> str:
-    """The text with links to files of the project that are no pages turned into plain text."""
+def without_links_out(markdown: str, folder: Path, docs: Path, shown: Container[str] = ()) -> str:
+    """The text with links to files of the project that are no pages turned into plain text.
+
+    shown: names of files that have a section of their own on the page, to which such links then lead.
+    """
 
     def plain(link: re.Match[str]) -> str:
         target = (folder / link[2]).resolve()
-        leads_out = target.is_relative_to(ROOT) and not target.is_relative_to(docs) and target.exists()
-        return link[1] if leads_out else link[0]
+        if not target.is_relative_to(ROOT) or target.is_relative_to(docs) or not target.exists():
+            return link[0]
+        return f"[{link[1]}](#{target.name.replace('.', '')})" if target.name in shown else link[1]
 
     return _LINK.sub(plain, markdown)
 
@@ -47,8 +54,17 @@ def with_drawings(markdown: str, folder: Path) -> str:
 
 
 def with_included(markdown: str, docs: Path) -> str:
-    """The text with files of the project in place of the lines that ask for them."""
-    return _INCLUDE.sub(lambda line: without_links_out((ROOT / line[1]).read_text(), ROOT, docs), markdown)
+    """The text with files of the project in place of the lines that ask for them, as text or as code."""
+    shown = _HEADING.findall(markdown)
+
+    def text(line: re.Match[str]) -> str:
+        file = ROOT / line[1]
+        return without_links_out(file.read_text(), file.parent, docs, shown)
+
+    def code(line: re.Match[str]) -> str:
+        return f"```python\n{(ROOT / line[1]).read_text()}```"
+
+    return _CODE.sub(code, _INCLUDE.sub(text, markdown))
 
 
 def on_page_markdown(markdown: str, *, page: Page, config: MkDocsConfig, **_: Any) -> str:

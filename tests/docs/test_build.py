@@ -27,7 +27,7 @@ pytestmark = [
 @pytest.fixture
 def project(tmp_path: Path) -> Path:
     """A copy of what the documentation is made of, with the project's own environment."""
-    for name in ("docs", "docsite", "tools", "requirements", "src"):
+    for name in ("docs", "docsite", "tools", "requirements", "src", "examples"):
         shutil.copytree(ROOT / name, tmp_path / name, ignore=shutil.ignore_patterns("__pycache__"))
     shutil.copy(ROOT / "CONTRIBUTING.md", tmp_path)
     shutil.rmtree(tmp_path / "docs/benchmarks", ignore_errors=True)

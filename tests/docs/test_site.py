@@ -85,6 +85,22 @@ def test_files_of_the_project_are_included_without_the_links_that_lead_out() -> 
     assert plain == "a [b](errors.md) c [d](https://service.example) [e](../none.md)"
 
 
+def test_a_file_that_is_shown_on_the_page_is_linked_there() -> None:
+    page = hooks.with_included((DOCS / "examples.md").read_text(), DOCS)
+    assert "(#httpx_authpy)" in page
+    assert "](httpx_auth.py)" not in page
+    assert "class WalletAuth(httpx.Auth):" in page
+
+
+def test_every_example_to_copy_is_shown() -> None:
+    shown = re.findall(
+        r"^## (\S+)\n\n<!-- code examples/(\S+) -->$", (DOCS / "examples.md").read_text(), re.M
+    )
+    assert all(heading == file for heading, file in shown)
+    examples = {path.name for path in (DOCS.parent / "examples").glob("*.py")}
+    assert {file for _, file in shown} == examples - {"demo.py"}
+
+
 def test_names_in_a_narrow_table_may_break() -> None:
     codes = ("not_authenticated", "/auth/verify", "AuthError", ".netrc")
     html = "a_b " + " ".join(f"<code>{code}</code>" for code in codes)
