@@ -39,7 +39,7 @@ docs: build ## build the documentation into build/docs, warnings being errors
 check: build ## formatters, linters, types, house rules, git diff; changes nothing (20 s; 5 min when all is new)
 	@tools/check $(ARGS)
 
-types: build ## mypy, pyright and stubtest (15 s)
+types: build ## mypy, pyright and stubtest (about 30 s)
 	@tools/types
 
 format: build ## format the sources in place

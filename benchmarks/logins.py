@@ -146,7 +146,7 @@ def canned_answers() -> Callable[..., Any]:
     token = jwt.encode({"sub": Account.from_key(KEY).address}, "x" * 32)
     verified = json.dumps({"token": token, "expires_at": 0, "wallet_secret": "c2VjcmV0"}).encode()
     challenge = b'{"challenge_id": "c", "message": "Sign in to the benchmark, nonce 0123456789abcdef"}'
-    nothing = {}
+    nothing: dict[str, Any] = {}
 
     def transport(method: str, url: str, headers: Any = None, body: Any = None) -> Any:
         return 200, nothing, verified if url.endswith(VERIFY) else challenge

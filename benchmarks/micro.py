@@ -248,11 +248,11 @@ GROUPS: dict[str, dict[str, Callable[[], Timed]]] = {
     },
     **{
         f"signature {label}": {
-            "tessaline": lambda size=size: sign_tessaline(size),
-            "bare libsecp256k1": lambda size=size: sign_bare(size),
-            "coincurve": lambda size=size: sign_coincurve(size),
-            "eth-account": lambda size=size: sign_eth_account(size, "NativeECCBackend"),
-            "eth-account with coincurve": lambda size=size: sign_eth_account(size, "CoinCurveECCBackend"),
+            "tessaline": lambda size=size: sign_tessaline(size),  # type: ignore[misc]
+            "bare libsecp256k1": lambda size=size: sign_bare(size),  # type: ignore[misc]
+            "coincurve": lambda size=size: sign_coincurve(size),  # type: ignore[misc]
+            "eth-account": lambda size=size: sign_eth_account(size, "NativeECCBackend"),  # type: ignore[misc]
+            "eth-account with coincurve": lambda size=size: sign_eth_account(size, "CoinCurveECCBackend"),  # type: ignore[misc]
         }
         for label, size in MESSAGE_SIZES.items()
     },
@@ -262,11 +262,11 @@ GROUPS: dict[str, dict[str, Callable[[], Timed]]] = {
         "plain Python": construct_plain,
     },
     "POST wall": {
-        **{client: lambda client=client: post_wall(client) for client in CLIENTS},
+        **{client: lambda client=client: post_wall(client) for client in CLIENTS},  # type: ignore[misc]
         "bare libcurl": lambda: post_bare(0),
     },
     "POST CPU": {
-        **{client: lambda client=client: post_cpu(client) for client in CLIENTS},
+        **{client: lambda client=client: post_cpu(client) for client in CLIENTS},  # type: ignore[misc]
         "bare libcurl": lambda: post_bare(1),
     },
 }

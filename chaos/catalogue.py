@@ -48,7 +48,7 @@ def _stalling(name: str, phase: str, **more: Any) -> Fault:
 
 def _handshakes() -> Iterator[Fault]:
     for reset in (False, True):
-        connect = {"kind": "hang_up", "at": "handshake", "reset": reset}
+        connect: dict[str, Any] = {"kind": "hang_up", "at": "handshake", "reset": reset}
         name = f"handshake_{'reset' if reset else 'cut'}"
         lost = _gives(Lost(ConnectionError))
         yield Fault(name, "tls", lost, connect=connect, reaches=False, schemes=_HTTPS)

@@ -282,7 +282,7 @@ class Flow:
             same(f"what {who} gets", {key: result.get(key) for key in named}, named)
 
     def _check_reason(self, who: str, worker: Worker, reason: str | None) -> None:
-        error = worker.failure(_SECONDS)
+        error: Any = worker.failure(_SECONDS)
         same(f"the error of a {who}", type(error), auth.AuthError)
         if reason is not None:
             same(f"the reason of a {who}", error.reason, reason)

@@ -132,8 +132,8 @@ class Life:
         key = chance.randbytes(32).hex()
         manager = Simulated(key, "https://auth.example.test", clock=self.clock, _transport=self.request)
         manager.life = self
-        manager._refresh_event = ParkingEvent(self.activity)
-        self._refresh_done = manager._refresh_done = TimedEvent(lambda: self.now)
+        manager._refresh_event = ParkingEvent(self.activity)  # type: ignore[assignment]
+        self._refresh_done = manager._refresh_done = TimedEvent(lambda: self.now)  # type: ignore[assignment]
         self.manager = manager
         self.world.address = manager.get_wallet_address()
 
@@ -194,7 +194,7 @@ class Life:
     def _let_reader_wait(self) -> None:
         """A host that has asked for a token is to wait before time goes on."""
         event = self.manager._auth_event
-        while self._reading and self._refresh_done.due() is None and not event._cond._waiters:
+        while self._reading and self._refresh_done.due() is None and not event._cond._waiters:  # type: ignore[attr-defined]
             time.sleep(0.0002)
 
     def sleep(self, step: float) -> None:

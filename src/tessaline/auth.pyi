@@ -5,16 +5,15 @@ import json as json
 import random as random
 import re as re
 import threading as threading
-
-# A name of the module, like those above.
-import time as _time  # noqa: F401  # pyright: ignore[reportUnusedImport]
 from collections.abc import Mapping
-from types import TracebackType
+from types import ModuleType, TracebackType
 from typing import Any, Final, Literal, NoReturn, Protocol, Self, SupportsIndex, type_check_only
 
 from typing_extensions import disjoint_base
 
 from tessaline.logging_style import log_library_surface_event as log_library_surface_event
+
+_time: ModuleType
 
 # For annotations only; at run time the module has neither:
 #     if TYPE_CHECKING:

@@ -132,8 +132,8 @@ def test_whatever_the_manager_raises_passes_as_the_same_object() -> None:
 
 
 def test_any_object_may_be_registered_and_fails_only_when_notified() -> None:
-    auth._set_active_auth_manager(5)
-    assert auth._active_auth_manager == 5
+    auth._set_active_auth_manager(5)  # type: ignore[arg-type]
+    assert auth._active_auth_manager == 5  # type: ignore[comparison-overlap]
     with pytest.raises(AttributeError):
         auth.notify_era_change(7)
 
@@ -164,7 +164,7 @@ def test_a_replaced_manager_may_register_another_from_its_finaliser() -> None:
         def __del__(self) -> None:
             auth._set_active_auth_manager(second)
 
-    auth._set_active_auth_manager(First())
+    auth._set_active_auth_manager(First())  # type: ignore[arg-type]
     within(5.0, auth._set_active_auth_manager, None)
     assert auth._active_auth_manager in (second, None)
     assert not auth._active_auth_manager_lock.locked()

@@ -224,7 +224,7 @@ def test_every_reason_of_the_component_has_advice() -> None:
 
 @pytest.mark.parametrize(
     "advice",
-    sorted({row[-1] for row in (*AUTH_ERRORS, *PROFILE_ERRORS)} | set(REGISTRATION_ERRORS.values())),
+    sorted({row[-1] for row in (*AUTH_ERRORS, *PROFILE_ERRORS)} | set(REGISTRATION_ERRORS.values())),  # type: ignore[type-var]
 )
 def test_advice_is_one_sentence(advice: str) -> None:
     assert advice[0].islower() and not advice.endswith(".") and "\n" not in advice

@@ -137,7 +137,7 @@ def test_a_refused_registration_ends_the_flow_unacknowledged(
 class RetryRecorder:
     def __init__(self, manager: Any, **bodies: Any) -> None:
         self.calls: list[tuple[tuple[Any, ...], dict[str, Any]]] = []
-        self.results = {
+        self.results: dict[str, list[Any]] = {
             REGISTER: [(200, {}, None)],
             CHALLENGE: [(200, {}, {"challenge_id": "c", "message": "m"})],
             VERIFY: [(200, {}, {"token": "t", "expires_at": 5, "wallet_secret": "AAEC"})],

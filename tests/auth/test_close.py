@@ -313,7 +313,7 @@ def test_close_at_any_exchange_of_a_login_leaves_it_closed(
 ) -> None:
     for place in (REGISTER, CHALLENGE, VERIFY):
         manager = make_manager()
-        server.script(place, lambda call, manager=manager: manager.close())
+        server.script(place, lambda call, manager=manager: manager.close())  # type: ignore[misc]
         with pytest.raises(auth.AuthError) as caught:
             manager.authenticate()
         assert reason_of(caught.value) == "manager_closed"

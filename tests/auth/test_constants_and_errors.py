@@ -204,11 +204,11 @@ def test_profile_error_copies_every_extra_into_its_attribute_dictionary() -> Non
 
 def test_profile_error_needs_a_reason() -> None:
     with pytest.raises(TypeError):
-        auth.ProfileError()
+        auth.ProfileError()  # type: ignore[call-arg]
     with pytest.raises(TypeError):
-        auth.ProfileError(message="m")
+        auth.ProfileError(message="m")  # type: ignore[call-arg]
     with pytest.raises(TypeError):
-        auth.ProfileError("a", "b")
+        auth.ProfileError("a", "b")  # type: ignore[call-arg]
 
 
 @pytest.mark.parametrize("name", ERRORS)

@@ -173,7 +173,7 @@ def test_register_wallet_is_stored_as_its_truth_value(value: Any, stored: bool) 
 
 
 def test_register_wallet_0_is_stored_as_false() -> None:
-    assert auth.AuthManager(KEY, BASE, register_wallet=0)._register_wallet is False
+    assert auth.AuthManager(KEY, BASE, register_wallet=0)._register_wallet is False  # type: ignore[arg-type]
 
 
 def test_failing_truth_value_passes_through() -> None:
@@ -182,7 +182,7 @@ def test_failing_truth_value_passes_through() -> None:
             raise LookupError("undecided")
 
     with pytest.raises(LookupError, match="undecided"):
-        auth.AuthManager(KEY, BASE, register_wallet=Undecided())
+        auth.AuthManager(KEY, BASE, register_wallet=Undecided())  # type: ignore[arg-type]
 
 
 def test_clock_none_means_the_wall_clock_and_not_injected() -> None:
@@ -224,7 +224,7 @@ def test_default_transport_is_looked_up_in_the_module(monkeypatch: pytest.Monkey
 
 def test_given_transport_is_kept_even_when_false() -> None:
     transport: list[Any] = []
-    assert auth.AuthManager(KEY, BASE, _transport=transport)._transport is transport
+    assert auth.AuthManager(KEY, BASE, _transport=transport)._transport is transport  # type: ignore[arg-type, comparison-overlap]
 
 
 def test_first_two_arguments_may_be_keywords() -> None:
@@ -271,9 +271,9 @@ def test_the_url_is_checked_before_the_invite_code() -> None:
             raise RuntimeError("no text")
 
     with pytest.raises(ValueError, match="server_url must not be empty"):
-        auth.AuthManager(KEY, "", invite_code=Code())
+        auth.AuthManager(KEY, "", invite_code=Code())  # type: ignore[arg-type]
     with pytest.raises(RuntimeError, match="no text"):
-        auth.AuthManager(KEY, BASE, invite_code=Code())
+        auth.AuthManager(KEY, BASE, invite_code=Code())  # type: ignore[arg-type]
 
 
 def test_construction_makes_no_request_and_starts_no_thread_and_reads_no_time() -> None:

@@ -58,7 +58,8 @@ def test_an_error_of_a_programs_transport_passes_as_it_is(manager: Any, server: 
 
 @pytest.mark.parametrize("name", NAMES)
 def test_notes_work_as_with_every_exception(name: str) -> None:
-    error, plain = getattr(auth, name)("text"), Exception("text")
+    error: Any = getattr(auth, name)("text")
+    plain: Any = Exception("text")
     for one in (error, plain):
         one.add_note("first")
         one.add_note("second")
@@ -159,7 +160,7 @@ def test_notes_are_let_go_with_their_error() -> None:
 
     note = Note("a note")
     seen = weakref.ref(note)
-    error = auth.AuthError("x")
+    error: Any = auth.AuthError("x")
     error.add_note(note)
     error.__notes__.append(error)
     del note

@@ -661,7 +661,7 @@ def test_generated_states_are_served_as_the_model_says(lock: Callable[[], Any], 
 
 
 def test_the_generated_states_reach_every_kind_of_outcome() -> None:
-    outcomes = set()
+    outcomes: set[tuple[Any, ...]] = set()
     for seed in range(6000):
         (kind, value, record, polls), _ = wanted(World(seed))
         outcomes.add((kind, value if kind == "refused" else "", bool(record["event"]), bool(record["done"])))
@@ -784,7 +784,7 @@ def test_many_threads_are_served_while_the_token_is_renewed(
     workers = [Worker(serve) for _ in range(8)]
     for cycle in range(1, 4):
         clock.now = logged_in._refresh_at
-        until(lambda cycle=cycle: len(server.tokens) > cycle, what="the renewal")
+        until(lambda cycle=cycle: len(server.tokens) > cycle, what="the renewal")  # type: ignore[misc]
         until(lambda: logged_in._state == "AUTHENTICATED", what="the store")
     stop.set()
     for worker in workers:

@@ -289,30 +289,30 @@ def test_a_wrong_call_names_the_function_and_shows_no_value(
     ("call", "text"),
     [
         (
-            lambda: auth.AuthManager(),
+            lambda: auth.AuthManager(),  # type: ignore[call-arg]
             "missing 2 required positional arguments: 'private_key' and 'server_url'",
         ),
-        (lambda: auth.AuthManager(KEY), "missing 1 required positional argument: 'server_url'"),
-        (lambda: auth.AuthManager(KEY, BASE, KEY), "takes 3 positional arguments but 4 were given"),
+        (lambda: auth.AuthManager(KEY), "missing 1 required positional argument: 'server_url'"),  # type: ignore[call-arg]
+        (lambda: auth.AuthManager(KEY, BASE, KEY), "takes 3 positional arguments but 4 were given"),  # type: ignore[call-arg]
         (
-            lambda: auth.AuthManager(KEY, BASE, KEY, invite_code=KEY),
+            lambda: auth.AuthManager(KEY, BASE, KEY, invite_code=KEY),  # type: ignore[misc]
             "3 positional arguments but 4 positional arguments (and 1 keyword-only argument) were given",
         ),
         (
-            lambda: auth.AuthManager(KEY, BASE, KEY, invite_code=KEY, clock=None),
+            lambda: auth.AuthManager(KEY, BASE, KEY, invite_code=KEY, clock=None),  # type: ignore[misc]
             "3 positional arguments but 4 positional arguments (and 2 keyword-only arguments) were given",
         ),
-        (lambda: auth.AuthManager(KEY, BASE, **{1: KEY}), "keywords must be strings"),  # type: ignore[misc]
-        (lambda: auth.AuthManager(KEY, BASE, code=KEY), "got an unexpected keyword argument 'code'"),
+        (lambda: auth.AuthManager(KEY, BASE, **{1: KEY}), "keywords must be strings"),  # type: ignore[arg-type]
+        (lambda: auth.AuthManager(KEY, BASE, code=KEY), "got an unexpected keyword argument 'code'"),  # type: ignore[call-arg]
         (
-            lambda: auth.AuthManager(KEY, BASE, private_key=KEY),
+            lambda: auth.AuthManager(KEY, BASE, private_key=KEY),  # type: ignore[misc]
             "got multiple values for argument 'private_key'",
         ),
         (lambda: build()._wait_with_clock(KEY, 2), "takes 2 positional arguments but 3 were given"),
         (lambda: build()._http_request("GET"), "missing 1 required positional argument: 'path'"),
-        (lambda: auth.notify_era_change(), "missing 1 required positional argument: 'new_era_number'"),
-        (lambda: auth._jwt_era_number(KEY, KEY), "takes 1 positional argument but 2 were given"),
-        (lambda: auth._jwt_era_number(jwt=KEY), "got an unexpected keyword argument 'jwt'"),
+        (lambda: auth.notify_era_change(), "missing 1 required positional argument: 'new_era_number'"),  # type: ignore[call-arg]
+        (lambda: auth._jwt_era_number(KEY, KEY), "takes 1 positional argument but 2 were given"),  # type: ignore[call-arg]
+        (lambda: auth._jwt_era_number(jwt=KEY), "got an unexpected keyword argument 'jwt'"),  # type: ignore[call-arg]
     ],
 )
 def test_argument_errors_have_the_usual_wording(call: Any, text: str) -> None:
@@ -324,9 +324,9 @@ def test_argument_errors_have_the_usual_wording(call: Any, text: str) -> None:
 
 def test_arguments_that_are_no_identifiers_are_refused() -> None:
     with pytest.raises(TypeError):
-        auth.AuthManager(KEY, BASE, **{"not an identifier": KEY})
+        auth.AuthManager(KEY, BASE, **{"not an identifier": KEY})  # type: ignore[arg-type]
     with pytest.raises(TypeError):
-        auth.AuthManager(KEY, BASE, **{"": KEY})
+        auth.AuthManager(KEY, BASE, **{"": KEY})  # type: ignore[arg-type]
 
 
 # Import

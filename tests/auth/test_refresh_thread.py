@@ -648,7 +648,7 @@ def test_renewal_goes_on_for_many_cycles_with_one_loop_alive(
 ) -> None:
     for cycle in range(1, 8):
         clock.now = logged_in._refresh_at
-        until(lambda cycle=cycle: len(server.tokens) == cycle + 1, what=f"cycle {cycle}")
+        until(lambda cycle=cycle: len(server.tokens) == cycle + 1, what=f"cycle {cycle}")  # type: ignore[misc]
         until(lambda: logged_in._state == "AUTHENTICATED", what="the store")
         until(lambda: refresh_threads(logged_in) == [logged_in._refresh_thread], what="a single loop")
     assert logged_in._token == server.tokens[-1]

@@ -212,7 +212,7 @@ def test_429_alone_uses_attempts_up(harness: Callable[..., Harness]) -> None:
 
 
 def test_429_without_the_header_waits_the_current_backoff(harness: Callable[..., Harness]) -> None:
-    answers = [(429, {}, None), (503, {}, None), (429, {}, None), (429, {}, None), (503, {}, None)]
+    answers: list[Any] = [(429, {}, None), (503, {}, None), (429, {}, None), (429, {}, None), (503, {}, None)]
     one = harness(*answers, (200, {}, "done"))
     assert one.run() == (200, {}, "done")
     assert one.waits == [1, 1, 2, 2, 2]
@@ -618,7 +618,7 @@ def test_the_result_of_the_log_is_ignored(
     harness: Callable[..., Harness], monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.setattr(auth, "log_library_surface_event", lambda *args, **kwargs: ValueError("ignored"))
-    assert harness((429, {"Retry-After": "x"}, None)).fail(DISPLAY_NAME).retry_after == 60
+    assert harness((429, {"Retry-After": "x"}, None)).fail(DISPLAY_NAME).retry_after == 60  # type: ignore[attr-defined]
 
 
 def test_no_status_but_429_reads_retry_after_or_logs(harness: Callable[..., Harness], log: list[Any]) -> None:

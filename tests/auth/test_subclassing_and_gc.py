@@ -76,9 +76,9 @@ def test_a_subclass_with_slots_and_another_base() -> None:
         __slots__ = ("extra",)
 
     manager = Mixed(KEY, BASE)
-    manager.extra = 5
+    manager.extra = 5  # type: ignore[attr-defined]
     assert manager.hello() == f"hello {ADDRESS}"
-    assert manager.extra == 5
+    assert manager.extra == 5  # type: ignore[attr-defined]
 
 
 def test_a_subclass_may_override_the_clock_reading(make_manager: Callable[..., Any]) -> None:
@@ -285,7 +285,7 @@ def test_new_without_init_can_be_shown_and_collected() -> None:
     manager = auth.AuthManager.__new__(auth.AuthManager)
     assert "AuthManager" in repr(manager)
     reference = weakref.ref(manager)
-    manager.me = manager
+    manager.me = manager  # type: ignore[attr-defined]
     del manager
     gc.collect()
     assert reference() is None
@@ -293,7 +293,7 @@ def test_new_without_init_can_be_shown_and_collected() -> None:
 
 def test_new_without_init_then_init_is_a_manager() -> None:
     manager = auth.AuthManager.__new__(auth.AuthManager)
-    manager.__init__(KEY, BASE)
+    manager.__init__(KEY, BASE)  # type: ignore[misc]
     assert manager._wallet_address == ADDRESS
 
 

@@ -346,7 +346,7 @@ def once(service: Service, clock: HandClock, round_number: int) -> None:
     manager.close()
     for refused in (lambda: auth.AuthManager("", BASE), lambda: auth.AuthManager(KEY, "")):
         try:
-            refused()
+            refused()  # type: ignore[no-untyped-call]
         except (auth.InvalidKeyError, ValueError):
             continue
         raise AssertionError("not refused")
@@ -373,9 +373,9 @@ def mapped_regions() -> int:
 def untraced_threads() -> Iterator[None]:
     """What measures lines of Python keeps something of every thread that it traces."""
     tracer = threading.gettrace()
-    threading.settrace(None)  # type: ignore[arg-type]
+    threading.settrace(None)
     yield
-    threading.settrace(tracer)  # type: ignore[arg-type]
+    threading.settrace(tracer)
 
 
 def test_nothing_grows_with_use(

@@ -282,7 +282,7 @@ def test_one_refresh_at_each_refresh_point(clock: HandClock, service: Service, c
     census.settle(1)
     for renewal in range(1, 21):
         clock.now = manager._refresh_at
-        until(lambda renewal=renewal: len(service.tokens) == 10 + renewal, "the renewal")
+        until(lambda renewal=renewal: len(service.tokens) == 10 + renewal, "the renewal")  # type: ignore[misc]
         until(lambda: manager._state == "AUTHENTICATED", "the stored renewal")
         census.settle(1)
     assert len(service.tokens) == 30

@@ -39,7 +39,7 @@ def copied(text: str) -> str:
 STATES = ("UNINITIALIZED", "AUTHENTICATING", "AUTHENTICATED", "RE_AUTHENTICATING", "CLOSED")
 UNKNOWN_STATES = ("authenticated", "AUTHENTICATED ", "", "OPEN", None, 3)
 MODES = (None, "PROACTIVE", copied("PROACTIVE"), "ERA_CHANGE", "OTHER")
-FLAGS = (False, True, 0, 1, "", "yes", None, [], [0], 0.0)
+FLAGS: tuple[Any, ...] = (False, True, 0, 1, "", "yes", None, [], [0], 0.0)
 ERRORS = (
     None,
     auth.AuthError(reason="unauthorized"),
@@ -180,7 +180,7 @@ def test_both_ways_answer_as_the_contract_says(plain: Any, seed: int) -> None:
     for number in range(600):
         now = time.time()
         moments = (now - FAR, now + FAR, now + FAR, now + FAR, int(now - FAR), int(now + FAR), None)
-        fields = generated(chance, lambda moments=moments: chance.choice(moments))
+        fields = generated(chance, lambda moments=moments: chance.choice(moments))  # type: ignore[misc]
         write(plain, fields, chance)
         expected = serve(fields, now)
         ways[expected.way] += 1
@@ -219,7 +219,7 @@ def test_each_boundary_is_met_exactly(plain: Any, seed: int) -> None:
             int(now) + 1,
             None,
         )
-        fields = generated(chance, lambda nearby=nearby: chance.choice(nearby))
+        fields = generated(chance, lambda nearby=nearby: chance.choice(nearby))  # type: ignore[misc]
         write(plain, fields, chance)
         expected = serve(fields, now)
         ways[expected.way] += 1
@@ -362,7 +362,7 @@ def test_no_call_straddles_an_announcement_or_a_close(no_sleep: ShortSleeps) -> 
                     late.append(token)
 
         callers = [Caller(hammer) for _ in range(4)]
-        until(lambda callers=callers: all(caller.busy for caller in callers))
+        until(lambda callers=callers: all(caller.busy for caller in callers))  # type: ignore[misc]
         if ending == "close":
             manager.close()
         else:

@@ -189,12 +189,12 @@ CONSUMERS: list[Any] = [
     pytest.param(lambda key: auth.AuthManager(key, BASE), id="constructor"),
     pytest.param(lambda key: auth._validate_private_key(key), id="function"),
     pytest.param(lambda key: setattr(auth.AuthManager("1" * 64, BASE), "_private_key", key), id="field"),
-    pytest.param(lambda key: auth.AuthManager("1" * 64, BASE, key), id="one positional too many"),
-    pytest.param(lambda key: auth.AuthManager("1" * 64, BASE, private_key=key), id="given twice"),
-    pytest.param(lambda key: auth.AuthManager(key), id="no server"),
-    pytest.param(lambda key: auth.AuthManager(key, BASE, wallet=key), id="unknown keyword"),
-    pytest.param(lambda key: auth._validate_private_key(key, key), id="function with two"),
-    pytest.param(lambda key: auth._validate_private_key(nothing=key), id="function with another keyword"),
+    pytest.param(lambda key: auth.AuthManager("1" * 64, BASE, key), id="one positional too many"),  # type: ignore[call-arg]
+    pytest.param(lambda key: auth.AuthManager("1" * 64, BASE, private_key=key), id="given twice"),  # type: ignore[misc]
+    pytest.param(lambda key: auth.AuthManager(key), id="no server"),  # type: ignore[call-arg]
+    pytest.param(lambda key: auth.AuthManager(key, BASE, wallet=key), id="unknown keyword"),  # type: ignore[call-arg]
+    pytest.param(lambda key: auth._validate_private_key(key, key), id="function with two"),  # type: ignore[call-arg]
+    pytest.param(lambda key: auth._validate_private_key(nothing=key), id="function with another keyword"),  # type: ignore[call-arg]
 ]
 
 
@@ -219,9 +219,9 @@ def test_no_error_repeats_the_key(consume: Callable[[Any], Any], key: Any, servi
         lambda manager, secret: auth._decode_jwt_payload_unverified(secret),
         lambda manager, secret: auth._jwt_era_number(secret),
         lambda manager, secret: auth._assert_token_subject_matches_wallet(secret, "0x"),
-        lambda manager, secret: auth._decode_jwt_payload_unverified(secret, secret),
-        lambda manager, secret: auth._set_active_auth_manager(secret, secret),
-        lambda manager, secret: auth.notify_era_change(era=secret),
+        lambda manager, secret: auth._decode_jwt_payload_unverified(secret, secret),  # type: ignore[call-arg]
+        lambda manager, secret: auth._set_active_auth_manager(secret, secret),  # type: ignore[call-arg]
+        lambda manager, secret: auth.notify_era_change(era=secret),  # type: ignore[call-arg]
     ],
     ids=range(13),
 )

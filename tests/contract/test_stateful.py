@@ -357,7 +357,7 @@ class Machine(RuleBasedStateMachine):
 
     def strikes_the_profile(self) -> bool:
         try:
-            return self.service.fault(DISPLAY_NAME) is not None  # type: ignore[misc]
+            return self.service.fault(DISPLAY_NAME) is not None
         except BaseException:
             return True
 

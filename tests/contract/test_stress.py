@@ -131,7 +131,7 @@ class Stress:
             assert seconds < LONGEST_CALL, f"{role} took {seconds} s"
             self.longest = max(self.longest, seconds)
 
-    def check_error(self, role: str, error: Exception) -> None:
+    def check_error(self, role: str, error: Any) -> None:
         kind = type(error)
         self.counts[f"{kind.__name__}: {error}"] += 1
         if kind is auth.AuthError:

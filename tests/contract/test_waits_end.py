@@ -444,7 +444,7 @@ def test_close_during_the_back_off_of_the_refresh_thread(
         manager.authenticate()
         service.fault = always_raises(REFUSED)
         clock.now += DAY
-        until(lambda manager=manager: manager._in_transient_backoff, "the back-off")
+        until(lambda manager=manager: manager._in_transient_backoff, "the back-off")  # type: ignore[misc]
         begun = time.monotonic()
         manager.close()
         census.settle(0)
@@ -462,7 +462,7 @@ def test_close_during_the_back_off_of_an_era_change(
         manager.authenticate()
         service.fault = always_raises(REFUSED)
         manager.notify_era_change(4)
-        until(lambda manager=manager: manager._in_transient_backoff, "the back-off")
+        until(lambda manager=manager: manager._in_transient_backoff, "the back-off")  # type: ignore[misc]
         begun = time.monotonic()
         manager.close()
         census.settle(0)

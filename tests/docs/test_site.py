@@ -48,7 +48,7 @@ def test_a_drawing_can_be_read_aloud_and_by_day_and_night(path: Path) -> None:
     }
     assert "prefers-color-scheme:dark" in path.read_text()
     # Another drawing on the same page has identifiers of its own.
-    assert all(name.startswith(f"{path.stem}-") for name in named)
+    assert all(str(name).startswith(f"{path.stem}-") for name in named)
 
 
 @pytest.mark.parametrize("path", DRAWINGS, ids=lambda path: path.stem)

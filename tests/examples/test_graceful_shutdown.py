@@ -106,7 +106,7 @@ def test_a_login_that_fails_ends_it_too(server: DevServer) -> None:
     with program("-c", NAMES_ITSELF, server.url) as process:
         status, output, complaints = ended(process)
     assert (status, output) == (1, "manager_closed\n")
-    assert complaints.rstrip().endswith("AuthError: unauthorized")
+    assert "\ntessaline.auth.AuthError: unauthorized\n" in complaints
 
 
 def test_the_example_as_a_program(server: DevServer) -> None:

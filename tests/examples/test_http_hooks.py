@@ -111,7 +111,7 @@ def test_nor_is_one_of_the_password_that_requests_took_from_a_file(
         server.url + "/moved", b"{}", auth=WalletAuth(manager, server.url), timeout=SECONDS
     )
     assert answer.status_code == 401
-    assert answer.request.headers["Authorization"].startswith("Basic ")
+    assert str(answer.request.headers["Authorization"]).startswith("Basic ")
     (entry,) = requests_at(server, NAME)
     assert "authorization" in entry["header_names"]
 

@@ -107,7 +107,7 @@ class Hostile:
             "$GRANT": lambda: f'{{"token":"{self.grant()}","expires_at":0,"wallet_secret":"$SECRET"}}',
         }.items():
             if mark in body:
-                body = body.replace(mark, make())
+                body = body.replace(mark, make())  # type: ignore[no-untyped-call]
         body = body.replace("$SECRET", self.encoded(self.secret))
         return body.encode("utf-8", "surrogateescape")
 

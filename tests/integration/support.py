@@ -161,7 +161,7 @@ class Harness:
         self.manager = auth.AuthManager(self.key, url, clock=self.clock, _transport=self.spy, **options)
         canary.watch(self.manager)
         self.delays: list[Any] = []
-        self.manager._wait_with_clock = self.delays.append
+        self.manager._wait_with_clock = self.delays.append  # type: ignore[assignment]
 
     def forget(self) -> None:
         """Forget the attempts and the delays so far."""

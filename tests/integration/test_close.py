@@ -5,6 +5,7 @@ from __future__ import annotations
 import threading
 import time
 from collections.abc import Callable
+from typing import Any
 
 import pytest
 
@@ -233,7 +234,7 @@ def test_by_the_refresh_thread_itself(server: DevServer, harness: Make) -> None:
     thread = manager._refresh_thread
     took: list[float] = []
 
-    def closing(*_args: object, **_options: object) -> object:
+    def closing(*_args: Any, **_options: Any) -> Any:
         begun = time.monotonic()
         manager.close()
         took.append(time.monotonic() - begun)

@@ -407,7 +407,7 @@ def test_a_server_that_is_away(server: DevServer, harness: Make, unused_port: in
 def test_back_off_follows_a_clock_that_jumps(server: DevServer, harness: Make) -> None:
     one = harness(server)
     del one.manager._wait_with_clock
-    readings = []
+    readings: list[Any] = []
 
     def jumping() -> float:
         readings.append(None)

@@ -7,6 +7,7 @@ import secrets
 import ssl
 import threading
 from collections.abc import Callable
+from typing import Any
 
 import pytest
 
@@ -209,10 +210,10 @@ class TestTrust:
         one = harness(expired_server)
         entered, go_on = threading.Event(), threading.Event()
 
-        def late(*args: object, **options: object) -> object:
+        def late(*args: Any, **options: Any) -> Any:
             entered.set()
             assert go_on.wait(20)
-            return one.spy(*args, **options)  # type: ignore[arg-type]
+            return one.spy(*args, **options)
 
         one.manager._transport = late
         runner = Worker(one.manager.authenticate)

@@ -37,9 +37,9 @@ def test_the_token_is_renewed_when_the_refresh_point_has_passed(one: Harness, ei
     for turn in range(2, 5):
         token, thread = manager.get_token(), manager._refresh_thread
         one.trigger_refresh()
-        until(lambda token=token: manager._token != token, "a new token")
+        until(lambda token=token: manager._token != token, "a new token")  # type: ignore[misc]
         assert ended(thread)
-        until(lambda thread=thread: manager._refresh_thread is not thread)
+        until(lambda thread=thread: manager._refresh_thread is not thread)  # type: ignore[misc]
         assert manager._refresh_thread.is_alive()
         assert manager._state == "AUTHENTICATED"
         assert manager.get_token_expiry() == one.clock.now + LIFETIME
@@ -179,7 +179,7 @@ def test_an_expired_token_is_not_served_while_the_server_is_away(one: Harness, e
         backing_off.set()
         assert go_on.wait(DEADLINE)
 
-    manager._wait_with_clock = wait
+    manager._wait_with_clock = wait  # type: ignore[assignment]
     either.faults("register", [{"kind": "status", "status": 503}])
     one.trigger_refresh()
     assert backing_off.wait(DEADLINE)
@@ -255,7 +255,7 @@ def test_renewals_leave_nothing_open(one: Harness, either: DevServer) -> None:
     for _ in range(5):
         token = manager._token
         one.trigger_refresh()
-        until(lambda token=token: manager._token != token)
+        until(lambda token=token: manager._token != token)  # type: ignore[misc]
         until(lambda: manager._refresh_thread.is_alive())
         threads = [thread for thread in threading.enumerate() if thread is not threading.main_thread()]
         until(lambda: sum(thread.is_alive() for thread in threading.enumerate()) <= 2)

@@ -14,7 +14,7 @@ def _loaded(name: str) -> ModuleType | None:
 def clear() -> None:
     for module in list(sys.modules.values()):
         if hasattr(module, "__warningregistry__"):
-            del module.__warningregistry__
+            del module.__warningregistry__  # pyright: ignore[reportAttributeAccessIssue]
     # An error that a test let through is kept for a debugger.
     for name in ("last_exc", "last_type", "last_value", "last_traceback"):
         if hasattr(sys, name):

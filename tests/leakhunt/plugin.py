@@ -180,7 +180,7 @@ class _Finalizers:
 
 def _run(item: pytest.Item) -> list[TestReport]:
     # The parent as what comes next: the test's own fixtures end, those shared with others stay.
-    return runtestprotocol(item, nextitem=item.parent, log=False)
+    return runtestprotocol(item, nextitem=item.parent, log=False)  # type: ignore[arg-type]
 
 
 def _in_repetition(number: int, reports: list[TestReport]) -> list[TestReport]:

@@ -133,7 +133,7 @@ def kill(mutant: Mutant) -> str:
 
 
 def main() -> int:
-    sys.stdout.reconfigure(line_buffering=True)
+    sys.stdout.reconfigure(line_buffering=True)  # type: ignore[union-attr]
     failed = False
     total = 0
     BUILD.mkdir(parents=True, exist_ok=True)

@@ -183,7 +183,7 @@ def threads_taking_tokens() -> None:
             time.sleep(0.0002)
 
     for which in range(THREADS):
-        daemon(lambda which=which: take(which))
+        daemon(lambda which=which: take(which))  # type: ignore[misc]
     until(lambda: min(laps) >= LAPS)
 
 
@@ -228,7 +228,7 @@ def threads_sending_requests() -> None:
             laps[which] += 1
 
     for which in range(THREADS):
-        daemon(lambda which=which: send(which))
+        daemon(lambda which=which: send(which))  # type: ignore[misc]
     until(lambda: min(laps) >= LAPS)
 
 
@@ -241,7 +241,7 @@ def threads_sending_https_requests() -> None:
             laps[which] += 1
 
     for which in range(THREADS):
-        daemon(lambda which=which: send(which))
+        daemon(lambda which=which: send(which))  # type: ignore[misc]
     until(lambda: min(laps) >= LAPS)
 
 

@@ -47,7 +47,7 @@ def by_name(name: str) -> Fault:
 
 def small_choice() -> list[Scenario]:
     """One flow for each kind and phase where there is one, stalls left out, and some drawn at random."""
-    wanted = set(itertools.product(KINDS, PHASES))
+    wanted: set[tuple[str, str]] = set(itertools.product(KINDS, PHASES))
     chosen = []
     for number in range(product_size()):
         scenario = draw(SEED, number)

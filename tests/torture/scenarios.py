@@ -268,7 +268,7 @@ class ThreadBootstrap(LoggedIn):
         from tessaline import auth
 
         super().prepare()
-        auth.threading = StandIn(threading, Thread=_FrailThread)
+        auth.threading = StandIn(threading, Thread=_FrailThread)  # type: ignore[assignment]
         self.bench.service.era = 7
 
     def act(self) -> None:

@@ -62,7 +62,7 @@ def live(run: Run, address: str, complaints: bench_module.Complaints) -> dict[st
     if run.scenario != "import":
         from tessaline import auth
 
-        auth._time = bench_module.fast_time()  # type: ignore[attr-defined]
+        auth._time = bench_module.fast_time()  # type: ignore[assignment]
     scenario = {**SCENARIOS, **SPECIMENS}[run.scenario](address)
     scenario.prepare()
     outcome, problems = "success", []
@@ -167,7 +167,7 @@ def in_child(run: Run, address: str) -> dict[str, Any]:
 
 def collect(read_end: int, child: int) -> tuple[bytes, bool]:
     end = time.monotonic() + HANG
-    parts = []
+    parts: list[Any] = []
     with open(read_end, "rb", buffering=0) as pipe:
         while True:
             ready, _, _ = select.select([pipe], [], [], max(0.0, end - time.monotonic()))

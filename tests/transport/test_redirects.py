@@ -125,7 +125,7 @@ def test_an_absolute_reference_and_one_without_scheme(server: DevServer) -> None
             server,
             "GET",
             server.url + "/_echo/from",
-            set_up=lambda start=start: redirect(server, "/_echo/from", f"{start}/_echo/to"),
+            set_up=lambda start=start: redirect(server, "/_echo/from", f"{start}/_echo/to"),  # type: ignore[misc]
         )
         assert ours == theirs
         assert ours[0] == 200

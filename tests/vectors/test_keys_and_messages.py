@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import pytest
-from eth_utils import keccak
+from eth_utils.crypto import keccak
 
 from . import tables
 from .servers import TableServer

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 
 class Refused(Exception):
@@ -27,6 +27,10 @@ class TokenModel:
     def __init__(self) -> None:
         self.polls: list[bool] = []
         self.renewed: Any = None
+
+    if TYPE_CHECKING:
+
+        def __getattr__(self, field: str) -> Any: ...
 
     def _guard(self) -> None:
         if self._pending_era_number is not None:

@@ -25,7 +25,7 @@ class HandClock:
 class StandIn:
     """A module with some of its names replaced."""
 
-    def __init__(self, module: ModuleType, **replaced: Any) -> None:
+    def __init__(self, module: ModuleType | StandIn, **replaced: Any) -> None:
         self.__dict__.update(replaced, _module=module)
 
     def __getattr__(self, name: str) -> Any:

@@ -106,11 +106,11 @@ class Watched(auth.AuthManager):
         self.stored: list[str] = []
         self.owed = 0
 
-    def _store_auth_result(self, token: Any, wallet_secret: Any) -> Any:
-        super()._store_auth_result(token, wallet_secret)
+    def _store_auth_result(self, token: Any, wallet_secret_bytes: Any) -> Any:
+        super()._store_auth_result(token, wallet_secret_bytes)
         assert subject_of(token) == self.get_wallet_address(), "another wallet's token was stored"
         if self.owed:
-            assert auth._jwt_era_number(token) >= self.owed, "a token of an old era was stored"
+            assert (auth._jwt_era_number(token) or 0) >= self.owed, "a token of an old era was stored"
         self.owed = 0
         self.stored.append(token)
 
@@ -125,7 +125,7 @@ class Play:
         self.raised: list[BaseException] = []
         self.problems: list[BaseException] = []
         auth.threading, auth._time = self.turns.threading(), self.turns.time()
-        auth.random = types.SimpleNamespace(uniform=lambda low, high: 0.0)
+        auth.random = types.SimpleNamespace(uniform=lambda low, high: 0.0)  # type: ignore[assignment]
         self.server = Hostile("")
         self.manager = Watched(
             KEY, "https://auth.example.test", _transport=self.serve, clock=lambda: self.now

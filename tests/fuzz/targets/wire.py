@@ -100,7 +100,7 @@ class Wire:
 def one_input(data: bytes) -> None:
     wire = Wire(text_of(data).split("\n"))
     usual = auth._time, auth.random
-    auth._time, auth.random = QuickTime(), types.SimpleNamespace(uniform=lambda low, high: 0.0)
+    auth._time, auth.random = QuickTime(), types.SimpleNamespace(uniform=lambda low, high: 0.0)  # type: ignore[assignment]
     server.begin(wire)
     begun = time.monotonic()
     manager = auth.AuthManager(KEY, server.url, clock=lambda: 1e6)
