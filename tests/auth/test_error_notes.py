@@ -202,11 +202,30 @@ def test_ctrl_c_in_a_programs_own_add_note_is_not_lost(manager: Any, monkeypatch
         manager.get_token()
 
 
-def test_a_traceback_shows_the_advice() -> None:
-    program = """
-        from tessaline.auth import AuthManager
-        AuthManager("1" * 64, "https://service.example").get_token()
-    """
+@pytest.mark.parametrize(
+    ("program", "shown"),
+    [
+        (
+            """
+            from tessaline.auth import AuthManager
+            AuthManager("1" * 64, "https://service.example").get_token()
+            """,
+            "tessaline.auth.AuthError: not_authenticated\n"
+            "call authenticate() first, and again after a login or a renewal that failed\n",
+        ),
+        (
+            """
+            import sys
+            import tessaline.auth
+            del sys.modules["tessaline.auth"]
+            import tessaline.auth
+            """,
+            "RuntimeError: Module 'auth' has already been imported. Re-initialisation is not supported.\n"
+            "keep the module in sys.modules instead of importing it anew\n",
+        ),
+    ],
+)
+def test_a_traceback_shows_the_advice(program: str, shown: str) -> None:
     ended = subprocess.run(
         [sys.executable, "-c", textwrap.dedent(program)],
         capture_output=True,
@@ -215,7 +234,4 @@ def test_a_traceback_shows_the_advice() -> None:
         check=False,
     )
     assert ended.returncode == 1
-    assert ended.stderr.endswith(
-        "tessaline.auth.AuthError: not_authenticated\n"
-        "call authenticate() first, and again after a login or a renewal that failed\n"
-    )
+    assert ended.stderr.endswith(shown)

@@ -110,8 +110,9 @@ class Retry {
   bool settled(PyObject* answer) {
     const auto [status, headers, value] = python::unpack3(answer);
     const Ref server_reason = error_entry(value.get());
-    last_status_ =
-        python::with_note(advice::kTransportAnswer, [&status] { return python::long_value(status.get()); });
+    PyObject* const given_status = status.get();
+    last_status_ = python::with_note(advice::kTransportAnswer,
+                                     [given_status] { return python::long_value(given_status); });
     const Verdict verdict = judge(server_reason);
     switch (verdict.outcome) {
       case Outcome::kGiveBack:

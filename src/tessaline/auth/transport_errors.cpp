@@ -1,8 +1,6 @@
 #include "tessaline/auth/transport_errors.hpp"
 
 #include <cerrno>
-#include <optional>
-#include <utility>
 
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/transport_notes.hpp"
@@ -18,54 +16,56 @@ constinit const python::Name kCertificateError{"SSLCertVerificationError"};
 constinit const python::Name kHttpClient{"http.client"};
 constinit const python::Name kBadStatusLine{"BadStatusLine"};
 
+Ref new_error(PyObject* type, const char* message) {
+  return python::call(type, {python::text(message).get()});
+}
+
 /// OSError and its kin carry a number and a text.
-[[noreturn]] void raise_numbered(PyObject* type, int number, const char* message) {
-  python::raise(python::call(type, {python::integer(number).get(), python::text(message).get()}).get());
+Ref new_numbered(PyObject* type, int number, const char* message) {
+  return python::call(type, {python::integer(number).get(), python::text(message).get()});
 }
 
-[[noreturn]] void raise_from(const python::Name& module, const python::Name& type, const char* message) {
-  Ref loaded = python::import(module);
-  python::raise(
-      python::call(python::attribute(loaded.get(), type).get(), {python::text(message).get()}).get());
+Ref new_error_of(const python::Name& module, const python::Name& type, const char* message) {
+  const Ref loaded = python::import(module);
+  return new_error(python::attribute(loaded.get(), type).get(), message);
 }
 
-[[noreturn]] void raise_kind(const http::TransportFailure& failure) {
+Ref error_for(const http::TransportFailure& failure) {
   const char* const message = failure.what();
   switch (failure.kind()) {
     case http::FailureKind::kInvalidRequest:
-      python::raise(PyExc_ValueError, message);
+      return new_error(PyExc_ValueError, message);
     case http::FailureKind::kUnresolvable:
     case http::FailureKind::kTruncated:
-      python::raise(PyExc_ConnectionError, message);
+      return new_error(PyExc_ConnectionError, message);
     case http::FailureKind::kUnreachable:
-      raise_numbered(PyExc_ConnectionError, EHOSTUNREACH, message);
+      return new_numbered(PyExc_ConnectionError, EHOSTUNREACH, message);
     case http::FailureKind::kRefused:
-      raise_numbered(PyExc_ConnectionRefusedError, ECONNREFUSED, message);
+      return new_numbered(PyExc_ConnectionRefusedError, ECONNREFUSED, message);
     case http::FailureKind::kReset:
-      raise_numbered(PyExc_ConnectionResetError, ECONNRESET, message);
+      return new_numbered(PyExc_ConnectionResetError, ECONNRESET, message);
     case http::FailureKind::kTimedOut:
-      python::raise(PyExc_TimeoutError, message);
+      return new_error(PyExc_TimeoutError, message);
     case http::FailureKind::kCertificate:
-      raise_from(kSsl, kCertificateError, message);
+      return new_error_of(kSsl, kCertificateError, message);
     case http::FailureKind::kTls:
-      raise_from(kSsl, kSslError, message);
+      return new_error_of(kSsl, kSslError, message);
     case http::FailureKind::kMalformedResponse:
-      raise_from(kHttpClient, kBadStatusLine, message);
+      return new_error_of(kHttpClient, kBadStatusLine, message);
     case http::FailureKind::kInterrupted:
-      throw python::Error::fetch();
+      throw python::Error::fetch();  // what a signal handler raised
     case http::FailureKind::kOther:
       break;
   }
-  python::raise(PyExc_OSError, message);
+  return new_error(PyExc_OSError, message);
 }
 
 }  // namespace
 
 void raise_transport_failure(const http::TransportFailure& failure, const http::Request& request) {
-  std::optional<python::Error> raised = python::caught([&] { raise_kind(failure); });
-  if (failure.kind() != http::FailureKind::kInterrupted)
-    add_transport_notes(raised->exception(), failure, request);
-  throw std::move(*raised);
+  const Ref error = error_for(failure);
+  add_transport_notes(error.get(), failure, request);
+  python::raise(error.get());
 }
 
 }  // namespace tessaline::auth

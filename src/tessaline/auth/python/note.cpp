@@ -51,8 +51,9 @@ Error noted(Error error, std::string_view note) {
 }
 
 void raise(PyObject* type, const char* message, std::string_view note) {
-  std::optional<Error> error = caught([=] { raise(type, message); });
-  throw noted(std::move(*error), note);
+  const Ref error = call(type, {text(message).get()});
+  add_note(error.get(), note);
+  raise(error.get());
 }
 
 bool tells_of_misuse(const Error& error) noexcept {

@@ -49,11 +49,11 @@ bool tells_of_misuse(const Error& error) noexcept;
 /// What `body` returns; the note goes to a failure that tells of misuse.
 template <class Body>
 std::invoke_result_t<Body> with_note(std::string_view note, Body&& body) {
-  std::optional<std::invoke_result_t<Body>> result;
-  std::optional<Error> failure = caught([&] { result.emplace(std::forward<Body>(body)()); });
+  std::invoke_result_t<Body> result{};
+  std::optional<Error> failure = caught([&] { result = std::forward<Body>(body)(); });
   if (failure && tells_of_misuse(*failure)) throw noted(std::move(*failure), note);
   if (failure) throw std::move(*failure);
-  return std::move(*result);
+  return result;
 }
 
 }  // namespace tessaline::auth::python
