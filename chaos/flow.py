@@ -10,7 +10,8 @@ from typing import Any
 from eth_utils.address import to_checksum_address
 
 from tessaline import auth
-from tests.integration.support import Worker, descriptors, until, waiters
+from tests.integration.support import descriptors
+from tests.shared.threads import Worker, until, waiters
 
 from .actor import START, Actor
 from .contract import RENAME, Manager, Record, Refused, Service

@@ -8,10 +8,10 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import Worker
 
 from .helpers.managers import ADDRESS, build, changes, reason_of, snapshot
 from .helpers.server import CHALLENGE, FakeServer
-from .helpers.threads import Worker
 
 GUARDED = {"get_wallet_secret": "_wallet_secret", "get_token_expiry": "_token_expiry"}
 VALUES: dict[str, Any] = {"get_wallet_secret": b"\x01" * 32, "get_token_expiry": 87400.0}

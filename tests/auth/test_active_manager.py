@@ -11,9 +11,9 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import Worker, join, within
 
 from .helpers.managers import build, reason_of
-from .helpers.threads import Worker, join, within
 
 
 @pytest.fixture(autouse=True)

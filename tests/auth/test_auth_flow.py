@@ -15,10 +15,10 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 from tessaline import auth
+from tests.shared.threads import Worker
 
 from .helpers.managers import ADDRESS, KEY, build, changes, reason_of, snapshot
 from .helpers.server import CHALLENGE, REGISTER, VERIFY, Answer, FakeServer
-from .helpers.threads import Worker
 from .helpers.tokens import issued, with_payload
 
 PROPERTY = settings(deadline=None, database=None, derandomize=True, max_examples=150)

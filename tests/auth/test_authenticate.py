@@ -9,6 +9,7 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import Worker, join, until, waiters
 
 from .helpers.clocks import SteppedClock
 from .helpers.managers import (
@@ -20,7 +21,6 @@ from .helpers.managers import (
     snapshot,
 )
 from .helpers.server import CHALLENGE, REGISTER, VERIFY, Answer, FakeServer
-from .helpers.threads import Worker, join, until, waiters
 from .helpers.tokens import issued
 
 FULL_LOGIN = [REGISTER, CHALLENGE, VERIFY]

@@ -9,9 +9,9 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import Worker, until
 
 from .helpers.clocks import FakeTime, ScriptedClock, SteppedClock
-from .helpers.threads import Worker, until
 
 
 @pytest.fixture

@@ -16,11 +16,11 @@ import pytest
 
 from tessaline import auth
 from tests.sanitized import patience, searches_all_memory
+from tests.shared.threads import Worker, join, until, waiters
 
 from .helpers.clocks import ScriptedEvent, SteppedClock
 from .helpers.managers import ADDRESS, changes, reason_of, refresh_threads, snapshot
 from .helpers.server import CHALLENGE, REGISTER, VERIFY, Answer, FakeServer
-from .helpers.threads import Worker, join, until, waiters
 
 STATES = ["UNINITIALIZED", "AUTHENTICATING", "AUTHENTICATED", "RE_AUTHENTICATING", "BOGUS"]
 CLEARED = ("_private_key", "_token", "_wallet_secret", "_token_iat", "_token_expiry", "_refresh_thread")

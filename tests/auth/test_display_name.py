@@ -10,10 +10,10 @@ from hypothesis import example, given, settings
 from hypothesis import strategies as st
 
 from tessaline import auth
+from tests.shared.threads import Worker, until, waiters
 
 from .helpers.managers import ADDRESS, build, changes, reason_of, snapshot
 from .helpers.server import CHALLENGE, DISPLAY_NAME, Answer, FakeServer
-from .helpers.threads import Worker, until, waiters
 
 PROPERTY = settings(deadline=None, database=None, derandomize=True, max_examples=300)
 MESSAGE = "Display name must be 3-32 characters: letters, numbers, spaces, hyphens, underscores"

@@ -11,11 +11,11 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import Worker, until, waiters
 
 from .helpers.clocks import ScriptedEvent, SteppedClock
 from .helpers.managers import build, changes, reason_of, refresh_threads, snapshot
 from .helpers.server import CHALLENGE, REGISTER, VERIFY, Answer, FakeServer
-from .helpers.threads import Worker, until, waiters
 from .helpers.token_model import Refused, Stored, TokenModel
 
 NOW = 1000.0

@@ -8,9 +8,9 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import Worker, until, waiters
 
 from .helpers.server import CHALLENGE, VERIFY, Answer, FakeServer
-from .helpers.threads import Worker, until, waiters
 
 
 class LateEvent(threading.Event):

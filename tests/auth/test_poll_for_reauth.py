@@ -9,10 +9,10 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import Worker, until, waiters
 
 from .helpers.clocks import FakeTime, ScriptedEvent, SteppedClock
 from .helpers.managers import changes, reason_of, snapshot
-from .helpers.threads import Worker, until, waiters
 
 TOKEN = "the token in place"
 

@@ -10,11 +10,11 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import Worker, join, until
 
 from .helpers.clocks import ScriptedEvent, SteppedClock, ThreadingProxy
 from .helpers.managers import ADDRESS, changes, reason_of, refresh_threads, snapshot
 from .helpers.server import CHALLENGE, REGISTER, VERIFY, Answer, FakeServer
-from .helpers.threads import Worker, join, until
 from .helpers.tokens import issued
 
 FULL_LOGIN = [REGISTER, CHALLENGE, VERIFY]

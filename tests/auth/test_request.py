@@ -14,10 +14,10 @@ from hypothesis import example, given, settings
 from hypothesis import strategies as st
 
 from tessaline import auth
+from tests.shared.threads import Worker
 
 from .helpers.managers import build
 from .helpers.server import BASE
-from .helpers.threads import Worker
 
 PROPERTY = settings(deadline=None, database=None, derandomize=True, max_examples=300)
 

@@ -12,11 +12,11 @@ from hypothesis import example, given, settings
 from hypothesis import strategies as st
 
 from tessaline import auth
+from tests.shared.threads import Worker, until
 
 from .helpers.clocks import FakeTime, SteppedClock
 from .helpers.managers import build, reason_of
 from .helpers.server import CHALLENGE, DISPLAY_NAME, REGISTER, VERIFY
-from .helpers.threads import Worker, until
 
 PROPERTY = settings(deadline=None, database=None, derandomize=True, max_examples=300)
 

@@ -12,10 +12,10 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 from tessaline import auth
+from tests.shared.threads import within
 
 from .helpers.clocks import ModuleProxy, SteppedClock
 from .helpers.managers import ADDRESS, build, changes, reason_of, snapshot
-from .helpers.threads import within
 from .helpers.tokens import issued, with_payload
 
 PROPERTY = settings(deadline=None, database=None, derandomize=True, max_examples=150)

@@ -14,10 +14,10 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import join, until
 
 from .helpers.managers import ADDRESS, KEY, PLAIN_FIELDS, build
 from .helpers.server import BASE, FakeServer
-from .helpers.threads import join, until
 
 METHODS: dict[str, tuple[Any, ...]] = {
     "_get_time": (),

@@ -10,11 +10,11 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import DEADLINE, Worker
 
 from .support.clocks import HandClock
 from .support.managers import reason
 from .support.service import CHALLENGE, REGISTER, Service, answer
-from .support.threads import DEADLINE, Caller
 
 DAY = 86400.0
 
@@ -147,9 +147,9 @@ def test_a_log_handler_that_takes_a_token_does_not_stop_the_login(
 
 def test_another_thread_still_waits_while_a_flow_runs(logged_in: Any, service: Service) -> None:
     gate = service.hold(CHALLENGE)
-    runner = Caller(logged_in.authenticate)
+    runner = Worker(logged_in.authenticate)
     gate.reached()
-    waiter = Caller(logged_in.get_token)
+    waiter = Worker(logged_in.get_token)
     service.let_go()
     runner.result()
     assert waiter.result() == service.tokens[-1]

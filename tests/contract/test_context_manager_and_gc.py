@@ -15,11 +15,12 @@ import pytest
 import canary
 from tessaline import auth
 from tests.sanitized import SANITIZER
+from tests.shared.threads import Worker, until
 
 from .support.clocks import HandClock, ShortSleeps
 from .support.managers import KEY, build, reason
 from .support.service import BASE, CHALLENGE, VERIFY, Service, always_answers, always_raises
-from .support.threads import Caller, ThreadCensus, until
+from .support.threads import ThreadCensus
 
 DAY = 86400.0
 
@@ -138,7 +139,7 @@ def test_the_block_wakes_who_waits(service: Service) -> None:
         gate = service.hold(VERIFY)
         manager.notify_era_change(2)
         gate.reached()
-        caller = Caller(manager.get_token)
+        caller = Worker(manager.get_token)
         event = manager._auth_event
         until(lambda: event._cond._waiters, "the waiting caller")
     assert reason(caller.failure()) == "manager_closed"

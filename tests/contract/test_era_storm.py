@@ -10,11 +10,12 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import DEADLINE, Worker, until
 
 from .support.clocks import HandClock
 from .support.managers import build, reason
 from .support.service import CHALLENGE, Service, always_answers, era_of
-from .support.threads import DEADLINE, Caller, ThreadCensus, until
+from .support.threads import ThreadCensus
 
 pytestmark = pytest.mark.usefixtures("eager_switching")
 
@@ -88,7 +89,7 @@ def storm(
             if step % 10 == 9:
                 pause()
 
-    for caller in [Caller(announcer, plan) for plan in plans]:
+    for caller in [Worker(announcer, plan) for plan in plans]:
         caller.result(30.0)
     assert sum(len(plan) for plan in plans) == 10_000
     return max(max(plan) for plan in plans)
@@ -196,7 +197,7 @@ def test_no_token_of_an_older_era_during_a_storm(
                 late.append((era, required))
         return served
 
-    askers = [Caller(ask) for _ in range(3)]
+    askers = [Worker(ask) for _ in range(3)]
     for era in range(2, 250):
         rising.reach(era)
         manager.notify_era_change(era)
@@ -247,7 +248,7 @@ def test_logins_and_announcements_at_once_leave_one_refresh_loop(
             rising.reach(era)
             manager.notify_era_change(era)
 
-    callers = [Caller(log_in) for _ in range(4)] + [Caller(announce, 100 * number + 1) for number in range(4)]
+    callers = [Worker(log_in) for _ in range(4)] + [Worker(announce, 100 * number + 1) for number in range(4)]
     for caller in callers:
         caller.result()
     until(lambda: manager._state == "AUTHENTICATED", "the end of the last flow")

@@ -13,12 +13,12 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import Worker, until
 
 from .model import SERVE_WAYS, Answer, Fields, serve
 from .support.clocks import ShortSleeps, StandIn
 from .support.managers import build, reason
 from .support.service import Service
-from .support.threads import Caller, until
 
 FAR = 5000.0
 EVENTS = ("_refresh_stop", "_refresh_event", "_close_event", "_refresh_pending", "_refresh_done")
@@ -255,10 +255,10 @@ def test_a_held_lock_is_respected(plain: Any) -> None:
     healthy(plain)
     assert plain.get_token() == "a.b.c"
     with plain._lock:
-        caller = Caller(plain.get_token)
+        caller = Worker(plain.get_token)
         # The caller cannot be seen to wait for a lock; that it does not answer is all there is to see.
         caller.thread.join(0.2)
-        assert caller.busy
+        assert caller.alive
         plain._state = "CLOSED"
     assert reason(caller.failure()) == "manager_closed"
 
@@ -361,8 +361,8 @@ def test_no_call_straddles_an_announcement_or_a_close(no_sleep: ShortSleeps) -> 
                 if token is not None and begun_late:
                     late.append(token)
 
-        callers = [Caller(hammer) for _ in range(4)]
-        until(lambda callers=callers: all(caller.busy for caller in callers))  # type: ignore[misc]
+        callers = [Worker(hammer) for _ in range(4)]
+        until(lambda callers=callers: all(caller.alive for caller in callers))  # type: ignore[misc]
         if ending == "close":
             manager.close()
         else:

@@ -9,11 +9,12 @@ from unittest import mock
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import Worker, until
 
 from .support.clocks import HandClock, StandIn, unstartable_threads
 from .support.managers import reason
 from .support.service import CHALLENGE, VERIFY, Gate, Service, always_raises, era_of
-from .support.threads import Caller, ThreadCensus, until
+from .support.threads import ThreadCensus
 
 DAY = 86400.0
 
@@ -40,11 +41,11 @@ def test_a_login_that_fails_after_its_store_does_not_undo_the_next_one(
         _transport=service,
     )
     with manager:
-        first = Caller(lambda: (started.wait(10), manager.authenticate()))
+        first = Worker(lambda: (started.wait(10), manager.authenticate()))
         started.set()
         assert stored.wait(10)
         gate = service.hold(CHALLENGE)
-        second = Caller(manager.authenticate)
+        second = Worker(manager.authenticate)
         gate.reached()
         event = manager._auth_event
         go_on.set()
@@ -65,13 +66,13 @@ def test_a_re_authentication_that_fails_late_does_not_undo_the_next_login(
     logged_in: Any, service: Service
 ) -> None:
     own = threading.Event()
-    logins: list[Caller] = []
+    logins: list[Worker] = []
 
     def flow() -> Any:
         # Meanwhile the host gives it up and logs in itself.
         logged_in._state = "AUTHENTICATED"
         gate = service.hold(CHALLENGE)
-        logins.append(Caller(logged_in.authenticate))
+        logins.append(Worker(logged_in.authenticate))
         gate.reached()
         raise ConnectionResetError("too late")
 
@@ -92,14 +93,14 @@ def test_an_announcement_about_to_start_its_thread_is_not_taken_for_an_orphan(
     logged_in: Any, service: Service, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     announcing = Gate()
-    hosts: list[Caller] = []
+    hosts: list[Worker] = []
 
     class Thread(threading.Thread):
         def start(self) -> None:
             if self._target == logged_in._background_reauth:  # type: ignore[attr-defined]
                 announcing()
             elif self._target == logged_in._refresh_loop and not hosts:  # type: ignore[attr-defined]
-                hosts.append(Caller(logged_in.notify_era_change, 2))
+                hosts.append(Worker(logged_in.notify_era_change, 2))
                 announcing.reached()
                 raise RuntimeError("can't start new thread")
             super().start()
@@ -231,12 +232,12 @@ def test_nobody_is_served_after_a_close_from_under_the_lock_has_returned(make_ma
     manager = make_manager(clock=clock)
     manager.authenticate()
     served: list[Any] = []
-    callers: list[Caller] = []
+    callers: list[Worker] = []
 
     def closing(token: Any, wallet_address: Any) -> None:
         manager.close()
         # The caller waits for the lock from now on.
-        callers.append(Caller(lambda: served.append(manager.get_token())))
+        callers.append(Worker(lambda: served.append(manager.get_token())))
 
     with pytest.MonkeyPatch.context() as patched:
         patched.setattr(auth, "_assert_token_subject_matches_wallet", closing)

@@ -19,6 +19,7 @@ import pytest
 
 import canary
 from tessaline import auth
+from tests.shared.threads import Worker, until
 
 from .support.clocks import HandClock, unstartable_threads
 from .support.managers import KEY, build
@@ -34,7 +35,7 @@ from .support.service import (
     answer,
     token_text,
 )
-from .support.threads import Caller, ThreadCensus, until
+from .support.threads import ThreadCensus
 
 DAY = 86400.0
 
@@ -441,9 +442,9 @@ def test_profiling_and_tracing_hooks_see_no_key(service: Service, census: Thread
 
 def test_a_waiter_is_told_nothing(manager: Any, service: Service) -> None:
     gate = service.hold(VERIFY)
-    runner = Caller(manager.authenticate)
+    runner = Worker(manager.authenticate)
     gate.reached()
-    waiter = Caller(manager.authenticate)
+    waiter = Worker(manager.authenticate)
     service.fault = always_raises(OSError("broken"))
     service.let_go()
     shown = everything_shown_of(runner.failure()) + everything_shown_of(waiter.failure())

@@ -10,11 +10,12 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import DEADLINE, Worker, until
 
 from .support.clocks import HandClock, ShortSleeps, StandIn, unstartable_threads
 from .support.managers import build, reason
 from .support.service import CHALLENGE, VERIFY, Service, always_answers, always_raises, era_of
-from .support.threads import DEADLINE, Caller, ThreadCensus, WatchedEvent, until
+from .support.threads import ThreadCensus, WatchedEvent
 
 DAY = 86400.0
 NO_THREAD = "can't start new thread"
@@ -57,13 +58,13 @@ def test_an_announcement_whose_thread_cannot_be_started(
 def test_who_waited_for_the_announcement_whose_thread_cannot_be_started(
     logged_in: Any, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    callers: list[Caller] = []
+    callers: list[Worker] = []
 
     class Thread(threading.Thread):
         def start(self) -> None:
             event = logged_in._auth_event
-            callers.append(Caller(logged_in.get_token))
-            callers.append(Caller(logged_in.authenticate))
+            callers.append(Worker(logged_in.get_token))
+            callers.append(Worker(logged_in.authenticate))
             event.waited_for()
             event.waited_for()
             raise RuntimeError(NO_THREAD)
@@ -108,9 +109,9 @@ def test_who_waited_for_the_login_whose_refresh_thread_cannot_be_started(
 ) -> None:
     monkeypatch.setattr(auth, "threading", StandIn(unstartable_threads(), Event=WatchedEvent))
     gate = service.hold(CHALLENGE)
-    runner = Caller(manager.authenticate)
+    runner = Worker(manager.authenticate)
     gate.reached()
-    waiter = Caller(manager.authenticate)
+    waiter = Worker(manager.authenticate)
     manager._auth_event.waited_for()
     service.let_go()
     assert isinstance(runner.failure(), RuntimeError)
@@ -282,9 +283,9 @@ def test_a_flow_interrupted_on_the_hosts_thread_leaves_nobody_waiting(
 ) -> None:
     monkeypatch.setattr(auth, "threading", StandIn(threading, Event=WatchedEvent))
     gate = service.hold(CHALLENGE)
-    runner = Caller(manager.authenticate)
+    runner = Worker(manager.authenticate)
     gate.reached()
-    waiter = Caller(manager.get_token)
+    waiter = Worker(manager.get_token)
     manager._auth_event.waited_for()
     service.fault = always_raises(KeyboardInterrupt("stop"))
     service.let_go()
@@ -354,7 +355,7 @@ def test_a_failed_login_whose_refresh_loop_ended_meanwhile(
     assert begun.wait(DEADLINE)
     del logged_in._do_refresh
     gate = service.hold(CHALLENGE)
-    login = Caller(logged_in.authenticate)
+    login = Worker(logged_in.authenticate)
     gate.reached()
     # The refresh finds a login under way, does nothing, and its thread ends.
     go_on.set()
@@ -384,7 +385,7 @@ def test_a_failed_login_whose_refresh_loop_is_about_to_end(
     assert begun.wait(DEADLINE)
     del logged_in._do_refresh
     gate = service.hold(CHALLENGE)
-    login = Caller(logged_in.authenticate)
+    login = Worker(logged_in.authenticate)
     gate.reached()
     go_on.set()
     assert idle.wait(DEADLINE)
@@ -508,7 +509,7 @@ def test_every_caller_after_the_lid_opens_gets_the_new_token(
 ) -> None:
     manager, clock = asleep
     clock.now += 2 * DAY
-    callers = [Caller(manager.get_token) for _ in range(16)]
+    callers = [Worker(manager.get_token) for _ in range(16)]
     assert {caller.result() for caller in callers} == {service.tokens[1]}
     assert len(service.tokens) == 2
 
@@ -637,7 +638,7 @@ def test_close_while_the_refresh_thread_is_being_started(
     manager: Any, monkeypatch: pytest.MonkeyPatch, census: ThreadCensus
 ) -> None:
     monkeypatch.setattr(auth, "threading", closing_at_start(lambda: manager))
-    login = Caller(manager.authenticate).finish()
+    login = Worker(manager.authenticate).finish()
     assert login.error is None or reason(login.error) == "manager_closed"
     census.settle(0, timeout=1.0)
     assert manager._state == "CLOSED" and manager._token is None and manager._refresh_thread is None
@@ -649,7 +650,7 @@ def test_close_while_the_era_thread_is_being_started(
 ) -> None:
     sent = len(service.paths)
     monkeypatch.setattr(auth, "threading", closing_at_start(lambda: logged_in))
-    announced = Caller(logged_in.notify_era_change, 4).finish()
+    announced = Worker(logged_in.notify_era_change, 4).finish()
     assert announced.error is None or reason(announced.error) == "manager_closed"
     census.settle(0, timeout=1.0)
     assert logged_in._state == "CLOSED" and logged_in._token is None
@@ -666,7 +667,7 @@ def test_a_flow_that_ends_after_close_stores_nothing_and_starts_nothing(
         manager.authenticate()
     gate = service.hold(VERIFY)
     if background == "login":
-        login = Caller(manager.authenticate)
+        login = Worker(manager.authenticate)
     elif background == "refresh":
         clock.now += 0.9 * DAY
     else:

@@ -22,6 +22,7 @@ from hypothesis.stateful import (
 )
 
 from tessaline import auth
+from tests.shared.threads import Worker, until
 
 from .model import AUTH, CLOSED, LIFETIME, REFRESH_AFTER, Contract, Failure, serve
 from .support.clocks import HandClock, ShortSleeps, StandIn
@@ -37,7 +38,7 @@ from .support.service import (
     always_raises,
     answer,
 )
-from .support.threads import Caller, ThreadCensus, until
+from .support.threads import ThreadCensus
 
 SETTLED_WITHIN = 5.0
 SECRETS = (b"first secret".ljust(32, b"."), b"other secret".ljust(32, b"."))
@@ -88,7 +89,7 @@ def failure_of(error: BaseException) -> Failure:
     return Failure(type(error).__name__, str(error))
 
 
-def came_of(caller: Caller) -> Any:
+def came_of(caller: Worker) -> Any:
     caller.finish()
     return caller.value if caller.error is None else failure_of(caller.error)
 
@@ -170,8 +171,8 @@ class Machine(RuleBasedStateMachine):
         self.manager._do_auth_flow = self.counted_flow
         self.model = Contract(self.clock.now)
         self.model.offered_secret = SECRETS[0]
-        self.runner: Caller | None = None
-        self.waiters: list[tuple[str, Caller]] = []
+        self.runner: Worker | None = None
+        self.waiters: list[tuple[str, Worker]] = []
         self.main = threading.current_thread()
         if log_in:
             self.log_in()
@@ -368,7 +369,7 @@ class Machine(RuleBasedStateMachine):
         if earnest:
             return
         self.saw("close in the middle" if self.model.flight else "close")
-        closing = Caller(self.manager.close)
+        closing = Worker(self.manager.close)
         until(lambda: self.manager._close_event.is_set() and self.manager._state == "CLOSED", "the closing")
         had_waiters = bool(self.waiters)
         self.model.close()
@@ -389,7 +390,7 @@ class Machine(RuleBasedStateMachine):
     def log_in_held(self) -> None:
         gate = self.service.hold(REGISTER)
         self.model.begin_login()
-        self.runner = Caller(self.manager.authenticate)
+        self.runner = Worker(self.manager.authenticate)
         gate.reached()
 
     @precondition(lambda self: idle(self) and authenticated(self))
@@ -425,12 +426,12 @@ class Machine(RuleBasedStateMachine):
     @rule()
     def somebody_asks_for_the_token(self) -> None:
         if self.model.get_token_must_wait():
-            self.add_waiter("token", Caller(self.manager.get_token))
+            self.add_waiter("token", Worker(self.manager.get_token))
 
     @precondition(has_room_for_waiters)
     @rule()
     def somebody_else_logs_in(self) -> None:
-        self.add_waiter("login", Caller(self.manager.authenticate))
+        self.add_waiter("login", Worker(self.manager.authenticate))
 
     @precondition(has_room_for_waiters)
     @rule(name=st.sampled_from(["Ada", "ab"]))
@@ -439,9 +440,9 @@ class Machine(RuleBasedStateMachine):
         if refusal is not None:
             assert outcome(self.manager.set_display_name, name) == refusal
         elif self.model.get_token_must_wait():
-            self.add_waiter("rename", Caller(self.manager.set_display_name, name))
+            self.add_waiter("rename", Worker(self.manager.set_display_name, name))
 
-    def add_waiter(self, kind: str, caller: Caller) -> None:
+    def add_waiter(self, kind: str, caller: Worker) -> None:
         self.waiters.append((kind, caller))
         event = self.manager._auth_event
         until(lambda: len(event._cond._waiters) == len(self.waiters), "the waiting caller")
@@ -496,7 +497,7 @@ def test_random_histories() -> None:
     run_state_machine_as_test(
         Machine,
         settings=settings(
-            max_examples=180,
+            max_examples=240,
             stateful_step_count=50,
             derandomize=True,
             database=None,

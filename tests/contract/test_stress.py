@@ -13,6 +13,7 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import Worker, until
 
 from .support.managers import REASONS, build
 from .support.service import (
@@ -27,7 +28,7 @@ from .support.service import (
     answer,
     era_of,
 )
-from .support.threads import Caller, ThreadCensus, until
+from .support.threads import ThreadCensus
 
 SECONDS = float(os.environ.get("TESSALINE_STRESS_SECONDS", "20"))
 LONGEST_CALL = 14.0  # ten seconds of one wait, three of another, and some for a busy machine
@@ -201,7 +202,7 @@ class Stress:
     def close(self, generation: Generation, chance: random.Random) -> None:
         if self.stop.wait(chance.uniform(0.2, 1.5)):
             return
-        others = [Caller(generation.manager.close) for _ in range(chance.choice((0, 0, 3)))]
+        others = [Worker(generation.manager.close) for _ in range(chance.choice((0, 0, 3)))]
         begun = time.monotonic()
         generation.manager.close()
         assert time.monotonic() - begun < 3.0
@@ -218,13 +219,13 @@ class Stress:
 def test_everything_at_once(census: ThreadCensus) -> None:
     stress = Stress()
     workers = [
-        (role, Caller(stress.work, role, seed)) for role, count in ROLES.items() for seed in range(count)
+        (role, Worker(stress.work, role, seed)) for role, count in ROLES.items() for seed in range(count)
     ]
     assert len(workers) == 32
     limit = time.monotonic() + SECONDS
     most = 0
     # A worker that has ended before its time has found a fault.
-    while time.monotonic() < limit and all(caller.busy for _, caller in workers):
+    while time.monotonic() < limit and all(caller.alive for _, caller in workers):
         most = max(most, len(census.newcomers()))
         time.sleep(0.02)
     stress.stop.set()

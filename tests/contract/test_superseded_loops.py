@@ -5,9 +5,10 @@ from __future__ import annotations
 import threading
 import time
 
+from tests.shared.threads import join_all, until
+
 from .support.managers import build
 from .support.service import Gate, Service
-from .support.threads import join_all, until
 
 
 class HeldEvent(threading.Event):

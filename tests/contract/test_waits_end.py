@@ -11,11 +11,12 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.threads import Worker, until
 
 from .support.clocks import HandClock, ShortSleeps, StandIn
 from .support.managers import build, reason
 from .support.service import CHALLENGE, DISPLAY_NAME, VERIFY, Service, always_answers, always_raises
-from .support.threads import Caller, ThreadCensus, WatchedEvent, until
+from .support.threads import ThreadCensus, WatchedEvent
 
 WAKE = 0.1  # within which a closed manager's waiters are awake
 PASS = 0.1  # of the poll, which sleeps for real
@@ -43,52 +44,52 @@ def as_if_logged_in(manager: Any, now: float, *, expiry: float = DAY, refresh_at
 
 # Each scene leaves one caller blocked in one wait and gives it back.
 
-Scene = Callable[[Service, HandClock], tuple[Any, Caller]]
+Scene = Callable[[Service, HandClock], tuple[Any, Worker]]
 
 
-def second_login(service: Service, clock: HandClock) -> tuple[Any, Caller]:
+def second_login(service: Service, clock: HandClock) -> tuple[Any, Worker]:
     manager = build(service, clock)
     gate = service.hold(CHALLENGE)
-    Caller(manager.authenticate)
+    Worker(manager.authenticate)
     gate.reached()
-    caller = Caller(manager.authenticate)
+    caller = Worker(manager.authenticate)
     manager._auth_event.waited_for()
     return manager, caller
 
 
-def token_during_login(service: Service, clock: HandClock) -> tuple[Any, Caller]:
+def token_during_login(service: Service, clock: HandClock) -> tuple[Any, Worker]:
     manager = build(service, clock)
     gate = service.hold(CHALLENGE)
-    Caller(manager.authenticate)
+    Worker(manager.authenticate)
     gate.reached()
-    caller = Caller(manager.get_token)
+    caller = Worker(manager.get_token)
     manager._auth_event.waited_for()
     return manager, caller
 
 
-def token_during_era_change(service: Service, clock: HandClock) -> tuple[Any, Caller]:
+def token_during_era_change(service: Service, clock: HandClock) -> tuple[Any, Worker]:
     manager = build(service, clock)
     manager.authenticate()
     gate = service.hold(VERIFY)
     manager.notify_era_change(1)
     gate.reached()
-    caller = Caller(manager.get_token)
+    caller = Worker(manager.get_token)
     manager._auth_event.waited_for()
     return manager, caller
 
 
-def login_during_era_change(service: Service, clock: HandClock) -> tuple[Any, Caller]:
+def login_during_era_change(service: Service, clock: HandClock) -> tuple[Any, Worker]:
     manager = build(service, clock)
     manager.authenticate()
     gate = service.hold(VERIFY)
     manager.notify_era_change(1)
     gate.reached()
-    caller = Caller(manager.authenticate)
+    caller = Worker(manager.authenticate)
     manager._auth_event.waited_for()
     return manager, caller
 
 
-def token_with_era_change_after_the_first_look(service: Service, clock: HandClock) -> tuple[Any, Caller]:
+def token_with_era_change_after_the_first_look(service: Service, clock: HandClock) -> tuple[Any, Worker]:
     manager = build(service, clock)
     manager.authenticate()
     gate = service.hold(VERIFY)
@@ -99,76 +100,76 @@ def token_with_era_change_after_the_first_look(service: Service, clock: HandCloc
         return clock()
 
     manager._get_time = announce_then_tell
-    caller = Caller(manager.get_token)
+    caller = Worker(manager.get_token)
     gate.reached()
     manager._auth_event.waited_for()
     return manager, caller
 
 
-def token_after_the_refresh_point(service: Service, clock: HandClock) -> tuple[Any, Caller]:
+def token_after_the_refresh_point(service: Service, clock: HandClock) -> tuple[Any, Worker]:
     manager = as_if_logged_in(build(service, clock), clock(), refresh_at=-1.0)
-    caller = Caller(manager.get_token)
+    caller = Worker(manager.get_token)
     manager._refresh_done.waited_for()
     return manager, caller
 
 
-def token_after_expiry(service: Service, clock: HandClock) -> tuple[Any, Caller]:
+def token_after_expiry(service: Service, clock: HandClock) -> tuple[Any, Worker]:
     manager = as_if_logged_in(build(service, clock), clock(), expiry=-1.0)
-    caller = Caller(manager.get_token)
+    caller = Worker(manager.get_token)
     until(manager._refresh_event.is_set, "the poll")
     return manager, caller
 
 
-def token_after_expiry_with_refresh_running(service: Service, clock: HandClock) -> tuple[Any, Caller]:
+def token_after_expiry_with_refresh_running(service: Service, clock: HandClock) -> tuple[Any, Worker]:
     manager = as_if_logged_in(build(service, clock), clock(), expiry=-1.0)
     gate = service.hold(CHALLENGE)
-    caller = Caller(manager.get_token)
+    caller = Worker(manager.get_token)
     until(manager._refresh_event.is_set, "the poll")
-    Caller(manager._do_refresh)
+    Worker(manager._do_refresh)
     gate.reached()
     manager._auth_event.waited_for()
     return manager, caller
 
 
-def login_in_back_off(service: Service, clock: HandClock) -> tuple[Any, Caller]:
+def login_in_back_off(service: Service, clock: HandClock) -> tuple[Any, Worker]:
     manager = build(service, clock)
     service.fault = always_raises(REFUSED)
-    caller = Caller(manager.authenticate)
+    caller = Worker(manager.authenticate)
     until(lambda: manager._in_transient_backoff, "the back-off")
     return manager, caller
 
 
-def login_told_to_come_back_next_year(service: Service, clock: HandClock) -> tuple[Any, Caller]:
+def login_told_to_come_back_next_year(service: Service, clock: HandClock) -> tuple[Any, Worker]:
     manager = build(service, clock)
     service.fault = lambda path: (429, {"Retry-After": "31536000"}, b"")
-    caller = Caller(manager.authenticate)
+    caller = Worker(manager.authenticate)
     until(lambda: manager._in_transient_backoff, "the back-off")
     return manager, caller
 
 
-def name_in_back_off(service: Service, clock: HandClock) -> tuple[Any, Caller]:
+def name_in_back_off(service: Service, clock: HandClock) -> tuple[Any, Worker]:
     manager = as_if_logged_in(build(service, clock), clock())
     service.fault = always_answers(DISPLAY_NAME, 503)
-    caller = Caller(manager.set_display_name, "Ada")
+    caller = Worker(manager.set_display_name, "Ada")
     until(lambda: manager._in_transient_backoff, "the back-off")
     return manager, caller
 
 
-def name_during_era_change(service: Service, clock: HandClock) -> tuple[Any, Caller]:
+def name_during_era_change(service: Service, clock: HandClock) -> tuple[Any, Worker]:
     manager = build(service, clock)
     manager.authenticate()
     gate = service.hold(VERIFY)
     manager.notify_era_change(1)
     gate.reached()
-    caller = Caller(manager.set_display_name, "Ada")
+    caller = Worker(manager.set_display_name, "Ada")
     manager._auth_event.waited_for()
     return manager, caller
 
 
-def request_without_limit_in_back_off(service: Service, clock: HandClock) -> tuple[Any, Caller]:
+def request_without_limit_in_back_off(service: Service, clock: HandClock) -> tuple[Any, Worker]:
     manager = build(service, clock)
     service.fault = lambda path: (503, {}, b"")
-    caller = Caller(manager._request_with_retry, "POST", CHALLENGE, {"wallet_address": ""})
+    caller = Worker(manager._request_with_retry, "POST", CHALLENGE, {"wallet_address": ""})
     until(lambda: manager._in_transient_backoff, "the back-off")
     return manager, caller
 
@@ -197,9 +198,9 @@ def test_close_wakes_who_waits(scene: Scene, census: ThreadCensus) -> None:
     for _ in range(TRIES):
         service, clock = Service(), HandClock()
         manager, caller = scene(service, clock)
-        assert caller.busy
+        assert caller.alive
         begun = time.monotonic()
-        closing = Caller(manager.close)
+        closing = Worker(manager.close)
         assert reason(caller.failure()) == "manager_closed"
         assert caller.ended_at is not None
         shortest = min(shortest, caller.ended_at - begun)
@@ -320,7 +321,7 @@ def test_a_reauthentication_that_ends_without_a_token(
     manager = as_if_logged_in(make_manager(), clock())
     manager._state, manager._token = "RE_AUTHENTICATING", value
     manager._auth_event = WatchedEvent()
-    caller = Caller(manager.get_token)
+    caller = Worker(manager.get_token)
     manager._auth_event.waited_for()
     manager._auth_event.set()
     if value is None:
@@ -334,7 +335,7 @@ def test_a_running_authentication_without_an_event_is_not_waited_for(
 ) -> None:
     manager = as_if_logged_in(make_manager(), clock())
     manager._state, manager._auth_event = "RE_AUTHENTICATING", None
-    assert Caller(manager.get_token).result() == "h.old.s"
+    assert Worker(manager.get_token).result() == "h.old.s"
 
 
 def test_a_clock_that_stands_still_ends_the_back_off(
@@ -348,7 +349,7 @@ def test_a_clock_that_stands_still_ends_the_back_off(
 
 def test_a_clock_that_leaps_ends_the_back_off(make_manager: Callable[..., Any], clock: HandClock) -> None:
     manager = make_manager()
-    caller = Caller(manager._wait_with_clock, 3600.0)
+    caller = Worker(manager._wait_with_clock, 3600.0)
     clock.now += 3600.0
     caller.result()
 
@@ -415,7 +416,7 @@ def test_closes_from_many_threads_at_once(stuck_refresh: tuple[Any, threading.Th
         manager.close()
         return time.monotonic() - begun
 
-    seconds = [caller.result() for caller in [Caller(close) for _ in range(8)]]
+    seconds = [caller.result() for caller in [Worker(close) for _ in range(8)]]
     assert max(seconds) < JOIN + 0.4
     # One of them closes; the others find it closed.
     assert sum(each >= JOIN - SLACK for each in seconds) == 1
@@ -539,7 +540,7 @@ def test_close_from_a_request_of_the_login(
 ) -> None:
     manager = make_manager()
     service.fault = lambda asked: manager.close() if asked == path else None
-    assert reason(Caller(manager.authenticate).failure()) == "manager_closed"
+    assert reason(Worker(manager.authenticate).failure()) == "manager_closed"
     assert manager._state == "CLOSED" and manager._token is None and manager._refresh_thread is None
 
 
@@ -554,7 +555,7 @@ def test_close_from_the_clock_of_a_back_off(
         return clock()
 
     manager._clock = closing_clock
-    assert reason(Caller(manager.authenticate).failure()) == "manager_closed"
+    assert reason(Worker(manager.authenticate).failure()) == "manager_closed"
     assert service.count(CHALLENGE) == 0
 
 
@@ -567,7 +568,7 @@ def test_close_from_a_request_of_the_profile(make_manager: Callable[..., Any], s
         return 503, {}, b""
 
     service.fault = close_and_refuse
-    assert reason(Caller(manager.set_display_name, "Ada").failure()) == "manager_closed"
+    assert reason(Worker(manager.set_display_name, "Ada").failure()) == "manager_closed"
     assert service.count(DISPLAY_NAME) == 1
 
 

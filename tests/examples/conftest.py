@@ -11,7 +11,7 @@ import pytest
 import canary
 from devserver.testing import DevServer
 from tessaline.auth import AuthManager
-from tests.integration.support import until
+from tests.shared.threads import until
 
 
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:

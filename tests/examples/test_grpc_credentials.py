@@ -16,8 +16,8 @@ import trustme
 from devserver.testing import DevServer
 from examples.grpc_credentials import WalletCallCredentials
 from tessaline.auth import AuthManager
-from tests.integration.support import Worker, waiters
 from tests.sanitized import SANITIZER, patience
+from tests.shared.threads import Worker, waiters
 
 pytestmark = pytest.mark.skipif(SANITIZER is not None, reason="the core of gRPC is not instrumented")
 

@@ -16,7 +16,7 @@ from devserver.testing import DevServer
 from examples.requests_auth import WalletAuth
 from tessaline.auth import AuthError, AuthManager
 from tests.examples.clients import ASYNC_CLIENTS, CLIENTS, SECONDS, Wanted, by_async_httpx
-from tests.integration.support import Worker
+from tests.shared.threads import Worker
 
 NAME = "/api/profile/display_name"
 

@@ -16,7 +16,7 @@ import pytest
 from devserver.testing import DevServer
 from examples.prefork_server import __file__ as PROGRAM
 from tests.examples.programs import SECONDS, ended, line_of, program
-from tests.integration.support import Worker, until
+from tests.shared.threads import Worker, until
 
 DIRECT = urllib.request.build_opener(urllib.request.ProxyHandler({}))
 

@@ -12,7 +12,7 @@ from devserver.testing import DevServer
 from examples.test_application import claims_of
 from examples.wallet_fleet import WalletFleet
 from tessaline.auth import AuthError, AuthManager, InvalidKeyError
-from tests.integration.support import Worker
+from tests.shared.threads import Worker
 
 WALLETS = 12
 

@@ -1,4 +1,4 @@
-"""What tests over real sockets share: a manager with its surroundings, threads with deadlines, counts."""
+"""What tests over real sockets share: a manager with its surroundings, and counts."""
 
 from __future__ import annotations
 
@@ -9,7 +9,6 @@ import json
 import os
 import secrets
 import threading
-import time
 import traceback
 from collections import Counter
 from collections.abc import Callable, Iterator
@@ -19,9 +18,7 @@ from urllib.parse import urlsplit
 import canary
 from devserver.testing import DevServer
 from tessaline import auth
-from tests.sanitized import patience
 
-DEADLINE = patience(20.0)
 PAST_REFRESH = 80_000.0
 # Few, and each again only when the connections under it are gone: the transport remembers names for a while.
 _numbers = itertools.cycle(range(4))
@@ -33,63 +30,9 @@ ENDPOINTS = {
 }
 
 
-def until(condition: Callable[[], Any], what: str = "the condition", timeout: float = DEADLINE) -> Any:
-    """The first true value of `condition`; fails after `timeout` seconds."""
-    limit = time.monotonic() + timeout
-    while not (value := condition()):
-        if time.monotonic() > limit:
-            raise AssertionError(f"{what} did not come true within {timeout} s")
-        time.sleep(0.001)
-    return value
-
-
-def waiters(event: threading.Event) -> int:
-    """How many threads are blocked in `event.wait()` now."""
-    return len(event._cond._waiters)  # type: ignore[attr-defined]
-
-
 def descriptors() -> int:
     """How many descriptors the process has open."""
     return len(os.listdir("/proc/self/fd"))
-
-
-class Worker:
-    """One call on a thread of its own, and what came of it."""
-
-    def __init__(self, call: Callable[..., Any], *args: Any) -> None:
-        self._call: tuple[Callable[..., Any], tuple[Any, ...]] | None = (call, args)
-        self._value: Any = None
-        self._error: BaseException | None = None
-        self.ended_at: float | None = None
-        self.thread = threading.Thread(target=self._run, daemon=True)
-        self.thread.start()
-
-    def _run(self) -> None:
-        assert self._call is not None
-        call, args = self._call
-        try:
-            self._value = call(*args)
-        except BaseException as error:
-            self._error = error
-        self.ended_at = time.monotonic()
-        self._call = None
-
-    def finish(self, timeout: float = DEADLINE) -> Worker:
-        self.thread.join(timeout)
-        if self.thread.is_alive():
-            raise AssertionError(f"the call has not come back within {timeout} s")
-        return self
-
-    def result(self, timeout: float = DEADLINE) -> Any:
-        self.finish(timeout)
-        if self._error is not None:
-            raise self._error
-        return self._value
-
-    def failure(self, timeout: float = DEADLINE) -> BaseException:
-        self.finish(timeout)
-        assert self._error is not None, "the call has not failed"
-        return self._error
 
 
 class SteppedClock:

@@ -10,8 +10,9 @@ from typing import Any
 import pytest
 
 from devserver.testing import DevServer
+from tests.shared.threads import Worker, until, waiters
 
-from .support import CreepingClock, Harness, Worker, descriptors, reason_of, until, waiters, wire
+from .support import CreepingClock, Harness, descriptors, reason_of, wire
 
 Make = Callable[..., Harness]
 

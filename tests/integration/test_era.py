@@ -10,8 +10,9 @@ import pytest
 
 from devserver.testing import DevServer
 from tessaline import auth
+from tests.shared.threads import DEADLINE, Worker, until, waiters
 
-from .support import DEADLINE, Harness, Worker, reason_of, until, waiters, wire
+from .support import Harness, reason_of, wire
 
 Make = Callable[..., Harness]
 

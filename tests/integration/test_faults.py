@@ -14,8 +14,9 @@ import pytest
 
 from devserver.testing import DevServer
 from tessaline import auth
+from tests.shared.threads import Worker, until, waiters
 
-from .support import Harness, Worker, at_a_new_name, descriptors, reason_of, until, waiters, wire
+from .support import Harness, at_a_new_name, descriptors, reason_of, wire
 
 Make = Callable[..., Harness]
 Fault = Mapping[str, Any]

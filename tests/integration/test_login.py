@@ -13,8 +13,9 @@ import pytest
 
 from devserver.testing import DevServer
 from tessaline import auth
+from tests.shared.threads import Worker, until, waiters
 
-from .support import Harness, Worker, descriptors, reason_of, until, waiters, wire
+from .support import Harness, descriptors, reason_of, wire
 
 Make = Callable[..., Harness]
 

@@ -16,7 +16,8 @@ from typing import Any
 import pytest
 
 from devserver.testing import DevServer
-from integration.support import Worker, descriptors, until
+from integration.support import descriptors
+from tests.shared.threads import Worker, until
 
 from .raw import CLOSE, OK, RawServer, reset
 from .reference import echoed, failure, transport

@@ -9,6 +9,7 @@ from eth_account import Account
 
 import canary
 from tessaline import auth
+from tests.shared.threads import Worker
 
 from .clocks import SteppedClock
 from .server import BASE, FakeServer
@@ -90,7 +91,7 @@ def refresh_threads(manager: Any) -> list[threading.Thread]:
     return [
         thread
         for thread in threading.enumerate()
-        if thread not in known and thread.name != "test-worker" and thread is not threading.main_thread()
+        if thread not in known and thread.name != Worker.NAME and thread is not threading.main_thread()
     ]
 
 

@@ -14,8 +14,8 @@ from eth_account import Account
 from eth_account.messages import encode_defunct
 
 import canary
+from tests.shared.threads import DEADLINE
 
-from .threads import DEADLINE
 from .tokens import issued
 
 BASE = "https://auth.example.test"

@@ -9,8 +9,7 @@ from collections.abc import Callable
 from typing import Any
 
 import canary
-
-from .threads import DEADLINE
+from tests.shared.threads import DEADLINE
 
 BASE = "https://auth.example.test"
 REGISTER = "/auth/register"

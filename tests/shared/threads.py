@@ -1,62 +1,71 @@
-"""Threads that end: every join has a deadline, every wait for a condition too."""
+"""Threads that end: every join has a deadline, and every wait for what another thread does."""
 
 from __future__ import annotations
 
 import threading
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Iterable
 from typing import Any
 
 from tests.sanitized import patience
 
-DEADLINE = patience(10.0)
+DEADLINE = patience(20.0)
+
+
+def join_all(threads: Iterable[threading.Thread], timeout: float = DEADLINE) -> None:
+    """Join them, failing the test when one is still alive after `timeout` seconds."""
+    threads = list(threads)
+    limit = time.monotonic() + timeout
+    for thread in threads:
+        thread.join(max(0.0, limit - time.monotonic()))
+    left = [thread for thread in threads if thread.is_alive()]
+    if left:
+        raise AssertionError(f"still alive after {timeout} s: {left!r}")
 
 
 def join(thread: threading.Thread, timeout: float = DEADLINE) -> None:
-    """Join `thread`, failing the test when it is still alive after `timeout` seconds."""
-    thread.join(timeout)
-    if thread.is_alive():
-        raise AssertionError(f"{thread!r} is still alive after {timeout} s")
+    join_all([thread], timeout)
 
 
-def until(condition: Callable[[], Any], timeout: float = DEADLINE, what: str = "the condition") -> Any:
-    """Return the first true value of `condition`, failing after `timeout` seconds of real time."""
+def until(condition: Callable[[], Any], what: str = "the condition", timeout: float = DEADLINE) -> Any:
+    """The first true value of `condition`; fails when there is none within `timeout` seconds."""
     limit = time.monotonic() + timeout
-    while True:
-        value = condition()
-        if value:
-            return value
+    while not (value := condition()):
         if time.monotonic() > limit:
             raise AssertionError(f"{what} did not come true within {timeout} s")
-        time.sleep(0.001)
+        time.sleep(0.0005)
+    return value
 
 
 def waiters(event: threading.Event) -> int:
-    """Number of threads that are blocked in `event.wait()` at this moment."""
+    """How many threads are blocked in `event.wait()` now."""
     return len(event._cond._waiters)  # type: ignore[attr-defined]
 
 
 class Worker:
-    """Runs one call on a thread of its own and keeps what came out of it, `BaseException` included."""
+    """One call on a thread of its own, and what came of it, `BaseException` included."""
+
+    NAME = "test-worker"
 
     def __init__(self, call: Callable[..., Any], *args: Any, **kwargs: Any) -> None:
-        self._call = (call, args, kwargs)
         self.value: Any = None
         self.error: BaseException | None = None
         self.seconds: float | None = None
-        self.thread = threading.Thread(target=self._run, daemon=True, name="test-worker")
+        self.ended_at: float | None = None
+        # The thread drops its arguments at its end.
+        self.thread = threading.Thread(target=self._run, args=(call, args, kwargs), daemon=True)
+        self.thread.name = self.NAME
         self.thread.start()
 
-    def _run(self) -> None:
-        call, args, kwargs = self._call
+    def _run(self, call: Callable[..., Any], args: Any, kwargs: Any) -> None:
         begun = time.monotonic()
         try:
             self.value = call(*args, **kwargs)
         except BaseException as error:
             self.error = error
         finally:
-            self.seconds = time.monotonic() - begun
-            del self._call
+            self.ended_at = time.monotonic()
+            self.seconds = self.ended_at - begun
 
     @property
     def alive(self) -> bool:
@@ -76,7 +85,7 @@ class Worker:
     def failure(self, timeout: float = DEADLINE) -> BaseException:
         """The error with which the call ended; a call that returned fails the test."""
         self.finish(timeout)
-        assert self.error is not None, f"the call returned {self.value!r} instead of failing"
+        assert self.error is not None, f"the call returned {type(self.value)} instead of failing"
         return self.error
 
 
