@@ -227,6 +227,28 @@ def test_a_flow_that_began_before_an_announcement_is_not_stored_after_another_me
     assert era_of(logged_in._token) == 2
 
 
+@pytest.mark.parametrize(
+    ("change", "told"),
+    [
+        ({"secret": b"another secret"}, "wallet_secret_changed"),
+        ({"subject": "0x" + "22" * 20}, "wallet_mismatch"),
+        ({}, "era_mismatch"),
+    ],
+)
+def test_a_login_overtaken_by_an_era_is_refused_for_the_wallet_before_the_era(
+    logged_in: Any, service: Service, change: dict[str, Any], told: str
+) -> None:
+    service.era = 1
+    gate = service.hold(CHALLENGE)
+    login = Worker(logged_in.authenticate)
+    gate.reached()
+    logged_in.notify_era_change(2)
+    for name, value in change.items():
+        setattr(service, name, value)
+    service.let_go()
+    assert reason(login.failure()) == told
+
+
 def test_nobody_is_served_after_a_close_from_under_the_lock_has_returned(make_manager: Any) -> None:
     clock = HandClock()
     manager = make_manager(clock=clock)

@@ -132,7 +132,10 @@ Ref AuthManager::highest_era() {
 
 void AuthManager::require_era_announced_since(PyObject* era_before, PyObject* token) {
   const Ref highest = highest_era();
-  if (highest.get() == era_before || is_at_least(era_of(token).get(), highest.get())) return;
+  if (highest.get() == era_before) return;
+  // Storing looks at an era that is still pending, and at the wallet and its secret before that.
+  if (is_at_least(get(Field::kPendingEraNumber).get(), highest.get())) return;
+  if (is_at_least(era_of(token).get(), highest.get())) return;
   raise_auth_error(reason::kEraMismatch);
 }
 
