@@ -1,0 +1,1 @@
+"""What the documentation says, done and compared with what the component does."""

@@ -1,0 +1,1 @@
+"""How many instructions the hot paths take."""

@@ -1,0 +1,1 @@
+"""The project itself: its rules, its tools, its demo and its files."""

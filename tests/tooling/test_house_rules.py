@@ -13,6 +13,8 @@ from .project import ROOT, own_files, own_sources
 
 pytestmark = pytest.mark.process
 
+AUTH = "tessaline/auth"
+
 # A letter in brackets here and there keeps this file from breaking the rules that it checks.
 OTHER_DOCUMENTS = re.compile(
     r"\b[Ss]pecificatio[n]s?\b|\bspe[c]\.md\b|\b[Tt]he spe[c]\b|\bPar[t]s? [0-9]+\.[0-9]+\b|\bPart[s] [0-9]"
@@ -124,6 +126,27 @@ def test_the_pure_rooms_do_not_know_the_interpreter() -> None:
         assert places(HOST_HEADERS, files) == []
     verdict = [ROOT / "src/tessaline/auth" / name for name in ("verdict.cpp", "verdict.hpp")]
     assert places(HOST_HEADERS, verdict) == []
+
+
+def included_from_outside(room: str, files: Iterable[Path]) -> list[str]:
+    """The component's headers that these files include and that are not of that room."""
+    return places(re.compile(rf'#\s*include\s*"(?!{AUTH}/{room}/)[^"]*/[^"]*"'), files)
+
+
+def test_the_lowest_rooms_know_no_other() -> None:
+    for room in ("wallet", "http", "python"):
+        files = own_sources(".cpp", ".hpp", under=f"src/{AUTH}/{room}")
+        assert files
+        assert included_from_outside(room, files) == []
+    assert included_from_outside("wallet", [ROOT / f"src/{AUTH}/validation.cpp"])
+
+
+def test_nothing_knows_the_room_that_faces_the_host() -> None:
+    face = re.compile(rf'#\s*include\s*"{AUTH}/binding/')
+    inside = own_sources(".cpp", ".hpp", under=f"src/{AUTH}/binding")
+    outside = [path for path in own_sources(".cpp", ".hpp", under="src") if path not in inside]
+    assert places(face, inside)
+    assert places(face, outside) == []
 
 
 def test_the_module_exports_its_entry_and_nothing_else() -> None:
