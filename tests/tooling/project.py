@@ -31,7 +31,7 @@ def own_sources(*suffixes: str, under: str = ".") -> list[Path]:
     return [path for path in own_files() if path.suffix in suffixes and path.is_relative_to(folder)]
 
 
-def run(*command: str, cwd: Path, **environment: str) -> Ended:
+def run(*command: str, cwd: Path = ROOT, **environment: str) -> Ended:
     return subprocess.run(
         command,
         cwd=cwd,

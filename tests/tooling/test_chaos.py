@@ -5,7 +5,6 @@ from __future__ import annotations
 import contextlib
 import itertools
 import re
-import subprocess
 import sys
 from collections.abc import Callable, Iterator
 from dataclasses import replace
@@ -22,7 +21,7 @@ from chaos.stage import Stage
 from chaos.watchdog import HUNG, Watchdog
 from tessaline import auth
 
-from .project import ROOT
+from . import project
 
 SEED = 20
 
@@ -236,9 +235,7 @@ def test_a_hang_is_ended_with_its_name_and_every_stack() -> None:
         "threading.Thread(target=stuck_for_ever, daemon=True).start()\n"
         "time.sleep(600)\n"
     )
-    ended = subprocess.run(
-        [sys.executable, "-c", program], cwd=ROOT, capture_output=True, timeout=60, text=True
-    )
+    ended = project.run(sys.executable, "-c", program)
     assert ended.returncode == HUNG
     assert "HANG after" in ended.stderr
     assert "flow 7:7" in ended.stderr
@@ -247,12 +244,7 @@ def test_a_hang_is_ended_with_its_name_and_every_stack() -> None:
 
 @pytest.mark.process
 def test_the_command_plays_flows_and_lives_and_ends_with_its_figures() -> None:
-    ended = subprocess.run(
-        [ROOT / "tools" / "chaos", "--flows", "4", "--managers", "2", "--days", "2"],
-        capture_output=True,
-        timeout=120,
-        text=True,
-    )
+    ended = project.run("tools/chaos", "--flows", "4", "--managers", "2", "--days", "2")
     assert ended.returncode == 0, ended.stdout + ended.stderr
     last = ended.stdout.splitlines()[-1]
     assert re.search(r": 4 flows, \d+ requests, 4 simulated days, 0 hangs, 0 violations$", last), last

@@ -1,27 +1,18 @@
 """The set-up's choice of tools."""
 
 import os
-import subprocess
 from pathlib import Path
 
 import pytest
 
-from .project import ROOT
+from .project import Ended, run
 
 pytestmark = pytest.mark.process
 
 
-def shell(script: str, **environment: str) -> subprocess.CompletedProcess[str]:
+def shell(script: str, **environment: str) -> Ended:
     program = f"source tools/lib/common.sh; source tools/lib/system.sh; source tools/lib/python.sh; {script}"
-    return subprocess.run(
-        ["bash", "-c", program],
-        cwd=ROOT,
-        env=os.environ | environment,
-        capture_output=True,
-        timeout=60,
-        text=True,
-        stdin=subprocess.DEVNULL,
-    )
+    return run("bash", "-c", program, **environment)
 
 
 def program(path: Path, text: str) -> Path:

@@ -5,7 +5,6 @@ from __future__ import annotations
 import ast
 import inspect
 import re
-import subprocess
 import sys
 from collections.abc import Iterator
 from typing import Any
@@ -14,7 +13,7 @@ import pytest
 
 from tessaline import auth
 
-from .project import ROOT
+from .project import ROOT, run
 
 pytestmark = pytest.mark.process
 
@@ -22,16 +21,9 @@ STUB = ROOT / "src/tessaline/auth.pyi"
 ALLOWLIST = "tests/typing/allowlist.txt"
 
 
-def run(*command: str) -> str:
+def complaint_of(*command: str) -> str:
     """What a checker complains of, empty when it is content."""
-    ended = subprocess.run(
-        [sys.executable, "-m", *command],
-        cwd=ROOT,
-        capture_output=True,
-        timeout=120,
-        text=True,
-        stdin=subprocess.DEVNULL,
-    )
+    ended = run(sys.executable, "-m", *command)
     return "" if ended.returncode == 0 else ended.stdout + ended.stderr
 
 
@@ -75,7 +67,7 @@ def test_no_docstring_of_the_public_surface_is_missing_from_the_stub() -> None:
 
 
 def test_the_stub_is_that_of_the_built_module() -> None:
-    complaint = run(
+    complaint = complaint_of(
         "mypy.stubtest", "tessaline", "--mypy-config-file", "pyproject.toml", "--allowlist", ALLOWLIST
     )
     assert complaint == ""
@@ -88,12 +80,12 @@ def test_every_exception_to_that_is_explained() -> None:
 
 
 def test_examples_and_a_users_lines_are_accepted_and_refused_as_they_should_be() -> None:
-    assert run("mypy", "src", "examples", "tests/typing") == ""
+    assert complaint_of("mypy", "src", "examples", "tests/typing") == ""
 
 
 def test_the_checker_sees_a_call_that_the_stub_does_not_allow(tmp_path: Any) -> None:
     program = tmp_path / "program.py"
     program.write_text("from tessaline.auth import AuthManager\nAuthManager('key').get_tokens()\n")
-    complaint = run("mypy", "--config-file", str(ROOT / "pyproject.toml"), str(program))
+    complaint = complaint_of("mypy", "--config-file", str(ROOT / "pyproject.toml"), str(program))
     assert '"server_url"' in complaint
     assert '"get_tokens"' in complaint
