@@ -31,31 +31,21 @@ with open(pipe, "w", closefd=False) as out:
 """
 
 # How a program runs code in another interpreter of its process; `told_by` gives back what the code wrote.
+OF_ITS_OWN = """
+    import os, _interpreters
+    def told_by(code):
+        other = _interpreters.create("{config}")
+        reading, writing = os.pipe()
+        failure = _interpreters.exec(other, f"pipe = {{writing}}\\n" + code)
+        assert failure is None, failure
+        os.close(writing)
+        told = json.loads(os.fdopen(reading).read())
+        _interpreters.destroy(other)
+        return told
+"""
 OTHERS = {
-    "legacy": """
-        import os, _interpreters
-        def told_by(code):
-            other = _interpreters.create("legacy")
-            reading, writing = os.pipe()
-            failure = _interpreters.exec(other, f"pipe = {writing}\\n" + code)
-            assert failure is None, failure
-            os.close(writing)
-            told = json.loads(os.fdopen(reading).read())
-            _interpreters.destroy(other)
-            return told
-    """,
-    "isolated": """
-        import os, _interpreters
-        def told_by(code):
-            other = _interpreters.create("isolated")
-            reading, writing = os.pipe()
-            failure = _interpreters.exec(other, f"pipe = {writing}\\n" + code)
-            assert failure is None, failure
-            os.close(writing)
-            told = json.loads(os.fdopen(reading).read())
-            _interpreters.destroy(other)
-            return told
-    """,
+    "legacy": OF_ITS_OWN.format(config="legacy"),
+    "isolated": OF_ITS_OWN.format(config="isolated"),
     "embedded": """
         import os, _testcapi
         def told_by(code):
