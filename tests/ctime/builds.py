@@ -29,7 +29,7 @@ def watch_manager(tree: Path = RELEASE) -> Watched:
     marks = tree / PROGRAMS / "libctime_marks.so"
     environment = {
         "LD_PRELOAD": str(marks),
-        "PYTHONPATH": str(tree / "package"),
+        "PYTHONPATH": os.pathsep.join([str(tree / "package"), str(public.ROOT)]),
         # Each object in memory of its own, of which the checker knows the bounds.
         "PYTHONMALLOC": "malloc",
         "PYTHONDONTWRITEBYTECODE": "1",

@@ -5,14 +5,13 @@ Prints for each step a line: kind, name, bytes marked secret, reports.
 
 from __future__ import annotations
 
-import base64
 import ctypes
-import json
 import sys
 from collections.abc import Callable
 from typing import Any
 
 from tessaline import auth
+from tests.shared.good_service import GoodService, token_of
 
 DIGITS = "A123456789abcdef0fEDCBa9876543210123456789ABCDEF0fedcbA98765432f"
 ZERO = "0" * 64
@@ -51,40 +50,11 @@ def made_public(text: str) -> str:
     return text
 
 
-class Server:
-    """An HttpTransport with one good answer for each endpoint."""
-
-    def __init__(self) -> None:
-        self.signatures: list[str] = []
-
-    def __call__(self, method: str, url: str, headers: Any = None, body: Any = None) -> Any:
-        asked = json.loads(body)
-        if url.endswith("/auth/challenge"):
-            answer: dict[str, Any] = {"challenge_id": "challenge-1", "message": "Sign in"}
-            self.address = asked["wallet_address"]
-        elif url.endswith("/auth/verify"):
-            self.signatures.append(asked["signature"])
-            answer = {
-                "token": token_of(self.address),
-                "expires_at": 4_000_000_000,
-                "wallet_secret": base64.b64encode(bytes(32)).decode(),
-            }
-        else:
-            answer = {"status": "registered"}
-        return 200, {}, json.dumps(answer).encode()
-
-
-def token_of(subject: str) -> str:
-    parts = ({"alg": "none"}, {"sub": subject})
-    segments = [base64.urlsafe_b64encode(json.dumps(part).encode()).rstrip(b"=").decode() for part in parts]
-    return ".".join([*segments, "AA"])
-
-
-SERVER = Server()
+SERVICE = GoodService()
 
 
 def manager(text: str = DIGITS) -> Any:
-    return auth.AuthManager(secret(text), URL, clock=lambda: 1000.0, _transport=SERVER)
+    return auth.AuthManager(secret(text), URL, clock=lambda: 1000.0, _transport=SERVICE)
 
 
 def construct() -> None:
@@ -118,7 +88,7 @@ def log_in() -> None:
     with manager() as made:
         made.authenticate()
         assert made.get_token() == token_of(made.get_wallet_address())
-    assert len(SERVER.signatures) == 1
+    assert len(SERVICE.signatures) == 1
 
 
 def refuse() -> None:
