@@ -11,11 +11,12 @@ import secrets
 import threading
 import traceback
 from collections import Counter
-from collections.abc import Callable, Iterator
+from collections.abc import Callable
 from typing import Any
 from urllib.parse import urlsplit
 
 import canary
+from canary.telling import chain
 from devserver.testing import DevServer
 from tessaline import auth
 
@@ -145,19 +146,6 @@ class Harness:
     def trigger_refresh(self) -> None:
         """Let the refresh point pass; the refresh thread sees it within 0.05 s."""
         self.clock.now += PAST_REFRESH
-
-
-def chain(error: BaseException) -> Iterator[BaseException]:
-    """The error and what it came from."""
-    seen: set[int] = set()
-    todo: list[BaseException | None] = [error]
-    while todo:
-        link = todo.pop()
-        if link is None or id(link) in seen:
-            continue
-        seen.add(id(link))
-        yield link
-        todo += [link.__cause__, link.__context__]
 
 
 def at_a_new_name(server: DevServer) -> str:
