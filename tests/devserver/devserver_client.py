@@ -121,17 +121,22 @@ class Client:
         return self.post(DISPLAY_NAME, {"display_name": display_name}, headers)
 
 
+def end_of(connection: socket.socket) -> tuple[bytes, str]:
+    """The bytes that still come, and "closed" or "reset"."""
+    received = b""
+    while True:
+        try:
+            chunk = connection.recv(65536)
+        except ConnectionResetError:
+            return received, "reset"
+        if not chunk:
+            return received, "closed"
+        received += chunk
+
+
 def raw_exchange(server: DevServer, path: str = REGISTER, body: bytes = b"{}") -> tuple[bytes, str]:
     """Send one POST over a bare socket; the bytes that came back, and "closed" or "reset"."""
     with socket.create_connection(("127.0.0.1", server.port), SECONDS) as connection:
         head = f"POST {path} HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
         connection.sendall(f"{head}Content-Length: {len(body)}\r\n\r\n".encode() + body)
-        received = b""
-        while True:
-            try:
-                chunk = connection.recv(65536)
-            except ConnectionResetError:
-                return received, "reset"
-            if not chunk:
-                return received, "closed"
-            received += chunk
+        return end_of(connection)

@@ -150,16 +150,16 @@ def test_a_reset_before_the_headers(server: DevServer) -> None:
     assert raw_exchange(server) == (b"", "reset")
 
 
-def test_a_reset_over_tls(tls_server: DevServer) -> None:
-    tls_server.faults("register", [{"kind": "reset"}])
-    with Client(tls_server) as client, pytest.raises(ConnectionResetError):
+def test_a_reset_over_tls(https_server: DevServer) -> None:
+    https_server.faults("register", [{"kind": "reset"}])
+    with Client(https_server) as client, pytest.raises(ConnectionResetError):
         client.register()
 
 
-def test_an_end_of_tls_without_a_farewell(tls_server: DevServer) -> None:
-    tls_server.faults("register", [{"kind": "close", "close_notify": False}])
-    with socket.create_connection(("127.0.0.1", tls_server.port), SECONDS) as plain:
-        context = trusting(tls_server)
+def test_an_end_of_tls_without_a_farewell(https_server: DevServer) -> None:
+    https_server.faults("register", [{"kind": "close", "close_notify": False}])
+    with socket.create_connection(("127.0.0.1", https_server.port), SECONDS) as plain:
+        context = trusting(https_server)
         connection = context.wrap_socket(plain, server_hostname="127.0.0.1", suppress_ragged_eofs=False)
         with connection:
             connection.sendall(b"POST /auth/register HTTP/1.1\r\nHost: x\r\nContent-Length: 0\r\n\r\n")

@@ -10,35 +10,30 @@ from contextlib import contextmanager
 from urllib.parse import urlsplit
 
 import pytest
-from devserver_client import REGISTER, SECONDS, Client, trusting
+from devserver_client import REGISTER, SECONDS, Client, end_of, trusting
 
 from devserver.testing import DevServer, DevServerError
+from tests.shared.servers import fresh, serve
 
 
 @pytest.fixture(scope="module")
 def plain_gate_process() -> Iterator[DevServer]:
-    with DevServer(gate=True) as server:
-        yield server
-        assert server.stderr == ""
+    yield from serve(gate=True)
 
 
 @pytest.fixture(scope="module")
 def tls_gate_process() -> Iterator[DevServer]:
-    with DevServer(tls=True, gate=True) as server:
-        yield server
-        assert server.stderr == ""
+    yield from serve(tls=True, gate=True)
 
 
 @pytest.fixture
 def plain_gate(plain_gate_process: DevServer) -> DevServer:
-    plain_gate_process.reset()
-    return plain_gate_process
+    return fresh(plain_gate_process)
 
 
 @pytest.fixture
 def tls_gate(tls_gate_process: DevServer) -> DevServer:
-    tls_gate_process.reset()
-    return tls_gate_process
+    return fresh(tls_gate_process)
 
 
 @contextmanager
@@ -47,18 +42,6 @@ def connected(server: DevServer) -> Iterator[socket.socket]:
     port = urlsplit(server.gate_url).port
     with socket.create_connection(("127.0.0.1", port), SECONDS) as connection:
         yield connection
-
-
-def end_of(connection: socket.socket) -> tuple[bytes, str]:
-    received = b""
-    while True:
-        try:
-            chunk = connection.recv(65536)
-        except ConnectionResetError:
-            return received, "reset"
-        if not chunk:
-            return received, "closed"
-        received += chunk
 
 
 def register(server: DevServer) -> int:

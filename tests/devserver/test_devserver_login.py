@@ -79,18 +79,18 @@ def test_urllib_logs_in_too(server: DevServer) -> None:
             assert response.status == 200
 
 
-def test_an_untrusted_authority_is_noticed(tls_server: DevServer) -> None:
-    with Client(tls_server) as client:
+def test_an_untrusted_authority_is_noticed(https_server: DevServer) -> None:
+    with Client(https_server) as client:
         client.connection = http.client.HTTPSConnection(
-            "127.0.0.1", tls_server.port, timeout=SECONDS, context=ssl.create_default_context()
+            "127.0.0.1", https_server.port, timeout=SECONDS, context=ssl.create_default_context()
         )
         with pytest.raises(ssl.SSLCertVerificationError):
             client.register()
 
 
-def test_the_certificate_is_good_for_localhost_as_well(tls_server: DevServer) -> None:
-    url = f"https://localhost:{tls_server.port}/_echo"
-    with urllib.request.urlopen(url, timeout=SECONDS, context=trusting(tls_server)) as response:
+def test_the_certificate_is_good_for_localhost_as_well(https_server: DevServer) -> None:
+    url = f"https://localhost:{https_server.port}/_echo"
+    with urllib.request.urlopen(url, timeout=SECONDS, context=trusting(https_server)) as response:
         assert response.status == 200
 
 

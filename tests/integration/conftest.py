@@ -2,91 +2,53 @@
 
 from __future__ import annotations
 
-import socket
-import sys
 import threading
 import time
 from collections.abc import Callable, Iterator
-from pathlib import Path
 from typing import Any
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
-
 from devserver.testing import DevServer
 from tests.sanitized import patience
+from tests.shared.servers import (
+    either,
+    fresh,
+    http_process,
+    https_process,
+    https_server,
+    serve,
+    server,
+    trusted,
+    unused_port,
+)
 
 from .support import Harness
+
+# Fixtures.
+__all__ = ["either", "http_process", "https_process", "https_server", "server", "trusted", "unused_port"]
 
 THREAD_GRACE = patience(10.0)
 
 
-def _serve(**options: Any) -> Iterator[DevServer]:
-    with DevServer(**options) as server:
-        yield server
-        assert server.stderr == ""
-
-
-@pytest.fixture(scope="package")
-def http_process() -> Iterator[DevServer]:
-    yield from _serve()
-
-
-@pytest.fixture(scope="package")
-def https_process() -> Iterator[DevServer]:
-    yield from _serve(tls=True)
-
-
 @pytest.fixture(scope="package")
 def misnamed_process() -> Iterator[DevServer]:
-    yield from _serve(tls=True, tls_names=["elsewhere.test"])
+    yield from serve(tls=True, tls_names=["elsewhere.test"])
 
 
 @pytest.fixture(scope="package")
 def expired_process() -> Iterator[DevServer]:
-    yield from _serve(tls=True, options=["--tls-expired"])
-
-
-def _fresh(server: DevServer) -> DevServer:
-    server.reset()
-    return server
-
-
-@pytest.fixture
-def server(http_process: DevServer) -> DevServer:
-    return _fresh(http_process)
-
-
-@pytest.fixture
-def https_server(https_process: DevServer) -> DevServer:
-    return _fresh(https_process)
+    yield from serve(tls=True, options=["--tls-expired"])
 
 
 @pytest.fixture
 def misnamed_server(misnamed_process: DevServer) -> DevServer:
-    return _fresh(misnamed_process)
+    return fresh(misnamed_process)
 
 
 @pytest.fixture
 def expired_server(expired_process: DevServer) -> DevServer:
-    return _fresh(expired_process)
-
-
-@pytest.fixture
-def trusted(https_server: DevServer, monkeypatch: pytest.MonkeyPatch) -> DevServer:
-    """The HTTPS server, its authority trusted."""
-    assert https_server.ca_file is not None
-    monkeypatch.setenv("SSL_CERT_FILE", https_server.ca_file)
-    return https_server
-
-
-@pytest.fixture(params=["http", "https"])
-def either(request: pytest.FixtureRequest) -> DevServer:
-    """The server of each scheme in turn."""
-    chosen = request.getfixturevalue({"http": "server", "https": "trusted"}[request.param])
-    assert isinstance(chosen, DevServer)
-    return chosen
+    return fresh(expired_process)
 
 
 @pytest.fixture(autouse=True)
@@ -115,11 +77,3 @@ def harness(no_thread_left: None, caplog: pytest.LogCaptureFixture) -> Iterator[
         written = [caplog.text, *(repr(vars(record)) for record in caplog.records)]
         one.assert_nothing_secret_in("".join(written) + repr(one.manager) + str(one.manager))
         one.manager.close()
-
-
-@pytest.fixture
-def unused_port() -> Iterator[int]:
-    """A port at which every connection is refused: it is taken and nobody listens."""
-    with socket.socket() as taken:
-        taken.bind(("127.0.0.1", 0))
-        yield taken.getsockname()[1]
