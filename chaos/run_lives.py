@@ -16,8 +16,8 @@ from dataclasses import dataclass, field
 from typing import Any
 
 from tessaline import auth
-from tests.auth.helpers.clocks import ModuleProxy
 from tests.integration.support import descriptors
+from tests.shared.modules import StandIn
 
 from .life import Life, Sleeper
 from .waits import CountedThread
@@ -116,9 +116,9 @@ def _seams(sleeper: Sleeper) -> Iterator[None]:
         for name in ("Event", "Lock", "current_thread", "main_thread", "get_ident")
     }
     replaced = {
-        "_time": ModuleProxy(time, sleep=sleeper.sleep, monotonic=time.monotonic, time=time.time),
-        "random": ModuleProxy(random, uniform=sleeper.uniform),
-        "threading": ModuleProxy(threading, Thread=CountedThread, **threads),
+        "_time": StandIn(time, sleep=sleeper.sleep, monotonic=time.monotonic, time=time.time),
+        "random": StandIn(random, uniform=sleeper.uniform),
+        "threading": StandIn(threading, Thread=CountedThread, **threads),
         "log_library_surface_event": lambda *_args, **_kwargs: None,
     }
     before = {name: getattr(auth, name) for name in replaced}

@@ -14,7 +14,7 @@ from typing import Any, Self
 
 from devserver.testing import DevServer
 from tessaline import auth
-from tests.auth.helpers.clocks import ModuleProxy
+from tests.shared.modules import StandIn
 
 PATIENT_SECONDS = 30.0
 STALL_SECONDS = 0.75
@@ -54,8 +54,8 @@ class Seams:
     @contextlib.contextmanager
     def installed(self) -> Iterator[Self]:
         replaced = {
-            "_time": ModuleProxy(time, sleep=self.sleep),
-            "random": ModuleProxy(random, uniform=self.uniform),
+            "_time": StandIn(time, sleep=self.sleep),
+            "random": StandIn(random, uniform=self.uniform),
             "_auth_http_timeout_seconds": self.timeout,
             "log_library_surface_event": self.log,
         }

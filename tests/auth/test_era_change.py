@@ -10,9 +10,10 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.modules import StandIn
 from tests.shared.threads import Worker, join, until
 
-from .helpers.clocks import SteppedClock, ThreadingProxy
+from .helpers.clocks import SteppedClock
 from .helpers.managers import ADDRESS, changes, reason_of, refresh_threads, snapshot
 from .helpers.server import CHALLENGE, REGISTER, VERIFY, Answer, FakeServer
 from .helpers.tokens import issued
@@ -58,7 +59,7 @@ def threads(idle: Any, monkeypatch: pytest.MonkeyPatch) -> type[NoThread]:
     class Thread(NoThread):
         made: list[NoThread] = []  # noqa: RUF012
 
-    monkeypatch.setattr(auth, "threading", ThreadingProxy(Thread=Thread))
+    monkeypatch.setattr(auth, "threading", StandIn(threading, Thread=Thread))
     return Thread
 
 
@@ -219,7 +220,7 @@ def test_a_thread_that_ends_before_its_first_line_leaves_nobody_waiting(
         def run(self) -> None:
             pass
 
-    monkeypatch.setattr(auth, "threading", ThreadingProxy(Thread=Stillborn))
+    monkeypatch.setattr(auth, "threading", StandIn(threading, Thread=Stillborn))
     idle.notify_era_change(5)
     error = Worker(getattr(idle, call)).failure()
     assert reason_of(error) == "the thread of the re-authentication ended before it began"

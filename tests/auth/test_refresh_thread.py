@@ -10,9 +10,10 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.modules import StandIn
 from tests.shared.threads import Worker, join, until
 
-from .helpers.clocks import ScriptedEvent, SteppedClock, ThreadingProxy
+from .helpers.clocks import ScriptedEvent, SteppedClock
 from .helpers.managers import ADDRESS, changes, reason_of, refresh_threads, snapshot
 from .helpers.server import CHALLENGE, REGISTER, VERIFY, Answer, FakeServer
 from .helpers.tokens import issued
@@ -70,7 +71,7 @@ def threads(manager: Any, monkeypatch: pytest.MonkeyPatch) -> type[FakeThread]:
         made: list[FakeThread] = []  # noqa: RUF012
 
     Thread.manager = manager
-    monkeypatch.setattr(auth, "threading", ThreadingProxy(Thread=Thread))
+    monkeypatch.setattr(auth, "threading", StandIn(threading, Thread=Thread))
     return Thread
 
 

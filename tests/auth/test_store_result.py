@@ -12,9 +12,10 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 from tessaline import auth
+from tests.shared.modules import StandIn
 from tests.shared.threads import within
 
-from .helpers.clocks import ModuleProxy, SteppedClock
+from .helpers.clocks import SteppedClock
 from .helpers.managers import ADDRESS, build, changes, reason_of, snapshot
 from .helpers.tokens import issued, with_payload
 
@@ -50,7 +51,7 @@ def jitter(monkeypatch: pytest.MonkeyPatch) -> dict[str, Any]:
             raise control["value"]
         return control["value"]
 
-    monkeypatch.setattr(auth, "random", ModuleProxy(random, uniform=uniform))
+    monkeypatch.setattr(auth, "random", StandIn(random, uniform=uniform))
     return control
 
 

@@ -13,10 +13,11 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.modules import StandIn
 from tests.shared.threads import Worker, until
 
 from .model import SERVE_WAYS, Answer, Fields, serve
-from .support.clocks import ShortSleeps, StandIn
+from .support.clocks import ShortSleeps
 from .support.managers import build, reason
 from .support.service import Service
 

@@ -9,9 +9,10 @@ from unittest import mock
 import pytest
 
 from tessaline import auth
+from tests.shared.modules import StandIn
 from tests.shared.threads import Worker, until
 
-from .support.clocks import HandClock, StandIn, unstartable_threads
+from .support.clocks import HandClock, unstartable_threads
 from .support.managers import reason
 from .support.service import CHALLENGE, VERIFY, Gate, Service, always_raises, era_of
 from .support.threads import ThreadCensus

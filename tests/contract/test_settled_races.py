@@ -10,9 +10,10 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.modules import StandIn
 from tests.shared.threads import DEADLINE, Worker, until
 
-from .support.clocks import HandClock, ShortSleeps, StandIn, unstartable_threads
+from .support.clocks import HandClock, ShortSleeps, unstartable_threads
 from .support.managers import build, reason
 from .support.service import CHALLENGE, VERIFY, Service, always_answers, always_raises, era_of
 from .support.threads import ThreadCensus, WatchedEvent

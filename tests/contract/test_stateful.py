@@ -22,10 +22,11 @@ from hypothesis.stateful import (
 )
 
 from tessaline import auth
+from tests.shared.modules import StandIn
 from tests.shared.threads import Worker, until
 
 from .model import AUTH, CLOSED, LIFETIME, REFRESH_AFTER, Contract, Failure, serve
-from .support.clocks import HandClock, ShortSleeps, StandIn
+from .support.clocks import HandClock, ShortSleeps
 from .support.managers import REASONS, build
 from .support.service import (
     CHALLENGE,

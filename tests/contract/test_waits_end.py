@@ -11,9 +11,10 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.modules import StandIn
 from tests.shared.threads import Worker, until
 
-from .support.clocks import HandClock, ShortSleeps, StandIn
+from .support.clocks import HandClock, ShortSleeps
 from .support.managers import build, reason
 from .support.service import CHALLENGE, DISPLAY_NAME, VERIFY, Service, always_answers, always_raises
 from .support.threads import ThreadCensus, WatchedEvent

@@ -11,8 +11,8 @@ from typing import Any, ClassVar
 
 import _torture
 
-from tests.contract.support.clocks import StandIn
 from tests.contract.support.service import CHALLENGE, DISPLAY_NAME, REGISTER, answer
+from tests.shared.modules import StandIn
 
 from .bench import Bench, Problems, Waiter, is_waited_for, until
 from .kinds import Kind

@@ -5,7 +5,6 @@ from __future__ import annotations
 import threading
 import time
 from collections.abc import Callable
-from types import ModuleType
 from typing import Any
 
 
@@ -66,27 +65,6 @@ class FakeTime:
 
     def __getattr__(self, name: str) -> Any:
         return getattr(time, name)
-
-
-class ThreadingProxy:
-    """The `threading` module with some of its names replaced."""
-
-    def __init__(self, **replaced: Any) -> None:
-        self.__dict__.update(replaced)
-
-    def __getattr__(self, name: str) -> Any:
-        return getattr(threading, name)
-
-
-class ModuleProxy:
-    """Any module with some of its names replaced."""
-
-    def __init__(self, module: ModuleType, **replaced: Any) -> None:
-        self.__dict__.update(replaced)
-        self.__dict__["_module"] = module
-
-    def __getattr__(self, name: str) -> Any:
-        return getattr(self.__dict__["_module"], name)
 
 
 class ScriptedEvent(threading.Event):

@@ -5,8 +5,9 @@ from __future__ import annotations
 import threading
 import time
 from collections.abc import Callable
-from types import ModuleType
 from typing import Any
+
+from tests.shared.modules import StandIn
 
 
 class HandClock:
@@ -20,16 +21,6 @@ class HandClock:
         if self.error is not None:
             raise self.error
         return self.now
-
-
-class StandIn:
-    """A module with some of its names replaced."""
-
-    def __init__(self, module: ModuleType | StandIn, **replaced: Any) -> None:
-        self.__dict__.update(replaced, _module=module)
-
-    def __getattr__(self, name: str) -> Any:
-        return getattr(self.__dict__["_module"], name)
 
 
 class ShortSleeps:
