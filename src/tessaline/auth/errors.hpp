@@ -9,7 +9,7 @@
 namespace tessaline::auth {
 
 /// The component's exception types. Siblings directly under Exception: catching one never catches another.
-/// Borrowed, alive until the process ends; null before `make_error_types`.
+/// Borrowed, alive until the process ends; null before they are set.
 struct ErrorTypes {
   PyObject* invalid_key = nullptr;
   PyObject* auth = nullptr;
@@ -20,8 +20,8 @@ struct ErrorTypes {
 
 const ErrorTypes& error_types() noexcept;
 
-/// Creates the types for `module` and puts them into its namespace. Called once, when the module is executed.
-void make_error_types(PyObject* module);
+/// Called once, when the module is executed and has made them.
+void set_error_types(const ErrorTypes& made) noexcept;
 
 /// A new `AuthError(reason=…)`, with the advice for that reason. An error gets its note where it is made, so
 /// that raising it again adds none.

@@ -4,10 +4,10 @@
 #include <cstdint>
 
 #include "tessaline/auth/advice.hpp"
+#include "tessaline/auth/binding/error_types.hpp"
 #include "tessaline/auth/binding/manager_type.hpp"
 #include "tessaline/auth/binding/module_constants.hpp"
 #include "tessaline/auth/binding/module_functions.hpp"
-#include "tessaline/auth/errors.hpp"
 #include "tessaline/auth/fork.hpp"
 #include "tessaline/auth/manager.hpp"
 #include "tessaline/auth/names.hpp"
@@ -71,7 +71,7 @@ int execute(PyObject* module) {
     python::know_host_events();
     add_constants();
     make_manager_texts();
-    make_error_types(module);
+    add_error_types(module);
     add_functions(module);
     know_own_validator();
     add_active_manager_slot();

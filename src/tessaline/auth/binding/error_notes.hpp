@@ -2,7 +2,7 @@
 
 #include <Python.h>
 
-namespace tessaline::auth {
+namespace tessaline::auth::binding {
 
 // Where the component's error types keep `__notes__`: in the place that the host's exceptions have for them,
 // instead of the instance's `__dict__`, so that `vars(error)` shows what the error carries and nothing else.
@@ -13,4 +13,4 @@ extern PyGetSetDef error_attributes[];
 /// `__reduce__`, which takes the notes along when an error is pickled or copied.
 extern PyMethodDef error_methods[];
 
-}  // namespace tessaline::auth
+}  // namespace tessaline::auth::binding

@@ -1,10 +1,10 @@
-#include "tessaline/auth/error_notes.hpp"
+#include "tessaline/auth/binding/error_notes.hpp"
 
 #include <utility>
 
 #include "tessaline/auth/python/python.hpp"
 
-namespace tessaline::auth {
+namespace tessaline::auth::binding {
 namespace {
 
 using python::Ref;
@@ -72,4 +72,4 @@ PyMethodDef error_methods[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
-}  // namespace tessaline::auth
+}  // namespace tessaline::auth::binding
