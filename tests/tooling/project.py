@@ -3,6 +3,7 @@
 import functools
 import os
 import subprocess
+from collections.abc import Mapping
 from pathlib import Path
 
 import pytest
@@ -31,11 +32,11 @@ def own_sources(*suffixes: str, under: str = ".") -> list[Path]:
     return [path for path in own_files() if path.suffix in suffixes and path.is_relative_to(folder)]
 
 
-def run(*command: str, cwd: Path = ROOT, **environment: str) -> Ended:
+def run(*command: str, cwd: Path = ROOT, environment: Mapping[str, str] | None = None) -> Ended:
     return subprocess.run(
         command,
         cwd=cwd,
-        env=os.environ | environment,
+        env={**os.environ, **(environment or {})},
         capture_output=True,
         timeout=120,
         text=True,

@@ -85,8 +85,7 @@ def test_the_hooks_before_a_commit_see_and_mend_what_is_planted(checkout: Path, 
             ".venv/bin/pre-commit",
             *("run", "--files", "devserver/app.py", ".ci/run"),
             cwd=checkout,
-            PRE_COMMIT_HOME=str(tmp_path),
-            SKIP="house-rules,types,clang-tidy",
+            environment={"PRE_COMMIT_HOME": str(tmp_path), "SKIP": "house-rules,types,clang-tidy"},
         )
 
     assert hooks().returncode == 0

@@ -12,7 +12,7 @@ pytestmark = pytest.mark.process
 
 def shell(script: str, **environment: str) -> Ended:
     program = f"source tools/lib/common.sh; source tools/lib/system.sh; source tools/lib/python.sh; {script}"
-    return run("bash", "-c", program, **environment)
+    return run("bash", "-c", program, environment=environment)
 
 
 def program(path: Path, text: str) -> Path:

@@ -141,7 +141,9 @@ def test_the_host_is_not_asked_for_every_request(
     def ask() -> ssl.DefaultVerifyPaths:
         asked.append("once")
         file = "authorities.pem" if has_file else None
-        return ssl.DefaultVerifyPaths(file, str(tmp_path), "SSL_CERT_FILE", "none", "SSL_CERT_DIR", "none")
+        others = ("SSL_CERT_FILE", "none", "SSL_CERT_DIR", "none")
+        # There is None for a file that does not exist, whatever the checker knows.
+        return ssl.DefaultVerifyPaths(file, str(tmp_path), *others)  # pyright: ignore[reportArgumentType]
 
     monkeypatch.setattr(ssl, "get_default_verify_paths", ask)
     for _ in range(3):
