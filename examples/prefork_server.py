@@ -81,7 +81,7 @@ def _be_a_child(work: Callable[[], None], stopping: Callable[[], bool]) -> NoRet
     status = 1
     try:
         # Ctrl-C reaches all processes of a terminal; the parent alone decides.
-        signal.signal(signal.SIGINT, signal.SIG_IGN)
+        signal.signal(signal.SIGINT, _stay)
         signal.signal(signal.SIGTERM, _leave)
         if not stopping():
             work()
@@ -97,8 +97,13 @@ def _be_a_child(work: Callable[[], None], stopping: Callable[[], bool]) -> NoRet
 
 
 def _leave(_number: int, _frame: FrameType | None) -> NoReturn:
-    signal.signal(signal.SIGTERM, signal.SIG_IGN)
+    # A second signal changes nothing. SIG_IGN would have Python complain of one that is already on its way.
+    signal.signal(signal.SIGTERM, _stay)
     raise SystemExit
+
+
+def _stay(_number: int, _frame: FrameType | None) -> None:
+    pass
 
 
 class Gateway(ThreadingHTTPServer):

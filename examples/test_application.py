@@ -198,7 +198,11 @@ def test_a_bot_that_was_stopped_gets_no_token_any_more(bot: Bot) -> None:
 
 
 def test_stopping_leaves_no_thread_behind(bot: Bot) -> None:
-    before = threading.active_count()
+    before = set(threading.enumerate())
     bot.start()
+    own = set(threading.enumerate()) - before
     bot.stop()
-    assert threading.active_count() == before
+    for thread in own:
+        thread.join(10)
+    assert own
+    assert not any(thread.is_alive() for thread in own)

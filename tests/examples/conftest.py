@@ -14,6 +14,7 @@ from tessaline.auth import AuthManager
 from tests.shared.threads import until
 
 
+@pytest.hookimpl(tryfirst=True)  # before those who choose by the marks
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
     for item in items:
         if "tests/examples" in item.path.as_posix():

@@ -32,7 +32,12 @@ def written(text: str) -> str:
 
 
 NAMES_ITSELF = written("""
+    import threading
+    def tell(stopping):
+        stopping.wait()
+        print("asked to stop", flush=True)
     def work(manager, stopping):
+        threading.Thread(target=tell, args=[stopping], daemon=True).start()
         while not stopping.is_set():
             print(manager.set_display_name("Ada")["display_name"], flush=True)
     run(work)
@@ -45,7 +50,8 @@ WAITS_FOR_A_TOKEN = written("""
         try:
             manager.get_token()
         except AuthError as error:
-            print("woken", error.reason, flush=True)
+            # In one piece, beside those of the other threads.
+            os.write(1, f"woken {error.reason}\\n".encode())
     graceful_shutdown.FAREWELL_SECONDS = 20
     run(work, threads=3, patience=0.1)
 """)
@@ -71,6 +77,7 @@ def test_work_in_hand_is_finished(server: DevServer, number: signal.Signals) -> 
         process.send_signal(number)
         # Both signals may come; the second changes nothing.
         process.send_signal(signal.SIGTERM)
+        assert line_of(process) == "asked to stop"
         server.release()
         assert ended(process) == (0, "Ada\nmanager_closed\n", "")
     assert [entry["status"] for entry in server.requests if entry["endpoint"] == "display_name"] == [200] * 2
