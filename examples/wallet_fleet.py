@@ -7,8 +7,9 @@
         token = fleet[address].get_token()
 
 Each wallet renews its own token in the background, at a moment of its own around four fifths of a day, so
-the server does not see them all at once. `log_in()` may be called again, also while the program works: it
-tries only those wallets that have no token yet.
+the server does not see them all at once; an announced era makes all log in at once, each on a thread of
+its own. `log_in()` may be called again, also while the program works: it tries only those wallets that
+have no token yet.
 """
 
 from __future__ import annotations
