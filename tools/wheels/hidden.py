@@ -1,6 +1,8 @@
 """Runs a command where there is nothing of what the package was built with, nor the package as it was built.
 
-    unshare --mount python -m tools.wheels.hidden WHEEL COMMAND...
+    unshare --mount python -m tools.wheels.hidden WHEEL [--runtime] COMMAND...
+
+With --runtime the C++ runtime is hidden too, which packages that the tests use may need.
 
 In a mount namespace of its own, so that the system notices nothing.
 """
@@ -19,7 +21,8 @@ from .allowed import is_of_the_interpreter
 
 DEVELOPMENT = ["/usr/include", "/usr/local/include", "/usr/share/pkgconfig"]
 BUILT = ["build/release", "build/portable", "build/wheels", ".venv"]
-LINKED = ["libcurl.so.4", "libsecp256k1.so.1", "libstdc++.so.6"]
+LINKED = ["libcurl.so.4", "libsecp256k1.so.1"]
+RUNTIME = "libstdc++"
 GRAFTED = re.compile(r"tessaline\.libs/(.+?)-[0-9a-f]{8}[.\d]*\.so")
 
 
@@ -34,8 +37,7 @@ def system_libraries() -> list[Path]:
     return [Path(path) for path in re.findall(r" => (/\S+)$", listed.stdout, re.MULTILINE)]
 
 
-def libraries_to_hide(wheel: Path) -> set[Path]:
-    names = grafted_names(wheel) | {"libstdc++"}
+def libraries(names: set[str]) -> set[Path]:
     candidates = {path for path in system_libraries() if path.name.split(".")[0] in names}
     return {path.resolve() for path in candidates if not is_of_the_interpreter(path.name)}
 
@@ -44,16 +46,16 @@ def mount(*arguments: str) -> None:
     subprocess.run(["mount", *arguments], check=True, timeout=60)
 
 
-def hide(wheel: Path) -> int:
-    libraries = libraries_to_hide(wheel)
-    for path in libraries:
+def hide(names: set[str]) -> int:
+    hidden = libraries(names)
+    for path in hidden:
         mount("--bind", "/dev/null", str(path))
     folders = [Path(name) for name in DEVELOPMENT + BUILT]
-    folders += {path.parent / "pkgconfig" for path in libraries}
+    folders += {path.parent / "pkgconfig" for path in hidden}
     for folder in folders:
         if folder.is_dir():
             mount("-t", "tmpfs", "hidden", str(folder.resolve()))
-    return len(libraries)
+    return len(hidden)
 
 
 def is_found(library: str) -> bool:
@@ -65,8 +67,14 @@ def is_found(library: str) -> bool:
 
 
 if __name__ == "__main__":
-    hidden = hide(Path(sys.argv[1]))
-    if found := [name for name in LINKED if is_found(name)]:
+    wheel, *command = sys.argv[1:]
+    names, linked = grafted_names(Path(wheel)), list(LINKED)
+    if command[0] == "--runtime":
+        del command[0]
+        names.add(RUNTIME)
+        linked.append(f"{RUNTIME}.so.6")
+    hidden = hide(names)
+    if found := [name for name in linked if is_found(name)]:
         sys.exit(f"not hidden: {found}")
     print(f"{hidden} system libraries hidden, and all headers", flush=True)
-    os.execvp(sys.argv[2], sys.argv[2:])
+    os.execvp(command[0], command)
