@@ -20,7 +20,7 @@ OURS = "#1f6f8b"
 OTHERS = "#b8c4cc"
 
 # Text stays text, and two runs on the same figures write the same file.
-matplotlib.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "tessaline", "font.size": 10})
+matplotlib.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "tessaline", "font.size": 13})
 
 
 def readable(value: float, unit: str) -> str:
@@ -60,7 +60,7 @@ def chart(group: Group, path: Path) -> None:
     """One bar each, the component's own in colour; logarithmic, for they differ by orders of magnitude."""
     names = list(group.medians)[::-1]
     values = [group.medians[name] for name in names]
-    figure, axes = pyplot.subplots(figsize=(7.2, 0.42 * len(names) + 0.9), layout="constrained")
+    figure, axes = pyplot.subplots(figsize=(6.4, 0.5 * len(names) + 0.9), layout="constrained")
     mixed = "tessaline" in names
     bars = axes.barh(
         names, values, color=[OURS if name == "tessaline" or not mixed else OTHERS for name in names]
@@ -71,9 +71,10 @@ def chart(group: Group, path: Path) -> None:
     axes.margins(x=0.18)
     axes.xaxis.set_visible(False)
     axes.spines[["top", "right", "bottom"]].set_visible(False)
-    axes.set_title(group.title, loc="left", fontsize=11)
+    axes.set_title(group.title, loc="left", fontsize=14)
     figure.savefig(path, metadata={"Date": None, "Creator": None})
     pyplot.close(figure)
+    path.write_text("".join(f"{line.rstrip()}\n" for line in path.read_text().splitlines()))
 
 
 def slug(title: str) -> str:

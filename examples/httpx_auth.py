@@ -11,7 +11,7 @@ Other servers never see it: requests to them go out as if there were no `auth`. 
 number of clients, threads and event loops.
 
 While the manager renews its token, a request waits for it; the wait is not part of httpx's own time-outs.
-An `AsyncClient` waits in a worker thread of anyio (under asyncio and trio alike), so the event loop never
+An `AsyncClient` waits in a worker thread of anyio, so the event loop never
 stands still, and a request that is cancelled stops waiting at once. Where the manager has no token to
 give, its `AuthError` leaves `client.get()` as it is, and nothing has been sent.
 
