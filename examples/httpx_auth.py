@@ -11,9 +11,9 @@ Other servers never see it: requests to them go out as if there were no `auth`. 
 number of clients, threads and event loops.
 
 While the manager renews its token, a request waits for it; the wait is not part of httpx's own time-outs.
-An `AsyncClient` waits in a worker thread of anyio, so the event loop never
-stands still, and a request that is cancelled stops waiting at once. Where the manager has no token to
-give, its `AuthError` leaves `client.get()` as it is, and nothing has been sent.
+An `AsyncClient` waits in a worker thread of anyio, so the event loop never stands still, and a request
+that is cancelled stops waiting at once. Where the manager has no token to give, its `AuthError` leaves
+`client.get()` as it is, and nothing has been sent.
 
 An answer of 401 means that the service refuses a token which the manager holds good, most often because a
 new era has begun whose announcement is still on its way. If the manager has got another token meanwhile,
