@@ -66,7 +66,7 @@ chaos: build ## 10,000 logins and renewals with faults, 1,000 managers for 1,000
 sanitize: build ## every test under ASan, UBSan and TSan (about 30 min; ARGS="thread tests/contract" about 4 min)
 	@tools/sanitize $(ARGS)
 
-torture: build ## fail every allocation and library call in turn (about 18 min); ARGS="--run ..." repeats one
+torture: build ## fail every allocation and library call in turn (about 7 min); ARGS="--run ..." repeats one
 	@tools/torture $(ARGS)
 
 wheel: build ## dist/: a wheel that needs nothing but glibc, and the source archive (about 2 min)
