@@ -12,7 +12,7 @@ import floors
 
 from tessaline import auth
 
-from .logins import LOGIN_BODIES, canned_answers, login_urls, new_manager, one_flow
+from .logins import LOGIN_BODIES, canned_answers, login_urls, new_manager, one_flow, swallowed
 from .places import KEY, running_server
 from .ratios import Figure, Group, Ratio, in_turns, medians_of
 
@@ -34,10 +34,7 @@ class Crowd:
 
     def _go(self) -> None:
         self._barrier.wait(30)
-        try:
-            self._errand()
-        except Exception as error:
-            self.failure = error
+        swallowed(self._errand)
         self.ended.append(time.perf_counter())
 
     def released(self) -> float:
@@ -46,6 +43,7 @@ class Crowd:
         self._barrier.wait(30)
         for thread in self._threads:
             thread.join(60)
+        assert len(self.ended) == len(self._threads), "some failed, or still run"
         return max(self.ended) - begin
 
 
@@ -171,7 +169,7 @@ def era_of_a_fleet(rounds: int) -> Group:
             for thread in threads:
                 thread.start()
             for thread in threads:
-                thread.join()
+                thread.join(60)
             return time.perf_counter() - begin
 
         bare, hosted = "bare libcurl", "bare libcurl on the host's threads"

@@ -39,6 +39,7 @@ def seconds(operation: Callable[[], Any]) -> float:
 
 
 def swallowed(operation: Callable[[], Any]) -> None:
+    """Calls it; a refusal by the server is as good an end as any."""
     try:
         operation()
     except Exception as error:

@@ -40,7 +40,7 @@ def unshare() -> list[str]:
         command = ["unshare", *user, "--mount"]
         if (
             shutil.which("unshare")
-            and subprocess.run([*command, "true"], capture_output=True).returncode == 0
+            and subprocess.run([*command, "true"], capture_output=True, timeout=60).returncode == 0
         ):
             return command
     pytest.skip("this user cannot have a mount namespace")

@@ -160,19 +160,19 @@ class Retry {
   [[noreturn]] void raise_unreachable(PyObject* attempts) const {
     const Ref error = new_network_error("Server unreachable after ", attempts);
     if (PyUnicode_Check(request_.method) && PyUnicode_Check(request_.path)) {
-      python::add_note_from(error.get(), [this] { return python::checked(what_happened_last()); });
+      python::add_note_from(error.get(), [this] { return what_happened_last(); });
     }
     python::raise(error.get());
   }
 
-  PyObject* what_happened_last() const {
+  Ref what_happened_last() const {
     if (last_failure_ != nullptr) {
-      return PyUnicode_FromFormat(advice::kLastFailure, request_.method, request_.path,
-                                  last_failure_->tp_name);
+      return python::checked(
+          PyUnicode_FromFormat(advice::kLastFailure, request_.method, request_.path, last_failure_->tp_name));
     }
     const bool may_pass = last_status_ == 429 || last_status_ >= 500;
-    return PyUnicode_FromFormat(may_pass ? advice::kLastStatus : advice::kLastOddStatus, request_.method,
-                                request_.path, last_status_);
+    return python::checked(PyUnicode_FromFormat(may_pass ? advice::kLastStatus : advice::kLastOddStatus,
+                                                request_.method, request_.path, last_status_));
   }
 
   void back_off() {

@@ -52,6 +52,7 @@ class Attempt {
   void set_request_options();
   void set_callbacks();
 
+  void reserve_body();
   bool head_was_all() const noexcept;
   CURLcode drive(const Tick& tick);
   void wait_for_activity(int milliseconds);
@@ -64,7 +65,6 @@ class Attempt {
 
   static curl_socket_t on_open_socket(void* attempt, curlsocktype purpose, curl_sockaddr* address) noexcept;
   static std::size_t on_header(char* data, std::size_t size, std::size_t count, void* attempt) noexcept;
-  void reserve_body();
   static std::size_t on_body(char* data, std::size_t size, std::size_t count, void* attempt) noexcept;
 
   Session& session_;
