@@ -12,7 +12,14 @@ from .places import ROOT, on_one_core, use_build
 
 use_build()
 
-from . import crowds, footprint, logins  # noqa: E402  they import the build that was just chosen
+from . import (  # noqa: E402  they import the build that was just chosen
+    crowds,
+    footprint,
+    logins,
+    network,
+    network_era,
+    network_fleets,
+)
 from .micro_figures import micro_group  # noqa: E402
 from .ratios import Figure, Group  # noqa: E402
 from .report import write_report  # noqa: E402
@@ -64,6 +71,14 @@ def main() -> int:
         "memory": footprint.memory,
         "era": crowds.era_of_a_fleet,
         "growth": alone(footprint.growth),
+        "network connection": alone(network.new_connections),
+        "network first": alone(network.first_connection),
+        "network resumption": alone(network.resumed_connection),
+        "network origins": alone(network_fleets.origins_one_by_one),
+        "network threads": network_fleets.origins_at_once,
+        "network crowd": network_fleets.crowd_at_one_server,
+        "network memory": network_fleets.crowd_memory,
+        "network era": network_era.era_of_a_fleet,
     }
     begin = time.monotonic()
     groups = []

@@ -10,6 +10,7 @@
 
 #include "bare_curve.hpp"
 #include "bare_http.hpp"
+#include "bare_roots.hpp"
 #include "floor_module.hpp"
 
 namespace {
@@ -89,18 +90,62 @@ bool posts_from(PyObject* urls, PyObject* bodies, std::vector<std::string>& url_
   return append_text(urls, url_texts) && append_text(bodies, body_texts);
 }
 
+constexpr const char* kRoots = "floors.root_store";
+
+void free_roots(PyObject* capsule) {
+  const benchmarks::Roots owned(static_cast<X509_STORE*>(PyCapsule_GetPointer(capsule, kRoots)));
+}
+
+PyObject* root_store(PyObject* /*module*/, PyObject* args) {
+  const char* file = nullptr;
+  const char* directory = nullptr;
+  if (!PyArg_ParseTuple(args, "ss", &file, &directory)) return nullptr;
+  try {
+    benchmarks::Roots roots = benchmarks::read_roots(file, directory);
+    PyObject* const capsule = PyCapsule_New(roots.get(), kRoots, free_roots);
+    if (capsule != nullptr) static_cast<void>(roots.release());
+    return capsule;
+  } catch (const std::exception& error) {
+    return raise(error);
+  }
+}
+
+/// What `root_store` gave, or null for None; false with an exception set for anything else.
+bool roots_from(PyObject* capsule, X509_STORE*& roots) {
+  if (capsule == nullptr || capsule == Py_None) return true;
+  roots = static_cast<X509_STORE*>(PyCapsule_GetPointer(capsule, kRoots));
+  return roots != nullptr;
+}
+
+PyObject* bare_connections(PyObject* /*module*/, PyObject* args) {
+  Py_ssize_t loops = 0;
+  const char* url = nullptr;
+  PyObject* capsule = nullptr;
+  X509_STORE* roots = nullptr;
+  if (!PyArg_ParseTuple(args, "ns|O", &loops, &url, &capsule) || !roots_from(capsule, roots)) return nullptr;
+  try {
+    return PyFloat_FromDouble(benchmarks::time_bare_connections(static_cast<std::size_t>(loops), url, roots));
+  } catch (const std::exception& error) {
+    return raise(error);
+  }
+}
+
 PyObject* bare_crowd(PyObject* /*module*/, PyObject* args) {
   Py_ssize_t threads = 0;
   PyObject* urls = nullptr;
   PyObject* bodies = nullptr;
-  if (!PyArg_ParseTuple(args, "nO!O!", &threads, &PyTuple_Type, &urls, &PyTuple_Type, &bodies))
+  PyObject* capsule = nullptr;
+  X509_STORE* roots = nullptr;
+  if (!PyArg_ParseTuple(args, "nO!O!|O", &threads, &PyTuple_Type, &urls, &PyTuple_Type, &bodies, &capsule) ||
+      !roots_from(capsule, roots)) {
     return nullptr;
+  }
   try {
     std::vector<std::string> url_texts;
     std::vector<std::string> body_texts;
     if (!posts_from(urls, bodies, url_texts, body_texts)) return nullptr;
     return PyFloat_FromDouble(
-        benchmarks::time_bare_crowd(static_cast<std::size_t>(threads), url_texts, body_texts));
+        benchmarks::time_bare_crowd(static_cast<std::size_t>(threads), url_texts, body_texts, roots));
   } catch (const std::exception& error) {
     return raise(error);
   }
@@ -109,7 +154,12 @@ PyObject* bare_crowd(PyObject* /*module*/, PyObject* args) {
 PyObject* bare_login(PyObject* /*module*/, PyObject* args) {
   PyObject* urls = nullptr;
   PyObject* bodies = nullptr;
-  if (!PyArg_ParseTuple(args, "O!O!", &PyTuple_Type, &urls, &PyTuple_Type, &bodies)) return nullptr;
+  PyObject* capsule = nullptr;
+  X509_STORE* roots = nullptr;
+  if (!PyArg_ParseTuple(args, "O!O!|O", &PyTuple_Type, &urls, &PyTuple_Type, &bodies, &capsule) ||
+      !roots_from(capsule, roots)) {
+    return nullptr;
+  }
   std::string failure;
   try {
     std::vector<std::string> url_texts;
@@ -117,7 +167,7 @@ PyObject* bare_login(PyObject* /*module*/, PyObject* args) {
     if (!posts_from(urls, bodies, url_texts, body_texts)) return nullptr;
     PyThreadState* const thread = PyEval_SaveThread();
     try {
-      benchmarks::post_bare(url_texts, body_texts);
+      benchmarks::post_bare(url_texts, body_texts, roots);
     } catch (const std::exception& error) {
       failure = error.what();
     }
@@ -134,9 +184,12 @@ PyMethodDef kFunctions[] = {
     {"login_signing", login_signing, METH_VARARGS, "login_signing(loops, message_bytes) -> seconds"},
     {"bare_derivation", bare_derivation, METH_VARARGS, "bare_derivation(loops) -> seconds"},
     {"bare_posts", bare_posts, METH_VARARGS, "bare_posts(loops, url, body) -> (wall, cpu) in seconds"},
+    {"root_store", root_store, METH_VARARGS, "root_store(file, directory) -> roots; either may be empty"},
+    {"bare_connections", bare_connections, METH_VARARGS,
+     "bare_connections(loops, url, roots=None) -> seconds of processor time, after one that does not count"},
     {"bare_login", bare_login, METH_VARARGS,
-     "bare_login(urls, bodies): over a connection of its own, without the GIL"},
-    {"bare_crowd", bare_crowd, METH_VARARGS, "bare_crowd(threads, urls, bodies) -> seconds"},
+     "bare_login(urls, bodies, roots=None): over a connection of its own, without the GIL"},
+    {"bare_crowd", bare_crowd, METH_VARARGS, "bare_crowd(threads, urls, bodies, roots=None) -> seconds"},
     {nullptr, nullptr, 0, nullptr},
 };
 
