@@ -38,6 +38,7 @@ def by_proxy(variable: str) -> str:
 
 REFUSED = "nobody listens there: check host and port, and whether the server runs"
 ENDED = "the server, or something on the way to it, ended the connection: try again"
+REFUSED_BY_PROXY = "check the proxy's address, user and password, and whether it lets this host be reached"
 NO_SERVICE = "check host and port: something else than the service may answer there"
 
 
@@ -144,14 +145,14 @@ def test_a_proxy_that_lets_nobody_through(raw: Raw, monkeypatch: pytest.MonkeyPa
     proxy = raw(b"HTTP/1.1 407 Proxy Authentication Required\r\nContent-Length: 0\r\n\r\n")
     monkeypatch.setenv("https_proxy", proxy.url)
     error = failure("GET", "https://127.0.0.1:9/")
-    assert str(error) == "proxy for 127.0.0.1:9 answered 407"
-    assert notes(error) == [by_proxy("https_proxy")]
+    assert str(error) == f"proxy {proxy.peer} for 127.0.0.1:9 answered 407"
+    assert notes(error) == [REFUSED_BY_PROXY, by_proxy("https_proxy")]
 
 
 def test_a_proxy_whose_name_cannot_be_resolved(monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setenv("http_proxy", f"http://somebody:{PASSWORD}@{'a' * 64}.test:3128")
     error = failure("GET", "http://127.0.0.1:9/")
-    assert str(error) == "name of the proxy for 127.0.0.1:9 cannot be resolved"
+    assert str(error) == f"name of proxy {'a' * 64}.test:3128 for 127.0.0.1:9 cannot be resolved"
     assert by_proxy("http_proxy") in notes(error)
     assert PASSWORD not in str(error) + repr(error) + repr(vars(error))
 

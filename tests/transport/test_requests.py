@@ -190,7 +190,7 @@ def test_a_proxy_that_lets_nobody_through(raw: Raw, monkeypatch: pytest.MonkeyPa
     monkeypatch.setenv("https_proxy", proxy.url)
     refused = failure("GET", "https://127.0.0.1:9/")
     assert type(refused) is OSError
-    assert str(refused) == "proxy for 127.0.0.1:9 answered 403"
+    assert str(refused) == f"proxy {proxy.peer} for 127.0.0.1:9 answered 403"
     assert proxy.request_line() == "CONNECT 127.0.0.1:9 HTTP/1.1"
 
 

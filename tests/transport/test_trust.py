@@ -7,6 +7,7 @@ import shutil
 import ssl
 import subprocess
 import sys
+import urllib.error
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -181,8 +182,10 @@ def test_the_url_library_agrees(
             for client in (transport, by_url_library):
                 try:
                     outcomes.append(client("GET", server.url + "/_echo")[0])
+                except urllib.error.URLError as error:
+                    outcomes.append(type(error.reason))
                 except OSError as error:
-                    outcomes.append(type(getattr(error, "reason", error)))
+                    outcomes.append(type(error))
             assert outcomes[0] == outcomes[1]
 
 

@@ -83,8 +83,15 @@ std::string_view for_failure(http::FailureKind kind) noexcept {
       return "check that TLS 1.2 or later is spoken at that port";
     case http::FailureKind::kMalformedResponse:
       return "check host and port: something else than the service may answer there";
+    case http::FailureKind::kProxyUnavailable:
+      return "the proxy cannot reach the server now: try again";
+    case http::FailureKind::kProxyRefused:
+      return "check the proxy's address, user and password, and whether it lets this host be reached";
+    case http::FailureKind::kDescriptors:
+      return "close what is open, or raise the limit (ulimit -n): then try again";
     case http::FailureKind::kInvalidRequest:
     case http::FailureKind::kCertificate:
+    case http::FailureKind::kTrustStore:
     case http::FailureKind::kInterrupted:
     case http::FailureKind::kOther:
       break;

@@ -73,7 +73,7 @@ http::Response perform_request(const http::Request& request, const http::Tick& t
   http::Result result = engine()(request, tick);
   if (auto* response = std::get_if<http::Response>(&result)) return std::move(*response);
   if (const auto* failed = std::get_if<http::Failed>(&result)) {
-    throw TransportFailure(failed->kind, failed->message);
+    throw TransportFailure(failed->kind, failed->message, failed->detail);
   }
   throw std::bad_alloc();
 }

@@ -10,6 +10,7 @@
 #include "tessaline/auth/http/http_client.hpp"
 #include "tessaline/auth/http_engine.hpp"
 #include "tessaline/auth/names.hpp"
+#include "tessaline/auth/proxy_environment.hpp"
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/transport_errors.hpp"
 #include "tessaline/auth/trust.hpp"
@@ -135,6 +136,7 @@ Ref default_http_transport(PyObject* method, PyObject* url, PyObject* headers, P
   request.body = body_of(body);
   request.timeout = timeout_in_force();
   request.trust = default_trust_store();
+  request.proxies = proxies_of_environment();
   const Answer answer = exchange(request, on_main_thread());
   if (const auto* failure = std::get_if<http::TransportFailure>(&answer))
     raise_transport_failure(*failure, request);

@@ -1,6 +1,7 @@
 #include "tessaline/auth/transport_errors.hpp"
 
 #include <cerrno>
+#include <string>
 
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/transport_notes.hpp"
@@ -13,6 +14,10 @@ using python::Ref;
 constinit const python::Name kSsl{"ssl"};
 constinit const python::Name kSslError{"SSLError"};
 constinit const python::Name kCertificateError{"SSLCertVerificationError"};
+constinit const python::Name kLibrary{"library"};
+constinit const python::Name kReason{"reason"};
+constinit const python::Name kVerifyCode{"verify_code"};
+constinit const python::Name kVerifyMessage{"verify_message"};
 constinit const python::Name kHttpClient{"http.client"};
 constinit const python::Name kBadStatusLine{"BadStatusLine"};
 
@@ -28,6 +33,24 @@ Ref new_numbered(PyObject* type, int number, const char* message) {
 Ref new_error_of(const python::Name& module, const python::Name& type, const char* message) {
   const Ref loaded = python::import(module);
   return new_error(python::attribute(loaded.get(), type).get(), message);
+}
+
+/// In the shape that the host's own have: the number of its SSL_ERROR_SSL, the text, and what OpenSSL says.
+Ref new_tls_error(const python::Name& type, const http::TransportFailure& failure) {
+  constexpr int kSslErrorSsl = 1;
+  const Ref ssl = python::import(kSsl);
+  Ref error = new_numbered(python::attribute(ssl.get(), type).get(), kSslErrorSsl, failure.what());
+  const std::string& reason = failure.detail().tls_reason;
+  python::set_attribute(error.get(), kLibrary, python::text("SSL").get());
+  python::set_attribute(error.get(), kReason, reason.empty() ? Py_None : python::text(reason).get());
+  return error;
+}
+
+Ref new_certificate_error(const http::TransportFailure& failure) {
+  Ref error = new_tls_error(kCertificateError, failure);
+  python::set_attribute(error.get(), kVerifyCode, python::integer(failure.detail().verify_code).get());
+  python::set_attribute(error.get(), kVerifyMessage, python::text(failure.detail().verify_message).get());
+  return error;
 }
 
 Ref error_for(const http::TransportFailure& failure) {
@@ -46,14 +69,20 @@ Ref error_for(const http::TransportFailure& failure) {
       return new_numbered(PyExc_ConnectionResetError, ECONNRESET, message);
     case http::FailureKind::kTimedOut:
       return new_error(PyExc_TimeoutError, message);
+    case http::FailureKind::kProxyUnavailable:
+      return new_error(PyExc_ConnectionError, message);
+    case http::FailureKind::kDescriptors:
+      return new_numbered(PyExc_OSError, failure.detail().os_errno, message);
     case http::FailureKind::kCertificate:
-      return new_error_of(kSsl, kCertificateError, message);
+      return new_certificate_error(failure);
     case http::FailureKind::kTls:
-      return new_error_of(kSsl, kSslError, message);
+    case http::FailureKind::kTrustStore:
+      return new_tls_error(kSslError, failure);
     case http::FailureKind::kMalformedResponse:
       return new_error_of(kHttpClient, kBadStatusLine, message);
     case http::FailureKind::kInterrupted:
       throw python::Error::fetch();  // what a signal handler raised
+    case http::FailureKind::kProxyRefused:
     case http::FailureKind::kOther:
       break;
   }

@@ -122,8 +122,8 @@ TEST(Framing, CallersExpectIsKept) {
 }
 
 TEST(Framing, PathGoesOutAsItIs) {
-  for (const char* path :
-       {"/a/../b/%2e", "/./x//y/..", "/{a}|b^`\"<>\\", "/%zz%0", "/?a=../b&c={d}", "/a;b=c?"}) {
+  for (const char* path : {"/a/../b/%2e", "/./x//y/..", "/{a}|b^`\"<>\\", "/%zz%0", "/?a=../b&c={d}",
+                           "/a;b=c?", "/a;b=c", "/%7Eto/%2e", "/%7eto/%2E"}) {
     EXPECT_EQ(seen(request_for(""), path).line(), "GET " + std::string(path) + " HTTP/1.1");
   }
   EXPECT_EQ(seen(request_for(""), "").line(), "GET / HTTP/1.1");
@@ -131,13 +131,12 @@ TEST(Framing, PathGoesOutAsItIs) {
   EXPECT_EQ(seen(request_for(""), "/p#fragment").line(), "GET /p HTTP/1.1");
 }
 
-TEST(Framing, ProxyOfTheEnvironmentIsUsed) {
+TEST(Framing, AProxyIsAskedForTheWholeUrl) {
   AnsweringServer proxy(answer_of(200, "proxied"));
-  setenv("http_proxy", proxy->url().c_str(), 1);
-  const Response response = perform(request_for("http://somewhere.invalid/x"));
-  unsetenv("http_proxy");
-  EXPECT_EQ(response.body, "proxied");
-  EXPECT_EQ(proxy.requests().front().line(), "GET http://somewhere.invalid/x HTTP/1.1");
+  Request request = request_for("http://somewhere.invalid/%7Eto/%2e;b=c?q#f");
+  request.proxies.for_http = proxy->url();
+  EXPECT_EQ(perform(request).body, "proxied");
+  EXPECT_EQ(proxy.requests().front().line(), "GET http://somewhere.invalid/%7Eto/%2e;b=c?q HTTP/1.1");
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <sys/socket.h>
 
+#include <thread>
+
 #include "loopback_server.hpp"
 #include "tessaline/auth/http/attempt.hpp"
 #include "tessaline/auth/http/process.hpp"
@@ -16,18 +18,26 @@ const SessionPool::TimePoint kStart{1h};
 
 class SessionPoolTest : public ::testing::Test {
  protected:
+  static Route route_to(const std::string& origin) { return {origin, std::nullopt, nullptr}; }
+
+  Session& take(const std::string& origin, SessionPool::TimePoint when, bool fresh = false) {
+    const Route route = route_to(origin);
+    return pool_.take({route, fresh, deadline_, ticker_}, when);
+  }
+
   /// Leaves the session with a connection to the server.
   void connect(Session& session) {
     Hop hop;
     hop.url = parse_url(server_->url());
     hop.method = "GET";
-    Attempt attempt(session, hop);
-    attempt.prepare({}, Deadline(5s));
-    EXPECT_TRUE(attempt.run({}));
+    const Route route = route_to(hop.url.origin());
+    Attempt attempt(session, hop, route);
+    attempt.prepare(Deadline(5s));
+    EXPECT_TRUE(attempt.run(ticker_));
   }
 
   Session* use(const std::string& origin, SessionPool::TimePoint when) {
-    Session& session = pool_.take(origin, when);
+    Session& session = take(origin, when);
     connect(session);
     pool_.give_back(session, when);
     return &session;
@@ -36,6 +46,9 @@ class SessionPoolTest : public ::testing::Test {
   AnsweringServer server_{testing::answer_of(200)};
   process::Inside inside_;
   SessionPool pool_;
+  const Deadline deadline_{testing::kPatience};
+  const Tick no_tick_;
+  Ticker ticker_{no_tick_, "h:1"};
 };
 
 TEST_F(SessionPoolTest, GivesAnOriginItsSessionAgain) {
@@ -47,17 +60,17 @@ TEST_F(SessionPoolTest, GivesAnOriginItsSessionAgain) {
 }
 
 TEST_F(SessionPoolTest, GivesTheLatestFirst) {
-  Session& first = pool_.take("one", kStart);
-  Session& second = pool_.take("one", kStart);
+  Session& first = take("one", kStart);
+  Session& second = take("one", kStart);
   pool_.give_back(second, kStart + 1s);
   pool_.give_back(first, kStart + 2s);
-  EXPECT_EQ(&pool_.take("one", kStart + 3s), &first);
+  EXPECT_EQ(&take("one", kStart + 3s), &first);
 }
 
 TEST_F(SessionPoolTest, GivesASessionWithoutConnectionToAnyone) {
-  Session& session = pool_.take("one", kStart);
+  Session& session = take("one", kStart);
   pool_.give_back(session, kStart);
-  EXPECT_EQ(&pool_.take("two", kStart), &session);
+  EXPECT_EQ(&take("two", kStart), &session);
 }
 
 TEST_F(SessionPoolTest, ClosesTheOldestWhenEnoughOriginsAreWarm) {
@@ -74,7 +87,7 @@ TEST_F(SessionPoolTest, ClosesTheOldestWhenEnoughOriginsAreWarm) {
 TEST_F(SessionPoolTest, IsBounded) {
   std::vector<Session*> leased;
   for (std::size_t index = 0; index < SessionPool::kMaxIdle + 5; ++index)
-    leased.push_back(&pool_.take("one", kStart));
+    leased.push_back(&take(std::to_string(index), kStart));
   for (Session* session : leased) pool_.give_back(*session, kStart);
   EXPECT_EQ(pool_.idle_count(), SessionPool::kMaxIdle);
 }
@@ -86,6 +99,61 @@ TEST_F(SessionPoolTest, ClosesWhatWasIdleTooLong) {
   EXPECT_EQ(pool_.idle_count(), 2U);
   use("new", kStart + SessionPool::kMaxIdleTime + 1s);
   EXPECT_EQ(pool_.idle_count(), 1U);
+}
+
+TEST_F(SessionPoolTest, GivesNoConnectionToAnotherTrustOrProxy) {
+  Session* plain = use("one", kStart);
+  Route other = route_to("one");
+  other.trust = std::make_shared<const Trust>(TrustStore{});
+  EXPECT_NE(&pool_.take({other, false, deadline_, ticker_}, kStart), plain);
+  Route proxied = route_to("one");
+  proxied.proxy = Proxy{"http://p:1", "http", "p", "1"};
+  EXPECT_NE(&pool_.take({proxied, false, deadline_, ticker_}, kStart), plain);
+  EXPECT_EQ(&take("one", kStart), plain);
+}
+
+TEST_F(SessionPoolTest, GivesNoUsedConnectionToWhoWantsAFreshOne) {
+  Session* used = use("one", kStart);
+  EXPECT_NE(&take("one", kStart, true), used);
+}
+
+TEST_F(SessionPoolTest, HandsAConnectionOnToWhoWaitsForIt) {
+  const auto now = std::chrono::steady_clock::now() + 1h;  // so that no pace makes room
+  std::vector<Session*> leased;
+  for (std::size_t index = 0; index < SessionPool::kAtOnce; ++index) leased.push_back(&take("one", now));
+  connect(*leased.front());
+  const Route route = route_to("one");
+  std::atomic<Session*> got = nullptr;
+  std::thread other([&] {
+    const process::Inside inside;
+    Ticker ticker(no_tick_, "h:1");
+    got = &pool_.take({route, false, deadline_, ticker});
+  });
+  while (pool_.waiting_count() == 0) std::this_thread::yield();
+  pool_.give_back(*leased.front(), now);
+  other.join();
+  EXPECT_EQ(got, leased.front());
+}
+
+TEST_F(SessionPoolTest, BeginsOneMoreAtItsPaceForWhoWaits) {
+  const auto begin = std::chrono::steady_clock::now();
+  for (std::size_t index = 0; index < SessionPool::kAtOnce; ++index) take("one", begin);
+  take("one", begin);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, SessionPool::kPace);
+}
+
+TEST_F(SessionPoolTest, WhoWaitsTooLongIsTold) {
+  const auto now = std::chrono::steady_clock::now() + 1h;
+  for (std::size_t index = 0; index < SessionPool::kAtOnce; ++index) take("one", now);
+  const Route route = route_to("one");
+  const Deadline soon{20ms};
+  try {
+    pool_.take({route, false, soon, ticker_});
+    ADD_FAILURE() << "a connection beyond the bound";
+  } catch (const TransportFailure& failure) {
+    EXPECT_EQ(failure.kind(), FailureKind::kTimedOut);
+  }
+  EXPECT_EQ(pool_.waiting_count(), 0U);
 }
 
 }  // namespace

@@ -184,12 +184,11 @@ TEST_F(Tls, ProxyIsAskedForATunnel) {
     stream.send(answer_of(200, "secret"));
     connection.closed_within(testing::kPatience);
   });
-  setenv("https_proxy", proxy.url().c_str(), 1);
   Request request = request_for("https://127.0.0.1:9/private");
+  request.proxies.for_https = proxy.url();
   request.trust.ca_file = trusted_.file();
   request.headers = {{"Authorization", "Bearer t"}};
   const Response response = perform(request);
-  unsetenv("https_proxy");
   EXPECT_EQ(response.body, "secret");
   EXPECT_EQ(testing::header_of(response, "X-Proxy"), "(absent)");
   EXPECT_EQ(asked.line(), "CONNECT 127.0.0.1:9 HTTP/1.1");
@@ -199,11 +198,11 @@ TEST_F(Tls, ProxyIsAskedForATunnel) {
 
 TEST_F(Tls, ProxyThatRefusesATunnel) {
   testing::AnsweringServer proxy(answer_of(407));
-  setenv("https_proxy", proxy->url().c_str(), 1);
-  const auto failure = failure_of(request_for("https://127.0.0.1:9/private"));
-  unsetenv("https_proxy");
-  EXPECT_EQ(failure.kind, FailureKind::kOther);
-  EXPECT_EQ(failure.message, "proxy for 127.0.0.1:9 answered 407");
+  Request request = request_for("https://127.0.0.1:9/private");
+  request.proxies.for_https = proxy->url();
+  const auto failure = failure_of(request);
+  EXPECT_EQ(failure.kind, FailureKind::kProxyRefused);
+  EXPECT_EQ(failure.message, "proxy " + proxy->peer() + " for 127.0.0.1:9 answered 407");
 }
 
 TEST_F(Tls, ForkedChildSaysNothingOnAConnection) {
@@ -221,13 +220,14 @@ TEST_F(Tls, ForkedChildSaysNothingOnAConnection) {
   EXPECT_EQ(server.accepted(), 2);
 }
 
-TEST_F(Tls, MissingStoreIsAFailureOfTls) {
+TEST_F(Tls, AStoreThatCannotBeReadIsNamed) {
   LoopbackServer server(answering(good_));
   Request request = request_to(server);
-  request.trust.ca_file = "/nowhere/private.pem";
+  request.trust.ca_file = "/nowhere/roots.pem";
   const auto failure = failure_of(request);
-  EXPECT_EQ(failure.kind, FailureKind::kTls);
-  EXPECT_EQ(failure.message.find("nowhere"), std::string::npos) << failure.message;
+  EXPECT_EQ(failure.kind, FailureKind::kTrustStore);
+  EXPECT_EQ(failure.message,
+            "trusted certificates cannot be read from /nowhere/roots.pem: No such file or directory");
 }
 
 }  // namespace

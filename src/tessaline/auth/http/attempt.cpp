@@ -3,10 +3,15 @@
 #include <algorithm>
 #include <climits>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <stdexcept>
 #include <string_view>
 
+#include "tessaline/auth/http/descriptors.hpp"
+#include "tessaline/auth/http/failure_table.hpp"
 #include "tessaline/auth/http/process.hpp"
+#include "tessaline/auth/http/tls_context.hpp"
 
 #ifndef TESSALINE_VERSION
 #error "TESSALINE_VERSION must be given by the build"
@@ -15,13 +20,8 @@
 namespace tessaline::auth::http {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// Shorter than promised, so that a late wake-up is still in time.
-constexpr std::chrono::milliseconds kTickInterval{150};
-constexpr int kLongWaitMilliseconds = 10'000;
-constexpr long kMaxConnectionAgeSeconds = 30;
-constexpr std::size_t kLongestHeaderLine = 102'400;
+// Longer than any connection is kept: the pool decides.
+constexpr long kMaxConnectionAgeSeconds = 3600;
 
 bool announces_missing_body(std::string_view method) {
   return method == "POST" || method == "PUT" || method == "PATCH";
@@ -31,14 +31,10 @@ const char* text_or_null(const std::string& text) {
   return text.empty() ? nullptr : text.c_str();
 }
 
-// libcurl calls a header line beyond its bound "out of memory" as well. Throws where memory is short indeed.
-void probe_memory() {
-  static_cast<void>(std::make_unique<char[]>(2 * kLongestHeaderLine));
-}
-
 }  // namespace
 
-Attempt::Attempt(Session& session, const Hop& hop) : session_(session), hop_(hop), easy_(curl_easy_init()) {
+Attempt::Attempt(Session& session, const Hop& hop, const Route& route)
+    : session_(session), hop_(hop), route_(route), easy_(curl_easy_init()) {
   if (!easy_) throw std::bad_alloc();
 }
 
@@ -50,10 +46,11 @@ Attempt::~Attempt() {
   }
 }
 
-void Attempt::prepare(const TrustStore& trust, const Deadline& deadline) {
+void Attempt::prepare(const Deadline& deadline) {
   headers_ = make_header_list(hop_.headers);
   set_connection_options(deadline);
-  set_trust_options(trust);
+  set_proxy_options();
+  if (route_.trust) set_trust_options();
   set_request_options();
   set_callbacks();
 }
@@ -61,10 +58,6 @@ void Attempt::prepare(const TrustStore& trust, const Deadline& deadline) {
 template <typename Value>
 void Attempt::set(CURLoption option, Value value) {
   require(curl_easy_setopt(easy_.get(), option, value));
-}
-
-void Attempt::use_fresh_connection() {
-  set(CURLOPT_FRESH_CONNECT, 1L);
 }
 
 void Attempt::set_connection_options(const Deadline& deadline) {
@@ -75,6 +68,7 @@ void Attempt::set_connection_options(const Deadline& deadline) {
   set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   set(CURLOPT_HTTP09_ALLOWED, 0L);
   set(CURLOPT_HTTP_CONTENT_DECODING, 0L);
+  set(CURLOPT_HTTP_TRANSFER_DECODING, 0L);
   set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
   set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   set(CURLOPT_TCP_NODELAY, 1L);
@@ -84,20 +78,42 @@ void Attempt::set_connection_options(const Deadline& deadline) {
   if (deadline.bounded()) set(CURLOPT_TIMEOUT_MS, static_cast<long>(deadline.left().count()));
 }
 
-void Attempt::set_trust_options(const TrustStore& trust) {
+// Decided here: what libcurl makes of the environment differs from version to version, and it tells of none
+// of it.
+void Attempt::set_proxy_options() {
+  set(CURLOPT_PROXY, route_.proxy ? route_.proxy->url.c_str() : "");
+  set(CURLOPT_NOPROXY, "");
+}
+
+void Attempt::set_trust_options() {
+  const TrustStore& places = route_.trust->places();
+  // Where OpenSSL is shared, the roots are in the store that each connection is given.
+  const char* const file = tls_is_shared() ? nullptr : text_or_null(places.ca_file);
+  const char* const directory = tls_is_shared() ? nullptr : text_or_null(places.ca_directory);
   set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
   set(CURLOPT_SSL_VERIFYPEER, 1L);
   set(CURLOPT_SSL_VERIFYHOST, 2L);
-  set(CURLOPT_CAINFO, text_or_null(trust.ca_file));
-  set(CURLOPT_CAPATH, text_or_null(trust.ca_directory));
+  set(CURLOPT_CAINFO, file);
+  set(CURLOPT_CAPATH, directory);
   set(CURLOPT_PROXY_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-  set(CURLOPT_PROXY_CAINFO, text_or_null(trust.ca_file));
-  set(CURLOPT_PROXY_CAPATH, text_or_null(trust.ca_directory));
+  set(CURLOPT_PROXY_SSL_VERIFYPEER, 1L);
+  set(CURLOPT_PROXY_SSL_VERIFYHOST, 2L);
+  set(CURLOPT_PROXY_CAINFO, file);
+  set(CURLOPT_PROXY_CAPATH, directory);
+  set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
+  // libcurl would keep them by the name of the file of roots, whatever is in it.
+  set(CURLOPT_SSL_SESSIONID_CACHE, 0L);
+  if (!tls_is_shared()) return;
+  set(CURLOPT_SSL_CTX_FUNCTION, &Attempt::on_tls_context);
+  set(CURLOPT_SSL_CTX_DATA, this);
 }
 
 void Attempt::set_request_options() {
-  set(CURLOPT_URL, hop_.url.text.c_str());
-  set(CURLOPT_PATH_AS_IS, 1L);
+  const bool by_plain_proxy = route_.proxy && route_.proxy->speaks_http() && hop_.url.scheme == "http";
+  const std::string target = hop_.url.target();
+  set(CURLOPT_URL, hop_.url.root().c_str());
+  // Otherwise libcurl rewrites what it knows better.
+  set(CURLOPT_REQUEST_TARGET, by_plain_proxy ? (hop_.url.root() + target).c_str() : target.c_str());
   set(CURLOPT_CUSTOMREQUEST, hop_.method.c_str());
   set(CURLOPT_USERAGENT, "tessaline/" TESSALINE_VERSION);
   set(CURLOPT_HTTPHEADER, headers_.get());
@@ -115,21 +131,22 @@ void Attempt::set_callbacks() {
   require(session_.track_sockets_of(easy_.get()));
   set(CURLOPT_OPENSOCKETFUNCTION, &Attempt::on_open_socket);
   set(CURLOPT_OPENSOCKETDATA, this);
-  set(CURLOPT_ERRORBUFFER, reason_.data());
   set(CURLOPT_HEADERFUNCTION, &Attempt::on_header);
   set(CURLOPT_HEADERDATA, this);
   set(CURLOPT_WRITEFUNCTION, &Attempt::on_body);
   set(CURLOPT_WRITEDATA, this);
 }
 
-bool Attempt::run(const Tick& tick) {
-  require(curl_multi_add_handle(session_.multi(), easy_.get()));
-  const CURLcode code = drive(tick);
-  // Not "or": both are to be cleared.
-  if (static_cast<unsigned>(session_.take_out_of_memory()) | static_cast<unsigned>(out_of_memory_)) {
-    throw std::bad_alloc();
+bool Attempt::run(Ticker& ticker) {
+  session_.begin_request();
+  {
+    const std::lock_guard lock(process::mutex());
+    had_connection_ = session_.has_connection();
   }
-  if ((code == CURLE_OK && head_.complete()) || head_was_all()) {
+  require(curl_multi_add_handle(session_.multi(), easy_.get()));
+  const CURLcode code = drive(ticker);
+  if (session_.ran_out_of_memory() || out_of_memory_) throw std::bad_alloc();
+  if ((code == CURLE_OK && head_.complete() && !is_cut_short()) || head_was_all()) {
     response_.status = static_cast<int>(info(CURLINFO_RESPONSE_CODE));
     response_.headers = head_.take_fields();
     return true;
@@ -144,47 +161,30 @@ bool Attempt::head_was_all() const noexcept {
   return hop_.method == "HEAD" && hop_.body != nullptr && head_.complete() && !head_.interim();
 }
 
-CURLcode Attempt::drive(const Tick& tick) {
-  Clock::time_point next_tick = Clock::now() + kTickInterval;
+// A body that ends with its connection is whole only if TLS said so (RFC 9112, section 9.8); some versions of
+// libcurl do not look.
+bool Attempt::is_cut_short() const noexcept {
+  const bool to_the_end = !head_.chunked() && !head_.has_length() && !response_.body.empty();
+  return to_the_end && hop_.url.scheme == "https" && tls_is_shared() && !session_.tls.closed;
+}
+
+CURLcode Attempt::drive(Ticker& ticker) {
   for (;;) {
     int running = 0;
     require(curl_multi_perform(session_.multi(), &running));
     if (running == 0) return result();
-    if (!tick) {
-      wait_for_activity(kLongWaitMilliseconds);
-      continue;
-    }
-    const auto until_tick = std::chrono::ceil<std::chrono::milliseconds>(next_tick - Clock::now());
-    if (until_tick.count() > 0) {
-      wait_for_activity(static_cast<int>(until_tick.count()));
-    } else {
-      call(tick);
-      next_tick = Clock::now() + kTickInterval;
-    }
+    wait_for_activity(ticker.until_due());
+    ticker.call_if_due();
   }
 }
 
-void Attempt::wait_for_activity(int milliseconds) {
+void Attempt::wait_for_activity(std::chrono::milliseconds longest) {
   CURLMcode code = CURLM_OK;
   {
     const process::Outside outside;
-    code = curl_multi_poll(session_.multi(), nullptr, 0, milliseconds, nullptr);
+    code = curl_multi_poll(session_.multi(), nullptr, 0, static_cast<int>(longest.count()), nullptr);
   }
   require(code);
-}
-
-void Attempt::call(const Tick& tick) {
-  bool go_on = false;
-  {
-    const process::Outside outside;
-    go_on = tick();
-  }
-  if (!session_.belongs_to_this_process()) {
-    throw TransportFailure(FailureKind::kReset, "connection to " + hop_.url.peer() + " was lost in a fork");
-  }
-  if (!go_on) {
-    throw TransportFailure(FailureKind::kInterrupted, "request to " + hop_.url.peer() + " was interrupted");
-  }
 }
 
 CURLcode Attempt::result() const {
@@ -197,19 +197,33 @@ CURLcode Attempt::result() const {
 
 void Attempt::examine(CURLcode code) {
   // An answer that ends within its head is fine with libcurl.
-  fault_.code = code == CURLE_OK ? CURLE_GOT_NOTHING : code;
+  const CURLcode ended = head_.complete() ? CURLE_PARTIAL_FILE : CURLE_GOT_NOTHING;
+  fault_.code = code == CURLE_OK ? ended : code;
   fault_.os_errno = info(CURLINFO_OS_ERRNO);
+  fault_.open_errno = session_.open_errno();
   fault_.proxy_status = info(CURLINFO_HTTP_CONNECTCODE);
-  fault_.reason = reason_.front() != '\0' ? reason_.data() : curl_easy_strerror(code);
+  fault_.proxy_error = info(CURLINFO_PROXY_ERROR);
   fault_.answer_begun = head_.begun();
   fault_.head_complete = head_.complete();
-  if (code == CURLE_OUT_OF_MEMORY) {
-    if (!head_.begun() || head_.complete()) throw std::bad_alloc();
-    probe_memory();
-  }
+  fault_.over_tls = hop_.url.scheme == "https";
+  fault_.tunnelled = is_tunnelled();
+  fault_.proxy = route_.proxy;
+  fault_.remains = session_.remains();
+  fault_.tls = session_.tls;
+  // A look-up of a name needs descriptors too, and does not say so.
+  const bool unresolved = code == CURLE_COULDNT_RESOLVE_HOST || code == CURLE_COULDNT_RESOLVE_PROXY;
+  if (unresolved && fault_.open_errno == 0) fault_.open_errno = descriptor_shortage();
+  // libcurl calls a header line beyond its bound so as well.
+  if (code == CURLE_OUT_OF_MEMORY && !holds(Seen::kLongLine, fault_)) throw std::bad_alloc();
   const bool broke = code == CURLE_SEND_ERROR || code == CURLE_RECV_ERROR || code == CURLE_GOT_NOTHING;
-  lost_idle_connection_ =
-      refused_to_reconnect_ || (broke && info(CURLINFO_NUM_CONNECTS) == 0 && !head_.begun());
+  lost_idle_connection_ = refused_to_reconnect_ || (broke && had_connection_ && !head_.begun());
+}
+
+// Whether what failed came after a proxy had connected through to the server.
+bool Attempt::is_tunnelled() const {
+  if (!route_.proxy) return false;
+  if (route_.proxy->speaks_http()) return info(CURLINFO_HTTP_CONNECTCODE) / 100 == 2;
+  return session_.tls.started || info(CURLINFO_REQUEST_SIZE) > 0;
 }
 
 long Attempt::info(CURLINFO which) const {
@@ -220,17 +234,28 @@ long Attempt::info(CURLINFO which) const {
 
 // libcurl replaces a kept connection that breaks by itself, and then tells of what happens to the new one in
 // the words for the old. Another attempt does the same with words of its own.
-bool Attempt::is_reconnecting() const noexcept {
-  long sent = 0;
-  return curl_easy_getinfo(easy_.get(), CURLINFO_REQUEST_SIZE, &sent) == CURLE_OK && sent > 0 &&
-         !head_.begun();
-}
-
 curl_socket_t Attempt::on_open_socket(void* attempt, curlsocktype purpose, curl_sockaddr* address) noexcept {
   auto& self = *static_cast<Attempt*>(attempt);
-  self.refused_to_reconnect_ = self.is_reconnecting();
+  self.refused_to_reconnect_ = self.had_connection_ && !self.head_.begun();
   if (self.refused_to_reconnect_) return CURL_SOCKET_BAD;
   return Session::open_socket(&self.session_, purpose, address);
+}
+
+// Where the proxy speaks TLS itself, it comes first.
+std::string Attempt::next_tls_peer() {
+  const bool is_proxy = tls_connections_++ == 0 && route_.proxy && route_.proxy->speaks_tls();
+  return is_proxy ? "proxy " + route_.proxy->peer() : route_.origin;
+}
+
+CURLcode Attempt::on_tls_context(CURL*, void* context, void* attempt) noexcept {
+  auto& self = *static_cast<Attempt*>(attempt);
+  try {
+    bind_context(static_cast<SSL_CTX*>(context), self.route_.trust, self.next_tls_peer(), self.session_.tls);
+    return CURLE_OK;
+  } catch (const std::bad_alloc&) {
+    self.out_of_memory_ = true;
+  }
+  return CURLE_ABORTED_BY_CALLBACK;
 }
 
 std::size_t Attempt::on_header(char* data, std::size_t size, std::size_t count, void* attempt) noexcept {
@@ -239,7 +264,10 @@ std::size_t Attempt::on_header(char* data, std::size_t size, std::size_t count, 
     const bool was_complete = self.head_.complete();
     if (!self.head_.add_line({data, size * count})) return 0;
     // A final answer after which libcurl asked again of itself.
-    if (was_complete && !self.head_.complete()) self.response_.body.clear();
+    if (was_complete && !self.head_.complete()) {
+      self.response_.body.clear();
+      self.chunks_ = {};
+    }
     return self.head_was_all() ? 0 : size * count;
   } catch (const std::bad_alloc&) {
     self.out_of_memory_ = true;
@@ -264,8 +292,10 @@ std::size_t Attempt::on_body(char* data, std::size_t size, std::size_t count, vo
       return 0;
     }
     if (self.response_.body.empty()) self.reserve_body();
-    self.response_.body.append(data, size * count);
-    return size * count;
+    const std::string_view bytes(data, size * count);
+    if (self.head_.chunked()) return self.chunks_.add(bytes, self.response_.body) ? bytes.size() : 0;
+    self.response_.body.append(bytes);
+    return bytes.size();
   } catch (const std::bad_alloc&) {
     self.out_of_memory_ = true;
   } catch (const std::length_error&) {

@@ -2,15 +2,19 @@
 
 #include <curl/curl.h>
 
-#include <array>
+#include <chrono>
 #include <memory>
+#include <string>
 
+#include "tessaline/auth/http/chunked_body.hpp"
 #include "tessaline/auth/http/deadline.hpp"
 #include "tessaline/auth/http/failure.hpp"
 #include "tessaline/auth/http/header_list.hpp"
 #include "tessaline/auth/http/redirect.hpp"
 #include "tessaline/auth/http/response_head.hpp"
+#include "tessaline/auth/http/route.hpp"
 #include "tessaline/auth/http/session.hpp"
+#include "tessaline/auth/http/ticker.hpp"
 
 namespace tessaline::auth::http {
 
@@ -23,19 +27,18 @@ struct EasyCleanup {
 /// line.
 class Attempt {
  public:
-  /// Both must outlive the attempt. Throws std::bad_alloc.
-  Attempt(Session& session, const Hop& hop);
+  /// All must outlive the attempt. Throws std::bad_alloc, and TransportFailure(kDescriptors).
+  Attempt(Session& session, const Hop& hop, const Route& route);
   ~Attempt();
   Attempt(const Attempt&) = delete;
   Attempt& operator=(const Attempt&) = delete;
 
   /// Throws std::bad_alloc.
-  void prepare(const TrustStore& trust, const Deadline& deadline);
-  void use_fresh_connection();
+  void prepare(const Deadline& deadline);
 
-  /// True when there is a response, false when there is a fault. Throws std::bad_alloc, and TransportFailure
-  /// when the tick stops it.
-  bool run(const Tick& tick);
+  /// True when there is a response, false when there is a fault. Throws std::bad_alloc, and what the ticker
+  /// throws.
+  bool run(Ticker& ticker);
 
   Response take_response() noexcept { return std::move(response_); }
   const Fault& fault() const noexcept { return fault_; }
@@ -48,33 +51,38 @@ class Attempt {
   void set(CURLoption option, Value value);
 
   void set_connection_options(const Deadline& deadline);
-  void set_trust_options(const TrustStore& trust);
+  void set_proxy_options();
+  void set_trust_options();
   void set_request_options();
   void set_callbacks();
 
   void reserve_body();
   bool head_was_all() const noexcept;
-  CURLcode drive(const Tick& tick);
-  void wait_for_activity(int milliseconds);
-  void call(const Tick& tick);
+  bool is_cut_short() const noexcept;
+  CURLcode drive(Ticker& ticker);
+  void wait_for_activity(std::chrono::milliseconds longest);
   CURLcode result() const;
   void examine(CURLcode code);
   long info(CURLINFO which) const;
-
-  bool is_reconnecting() const noexcept;
+  bool is_tunnelled() const;
+  std::string next_tls_peer();
 
   static curl_socket_t on_open_socket(void* attempt, curlsocktype purpose, curl_sockaddr* address) noexcept;
+  static CURLcode on_tls_context(CURL* easy, void* context, void* attempt) noexcept;
   static std::size_t on_header(char* data, std::size_t size, std::size_t count, void* attempt) noexcept;
   static std::size_t on_body(char* data, std::size_t size, std::size_t count, void* attempt) noexcept;
 
   Session& session_;
   const Hop& hop_;
+  const Route& route_;
   HeaderList headers_;
-  std::array<char, CURL_ERROR_SIZE> reason_{};
   std::unique_ptr<CURL, EasyCleanup> easy_;
   ResponseHead head_;
+  ChunkedBody chunks_;
   Response response_;
   Fault fault_;
+  bool had_connection_ = false;
+  int tls_connections_ = 0;
   bool out_of_memory_ = false;
   bool refused_to_reconnect_ = false;
   bool lost_idle_connection_ = false;

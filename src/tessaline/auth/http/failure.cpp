@@ -1,52 +1,19 @@
 #include "tessaline/auth/http/failure.hpp"
 
+#include <openssl/x509_vfy.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <new>
-#include <string_view>
+#include <utility>
+
+#include "tessaline/auth/http/failure_table.hpp"
+#include "tessaline/auth/http/text.hpp"
 
 namespace tessaline::auth::http {
 namespace {
-
-bool mentions(const Fault& fault, std::string_view words) {
-  return fault.reason.find(words) != std::string::npos;
-}
-
-FailureKind classify_connect(long os_errno) {
-  switch (os_errno) {
-    case ETIMEDOUT:
-      return FailureKind::kTimedOut;
-    case ENETUNREACH:
-    case EHOSTUNREACH:
-    case ENETDOWN:
-    case EHOSTDOWN:
-      return FailureKind::kUnreachable;
-    case ECONNRESET:
-      return FailureKind::kReset;
-    default:
-      return FailureKind::kRefused;
-  }
-}
-
-// OpenSSL reports a connection that just ends in one of these ways, depending on how and when it ended.
-bool peer_hung_up(const Fault& fault) {
-  return mentions(fault, "unexpected eof") || mentions(fault, "SSL_ERROR_SYSCALL") ||
-         mentions(fault, "Connection reset") || mentions(fault, "Broken pipe");
-}
-
-FailureKind classify_receive(const Fault& fault) {
-  if (fault.proxy_status / 100 != 2 && fault.proxy_status != 0) return FailureKind::kOther;
-  if (mentions(fault, "in chunked-encoding") || mentions(fault, "Too large response headers")) {
-    return FailureKind::kMalformedResponse;
-  }
-  if (mentions(fault, "unexpected eof")) {
-    return fault.head_complete ? FailureKind::kTruncated : FailureKind::kReset;
-  }
-  const bool tls_broke = mentions(fault, "SSL routines") && !peer_hung_up(fault);
-  return tls_broke ? FailureKind::kTls : FailureKind::kReset;
-}
 
 std::string seconds_text(double seconds) {
   std::array<char, 32> text{};
@@ -54,104 +21,123 @@ std::string seconds_text(double seconds) {
   return text.data();
 }
 
-/// libcurl quotes names out of the certificate, which its holder chose.
-std::string printable(std::string_view text) {
-  constexpr std::size_t kLongest = 200;
-  std::string shown(text.substr(0, kLongest));
-  std::replace_if(
-      shown.begin(), shown.end(), [](char unit) { return unit < ' ' || unit > '~'; }, '?');
-  return shown;
+/// Whom the connection was with when it failed, as a message names it.
+std::string party_of(const Fault& fault, const Url& url) {
+  const bool at_proxy = fault.proxy && !fault.tunnelled;
+  return at_proxy ? "proxy " + fault.proxy->peer() + " for " + url.peer() : url.peer();
 }
 
-std::string message_of(FailureKind kind, const Fault& fault, const std::string& peer) {
+std::string host_of(const Fault& fault, const Url& url) {
+  return fault.proxy && !fault.tunnelled ? fault.proxy->host : url.host;
+}
+
+bool is_address(const std::string& host) {
+  return host.starts_with('[') || host.find_first_not_of("0123456789.") == std::string::npos;
+}
+
+/// libcurl looks at the name itself, and OpenSSL has found nothing wrong then. In Python's words.
+void add_certificate_detail(const Fault& fault, const Url& url, FailureDetail& detail) {
+  detail.tls_reason = "CERTIFICATE_VERIFY_FAILED";
+  detail.verify_code = fault.tls.verify_code;
+  if (detail.verify_code != X509_V_OK || !fault.tls.started) {
+    if (fault.tls.started) detail.verify_message = verify_message(detail.verify_code);
+    return;
+  }
+  const std::string host = host_of(fault, url);
+  const bool address = is_address(host);
+  detail.verify_code = address ? X509_V_ERR_IP_ADDRESS_MISMATCH : X509_V_ERR_HOSTNAME_MISMATCH;
+  detail.verify_message = std::string(address ? "IP address" : "Hostname") +
+                          " mismatch, certificate is not valid for '" + host + "'.";
+}
+
+FailureDetail detail_of(FailureKind kind, const Fault& fault, const Url& url) {
+  FailureDetail detail;
+  detail.through_proxy = fault.proxy.has_value();
+  if (kind == FailureKind::kDescriptors) detail.os_errno = fault.open_errno;
+  if (kind == FailureKind::kTls) detail.tls_reason = fault.tls.reason();
+  if (kind == FailureKind::kCertificate) add_certificate_detail(fault, url, detail);
+  return detail;
+}
+
+std::string words_of(const std::string& reason, const Fault& fault) {
+  if (reason.empty()) return curl_easy_strerror(fault.code);
+  std::string words = lower_case(reason);
+  std::ranges::replace(words, '_', ' ');
+  return words;
+}
+
+std::string message_of(FailureKind kind, const FailureDetail& detail, const Fault& fault, const Url& url) {
+  const std::string party = party_of(fault, url);
   switch (kind) {
     case FailureKind::kInvalidRequest:
-      return "request to " + peer + " cannot be sent";
+      return "request to " + party + " cannot be sent";
     case FailureKind::kUnresolvable:
-      if (fault.code == CURLE_COULDNT_RESOLVE_PROXY)
-        return "name of the proxy for " + peer + " cannot be resolved";
-      return "name of host " + peer + " cannot be resolved";
+      return "name of " + (fault.proxy ? party : "host " + party) + " cannot be resolved";
     case FailureKind::kRefused:
-      return "connection refused by " + peer;
+      return "connection refused by " + party;
     case FailureKind::kUnreachable:
-      return "no route to " + peer;
+      return "no route to " + party;
     case FailureKind::kReset:
-      return "connection dropped by " + peer;
+      return "connection dropped by " + party;
     case FailureKind::kTruncated:
-      return "answer of " + peer + " ended too early";
+      return "answer of " + party + " ended too early";
     case FailureKind::kTimedOut:
-      return "timed out waiting for " + peer;
+      return "timed out waiting for " + party;
     case FailureKind::kCertificate:
-      return "certificate of " + peer + " is not acceptable: " + printable(fault.reason);
+      return "certificate of " + party + " is not acceptable: " +
+             (detail.verify_message.empty() ? curl_easy_strerror(fault.code) : detail.verify_message);
     case FailureKind::kTls:
-      return "TLS with " + peer + " failed: " + curl_easy_strerror(fault.code);
+      return "TLS with " + party + " failed: " + words_of(detail.tls_reason, fault);
     case FailureKind::kMalformedResponse:
-      if (!fault.body_too_large) return "answer of " + peer + " is not HTTP/1";
-      return "answer of " + peer + " is too large: more than " + std::to_string(kMostBodyBytes >> 20U) +
+      if (!fault.body_too_large) return "answer of " + party + " is not HTTP/1";
+      return "answer of " + party + " is too large: more than " + std::to_string(kMostBodyBytes >> 20U) +
              " MiB";
+    case FailureKind::kProxyUnavailable:
+    case FailureKind::kProxyRefused:
+      if (fault.proxy_status != 0) return party + " answered " + std::to_string(fault.proxy_status);
+      return party + " refused to connect";
+    case FailureKind::kDescriptors:
+      return "no descriptor is left for a connection to " + party;
+    case FailureKind::kTrustStore:   // worded where the certificates are read
     case FailureKind::kInterrupted:  // by the caller, who words it himself
     case FailureKind::kOther:
       break;
   }
-  if (fault.proxy_status != 0) return "proxy for " + peer + " answered " + std::to_string(fault.proxy_status);
-  return "request to " + peer + " failed: " + curl_easy_strerror(fault.code);
+  return "request to " + party + " failed: " + curl_easy_strerror(fault.code);
+}
+
+FailureKind kind_of_refusal(long proxy_status) {
+  return is_transient_at_a_proxy(proxy_status) ? FailureKind::kProxyUnavailable : FailureKind::kProxyRefused;
+}
+
+bool is_success(long status) {
+  return status / 100 == 2;
 }
 
 }  // namespace
 
 FailureKind classify(const Fault& fault) {
-  switch (fault.code) {
-    case CURLE_URL_MALFORMAT:
-      return FailureKind::kInvalidRequest;
-    case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_RESOLVE_PROXY:
-      return FailureKind::kUnresolvable;
-    case CURLE_COULDNT_CONNECT:
-      return classify_connect(fault.os_errno);
-    case CURLE_OPERATION_TIMEDOUT:
-      return FailureKind::kTimedOut;
-    case CURLE_PEER_FAILED_VERIFICATION:
-    case CURLE_SSL_INVALIDCERTSTATUS:
-      return FailureKind::kCertificate;
-    case CURLE_SSL_CONNECT_ERROR:
-      return peer_hung_up(fault) ? FailureKind::kReset : FailureKind::kTls;
-    case CURLE_SSL_ENGINE_NOTFOUND:
-    case CURLE_SSL_ENGINE_SETFAILED:
-    case CURLE_SSL_ENGINE_INITFAILED:
-    case CURLE_SSL_CERTPROBLEM:
-    case CURLE_SSL_CIPHER:
-    case CURLE_SSL_CACERT_BADFILE:
-    case CURLE_SSL_SHUTDOWN_FAILED:
-    case CURLE_SSL_CRL_BADFILE:
-    case CURLE_SSL_ISSUER_ERROR:
-    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
-    case CURLE_SSL_CLIENTCERT:
-      return FailureKind::kTls;
-    case CURLE_GOT_NOTHING:
-    case CURLE_SEND_ERROR:
-      return FailureKind::kReset;
-    case CURLE_RECV_ERROR:
-      return classify_receive(fault);
-    case CURLE_PARTIAL_FILE:
-      return FailureKind::kTruncated;
-    case CURLE_UNSUPPORTED_PROTOCOL:  // how libcurl calls a version of HTTP that it does not know
-    case CURLE_WEIRD_SERVER_REPLY:
-    case CURLE_BAD_CONTENT_ENCODING:
-    case CURLE_FILESIZE_EXCEEDED:
-    case CURLE_WRITE_ERROR:  // a line that ours refused
-      return FailureKind::kMalformedResponse;
-    case CURLE_BAD_FUNCTION_ARGUMENT:  // a head that starts with a continuation line
-    case CURLE_OUT_OF_MEMORY:          // a header line beyond libcurl's bound
-      return fault.answer_begun ? FailureKind::kMalformedResponse : FailureKind::kOther;
-    default:
-      return FailureKind::kOther;
-  }
+  if (fault.open_errno == EMFILE || fault.open_errno == ENFILE) return FailureKind::kDescriptors;
+  if (fault.proxy_status != 0 && !is_success(fault.proxy_status)) return kind_of_refusal(fault.proxy_status);
+  return look_up(fault);
 }
 
-TransportFailure failure_from(const Fault& fault, const std::string& peer, const Deadline& deadline) {
+TransportFailure failure_from(const Fault& fault, const Url& url, const Deadline& deadline) {
   const FailureKind kind = classify(fault);
-  if (fault.code == CURLE_OPERATION_TIMEDOUT && deadline.bounded()) return timed_out(peer, deadline);
-  return {kind, message_of(kind, fault, peer)};
+  if (kind == FailureKind::kTimedOut && deadline.bounded() && fault.code == CURLE_OPERATION_TIMEDOUT) {
+    return timed_out(party_of(fault, url), deadline);
+  }
+  FailureDetail detail = detail_of(kind, fault, url);
+  const std::string message = message_of(kind, detail, fault, url);
+  return {kind, message, std::move(detail)};
+}
+
+TransportFailure refused_by_proxy(const Proxy& proxy, const Url& url, long status) {
+  Fault fault;
+  fault.proxy = proxy;
+  fault.proxy_status = status;
+  const FailureKind kind = kind_of_refusal(status);
+  return {kind, message_of(kind, {}, fault, url), {.through_proxy = true}};
 }
 
 TransportFailure timed_out(const std::string& peer, const Deadline& deadline) {

@@ -5,6 +5,7 @@
 #include "tessaline/auth/http/process.hpp"
 #include "tessaline/auth/http/redirect.hpp"
 #include "tessaline/auth/http/request_check.hpp"
+#include "tessaline/auth/http/ticker.hpp"
 
 namespace tessaline::auth::http {
 
@@ -17,9 +18,10 @@ Response perform(const Request& request, const Tick& tick) {
 
   const Deadline deadline(request.timeout);
   const process::Inside inside;
+  Ticker ticker(tick, hop.url.peer());
   RedirectTrail trail;
   for (;;) {
-    Response response = exchange(hop, request.trust, deadline, tick);
+    Response response = exchange(hop, {request.trust, request.proxies, deadline, ticker});
     std::optional<Hop> next = trail.next(hop, response);
     if (!next) return response;
     hop = std::move(*next);

@@ -10,7 +10,9 @@
 #include <new>
 
 #include "tessaline/auth/http/http_client.hpp"
+#include "tessaline/auth/http/idle_reaper.hpp"
 #include "tessaline/auth/http/session_pool.hpp"
+#include "tessaline/auth/http/trust.hpp"
 
 namespace tessaline::auth::http::process {
 namespace {
@@ -53,6 +55,8 @@ void after_fork_in_child() {
   inside_count.store(0);
   fork_count.fetch_add(1);
   SessionPool::shared().forget_all();
+  Trust::forget_all();
+  idle_reaper::forget();
   process_mutex.unlock();
 }
 
@@ -70,6 +74,7 @@ void start_locked() {
   static bool library_ready = false;
   static bool exit_handled = false;
   SessionPool::shared();
+  Trust::prepare();
   if (!fork_handled) {
     if (pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) != 0) throw std::bad_alloc();
     fork_handled = true;

@@ -10,7 +10,8 @@
 namespace tessaline::auth::http {
 
 /// Collects the fields of the last head among the lines that libcurl hands over: heads of interim answers are
-/// forgotten when the next one starts, lines after the final head (trailers) are passed over, up to a bound.
+/// forgotten when the next one starts, lines after the final head (trailers) are passed over. What is no head
+/// of an answer, or a larger one than the bounds allow, is told here, since versions of libcurl differ in it.
 class ResponseHead {
  public:
   /// False when the line cannot belong to an answer to an HTTP/1 request.
@@ -19,6 +20,8 @@ class ResponseHead {
   bool begun() const noexcept { return state_ != State::kNothing; }
   bool complete() const noexcept { return state_ == State::kComplete; }
   bool interim() const noexcept { return interim_; }
+  bool chunked() const noexcept { return chunked_; }
+  bool has_length() const noexcept { return !length_.empty(); }
   Headers take_fields() noexcept { return std::move(fields_); }
 
  private:
@@ -27,15 +30,17 @@ class ResponseHead {
   bool start(std::string_view status_line);
   bool add_field(std::string_view line);
   bool accept_length(std::string_view length);
-  void continue_field(std::string_view line);
+  bool continue_field(std::string_view line);
 
   State state_ = State::kNothing;
   Headers fields_;
   std::unordered_set<std::string> names_;  // in lower case
   std::string length_;                     // "Content-Length", where there is one
-  std::size_t trailer_bytes_ = 0;
+  std::size_t bytes_ = 0;                  ///< of all heads
+  std::size_t lines_ = 0;
   bool last_kept_ = false;
   bool interim_ = false;
+  bool chunked_ = false;
 };
 
 }  // namespace tessaline::auth::http

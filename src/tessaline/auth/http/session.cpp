@@ -1,5 +1,7 @@
 #include "tessaline/auth/http/session.hpp"
 
+#include <linux/tcp.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -7,14 +9,35 @@
 #include <cerrno>
 #include <mutex>
 #include <new>
-#include <utility>
 
+#include "tessaline/auth/http/descriptors.hpp"
 #include "tessaline/auth/http/process.hpp"
 
 namespace tessaline::auth::http {
 namespace {
 
 constexpr std::size_t kUsualSockets = 8;
+
+[[noreturn]] void throw_no_handle() {
+  if (const int shortage = descriptor_shortage(); shortage != 0) {
+    throw TransportFailure(FailureKind::kDescriptors, "no descriptor is left for a connection",
+                           {.os_errno = shortage});
+  }
+  throw std::bad_alloc();
+}
+
+Remains examine(curl_socket_t descriptor) noexcept {
+  Remains remains;
+  tcp_info info{};
+  socklen_t size = sizeof info;
+  if (getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) == 0) {
+    remains.received_bytes = info.tcpi_bytes_received;
+  }
+  char byte = 0;
+  const ssize_t waiting = recv(descriptor, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT);
+  remains.ended = waiting == 0 || (waiting < 0 && errno != EAGAIN && errno != EWOULDBLOCK);
+  return remains;
+}
 
 }  // namespace
 
@@ -23,7 +46,7 @@ Session::Session() : generation_(process::generation()) {
   multi_ = curl_multi_init();
   if (multi_ == nullptr || curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 1L) != CURLM_OK) {
     curl_multi_cleanup(multi_);
-    throw std::bad_alloc();
+    throw_no_handle();
   }
 }
 
@@ -40,8 +63,16 @@ CURLcode Session::track_sockets_of(CURL* easy) noexcept {
   return code == CURLE_OK ? curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this) : code;
 }
 
-bool Session::take_out_of_memory() noexcept {
-  return std::exchange(out_of_memory_, false);
+void Session::begin_request() noexcept {
+  out_of_memory_ = false;
+  open_errno_ = 0;
+  closed_ = {};
+  tls = {};
+}
+
+Remains Session::remains() const noexcept {
+  const std::lock_guard lock(process::mutex());
+  return sockets_.empty() ? closed_ : examine(sockets_.back());
 }
 
 bool Session::is_quiet() const noexcept {
@@ -63,7 +94,10 @@ curl_socket_t Session::open_socket(void* session, curlsocktype, curl_sockaddr* a
   const std::lock_guard lock(process::mutex());
   const curl_socket_t descriptor =
       socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-  if (descriptor < 0) return CURL_SOCKET_BAD;
+  if (descriptor < 0) {
+    self.open_errno_ = errno;
+    return CURL_SOCKET_BAD;
+  }
   try {
     self.sockets_.push_back(descriptor);
   } catch (const std::bad_alloc&) {
@@ -78,6 +112,7 @@ int Session::close_socket(void* session, curl_socket_t descriptor) noexcept {
   auto& self = *static_cast<Session*>(session);
   const std::lock_guard lock(process::mutex());
   std::erase(self.sockets_, descriptor);
+  self.closed_ = examine(descriptor);
   return close(descriptor);
 }
 

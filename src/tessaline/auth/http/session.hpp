@@ -3,10 +3,20 @@
 #include <curl/curl.h>
 
 #include <chrono>
-#include <string>
+#include <cstdint>
 #include <vector>
 
+#include "tessaline/auth/http/route.hpp"
+#include "tessaline/auth/http/tls_context.hpp"
+
 namespace tessaline::auth::http {
+
+/// What was left of a connection when it was closed: what libcurl reports of it differs from version to
+/// version.
+struct Remains {
+  bool ended = false;                ///< by the peer, with nothing left to read
+  std::uint64_t received_bytes = 0;  ///< over the whole of its life
+};
 
 /// A libcurl handle that keeps one connection from request to request. Used by one thread at a time.
 ///
@@ -16,7 +26,7 @@ class Session {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
 
-  /// Throws std::bad_alloc.
+  /// Throws std::bad_alloc, and TransportFailure(kDescriptors).
   Session();
   ~Session();
   Session(const Session&) = delete;
@@ -33,8 +43,14 @@ class Session {
   /// Has the sockets opened for `easy` taken off the list when they are closed.
   CURLcode track_sockets_of(CURL* easy) noexcept;
 
-  /// Whether a socket could not be tracked for want of memory since the last call.
-  bool take_out_of_memory() noexcept;
+  /// Forgets what was seen of earlier requests.
+  void begin_request() noexcept;
+
+  /// Since then: whether a socket could not be tracked for want of memory, why one could not be opened (0:
+  /// each could), and what was left of the last connection, which may still be open.
+  bool ran_out_of_memory() const noexcept { return out_of_memory_; }
+  int open_errno() const noexcept { return open_errno_; }
+  Remains remains() const noexcept;
 
   // Below: under the process mutex.
 
@@ -48,15 +64,20 @@ class Session {
   void abandon() noexcept;
 
   bool leased = true;
-  std::string origin;  ///< of the last request
+  Route route;               ///< of the last request
+  TimePoint connected_at{};  ///< when that began to connect
   TimePoint idle_since{};
+
+  TlsSight tls;  ///< of the last connection; written by the thread that has the lease
 
  private:
   static int close_socket(void* session, curl_socket_t descriptor) noexcept;
 
   const unsigned long generation_;
   std::vector<curl_socket_t> sockets_;
+  Remains closed_;
   bool out_of_memory_ = false;
+  int open_errno_ = 0;
   CURLM* multi_ = nullptr;
 };
 

@@ -1,56 +1,142 @@
 #include "tessaline/auth/http/session_pool.hpp"
 
 #include <algorithm>
-#include <iterator>
 #include <mutex>
 #include <tuple>
+#include <utility>
 
+#include "tessaline/auth/http/failure.hpp"
+#include "tessaline/auth/http/idle_reaper.hpp"
 #include "tessaline/auth/http/process.hpp"
 
 namespace tessaline::auth::http {
+
+/// Every member but `sleep` is for a thread that holds the process mutex.
+class SessionPool::Waiter {
+ public:
+  Waiter(SessionPool& pool, const Wish& wish) : pool_(pool), wish_(wish) {}
+  ~Waiter() {
+    Session* unused = nullptr;
+    {
+      const std::lock_guard lock(process::mutex());
+      if (!enlisted_) return;
+      std::erase(pool_.waiters_, this);
+      unused = granted;
+    }
+    if (unused != nullptr) pool_.give_back(*unused);
+  }
+  Waiter(const Waiter&) = delete;
+  Waiter& operator=(const Waiter&) = delete;
+
+  void enlist() {
+    if (enlisted_) return;
+    pool_.waiters_.push_back(this);
+    enlisted_ = true;
+  }
+
+  bool wants(const Route& route) const noexcept { return wish_.route == route; }
+  bool takes_used() const noexcept { return !wish_.fresh; }
+
+  void wake() noexcept {
+    woken_ = true;
+    awake_.notify_one();
+  }
+
+  /// Not under the mutex, and inside libcurl. Returns when woken, or then.
+  void sleep(TimePoint until) {
+    const process::Outside outside;
+    std::unique_lock lock(process::mutex());
+    awake_.wait_until(lock, until, [this] { return woken_; });
+    woken_ = false;
+  }
+
+  Session* granted = nullptr;  ///< leased for this one
+
+ private:
+  SessionPool& pool_;
+  const Wish& wish_;
+  std::condition_variable awake_;
+  bool enlisted_ = false;
+  bool woken_ = false;
+};
 
 SessionPool& SessionPool::shared() {
   static SessionPool& pool = *new SessionPool;
   return pool;
 }
 
-Session& SessionPool::take(const std::string& origin, TimePoint now) {
-  std::string origin_copy = origin;
-  std::vector<Owned> outdated;  // both closed after the lock is released
-  Owned surplus;
-  {
-    const std::lock_guard lock(process::mutex());
-    outdated = remove_outdated(now);
-    outdated.reserve(outdated.size() + sessions_.size());
-    while (Session* session = choose_idle(origin)) {
-      if (session->is_quiet()) {
-        session->leased = true;
-        session->origin.swap(origin_copy);
-        return *session;
+Session& SessionPool::take(const Wish& wish, TimePoint now) {
+  Route route = wish.route;
+  Waiter waiter(*this, wish);
+  Owned spare;
+  for (;;) {
+    std::vector<Owned> outdated;  // both closed after the lock is released
+    Owned surplus;
+    Chosen chosen;
+    {
+      const std::lock_guard lock(process::mutex());
+      if (Session* granted = std::exchange(waiter.granted, nullptr)) return *granted;
+      outdated.reserve(sessions_.size() + 1);
+      while (Owned session = remove_outdated(now)) outdated.push_back(std::move(session));
+      chosen = choose(wish, &waiter, now, outdated);
+      if (chosen.may_connect && chosen.session == nullptr && spare) {
+        sessions_.push_back(std::move(spare));
+        chosen.session = sessions_.back().get();
+        if (count_idle() >= kWarmOrigins) surplus = remove_oldest_idle();
       }
-      outdated.push_back(remove(*session));
+      if (chosen.may_connect && chosen.session != nullptr) chosen.session->connected_at = now;
+      if (chosen.session != nullptr) return lease(*chosen.session, route);
+      if (!chosen.may_connect) waiter.enlist();
     }
-    if (count_idle() >= kWarmOrigins) surplus = remove_oldest_idle();
+    if (chosen.may_connect) {
+      spare = std::make_unique<Session>();
+      continue;
+    }
+    if (wish.deadline.passed(now)) throw timed_out(wish.ticker.peer(), wish.deadline);
+    const auto left = std::min(wish.ticker.until_due(), wish.deadline.left(now));
+    waiter.sleep(std::min(chosen.next_try, now + left));
+    wish.ticker.call_if_due();
+    now = std::chrono::steady_clock::now();
   }
-  Owned created = std::make_unique<Session>();
-  created->origin.swap(origin_copy);
-  const std::lock_guard lock(process::mutex());
-  sessions_.push_back(std::move(created));
-  return *sessions_.back();
 }
 
 void SessionPool::give_back(Session& session, TimePoint now) noexcept {
   Owned surplus;  // closed after the lock is released
   const std::lock_guard lock(process::mutex());
   if (!session.belongs_to_this_process()) return;
+  if (hand_over(session)) return;
   session.leased = false;
   session.idle_since = now;
+  if (!session.has_connection()) wake_first(session.route);
   if (count_idle() > kMaxIdle) surplus = remove_oldest_idle();
+  idle_reaper::need();
+}
+
+std::optional<SessionPool::TimePoint> SessionPool::close_outdated(TimePoint now) noexcept {
+  for (;;) {
+    Owned outdated;  // closed after the lock is released
+    const std::lock_guard lock(process::mutex());
+    outdated = remove_outdated(now);
+    if (outdated) continue;
+    const auto oldest = std::ranges::min_element(
+        sessions_, {}, [](const Owned& session) { return std::tuple(session->leased, session->idle_since); });
+    if (oldest == sessions_.end() || (*oldest)->leased) return std::nullopt;
+    return (*oldest)->idle_since + kMaxIdleTime;
+  }
 }
 
 std::size_t SessionPool::idle_count() const {
   const std::lock_guard lock(process::mutex());
   return count_idle();
+}
+
+std::size_t SessionPool::waiting_count() const {
+  const std::lock_guard lock(process::mutex());
+  return waiters_.size();
+}
+
+bool SessionPool::has_idle() const noexcept {
+  return count_idle() > 0;
 }
 
 void SessionPool::forget_all() noexcept {
@@ -59,61 +145,96 @@ void SessionPool::forget_all() noexcept {
     static_cast<void>(session.release());
   }
   sessions_.clear();
+  waiters_.clear();
+}
+
+SessionPool::Chosen SessionPool::choose(const Wish& wish, const Waiter* self, TimePoint now,
+                                        std::vector<Owned>& outdated) {
+  std::size_t ahead = 0;
+  for (const Waiter* waiter : waiters_) {
+    if (waiter == self) break;
+    if (waiter->wants(wish.route)) ++ahead;
+  }
+  while (!wish.fresh && ahead == 0) {
+    Session* session = find_connected(wish.route);
+    if (session == nullptr) break;
+    if (session->is_quiet()) return {.session = session};
+    outdated.push_back(remove(*session));
+  }
+  std::size_t connections = 0;
+  TimePoint latest{};
+  for (const Owned& session : sessions_) {
+    if (!(session->leased || session->has_connection()) || !(session->route == wish.route)) continue;
+    ++connections;
+    latest = std::max(latest, session->connected_at);
+  }
+  const bool is_burst = connections + ahead >= kAtOnce;
+  const TimePoint next_try = latest + kPace * static_cast<int>(ahead + 1);
+  if (is_burst && now < next_try) return {.next_try = next_try};
+  return {.session = find_unconnected(), .may_connect = true};
+}
+
+Session& SessionPool::lease(Session& session, Route& route) noexcept {
+  session.leased = true;
+  std::swap(session.route, route);
+  return session;
+}
+
+Session* SessionPool::find_connected(const Route& route) const noexcept {
+  Session* latest = nullptr;
+  for (const Owned& session : sessions_) {
+    if (session->leased || !session->has_connection() || !(session->route == route)) continue;
+    if (latest == nullptr || session->idle_since >= latest->idle_since) latest = session.get();
+  }
+  return latest;
+}
+
+Session* SessionPool::find_unconnected() const noexcept {
+  const auto found = std::ranges::find_if(
+      sessions_, [](const Owned& session) { return !session->leased && !session->has_connection(); });
+  return found == sessions_.end() ? nullptr : found->get();
+}
+
+bool SessionPool::hand_over(Session& session) noexcept {
+  if (!session.has_connection()) return false;
+  const auto first = std::ranges::find_if(waiters_, [&](const Waiter* waiter) {
+    return waiter->granted == nullptr && waiter->takes_used() && waiter->wants(session.route);
+  });
+  if (first == waiters_.end() || !session.is_quiet()) return false;
+  (*first)->granted = &session;
+  (*first)->wake();
+  return true;
+}
+
+void SessionPool::wake_first(const Route& route) noexcept {
+  const auto first =
+      std::ranges::find_if(waiters_, [&](const Waiter* waiter) { return waiter->wants(route); });
+  if (first != waiters_.end()) (*first)->wake();
 }
 
 SessionPool::Owned SessionPool::remove(const Session& session) noexcept {
-  const auto found = std::find_if(sessions_.begin(), sessions_.end(),
-                                  [&](const Owned& owned) { return owned.get() == &session; });
+  const auto found = std::ranges::find(sessions_, &session, &Owned::get);
   Owned removed = std::move(*found);
   sessions_.erase(found);
   return removed;
 }
 
-std::vector<SessionPool::Owned> SessionPool::remove_outdated(TimePoint now) {
-  const auto is_outdated = [&](const Owned& session) {
+SessionPool::Owned SessionPool::remove_outdated(TimePoint now) noexcept {
+  const auto found = std::ranges::find_if(sessions_, [&](const Owned& session) {
     return !session->leased && now - session->idle_since > kMaxIdleTime;
-  };
-  std::vector<Owned> outdated;
-  outdated.reserve(static_cast<std::size_t>(std::count_if(sessions_.begin(), sessions_.end(), is_outdated)));
-  for (Owned& session : sessions_) {
-    if (is_outdated(session)) outdated.push_back(std::move(session));
-  }
-  std::erase(sessions_, nullptr);
-  return outdated;
+  });
+  return found == sessions_.end() ? nullptr : remove(**found);
 }
 
 SessionPool::Owned SessionPool::remove_oldest_idle() noexcept {
-  const auto oldest =
-      std::min_element(sessions_.begin(), sessions_.end(), [](const Owned& left, const Owned& right) {
-        return std::tuple(left->leased, left->idle_since) < std::tuple(right->leased, right->idle_since);
-      });
-  Owned removed = std::move(*oldest);
-  sessions_.erase(oldest);
-  return removed;
-}
-
-Session* SessionPool::choose_idle(const std::string& origin) const noexcept {
-  const auto rank = [&](const Session& session) {
-    return std::tuple(session.origin == origin && session.has_connection(), session.idle_since);
-  };
-  Session* best = nullptr;
-  for (const Owned& session : sessions_) {
-    if (session->leased || (session->origin != origin && session->has_connection())) continue;
-    if (best == nullptr || rank(*session) >= rank(*best)) best = session.get();
-  }
-  return best;
+  const auto oldest = std::ranges::min_element(
+      sessions_, {}, [](const Owned& session) { return std::tuple(session->leased, session->idle_since); });
+  return remove(**oldest);
 }
 
 std::size_t SessionPool::count_idle() const noexcept {
-  return static_cast<std::size_t>(std::count_if(sessions_.begin(), sessions_.end(),
-                                                [](const Owned& session) { return !session->leased; }));
-}
-
-SessionLease::SessionLease(const std::string& origin)
-    : session_(SessionPool::shared().take(origin, std::chrono::steady_clock::now())) {}
-
-SessionLease::~SessionLease() {
-  SessionPool::shared().give_back(session_, std::chrono::steady_clock::now());
+  return static_cast<std::size_t>(
+      std::ranges::count_if(sessions_, [](const Owned& session) { return !session->leased; }));
 }
 
 }  // namespace tessaline::auth::http

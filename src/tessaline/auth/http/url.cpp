@@ -1,45 +1,16 @@
 #include "tessaline/auth/http/url.hpp"
 
-#include <curl/curl.h>
-
 #include <algorithm>
-#include <memory>
-#include <new>
 
+#include "tessaline/auth/http/curl_url.hpp"
 #include "tessaline/auth/http/http_client.hpp"
 #include "tessaline/auth/http/text.hpp"
 
 namespace tessaline::auth::http {
 namespace {
 
-struct UrlCleanup {
-  void operator()(CURLU* handle) const { curl_url_cleanup(handle); }
-};
-using UrlHandle = std::unique_ptr<CURLU, UrlCleanup>;
-
 [[noreturn]] void refuse(const char* why) {
   throw TransportFailure(FailureKind::kInvalidRequest, why);
-}
-
-UrlHandle new_handle() {
-  UrlHandle handle(curl_url());
-  if (!handle) throw std::bad_alloc();
-  return handle;
-}
-
-bool set_url(const UrlHandle& handle, const std::string& text, unsigned flags) {
-  const CURLUcode code = curl_url_set(handle.get(), CURLUPART_URL, text.c_str(), flags);
-  if (code == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
-  return code == CURLUE_OK;
-}
-
-std::string part_of(const UrlHandle& handle, CURLUPart part, unsigned flags = 0) {
-  char* text = nullptr;
-  const CURLUcode code = curl_url_get(handle.get(), part, &text, flags);
-  if (code == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
-  if (code != CURLUE_OK) refuse("URL has no valid host or port");
-  const std::unique_ptr<char, decltype(&curl_free)> owned(text, curl_free);
-  return owned.get();
 }
 
 bool is_visible(char c) {
@@ -75,12 +46,32 @@ std::string escape_unsendable(std::string_view reference) {
   return result;
 }
 
-std::string merge_paths(const std::string& base, const std::string& reference) {
-  const UrlHandle handle = new_handle();
-  if (!set_url(handle, base, CURLU_PATH_AS_IS) || !set_url(handle, reference, 0)) {
-    refuse("reference cannot be resolved");
+/// Takes "." and ".." out of a path that starts with a slash (RFC 3986, section 5.2.4).
+std::string without_dot_segments(std::string_view path) {
+  std::string result;
+  while (!path.empty()) {
+    const auto next = std::min(path.find('/', 1), path.size());
+    const std::string_view segment = path.substr(0, next);
+    const bool last = next == path.size();
+    if (segment == "/..") result.erase(std::min(result.rfind('/'), result.size()));
+    const bool stays = segment != "/." && segment != "/..";
+    if (stays) result += segment;
+    if (!stays && last) result += '/';
+    path.remove_prefix(next);
   }
-  return part_of(handle, CURLUPART_URL);
+  return result;
+}
+
+/// A reference that is a path, with what may follow it (RFC 3986, section 5.2.3).
+std::string merge_paths(const Url& base, std::string_view reference) {
+  const auto path_size = std::min(reference.find_first_of("?#"), reference.size());
+  std::string path(reference.substr(0, path_size));
+  if (!path.starts_with('/')) {
+    const std::string target = base.target();
+    const auto folder = target.substr(0, target.find('?'));
+    path.insert(0, folder, 0, folder.rfind('/') + 1);
+  }
+  return base.root() + without_dot_segments(path) + std::string(reference.substr(path_size));
 }
 
 std::string resolve_relative(const Url& base, const std::string& reference) {
@@ -89,7 +80,7 @@ std::string resolve_relative(const Url& base, const std::string& reference) {
   const std::string document = base.text.substr(0, base.text.find('#'));
   if (reference.front() == '#') return document + reference;
   if (reference.front() == '?') return document.substr(0, document.find('?')) + reference;
-  return merge_paths(document, reference);
+  return merge_paths(base, reference);
 }
 
 std::string resolve(const Url& base, std::string reference) {
@@ -110,6 +101,12 @@ std::string Url::origin() const {
   return scheme + "://" + peer();
 }
 
+std::string Url::target() const {
+  const auto begin = scheme.size() + 3 + authority.size();
+  std::string target = text.substr(begin, std::min(text.find('#', begin), text.size()) - begin);
+  return target.starts_with('/') ? target : "/" + target;
+}
+
 Url parse_url(std::string text) {
   if (!std::all_of(text.begin(), text.end(), is_visible)) {
     refuse("URL holds a blank, a control character or a character outside ASCII");
@@ -126,12 +123,16 @@ Url parse_url(std::string text) {
   if (authority.empty()) refuse("URL names no host");
   if (authority.find('@') != std::string_view::npos) refuse("URL holds user information");
 
-  const UrlHandle handle = new_handle();
-  if (!set_url(handle, text, CURLU_PATH_AS_IS | CURLU_DISALLOW_USER)) refuse("URL has no valid host or port");
-  url.host = lower_case(part_of(handle, CURLUPART_HOST));
-  // As it stands after its escapes were read.
-  if (!std::all_of(url.host.begin(), url.host.end(), is_visible)) refuse("URL has no valid host or port");
-  url.port = part_of(handle, CURLUPART_PORT, CURLU_DEFAULT_PORT);
+  url.authority = authority;
+
+  CurlUrl read;
+  const bool valid = read.set(CURLUPART_URL, url.root() + "/", CURLU_DISALLOW_USER);
+  const auto host = valid ? read.get(CURLUPART_HOST) : std::nullopt;
+  const auto port = valid ? read.get(CURLUPART_PORT, CURLU_DEFAULT_PORT) : std::nullopt;
+  // The host as it stands after its escapes were read.
+  if (!host || !port || !std::ranges::all_of(*host, is_visible)) refuse("URL has no valid host or port");
+  url.host = lower_case(*host);
+  url.port = *port;
   url.text = std::move(text);
   return url;
 }

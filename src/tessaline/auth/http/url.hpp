@@ -8,13 +8,20 @@ namespace tessaline::auth::http {
 
 /// An absolute http or https URL, and whose server it names.
 struct Url {
-  std::string text;    ///< as it is sent
-  std::string scheme;  ///< lower case
-  std::string host;    ///< lower case; an IPv6 address in its brackets
-  std::string port;    ///< the scheme's own where the URL names none
+  std::string text;       ///< as given
+  std::string scheme;     ///< lower case
+  std::string authority;  ///< as given: host and port
+  std::string host;       ///< lower case; an IPv6 address in its brackets
+  std::string port;       ///< the scheme's own where the URL names none
 
   /// "host:port", all that a message may say of a URL.
   std::string peer() const;
+
+  /// The root of the server, in the URL's own spelling.
+  std::string root() const { return scheme + "://" + authority; }
+
+  /// What is asked of the server (RFC 9112, section 3.2.1), byte for byte as given: path and query.
+  std::string target() const;
 
   /// Scheme, host and port in one text, equal for two URLs of one server.
   std::string origin() const;

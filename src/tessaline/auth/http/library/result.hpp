@@ -11,6 +11,7 @@ namespace tessaline::auth::http {
 struct Failed {
   FailureKind kind;
   std::string message;
+  FailureDetail detail;
 };
 
 struct OutOfMemory {};

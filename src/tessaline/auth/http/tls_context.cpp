@@ -1,0 +1,130 @@
+#include "tessaline/auth/http/tls_context.hpp"
+
+#include <curl/curl.h>
+#include <openssl/err.h>
+#include <openssl/opensslv.h>
+#include <openssl/sslerr.h>
+
+#include <algorithm>
+#include <new>
+#include <string_view>
+#include <utility>
+
+namespace tessaline::auth::http {
+namespace {
+
+/// Lives as long as the context.
+struct Binding {
+  std::shared_ptr<const Trust> trust;
+  std::string peer;
+  TlsSight* sight;
+};
+
+void free_binding(void*, void* binding, CRYPTO_EX_DATA*, int, long, void*) {
+  delete static_cast<Binding*>(binding);
+}
+
+int binding_index() {
+  static const int index = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, free_binding);
+  if (index < 0) throw std::bad_alloc();
+  return index;
+}
+
+const Binding& binding_of(const SSL* connection) {
+  return *static_cast<const Binding*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), binding_index()));
+}
+
+int on_new_session(SSL* connection, SSL_SESSION* session) {
+  const Binding& binding = binding_of(connection);
+  if (SSL_get_verify_result(connection) == X509_V_OK) {
+    SSL_SESSION_up_ref(session);
+    TlsSession owned(session);
+    try {
+      binding.trust->sessions().keep(binding.peer, std::move(owned));
+    } catch (const std::bad_alloc&) {  // a full handshake next time
+    }
+  }
+  return 0;  // OpenSSL's own reference stays its own
+}
+
+// libcurl makes the connection's object itself; here it is first seen, before anything is sent.
+void offer_session(const SSL* connection, const Binding& binding) {
+  try {
+    if (const TlsSession session = binding.trust->sessions().take(binding.peer)) {
+      SSL_set_session(const_cast<SSL*>(connection), session.get());
+    }
+  } catch (const std::bad_alloc&) {  // a full handshake then
+  }
+}
+
+void note_alert(int where, unsigned alert, TlsSight& sight) {
+  constexpr unsigned kFatal = 2;
+  const unsigned description = alert & 0xffU;
+  if ((alert >> 8U) == kFatal) sight.fatal_alert = static_cast<int>(description);
+  if (where == SSL_CB_READ_ALERT && description == SSL_AD_CLOSE_NOTIFY) sight.closed = true;
+}
+
+void on_event(const SSL* connection, int where, int result) {
+  const Binding& binding = binding_of(connection);
+  TlsSight& sight = *binding.sight;
+  if (where == SSL_CB_HANDSHAKE_START && SSL_in_before(connection) != 0) {
+    sight = {.started = true};
+    offer_session(connection, binding);
+  }
+  if ((where & SSL_CB_ALERT) != 0) note_alert(where, static_cast<unsigned>(result), sight);
+  if (where == SSL_CB_CONNECT_EXIT) {
+    if (result <= 0) sight.error = ERR_peek_last_error();
+    sight.verify_code = SSL_get_verify_result(connection);
+  }
+}
+
+bool is_unexpected_end(unsigned long error) {
+  return ERR_GET_LIB(error) == ERR_LIB_SSL && ERR_GET_REASON(error) == SSL_R_UNEXPECTED_EOF_WHILE_READING;
+}
+
+}  // namespace
+
+bool TlsSight::hung_up() const noexcept {
+  return fatal_alert < 0 && (error == 0 || is_unexpected_end(error));
+}
+
+std::string TlsSight::reason() const {
+  const unsigned long code =
+      fatal_alert >= 0 && error == 0 ? ERR_PACK(ERR_LIB_SSL, 0, SSL_AD_REASON_OFFSET + fatal_alert) : error;
+  const char* const words = ERR_reason_error_string(code);
+  std::string name = words == nullptr ? "" : words;
+  for (char& unit : name) {
+    const bool lower = unit >= 'a' && unit <= 'z';
+    const bool stays = (unit >= 'A' && unit <= 'Z') || (unit >= '0' && unit <= '9');
+    if (lower) unit = static_cast<char>(unit - 'a' + 'A');
+    if (!lower && !stays) unit = '_';
+  }
+  return name;
+}
+
+std::string verify_message(long verify_code) {
+  return X509_verify_cert_error_string(verify_code);
+}
+
+bool tls_is_shared() noexcept {
+  static const bool shared = [] {
+    const curl_version_info_data* const curl = curl_version_info(CURLVERSION_NOW);
+    const std::string_view theirs = curl->ssl_version == nullptr ? "" : curl->ssl_version;
+    constexpr std::string_view kPrefix = "OpenSSL/";
+    return theirs.starts_with(kPrefix) &&
+           theirs.substr(kPrefix.size()) == OpenSSL_version(OPENSSL_VERSION_STRING);
+  }();
+  return shared;
+}
+
+void bind_context(SSL_CTX* context, std::shared_ptr<const Trust> trust, std::string peer, TlsSight& sight) {
+  if (SSL_CTX_set1_verify_cert_store(context, trust->roots().store()) != 1) throw std::bad_alloc();
+  auto binding = std::make_unique<Binding>(Binding{std::move(trust), std::move(peer), &sight});
+  if (SSL_CTX_set_ex_data(context, binding_index(), binding.get()) != 1) throw std::bad_alloc();
+  static_cast<void>(binding.release());
+  SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
+  SSL_CTX_sess_set_new_cb(context, on_new_session);
+  SSL_CTX_set_info_callback(context, on_event);
+}
+
+}  // namespace tessaline::auth::http

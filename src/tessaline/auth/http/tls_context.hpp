@@ -1,0 +1,38 @@
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <memory>
+#include <string>
+
+#include "tessaline/auth/http/trust.hpp"
+
+namespace tessaline::auth::http {
+
+/// What was seen of TLS on a connection, in OpenSSL's numbers.
+struct TlsSight {
+  bool started = false;     ///< a handshake was begun
+  unsigned long error = 0;  ///< why it ended; 0 where the connection did
+  int fatal_alert = -1;     ///< sent by either side (RFC 8446, section 6)
+  bool closed = false;      ///< the peer said that it would send no more (close_notify)
+  long verify_code = 0;     ///< of the peer's certificate, as X509_V_ERR_...
+
+  /// Whether the connection ended in the middle of TLS, with nothing wrong before.
+  bool hung_up() const noexcept;
+  /// OpenSSL's name for what went wrong, as Python has it: "WRONG_VERSION_NUMBER"; empty where it has none.
+  std::string reason() const;
+};
+
+/// "unable to get local issuer certificate" for the code of it.
+std::string verify_message(long verify_code);
+
+/// Whether libcurl speaks TLS through the very OpenSSL that this was linked with. Where it does not, it reads
+/// the trusted certificates itself, and nothing of TLS is seen or resumed.
+bool tls_is_shared() noexcept;
+
+/// Makes a connection that libcurl is about to begin one of this trust: verified by its store, resumed from
+/// its sessions and offering new ones to them. `peer` is whom the certificate is checked for. `sight` is
+/// written while the connection lives. Throws std::bad_alloc.
+void bind_context(SSL_CTX* context, std::shared_ptr<const Trust> trust, std::string peer, TlsSight& sight);
+
+}  // namespace tessaline::auth::http
