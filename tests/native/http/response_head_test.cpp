@@ -4,6 +4,8 @@
 
 #include <initializer_list>
 
+#include "tessaline/auth/http/limits.hpp"
+
 namespace tessaline::auth::http {
 namespace {
 
@@ -55,6 +57,37 @@ TEST(ResponseHead, RefusesOtherProtocols) {
     ResponseHead head;
     EXPECT_FALSE(head.add_line(line)) << line;
   }
+}
+
+TEST(ResponseHead, RefusesWhatIsNoHead) {
+  for (const char* line : {"HTTP/1.1 2000 OK\r\n", "HTTP/1.1 abc\r\n", "HTTP/1.1\t200\r\n", "HTTP/1.1200\r\n",
+                           "\r\n", "X: y\r\n", " X: y\r\n"}) {
+    EXPECT_FALSE(ResponseHead().add_line(line)) << line;
+  }
+  for (const std::string& line :
+       {std::string("no colon\r\n"), std::string(" folded\r\n"), std::string("X: a\0b\r\n", 8)}) {
+    auto head = read({"HTTP/1.1 200 OK\r\n"});
+    EXPECT_FALSE(head.add_line(line)) << line;
+  }
+}
+
+TEST(ResponseHead, IsBounded) {
+  ResponseHead many;
+  std::size_t lines = 0;
+  EXPECT_TRUE(many.add_line("HTTP/1.1 200 OK\r\n"));
+  while (many.add_line("a: b\r\n")) ++lines;
+  EXPECT_EQ(lines, kMostFields - 1);
+  ResponseHead wide;
+  const std::string line = "a: " + std::string(10'000, 'b') + "\r\n";
+  EXPECT_TRUE(wide.add_line("HTTP/1.1 200 OK\r\n"));
+  for (lines = 0; wide.add_line(line);) ++lines;
+  EXPECT_EQ(lines, kMostHeadBytes / line.size());
+}
+
+TEST(ResponseHead, TellsHowTheBodyEnds) {
+  EXPECT_TRUE(read({"HTTP/1.1 200 OK\r\n", "transfer-encoding: x, Chunked\r\n", "\r\n"}).chunked());
+  EXPECT_FALSE(read({"HTTP/1.1 200 OK\r\n", "Transfer-Encoding: chunkedx\r\n", "\r\n"}).chunked());
+  EXPECT_TRUE(read({"HTTP/1.1 200 OK\r\n", "Content-Length: 0\r\n", "\r\n"}).has_length());
 }
 
 }  // namespace

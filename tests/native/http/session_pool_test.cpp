@@ -101,6 +101,18 @@ TEST_F(SessionPoolTest, ClosesWhatWasIdleTooLong) {
   EXPECT_EQ(pool_.idle_count(), 1U);
 }
 
+TEST_F(SessionPoolTest, TellsWhenTheNextIsToBeClosed) {
+  EXPECT_EQ(pool_.close_outdated(kStart), std::nullopt);
+  use("old", kStart);
+  use("new", kStart + 10s);
+  EXPECT_EQ(pool_.close_outdated(kStart + 10s), kStart + SessionPool::kMaxIdleTime);
+  EXPECT_EQ(pool_.close_outdated(kStart + SessionPool::kMaxIdleTime + 1s),
+            kStart + 10s + SessionPool::kMaxIdleTime);
+  EXPECT_EQ(pool_.idle_count(), 1U);
+  EXPECT_EQ(pool_.close_outdated(kStart + 1h), std::nullopt);
+  EXPECT_EQ(pool_.idle_count(), 0U);
+}
+
 TEST_F(SessionPoolTest, GivesNoConnectionToAnotherTrustOrProxy) {
   Session* plain = use("one", kStart);
   Route other = route_to("one");

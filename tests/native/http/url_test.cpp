@@ -35,6 +35,21 @@ TEST(Url, KeepsItsText) {
   EXPECT_EQ(parse_url(text).text, text);
 }
 
+TEST(Url, TargetIsWhatWasGiven) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"http://h", "/"},
+      {"http://h?q", "/?q"},
+      {"http://h#f", "/"},
+      {"http://h/?", "/?"},
+      {"http://h/a;b=c", "/a;b=c"},
+      {"http://h/%7Eto/%2e#f?x", "/%7Eto/%2e"},
+      {"HTTP://H:1/X", "/X"},
+      {"http://[::1]:81/a/../b", "/a/../b"},
+  };
+  for (const auto& [text, target] : cases) EXPECT_EQ(parse_url(text).target(), target) << text;
+  EXPECT_EQ(parse_url("HTTP://H:80/x").root(), "http://H:80");
+}
+
 TEST(Url, RefusesWhatCannotBeSent) {
   for (const char* text : {"",
                            "/path",
@@ -89,6 +104,48 @@ TEST(Reference, ResolvesAgainstTheCurrentUrl) {
   EXPECT_EQ(resolved(base, "//other/x"), "http://other/x");
   EXPECT_EQ(resolved(base, "http:x"), "http://h:81/a/b/x");
   EXPECT_EQ(resolved("http://h", "x"), "http://h/x");
+  EXPECT_EQ(resolved(base, "/%7Eto/%2e;x?y=%2f"), "http://h:81/%7Eto/%2e;x?y=%2f");
+  EXPECT_EQ(resolved("http://h?a/b", "x"), "http://h/x");
+}
+
+// RFC 3986, section 5.4, with the base of its examples.
+TEST(Reference, ResolvesTheExamplesOfTheStandard) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"g", "/b/c/g"},
+      {"./g", "/b/c/g"},
+      {"g/", "/b/c/g/"},
+      {"/g", "/g"},
+      {"?y", "/b/c/d;p?y"},
+      {"g?y", "/b/c/g?y"},
+      {";x", "/b/c/;x"},
+      {"g;x?y#s", "/b/c/g;x?y#s"},
+      {".", "/b/c/"},
+      {"./", "/b/c/"},
+      {"..", "/b/"},
+      {"../", "/b/"},
+      {"../g", "/b/g"},
+      {"../..", "/"},
+      {"../../", "/"},
+      {"../../g", "/g"},
+      {"../../../g", "/g"},
+      {"/./g", "/g"},
+      {"/../g", "/g"},
+      {"g.", "/b/c/g."},
+      {".g", "/b/c/.g"},
+      {"g..", "/b/c/g.."},
+      {"..g", "/b/c/..g"},
+      {"./../g", "/b/g"},
+      {"./g/.", "/b/c/g/"},
+      {"g/./h", "/b/c/g/h"},
+      {"g/../h", "/b/c/h"},
+      {"g;x=1/./y", "/b/c/g;x=1/y"},
+      {"g;x=1/../y", "/b/c/y"},
+      {"g?y/./x", "/b/c/g?y/./x"},
+      {"g#s/../x", "/b/c/g#s/../x"},
+  };
+  for (const auto& [reference, path] : cases) {
+    EXPECT_EQ(resolved("http://a/b/c/d;p?q", reference), std::string("http://a") + path) << reference;
+  }
 }
 
 TEST(Reference, KeepsDotSegmentsOfAnAbsoluteUrl) {

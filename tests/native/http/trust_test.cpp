@@ -1,0 +1,196 @@
+#include "tessaline/auth/http/trust.hpp"
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "tls_server.hpp"
+
+namespace tessaline::auth::http {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Identity;
+using testing::make_identity;
+using testing::TrustDirectory;
+
+class TrustTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<const Trust> by_file() const { return Trust::in_force({trusted_.file(), ""}); }
+  std::shared_ptr<const Trust> by_directory() const { return Trust::in_force({"", trusted_.path()}); }
+
+  /// Until a change leaves a trace in the file system's times.
+  static void settle() { std::this_thread::sleep_for(30ms); }
+
+  static void write(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
+
+  /// Verifies as a handshake would.
+  static int verify(const Trust& trust, X509* certificate) {
+    const std::unique_ptr<X509_STORE_CTX, OpenSslFree<X509_STORE_CTX_free>> context(X509_STORE_CTX_new());
+    X509_STORE_CTX_init(context.get(), trust.roots().store(), certificate, nullptr);
+    X509_verify_cert(context.get());
+    return X509_STORE_CTX_get_error(context.get());
+  }
+
+  std::string failure_of_file(const std::string& text) const {
+    const std::string path = trusted_.path() + "/damaged.pem";
+    write(path, text);
+    std::string told = "(accepted)";
+    try {
+      Trust::in_force({path, ""});
+    } catch (const TransportFailure& failure) {
+      EXPECT_EQ(failure.kind(), FailureKind::kTrustStore);
+      told = failure.what();
+    }
+    unlink(path.c_str());
+    const std::string begin = "trusted certificates cannot be read from " + path + ": ";
+    return told.starts_with(begin) ? told.substr(begin.size()) : told;
+  }
+
+  const Identity authority_ = make_identity("authority", "", nullptr);
+  const Identity good_ = make_identity("server", "IP:127.0.0.1", &authority_);
+  const TrustDirectory trusted_{authority_.certificate.get()};
+};
+
+TEST_F(TrustTest, IsOneForAllWhoAskForTheSame) {
+  const auto first = by_file();
+  settle();
+  EXPECT_EQ(by_file(), first);
+  EXPECT_NE(by_directory(), first);
+  std::vector<std::thread> threads;
+  for (int index = 0; index < 8; ++index) threads.emplace_back([&] { EXPECT_EQ(by_file(), first); });
+  for (std::thread& thread : threads) thread.join();
+}
+
+TEST_F(TrustTest, VerifiesByFileAndByDirectory) {
+  const Identity stranger = make_identity("stranger", "", nullptr);
+  const Identity foreign = make_identity("foreign", "", &stranger);
+  for (const auto& trust : {by_file(), by_directory()}) {
+    for (int round = 0; round < 2; ++round) {
+      EXPECT_EQ(verify(*trust, good_.certificate.get()), X509_V_OK);
+      EXPECT_EQ(verify(*trust, foreign.certificate.get()), X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY);
+    }
+  }
+}
+
+TEST_F(TrustTest, IsVerifiedWithByManyThreadsAtOnce) {
+  for (const auto& trust : {by_file(), by_directory()}) {
+    std::vector<std::thread> threads;
+    for (int index = 0; index < 8; ++index) {
+      threads.emplace_back([&] { EXPECT_EQ(verify(*trust, good_.certificate.get()), X509_V_OK); });
+    }
+    for (std::thread& thread : threads) thread.join();
+  }
+}
+
+TEST_F(TrustTest, IsMadeAnewWhenTheFileChanges) {
+  const auto before = by_file();
+  settle();
+  const Identity other = make_identity("authority", "", nullptr);
+  FILE* output = fopen(trusted_.file().c_str(), "w");
+  PEM_write_X509(output, other.certificate.get());
+  fclose(output);
+  const auto after = by_file();
+  EXPECT_NE(after, before);
+  EXPECT_NE(verify(*after, good_.certificate.get()), X509_V_OK);
+  EXPECT_EQ(verify(*before, good_.certificate.get()), X509_V_OK);
+}
+
+TEST_F(TrustTest, IsTheSameForAFileThatWasJustWrittenAndNotChangedSince) {
+  write(trusted_.path() + "/roots.pem", [&] {
+    std::ifstream input(trusted_.file());
+    return std::string(std::istreambuf_iterator<char>(input), {});
+  }());
+  const TrustStore places{trusted_.path() + "/roots.pem", ""};
+  EXPECT_EQ(Trust::in_force(places), Trust::in_force(places));
+  unlink(places.ca_file.c_str());
+}
+
+TEST_F(TrustTest, NoticesAChangeWithinOneTickOfTheClock) {
+  std::ifstream input(trusted_.file());
+  const std::string good(std::istreambuf_iterator<char>(input), {});
+  std::string other = good;
+  const auto place = other.find("\n") + 20;
+  other[place] = other[place] == 'A' ? 'B' : 'A';
+  const std::string path = trusted_.path() + "/roots.pem";
+  for (int round = 0; round < 20; ++round) {
+    write(path, good);
+    const auto before = Trust::in_force({path, ""});
+    write(path, other);
+    EXPECT_NE(Trust::in_force({path, ""}), before);
+  }
+  unlink(path.c_str());
+}
+
+TEST_F(TrustTest, IsMadeAnewWhenTheDirectoryChanges) {
+  settle();
+  const auto before = by_directory();
+  EXPECT_EQ(verify(*before, good_.certificate.get()), X509_V_OK);
+  settle();
+  EXPECT_EQ(by_directory(), before);
+  write(trusted_.path() + "/new", "");
+  EXPECT_NE(by_directory(), before);
+  unlink((trusted_.path() + "/new").c_str());
+}
+
+TEST_F(TrustTest, IsMadeAnewWhenAFileOfTheDirectoryChangesThatWasUsed) {
+  settle();
+  const auto before = by_directory();
+  EXPECT_EQ(verify(*before, good_.certificate.get()), X509_V_OK);
+  for (const auto& entry : std::filesystem::directory_iterator(trusted_.path())) {
+    if (entry.path().extension() == ".0") write(entry.path(), "withdrawn");
+  }
+  const auto after = by_directory();
+  EXPECT_NE(after, before);
+  EXPECT_NE(verify(*after, good_.certificate.get()), X509_V_OK);
+}
+
+TEST_F(TrustTest, FilesThatCannotBeReadSayWhy) {
+  std::ifstream input(trusted_.file());
+  const std::string good(std::istreambuf_iterator<char>(input), {});
+  EXPECT_EQ(failure_of_file(""), "it is empty");
+  EXPECT_EQ(failure_of_file("no certificate\n"), "there is no certificate in it");
+  EXPECT_EQ(failure_of_file(good + good.substr(0, good.size() / 2)), "it is damaged after certificate 1");
+  EXPECT_EQ(failure_of_file("-----BEGIN CERTIFICATE-----\n!\n-----END CERTIFICATE-----\n"),
+            "it is damaged after certificate 0");
+  EXPECT_EQ(failure_of_file("# comment\r\n" + good + "\nmore words\n" + good), "(accepted)");
+}
+
+TEST_F(TrustTest, WhatIsDamagedWithinIsNotTrusted) {
+  const std::string broken = "-----BEGIN CERTIFICATE-----\nMAUwAwIBAA==\n-----END CERTIFICATE-----\n";
+  std::ifstream input(trusted_.file());
+  const std::string good(std::istreambuf_iterator<char>(input), {});
+  const std::string path = trusted_.path() + "/roots.pem";
+  write(path, broken + good);
+  EXPECT_EQ(verify(*Trust::in_force({path, ""}), good_.certificate.get()), X509_V_OK);
+  unlink(path.c_str());
+}
+
+TEST_F(TrustTest, SessionsAreGivenOutOnceAndBounded) {
+  TlsSessions sessions;
+  const auto fresh = [] {
+    TlsSession session(SSL_SESSION_new());
+    SSL_SESSION_set_protocol_version(session.get(), TLS1_3_VERSION);
+    const unsigned char id[] = {1};
+    SSL_SESSION_set1_id(session.get(), id, sizeof id);
+    return session;
+  };
+  for (std::size_t index = 0; index < 2 * TlsSessions::kMostOfOnePeer; ++index) sessions.keep("one", fresh());
+  for (std::size_t index = 0; index < TlsSessions::kMostOfOnePeer; ++index)
+    EXPECT_NE(sessions.take("one"), nullptr);
+  EXPECT_EQ(sessions.take("one"), nullptr);
+  EXPECT_EQ(sessions.take("other"), nullptr);
+  sessions.keep("old", fresh());
+  for (std::size_t index = 0; index < TlsSessions::kMostPeers; ++index)
+    sessions.keep(std::to_string(index), fresh());
+  EXPECT_EQ(sessions.take("old"), nullptr);
+  EXPECT_NE(sessions.take("0"), nullptr);
+  TlsSession late = fresh();
+  SSL_SESSION_set_time(late.get(), SSL_SESSION_get_time(late.get()) - TlsSessions::kLongestSeconds);
+  sessions.keep("late", std::move(late));
+  EXPECT_EQ(sessions.take("late"), nullptr);
+}
+
+}  // namespace
+}  // namespace tessaline::auth::http
