@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test types fuzz leaks exits build devserver bench docs check format warnings tidy coverage ctime chaos model sanitize torture wheel test-wheel pins clean
+.PHONY: help demo test real types fuzz leaks exits build devserver bench docs check format warnings tidy coverage ctime chaos model sanitize torture wheel test-wheel pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -38,6 +38,9 @@ docs: build ## build the documentation into build/docs, warnings being errors
 
 check: build ## formatters, linters, types, house rules, git diff; changes nothing (1 min; 15 when every source is new to clang-tidy)
 	@tools/check $(ARGS)
+
+real: build ## log in through real servers and proxies: nginx, HAProxy, Squid, Tinyproxy, gunicorn, ... (20 s)
+	@tools/real $(ARGS)
 
 types: build ## mypy, pyright and stubtest (about 30 s)
 	@tools/types

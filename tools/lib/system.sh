@@ -61,6 +61,9 @@ has_package() {
     libclang-rt-19-dev) has_runtime 'asan*.so' 19 ;;
     llvm-19) "$(clang_tool clang++ 19)" -print-prog-name=llvm-symbolizer | grep '^/' ;;
     clang-tidy-16) clang_tool clang-tidy ;;
+    haproxy) at_least 2.6 "$(version_of haproxy -v)" ;;
+    squid-openssl) squid -v | grep -e --with-openssl ;;
+    tinyproxy) at_least 1.11 "$(version_of tinyproxy -v)" ;;
     nginx) type -P nginx || [[ -x /usr/sbin/nginx ]] ;;
     shellcheck) tool shellcheck 0.9 ;;
     spin) spin -V 2>/dev/null | grep '^Spin Version' ;;

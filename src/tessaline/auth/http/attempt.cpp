@@ -1,6 +1,7 @@
 #include "tessaline/auth/http/attempt.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <memory>
 #include <mutex>
@@ -146,11 +147,9 @@ bool Attempt::run(Ticker& ticker) {
   require(curl_multi_add_handle(session_.multi(), easy_.get()));
   const CURLcode code = drive(ticker);
   if (session_.ran_out_of_memory() || out_of_memory_) throw std::bad_alloc();
-  if ((code == CURLE_OK && head_.complete() && !is_cut_short()) || head_was_all()) {
-    response_.status = static_cast<int>(info(CURLINFO_RESPONSE_CODE));
-    response_.headers = head_.take_fields();
-    return true;
-  }
+  response_.status = static_cast<int>(info(CURLINFO_RESPONSE_CODE));
+  response_.headers = head_.take_fields();
+  if ((code == CURLE_OK && head_.complete()) || head_was_all() || ended_with_connection(code)) return true;
   examine(code);
   return false;
 }
@@ -161,11 +160,13 @@ bool Attempt::head_was_all() const noexcept {
   return hop_.method == "HEAD" && hop_.body != nullptr && head_.complete() && !head_.interim();
 }
 
-// A body that ends with its connection is whole only if TLS said so (RFC 9112, section 9.8); some versions of
-// libcurl do not look.
-bool Attempt::is_cut_short() const noexcept {
-  const bool to_the_end = !head_.chunked() && !head_.has_length() && !response_.body.empty();
-  return to_the_end && hop_.url.scheme == "https" && tls_is_shared() && !session_.tls.closed;
+// A body that ends with its connection may end without TLS's word for it, as it does with the host's own
+// client; libcurl from 8 on calls that an error.
+bool Attempt::ended_with_connection(CURLcode code) const {
+  const bool to_the_end = head_.complete() && !head_.chunked() && !head_.has_length();
+  if (code != CURLE_RECV_ERROR || !to_the_end || hop_.url.scheme != "https") return false;
+  const long os_errno = info(CURLINFO_OS_ERRNO);
+  return session_.tls.fatal_alert < 0 && os_errno != ECONNRESET && os_errno != EPIPE;
 }
 
 CURLcode Attempt::drive(Ticker& ticker) {
@@ -197,8 +198,7 @@ CURLcode Attempt::result() const {
 
 void Attempt::examine(CURLcode code) {
   // An answer that ends within its head is fine with libcurl.
-  const CURLcode ended = head_.complete() ? CURLE_PARTIAL_FILE : CURLE_GOT_NOTHING;
-  fault_.code = code == CURLE_OK ? ended : code;
+  fault_.code = code == CURLE_OK ? CURLE_GOT_NOTHING : code;
   fault_.os_errno = info(CURLINFO_OS_ERRNO);
   fault_.open_errno = session_.open_errno();
   fault_.proxy_status = info(CURLINFO_HTTP_CONNECTCODE);

@@ -40,6 +40,7 @@ class Attempt {
   /// throws.
   bool run(Ticker& ticker);
 
+  /// After a fault: what came of it.
   Response take_response() noexcept { return std::move(response_); }
   const Fault& fault() const noexcept { return fault_; }
 
@@ -58,7 +59,7 @@ class Attempt {
 
   void reserve_body();
   bool head_was_all() const noexcept;
-  bool is_cut_short() const noexcept;
+  bool ended_with_connection(CURLcode code) const;
   CURLcode drive(Ticker& ticker);
   void wait_for_activity(std::chrono::milliseconds longest);
   CURLcode result() const;

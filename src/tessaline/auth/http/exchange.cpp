@@ -9,12 +9,9 @@
 namespace tessaline::auth::http {
 namespace {
 
-/// Through a tunnel nothing but the server answers.
-Response checked(Response response, const Hop& hop, const Route& route) {
-  const bool in_the_open = route.proxy && route.proxy->speaks_http() && hop.url.scheme == "http";
-  if (in_the_open && is_of_the_proxy(response))
-    throw refused_by_proxy(*route.proxy, hop.url, response.status);
-  return response;
+/// Whether a proxy may have made the answer: through a tunnel nothing but the server does.
+bool is_in_the_open(const Hop& hop, const Route& route) {
+  return route.proxy && route.proxy->speaks_http() && hop.url.scheme == "http";
 }
 
 }  // namespace
@@ -26,7 +23,14 @@ Response exchange(const Hop& hop, const Circumstances& around) {
     const SessionLease lease({route, fresh, around.deadline, around.ticker});
     Attempt attempt(lease.session(), hop, route);
     attempt.prepare(around.deadline);
-    if (attempt.run(around.ticker)) return checked(attempt.take_response(), hop, route);
+    const bool answered = attempt.run(around.ticker);
+    Response response = attempt.take_response();
+    // A proxy may end the connection with the request half read, when it has refused it.
+    const bool has_head = answered || attempt.fault().head_complete;
+    if (has_head && is_in_the_open(hop, route) && is_of_the_proxy(response)) {
+      throw refused_by_proxy(*route.proxy, hop.url, response.status);
+    }
+    if (answered) return response;
     if (!fresh && attempt.lost_idle_connection()) continue;
     throw failure_from(attempt.fault(), hop.url, around.deadline);
   }

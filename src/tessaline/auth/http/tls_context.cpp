@@ -36,13 +36,11 @@ const Binding& binding_of(const SSL* connection) {
 
 int on_new_session(SSL* connection, SSL_SESSION* session) {
   const Binding& binding = binding_of(connection);
-  if (SSL_get_verify_result(connection) == X509_V_OK) {
-    SSL_SESSION_up_ref(session);
-    TlsSession owned(session);
-    try {
-      binding.trust->sessions().keep(binding.peer, std::move(owned));
-    } catch (const std::bad_alloc&) {  // a full handshake next time
-    }
+  if (SSL_get_verify_result(connection) != X509_V_OK) return 0;
+  try {
+    // A copy: OpenSSL spoils that of TLS 1.2 when its connection ends without a word.
+    binding.trust->sessions().keep(binding.peer, TlsSession(made(SSL_SESSION_dup(session))));
+  } catch (const std::bad_alloc&) {  // a full handshake next time
   }
   return 0;  // OpenSSL's own reference stays its own
 }
@@ -57,11 +55,8 @@ void offer_session(const SSL* connection, const Binding& binding) {
   }
 }
 
-void note_alert(int where, unsigned alert, TlsSight& sight) {
-  constexpr unsigned kFatal = 2;
-  const unsigned description = alert & 0xffU;
-  if ((alert >> 8U) == kFatal) sight.fatal_alert = static_cast<int>(description);
-  if (where == SSL_CB_READ_ALERT && description == SSL_AD_CLOSE_NOTIFY) sight.closed = true;
+bool is_unexpected_end(unsigned long error) {
+  return ERR_GET_LIB(error) == ERR_LIB_SSL && ERR_GET_REASON(error) == SSL_R_UNEXPECTED_EOF_WHILE_READING;
 }
 
 void on_event(const SSL* connection, int where, int result) {
@@ -71,15 +66,14 @@ void on_event(const SSL* connection, int where, int result) {
     sight = {.started = true};
     offer_session(connection, binding);
   }
-  if ((where & SSL_CB_ALERT) != 0) note_alert(where, static_cast<unsigned>(result), sight);
+  constexpr unsigned kFatal = 2;
+  const auto alert = static_cast<unsigned>(result);
+  if ((where & SSL_CB_ALERT) != 0 && (alert >> 8U) == kFatal)
+    sight.fatal_alert = static_cast<int>(alert & 0xffU);
   if (where == SSL_CB_CONNECT_EXIT) {
     if (result <= 0) sight.error = ERR_peek_last_error();
     sight.verify_code = SSL_get_verify_result(connection);
   }
-}
-
-bool is_unexpected_end(unsigned long error) {
-  return ERR_GET_LIB(error) == ERR_LIB_SSL && ERR_GET_REASON(error) == SSL_R_UNEXPECTED_EOF_WHILE_READING;
 }
 
 }  // namespace
@@ -122,6 +116,7 @@ void bind_context(SSL_CTX* context, std::shared_ptr<const Trust> trust, std::str
   auto binding = std::make_unique<Binding>(Binding{std::move(trust), std::move(peer), &sight});
   if (SSL_CTX_set_ex_data(context, binding_index(), binding.get()) != 1) throw std::bad_alloc();
   static_cast<void>(binding.release());
+  SSL_CTX_clear_options(context, SSL_OP_NO_TICKET);  // which libcurl sets
   SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
   SSL_CTX_sess_set_new_cb(context, on_new_session);
   SSL_CTX_set_info_callback(context, on_event);

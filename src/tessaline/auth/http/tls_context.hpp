@@ -14,7 +14,6 @@ struct TlsSight {
   bool started = false;     ///< a handshake was begun
   unsigned long error = 0;  ///< why it ended; 0 where the connection did
   int fatal_alert = -1;     ///< sent by either side (RFC 8446, section 6)
-  bool closed = false;      ///< the peer said that it would send no more (close_notify)
   long verify_code = 0;     ///< of the peer's certificate, as X509_V_ERR_...
 
   /// Whether the connection ended in the middle of TLS, with nothing wrong before.

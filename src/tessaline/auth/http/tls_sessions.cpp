@@ -7,8 +7,16 @@
 namespace tessaline::auth::http {
 namespace {
 
+std::time_t start_of(const SSL_SESSION* session) {
+#if OPENSSL_VERSION_PREREQ(3, 3)
+  return SSL_SESSION_get_time_ex(session);
+#else
+  return SSL_SESSION_get_time(session);
+#endif
+}
+
 bool is_usable(const TlsSession& session) {
-  const long age = static_cast<long>(std::time(nullptr)) - SSL_SESSION_get_time(session.get());
+  const std::time_t age = std::time(nullptr) - start_of(session.get());
   return SSL_SESSION_is_resumable(session.get()) == 1 && age >= 0 && age < TlsSessions::kLongestSeconds;
 }
 

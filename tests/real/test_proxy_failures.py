@@ -1,0 +1,258 @@
+"""Proxies that refuse, fail or are not there: what ends a login, what is tried again, what they say."""
+
+from __future__ import annotations
+
+import base64
+import ssl
+from collections.abc import Callable, Iterator
+
+import pytest
+
+from tests.integration.support import Harness
+
+from . import squid, tinyproxy
+from .nginx import Nginx
+from .outcomes import discreet, failure, transport, unreachable
+from .squid import REFUSALS, Squid
+
+Make = Callable[..., Harness]
+
+SECRET = "s3cret-value-that-must-not-show"
+USER = "nobody-that-it-knows"
+WRONG = "wrong-s3cret-of-a-proxy"
+SECRETS = [
+    SECRET,
+    *(USER, squid.USER, tinyproxy.USER),
+    *(WRONG, squid.PASSWORD, squid.ESCAPED, tinyproxy.PASSWORD),
+    base64.b64encode(f"{USER}:{WRONG}".encode()).decode(),
+]
+# How they introduce themselves, as it stands in a URL.
+STRANGERS = {
+    "nobody": "",
+    "stranger": f"{USER}:{WRONG}",
+    "mistyped": f"{squid.USER}:{WRONG}",
+    "without_a_password": USER,
+}
+
+
+@pytest.fixture(scope="module")
+def guarded_tinyproxy() -> Iterator[str]:
+    with tinyproxy.tinyproxy(f"BasicAuth {tinyproxy.USER} {tinyproxy.PASSWORD}") as peer:
+        yield peer
+
+
+@pytest.fixture(scope="module")
+def tinyproxy_for_other_ports() -> Iterator[str]:
+    with tinyproxy.tinyproxy("ConnectPort 1") as peer:
+        yield peer
+
+
+def failed(url: str, peer: str) -> BaseException:
+    """The error of a request that is full of what must not show; it names that peer."""
+    error = failure("POST", f"{url}/{SECRET}", {"Authorization": SECRET}, SECRET)
+    discreet(error, SECRETS)
+    assert peer in str(error)
+    return error
+
+
+def check_final(error: BaseException) -> None:
+    """It is an OSError that no login tries again."""
+    assert isinstance(error, OSError)
+    assert not isinstance(error, ConnectionError | TimeoutError | ssl.SSLError)
+
+
+def check_login_ends_at_once(one: Harness, proxy: str) -> None:
+    error = discreet(one.failure(one.manager.authenticate), SECRETS)
+    check_final(error)
+    assert proxy in str(error)
+    assert (one.spy.attempts, one.delays) == ({"register": 1}, [])
+
+
+def check_login_gives_up(one: Harness, proxy: str) -> None:
+    error = discreet(unreachable(one), SECRETS)
+    assert isinstance(error.__context__, ConnectionError)
+    assert proxy in str(error.__context__)
+
+
+class TestThatRefuse:
+    @pytest.mark.parametrize("site", ["plain", "tls"])
+    @pytest.mark.parametrize("stranger", STRANGERS)
+    @pytest.mark.parametrize("way", ["guarded", "guarded-tls"])
+    def test_who_does_not_know_the_password_of_squid(
+        self,
+        way: str,
+        stranger: str,
+        site: str,
+        proxy: Squid,
+        origin: Nginx,
+        harness: Make,
+        monkeypatch: pytest.MonkeyPatch,
+    ) -> None:
+        for scheme in ("http", "https"):
+            monkeypatch.setenv(f"{scheme}_proxy", proxy.url(way, STRANGERS[stranger]))
+        check_final(failed(origin.url(site), proxy.peer(way)))
+        check_login_ends_at_once(harness(origin.url(site)), proxy.peer(way))
+
+    @pytest.mark.parametrize("site", ["plain", "tls"])
+    def test_whoever_does_not_tell_tinyproxy_a_password(
+        self,
+        site: str,
+        guarded_tinyproxy: str,
+        origin: Nginx,
+        harness: Make,
+        monkeypatch: pytest.MonkeyPatch,
+    ) -> None:
+        # Without TLS it does not read the body, so that a reset comes right behind its answer.
+        for scheme in ("http", "https"):
+            monkeypatch.setenv(f"{scheme}_proxy", f"http://{guarded_tinyproxy}")
+        check_final(failed(origin.url(site), guarded_tinyproxy))
+        check_login_ends_at_once(harness(origin.url(site)), guarded_tinyproxy)
+
+    @pytest.mark.parametrize("name", [USER, tinyproxy.USER])
+    def test_who_tells_tinyproxy_a_wrong_password(
+        self,
+        name: str,
+        guarded_tinyproxy: str,
+        origin: Nginx,
+        harness: Make,
+        monkeypatch: pytest.MonkeyPatch,
+    ) -> None:
+        # It answers 401, which without TLS looks like an answer of the server.
+        monkeypatch.setenv("https_proxy", f"http://{name}:{WRONG}@{guarded_tinyproxy}")
+        check_final(failed(origin.url("tls"), guarded_tinyproxy))
+        check_login_ends_at_once(harness(origin.url("tls")), guarded_tinyproxy)
+
+    def test_a_destination_that_squid_forbids(
+        self, proxy: Squid, harness: Make, monkeypatch: pytest.MonkeyPatch
+    ) -> None:
+        monkeypatch.setenv("https_proxy", proxy.url())
+        url = f"https://127.0.0.1:{proxy.refusing[403]}"
+        check_final(failed(url, proxy.peer()))
+        check_login_ends_at_once(harness(url), proxy.peer())
+
+    def test_a_destination_that_tinyproxy_forbids(
+        self, tinyproxy_for_other_ports: str, origin: Nginx, harness: Make, monkeypatch: pytest.MonkeyPatch
+    ) -> None:
+        monkeypatch.setenv("https_proxy", f"http://{tinyproxy_for_other_ports}")
+        check_final(failed(origin.url("tls"), tinyproxy_for_other_ports))
+        check_login_ends_at_once(harness(origin.url("tls")), tinyproxy_for_other_ports)
+
+    def test_a_destination_that_squid_forbids_without_tls(
+        self, proxy: Squid, harness: Make, monkeypatch: pytest.MonkeyPatch
+    ) -> None:
+        monkeypatch.setenv("http_proxy", proxy.url())
+        url = f"http://127.0.0.1:{proxy.refusing[403]}"
+        check_final(failed(url, proxy.peer()))
+        check_login_ends_at_once(harness(url), proxy.peer())
+
+    def test_a_refusal_of_the_server_is_none_of_the_proxy(
+        self, proxy: Squid, origin: Nginx, monkeypatch: pytest.MonkeyPatch
+    ) -> None:
+        monkeypatch.setenv("http_proxy", proxy.url())
+        status, headers, body = transport("POST", origin.url("forbidden"), {}, "{}")
+        assert (status, body) == (403, b"origin")
+        assert "Via" in headers
+
+
+class TestThatMayComeRound:
+    @pytest.mark.parametrize("status", [status for status in REFUSALS if status != 403])
+    def test_an_answer_of_squid(
+        self, status: int, proxy: Squid, harness: Make, monkeypatch: pytest.MonkeyPatch
+    ) -> None:
+        monkeypatch.setenv("https_proxy", proxy.url())
+        url = f"https://127.0.0.1:{proxy.refusing[status]}"
+        error = failed(url, proxy.peer())
+        assert isinstance(error, ConnectionError)
+        assert str(status) in str(error)
+        check_login_gives_up(harness(url), proxy.peer())
+
+    def test_a_server_that_squid_does_not_reach(
+        self, proxy: Squid, unused_port: int, harness: Make, monkeypatch: pytest.MonkeyPatch
+    ) -> None:
+        monkeypatch.setenv("https_proxy", proxy.url())
+        url = f"https://127.0.0.1:{unused_port}"
+        assert isinstance(failed(url, proxy.peer()), ConnectionError)
+        check_login_gives_up(harness(url), proxy.peer())
+
+    @pytest.mark.parametrize("way", ["squid", "tinyproxy"])
+    def test_a_server_that_neither_reaches_without_tls(
+        self,
+        way: str,
+        proxy: Squid,
+        open_tinyproxy: str,
+        unused_port: int,
+        harness: Make,
+        monkeypatch: pytest.MonkeyPatch,
+    ) -> None:
+        monkeypatch.setenv("http_proxy", proxy.url() if way == "squid" else f"http://{open_tinyproxy}")
+        unreachable(harness(f"http://127.0.0.1:{unused_port}"))
+
+    def test_a_server_that_tinyproxy_does_not_reach(
+        self, open_tinyproxy: str, unused_port: int, monkeypatch: pytest.MonkeyPatch
+    ) -> None:
+        # It says 500, which leaves open whether another attempt would help.
+        monkeypatch.setenv("https_proxy", f"http://{open_tinyproxy}")
+        error = failed(f"https://127.0.0.1:{unused_port}", open_tinyproxy)
+        assert isinstance(error, OSError)
+        assert "500" in str(error)
+
+    @pytest.mark.parametrize("scheme", ["http", "https"])
+    @pytest.mark.parametrize("site", ["plain", "tls"])
+    def test_one_that_is_not_there(
+        self,
+        site: str,
+        scheme: str,
+        unused_port: int,
+        origin: Nginx,
+        harness: Make,
+        monkeypatch: pytest.MonkeyPatch,
+    ) -> None:
+        peer = f"127.0.0.1:{unused_port}"
+        for name in ("http_proxy", "https_proxy"):
+            monkeypatch.setenv(name, f"{scheme}://{USER}:{WRONG}@{peer}")
+        assert type(failed(origin.url(site), peer)) is ConnectionRefusedError
+        check_login_gives_up(harness(origin.url(site)), peer)
+
+
+class TestThatCannotBeUsed:
+    @pytest.mark.parametrize("site", ["plain", "tls"])
+    @pytest.mark.parametrize("user", ["", f"{USER}:{WRONG}@"], ids=["nobody", "stranger"])
+    def test_a_scheme_that_is_none_of_a_proxy(
+        self, user: str, site: str, origin: Nginx, harness: Make, monkeypatch: pytest.MonkeyPatch
+    ) -> None:
+        for name in ("http_proxy", "https_proxy"):
+            monkeypatch.setenv(name, f"ftp://{user}127.0.0.1:1")
+        assert type(failed(origin.url(site), "127.0.0.1:1")) is OSError
+        check_login_ends_at_once(harness(origin.url(site)), "127.0.0.1:1")
+
+    @pytest.mark.parametrize("site", ["plain", "tls"])
+    def test_a_certificate_that_nobody_trusts(
+        self, site: str, proxy: Squid, origin: Nginx, harness: Make, monkeypatch: pytest.MonkeyPatch
+    ) -> None:
+        for name in ("http_proxy", "https_proxy"):
+            monkeypatch.setenv(name, proxy.url("foreign-tls", f"{USER}:{WRONG}"))
+        error = failed(origin.url(site), proxy.peer("foreign-tls"))
+        assert type(error) is ssl.SSLCertVerificationError
+        # As of a server: that no authority above it is known, or that its root is not trusted.
+        assert error.verify_code in (19, 20)
+        assert f"certificate of 127.0.0.1:{origin.port[site]}" not in str(error)
+        one = harness(origin.url(site))
+        assert type(one.failure(one.manager.authenticate)) is ssl.SSLCertVerificationError
+        assert (one.spy.attempts, one.delays) == ({"register": 1}, [])
+
+    @pytest.mark.parametrize("site", ["plain", "tls"])
+    def test_tls_that_it_does_not_speak(
+        self, site: str, proxy: Squid, origin: Nginx, monkeypatch: pytest.MonkeyPatch
+    ) -> None:
+        for name in ("http_proxy", "https_proxy"):
+            monkeypatch.setenv(name, f"https://{proxy.peer()}")
+        assert type(failed(origin.url(site), proxy.peer())) is ssl.SSLError
+
+    def test_a_server_whose_certificate_nobody_trusts(
+        self, proxy: Squid, origin: Nginx, monkeypatch: pytest.MonkeyPatch
+    ) -> None:
+        monkeypatch.setenv("https_proxy", proxy.url())
+        server = origin.url("foreign").removeprefix("https://")
+        error = failed(origin.url("foreign"), server)
+        assert type(error) is ssl.SSLCertVerificationError
+        assert proxy.peer() not in str(error)
