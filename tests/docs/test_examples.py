@@ -6,6 +6,7 @@ import ast
 import asyncio
 import inspect
 import secrets
+import ssl
 from collections.abc import Callable, Iterator
 from pathlib import Path
 from typing import Any
@@ -133,6 +134,24 @@ def test_the_wrapper_logs_in_again_until_it_works(token_or_login: Callable[..., 
     played = Played(refusal, away, refusal, away, refusal, None, "token")
     assert token_or_login(played) == "token"
     assert played.calls == ["get_token", "authenticate"] * 3 + ["get_token"]
+
+
+@pytest.mark.parametrize(
+    "passing",
+    [OSError("proxy 127.0.0.1:3128 for service.example:443 answered 403"), OSError(24, "no descriptor")],
+)
+def test_the_wrapper_lives_through_a_proxy_and_a_full_table(
+    token_or_login: Callable[..., str], passing: OSError
+) -> None:
+    played = Played(auth.AuthError(reason="not_authenticated"), passing, "token")
+    assert token_or_login(played) == "token"
+
+
+def test_the_wrapper_does_not_repeat_what_tls_refuses(token_or_login: Callable[..., str]) -> None:
+    untrusted = ssl.SSLCertVerificationError(1, "certificate of service.example:443 is not acceptable")
+    with pytest.raises(ssl.SSLCertVerificationError) as caught:
+        token_or_login(Played(auth.AuthError(reason="not_authenticated"), untrusted))
+    assert caught.value is untrusted
 
 
 @pytest.mark.parametrize("reason", ["manager_closed", "signature_mismatch", "wallet_secret_changed"])
