@@ -128,7 +128,7 @@ def crowd_at_one_server(rounds: int) -> Group:
 
 
 def crowd_memory(rounds: int) -> Group:
-    """What a process grows by when 200 managers log in at one server at once, in it and nothing before."""
+    """What a process grows by when 200 managers log in at one server at once."""
     clients = (*CLIENTS, IN_MEMORY)
     with trusted_beside_the_system() as trust, running_nginx(trust) as server:
         argument = errand([server.origins[0]] * CROWD, server.origins[0])
@@ -139,20 +139,28 @@ def crowd_memory(rounds: int) -> Group:
     def mebibytes(quantity: str, client: str) -> Ratio:
         return Ratio.around([value / MIB for value in samples[quantity][client]])
 
-    figures = []
-    for quantity, subject, note in (
-        (
-            "grown",
-            f"memory after {CROWD} logins at once",
-            "resident, beyond that of a process with its imports",
+    subject = f"{CROWD} logins at once"
+    figures = [
+        Figure(
+            f"memory of {subject}",
+            "MiB",
+            mebibytes("burst", "tessaline"),
+            20.0,
+            note="resident, beyond that of a process that has logged in once",
         ),
-        ("peak", f"peak of memory in {CROWD} logins at once", ""),
-    ):
+        Figure(
+            f"memory of {subject}, over a transport in memory",
+            "MiB",
+            mebibytes("burst", IN_MEMORY),
+            None,
+        ),
+    ]
+    for quantity, words in (("grown", "memory of a first login and"), ("peak", "peak of memory in them")):
         ours, peer = samples[quantity]["tessaline"], samples[quantity]["urllib3"]
+        named = f"{words} {subject}" if quantity == "grown" else words
         figures += [
-            Figure(subject, "urllib3", Ratio.of(ours, peer), 2.0),
-            Figure(subject, "MiB", mebibytes(quantity, "tessaline"), 20.0, note=note),
-            Figure(f"{subject}, over a transport in memory", "MiB", mebibytes(quantity, IN_MEMORY), None),
+            Figure(named, "urllib3", Ratio.of(ours, peer), 2.0),
+            Figure(named, "MiB", mebibytes(quantity, "tessaline"), None),
         ]
     medians = {client: statistics.median(samples["peak"][client]) / MIB for client in clients}
     return Group(f"Memory of {CROWD} logins at once", figures, medians, unit="MiB")
