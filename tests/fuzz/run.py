@@ -31,6 +31,7 @@ NATIVE_TARGETS = {path.stem for path in HERE.glob("*.cpp")} - {"replay", "python
 TARGETS = sorted(PYTHON_TARGETS | NATIVE_TARGETS)
 DICTIONARIES = {
     "challenge_message": "json",
+    "chunked_body": "http",
     "exchange": "http",
     "key_text": "key",
     "private_key": "key",
