@@ -7,7 +7,6 @@ import os
 import shutil
 import subprocess
 import sys
-import zlib
 from pathlib import Path
 
 import pytest
@@ -66,7 +65,7 @@ def test_a_missing_library_is_loaded_once_it_is_there(package: Path, unused_port
 
 
 def test_another_library_in_its_place_is_an_error(package: Path, unused_port: int) -> None:
-    shutil.copy(zlib.__file__, package / LIBRARY)
+    shutil.copy(auth.__file__, package / LIBRARY)
     first, second, _ = told(package, unused_port)
     assert first == second
     assert first[0] == "OSError"

@@ -96,6 +96,8 @@ TEST(Failure, HandshakesThatNobodySaw) {
   EXPECT_EQ(classify(fault), FailureKind::kTls);
   fault.remains.ended = true;
   EXPECT_EQ(classify(fault), FailureKind::kReset);
+  fault.remains.received_bytes = 8;  // an alert, or no TLS at all
+  EXPECT_EQ(classify(fault), FailureKind::kTls);
 }
 
 TEST(Failure, NamesThatDoNotFitTheCertificate) {

@@ -99,22 +99,37 @@ class TrustDirectory {
   std::string hashed_;
 };
 
-/// The server's end of TLS on a connection.
-class TlsStream {
+/// What the connections of one server share: its certificate, and the key of its tickets.
+class TlsIdentity {
  public:
-  TlsStream(Connection& connection, const Identity& identity, int highest_version = TLS1_3_VERSION)
+  explicit TlsIdentity(const Identity& identity, int highest_version = TLS1_3_VERSION)
       : context_(SSL_CTX_new(TLS_server_method())) {
-    // In this thread only: that the client never raises it is part of what is tested.
-    sigset_t broken_pipe;
-    sigemptyset(&broken_pipe);
-    sigaddset(&broken_pipe, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &broken_pipe, nullptr);
     SSL_CTX_set_security_level(context_.get(), 0);
     SSL_CTX_set_min_proto_version(context_.get(), TLS1_VERSION);
     SSL_CTX_set_max_proto_version(context_.get(), highest_version);
     SSL_CTX_use_certificate(context_.get(), identity.certificate.get());
     SSL_CTX_use_PrivateKey(context_.get(), identity.key.get());
-    ssl_.reset(SSL_new(context_.get()));
+  }
+
+  SSL* connection() const { return SSL_new(context_.get()); }
+
+ private:
+  std::unique_ptr<SSL_CTX, FreeWith<SSL_CTX_free>> context_;
+};
+
+/// The server's end of TLS on a connection.
+class TlsStream {
+ public:
+  TlsStream(Connection& connection, const Identity& identity, int highest_version = TLS1_3_VERSION)
+      : TlsStream(connection, TlsIdentity(identity, highest_version)) {}
+
+  TlsStream(Connection& connection, const TlsIdentity& identity) {
+    // In this thread only: that the client never raises it is part of what is tested.
+    sigset_t broken_pipe;
+    sigemptyset(&broken_pipe);
+    sigaddset(&broken_pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &broken_pipe, nullptr);
+    ssl_.reset(identity.connection());
     SSL_set_fd(ssl_.get(), connection.descriptor());
     const timeval patience{kPatience.count() / 1000, 0};
     setsockopt(connection.descriptor(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
@@ -123,6 +138,7 @@ class TlsStream {
   }
 
   bool accepted() const { return accepted_; }
+  bool resumed() const { return SSL_session_reused(ssl_.get()) == 1; }
 
   /// Takes a request without body; empty at the end.
   std::string read_head() {
@@ -139,7 +155,6 @@ class TlsStream {
   void say_goodbye() { SSL_shutdown(ssl_.get()); }
 
  private:
-  std::unique_ptr<SSL_CTX, FreeWith<SSL_CTX_free>> context_;
   std::unique_ptr<SSL, FreeWith<SSL_free>> ssl_;
   bool accepted_ = false;
 };

@@ -1,5 +1,6 @@
 #include <sys/wait.h>
 
+#include "tessaline/auth/http/tls_context.hpp"
 #include "tls_server.hpp"
 
 namespace tessaline::auth::http {
@@ -12,6 +13,7 @@ using testing::Identity;
 using testing::LoopbackServer;
 using testing::make_identity;
 using testing::request_for;
+using testing::TlsIdentity;
 using testing::TlsStream;
 using testing::TrustDirectory;
 
@@ -147,6 +149,47 @@ TEST_F(Tls, EndWithinTheBodyIsTruncation) {
     });
     const auto failure = failure_of(request_to(server));
     EXPECT_EQ(failure.kind, FailureKind::kTruncated) << failure.message;
+  }
+}
+
+TEST_F(Tls, EndAfterAnInterimAnswerIsAReset) {
+  for (const bool goodbye : {true, false}) {
+    LoopbackServer server([&](Connection& connection) {
+      TlsStream stream(connection, good_);
+      stream.read_head();
+      stream.send("HTTP/1.1 100 Continue\r\n\r\n");
+      if (goodbye) stream.say_goodbye();
+    });
+    const auto failure = failure_of(request_to(server));
+    EXPECT_EQ(failure.kind, FailureKind::kReset) << failure.message;
+  }
+}
+
+TEST_F(Tls, BodyUpToTheEndOfTheConnection) {
+  for (const bool goodbye : {true, false}) {
+    LoopbackServer server([&](Connection& connection) {
+      TlsStream stream(connection, good_);
+      stream.read_head();
+      stream.send("HTTP/1.0 200 OK\r\n\r\nall of it");
+      if (goodbye) stream.say_goodbye();
+    });
+    EXPECT_EQ(perform(request_to(server)).body, "all of it");
+  }
+}
+
+TEST_F(Tls, ResumedAtTheSecondConnectionOnly) {
+  for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+    const TlsIdentity identity(good_, version);
+    std::vector<bool> resumed;
+    LoopbackServer server([&](Connection& connection) {
+      TlsStream stream(connection, identity);
+      resumed.push_back(stream.resumed());
+      stream.read_head();
+      stream.send(answer_of(200, "secret", "Connection: close\r\n"));
+      stream.say_goodbye();
+    });
+    for (int round = 0; round < 3; ++round) EXPECT_EQ(perform(request_to(server)).body, "secret");
+    EXPECT_EQ(resumed, (std::vector<bool>{false, tls_is_shared(), tls_is_shared()}));
   }
 }
 

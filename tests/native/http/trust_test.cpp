@@ -15,6 +15,14 @@ using testing::Identity;
 using testing::make_identity;
 using testing::TrustDirectory;
 
+void make_older(SSL_SESSION* session, long seconds) {
+#if OPENSSL_VERSION_PREREQ(3, 3)
+  SSL_SESSION_set_time_ex(session, SSL_SESSION_get_time_ex(session) - seconds);
+#else
+  SSL_SESSION_set_time(session, SSL_SESSION_get_time(session) - seconds);
+#endif
+}
+
 class TrustTest : public ::testing::Test {
  protected:
   std::shared_ptr<const Trust> by_file() const { return Trust::in_force({trusted_.file(), ""}); }
@@ -187,7 +195,7 @@ TEST_F(TrustTest, SessionsAreGivenOutOnceAndBounded) {
   EXPECT_EQ(sessions.take("old"), nullptr);
   EXPECT_NE(sessions.take("0"), nullptr);
   TlsSession late = fresh();
-  SSL_SESSION_set_time(late.get(), SSL_SESSION_get_time(late.get()) - TlsSessions::kLongestSeconds);
+  make_older(late.get(), TlsSessions::kLongestSeconds);
   sessions.keep("late", std::move(late));
   EXPECT_EQ(sessions.take("late"), nullptr);
 }

@@ -149,7 +149,7 @@ bool Attempt::run(Ticker& ticker) {
   if (session_.ran_out_of_memory() || out_of_memory_) throw std::bad_alloc();
   response_.status = static_cast<int>(info(CURLINFO_RESPONSE_CODE));
   response_.headers = head_.take_fields();
-  if ((code == CURLE_OK && head_.complete()) || head_was_all() || ended_with_connection(code)) return true;
+  if (has_final_head() && (code == CURLE_OK || head_was_all() || ended_with_connection(code))) return true;
   examine(code);
   return false;
 }
@@ -157,13 +157,17 @@ bool Attempt::run(Ticker& ticker) {
 // libcurl would send no body with NOBODY, and without it waits for one: such a request is stopped after the
 // head.
 bool Attempt::head_was_all() const noexcept {
-  return hop_.method == "HEAD" && hop_.body != nullptr && head_.complete() && !head_.interim();
+  return hop_.method == "HEAD" && hop_.body != nullptr && has_final_head();
+}
+
+bool Attempt::has_final_head() const noexcept {
+  return head_.complete() && !head_.interim();
 }
 
 // A body that ends with its connection may end without TLS's word for it, as it does with the host's own
 // client; libcurl from 8 on calls that an error.
 bool Attempt::ended_with_connection(CURLcode code) const {
-  const bool to_the_end = head_.complete() && !head_.chunked() && !head_.has_length();
+  const bool to_the_end = !head_.chunked() && !head_.has_length();
   if (code != CURLE_RECV_ERROR || !to_the_end || hop_.url.scheme != "https") return false;
   const long os_errno = info(CURLINFO_OS_ERRNO);
   return session_.tls.fatal_alert < 0 && os_errno != ECONNRESET && os_errno != EPIPE;
@@ -204,7 +208,7 @@ void Attempt::examine(CURLcode code) {
   fault_.proxy_status = info(CURLINFO_HTTP_CONNECTCODE);
   fault_.proxy_error = info(CURLINFO_PROXY_ERROR);
   fault_.answer_begun = head_.begun();
-  fault_.head_complete = head_.complete();
+  fault_.head_complete = has_final_head();
   fault_.over_tls = hop_.url.scheme == "https";
   fault_.tunnelled = is_tunnelled();
   fault_.proxy = route_.proxy;

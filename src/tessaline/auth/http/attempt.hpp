@@ -58,6 +58,7 @@ class Attempt {
   void set_callbacks();
 
   void reserve_body();
+  bool has_final_head() const noexcept;
   bool head_was_all() const noexcept;
   bool ended_with_connection(CURLcode code) const;
   CURLcode drive(Ticker& ticker);

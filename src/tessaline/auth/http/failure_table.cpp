@@ -100,7 +100,7 @@ bool holds(Seen seen, const Fault& fault) noexcept {
     case Seen::kUntrusted:
       return tls.verify_code != X509_V_OK;
     case Seen::kHangUp:
-      return tls.started ? tls.hung_up() : fault.remains.ended;
+      return tls.started ? tls.hung_up() : fault.remains.ended && fault.remains.said_nothing();
     case Seen::kTlsInBody:
       return fault.head_complete && fault.over_tls;
     case Seen::kAnswer:

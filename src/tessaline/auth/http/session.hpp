@@ -15,7 +15,9 @@ namespace tessaline::auth::http {
 /// version.
 struct Remains {
   bool ended = false;                ///< by the peer, with nothing left to read
-  std::uint64_t received_bytes = 0;  ///< over the whole of its life
+  std::uint64_t received_bytes = 0;  ///< over the whole of its life; the end of it counts as one
+
+  bool said_nothing() const noexcept { return received_bytes <= 1; }
 };
 
 /// A libcurl handle that keeps one connection from request to request. Used by one thread at a time.

@@ -59,6 +59,14 @@ bool is_unexpected_end(unsigned long error) {
   return ERR_GET_LIB(error) == ERR_LIB_SSL && ERR_GET_REASON(error) == SSL_R_UNEXPECTED_EOF_WHILE_READING;
 }
 
+void note_alert(int where, unsigned alert, TlsSight& sight) {
+  constexpr unsigned kFatal = 2;
+  if ((alert >> 8U) != kFatal) return;
+  // OpenSSL answers the end of a connection with one too, unless it is asked not to.
+  const bool ended = where == SSL_CB_WRITE_ALERT && is_unexpected_end(ERR_peek_last_error());
+  if (!ended) sight.fatal_alert = static_cast<int>(alert & 0xffU);
+}
+
 void on_event(const SSL* connection, int where, int result) {
   const Binding& binding = binding_of(connection);
   TlsSight& sight = *binding.sight;
@@ -66,10 +74,7 @@ void on_event(const SSL* connection, int where, int result) {
     sight = {.started = true};
     offer_session(connection, binding);
   }
-  constexpr unsigned kFatal = 2;
-  const auto alert = static_cast<unsigned>(result);
-  if ((where & SSL_CB_ALERT) != 0 && (alert >> 8U) == kFatal)
-    sight.fatal_alert = static_cast<int>(alert & 0xffU);
+  if ((where & SSL_CB_ALERT) != 0) note_alert(where, static_cast<unsigned>(result), sight);
   if (where == SSL_CB_CONNECT_EXIT) {
     if (result <= 0) sight.error = ERR_peek_last_error();
     sight.verify_code = SSL_get_verify_result(connection);
