@@ -142,6 +142,19 @@ class TestReuse:
         assert len(server.requests) == 3
         assert server.connections == 2
 
+    def test_two_bytes_are_no_answer_yet(self, raw: Raw) -> None:
+        server = raw(OK, lambda connection, _: connection.sendall(b"HT"), OK, keep_alive=True)
+        assert transport("POST", server.url, {}, "first")[0] == 200
+        assert transport("POST", server.url, {}, "second")[0] == 200
+        assert (len(server.requests), server.connections) == (3, 2)
+
+    def test_an_answer_of_which_a_line_has_come_is_not_asked_for_again(self, raw: Raw) -> None:
+        begun = b"HTTP/1.1 200 OK\r\n"
+        broken = raw(OK, lambda connection, _: connection.sendall(begun), OK, keep_alive=True)
+        transport("POST", broken.url, {}, "first")
+        assert isinstance(failure("POST", broken.url, {}, "second"), ConnectionError)
+        assert len(broken.requests) == 2
+
     def test_an_answer_that_has_begun_is_not_asked_for_again(self, raw: Raw) -> None:
         cut = b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc"
         broken = raw(OK, lambda connection, _: connection.sendall(cut), OK, keep_alive=True)
