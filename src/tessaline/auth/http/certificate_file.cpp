@@ -5,6 +5,7 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <openssl/x509v3.h>
 #include <unistd.h>
 
 #include <array>
@@ -138,6 +139,8 @@ CertificateHandle StoredCertificate::parse() const {
   ERR_set_mark();
   CertificateHandle certificate(with_trust_ ? d2i_X509_AUX(nullptr, &data, length)
                                             : d2i_X509(nullptr, &data, length));
+  // What OpenSSL works out of the extensions at their first use, before several threads use them.
+  if (certificate) X509_check_purpose(certificate.get(), -1, 0);
   ERR_pop_to_mark();
   return certificate;
 }
