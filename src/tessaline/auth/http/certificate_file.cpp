@@ -116,7 +116,10 @@ void add_certificates(const std::string& text, CertificateFile& file) {
     const bool with_trust = kind == PEM_STRING_X509_TRUSTED;
     if (!with_trust && kind != PEM_STRING_X509 && kind != PEM_STRING_X509_OLD) continue;
     std::string der(reinterpret_cast<const char*>(data), static_cast<std::size_t>(length));
-    file.certificates.emplace_back(std::move(der), with_trust);
+    StoredCertificate certificate(std::move(der), with_trust);
+    file.damaged = !certificate.has_any_subject();
+    if (file.damaged) return;
+    file.certificates.push_back(std::move(certificate));
   }
 }
 

@@ -16,6 +16,8 @@ class StoredCertificate {
   /// `der` is one certificate, `with_trust` when OpenSSL's trust settings follow it. Throws std::bad_alloc.
   StoredCertificate(std::string der, bool with_trust);
 
+  /// False for what is no certificate at all.
+  bool has_any_subject() const noexcept { return subject_ != nullptr; }
   bool has_subject(const X509_NAME* name) const noexcept;
 
   /// The whole certificate; null where it is damaged. Throws std::bad_alloc.
@@ -24,7 +26,7 @@ class StoredCertificate {
  private:
   std::string der_;
   bool with_trust_;
-  NameHandle subject_;  ///< null where the certificate is damaged
+  NameHandle subject_;
 };
 
 /// What was read of a file of certificates in PEM form.

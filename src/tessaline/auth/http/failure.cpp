@@ -27,12 +27,14 @@ std::string party_of(const Fault& fault, const Url& url) {
   return at_proxy ? "proxy " + fault.proxy->peer() + " for " + url.peer() : url.peer();
 }
 
+/// As a certificate has it: an IPv6 address without its brackets.
 std::string host_of(const Fault& fault, const Url& url) {
-  return fault.proxy && !fault.tunnelled ? fault.proxy->host : url.host;
+  const std::string& host = fault.proxy && !fault.tunnelled ? fault.proxy->host : url.host;
+  return host.starts_with('[') ? host.substr(1, host.size() - 2) : host;
 }
 
 bool is_address(const std::string& host) {
-  return host.starts_with('[') || host.find_first_not_of("0123456789.") == std::string::npos;
+  return host.find(':') != std::string::npos || host.find_first_not_of("0123456789.") == std::string::npos;
 }
 
 /// libcurl looks at the name itself, and OpenSSL has found nothing wrong then. In Python's words.
