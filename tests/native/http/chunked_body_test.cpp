@@ -44,8 +44,12 @@ TEST(ChunkedBody, RefusesWhatIsNoChunk) {
 }
 
 TEST(ChunkedBody, IsBounded) {
-  const std::string trailers(ChunkedBody::kMostTrailerBytes + 1, 't');
-  expect("0\r\n" + trailers, "(refused)");
+  const std::string longest(ChunkedBody::kLongestTrailerLine, 't');
+  expect("0\r\n" + longest + "\r\n\r\n", "");
+  expect("0\r\n" + longest + "t", "(refused)");
+  std::string trailers = "0\r\n";
+  while (trailers.size() <= ChunkedBody::kMostTrailerBytes) trailers += longest + "\r\n";
+  expect(trailers, "(refused)");
   expect("1;" + std::string(5'000, 'x') + "\r\na\r\n0\r\n\r\n", "(refused)");
 }
 

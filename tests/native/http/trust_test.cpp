@@ -164,6 +164,8 @@ TEST_F(TrustTest, FilesThatCannotBeReadSayWhy) {
             "it is damaged after certificate 0");
   const std::string other = "-----BEGIN CERTIFICATE-----\nMAUwAwIBAA==\n-----END CERTIFICATE-----\n";
   EXPECT_EQ(failure_of_file(good + other), "it is damaged after certificate 1");
+  const std::string hollow = "-----BEGIN CERTIFICATE-----\n-----END CERTIFICATE-----\n";
+  EXPECT_EQ(failure_of_file(good + hollow + good), "it is damaged after certificate 1");
   EXPECT_EQ(failure_of_file("# comment\r\n" + good + "\nmore words\n" + good), "(accepted)");
 }
 

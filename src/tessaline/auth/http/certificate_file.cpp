@@ -97,6 +97,18 @@ bool ended_badly() {
   return error != 0 && !no_more;
 }
 
+/// How many certificates the file means to hold: one that has no end, or no content, is passed over in
+/// silence.
+std::size_t count_begun(std::string_view text) {
+  std::size_t begun = 0;
+  for (const char* label : {PEM_STRING_X509, PEM_STRING_X509_OLD, PEM_STRING_X509_TRUSTED}) {
+    const std::string line = std::string("-----BEGIN ") + label + "-----";
+    for (auto at = text.find(line); at != std::string_view::npos; at = text.find(line, at + line.size()))
+      ++begun;
+  }
+  return begun;
+}
+
 void add_certificates(const std::string& text, CertificateFile& file) {
   const Bio source(made(BIO_new_mem_buf(text.data(), static_cast<int>(text.size()))));
   for (;;) {
@@ -165,6 +177,7 @@ CertificateFile read_certificate_file(const std::string& path) {
   file.is_empty = text.empty();
   digest(text, file);
   if (file.os_errno == 0) add_certificates(text, file);
+  file.damaged = file.damaged || file.certificates.size() < count_begun(text);
   return file;
 }
 

@@ -52,7 +52,7 @@ bool ChunkedBody::add_unit(char unit) {
     case State::kTrailer:
       if (unit == '\n' && trailer_line_ == 0) state_ = State::kComplete;
       trailer_line_ = unit == '\n' ? 0 : trailer_line_ + static_cast<std::size_t>(unit != '\r');
-      return ++trailer_bytes_ <= kMostTrailerBytes;
+      return ++trailer_bytes_ <= kMostTrailerBytes && trailer_line_ <= kLongestTrailerLine;
     case State::kContent:
     case State::kComplete:
       break;

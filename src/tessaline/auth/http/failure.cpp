@@ -127,7 +127,7 @@ FailureKind classify(const Fault& fault) {
 TransportFailure failure_from(const Fault& fault, const Url& url, const Deadline& deadline) {
   const FailureKind kind = classify(fault);
   if (kind == FailureKind::kTimedOut && deadline.bounded() && fault.code == CURLE_OPERATION_TIMEDOUT) {
-    return timed_out(party_of(fault, url), deadline);
+    return timed_out(party_of(fault, url), deadline, {.through_proxy = fault.proxy.has_value()});
   }
   FailureDetail detail = detail_of(kind, fault, url);
   const std::string message = message_of(kind, detail, fault, url);
@@ -142,9 +142,10 @@ TransportFailure refused_by_proxy(const Proxy& proxy, const Url& url, long statu
   return {kind, message_of(kind, {}, fault, url), {.through_proxy = true}};
 }
 
-TransportFailure timed_out(const std::string& peer, const Deadline& deadline) {
+TransportFailure timed_out(const std::string& peer, const Deadline& deadline, FailureDetail detail) {
   return {FailureKind::kTimedOut,
-          "timed out after " + seconds_text(deadline.seconds()) + " s waiting for " + peer};
+          "timed out after " + seconds_text(deadline.seconds()) + " s waiting for " + peer,
+          std::move(detail)};
 }
 
 void require(CURLcode code) {

@@ -39,7 +39,7 @@ TransportFailure failure_from(const Fault& fault, const Url& url, const Deadline
 TransportFailure refused_by_proxy(const Proxy& proxy, const Url& url, long status);
 
 /// `peer` is "host:port", all that the message says of the URL.
-TransportFailure timed_out(const std::string& peer, const Deadline& deadline);
+TransportFailure timed_out(const std::string& peer, const Deadline& deadline, FailureDetail detail = {});
 
 /// For a libcurl call that must succeed: throws std::bad_alloc, or TransportFailure(kOther).
 void require(CURLcode code);
