@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import functools
 from collections.abc import Callable, Iterator
 from typing import NamedTuple
 
@@ -17,6 +18,7 @@ from .outcomes import log_in
 from .squid import Squid
 
 Make = Callable[..., Harness]
+Clients = Callable[..., list[str]]
 
 
 class Way(NamedTuple):
@@ -56,11 +58,17 @@ WAYS = (
 )
 
 
-def clients(site: str, origin: Nginx, one: Harness) -> list[str]:
-    """From where the requests of two logins came."""
-    so_far = len(origin.visits(site, 0))
-    log_in(one, 2)
-    return [visit.client for visit in origin.visits(site, so_far + 6)[so_far:]]
+@pytest.fixture
+def clients(origin: Nginx, server: DevServer, harness: Make) -> Clients:
+    """Logs in twice at that site, by the same manager each time, and tells from where the requests came."""
+    manager = functools.cache(harness)
+
+    def ask(site: str, *name: str) -> list[str]:
+        so_far = len(origin.visits(site, 0))
+        log_in(manager(origin.url(site, *name)), 2)
+        return [visit.client for visit in origin.visits(site, so_far + 6)[so_far:]]
+
+    return ask
 
 
 @pytest.mark.parametrize("site", ["plain", "tls"])
@@ -69,65 +77,47 @@ def test_logins(
     way: str,
     site: str,
     ways: dict[str, Way],
-    origin: Nginx,
+    clients: Clients,
     server: DevServer,
-    harness: Make,
     monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     monkeypatch.setenv("http_proxy" if site == "plain" else "https_proxy", ways[way].url)
-    assert clients(site, origin, harness(origin.url(site))) == [ways[way].client] * 6
+    assert clients(site) == [ways[way].client] * 6
     assert wire(server) == {"register": 2, "challenge": 2, "verify": 2}
 
 
 @pytest.mark.parametrize("way", ["squid", "squid over TLS"])
 def test_a_name_that_the_proxy_alone_knows(
-    way: str,
-    ways: dict[str, Way],
-    origin: Nginx,
-    server: DevServer,
-    harness: Make,
-    monkeypatch: pytest.MonkeyPatch,
+    way: str, ways: dict[str, Way], clients: Clients, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.setenv("https_proxy", ways[way].url)
-    assert clients("tls", origin, harness(origin.url("tls", squid.NAME))) == [squid.CLIENT] * 6
+    assert clients("tls", squid.NAME) == [squid.CLIENT] * 6
 
 
 @pytest.mark.parametrize("site", ["plain", "tls"])
 def test_both_schemes_at_once(
-    site: str,
-    ways: dict[str, Way],
-    origin: Nginx,
-    server: DevServer,
-    harness: Make,
-    monkeypatch: pytest.MonkeyPatch,
+    site: str, ways: dict[str, Way], clients: Clients, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.setenv("all_proxy", ways["tinyproxy"].url)
-    assert clients(site, origin, harness(origin.url(site))) == [tinyproxy.CLIENT] * 6
+    assert clients(site) == [tinyproxy.CLIENT] * 6
 
 
 @pytest.mark.parametrize("site", ["plain", "tls"])
 @pytest.mark.parametrize("exempt", ["127.0.0.1", "elsewhere.test,127.0.0.1", "*"])
 def test_a_host_that_is_exempt(
-    exempt: str,
-    site: str,
-    ways: dict[str, Way],
-    origin: Nginx,
-    server: DevServer,
-    harness: Make,
-    monkeypatch: pytest.MonkeyPatch,
+    exempt: str, site: str, ways: dict[str, Way], clients: Clients, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     for scheme in ("http", "https"):
         monkeypatch.setenv(f"{scheme}_proxy", ways["squid"].url)
     monkeypatch.setenv("no_proxy", exempt)
-    assert clients(site, origin, harness(origin.url(site))) == ["127.0.0.1"] * 6
+    assert clients(site) == ["127.0.0.1"] * 6
 
 
 def test_proxies_that_change_while_the_program_runs(
-    ways: dict[str, Way], origin: Nginx, server: DevServer, harness: Make, monkeypatch: pytest.MonkeyPatch
+    ways: dict[str, Way], clients: Clients, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    one = harness(origin.url("tls"))
     for way in ("squid", "tinyproxy", "squid with a password"):
         monkeypatch.setenv("https_proxy", ways[way].url)
-        assert clients("tls", origin, one) == [ways[way].client] * 6
+        assert clients("tls") == [ways[way].client] * 6
     monkeypatch.delenv("https_proxy")
-    assert clients("tls", origin, one) == ["127.0.0.1"] * 6
+    assert clients("tls") == ["127.0.0.1"] * 6

@@ -55,23 +55,26 @@ def failed(url: str, peer: str) -> BaseException:
     return error
 
 
-def check_final(error: BaseException) -> None:
-    """It is an OSError that no login tries again."""
-    assert isinstance(error, OSError)
-    assert not isinstance(error, ConnectionError | TimeoutError | ssl.SSLError)
-
-
-def check_login_ends_at_once(one: Harness, proxy: str) -> None:
-    error = discreet(one.failure(one.manager.authenticate), SECRETS)
-    check_final(error)
-    assert proxy in str(error)
+def check_ends_at_once(harness: Make, url: str, peer: str) -> BaseException:
+    """What fails there is final: a login ends with it. The value is the error of a single request."""
+    error, one = failed(url, peer), harness(url)
+    last = discreet(one.failure(one.manager.authenticate), SECRETS)
     assert (one.spy.attempts, one.delays) == ({"register": 1}, [])
+    assert peer in str(last)
+    for each in (error, last):
+        assert isinstance(each, OSError)
+        assert not isinstance(each, ConnectionError | TimeoutError | ssl.SSLError)
+    return error
 
 
-def check_login_gives_up(one: Harness, proxy: str) -> None:
-    error = discreet(unreachable(one), SECRETS)
-    assert isinstance(error.__context__, ConnectionError)
-    assert proxy in str(error.__context__)
+def check_gives_up(harness: Make, url: str, peer: str) -> BaseException:
+    """What fails there may pass: a login gives up after its attempts. The value is the error of a request."""
+    error = failed(url, peer)
+    last = discreet(unreachable(harness(url)), SECRETS).__context__
+    assert peer in str(last)
+    for each in (error, last):
+        assert isinstance(each, ConnectionError)
+    return error
 
 
 class TestThatRefuse:
@@ -90,8 +93,7 @@ class TestThatRefuse:
     ) -> None:
         for scheme in ("http", "https"):
             monkeypatch.setenv(f"{scheme}_proxy", proxy.url(way, STRANGERS[stranger]))
-        check_final(failed(origin.url(site), proxy.peer(way)))
-        check_login_ends_at_once(harness(origin.url(site)), proxy.peer(way))
+        check_ends_at_once(harness, origin.url(site), proxy.peer(way))
 
     @pytest.mark.parametrize("site", ["plain", "tls"])
     def test_whoever_does_not_tell_tinyproxy_a_password(
@@ -105,8 +107,7 @@ class TestThatRefuse:
         # Without TLS it does not read the body, so that a reset comes right behind its answer.
         for scheme in ("http", "https"):
             monkeypatch.setenv(f"{scheme}_proxy", f"http://{guarded_tinyproxy}")
-        check_final(failed(origin.url(site), guarded_tinyproxy))
-        check_login_ends_at_once(harness(origin.url(site)), guarded_tinyproxy)
+        check_ends_at_once(harness, origin.url(site), guarded_tinyproxy)
 
     @pytest.mark.parametrize("name", [USER, tinyproxy.USER])
     def test_who_tells_tinyproxy_a_wrong_password(
@@ -119,31 +120,20 @@ class TestThatRefuse:
     ) -> None:
         # It answers 401, which without TLS looks like an answer of the server.
         monkeypatch.setenv("https_proxy", f"http://{name}:{WRONG}@{guarded_tinyproxy}")
-        check_final(failed(origin.url("tls"), guarded_tinyproxy))
-        check_login_ends_at_once(harness(origin.url("tls")), guarded_tinyproxy)
+        check_ends_at_once(harness, origin.url("tls"), guarded_tinyproxy)
 
+    @pytest.mark.parametrize("scheme", ["http", "https"])
     def test_a_destination_that_squid_forbids(
-        self, proxy: Squid, harness: Make, monkeypatch: pytest.MonkeyPatch
+        self, scheme: str, proxy: Squid, harness: Make, monkeypatch: pytest.MonkeyPatch
     ) -> None:
-        monkeypatch.setenv("https_proxy", proxy.url())
-        url = f"https://127.0.0.1:{proxy.refusing[403]}"
-        check_final(failed(url, proxy.peer()))
-        check_login_ends_at_once(harness(url), proxy.peer())
+        monkeypatch.setenv(f"{scheme}_proxy", proxy.url())
+        check_ends_at_once(harness, f"{scheme}://127.0.0.1:{proxy.refusing[403]}", proxy.peer())
 
     def test_a_destination_that_tinyproxy_forbids(
         self, tinyproxy_for_other_ports: str, origin: Nginx, harness: Make, monkeypatch: pytest.MonkeyPatch
     ) -> None:
         monkeypatch.setenv("https_proxy", f"http://{tinyproxy_for_other_ports}")
-        check_final(failed(origin.url("tls"), tinyproxy_for_other_ports))
-        check_login_ends_at_once(harness(origin.url("tls")), tinyproxy_for_other_ports)
-
-    def test_a_destination_that_squid_forbids_without_tls(
-        self, proxy: Squid, harness: Make, monkeypatch: pytest.MonkeyPatch
-    ) -> None:
-        monkeypatch.setenv("http_proxy", proxy.url())
-        url = f"http://127.0.0.1:{proxy.refusing[403]}"
-        check_final(failed(url, proxy.peer()))
-        check_login_ends_at_once(harness(url), proxy.peer())
+        check_ends_at_once(harness, origin.url("tls"), tinyproxy_for_other_ports)
 
     def test_a_refusal_of_the_server_is_none_of_the_proxy(
         self, proxy: Squid, origin: Nginx, monkeypatch: pytest.MonkeyPatch
@@ -161,18 +151,13 @@ class TestThatMayComeRound:
     ) -> None:
         monkeypatch.setenv("https_proxy", proxy.url())
         url = f"https://127.0.0.1:{proxy.refusing[status]}"
-        error = failed(url, proxy.peer())
-        assert isinstance(error, ConnectionError)
-        assert str(status) in str(error)
-        check_login_gives_up(harness(url), proxy.peer())
+        assert str(status) in str(check_gives_up(harness, url, proxy.peer()))
 
     def test_a_server_that_squid_does_not_reach(
         self, proxy: Squid, unused_port: int, harness: Make, monkeypatch: pytest.MonkeyPatch
     ) -> None:
         monkeypatch.setenv("https_proxy", proxy.url())
-        url = f"https://127.0.0.1:{unused_port}"
-        assert isinstance(failed(url, proxy.peer()), ConnectionError)
-        check_login_gives_up(harness(url), proxy.peer())
+        check_gives_up(harness, f"https://127.0.0.1:{unused_port}", proxy.peer())
 
     @pytest.mark.parametrize("way", ["squid", "tinyproxy"])
     def test_a_server_that_neither_reaches_without_tls(
@@ -210,8 +195,7 @@ class TestThatMayComeRound:
         peer = f"127.0.0.1:{unused_port}"
         for name in ("http_proxy", "https_proxy"):
             monkeypatch.setenv(name, f"{scheme}://{USER}:{WRONG}@{peer}")
-        assert type(failed(origin.url(site), peer)) is ConnectionRefusedError
-        check_login_gives_up(harness(origin.url(site)), peer)
+        assert type(check_gives_up(harness, origin.url(site), peer)) is ConnectionRefusedError
 
 
 class TestThatCannotBeUsed:
@@ -222,8 +206,7 @@ class TestThatCannotBeUsed:
     ) -> None:
         for name in ("http_proxy", "https_proxy"):
             monkeypatch.setenv(name, f"ftp://{user}127.0.0.1:1")
-        assert type(failed(origin.url(site), "127.0.0.1:1")) is OSError
-        check_login_ends_at_once(harness(origin.url(site)), "127.0.0.1:1")
+        assert type(check_ends_at_once(harness, origin.url(site), "127.0.0.1:1")) is OSError
 
     @pytest.mark.parametrize("site", ["plain", "tls"])
     def test_a_certificate_that_nobody_trusts(

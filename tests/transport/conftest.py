@@ -3,8 +3,10 @@
 from __future__ import annotations
 
 from collections.abc import Callable, Iterator
+from pathlib import Path
 
 import pytest
+import trustme
 
 from tests.shared.servers import (
     either,
@@ -16,7 +18,10 @@ from tests.shared.servers import (
     unused_port,
 )
 
+from .authorities import pem
+from .proxies import SetEnv
 from .raw import RawServer
+from .tls_server import Serve, context_of, serving
 
 # Fixtures.
 __all__ = ["either", "http_process", "https_process", "https_server", "server", "trusted", "unused_port"]
@@ -34,6 +39,47 @@ def raw() -> Iterator[Callable[..., RawServer]]:
     yield start
     for one in started:
         one.stop()
+
+
+@pytest.fixture(scope="module")
+def authority() -> trustme.CA:
+    return trustme.CA(organization_name="trusted")
+
+
+@pytest.fixture
+def roots(authority: trustme.CA, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
+    """The file that is trusted. The authority is in it."""
+    path = tmp_path / "roots.pem"
+    path.write_bytes(pem(authority))
+    monkeypatch.setenv("SSL_CERT_FILE", str(path))
+    monkeypatch.delenv("SSL_CERT_DIR", raising=False)
+    return path
+
+
+@pytest.fixture
+def serve() -> Iterator[Serve]:
+    """Starts servers like those of `raw` behind TLS, given a context first."""
+    with serving() as start:
+        yield start
+
+
+@pytest.fixture
+def secured(serve: Serve, roots: Path, authority: trustme.CA) -> Serve:
+    """Starts servers like those of `raw` behind TLS, with certificates that are trusted."""
+    return lambda *answers, **options: serve(context_of(authority), *answers, **options)
+
+
+@pytest.fixture(params=["http", "https"])
+def either_raw(request: pytest.FixtureRequest) -> Callable[..., RawServer]:
+    """Starts servers of each scheme in turn."""
+    name = {"http": "raw", "https": "secured"}[request.param]
+    start: Callable[..., RawServer] = request.getfixturevalue(name)
+    return start
+
+
+@pytest.fixture
+def setenv(monkeypatch: pytest.MonkeyPatch) -> SetEnv:
+    return monkeypatch.setenv
 
 
 @pytest.fixture(autouse=True)

@@ -4,40 +4,18 @@ from __future__ import annotations
 
 import socket
 import threading
-from collections.abc import Callable, Iterator
-from pathlib import Path
-
-import pytest
-import trustme
+from collections.abc import Callable
 
 from tests.shared.threads import Worker
 
-from .authorities import pem
 from .raw import DEADLINE, OK, RawServer
 from .reference import transport
-from .tls_server import context_of, serving
 
 Raw = Callable[..., RawServer]
 
 THREADS = 64
 # Far fewer than threads, with room for those that begin while none is free.
 ENOUGH = 40
-
-
-@pytest.fixture
-def secured(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Raw]:
-    authority = trustme.CA()
-    (tmp_path / "roots.pem").write_bytes(pem(authority))
-    monkeypatch.setenv("SSL_CERT_FILE", str(tmp_path / "roots.pem"))
-    with serving() as start:
-        yield lambda *answers, **options: start(context_of(authority), *answers, **options)
-
-
-@pytest.fixture(params=["http", "https"])
-def start(request: pytest.FixtureRequest) -> Raw:
-    """Starts servers of each scheme in turn."""
-    chosen: Raw = request.getfixturevalue({"http": "raw", "https": "secured"}[request.param])
-    return chosen
 
 
 def at_once(url: str) -> list[int]:
@@ -52,8 +30,8 @@ def at_once(url: str) -> list[int]:
     return [worker.result() for worker in [Worker(ask, which) for which in range(THREADS)]]
 
 
-def test_answers_that_come_at_once(start: Raw) -> None:
-    server = start(OK, keep_alive=True)
+def test_answers_that_come_at_once(either_raw: Raw) -> None:
+    server = either_raw(OK, keep_alive=True)
     assert at_once(server.url) == [200] * THREADS
     assert sorted(server.request_line(which) for which in range(THREADS)) == sorted(
         f"POST /{which} HTTP/1.1" for which in range(THREADS)
@@ -62,19 +40,19 @@ def test_answers_that_come_at_once(start: Raw) -> None:
     assert server.connections <= ENOUGH
 
 
-def test_answers_that_come_when_all_have_asked(start: Raw) -> None:
+def test_answers_that_come_when_all_have_asked(either_raw: Raw) -> None:
     everybody = threading.Barrier(THREADS)
 
     def answer(connection: socket.socket, _: threading.Event) -> None:
         everybody.wait(DEADLINE)
         connection.sendall(OK)
 
-    server = start(answer)
+    server = either_raw(answer)
     assert at_once(server.url) == [200] * THREADS
     assert (len(server.requests), server.connections) == (THREADS, THREADS)
 
 
-def test_an_answer_that_does_not_come_holds_up_nobody(start: Raw) -> None:
+def test_an_answer_that_does_not_come_holds_up_nobody(either_raw: Raw) -> None:
     held, release = threading.Event(), threading.Event()
 
     def answer(connection: socket.socket, _: threading.Event) -> None:
@@ -82,7 +60,7 @@ def test_an_answer_that_does_not_come_holds_up_nobody(start: Raw) -> None:
         assert release.wait(DEADLINE)
         connection.sendall(OK)
 
-    server = start(answer, OK)
+    server = either_raw(answer, OK)
     late = Worker(transport, "GET", server.url)
     assert held.wait(DEADLINE)
     try:

@@ -3,15 +3,8 @@
 from __future__ import annotations
 
 import http.client
-import json
-import os
-import signal
-import subprocess
-import sys
-import textwrap
 import threading
 from collections.abc import Callable
-from typing import Any
 
 import pytest
 
@@ -19,51 +12,16 @@ from devserver.testing import DevServer
 from integration.support import descriptors
 from tests.shared.threads import Worker, until
 
+from .programs import FORKING, told_by
 from .raw import CLOSE, OK, RawServer, reset
 from .reference import echoed, failure, transport
 
 Raw = Callable[..., RawServer]
 
-DEADLINE = 60.0
-
 
 def connections(server: DevServer) -> int:
     accepted: int = server.state()["connections"]["accepted"]
     return accepted
-
-
-def run(program: str, server: DevServer, *, interrupt_at: str | None = None) -> Any:
-    """Run the program with the server's URL in `url`; give back the JSON value of its output.
-
-    interrupt_at: path at which the program's request is waited for, to interrupt the program then.
-    """
-    ca_file = {"SSL_CERT_FILE": server.ca_file} if server.ca_file else {}
-    start = (
-        "import json, os, signal, sys, threading, time\n"
-        "from tessaline import auth\n"
-        # A shell's background jobs ignore it.
-        "signal.signal(signal.SIGINT, signal.default_int_handler)\n"
-        f"url = {server.url!r}\n"
-    )
-    child = subprocess.Popen(
-        [sys.executable, "-P", "-W", "ignore", "-c", start + textwrap.dedent(program)],
-        stdin=subprocess.DEVNULL,
-        stdout=subprocess.PIPE,
-        stderr=subprocess.PIPE,
-        env=os.environ | ca_file,
-        text=True,
-    )
-    try:
-        if interrupt_at is not None:
-            server.wait_for(interrupt_at, 1, timeout=DEADLINE)
-            child.send_signal(signal.SIGINT)
-        output, errors = child.communicate(timeout=DEADLINE)
-    except BaseException:
-        child.kill()
-        child.communicate(timeout=DEADLINE)
-        raise
-    assert (child.returncode, errors) == (0, "")
-    return json.loads(output)
 
 
 class TestReuse:
@@ -148,16 +106,10 @@ class TestReuse:
         assert transport("POST", server.url, {}, "second")[0] == 200
         assert (len(server.requests), server.connections) == (3, 2)
 
-    def test_an_answer_of_which_a_line_has_come_is_not_asked_for_again(self, raw: Raw) -> None:
-        begun = b"HTTP/1.1 200 OK\r\n"
+    @pytest.mark.parametrize("more", [b"", b"Content-Length: 9\r\n\r\nabc"], ids=["line", "head"])
+    def test_an_answer_that_has_begun_is_not_asked_for_again(self, more: bytes, raw: Raw) -> None:
+        begun = b"HTTP/1.1 200 OK\r\n" + more
         broken = raw(OK, lambda connection, _: connection.sendall(begun), OK, keep_alive=True)
-        transport("POST", broken.url, {}, "first")
-        assert isinstance(failure("POST", broken.url, {}, "second"), ConnectionError)
-        assert len(broken.requests) == 2
-
-    def test_an_answer_that_has_begun_is_not_asked_for_again(self, raw: Raw) -> None:
-        cut = b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc"
-        broken = raw(OK, lambda connection, _: connection.sendall(cut), OK, keep_alive=True)
         transport("POST", broken.url, {}, "first")
         assert isinstance(failure("POST", broken.url, {}, "second"), ConnectionError)
         assert len(broken.requests) == 2
@@ -171,23 +123,16 @@ class TestReuse:
 
 class TestFork:
     def test_a_child_opens_its_own_connection(self, either: DevServer) -> None:
-        told = run(
+        told = told_by(
             """
+            (url,) = arguments
             def ask():
                 return auth._default_http_transport("GET", url + "/_echo")[0]
 
-            first = ask()
-            child = os.fork()
-            if child == 0:
-                code = 1
-                try:
-                    code = 0 if (ask(), ask()) == (200, 200) else 2
-                finally:
-                    os._exit(code)
-            _, status = os.waitpid(child, 0)
-            print(json.dumps([first, os.waitstatus_to_exitcode(status), ask()]))
+            print(json.dumps([ask(), code_of_child(lambda: (ask(), ask()) == (200, 200)), ask()]))
             """,
-            either,
+            either.url,
+            helpers=FORKING,
         )
         assert told == [200, 0, 200]
         assert connections(either) == 2
@@ -197,8 +142,9 @@ class TestFork:
 
     def test_a_child_of_a_process_that_is_in_a_request(self, either: DevServer) -> None:
         either.faults("/_echo/held", [{"kind": "hold"}])
-        told = run(
+        told = told_by(
             """
+            (url,) = arguments
             answered = []
             held = threading.Thread(
                 target=lambda: answered.append(auth._default_http_transport("GET", url + "/_echo/held")[0])
@@ -216,44 +162,35 @@ class TestFork:
                 there.getresponse().read()
                 there.close()
             control("wait", {"endpoint": "/_echo/held", "count": 1, "timeout": 20})
-            child = os.fork()
-            if child == 0:
-                code = 1
-                try:
-                    code = 0 if auth._default_http_transport("GET", url + "/_echo/child")[0] == 200 else 2
-                finally:
-                    os._exit(code)
-            _, status = os.waitpid(child, 0)
+            code = code_of_child(lambda: auth._default_http_transport("GET", url + "/_echo/child")[0] == 200)
             control("release", {})
             held.join(20)
-            print(json.dumps([os.waitstatus_to_exitcode(status), answered]))
+            print(json.dumps([code, answered]))
             """,
-            either,
+            either.url,
+            helpers=FORKING,
         )
         assert told == [0, [200]]
         paths = {entry["path"]: entry["connection"] for entry in either.requests}
         assert paths["/_echo/held"] != paths["/_echo/child"]
 
     def test_a_manager_goes_on_in_a_child(self, either: DevServer) -> None:
-        told = run(
+        told = told_by(
             """
+            (url,) = arguments
             manager = auth.AuthManager("44" * 32, url)
             manager.authenticate()
-            child = os.fork()
-            if child == 0:
-                code = 1
-                try:
-                    manager.authenticate()
-                    manager.close()
-                    code = 0
-                finally:
-                    os._exit(code)
-            _, status = os.waitpid(child, 0)
+            def log_in_and_close():
+                manager.authenticate()
+                manager.close()
+                return True
+            code = code_of_child(log_in_and_close)
             manager.authenticate()
             manager.close()
-            print(json.dumps(os.waitstatus_to_exitcode(status)))
+            print(json.dumps(code))
             """,
-            either,
+            either.url,
+            helpers=FORKING,
         )
         assert told == 0
         assert connections(either) == 2
@@ -262,9 +199,9 @@ class TestFork:
 class TestInterrupts:
     def test_a_hanging_request_ends_within_a_second(self, either: DevServer) -> None:
         either.faults("/_echo/held", [{"kind": "hold"}])
-        kind, seconds, again = run(
+        kind, seconds, again = told_by(
             """
-            import signal
+            (url,) = arguments
             marks = []
             def note(number, frame):
                 marks.append(time.monotonic())
@@ -278,16 +215,17 @@ class TestInterrupts:
             again = auth._default_http_transport("GET", url + "/_echo")[0]
             print(json.dumps([kind, ended - marks[0], again]))
             """,
-            either,
-            interrupt_at="/_echo/held",
+            either.url,
+            interrupt_at=(either, "/_echo/held"),
         )
         assert (kind, again) == ("KeyboardInterrupt", 200)
         assert seconds < 1.0
 
     def test_the_signal_is_heeded_within_a_second(self, server: DevServer) -> None:
         server.faults("/_echo/held", [{"kind": "hold"}])
-        waited = run(
+        waited = told_by(
             """
+            (url,) = arguments
             import http.client, urllib.parse
             def interrupt():
                 there = http.client.HTTPConnection(urllib.parse.urlsplit(url).netloc)
@@ -303,30 +241,30 @@ class TestInterrupts:
             except KeyboardInterrupt:
                 print(json.dumps(time.monotonic() - marks[0]))
             """,
-            server,
+            server.url,
         )
         assert waited < 1.0
 
     def test_a_handler_that_returns_lets_the_request_go_on(self, server: DevServer) -> None:
         server.faults("/_echo/held", [{"kind": "delay", "seconds": 0.6}])
-        told = run(
+        told = told_by(
             """
-            import signal
+            (url,) = arguments
             heard = []
             signal.signal(signal.SIGINT, lambda *_: heard.append("heard"))
             status = auth._default_http_transport("GET", url + "/_echo/held")[0]
             print(json.dumps([heard, status]))
             """,
-            server,
-            interrupt_at="/_echo/held",
+            server.url,
+            interrupt_at=(server, "/_echo/held"),
         )
         assert told == [["heard"], 200]
 
     def test_the_error_of_a_handler_comes_out(self, server: DevServer) -> None:
         server.faults("/_echo/held", [{"kind": "hold"}])
-        told = run(
+        told = told_by(
             """
-            import signal
+            (url,) = arguments
             def stop(*_):
                 raise LookupError("from the handler")
             signal.signal(signal.SIGINT, stop)
@@ -335,15 +273,16 @@ class TestInterrupts:
             except LookupError as error:
                 print(json.dumps(str(error)))
             """,
-            server,
-            interrupt_at="/_echo/held",
+            server.url,
+            interrupt_at=(server, "/_echo/held"),
         )
         assert told == "from the handler"
 
     def test_an_interrupted_login_wakes_those_who_wait_for_it(self, either: DevServer) -> None:
         either.faults("challenge", [{"kind": "hold"}])
-        told = run(
+        told = told_by(
             """
+            (url,) = arguments
             manager = auth.AuthManager("55" * 32, url)
             heard = []
             def wait_for_it():
@@ -365,8 +304,8 @@ class TestInterrupts:
             manager.close()
             print(json.dumps([sorted(heard), waiter.is_alive(), state]))
             """,
-            either,
-            interrupt_at="challenge",
+            either.url,
+            interrupt_at=(either, "challenge"),
         )
         assert told == [["", "interrupted"], False, "UNINITIALIZED"]
 

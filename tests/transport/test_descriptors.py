@@ -54,8 +54,9 @@ COUNTS = range(6)
 
 
 @pytest.fixture(scope="module")
-def servers(tmp_path_factory: pytest.TempPathFactory) -> Iterator[dict[str, RawServer]]:
-    authority = trustme.CA()
+def servers(
+    authority: trustme.CA, tmp_path_factory: pytest.TempPathFactory
+) -> Iterator[dict[str, RawServer]]:
     roots = tmp_path_factory.mktemp("authority") / "roots.pem"
     roots.write_bytes(pem(authority))
     plain = RawServer(LAST)

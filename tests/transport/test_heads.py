@@ -6,19 +6,15 @@ import http.client
 import socket
 import ssl
 import threading
-from collections.abc import Callable, Iterator
-from pathlib import Path
+from collections.abc import Callable
 
 import pytest
-import trustme
 
-from .authorities import pem
 from .raw import OK, RawServer
 from .reference import failure, transport
-from .tls_server import TlsServer, context_of, serving
+from .tls_server import Serve
 
 Raw = Callable[..., RawServer]
-Serve = Callable[..., TlsServer]
 
 KIB = 1024
 END = b"Content-Length: 2\r\n\r\nok"
@@ -68,27 +64,6 @@ GARBLED = {
     "a trailer of 5 KiB": CHUNKED + b"3\r\nabc\r\n0\r\nX-Late: " + b"x" * (5 * KIB) + b"\r\n\r\n",
     "a trailer of 70 KiB": CHUNKED + b"3\r\nabc\r\n0\r\nX-Late: " + b"x" * (70 * KIB) + b"\r\n\r\n",
 }
-
-
-@pytest.fixture(scope="module")
-def authority() -> trustme.CA:
-    return trustme.CA(organization_name="trusted")
-
-
-@pytest.fixture
-def serve(authority: trustme.CA, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Serve]:
-    path = tmp_path / "roots.pem"
-    path.write_bytes(pem(authority))
-    monkeypatch.setenv("SSL_CERT_FILE", str(path))
-    with serving() as start:
-        yield lambda *answers, **options: start(context_of(authority), *answers, **options)
-
-
-@pytest.fixture(params=["http", "https"])
-def either_raw(request: pytest.FixtureRequest) -> Raw:
-    """Servers of each scheme in turn."""
-    start: Raw = request.getfixturevalue({"http": "raw", "https": "serve"}[request.param])
-    return start
 
 
 def open_end(answer: bytes) -> Callable[[socket.socket, threading.Event], None]:
@@ -226,16 +201,16 @@ class TestEndOfConnection:
     HEAD = b"HTTP/1.1 200 OK\r\n\r\n"
 
     @pytest.mark.parametrize("size", [0, 1, 100_000])
-    def test_that_was_announced(self, size: int, serve: Serve) -> None:
+    def test_that_was_announced(self, size: int, secured: Serve) -> None:
         def write(connection: socket.socket, _: threading.Event) -> None:
             assert isinstance(connection, ssl.SSLSocket)
             connection.sendall(self.HEAD + b"x" * size)
             connection.unwrap()
 
-        assert transport("GET", serve(write).url) == (200, {}, b"x" * size)
+        assert transport("GET", secured(write).url) == (200, {}, b"x" * size)
 
     @pytest.mark.parametrize("size", [0, 1, 100_000])
-    def test_that_just_came(self, size: int, serve: Serve) -> None:
+    def test_that_just_came(self, size: int, secured: Serve) -> None:
         # As with the host's own client, which does not ask for TLS's word either.
-        server = serve(lambda connection, _: connection.sendall(self.HEAD + b"x" * size))
+        server = secured(lambda connection, _: connection.sendall(self.HEAD + b"x" * size))
         assert transport("GET", server.url) == (200, {}, b"x" * size)

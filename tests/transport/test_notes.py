@@ -10,30 +10,15 @@ import trustme
 
 from devserver.testing import DevServer
 
+from .proxies import PASSWORD, by_proxy
 from .raw import CLOSE, RawServer, keep_silent, reset
 from .reference import failure, transport
 
 Raw = Callable[..., RawServer]
 
-PASSWORD = "s3cret-of-the-proxy"
-PROXIES = ("http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY")
-
-
-@pytest.fixture(autouse=True)
-def no_proxy(monkeypatch: pytest.MonkeyPatch) -> None:
-    for name in PROXIES:
-        monkeypatch.delenv(name, raising=False)
-
 
 def notes(error: BaseException) -> list[str]:
     return list(getattr(error, "__notes__", []))
-
-
-def by_proxy(variable: str) -> str:
-    return (
-        f"the environment variable {variable} names a proxy, "
-        "which the request went through unless no_proxy exempts the host"
-    )
 
 
 REFUSED = "nobody listens there: check host and port, and whether the server runs"

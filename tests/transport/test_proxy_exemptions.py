@@ -4,15 +4,12 @@ from __future__ import annotations
 
 import contextlib
 from collections.abc import Callable, Iterator
-from pathlib import Path
 
 import pytest
-import trustme
 
-from .authorities import pem
 from .raw import RawServer
 from .reference import transport
-from .tls_server import TlsServer, context_of, serving
+from .tls_server import Serve
 from .tunnel import tunnel_to
 
 Raw = Callable[..., RawServer]
@@ -203,14 +200,10 @@ def test_small_letters_come_first(origins: dict[int, RawServer], monkeypatch: py
         ("localhost:OTHER", False),
     ],
 )
-def test_https(listed: str, exempt: bool, tmp_path: Path, raw: Raw, monkeypatch: pytest.MonkeyPatch) -> None:
-    authority = trustme.CA()
-    (tmp_path / "roots.pem").write_bytes(pem(authority))
-    monkeypatch.setenv("SSL_CERT_FILE", str(tmp_path / "roots.pem"))
-    with serving() as start:
-        server: TlsServer = start(context_of(authority))
-        tunnel = raw(tunnel_to(server.port))
-        monkeypatch.setenv("https_proxy", tunnel.url)
-        monkeypatch.setenv("no_proxy", entries(listed, "localhost", {4: server}))
-        assert transport("GET", f"https://localhost:{server.port}/")[0] == 200
-        assert tunnel.connections == (0 if exempt else 1)
+def test_https(listed: str, exempt: bool, raw: Raw, secured: Serve, monkeypatch: pytest.MonkeyPatch) -> None:
+    server = secured()
+    tunnel = raw(tunnel_to(server.port))
+    monkeypatch.setenv("https_proxy", tunnel.url)
+    monkeypatch.setenv("no_proxy", entries(listed, "localhost", {4: server}))
+    assert transport("GET", f"https://localhost:{server.port}/")[0] == 200
+    assert tunnel.connections == (0 if exempt else 1)

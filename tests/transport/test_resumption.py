@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import ssl
-from collections.abc import Callable, Iterator
+from collections.abc import Callable
 from pathlib import Path
 
 import pytest
@@ -12,34 +12,11 @@ import trustme
 from tests.shared.threads import Worker
 
 from .authorities import ACCEPTED, REFUSED, outcome, outcome_elsewhere, pem, replace, rewrite
-from .programs import told_by
-from .tls_server import TlsServer, context_of, serving
-
-Serve = Callable[..., TlsServer]
+from .programs import FORKING, told_by
+from .tls_server import Serve, TlsServer, context_of
 
 VERSIONS = {"1.2": ssl.TLSVersion.TLSv1_2, "1.3": ssl.TLSVersion.TLSv1_3}
 BOTH = pytest.mark.parametrize("version", VERSIONS.values(), ids=VERSIONS)
-
-
-@pytest.fixture(scope="module")
-def authority() -> trustme.CA:
-    return trustme.CA(organization_name="trusted")
-
-
-@pytest.fixture
-def serve() -> Iterator[Serve]:
-    with serving() as start:
-        yield start
-
-
-@pytest.fixture
-def roots(authority: trustme.CA, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
-    """The file that is trusted. The authority is in it."""
-    path = tmp_path / "roots.pem"
-    path.write_bytes(pem(authority))
-    monkeypatch.setenv("SSL_CERT_FILE", str(path))
-    monkeypatch.delenv("SSL_CERT_DIR", raising=False)
-    return path
 
 
 @pytest.fixture
@@ -153,17 +130,11 @@ class TestNotResumed:
                 return auth._default_http_transport("GET", url)[0]
 
             before = [ask(), ask()]
-            child = os.fork()
-            if child == 0:
-                code = 1
-                try:
-                    code = 0 if (ask(), ask()) == (200, 200) else 2
-                finally:
-                    os._exit(code)
-            _, status = os.waitpid(child, 0)
-            print(json.dumps([*before, os.waitstatus_to_exitcode(status), ask()]))
+            code = code_of_child(lambda: (ask(), ask()) == (200, 200))
+            print(json.dumps([*before, code, ask()]))
             """,
             server.url,
+            helpers=FORKING,
         )
         assert told == [200, 200, 0, 200]
         assert server.resumed == [False, True, False, True, True]

@@ -3,16 +3,13 @@
 from __future__ import annotations
 
 from collections.abc import Callable
-from pathlib import Path
 from urllib.parse import urljoin
 
 import pytest
-import trustme
 
-from .authorities import pem
 from .raw import OK, RawServer
 from .reference import transport
-from .tls_server import context_of, serving
+from .tls_server import Serve
 
 Raw = Callable[..., RawServer]
 
@@ -66,16 +63,12 @@ def test_as_given(given: str, raw: Raw) -> None:
     assert server.connections == 1
 
 
-def test_as_given_under_tls(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
-    authority = trustme.CA()
-    (tmp_path / "roots.pem").write_bytes(pem(authority))
-    monkeypatch.setenv("SSL_CERT_FILE", str(tmp_path / "roots.pem"))
-    with serving() as start:
-        server = start(context_of(authority), keep_alive=True)
-        for given, sent in TARGETS.items():
-            assert transport("POST", server.url + given, {}, "{}")[0] == 200
-            assert server.request_line() == f"POST {sent} HTTP/1.1"
-        assert server.connections == 1
+def test_as_given_under_tls(secured: Serve) -> None:
+    server = secured(keep_alive=True)
+    for given, sent in TARGETS.items():
+        assert transport("POST", server.url + given, {}, "{}")[0] == 200
+        assert server.request_line() == f"POST {sent} HTTP/1.1"
+    assert server.connections == 1
 
 
 def redirect(target: str) -> bytes:

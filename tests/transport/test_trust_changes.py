@@ -8,7 +8,7 @@ import shutil
 import ssl
 import threading
 import time
-from collections.abc import Callable, Iterator
+from collections.abc import Callable
 from pathlib import Path
 
 import pytest
@@ -28,9 +28,8 @@ from .authorities import (
     rewrite,
 )
 from .reference import failure
-from .tls_server import TlsServer, context_of, serving
+from .tls_server import Serve, TlsServer, context_of
 
-Serve = Callable[..., TlsServer]
 Change = Callable[[Path, bytes], object]
 
 # Larger than any certificate here, so that all of them can be brought to it.
@@ -39,19 +38,8 @@ LAPS = 25
 
 
 @pytest.fixture(scope="module")
-def authority() -> trustme.CA:
-    return trustme.CA(organization_name="trusted at times")
-
-
-@pytest.fixture(scope="module")
 def other() -> trustme.CA:
     return trustme.CA(organization_name="never asked for")
-
-
-@pytest.fixture
-def serve() -> Iterator[Serve]:
-    with serving() as start:
-        yield start
 
 
 @pytest.fixture
@@ -67,13 +55,10 @@ def closing(serve: Serve, authority: trustme.CA) -> TlsServer:
 
 
 @pytest.fixture
-def roots(authority: trustme.CA, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
-    """The file that is trusted. The authority is in it."""
-    path = tmp_path / "roots.pem"
-    path.write_bytes(pem(authority, SIZE))
-    monkeypatch.setenv("SSL_CERT_FILE", str(path))
-    monkeypatch.delenv("SSL_CERT_DIR", raising=False)
-    return path
+def roots(roots: Path, authority: trustme.CA) -> Path:
+    """The file that is trusted. The authority is in it, brought to that size."""
+    roots.write_bytes(pem(authority, SIZE))
+    return roots
 
 
 def rewrite_and_hide(path: Path, content: bytes) -> None:

@@ -12,37 +12,25 @@ import pytest
 import trustme
 
 from .authorities import ACCEPTED, REFUSED, by_tls_library, outcome, pem
-from .tls_server import TlsServer, context_of, serving
+from .tls_server import Serve, TlsServer, context_of, serving
 
 UNRELATED = 300
 
 
 @pytest.fixture(scope="module")
-def authority() -> trustme.CA:
-    return trustme.CA(organization_name="the right one")
-
-
-@pytest.fixture(scope="module")
-def servers(authority: trustme.CA) -> Iterator[Callable[..., TlsServer]]:
+def servers() -> Iterator[Serve]:
     with serving() as start:
         yield start
 
 
 @pytest.fixture(scope="module")
-def server(servers: Callable[..., TlsServer], authority: trustme.CA) -> TlsServer:
+def server(servers: Serve, authority: trustme.CA) -> TlsServer:
     return servers(context_of(authority))
 
 
 @pytest.fixture(scope="module")
 def others() -> list[bytes]:
     return [pem(trustme.CA(organization_name=f"unrelated {which}")) for which in range(UNRELATED)]
-
-
-@pytest.fixture
-def roots(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
-    monkeypatch.setenv("SSL_CERT_FILE", str(tmp_path / "roots.pem"))
-    monkeypatch.delenv("SSL_CERT_DIR", raising=False)
-    return tmp_path / "roots.pem"
 
 
 def check(server: TlsServer, roots: Path, content: bytes, wanted: str) -> None:
@@ -126,9 +114,7 @@ def test_a_plain_certificate_beside_one_with_a_list(
     check(server, roots, others[0] + trusted_form(pem(authority)), ACCEPTED)
 
 
-def test_the_servers_own_certificate(
-    servers: Callable[..., TlsServer], roots: Path, authority: trustme.CA
-) -> None:
+def test_the_servers_own_certificate(servers: Serve, roots: Path, authority: trustme.CA) -> None:
     certificate = authority.issue_cert("127.0.0.1")
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     certificate.configure_cert(context)
@@ -137,9 +123,7 @@ def test_the_servers_own_certificate(
     check(one, roots, authority.issue_cert("127.0.0.1").cert_chain_pems[0].bytes(), REFUSED)
 
 
-def test_an_authority_below_the_root(
-    servers: Callable[..., TlsServer], roots: Path, authority: trustme.CA
-) -> None:
+def test_an_authority_below_the_root(servers: Serve, roots: Path, authority: trustme.CA) -> None:
     below = authority.create_child_ca()
     one = servers(context_of(below))
     check(one, roots, pem(below), ACCEPTED)

@@ -12,6 +12,8 @@ import trustme
 
 from .raw import DEADLINE, RawServer
 
+type Serve = Callable[..., TlsServer]
+
 NAMES = ("127.0.0.1", "::1", "localhost")
 
 
@@ -73,7 +75,7 @@ class TlsServer(RawServer):
 
 
 @contextlib.contextmanager
-def serving() -> Iterator[Callable[..., TlsServer]]:
+def serving() -> Iterator[Serve]:
     """Starts servers, and stops them at the end."""
     with contextlib.ExitStack() as stack:
 

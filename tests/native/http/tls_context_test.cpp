@@ -44,6 +44,7 @@ TEST(TlsContext, AnAlertThatAnswersAWrongMessageTellsOfAFault) {
 TEST(TlsContext, AnAlertOfThePeerTellsOfAFault) {
   const TlsSight sight = sight_of(std::string("\x15\x03\x03\x00\x02\x02\x28", 7));
   EXPECT_EQ(sight.fatal_alert, SSL_AD_HANDSHAKE_FAILURE);
+  EXPECT_EQ(sight.reason(), "SSLV3_ALERT_HANDSHAKE_FAILURE");
   EXPECT_FALSE(sight.hung_up());
 }
 

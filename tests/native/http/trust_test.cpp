@@ -194,5 +194,22 @@ TEST_F(TrustTest, SessionsAreGivenOutOnceAndBounded) {
   EXPECT_EQ(sessions.take("late"), nullptr);
 }
 
+// OpenSSL spoils what a connection was resumed from when it ends without a word.
+TEST_F(TrustTest, SessionsOfTls12SurviveTheConnectionsThatResumeThem) {
+  const std::unique_ptr<SSL_CTX, OpenSslFree<SSL_CTX_free>> context(SSL_CTX_new(TLS_client_method()));
+  TlsSession session(SSL_SESSION_new());
+  SSL_SESSION_set_protocol_version(session.get(), TLS1_2_VERSION);
+  const unsigned char id[] = {1};
+  SSL_SESSION_set1_id(session.get(), id, sizeof id);
+  TlsSessions sessions;
+  sessions.keep("one", std::move(session));
+  for (int round = 0; round < 3; ++round) {
+    const TlsSession taken = sessions.take("one");
+    ASSERT_NE(taken, nullptr);
+    SSL_CTX_remove_session(context.get(), taken.get());
+    EXPECT_EQ(SSL_SESSION_is_resumable(taken.get()), 0);
+  }
+}
+
 }  // namespace
 }  // namespace tessaline::auth::http

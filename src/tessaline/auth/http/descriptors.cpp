@@ -1,6 +1,6 @@
 #include "tessaline/auth/http/descriptors.hpp"
 
-#include <sys/eventfd.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,11 +9,13 @@ namespace tessaline::auth::http {
 
 int descriptor_shortage() noexcept {
   const int before = errno;
-  const int probe = eventfd(0, EFD_CLOEXEC);
+  int probe[2];
+  const bool had = pipe2(probe, O_CLOEXEC) == 0;
   const int why = errno;
   errno = before;
-  if (probe < 0) return why == EMFILE || why == ENFILE ? why : 0;
-  close(probe);
+  if (!had) return why == EMFILE || why == ENFILE ? why : 0;
+  close(probe[0]);
+  close(probe[1]);
   return 0;
 }
 

@@ -2,8 +2,8 @@
 
 namespace tessaline::auth::http {
 
-/// Whether another descriptor could not be had now: EMFILE or ENFILE; 0 where it could. Libraries that need
-/// one for a moment do not tell why they failed.
+/// Whether two more descriptors could not be had now: EMFILE or ENFILE; 0 where they could. Libraries that
+/// need some for a moment, two at most, do not tell why they failed.
 int descriptor_shortage() noexcept;
 
 }  // namespace tessaline::auth::http

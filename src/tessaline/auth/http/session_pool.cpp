@@ -104,7 +104,11 @@ void SessionPool::give_back(Session& session, TimePoint now) noexcept {
   Owned surplus;  // closed after the lock is released
   const std::lock_guard lock(process::mutex());
   if (!session.belongs_to_this_process()) return;
-  if (hand_over(session)) return;
+  if (hand_over(session)) {
+    // Whoever is the first now has counted on more before it.
+    if (now - burst_on(session.route).latest >= kPace) wake_first(session.route);
+    return;
+  }
   session.leased = false;
   session.idle_since = now;
   if (!session.has_connection()) wake_first(session.route);
@@ -153,7 +157,7 @@ SessionPool::Chosen SessionPool::choose(const Wish& wish, const Waiter* self, Ti
   std::size_t ahead = 0;
   for (const Waiter* waiter : waiters_) {
     if (waiter == self) break;
-    if (waiter->wants(wish.route)) ++ahead;
+    if (waiter->granted == nullptr && waiter->wants(wish.route)) ++ahead;
   }
   while (!wish.fresh && ahead == 0) {
     Session* session = find_connected(wish.route);
@@ -161,17 +165,21 @@ SessionPool::Chosen SessionPool::choose(const Wish& wish, const Waiter* self, Ti
     if (session->is_quiet()) return {.session = session};
     outdated.push_back(remove(*session));
   }
-  std::size_t connections = 0;
-  TimePoint latest{};
-  for (const Owned& session : sessions_) {
-    if (!(session->leased || session->has_connection()) || !(session->route == wish.route)) continue;
-    ++connections;
-    latest = std::max(latest, session->connected_at);
-  }
-  const bool is_burst = connections + ahead >= kAtOnce;
-  const TimePoint next_try = latest + kPace * static_cast<int>(ahead + 1);
+  const Burst burst = burst_on(wish.route);
+  const bool is_burst = burst.connections + ahead >= kAtOnce;
+  const TimePoint next_try = burst.latest + kPace * static_cast<int>(ahead + 1);
   if (is_burst && now < next_try) return {.next_try = next_try};
   return {.session = find_unconnected(), .may_connect = true};
+}
+
+SessionPool::Burst SessionPool::burst_on(const Route& route) const noexcept {
+  Burst burst;
+  for (const Owned& session : sessions_) {
+    if (!(session->leased || session->has_connection()) || !(session->route == route)) continue;
+    ++burst.connections;
+    burst.latest = std::max(burst.latest, session->connected_at);
+  }
+  return burst;
 }
 
 Session& SessionPool::lease(Session& session, Route& route) noexcept {
@@ -207,8 +215,8 @@ bool SessionPool::hand_over(Session& session) noexcept {
 }
 
 void SessionPool::wake_first(const Route& route) noexcept {
-  const auto first =
-      std::ranges::find_if(waiters_, [&](const Waiter* waiter) { return waiter->wants(route); });
+  const auto first = std::ranges::find_if(
+      waiters_, [&](const Waiter* waiter) { return waiter->granted == nullptr && waiter->wants(route); });
   if (first != waiters_.end()) (*first)->wake();
 }
 

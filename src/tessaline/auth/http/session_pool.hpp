@@ -74,6 +74,13 @@ class SessionPool {
     TimePoint next_try{};
   };
 
+  /// The connections of a route, open or about to be, and when the latest of them was begun.
+  struct Burst {
+    std::size_t connections = 0;
+    TimePoint latest{};
+  };
+
+  Burst burst_on(const Route& route) const noexcept;
   Chosen choose(const Wish& wish, const Waiter* self, TimePoint now, std::vector<Owned>& outdated);
   Session& lease(Session& session, Route& route) noexcept;
   Session* find_connected(const Route& route) const noexcept;

@@ -98,6 +98,9 @@ std::string TlsSight::reason() const {
     if (lower) unit = static_cast<char>(unit - 'a' + 'A');
     if (!lower && !stays) unit = '_';
   }
+  // The words for alerts of SSL 3.0, since OpenSSL 3.5; the name is still the old one.
+  constexpr std::string_view kAlert = "SSL_TLS_ALERT_";
+  if (name.starts_with(kAlert)) name.replace(0, kAlert.size(), "SSLV3_ALERT_");
   return name;
 }
 

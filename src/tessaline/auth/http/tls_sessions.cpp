@@ -20,11 +20,6 @@ bool is_usable(const TlsSession& session) {
   return SSL_SESSION_is_resumable(session.get()) == 1 && age >= 0 && age < TlsSessions::kLongestSeconds;
 }
 
-TlsSession another_reference(const TlsSession& session) {
-  SSL_SESSION_up_ref(session.get());
-  return TlsSession(session.get());
-}
-
 }  // namespace
 
 void TlsSessions::keep(const std::string& peer, TlsSession session) {
@@ -48,7 +43,10 @@ TlsSession TlsSessions::take(const std::string& peer) {
   std::erase_if(found->sessions, [](const TlsSession& session) { return !is_usable(session); });
   if (found->sessions.empty()) return nullptr;
   const TlsSession& latest = found->sessions.back();
-  if (SSL_SESSION_get_protocol_version(latest.get()) < TLS1_3_VERSION) return another_reference(latest);
+  if (SSL_SESSION_get_protocol_version(latest.get()) < TLS1_3_VERSION) {
+    // A copy: OpenSSL spoils that of a connection which ends without a word.
+    return TlsSession(made(SSL_SESSION_dup(latest.get())));
+  }
   TlsSession taken = std::move(found->sessions.back());
   found->sessions.pop_back();
   return taken;
