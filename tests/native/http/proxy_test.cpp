@@ -35,19 +35,23 @@ TEST(Proxy, IsNamedWithoutItsCredentials) {
   EXPECT_EQ(peer_of("HTTP://user:hidden@p:3128/"), "http p:3128");
   EXPECT_EQ(peer_of("https://p"), "https p:443");
   EXPECT_EQ(peer_of("socks5h://user:hidden@[::1]:9050"), "socks5h [::1]:9050");
+  EXPECT_EQ(proxy_for(parse_url("https://h/"), {.for_https = "ftp.p:1"})->url, "http://ftp.p:1");
   EXPECT_EQ(peer_of("ftp.example.test:3128"), "http ftp.example.test:3128");
 }
 
 TEST(Proxy, ThatCannotBeUsedIsRefused) {
   EXPECT_EQ(peer_of("ftp://user:hidden@p:21"), "proxy p:21 has a scheme that is not supported");
-  for (const char* setting : {"http://user:hidden@", "http://p:99999", "http://user:hidden@[p", "://"}) {
+  for (const char* setting :
+       {"http://user:hidden@", "http://p:99999", "http://user:hidden@[p", "://", "http://user:hid/den@p",
+        "http://hidden:1?x@p", "http://user:hid#den@p", "http://user:hidden%0d@p", "http://hid%0aden@p"}) {
     EXPECT_EQ(peer_of(setting), "proxy that the environment names cannot be understood") << setting;
   }
 }
 
 TEST(Proxy, ExemptNames) {
-  for (const char* hosts : {"example.test", ".example.test", "EXAMPLE.test.", "x, example.test",
-                            "x example.test,,", "*", " * ", "www.example.test", "example.test:443"}) {
+  for (const char* hosts :
+       {"example.test", ".example.test", "EXAMPLE.test.", "x, example.test", "x example.test,,",
+        "x\nexample.test\r", "x,*", "*", " * ", "www.example.test", "example.test:443"}) {
     EXPECT_TRUE(exempt("https://www.Example.test./", hosts)) << hosts;
   }
   for (const char* hosts :
@@ -65,7 +69,7 @@ TEST(Proxy, ExemptAddresses) {
                             "127.0.0.1:2", "::/0"}) {
     EXPECT_FALSE(exempt("http://127.0.0.1:1/", hosts)) << hosts;
   }
-  for (const char* hosts : {"::1", "[::1]", "::1/128", "::/0", "[::1]:81"}) {
+  for (const char* hosts : {"::1", "[::1]", "::1/128", "::/0", "[::1]:81", "[0:0::1]:81"}) {
     EXPECT_TRUE(exempt("http://[::1]:81/", hosts)) << hosts;
   }
   for (const char* hosts : {"::2", "::2/127", "[::1]:82", "0.0.0.0/0"}) {

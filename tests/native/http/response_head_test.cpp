@@ -64,10 +64,17 @@ TEST(ResponseHead, RefusesWhatIsNoHead) {
                            "\r\n", "X: y\r\n", " X: y\r\n"}) {
     EXPECT_FALSE(ResponseHead().add_line(line)) << line;
   }
-  for (const std::string& line :
-       {std::string("no colon\r\n"), std::string(" folded\r\n"), std::string("X: a\0b\r\n", 8)}) {
+  for (const std::string& line : {std::string("no colon\r\n"), std::string(" folded\r\n"),
+                                  std::string("X: a\0b\r\n", 8), std::string("X: a\rY: b\r\n")}) {
     auto head = read({"HTTP/1.1 200 OK\r\n"});
     EXPECT_FALSE(head.add_line(line)) << line;
+  }
+}
+
+TEST(ResponseHead, RefusesFoldedFraming) {
+  for (const char* field : {"Content-Length: 5\r\n", "Transfer-Encoding:\r\n"}) {
+    auto head = read({"HTTP/1.1 200 OK\r\n", field});
+    EXPECT_FALSE(head.add_line(" chunked\r\n")) << field;
   }
 }
 

@@ -11,9 +11,9 @@ using testing::FreeWith;
 TlsSight sight_of(const std::string& said) {
   const auto authority = testing::make_identity("authority", "", nullptr);
   const testing::TrustDirectory trusted(authority.certificate.get());
-  TlsSight sight;
+  TlsWatch watch;
   const std::unique_ptr<SSL_CTX, FreeWith<SSL_CTX_free>> context(SSL_CTX_new(TLS_client_method()));
-  bind_context(context.get(), Trust::in_force({trusted.file(), ""}), "server", sight);
+  bind_context(context.get(), Trust::in_force({trusted.file(), ""}), "server", watch);
   const std::unique_ptr<SSL, FreeWith<SSL_free>> connection(SSL_new(context.get()));
   BIO* const incoming = BIO_new(BIO_s_mem());
   BIO_set_mem_eof_return(incoming, 0);
@@ -22,7 +22,7 @@ TlsSight sight_of(const std::string& said) {
   ERR_clear_error();
   EXPECT_LE(SSL_connect(connection.get()), 0);
   ERR_clear_error();
-  return sight;
+  return watch.sight;
 }
 
 // libcurl asks for this with some versions only.

@@ -1,5 +1,7 @@
 #include <sys/wait.h>
 
+#include <future>
+
 #include "tessaline/auth/http/tls_context.hpp"
 #include "tls_server.hpp"
 
@@ -204,6 +206,18 @@ TEST_F(Tls, IdleConnectionClosedIsReplaced) {
     for (int round = 0; round < 5; ++round) EXPECT_EQ(perform(request_to(server)).body, "secret");
     EXPECT_EQ(server.accepted(), 5);
   }
+}
+
+TEST_F(Tls, ConnectionThatIsNotKeptEndsWithItsAnswer) {
+  std::promise<bool> ended;
+  LoopbackServer server([&](Connection& connection) {
+    TlsStream stream(connection, good_);
+    stream.read_head();
+    stream.send(answer_of(200, "secret", "Connection: close\r\n"));
+    ended.set_value(connection.closed_within(testing::kPatience));
+  });
+  EXPECT_EQ(perform(request_to(server)).body, "secret");
+  EXPECT_TRUE(ended.get_future().get());
 }
 
 TEST_F(Tls, RedirectToPlainIsNotFollowed) {

@@ -15,14 +15,6 @@ using testing::Identity;
 using testing::make_identity;
 using testing::TrustDirectory;
 
-void make_older(SSL_SESSION* session, long seconds) {
-#if OPENSSL_VERSION_PREREQ(3, 3)
-  SSL_SESSION_set_time_ex(session, SSL_SESSION_get_time_ex(session) - seconds);
-#else
-  SSL_SESSION_set_time(session, SSL_SESSION_get_time(session) - seconds);
-#endif
-}
-
 class TrustTest : public ::testing::Test {
  protected:
   std::shared_ptr<const Trust> by_file() const { return Trust::in_force({trusted_.file(), ""}); }
@@ -171,6 +163,7 @@ TEST_F(TrustTest, FilesThatCannotBeReadSayWhy) {
 
 TEST_F(TrustTest, SessionsAreGivenOutOnceAndBounded) {
   TlsSessions sessions;
+  const std::time_t now = std::time(nullptr);
   const auto fresh = [] {
     TlsSession session(SSL_SESSION_new());
     SSL_SESSION_set_protocol_version(session.get(), TLS1_3_VERSION);
@@ -178,20 +171,20 @@ TEST_F(TrustTest, SessionsAreGivenOutOnceAndBounded) {
     SSL_SESSION_set1_id(session.get(), id, sizeof id);
     return session;
   };
-  for (std::size_t index = 0; index < 2 * TlsSessions::kMostOfOnePeer; ++index) sessions.keep("one", fresh());
+  for (std::size_t index = 0; index < 2 * TlsSessions::kMostOfOnePeer; ++index)
+    sessions.keep("one", fresh(), now);
   for (std::size_t index = 0; index < TlsSessions::kMostOfOnePeer; ++index)
-    EXPECT_NE(sessions.take("one"), nullptr);
-  EXPECT_EQ(sessions.take("one"), nullptr);
-  EXPECT_EQ(sessions.take("other"), nullptr);
-  sessions.keep("old", fresh());
+    EXPECT_NE(sessions.take("one").session, nullptr);
+  EXPECT_EQ(sessions.take("one").session, nullptr);
+  EXPECT_EQ(sessions.take("other").session, nullptr);
+  sessions.keep("old", fresh(), now);
   for (std::size_t index = 0; index < TlsSessions::kMostPeers; ++index)
-    sessions.keep(std::to_string(index), fresh());
-  EXPECT_EQ(sessions.take("old"), nullptr);
-  EXPECT_NE(sessions.take("0"), nullptr);
-  TlsSession late = fresh();
-  make_older(late.get(), TlsSessions::kLongestSeconds);
-  sessions.keep("late", std::move(late));
-  EXPECT_EQ(sessions.take("late"), nullptr);
+    sessions.keep(std::to_string(index), fresh(), now);
+  EXPECT_EQ(sessions.take("old").session, nullptr);
+  EXPECT_NE(sessions.take("0").session, nullptr);
+  // However young the session itself is.
+  sessions.keep("late", fresh(), now - TlsSessions::kLongestSeconds);
+  EXPECT_EQ(sessions.take("late").session, nullptr);
 }
 
 // OpenSSL spoils what a connection was resumed from when it ends without a word.
@@ -202,9 +195,9 @@ TEST_F(TrustTest, SessionsOfTls12SurviveTheConnectionsThatResumeThem) {
   const unsigned char id[] = {1};
   SSL_SESSION_set1_id(session.get(), id, sizeof id);
   TlsSessions sessions;
-  sessions.keep("one", std::move(session));
+  sessions.keep("one", std::move(session), std::time(nullptr));
   for (int round = 0; round < 3; ++round) {
-    const TlsSession taken = sessions.take("one");
+    const TlsSession taken = sessions.take("one").session;
     ASSERT_NE(taken, nullptr);
     SSL_CTX_remove_session(context.get(), taken.get());
     EXPECT_EQ(SSL_SESSION_is_resumable(taken.get()), 0);

@@ -28,6 +28,7 @@ TEST(Url, NamesItsOriginWithDefaultPortAndLowerCase) {
   EXPECT_EQ(parse_url("https://example.test").origin(), "https://example.test:443");
   EXPECT_EQ(parse_url("https://example.test:8443?q").origin(), "https://example.test:8443");
   EXPECT_EQ(parse_url("http://[::1]:81/").peer(), "[::1]:81");
+  EXPECT_EQ(parse_url("http://[fe80::1%25eth0]:81/").peer(), "[fe80::1%eth0]:81");
 }
 
 TEST(Url, KeepsItsText) {

@@ -149,9 +149,20 @@ bool Attempt::run(Ticker& ticker) {
   if (session_.ran_out_of_memory() || out_of_memory_) throw std::bad_alloc();
   response_.status = static_cast<int>(info(CURLINFO_RESPONSE_CODE));
   response_.headers = head_.take_fields();
-  if (has_final_head() && (code == CURLE_OK || head_was_all() || ended_with_connection(code))) return true;
-  examine(code);
-  return false;
+  const bool answered =
+      has_final_head() && (code == CURLE_OK || head_was_all() || ended_with_connection(code));
+  if (!answered) examine(code);
+  end_lingering();
+  return answered;
+}
+
+// From 8 on, libcurl holds a TLS connection that it will not use again until the peer says goodbye as well.
+void Attempt::end_lingering() {
+  curl_socket_t kept = CURL_SOCKET_BAD;
+  require(curl_easy_getinfo(easy_.get(), CURLINFO_ACTIVESOCKET, &kept));
+  if (kept != CURL_SOCKET_BAD || !session_.shut_down()) return;
+  int running = 0;
+  require(curl_multi_perform(session_.multi(), &running));
 }
 
 // libcurl would send no body with NOBODY, and without it waits for one: such a request is stopped after the
@@ -170,7 +181,7 @@ bool Attempt::ended_with_connection(CURLcode code) const {
   const bool to_the_end = !head_.chunked() && !head_.has_length();
   if (code != CURLE_RECV_ERROR || !to_the_end || hop_.url.scheme != "https") return false;
   const long os_errno = info(CURLINFO_OS_ERRNO);
-  return session_.tls.fatal_alert < 0 && os_errno != ECONNRESET && os_errno != EPIPE;
+  return session_.tls.sight.fatal_alert < 0 && os_errno != ECONNRESET && os_errno != EPIPE;
 }
 
 CURLcode Attempt::drive(Ticker& ticker) {
@@ -213,7 +224,7 @@ void Attempt::examine(CURLcode code) {
   fault_.tunnelled = is_tunnelled();
   fault_.proxy = route_.proxy;
   fault_.remains = session_.remains();
-  fault_.tls = session_.tls;
+  fault_.tls = session_.tls.sight;
   // A look-up of a name needs descriptors too, and does not say so.
   const bool unresolved = code == CURLE_COULDNT_RESOLVE_HOST || code == CURLE_COULDNT_RESOLVE_PROXY;
   if (unresolved && fault_.open_errno == 0) fault_.open_errno = descriptor_shortage();
@@ -227,7 +238,7 @@ void Attempt::examine(CURLcode code) {
 bool Attempt::is_tunnelled() const {
   if (!route_.proxy) return false;
   if (route_.proxy->speaks_http()) return info(CURLINFO_HTTP_CONNECTCODE) / 100 == 2;
-  return session_.tls.started || info(CURLINFO_REQUEST_SIZE) > 0;
+  return session_.tls.sight.started || info(CURLINFO_REQUEST_SIZE) > 0;
 }
 
 long Attempt::info(CURLINFO which) const {

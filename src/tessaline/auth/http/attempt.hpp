@@ -62,6 +62,7 @@ class Attempt {
   bool head_was_all() const noexcept;
   bool ended_with_connection(CURLcode code) const;
   CURLcode drive(Ticker& ticker);
+  void end_lingering();
   void wait_for_activity(std::chrono::milliseconds longest);
   CURLcode result() const;
   void examine(CURLcode code);

@@ -7,6 +7,8 @@ namespace {
 
 // File systems stamp changes with the kernel's coarse clock, which ticks at least a hundred times a second.
 constexpr double kSettlingSeconds = 0.02;
+// Some keep whole seconds, or every second one.
+constexpr double kCoarseSettlingSeconds = 2.1;
 
 bool has_settled(const timespec& changed) noexcept {
   timespec now{};
@@ -14,7 +16,7 @@ bool has_settled(const timespec& changed) noexcept {
   const double age = static_cast<double>(now.tv_sec - changed.tv_sec) +
                      static_cast<double>(now.tv_nsec - changed.tv_nsec) * 1e-9;
   // A change from the future was stamped by another machine's clock, and waiting for it would be long.
-  return std::abs(age) > kSettlingSeconds;
+  return std::abs(age) > (changed.tv_nsec == 0 ? kCoarseSettlingSeconds : kSettlingSeconds);
 }
 
 }  // namespace

@@ -53,6 +53,7 @@ void after_fork_in_child() {
   // Made anew all the same: it may count threads that waited at it, and they are gone.
   fork_gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
   inside_count.store(0);
+  exiting.store(false);  // that is another thread's business, which is not here
   fork_count.fetch_add(1);
   SessionPool::shared().forget_all();
   Trust::forget_all();

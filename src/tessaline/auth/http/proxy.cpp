@@ -23,15 +23,28 @@ constexpr std::array<std::string_view, 6> kSchemes = {"http",    "https",  "sock
   throw TransportFailure(FailureKind::kProxyRefused, why, {.through_proxy = true});
 }
 
+/// Some versions of libcurl go on without the proxy when they cannot decode its user or password.
+bool is_sendable(const CurlUrl& url, CURLUPart part) {
+  if (!url.get(part)) return true;
+  const auto decoded = url.get(part, CURLU_URLDECODE);
+  return decoded && std::ranges::none_of(*decoded, [](unsigned char c) { return c < ' '; });
+}
+
 Proxy parse(const std::string& text) {
   CurlUrl url;
   constexpr unsigned kFlags = CURLU_NON_SUPPORT_SCHEME | CURLU_GUESS_SCHEME;
-  Proxy proxy{text, {}, {}, {}};
+  Proxy proxy;
   // Without a scheme it would be guessed from the host's name.
   const std::string whole = text.find("://") == std::string::npos ? "http://" + text : text;
+  proxy.url = whole;
   const bool valid = url.set(CURLUPART_URL, whole, kFlags);
   const std::optional<std::string> host = valid ? url.get(CURLUPART_HOST) : std::nullopt;
-  if (!host) refuse("proxy that the environment names cannot be understood");
+  // A password with a slash in it would end the authority, and be taken for the port.
+  const bool all_read =
+      whole.find('@', whole.find_first_of("/?#", whole.find("://") + 3)) == std::string::npos;
+  if (!host || !all_read || !is_sendable(url, CURLUPART_USER) || !is_sendable(url, CURLUPART_PASSWORD)) {
+    refuse("proxy that the environment names cannot be understood");
+  }
   proxy.scheme = lower_case(url.get(CURLUPART_SCHEME).value_or("http"));
   proxy.host = *host;
   // libcurl's own defaults.
@@ -99,6 +112,7 @@ bool holds_name(std::string_view domain, std::string_view name) {
 }
 
 bool holds(std::string_view entry, const Url& url) {
+  if (entry == "*") return true;
   const std::string_view host = without_last_dot(without_brackets(url.host));
   const Address address = address_of(host);
   if (address.family != AF_UNSPEC && holds_address(entry, address)) return true;
@@ -109,14 +123,13 @@ bool holds(std::string_view entry, const Url& url) {
     if (entry.substr(colon + 1) != url.port) return false;
     entry = entry.substr(0, colon);
   }
-  return address.family == AF_UNSPEC ? holds_name(entry, host) : without_brackets(entry) == host;
+  return address.family == AF_UNSPEC ? holds_name(entry, host) : has_port && holds_address(entry, address);
 }
 
 }  // namespace
 
 bool is_exempt(const Url& url, const std::string& hosts) {
-  constexpr std::string_view kBetween = ", \t";
-  if (trim_blanks(hosts) == "*") return true;
+  constexpr std::string_view kBetween = ", \t\r\n";
   std::string_view rest = hosts;
   for (;;) {
     const auto begin = rest.find_first_not_of(kBetween);

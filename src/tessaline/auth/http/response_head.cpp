@@ -40,7 +40,7 @@ bool ResponseHead::add_line(std::string_view line) {
   bytes_ += line.size();
   if (bytes_ > kMostHeadBytes || ++lines_ > kMostFields) return false;
   line = without_line_end(line);
-  if (line.find('\0') != std::string_view::npos) return false;
+  if (line.find_first_of(std::string_view("\0\r", 2)) != std::string_view::npos) return false;
   if (state_ != State::kFields) {
     if (line.starts_with("HTTP/")) return start(line);
     return state_ == State::kComplete;
@@ -77,6 +77,7 @@ bool ResponseHead::add_field(std::string_view line) {
   const auto name = trim_blanks(line.substr(0, colon));
   const auto value = trim_blanks(line.substr(colon + 1));
   if (equal_without_case(name, "content-length") && !accept_length(value)) return false;
+  last_frames_ = equal_without_case(name, "content-length") || equal_without_case(name, "transfer-encoding");
   if (equal_without_case(name, "transfer-encoding") && names_chunked(value)) chunked_ = true;
   if (!names_.insert(lower_case(name)).second) return true;
   fields_.emplace_back(name, value);
@@ -95,7 +96,7 @@ bool ResponseHead::accept_length(std::string_view length) {
 
 bool ResponseHead::continue_field(std::string_view line) {
   const auto more = trim_blanks(line);
-  if (names_.empty()) return false;
+  if (names_.empty() || last_frames_) return false;
   if (!last_kept_ || more.empty()) return true;
   std::string& value = fields_.back().second;
   if (!value.empty()) value += ' ';

@@ -39,6 +39,7 @@ class ResponseHead {
   std::size_t bytes_ = 0;                  ///< of all heads
   std::size_t lines_ = 0;
   bool last_kept_ = false;
+  bool last_frames_ = false;  ///< the last field says where the body ends
   bool interim_ = false;
   bool chunked_ = false;
 };

@@ -67,7 +67,7 @@ void Session::begin_request() noexcept {
   out_of_memory_ = false;
   open_errno_ = 0;
   closed_ = {};
-  tls = {};
+  tls.sight = {};
 }
 
 Remains Session::remains() const noexcept {
@@ -75,7 +75,14 @@ Remains Session::remains() const noexcept {
   return sockets_.empty() ? closed_ : examine(sockets_.back());
 }
 
+bool Session::shut_down() const noexcept {
+  const std::lock_guard lock(process::mutex());
+  for (const curl_socket_t descriptor : sockets_) shutdown(descriptor, SHUT_RDWR);
+  return !sockets_.empty();
+}
+
 bool Session::is_quiet() const noexcept {
+  if (tls.holds_back()) return false;
   return std::all_of(sockets_.begin(), sockets_.end(), [](curl_socket_t descriptor) {
     char byte = 0;
     const ssize_t waiting = recv(descriptor, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT);

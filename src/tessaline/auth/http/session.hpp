@@ -54,6 +54,9 @@ class Session {
   int open_errno() const noexcept { return open_errno_; }
   Remains remains() const noexcept;
 
+  /// Ends what connections are open, in both directions. False where there are none.
+  bool shut_down() const noexcept;
+
   // Below: under the process mutex.
 
   bool has_connection() const noexcept { return !sockets_.empty(); }
@@ -70,7 +73,7 @@ class Session {
   TimePoint connected_at{};  ///< when that began to connect
   TimePoint idle_since{};
 
-  TlsSight tls;  ///< of the last connection; written by the thread that has the lease
+  TlsWatch tls;  ///< written by the thread that has the lease
 
  private:
   static int close_socket(void* session, curl_socket_t descriptor) noexcept;

@@ -94,6 +94,7 @@ Session& SessionPool::take(const Wish& wish, TimePoint now) {
     }
     if (wish.deadline.passed(now)) throw timed_out(wish.ticker.peer(), wish.deadline);
     const auto left = std::min(wish.ticker.until_due(), wish.deadline.left(now));
+    outdated.clear();  // a fork may come while this sleeps
     waiter.sleep(std::min(chosen.next_try, now + left));
     wish.ticker.call_if_due();
     now = std::chrono::steady_clock::now();

@@ -6,6 +6,7 @@
 #include <openssl/sslerr.h>
 
 #include <algorithm>
+#include <ctime>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -17,7 +18,11 @@ namespace {
 struct Binding {
   std::shared_ptr<const Trust> trust;
   std::string peer;
-  TlsSight* sight;
+  TlsWatch* watch;
+  const SSL* connection = nullptr;
+  std::time_t offered_verified_at = 0;  ///< of the session that was offered
+
+  ~Binding() { std::erase(watch->open, connection); }
 };
 
 void free_binding(void*, void* binding, CRYPTO_EX_DATA*, int, long, void*) {
@@ -30,8 +35,8 @@ int binding_index() {
   return index;
 }
 
-const Binding& binding_of(const SSL* connection) {
-  return *static_cast<const Binding*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), binding_index()));
+Binding& binding_of(const SSL* connection) {
+  return *static_cast<Binding*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), binding_index()));
 }
 
 int on_new_session(SSL* connection, SSL_SESSION* session) {
@@ -39,18 +44,22 @@ int on_new_session(SSL* connection, SSL_SESSION* session) {
   if (SSL_get_verify_result(connection) != X509_V_OK) return 0;
   try {
     // A copy: OpenSSL spoils that of TLS 1.2 when its connection ends without a word.
-    binding.trust->sessions().keep(binding.peer, TlsSession(made(SSL_SESSION_dup(session))));
+    // Each resumption brings a new session; the certificate was looked at for the first one only.
+    const bool resumed = SSL_session_reused(connection) == 1;
+    const std::time_t verified_at = resumed ? binding.offered_verified_at : std::time(nullptr);
+    binding.trust->sessions().keep(binding.peer, TlsSession(made(SSL_SESSION_dup(session))), verified_at);
   } catch (const std::bad_alloc&) {  // a full handshake next time
   }
   return 0;  // OpenSSL's own reference stays its own
 }
 
 // libcurl makes the connection's object itself; here it is first seen, before anything is sent.
-void offer_session(const SSL* connection, const Binding& binding) {
+void offer_session(const SSL* connection, Binding& binding) {
   try {
-    if (const TlsSession session = binding.trust->sessions().take(binding.peer)) {
-      SSL_set_session(const_cast<SSL*>(connection), session.get());
-    }
+    const TlsSessions::Resumable kept = binding.trust->sessions().take(binding.peer);
+    if (!kept.session) return;
+    binding.offered_verified_at = kept.verified_at;
+    SSL_set_session(const_cast<SSL*>(connection), kept.session.get());
   } catch (const std::bad_alloc&) {  // a full handshake then
   }
 }
@@ -68,10 +77,11 @@ void note_alert(int where, unsigned alert, TlsSight& sight) {
 }
 
 void on_event(const SSL* connection, int where, int result) {
-  const Binding& binding = binding_of(connection);
-  TlsSight& sight = *binding.sight;
+  Binding& binding = binding_of(connection);
+  TlsSight& sight = binding.watch->sight;
   if (where == SSL_CB_HANDSHAKE_START && SSL_in_before(connection) != 0) {
     sight = {.started = true};
+    if (binding.connection == nullptr) binding.watch->open.push_back(binding.connection = connection);
     offer_session(connection, binding);
   }
   if ((where & SSL_CB_ALERT) != 0) note_alert(where, static_cast<unsigned>(result), sight);
@@ -83,8 +93,20 @@ void on_event(const SSL* connection, int where, int result) {
 
 }  // namespace
 
+KeptErrors::KeptErrors() noexcept {
+  ERR_set_mark();
+}
+
+KeptErrors::~KeptErrors() {
+  ERR_pop_to_mark();
+}
+
 bool TlsSight::hung_up() const noexcept {
   return fatal_alert < 0 && (error == 0 || is_unexpected_end(error));
+}
+
+bool TlsWatch::holds_back() const noexcept {
+  return std::ranges::any_of(open, [](const SSL* connection) { return SSL_has_pending(connection) == 1; });
 }
 
 std::string TlsSight::reason() const {
@@ -119,9 +141,10 @@ bool tls_is_shared() noexcept {
   return shared;
 }
 
-void bind_context(SSL_CTX* context, std::shared_ptr<const Trust> trust, std::string peer, TlsSight& sight) {
+void bind_context(SSL_CTX* context, std::shared_ptr<const Trust> trust, std::string peer, TlsWatch& watch) {
+  watch.open.reserve(watch.open.size() + 1);
   if (SSL_CTX_set1_verify_cert_store(context, trust->roots().store()) != 1) throw std::bad_alloc();
-  auto binding = std::make_unique<Binding>(Binding{std::move(trust), std::move(peer), &sight});
+  auto binding = std::make_unique<Binding>(std::move(trust), std::move(peer), &watch);
   if (SSL_CTX_set_ex_data(context, binding_index(), binding.get()) != 1) throw std::bad_alloc();
   static_cast<void>(binding.release());
   SSL_CTX_clear_options(context, SSL_OP_NO_TICKET);  // which libcurl sets

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tessaline/auth/http/trust.hpp"
 
@@ -22,16 +23,34 @@ struct TlsSight {
   std::string reason() const;
 };
 
+/// The TLS of the connections of one session. Outlives them.
+struct TlsWatch {
+  TlsSight sight;                ///< of the latest connection
+  std::vector<const SSL*> open;  ///< to a proxy, and to the server
+
+  /// Whether something that was received waits within TLS, where no look at the socket finds it.
+  bool holds_back() const noexcept;
+};
+
 /// "unable to get local issuer certificate" for the code of it.
 std::string verify_message(long verify_code);
+
+/// For as long as it lives: what OpenSSL had to complain of on this thread stays, and nothing is added.
+class KeptErrors {
+ public:
+  KeptErrors() noexcept;
+  ~KeptErrors();
+  KeptErrors(const KeptErrors&) = delete;
+  KeptErrors& operator=(const KeptErrors&) = delete;
+};
 
 /// Whether libcurl speaks TLS through the very OpenSSL that this was linked with. Where it does not, it reads
 /// the trusted certificates itself, and nothing of TLS is seen or resumed.
 bool tls_is_shared() noexcept;
 
 /// Makes a connection that libcurl is about to begin one of this trust: verified by its store, resumed from
-/// its sessions and offering new ones to them. `peer` is whom the certificate is checked for. `sight` is
+/// its sessions and offering new ones to them. `peer` is whom the certificate is checked for. `watch` is
 /// written while the connection lives. Throws std::bad_alloc.
-void bind_context(SSL_CTX* context, std::shared_ptr<const Trust> trust, std::string peer, TlsSight& sight);
+void bind_context(SSL_CTX* context, std::shared_ptr<const Trust> trust, std::string peer, TlsWatch& watch);
 
 }  // namespace tessaline::auth::http

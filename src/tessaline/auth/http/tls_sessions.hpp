@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <ctime>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -12,22 +13,28 @@ namespace tessaline::auth::http {
 /// TLS sessions that servers offered to resume, by whom the certificate was checked for. Any thread may call.
 class TlsSessions {
  public:
+  struct Resumable {
+    TlsSession session;
+    std::time_t verified_at = 0;
+  };
+
   static constexpr std::size_t kMostPeers = 128;
   static constexpr std::size_t kMostOfOnePeer = 4;
   /// A resumed session does not look at the certificate again, so it does not live as long as a server likes.
   static constexpr long kLongestSeconds = 3600;
 
-  /// The peers heard of last are kept, and of each its latest sessions. Throws std::bad_alloc.
-  void keep(const std::string& peer, TlsSession session);
+  /// The peers heard of last are kept, and of each its latest sessions. `verified_at` is when the certificate
+  /// was looked at: a session that came of a resumed one is no younger than that. Throws std::bad_alloc.
+  void keep(const std::string& peer, TlsSession session, std::time_t verified_at);
 
   /// One to offer to the peer; null where there is none. A ticket of TLS 1.3 is given out once (RFC 8446,
   /// appendix C.4). Throws std::bad_alloc.
-  TlsSession take(const std::string& peer);
+  Resumable take(const std::string& peer);
 
  private:
   struct Peer {
     std::string name;
-    std::vector<TlsSession> sessions;  ///< the latest is the last one
+    std::vector<Resumable> sessions;  ///< the latest is the last one
   };
 
   std::mutex mutex_;

@@ -132,6 +132,7 @@ Url parse_url(std::string text) {
   // The host as it stands after its escapes were read.
   if (!host || !port || !std::ranges::all_of(*host, is_visible)) refuse("URL has no valid host or port");
   url.host = lower_case(*host);
+  if (const auto zone = read.get(CURLUPART_ZONEID)) url.host.insert(url.host.size() - 1, "%" + *zone);
   url.port = *port;
   url.text = std::move(text);
   return url;
