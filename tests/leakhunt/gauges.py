@@ -14,6 +14,7 @@ from array import array
 from collections.abc import Callable, Iterator
 
 from tessaline import auth
+from tests.shared.threads import native_threads
 
 from . import caches
 from .secret_slots import SecretPages
@@ -86,10 +87,6 @@ def memory_blocks() -> int:
 
 def threads() -> int:
     return len(threading.enumerate())
-
-
-def native_threads() -> int:
-    return len(os.listdir("/proc/self/task"))
 
 
 def descriptors() -> int:

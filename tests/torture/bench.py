@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import gc
-import os
 import sys
 import threading
 import time
@@ -16,6 +15,7 @@ import _torture
 
 from tests.contract.support.clocks import HandClock
 from tests.contract.support.service import BASE, Service
+from tests.shared.threads import native_threads
 
 KEY = "8f2a55949038a9610f50fb23b5883af3b4ecb3c3bb792cbcefbd1542c692be63"
 LIFETIME = 86400.0
@@ -215,22 +215,10 @@ def stack_of(frame: types.FrameType | None) -> str:
     return " < ".join(names)
 
 
-def threads() -> int:
-    """How many run, but for the one that closes idle connections, which is no manager's."""
-    found = 0
-    for task in os.listdir("/proc/self/task"):
-        try:
-            with open(f"/proc/self/task/{task}/comm", encoding="utf-8") as name:
-                found += name.read() != "tessaline-idle\n"
-        except (FileNotFoundError, ProcessLookupError):  # ended in the meantime
-            pass
-    return found
-
-
 def left_behind() -> Problems:
     """Of every manager that this process had."""
     found: Problems = []
-    if not until(lambda: threads() == 1, 4.0):
+    if not until(lambda: native_threads() == 1, 4.0):
         here = threading.get_ident()
         stacks = [stack_of(frame) for thread, frame in sys._current_frames().items() if thread != here]
         found.append(f"threads are left: {stacks}")

@@ -106,7 +106,7 @@ def grown(before: tuple[Any, ...], after: tuple[Any, ...]) -> list[str]:
 
 
 def count_all() -> tuple[int, int, int]:
-    bench_module.until(lambda: bench_module.threads() == 1)
+    bench_module.until(lambda: bench_module.native_threads() == 1)
     gc.collect()
     python, module = _torture.live()
     return python, module, len(os.listdir("/proc/self/fd"))
