@@ -18,7 +18,8 @@ const char* first_set(std::initializer_list<const char*> variables) noexcept {
 }
 
 std::string value_of(const char* variable) {
-  return variable == nullptr ? std::string() : std::string(std::getenv(variable));
+  const char* const value = variable == nullptr ? nullptr : std::getenv(variable);
+  return value == nullptr ? std::string() : std::string(value);
 }
 
 }  // namespace

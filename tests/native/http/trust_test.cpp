@@ -111,7 +111,7 @@ TEST_F(TrustTest, NoticesAChangeWithinOneTickOfTheClock) {
   std::ifstream input(trusted_.file());
   const std::string good(std::istreambuf_iterator<char>(input), {});
   std::string other = good;
-  const auto place = other.find("\n") + 20;
+  const auto place = other.find('\n') + 20;
   other[place] = other[place] == 'A' ? 'B' : 'A';
   const std::string path = trusted_.path() + "/roots.pem";
   for (int round = 0; round < 20; ++round) {

@@ -9,9 +9,10 @@
 namespace tessaline::auth::http {
 namespace {
 
-/// Whether a proxy may have made the answer: through a tunnel nothing but the server does.
-bool is_in_the_open(const Hop& hop, const Route& route) {
-  return route.proxy && route.proxy->speaks_http() && hop.url.scheme == "http";
+/// The proxy that may have made the answer itself: through a tunnel nothing but the server does.
+const Proxy* answering_proxy(const Hop& hop, const Route& route) {
+  const bool may_answer = route.proxy && route.proxy->speaks_http() && hop.url.scheme == "http";
+  return may_answer ? &*route.proxy : nullptr;
 }
 
 }  // namespace
@@ -27,8 +28,9 @@ Response exchange(const Hop& hop, const Circumstances& around) {
     Response response = attempt.take_response();
     // A proxy may end the connection with the request half read, when it has refused it.
     const bool has_head = answered || attempt.fault().head_complete;
-    if (has_head && is_in_the_open(hop, route) && is_of_the_proxy(response)) {
-      throw refused_by_proxy(*route.proxy, hop.url, response.status);
+    const Proxy* const proxy = answering_proxy(hop, route);
+    if (has_head && proxy != nullptr && is_of_the_proxy(response)) {
+      throw refused_by_proxy(*proxy, hop.url, response.status);
     }
     if (answered) return response;
     if (!fresh && attempt.lost_idle_connection()) continue;
