@@ -20,6 +20,8 @@ from typing import Any
 
 import _torture
 
+from tests.shared.threads import native_threads
+
 from . import bench as bench_module
 from .exemptions import KEPT, STILLBORN
 from .frames import without_frames
@@ -106,7 +108,7 @@ def grown(before: tuple[Any, ...], after: tuple[Any, ...]) -> list[str]:
 
 
 def count_all() -> tuple[int, int, int]:
-    bench_module.until(lambda: bench_module.native_threads() == 1)
+    bench_module.until(lambda: native_threads() == 1)
     gc.collect()
     python, module = _torture.live()
     return python, module, len(os.listdir("/proc/self/fd"))
