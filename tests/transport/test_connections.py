@@ -5,6 +5,7 @@ from __future__ import annotations
 import http.client
 import threading
 from collections.abc import Callable
+from pathlib import Path
 
 import pytest
 
@@ -342,6 +343,19 @@ class TestGil:
         assert transport("GET", either.url + "/_echo/held")[0] == 200
         other.result()
         assert laps == [100_000]
+
+
+class TestIdle:
+    def test_one_thread_sees_to_what_is_idle(self, server: DevServer) -> None:
+        def watching() -> set[str]:
+            tasks = Path("/proc/self/task").iterdir()
+            return {task.name for task in tasks if (task / "comm").read_text() == "tessaline-idle\n"}
+
+        seen = set()
+        for _ in range(50):
+            transport("GET", server.url + "/_echo")
+            seen |= watching()
+        assert len(seen) == 1
 
 
 class TestDescriptors:

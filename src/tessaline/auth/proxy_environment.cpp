@@ -31,8 +31,10 @@ const char* proxy_variable(std::string_view scheme) noexcept {
 }
 
 http::ProxySettings proxies_of_environment() {
-  return {value_of(proxy_variable("http")), value_of(proxy_variable("https")),
-          value_of(first_set({"no_proxy", "NO_PROXY"}))};
+  http::ProxySettings settings{value_of(proxy_variable("http")), value_of(proxy_variable("https")), {}};
+  const bool any = !settings.for_http.empty() || !settings.for_https.empty();
+  if (any) settings.exempt = value_of(first_set({"no_proxy", "NO_PROXY"}));
+  return settings;
 }
 
 }  // namespace tessaline::auth

@@ -152,7 +152,7 @@ bool Attempt::run(Ticker& ticker) {
   const bool answered =
       has_final_head() && (code == CURLE_OK || head_was_all() || ended_with_connection(code));
   if (!answered) examine(code);
-  end_lingering();
+  if (route_.trust) end_lingering();
   return answered;
 }
 

@@ -1,10 +1,13 @@
 #include "tessaline/auth/http/exchange.hpp"
 
+#include <optional>
+
 #include "tessaline/auth/http/attempt.hpp"
 #include "tessaline/auth/http/failure.hpp"
 #include "tessaline/auth/http/proxy.hpp"
 #include "tessaline/auth/http/route.hpp"
 #include "tessaline/auth/http/session_pool.hpp"
+#include "tessaline/auth/http/tls_context.hpp"
 
 namespace tessaline::auth::http {
 namespace {
@@ -19,6 +22,8 @@ const Proxy* answering_proxy(const Hop& hop, const Route& route) {
 
 Response exchange(const Hop& hop, const Circumstances& around) {
   const Route route = Route::to(hop.url, around.proxies, around.trust);
+  std::optional<KeptErrors> host_errors;  // the host may use the same OpenSSL
+  if (route.trust) host_errors.emplace();
   for (bool fresh = false;; fresh = true) {
     if (around.deadline.passed()) throw timed_out(hop.url.peer(), around.deadline);
     const SessionLease lease({route, fresh, around.deadline, around.ticker});

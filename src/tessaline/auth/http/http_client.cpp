@@ -6,7 +6,6 @@
 #include "tessaline/auth/http/redirect.hpp"
 #include "tessaline/auth/http/request_check.hpp"
 #include "tessaline/auth/http/ticker.hpp"
-#include "tessaline/auth/http/tls_context.hpp"
 
 namespace tessaline::auth::http {
 
@@ -19,7 +18,6 @@ Response perform(const Request& request, const Tick& tick) {
 
   const Deadline deadline(request.timeout);
   const process::Inside inside;
-  const KeptErrors host_errors;  // the host may use the same OpenSSL
   Ticker ticker(tick, hop.url.peer());
   RedirectTrail trail;
   for (;;) {

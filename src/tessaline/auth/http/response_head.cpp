@@ -40,7 +40,7 @@ bool ResponseHead::add_line(std::string_view line) {
   bytes_ += line.size();
   if (bytes_ > kMostHeadBytes || ++lines_ > kMostFields) return false;
   line = without_line_end(line);
-  if (line.find_first_of(std::string_view("\0\r", 2)) != std::string_view::npos) return false;
+  if (line.find('\0') != std::string_view::npos || line.find('\r') != std::string_view::npos) return false;
   if (state_ != State::kFields) {
     if (line.starts_with("HTTP/")) return start(line);
     return state_ == State::kComplete;

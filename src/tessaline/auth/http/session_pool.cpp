@@ -66,7 +66,6 @@ SessionPool& SessionPool::shared() {
 }
 
 Session& SessionPool::take(const Wish& wish, TimePoint now) {
-  Route route = wish.route;
   Waiter waiter(*this, wish);
   Owned spare;
   for (;;) {
@@ -85,11 +84,12 @@ Session& SessionPool::take(const Wish& wish, TimePoint now) {
         if (count_idle() >= kWarmOrigins) surplus = remove_oldest_idle();
       }
       if (chosen.may_connect && chosen.session != nullptr) chosen.session->connected_at = now;
-      if (chosen.session != nullptr) return lease(*chosen.session, route);
+      if (chosen.session != nullptr) return lease(*chosen.session, wish.route);
       if (!chosen.may_connect) waiter.enlist();
     }
     if (chosen.may_connect) {
       spare = std::make_unique<Session>();
+      spare->route = wish.route;
       continue;
     }
     if (wish.deadline.passed(now)) throw timed_out(wish.ticker.peer(), wish.deadline);
@@ -183,9 +183,9 @@ SessionPool::Burst SessionPool::burst_on(const Route& route) const noexcept {
   return burst;
 }
 
-Session& SessionPool::lease(Session& session, Route& route) noexcept {
+Session& SessionPool::lease(Session& session, const Route& route) {
+  if (!(session.route == route)) session.route = route;
   session.leased = true;
-  std::swap(session.route, route);
   return session;
 }
 

@@ -82,7 +82,7 @@ class SessionPool {
 
   Burst burst_on(const Route& route) const noexcept;
   Chosen choose(const Wish& wish, const Waiter* self, TimePoint now, std::vector<Owned>& outdated);
-  Session& lease(Session& session, Route& route) noexcept;
+  static Session& lease(Session& session, const Route& route);
   Session* find_connected(const Route& route) const noexcept;
   Session* find_unconnected() const noexcept;
   bool hand_over(Session& session) noexcept;
