@@ -15,7 +15,7 @@ Raw = Callable[..., RawServer]
 
 THREADS = 64
 # Far fewer than threads, with room for those that begin while none is free.
-ENOUGH = 40
+ENOUGH = 48
 
 
 def at_once(url: str) -> list[int]:

@@ -25,8 +25,8 @@ class SessionPool {
   static constexpr std::size_t kMaxIdle = 32;
   static constexpr std::size_t kWarmOrigins = 4;
   static constexpr std::chrono::seconds kMaxIdleTime{30};
-  static constexpr std::size_t kAtOnce = 12;            ///< connections of a route that nobody waits for
-  static constexpr std::chrono::milliseconds kPace{5};  ///< between those beyond
+  static constexpr std::size_t kAtOnce = 24;            ///< connections of a route that nobody waits for
+  static constexpr std::chrono::milliseconds kPace{2};  ///< between those beyond
 
   /// What a request wants of the pool.
   struct Wish {
