@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import errno
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from typing import Any
 
 import pytest
@@ -13,7 +13,7 @@ from devserver.testing import DevServer
 
 from .authorities import pem
 from .programs import told_by
-from .raw import RawServer
+from .raw import OK, RawServer
 from .tls_server import context_of, serving
 
 # Far above what the interpreter has open, and quickly used up.
@@ -167,3 +167,22 @@ def test_a_login(either: DevServer) -> None:
         helpers=HELPERS,
     )
     assert told == [EXHAUSTED, [1, []], True] * 2
+
+
+def test_those_without_one_wait_for_those_with_a_connection(raw: Callable[..., RawServer]) -> None:
+    told = told_by(
+        """
+        (url,) = arguments
+        first, rest = ask(url), []
+        threads = [threading.Thread(target=lambda: rest.append(ask(url))) for _ in range(60)]
+        with left(60):
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join(30)
+        print(json.dumps([first, rest]))
+        """,
+        raw(OK, keep_alive=True).url,
+        helpers=HELPERS,
+    )
+    assert told == [200, [200] * 60]

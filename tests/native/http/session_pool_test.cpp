@@ -22,7 +22,7 @@ class SessionPoolTest : public ::testing::Test {
 
   Session& take(const std::string& origin, SessionPool::TimePoint when, bool fresh = false) {
     const Route route = route_to(origin);
-    return pool_.take({route, fresh, deadline_, ticker_}, when);
+    return pool_.take({route, fresh, false, deadline_, ticker_}, when);
   }
 
   /// Leaves the session with a connection to the server.
@@ -117,10 +117,10 @@ TEST_F(SessionPoolTest, GivesNoConnectionToAnotherTrustOrProxy) {
   Session* plain = use("one", kStart);
   Route other = route_to("one");
   other.trust = std::make_shared<const Trust>(TrustStore{});
-  EXPECT_NE(&pool_.take({other, false, deadline_, ticker_}, kStart), plain);
+  EXPECT_NE(&pool_.take({other, false, false, deadline_, ticker_}, kStart), plain);
   Route proxied = route_to("one");
   proxied.proxy = Proxy{"http://p:1", "http", "p", "1"};
-  EXPECT_NE(&pool_.take({proxied, false, deadline_, ticker_}, kStart), plain);
+  EXPECT_NE(&pool_.take({proxied, false, false, deadline_, ticker_}, kStart), plain);
   EXPECT_EQ(&take("one", kStart), plain);
 }
 
@@ -139,7 +139,7 @@ TEST_F(SessionPoolTest, HandsAConnectionOnToWhoWaitsForIt) {
   std::thread other([&] {
     const process::Inside inside;
     Ticker ticker(no_tick_, "h:1");
-    got = &pool_.take({route, false, deadline_, ticker});
+    got = &pool_.take({route, false, false, deadline_, ticker});
   });
   while (pool_.waiting_count() == 0) std::this_thread::yield();
   pool_.give_back(*leased.front(), now);
@@ -154,13 +154,30 @@ TEST_F(SessionPoolTest, BeginsOneMoreAtItsPaceForWhoWaits) {
   EXPECT_GE(std::chrono::steady_clock::now() - begin, SessionPool::kPace);
 }
 
+TEST_F(SessionPoolTest, WhoIsPatientWaitsWhileThereIsAConnection) {
+  Session& only = take("one", kStart);
+  connect(only);
+  const Route route = route_to("one");
+  std::atomic<Session*> got = nullptr;
+  std::thread other([&] {
+    const process::Inside inside;
+    Ticker ticker(no_tick_, "h:1");
+    got = &pool_.take({route, false, true, deadline_, ticker});
+  });
+  while (pool_.waiting_count() == 0) std::this_thread::yield();
+  pool_.give_back(only, kStart);
+  other.join();
+  EXPECT_EQ(got, &only);
+  EXPECT_NE(&pool_.take({route_to("other"), false, true, deadline_, ticker_}), &only);
+}
+
 TEST_F(SessionPoolTest, WhoWaitsTooLongIsTold) {
   const auto now = std::chrono::steady_clock::now() + 1h;
   for (std::size_t index = 0; index < SessionPool::kAtOnce; ++index) take("one", now);
   const Route route = route_to("one");
   const Deadline soon{20ms};
   try {
-    pool_.take({route, false, soon, ticker_});
+    pool_.take({route, false, false, soon, ticker_});
     ADD_FAILURE() << "a connection beyond the bound";
   } catch (const TransportFailure& failure) {
     EXPECT_EQ(failure.kind(), FailureKind::kTimedOut);

@@ -1,6 +1,7 @@
 #include "tessaline/auth/http/exchange.hpp"
 
 #include <optional>
+#include <utility>
 
 #include "tessaline/auth/http/attempt.hpp"
 #include "tessaline/auth/http/failure.hpp"
@@ -18,28 +19,42 @@ const Proxy* answering_proxy(const Hop& hop, const Route& route) {
   return may_answer ? &*route.proxy : nullptr;
 }
 
+/// One try, on a connection of the pool; nothing when a kept one turned out to be gone.
+std::optional<Response> attempt_on(const Route& route, const Hop& hop, const Circumstances& around,
+                                   const SessionPool::Wish& wish) {
+  const SessionLease lease(wish);
+  Attempt attempt(lease.session(), hop, route);
+  attempt.prepare(around.deadline);
+  const bool answered = attempt.run(around.ticker);
+  Response response = attempt.take_response();
+  // A proxy may end the connection with the request half read, when it has refused it.
+  const bool has_head = answered || attempt.fault().head_complete;
+  const Proxy* const proxy = answering_proxy(hop, route);
+  if (has_head && proxy != nullptr && is_of_the_proxy(response)) {
+    throw refused_by_proxy(*proxy, hop.url, response.status);
+  }
+  if (answered) return response;
+  if (!wish.fresh && attempt.lost_idle_connection()) return std::nullopt;
+  throw failure_from(attempt.fault(), hop.url, around.deadline);
+}
+
 }  // namespace
 
 Response exchange(const Hop& hop, const Circumstances& around) {
   const Route route = Route::to(hop.url, around.proxies, around.trust);
   std::optional<KeptErrors> host_errors;  // the host may use the same OpenSSL
   if (route.trust) host_errors.emplace();
-  for (bool fresh = false;; fresh = true) {
+  SessionPool::Wish wish{route, false, false, around.deadline, around.ticker};
+  for (;;) {
     if (around.deadline.passed()) throw timed_out(hop.url.peer(), around.deadline);
-    const SessionLease lease({route, fresh, around.deadline, around.ticker});
-    Attempt attempt(lease.session(), hop, route);
-    attempt.prepare(around.deadline);
-    const bool answered = attempt.run(around.ticker);
-    Response response = attempt.take_response();
-    // A proxy may end the connection with the request half read, when it has refused it.
-    const bool has_head = answered || attempt.fault().head_complete;
-    const Proxy* const proxy = answering_proxy(hop, route);
-    if (has_head && proxy != nullptr && is_of_the_proxy(response)) {
-      throw refused_by_proxy(*proxy, hop.url, response.status);
+    try {
+      if (auto response = attempt_on(route, hop, around, wish)) return std::move(*response);
+      wish.fresh = true;
+    } catch (const TransportFailure& failure) {
+      // Whoever has a connection to the server will be done with it.
+      if (wish.patient || failure.kind() != FailureKind::kDescriptors) throw;
+      wish.patient = true;
     }
-    if (answered) return response;
-    if (!fresh && attempt.lost_idle_connection()) continue;
-    throw failure_from(attempt.fault(), hop.url, around.deadline);
   }
 }
 

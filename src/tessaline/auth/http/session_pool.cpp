@@ -110,9 +110,15 @@ void SessionPool::give_back(Session& session, TimePoint now) noexcept {
     if (now - burst_on(session.route).latest >= kPace) wake_first(session.route);
     return;
   }
+  if (!session.has_connection()) {
+    wake_first(session.route);
+    if (session.open_errno() != 0) {
+      surplus = remove(session);  // it holds descriptors itself
+      return;
+    }
+  }
   session.leased = false;
   session.idle_since = now;
-  if (!session.has_connection()) wake_first(session.route);
   if (count_idle() > kMaxIdle) surplus = remove_oldest_idle();
   idle_reaper::need();
 }
@@ -167,6 +173,7 @@ SessionPool::Chosen SessionPool::choose(const Wish& wish, const Waiter* self, Ti
     outdated.push_back(remove(*session));
   }
   const Burst burst = burst_on(wish.route);
+  if (wish.patient && burst.connections > 0) return {.next_try = now + kPatientPace};
   const bool is_burst = burst.connections + ahead >= kAtOnce;
   const TimePoint next_try = burst.latest + kPace * static_cast<int>(ahead + 1);
   if (is_burst && now < next_try) return {.next_try = next_try};

@@ -27,11 +27,13 @@ class SessionPool {
   static constexpr std::chrono::seconds kMaxIdleTime{30};
   static constexpr std::size_t kAtOnce = 24;            ///< connections of a route that nobody waits for
   static constexpr std::chrono::milliseconds kPace{2};  ///< between those beyond
+  static constexpr std::chrono::milliseconds kPatientPace{100};
 
   /// What a request wants of the pool.
   struct Wish {
     const Route& route;
-    bool fresh;  ///< no connection that has been used
+    bool fresh;    ///< no connection that has been used
+    bool patient;  ///< none but those that there are, while there is one: no descriptor was left for another
     const Deadline& deadline;
     Ticker& ticker;
   };
