@@ -43,10 +43,10 @@ int on_new_session(SSL* connection, SSL_SESSION* session) {
   const Binding& binding = binding_of(connection);
   if (SSL_get_verify_result(connection) != X509_V_OK) return 0;
   try {
-    // A copy: OpenSSL spoils that of TLS 1.2 when its connection ends without a word.
     // Each resumption brings a new session; the certificate was looked at for the first one only.
     const bool resumed = SSL_session_reused(connection) == 1;
     const std::time_t verified_at = resumed ? binding.offered_verified_at : std::time(nullptr);
+    // A copy: OpenSSL spoils that of TLS 1.2 when its connection ends without a word.
     binding.trust->sessions().keep(binding.peer, TlsSession(made(SSL_SESSION_dup(session))), verified_at);
   } catch (const std::bad_alloc&) {  // a full handshake next time
   }

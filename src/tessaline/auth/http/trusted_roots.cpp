@@ -1,13 +1,11 @@
 #include "tessaline/auth/http/trusted_roots.hpp"
 
-#include <openssl/err.h>
 #include <openssl/x509_vfy.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <system_error>
 
 namespace tessaline::auth::http {
