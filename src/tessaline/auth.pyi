@@ -219,9 +219,10 @@ def notify_era_change(new_era_number: int) -> None:
 class AuthManager:
     """Client-side authentication manager with state machine and proactive refresh.
 
-    Logs one wallet in at one server, keeps its bearer token fresh on a background thread and hands it out to
-    any number of threads. Constructing makes no request and starts no thread; call authenticate() once, then
-    get_token() before each request, and close() at the end (or use the manager as a context manager).
+    Logs one wallet in at one server, renews its bearer token on a background thread and hands it out to
+    any number of threads. Constructing makes no request and starts no thread; call authenticate(), then
+    get_token() before each request, and close() at the end (or use the manager as a context manager). A
+    renewal that fails at its three attempts ends the renewing, until authenticate() is called again.
 
     Args:
         private_key: secp256k1 key, 64 hexadecimal digits, "0x" allowed. Kept in memory of its own, wiped on
