@@ -4,9 +4,11 @@ import re
 import subprocess
 from collections.abc import Iterable
 from pathlib import Path
+from types import ModuleType
 
 import pytest
 
+import tessaline._native
 import tessaline.auth
 
 from .project import ROOT, own_files, own_sources
@@ -14,6 +16,9 @@ from .project import ROOT, own_files, own_sources
 pytestmark = pytest.mark.process
 
 AUTH = "tessaline/auth"
+NATIVE = "tessaline/native"
+# What of the component the native parts beside it may use: the doors, and what every transport has in common.
+SHARED = rf"{AUTH}/(?:python/python|python/ref|proxy_environment|transport_exchange|trust)\.hpp"
 
 # A letter in brackets here and there keeps this file from breaking the rules that it checks.
 OTHER_DOCUMENTS = re.compile(
@@ -89,10 +94,9 @@ def test_the_interpreter_is_called_only_through_the_doors() -> None:
 
 
 def test_methods_are_defined_only_where_the_host_is_faced() -> None:
-    room = ROOT / "src/tessaline/auth"
-    outside = [
-        path for path in own_sources(".cpp", ".hpp", under="src") if not path.is_relative_to(room / "binding")
-    ]
+    faces = (ROOT / "src" / AUTH / "binding", ROOT / "src" / NATIVE)
+    files = own_sources(".cpp", ".hpp", under="src")
+    outside = [path for path in files if not any(path.is_relative_to(face) for face in faces)]
     assert outside
     assert places(METHODS, outside, code_only=True) == []
 
@@ -145,8 +149,19 @@ def test_nothing_knows_the_room_that_faces_the_host() -> None:
     assert places(face, outside) == []
 
 
-def test_the_module_exports_its_entry_and_nothing_else() -> None:
-    assert exported(Path(tessaline.auth.__file__)) == ["PyInit_auth"]
+def test_the_component_does_not_know_what_stands_beside_it() -> None:
+    beside = re.compile(rf'#\s*include\s*"{NATIVE}/')
+    inside = own_sources(".cpp", ".hpp", under=f"src/{NATIVE}")
+    assert places(beside, inside)
+    assert places(beside, own_sources(".cpp", ".hpp", under=f"src/{AUTH}")) == []
+    assert places(re.compile(rf'#\s*include\s*"(?!{NATIVE}/|{SHARED}")[^"]*"'), inside) == []
+
+
+@pytest.mark.parametrize(
+    ("module", "entry"), [(tessaline.auth, "PyInit_auth"), (tessaline._native, "PyInit__native")]
+)
+def test_a_module_exports_its_entry_and_nothing_else(module: ModuleType, entry: str) -> None:
+    assert exported(Path(str(module.__file__))) == [entry]
 
 
 def test_what_a_library_exports_besides_is_seen(tmp_path: Path) -> None:

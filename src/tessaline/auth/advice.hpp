@@ -19,6 +19,8 @@ std::string_view for_failure(http::FailureKind kind) noexcept;
 inline constexpr std::string_view kKeyRange =
     "a private key is a number above 0 and below the order of the curve secp256k1";
 inline constexpr std::string_view kKeyText = "pass the key as text: key.hex() makes it from 32 bytes";
+inline constexpr std::string_view kKeyLineEnd =
+    "the text of the key ends in a line end: strip it, as tessaline.keys does";
 inline constexpr std::string_view kUrlForm =
     "write the address with scheme and host, as in https://service.example";
 inline constexpr std::string_view kDisplayNameType = "a display name is a str, and None resets it";
@@ -51,6 +53,10 @@ inline constexpr const char* kRoots =
 inline constexpr const char* kProxy =
     "the environment variable %s names a proxy, which the request went through unless no_proxy exempts the "
     "host";
+inline constexpr const char* kChosenRoots =
+    "trusted were the roots in %s alone, which the transport was given as ca_file";
+inline constexpr std::string_view kChosenProxy =
+    "the request went through the proxy that the transport was given";
 
 // The server.
 inline constexpr std::string_view kLoginAnswer =

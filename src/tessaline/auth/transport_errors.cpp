@@ -1,6 +1,7 @@
 #include "tessaline/auth/transport_errors.hpp"
 
 #include <cerrno>
+#include <cstring>
 #include <string>
 
 #include "tessaline/auth/python/python.hpp"
@@ -21,13 +22,19 @@ constinit const python::Name kVerifyMessage{"verify_message"};
 constinit const python::Name kHttpClient{"http.client"};
 constinit const python::Name kBadStatusLine{"BadStatusLine"};
 
+/// A path in it may be no UTF-8.
+Ref text_of(const char* message) {
+  return python::checked(
+      PyUnicode_DecodeUTF8(message, static_cast<Py_ssize_t>(std::strlen(message)), "replace"));
+}
+
 Ref new_error(PyObject* type, const char* message) {
-  return python::call(type, {python::text(message).get()});
+  return python::call(type, {text_of(message).get()});
 }
 
 /// OSError and its kin carry a number and a text.
 Ref new_numbered(PyObject* type, int number, const char* message) {
-  return python::call(type, {python::integer(number).get(), python::text(message).get()});
+  return python::call(type, {python::integer(number).get(), text_of(message).get()});
 }
 
 Ref new_error_of(const python::Name& module, const python::Name& type, const char* message) {
@@ -91,9 +98,10 @@ Ref error_for(const http::TransportFailure& failure) {
 
 }  // namespace
 
-void raise_transport_failure(const http::TransportFailure& failure, const http::Request& request) {
+void raise_transport_failure(const http::TransportFailure& failure, const http::Request& request,
+                             const ChosenSettings& chosen) {
   const Ref error = error_for(failure);
-  add_transport_notes(error.get(), failure, request);
+  add_transport_notes(error.get(), failure, request, chosen);
   python::raise(error.get());
 }
 

@@ -4,9 +4,15 @@
 
 namespace tessaline::auth {
 
-/// Raises the host's exception for a failed request, with what may help: the roots that were trusted, the
-/// variable of the environment that names a proxy.
-[[noreturn]] void raise_transport_failure(const http::TransportFailure& failure,
-                                          const http::Request& request);
+/// Which settings of a request the program chose; the others came from the environment.
+struct ChosenSettings {
+  bool trust = false;
+  bool proxies = false;
+};
+
+/// Raises the host's exception for a failed request, with what may help: the roots that were trusted, where a
+/// proxy was named.
+[[noreturn]] void raise_transport_failure(const http::TransportFailure& failure, const http::Request& request,
+                                          const ChosenSettings& chosen);
 
 }  // namespace tessaline::auth

@@ -1,6 +1,7 @@
 #include "tessaline/auth/validation.hpp"
 
 #include <string>
+#include <string_view>
 
 #include "tessaline/auth/advice.hpp"
 #include "tessaline/auth/errors.hpp"
@@ -21,8 +22,16 @@ constinit const python::Name kValidateBearerUrl{"validate_bearer_transport_url"}
 
 PyObject* own_validator = nullptr;
 
-[[noreturn]] void raise_invalid_key(const std::string& message) {
-  python::raise(error_types().invalid_key, message.c_str());
+[[noreturn]] void raise_invalid_key(const std::string& message, std::string_view note = {}) {
+  if (note.empty()) python::raise(error_types().invalid_key, message.c_str());
+  python::raise(error_types().invalid_key, message.c_str(), note);
+}
+
+/// What a file leaves behind a key. Asked of refused texts only, so that no branch depends on a key.
+std::string_view line_end_note(PyObject* text) {
+  const Py_ssize_t length = PyUnicode_GET_LENGTH(text);
+  const Py_UCS4 last = length == 0 ? 0 : PyUnicode_READ_CHAR(text, length - 1);
+  return last == '\n' || last == '\r' ? advice::kKeyLineEnd : std::string_view();
 }
 
 /// The host's parser would quote the whole text, which is the key; this error takes its place as the context.
@@ -31,17 +40,18 @@ python::Error parse_error(std::size_t position) {
   return python::Error::fetch();
 }
 
-[[noreturn]] void refuse_key(const wallet::KeyRefusal& refusal) {
+[[noreturn]] void refuse_key(const wallet::KeyRefusal& refusal, std::string_view note = {}) {
   switch (refusal.fault) {
     case wallet::KeyFault::kEmpty:
       raise_invalid_key("Private key must not be empty");
     case wallet::KeyFault::kWrongLength:
       raise_invalid_key("Private key must be 32 bytes (64 hex chars), got " +
-                        std::to_string(refusal.hex_digits) + " hex chars");
+                            std::to_string(refusal.hex_digits) + " hex chars",
+                        note);
     case wallet::KeyFault::kNotHex: {
       const python::Error cause = parse_error(refusal.position);
       const python::Handling handling(cause);
-      raise_invalid_key("Private key contains non-hex characters");
+      raise_invalid_key("Private key contains non-hex characters", note);
     }
     case wallet::KeyFault::kNotScalar:
       break;
@@ -60,7 +70,9 @@ wallet::WalletKey read_private_key(PyObject* private_key) {
   auto parsed =
       wallet::WalletKey::parse({PyUnicode_DATA(private_key), static_cast<int>(PyUnicode_KIND(private_key)),
                                 static_cast<std::size_t>(PyUnicode_GET_LENGTH(private_key))});
-  if (const auto* refusal = std::get_if<wallet::KeyRefusal>(&parsed)) refuse_key(*refusal);
+  if (const auto* refusal = std::get_if<wallet::KeyRefusal>(&parsed)) {
+    refuse_key(*refusal, line_end_note(private_key));
+  }
   return std::get<wallet::WalletKey>(std::move(parsed));
 }
 

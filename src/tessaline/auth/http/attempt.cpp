@@ -21,6 +21,8 @@
 namespace tessaline::auth::http {
 namespace {
 
+constexpr const char* kUserAgent = "tessaline/" TESSALINE_VERSION;
+
 // Longer than any connection is kept: the pool decides.
 constexpr long kMaxConnectionAgeSeconds = 3600;
 
@@ -116,7 +118,7 @@ void Attempt::set_request_options() {
   // Otherwise libcurl rewrites what it knows better.
   set(CURLOPT_REQUEST_TARGET, by_plain_proxy ? (hop_.url.root() + target).c_str() : target.c_str());
   set(CURLOPT_CUSTOMREQUEST, hop_.method.c_str());
-  set(CURLOPT_USERAGENT, "tessaline/" TESSALINE_VERSION);
+  set(CURLOPT_USERAGENT, hop_.user_agent.empty() ? kUserAgent : hop_.user_agent.c_str());
   set(CURLOPT_HTTPHEADER, headers_.get());
   if (hop_.method == "HEAD" && hop_.body == nullptr) set(CURLOPT_NOBODY, 1L);
   if (hop_.body != nullptr) {

@@ -14,6 +14,7 @@ Response perform(const Request& request, const Tick& tick) {
   hop.url = check_request(request);
   hop.method = request.method;
   hop.headers = request.headers;
+  hop.user_agent = request.user_agent;
   if (request.body) hop.body = &*request.body;
 
   const Deadline deadline(request.timeout);

@@ -39,6 +39,7 @@ struct Request {
       timeout;  ///< of the whole request, redirects included; none: no bound
   TrustStore trust;
   ProxySettings proxies;
+  std::string user_agent{};  ///< where `headers` name none; empty: the package and its version
 };
 
 /// Longest body that is taken of an answer, which is some kilobytes.

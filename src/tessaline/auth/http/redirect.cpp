@@ -66,6 +66,7 @@ std::optional<Hop> RedirectTrail::next(const Hop& hop, const Response& response)
   Hop following;
   following.method = hop.method == "HEAD" ? "HEAD" : "GET";
   following.headers = hop.headers;
+  following.user_agent = hop.user_agent;
   drop_headers(following.headers, kContentHeaders);
   if (target->origin() != hop.url.origin()) drop_headers(following.headers, kOriginBoundHeaders);
   following.url = std::move(*target);

@@ -14,6 +14,7 @@ struct Hop {
   Url url;
   std::string method;
   Headers headers;
+  std::string user_agent{};  ///< empty: the client's own
   const std::string* body = nullptr;
 };
 

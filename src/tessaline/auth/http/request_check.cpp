@@ -23,6 +23,7 @@ Url check_request(const Request& request) {
     if (!is_token(name)) refuse("a header name is not a token");
     if (breaks_a_line(value)) refuse("value of header " + name + " holds CR, LF or NUL");
   }
+  if (breaks_a_line(request.user_agent)) refuse("the user agent holds CR, LF or NUL");
   return parse_url(request.url);
 }
 

@@ -1,0 +1,109 @@
+"""The native parts of the modules beside `tessaline.auth`; private to the package."""
+
+from collections.abc import Callable, Mapping
+from typing import final
+
+from typing_extensions import disjoint_base
+
+@final
+class EraBoard:
+    """The highest era that was announced, in memory shared with the children of a fork.
+
+    Made before the fork and given to the keepers of all children, it takes an era that one of them is told to
+    all. Any thread and process may use it; nothing waits.
+
+    Raises:
+        OSError: There is no memory to share.
+    """
+
+    def __new__(cls) -> EraBoard: ...
+    @property
+    def era(self) -> int:
+        """The highest era that was announced; 0 for none."""
+    def announce(self, era: int, /) -> None:
+        """Raise the board to this era, for every process that shares it; a lower one changes nothing.
+
+        Raises:
+            ValueError: The number is not positive.
+        """
+
+@final
+class TokenCopy:
+    """A token, and whether it may be served."""
+
+    def __new__(cls, clock: Callable[[], float], board: EraBoard) -> TokenCopy: ...
+    @property
+    def token(self) -> str | None:
+        """The token, good or not; None for none."""
+    @property
+    def expiry(self) -> float:
+        """When it expires, in seconds on the clock."""
+    @property
+    def era(self) -> int:
+        """The era of the token; 0 where it names none."""
+    def put(self, token: str, expiry: float, era: int) -> None:
+        """Replace token, expiry (seconds on the clock) and era (0: none)."""
+    def drop(self) -> None:
+        """Forget the token."""
+    def shift(self, seconds: float, /) -> None:
+        """Move the expiry with a clock that was set."""
+    def get(self) -> str | None:
+        """The token if it is good now, else None."""
+
+@disjoint_base
+class Serving:
+    """Hands out a token: natively while it is good, else by `_wait_for_token(timeout)`."""
+
+    _copy: TokenCopy | None
+    def get_token(self, timeout: float | None = 10.0) -> str:
+        """Return the wallet's token: the keeper's own copy while it is good, at once and whatever the server does.
+
+        Good is a copy before its expiry and of no older era than announced. Cheap: ask before every request
+        instead of keeping the token. May be called from any thread.
+
+        Args:
+            timeout: How long to wait where no copy is good, in seconds of real time; 0 not at all, None for as
+                long as it takes.
+
+        Returns:
+            The token, a JWT as str.
+
+        Raises:
+            AuthError: "not_authenticated" before start(), "manager_closed" after close() or woken by it, or
+                what the last attempt met; "token_expired" or "era_change_pending" where there was none yet.
+            NetworkError, RegistrationError, OSError and others: What the last attempt to log in met.
+        """
+
+@final
+class Transport:
+    """A transport with settings of its own, which are taken as they are given.
+
+    Args:
+        timeout: Seconds that an exchange may take in all.
+        ca_file: Path of the file of trusted certificates, or None for what the host trusts.
+        proxy: URL of the proxy, "" for none, or None for those of the environment.
+        user_agent: As which it presents itself; "" for the package and its version.
+        shown: What the `repr` is.
+        on_exchange: Called after each exchange with path, status or None, and seconds; or None.
+        on_mistake: Called without arguments while an exception of `on_exchange` is being handled.
+        amend: Called with an answer that has a `Retry-After`, and returns what takes its place; or None.
+    """
+
+    def __new__(
+        cls,
+        timeout: float,
+        ca_file: bytes | None,
+        proxy: str | None,
+        user_agent: str,
+        shown: str,
+        on_exchange: Callable[[str, int | None, float], object] | None,
+        on_mistake: Callable[[], object],
+        amend: Callable[[tuple[int, dict[str, str], bytes]], tuple[int, dict[str, str], bytes]] | None,
+    ) -> Transport: ...
+    def __call__(
+        self,
+        method: str,
+        url: str,
+        headers: Mapping[str, str] | None = None,
+        body: str | bytes | None = None,
+    ) -> tuple[int, dict[str, str], bytes]: ...

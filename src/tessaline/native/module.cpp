@@ -1,0 +1,54 @@
+#include <Python.h>
+
+#include "tessaline/auth/python/python.hpp"
+#include "tessaline/native/era_board.hpp"
+#include "tessaline/native/serving.hpp"
+#include "tessaline/native/token_copy.hpp"
+#include "tessaline/native/transport.hpp"
+#include "tessaline/native/wall_clock.hpp"
+
+namespace tessaline::native {
+namespace {
+
+namespace python = auth::python;
+
+constinit const python::Name kAuth{"tessaline.auth"};
+
+int execute(PyObject* module) {
+  return python::status_boundary([module] {
+    // Its import refuses a second interpreter, whose types these would be as well; and names of the host are
+    // looked up there.
+    python::keep_module(python::import(kAuth).get());
+    know_wall_clock();
+    add_era_board_type(module);
+    add_token_copy_type(module);
+    add_serving_type(module);
+    add_transport_type(module);
+  });
+}
+
+PyModuleDef_Slot slots[] = {
+    {Py_mod_exec, reinterpret_cast<void*>(execute)},
+    {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
+    {0, nullptr},
+};
+
+PyModuleDef definition = {
+    PyModuleDef_HEAD_INIT,
+    "tessaline._native",
+    "The native parts of the modules beside `tessaline.auth`; private to the package.",
+    0,
+    nullptr,
+    slots,
+    nullptr,
+    nullptr,
+    nullptr,
+};
+
+}  // namespace
+}  // namespace tessaline::native
+
+// The interpreter makes this name of the module's.
+PyMODINIT_FUNC PyInit__native() {  // NOLINT(bugprone-reserved-identifier,readability-identifier-naming)
+  return PyModuleDef_Init(&tessaline::native::definition);
+}

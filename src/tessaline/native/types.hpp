@@ -1,0 +1,17 @@
+#pragma once
+
+#include <Python.h>
+
+#include <cstdint>
+
+// What the types of this module have in common.
+
+namespace tessaline::native {
+
+/// Makes the type, adds it to the module, and keeps it until the process ends.
+PyTypeObject* add_type(PyObject* module, PyType_Spec& spec);
+
+/// An era number. One beyond 64 bits is as good as the highest.
+std::int64_t era_of(PyObject* number);
+
+}  // namespace tessaline::native

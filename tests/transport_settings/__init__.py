@@ -1,0 +1,1 @@
+"""The transport whose settings a program chooses, and the bound on `Retry-After`, on the loopback."""
