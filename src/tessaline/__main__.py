@@ -1,0 +1,135 @@
+"""The command line: `python -m tessaline check URL --key-file FILE`."""
+
+from __future__ import annotations
+
+import argparse
+import getpass
+import io
+import math
+import sys
+from collections.abc import Sequence
+from typing import NoReturn
+
+from tessaline import __version__
+
+_EPILOG = """
+exit codes: 0 logged in; 2 wrong use; 3 no key; 4 no way to the server; 5 TLS; 6 refused by the server; 7 an
+answer that is not a login's; 1 anything else; 130 interrupted. The page "Checking a login" tells more.
+"""
+
+
+class _Parser(argparse.ArgumentParser):
+    """Says what is wrong without repeating what may be a key."""
+
+    def error(self, message: str) -> NoReturn:
+        from tessaline._check_report import shown
+
+        super().error(shown(message))
+
+
+def _seconds(text: str) -> float:
+    seconds = float(text)
+    if not (math.isfinite(seconds) and seconds > 0):
+        raise ValueError
+    return seconds
+
+
+# argparse names a converter in its error messages.
+_seconds.__name__ = "number of seconds"
+
+
+def _parser() -> argparse.ArgumentParser:
+    about = "Tools for wallets that log in."
+    parser = _Parser(prog="python -m tessaline", description=about, allow_abbrev=False)
+    parser.add_argument("--version", action="version", version=f"tessaline {__version__}")
+    commands = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
+    _add_check(
+        commands.add_parser(
+            "check",
+            help="log a wallet in, and tell of each step",
+            description="Log a wallet in, and tell of each step: the server's name, TLS, the exchanges, the "
+            "token's expiry. A wallet that the server does not know yet is registered.",
+            epilog=_EPILOG,
+            allow_abbrev=False,
+        )
+    )
+    return parser
+
+
+def _add_check(parser: argparse.ArgumentParser) -> None:
+    add = parser.add_argument
+    add("url", metavar="URL", help="the server: https, or http to this machine")
+    key = parser.add_mutually_exclusive_group(required=True)
+    key.add_argument(
+        "--key-file", metavar="FILE", help="a file or pipe with the key, which others may not read"
+    )
+    key.add_argument("--key-variable", metavar="NAME", help="an environment variable with the key")
+    key.add_argument(
+        "--keystore", metavar="FILE", help="a version 3 JSON keystore; its password is asked for"
+    )
+    password_help = "the keystore's password, in a file or pipe that others may not read"
+    add("--password-file", metavar="FILE", help=password_help)
+    readable_help = "who may be able to read a file with a key or password (%(default)s)"
+    add("--readable-by", choices=("owner", "group", "all"), default="owner", help=readable_help)
+    add("--invite-code", metavar="CODE", help="sent with the registration")
+    add("--no-register", action="store_true", help="leave the registration out")
+    timeout_help = "how long each exchange, and each look at the way, may take (%(default)g)"
+    add("--timeout", type=_seconds, default=30.0, metavar="SECONDS", help=timeout_help)
+    add("--json", action="store_true", help="print one JSON object")
+    add("--print-token", action="store_true", help="print the token too")
+    parser.set_defaults(refuse=parser.error)
+
+
+def _complaint(given: argparse.Namespace) -> str | None:
+    """What is wrong with options that are well-formed each."""
+    from tessaline._transport_security import validate_bearer_transport_url
+
+    try:
+        # Not the manager's words: they repeat a text that is no URL, and which may be anything.
+        if "://" not in given.url:
+            return "URL is no address with scheme and host, such as https://service.example"
+        validate_bearer_transport_url(given.url)
+    except ValueError as error:
+        return str(error)
+    if given.password_file is not None and given.keystore is None:
+        return "--password-file is for a keystore"
+    if given.keystore is not None and given.password_file is None and not sys.stdin.isatty():
+        return "where nobody can be asked, a keystore needs --password-file"
+    return None
+
+
+def main(arguments: Sequence[str] | None = None) -> int:
+    """Do what the arguments (those of the process by default) ask for, and return the exit code.
+
+    Raises:
+        SystemExit: The arguments are wrong (2), or ask for help (0).
+    """
+    given = _parser().parse_args(arguments)
+    if (complaint := _complaint(given)) is not None:
+        given.refuse(complaint)
+    from tessaline import _check
+    from tessaline._private_file import private_text
+
+    def password() -> str:
+        if given.password_file is None:
+            return getpass.getpass("password of the keystore: ")
+        return private_text(given.password_file, given.readable_by)
+
+    given.password = password
+    try:
+        return _check.run(given)
+    except KeyboardInterrupt:
+        print("interrupted", file=sys.stderr)
+        return _check.INTERRUPTED
+
+
+def _print_every_letter() -> None:
+    # The name of an authority may have letters that the terminal has not.
+    for stream in (sys.stdout, sys.stderr):
+        if isinstance(stream, io.TextIOWrapper):
+            stream.reconfigure(errors="backslashreplace")
+
+
+if __name__ == "__main__":
+    _print_every_letter()
+    sys.exit(main())

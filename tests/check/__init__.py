@@ -1,0 +1,1 @@
+"""`python -m tessaline check`: its report, its exit codes, and what it keeps to itself."""

@@ -1,0 +1,110 @@
+"""One server per scheme for the whole folder, and the command in this process."""
+
+from __future__ import annotations
+
+import json
+import secrets
+from collections.abc import Callable, Iterator
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+import pytest
+
+from tessaline import auth
+from tessaline.__main__ import main
+from tests.shared.servers import (
+    either,
+    http_process,
+    https_process,
+    https_server,
+    server,
+    trusted,
+    unused_port,
+)
+from tests.transport.raw import RawServer
+
+# Fixtures.
+__all__ = ["either", "http_process", "https_process", "https_server", "server", "trusted", "unused_port"]
+
+
+@dataclass(frozen=True)
+class Outcome:
+    """What the command left behind."""
+
+    code: int | str | None
+    output: str
+    errors: str
+
+    @property
+    def report(self) -> dict[str, Any]:
+        assert self.errors == ""
+        told: dict[str, Any] = json.loads(self.output)
+        return told
+
+    def lines(self, label: str) -> list[str]:
+        """What the report has behind that label."""
+        split = [line.partition(" ") for line in self.output.splitlines()]
+        return [rest.strip() for first, _, rest in split if first == label]
+
+
+type Check = Callable[..., Outcome]
+
+
+@pytest.fixture
+def key() -> str:
+    return secrets.token_hex(32)
+
+
+@pytest.fixture
+def key_file(tmp_path: Path, key: str) -> Path:
+    path = tmp_path / "wallet.key"
+    path.touch(0o600)
+    path.write_text(f"{key}\n")
+    return path
+
+
+@pytest.fixture
+def run(capsys: pytest.CaptureFixture[str]) -> Check:
+    """The command with these arguments."""
+
+    def call(*arguments: object) -> Outcome:
+        capsys.readouterr()
+        code: int | str | None
+        try:
+            code = main(["check", *map(str, arguments)])
+        except SystemExit as ended:
+            code = ended.code
+        told = capsys.readouterr()
+        return Outcome(code, told.out, told.err)
+
+    return call
+
+
+@pytest.fixture
+def check(run: Check, key_file: Path) -> Check:
+    """The same with a key."""
+    return lambda url, *options: run(url, "--key-file", key_file, *options)
+
+
+@pytest.fixture
+def raw() -> Iterator[Callable[..., RawServer]]:
+    """Starts servers whose every answer is given byte by byte."""
+    started: list[RawServer] = []
+
+    def start(*answers: Any) -> RawServer:
+        started.append(RawServer(*answers))
+        return started[-1]
+
+    yield start
+    for one in started:
+        one.stop()
+
+
+@pytest.fixture(autouse=True)
+def surroundings(monkeypatch: pytest.MonkeyPatch) -> None:
+    """No proxy, and no pauses between attempts."""
+    for name in ("http_proxy", "https_proxy", "all_proxy", "no_proxy"):
+        monkeypatch.delenv(name, raising=False)
+        monkeypatch.delenv(name.upper(), raising=False)
+    monkeypatch.setattr(auth, "_BACKOFF_BASE", 0)

@@ -1,0 +1,1 @@
+"""`tessaline.errors` beside the page of errors and the type checker."""
