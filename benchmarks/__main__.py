@@ -13,8 +13,10 @@ from .places import ROOT, on_one_core, use_build
 use_build()
 
 from . import (  # noqa: E402  they import the build that was just chosen
+    aio,
     crowds,
     footprint,
+    keeper,
     logins,
     network,
     network_era,
@@ -56,6 +58,7 @@ def main() -> int:
 
     measures: dict[str, Measure] = {
         "get_token()": partial(micro_group, "get_token"),
+        "get_token() of a keeper": partial(micro_group, "get_token of a keeper"),
         "threads": crowds.threads_at_once,
         "together": crowds.single_flights,
         "waking": crowds.woken_waiters,
@@ -70,6 +73,8 @@ def main() -> int:
         "import": footprint.importing,
         "memory": footprint.memory,
         "era": crowds.era_of_a_fleet,
+        "keeper": keeper.era_of_a_keeper,
+        "event loop": aio.requests_of_a_loop,
         "growth": alone(footprint.growth),
         "network connection": alone(network.new_connections),
         "network first": alone(network.first_connection),

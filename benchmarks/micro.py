@@ -23,6 +23,7 @@ use_build()
 Timed = Callable[[int], float]
 
 UNROLLED = 10
+UNROLLED_CASES = ("tessaline", "empty native method", "plain Python", "its manager's")
 BODY = json.dumps({"wallet_address": "0x" + "ab" * 20})
 JSON_TYPE = {"Content-Type": "application/json"}
 MESSAGE_SIZES = {"32 B": 32, "16 KiB": 16384}
@@ -81,6 +82,15 @@ def serve_tessaline() -> Timed:
     manager = auth.AuthManager(KEY, "https://auth.example.test", _transport=in_memory)
     manager.authenticate()
     return unrolled(manager)
+
+
+def serve_keeper() -> Timed:
+    from tessaline import auth
+    from tessaline.keeper import Keeper
+
+    keeper = Keeper(auth.AuthManager(KEY, "https://auth.example.test", _transport=in_memory))
+    keeper.start()
+    return unrolled(keeper)
 
 
 def serve_empty() -> Timed:
@@ -246,6 +256,10 @@ GROUPS: dict[str, dict[str, Callable[[], Timed]]] = {
         "google-auth": serve_google,
         "botocore": serve_botocore,
     },
+    "get_token of a keeper": {
+        "tessaline": serve_keeper,
+        "its manager's": serve_tessaline,
+    },
     **{
         f"signature {label}": {
             "tessaline": lambda size=size: sign_tessaline(size),  # type: ignore[misc]
@@ -279,7 +293,7 @@ def main() -> None:
     )
     runner.argparser.add_argument("--case", required=True, help="GROUP/CASE")
     group, case = runner.parse_args().case.split("/", 1)
-    inner = UNROLLED if case in ("tessaline", "empty native method", "plain Python") else 1
+    inner = UNROLLED if case in UNROLLED_CASES else 1
     # The set-up is for the worker, which is the process that measures.
     prepared: list[Timed] = []
 
@@ -288,7 +302,9 @@ def main() -> None:
             prepared.append(GROUPS[group][case]())
         return prepared[0](loops)
 
-    runner.bench_time_func(f"{group}/{case}", timed, inner_loops=inner if group == "get_token" else 1)
+    runner.bench_time_func(
+        f"{group}/{case}", timed, inner_loops=inner if group.startswith("get_token") else 1
+    )
 
 
 if __name__ == "__main__":

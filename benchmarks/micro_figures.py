@@ -14,6 +14,7 @@ TARGETS: dict[str, dict[str, float]] = {
         "google-auth": 1 / 8,
         "botocore": 1 / 8,
     },
+    "get_token of a keeper": {"its manager's": 2.0},
     "signature 32 B": {"bare libsecp256k1": 1.15, "eth-account": 1 / 20},
     "signature 16 KiB": {"bare libsecp256k1": 1.15, "eth-account": 1 / 20},
     "construction": {"bare key derivation": 2.0},

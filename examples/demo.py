@@ -11,6 +11,7 @@ import argparse
 import base64
 import contextlib
 import json
+import logging
 import os
 import secrets
 import sys
@@ -25,9 +26,11 @@ sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
 
 from devserver.testing import DevServer, DevServerError
 from tessaline import auth
+from tessaline.keeper import Keeper
 
 LOGIN_PATHS = ["/auth/register", "/auth/challenge", "/auth/verify"]
 PATIENCE = 10.0
+HOUR = 3600.0
 
 
 class DemoFailure(Exception):
@@ -378,6 +381,47 @@ def close_under_waiter(demo: Demo) -> None:
         page.good("the thread is free, and key, token and secret are gone")
 
 
+def outlive_day(demo: Demo) -> None:
+    """a keeper outlives a server that is away for a day"""
+    page = demo.page
+    clock = FastClock()
+    # Its warnings would stand between the lines.
+    logging.getLogger("tessaline.keeper").addHandler(logging.NullHandler())
+    with Keeper(demo.new_manager(clock=clock)) as keeper:
+        keeper.start()
+        began, token = clock(), keeper.get_token()
+        demo.server.faults("*", [{"kind": "close", "times": None}])
+        page.line("away", "the server drops every connection from now on")
+
+        def is_planned_ahead() -> bool:
+            planned = keeper.status().next_attempt
+            return planned is not None and planned > clock()
+
+        for hour in range(1, 24):
+            clock.leap_to(began + hour * HOUR)
+            expect(keeper.get_token(timeout=0) == token, f"no token {hour} hours on")
+            wait_until(is_planned_ahead, "the keeper has stopped trying")
+        status = keeper.status()
+        expect(status.state == "retrying", f"the keeper is {status.state}")
+        page.line("23 hours on", f"every call served, {status.failures} attempts have failed")
+        clock.leap_to(began + 25 * HOUR)
+        try:
+            keeper.get_token(timeout=0)
+        except auth.NetworkError as error:
+            page.line("25 hours on", f"the token has expired, NetworkError: {error}")
+        else:
+            raise DemoFailure("an expired token was served")
+
+        wait_until(is_planned_ahead, "the keeper has stopped trying")
+        demo.server.faults("*", [])
+        ahead = held(keeper.status().next_attempt) - clock()
+        page.line("back", f"the next attempt is {ahead:.0f} s away")
+        expect(ahead <= 300, "the next attempt is more than five minutes away")
+        clock.leap_to(clock() + ahead)
+        expect(keeper.get_token() != token, "the old token was served")
+        page.good("logged in again, and nobody had to restart anything")
+
+
 Step = Callable[[Demo], None]
 
 STEPS: dict[str, Step] = {
@@ -385,6 +429,7 @@ STEPS: dict[str, Step] = {
     "renew": renew,
     "change-era": change_era,
     "survive-outage": survive_outage,
+    "outlive-day": outlive_day,
     "name-wallet": name_wallet,
     "close": close_under_waiter,
 }

@@ -7,7 +7,7 @@ from pathlib import Path
 from . import day, flows, states
 
 FOLDER = Path(__file__).resolve().parents[2] / "docs/figures"
-DRAWINGS = (states.states, flows.login, flows.renewal, flows.era_change, day.token_life)
+DRAWINGS = (states.states, flows.login, flows.renewal, flows.era_change, day.token_life, day.outage)
 
 
 def drawn() -> dict[Path, str]:

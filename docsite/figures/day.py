@@ -45,3 +45,39 @@ def token_life() -> Canvas:
     )
     canvas.height = second + high + 8
     return canvas
+
+
+def outage() -> Canvas:
+    canvas = Canvas(
+        "outage",
+        460,
+        "A day with an outage",
+        "A keeper serves a token for 24 hours. It renews it early, at hour 14. The server is away from hour "
+        "13 to hour 21; attempts fail meanwhile, at most five minutes apart, and the token is served. At the "
+        "first attempt after that the next token takes over.",
+        size=_SIZE,
+    )
+    due, away, back = 14.4, 13.0, 21.0
+    bar, high = 76.0, 36.0
+    canvas.text(_x(0), 22, "start()", anchor="start", kind="code")
+    canvas.line([(_x(0) + 10, 30), (_x(0) + 10, bar - 3)], arrow=True)
+    canvas.text(_x((away + back) / 2), 22, "the server is away", kind="warned")
+    canvas.text(_x((away + back) / 2), 43, "attempts, 5 min apart at most", kind="soft")
+    canvas.line([(_x(away), 52), (_x(back), 52)])
+    for hour in range(int(due) + 1, int(back)):
+        canvas.line([(_x(hour), 52), (_x(hour), bar - 3)], arrow=True)
+
+    canvas.box(_x(0), bar, _x(24) - _x(0), high)
+    canvas.box(_x(0), bar, _x(back) - _x(0), high, kind="now")
+    canvas.text(_x(back / 2), bar + 23, "get_token(): at once", kind="code")
+    canvas.line([(_x(24), bar - 8), (_x(24), bar + high + 6)], dashed=True)
+    canvas.text(_x(24) + 6, bar + 14, ("expiry", "at 24 h"), anchor="start", kind="warned")
+
+    second = bar + high + 14
+    canvas.box(_x(back), second, _RIGHT - _x(back), high, kind="now")
+    canvas.text((_x(back) + _RIGHT) / 2, second + 23, "the next token →")
+    canvas.text(
+        _x(0), second + 14, ("Renewal is due at 60 %,", "after 14 hours."), anchor="start", kind="soft"
+    )
+    canvas.height = second + high + 8
+    return canvas

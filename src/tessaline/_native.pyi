@@ -56,14 +56,14 @@ class Serving:
 
     _copy: TokenCopy | None
     def get_token(self, timeout: float | None = 10.0) -> str:
-        """Return the wallet's token: the keeper's own copy while it is good, at once and whatever the server does.
+        """Return the wallet's token: the keeper's own copy, at once, while it is good.
 
         Good is a copy before its expiry and of no older era than announced. Cheap: ask before every request
         instead of keeping the token. May be called from any thread.
 
         Args:
-            timeout: How long to wait where no copy is good, in seconds of real time; 0 not at all, None for as
-                long as it takes.
+            timeout: How long to wait where no copy is good, in seconds of real time; 0 not at all, None for
+                as long as it takes.
 
         Returns:
             The token, a JWT as str.

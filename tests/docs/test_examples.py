@@ -15,6 +15,7 @@ import pytest
 
 from devserver.testing import DevServer
 from tessaline import auth
+from tessaline.keeper import EraBoard, Keeper
 
 from .pages import DOCS, PAGES, Block, code_blocks, run
 
@@ -23,7 +24,18 @@ pytestmark = pytest.mark.process
 ELSEWHERE = "https://service.example"
 # Pages whose blocks need more than a manager to run are run by the tests below.
 PLAIN = ["reference.md", "security.md", "time.md", "token-life.md"]
-OTHERS = ["index.md", "errors.md", "threads.md", "tutorial.md"]
+OTHERS = [
+    "asyncio.md",
+    "errors.md",
+    "index.md",
+    "integrations.md",
+    "keeper.md",
+    "keys.md",
+    "operating.md",
+    "testing.md",
+    "threads.md",
+    "tutorial.md",
+]
 
 
 @pytest.fixture(scope="module")
@@ -63,7 +75,10 @@ def test_blocks_run_in_order(
         made.close()
 
 
-def test_the_example_of_the_first_page(server: DevServer, monkeypatch: pytest.MonkeyPatch) -> None:
+@pytest.mark.parametrize("name", ["index.md", "keeper.md"])
+def test_the_example_of_the_first_pages(
+    name: str, server: DevServer, monkeypatch: pytest.MonkeyPatch
+) -> None:
     monkeypatch.setenv("WALLET_KEY", secrets.token_hex(32))
     work: list[str | None] = ["one", "two", None]
     sent: list[tuple[str, dict[str, str]]] = []
@@ -71,10 +86,27 @@ def test_the_example_of_the_first_page(server: DevServer, monkeypatch: pytest.Mo
         "next_piece_of_work": lambda: work.pop(0),
         "send": lambda piece, headers: sent.append((piece, headers)),
     }
-    (block,) = code_blocks(DOCS / "index.md")
+    block = code_blocks(DOCS / name)[0]
     run(block, names, here(block, server))
     assert [piece for piece, _ in sent] == ["one", "two"]
     assert all(headers["Authorization"].startswith("Bearer ey") for _, headers in sent)
+
+
+def test_the_examples_of_a_keeper_in_many_processes_and_of_many_wallets(server: DevServer) -> None:
+    keys = [secrets.token_hex(32) for _ in range(3)]
+    names: dict[str, Any] = {"AuthManager": auth.AuthManager, "Keeper": Keeper, "EraBoard": EraBoard}
+    names |= {
+        "key": keys[0],
+        "keys": keys,
+        "address": auth.AuthManager(keys[2], server.url).get_wallet_address(),
+    }
+    _, prefork, fleet = code_blocks(DOCS / "keeper.md")
+    run(prefork, names, here(prefork, server))
+    with names["after_fork"]() as keeper:
+        assert keeper.get_token().startswith("ey")
+    run(fleet, names, here(fleet, server))
+    assert names["keeper"].status().state == "closed"
+    assert names["token"].startswith("ey")
 
 
 def test_the_example_for_coroutines(manager: auth.AuthManager) -> None:

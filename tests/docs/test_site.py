@@ -21,7 +21,7 @@ DRAWINGS = sorted(figures.drawn())
 
 
 def test_the_drawings_are_as_drawn() -> None:
-    assert len(DRAWINGS) == 5
+    assert len(DRAWINGS) == 6
     assert figures.outdated() == []
 
 
@@ -87,9 +87,9 @@ def test_files_of_the_project_are_included_without_the_links_that_lead_out() -> 
 
 def test_a_file_that_is_shown_on_the_page_is_linked_there() -> None:
     page = hooks.with_included((DOCS / "examples.md").read_text(), DOCS)
-    assert "(#httpx_authpy)" in page
-    assert "](httpx_auth.py)" not in page
-    assert "class WalletAuth(httpx.Auth):" in page
+    assert "(#fastapi_apppy)" in page
+    assert "](fastapi_app.py)" not in page
+    assert "async def lifespan" in page
 
 
 def test_every_example_to_copy_is_shown() -> None:

@@ -33,10 +33,8 @@ Ref good_token(PyObject* self) {
 PyObject* get_token(PyObject* self, PyObject* const* arguments, Py_ssize_t count, PyObject* keyword_names) {
   return python::boundary([&] {
     static constexpr python::Signature kSignature("get_token", {"timeout"}, 1, 0, 1);
-    if (count == 0 && keyword_names == nullptr) {
-      if (Ref token = good_token(self)) return token;
-    }
-    const python::Bound given = kSignature.bind(arguments, count, keyword_names);
+    python::Bound given{};
+    if (count != 0 || keyword_names != nullptr) given = kSignature.bind(arguments, count, keyword_names);
     if (Ref token = good_token(self)) return token;
     const Ref timeout = given[0] == nullptr ? python::number(kDefaultTimeout) : Ref::borrow(given[0]);
     return python::call_method(self, kWaitForToken, {timeout.get()});
@@ -82,8 +80,7 @@ PyMethodDef methods[] = {
     {"get_token", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(get_token)),
      METH_FASTCALL | METH_KEYWORDS,
      "get_token($self, /, timeout=10.0)\n--\n\n"
-     "Return the wallet's token: the keeper's own copy while it is good, at once and whatever the server "
-     "does.\n\n"
+     "Return the wallet's token: the keeper's own copy, at once, while it is good.\n\n"
      "Good is a copy before its expiry and of no older era than announced. Cheap: ask before every request\n"
      "instead of keeping the token. May be called from any thread.\n\n"
      "Args:\n"

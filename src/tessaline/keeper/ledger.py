@@ -1,0 +1,259 @@
+"""What is known of one wallet: when to log in next, and what the attempts so far have met."""
+
+from __future__ import annotations
+
+import logging
+from types import TracebackType
+from typing import TYPE_CHECKING
+
+from tessaline import auth
+from tessaline._twins import twin_of
+from tessaline.auth import AuthError, NetworkError, RegistrationError
+from tessaline.errors import ERA_CHANGE_PENDING, NOT_AUTHENTICATED, TOKEN_EXPIRED, is_final
+
+from . import schedule
+from .reports import detail_of, duration, words_of
+from .status import EventKind, KeeperEvent, WalletState, WalletStatus
+
+if TYPE_CHECKING:
+    from tessaline._native import EraBoard, TokenCopy
+
+    from .clocks import Clock
+    from .takeover import Credentials
+
+
+class Ledger:
+    """One wallet's. Called under the keeper's lock.
+
+    Args:
+        address: The wallet.
+        clock: The manager's; every time here is a reading of it.
+        copy: What is served.
+        board: The era that is announced.
+        renew_at: The part of a token's lifetime after which it is renewed.
+    """
+
+    def __init__(
+        self,
+        address: str,
+        clock: Clock,
+        copy: TokenCopy,
+        board: EraBoard,
+        renew_at: float,
+    ) -> None:
+        self.address = address
+        self.due: float | None = None
+        self.in_hand = False
+        self.is_stopped = False
+        self.failures = 0
+        self.last_success: float | None = None
+        self._clock = clock
+        self._copy = copy
+        self._board = board
+        self._renew_at = renew_at
+        self._again = False
+        self._error: Exception | None = None
+        self._traceback: TracebackType | None = None
+        self._last_failure: float | None = None
+        self._reason: str | None = None
+        self._era_met = 0
+        self._detail = ""
+        self._taken_at = 0.0
+        self._alarm = 0
+        self.is_wanted_soon = False
+
+    def plan_now(self) -> None:
+        """Have an attempt made at once; after the one that is under way, if one is."""
+        self.is_stopped = False
+        self._again = self.in_hand
+        self.due = self._clock.now()
+
+    def take(self, now: float) -> bool:
+        """Whether the time has come for an attempt, which is the caller's to make then."""
+        if self.in_hand or self.due is None or now < self.due:
+            return False
+        self.in_hand = True
+        self._taken_at = now
+        self._again = False
+        return True
+
+    def store(self, brought: Credentials) -> list[KeeperEvent]:
+        """Take in what a login has brought."""
+        now = self._clock.now()
+        kind: EventKind = "logged in" if self.last_success is None else "renewed"
+        failures, self.failures = self.failures, 0
+        self._copy.put(*brought)
+        self.in_hand = self.is_stopped = False
+        self.last_success = brought.expiry - auth._TOKEN_LIFETIME
+        self._error = self._traceback = None
+        self._alarm = 0
+        self.is_wanted_soon = self._again or brought.era < self._board.era
+        self.due = now if self.is_wanted_soon else self._renewal_of(brought.expiry)
+        era = brought.era if brought.era >= self._board.era > self._era_met else None
+        self._era_met = self._board.era if era is not None else self._era_met
+        if era is not None and kind == "renewed":
+            kind = "era met"
+        lasts = brought.expiry - now
+        message = f"{kind}{'' if era is None else f', {era}'}; the token lasts {duration(lasts)}"
+        if failures > 0:
+            message += f"; failed attempts before: {failures}"
+        return [self._event(kind, logging.INFO, message, lasts=lasts, era=era, failures=failures)]
+
+    def fail(self, error: Exception, not_before: float | None) -> list[KeeperEvent]:
+        """Take in what an attempt met, and plan the next one unless none would help.
+
+        Args:
+            error: What was raised.
+            not_before: When the server wants to hear of the wallet again, or None.
+        """
+        self.in_hand = False
+        self.is_wanted_soon = True
+        self.failures += 1
+        self._error, self._traceback = error, error.__traceback__
+        self._reason, self._detail = words_of(error), detail_of(error)
+        now = self._clock.now()
+        self._last_failure = now
+        if self._is_hopeless(error):
+            self.is_stopped = True
+            self.due = None
+            self._alarm = self._alarm_at(self.seconds_left())
+            message = f"stopped for good: {self._detail}; {self._what_is_left()}"
+            return [self._event("stopped", logging.ERROR, message, reason=self._reason)]
+        self.due = max(now + schedule.back_off(self.failures), not_before or now)
+        if self._again:
+            self.due = now
+        message = (
+            f"attempt failed, {self.failures} in a row: {self._detail}; {self._what_is_left()}; "
+            f"next attempt in {self.due - now:.0f} s"
+        )
+        level = logging.ERROR if is_final(error) else logging.WARNING
+        return [self._event("attempt failed", level, message, reason=self._reason)]
+
+    def _is_hopeless(self, error: Exception) -> bool:
+        # Where a login has succeeded once, an expired certificate or a maintenance page is a passing thing.
+        of_the_wallet = isinstance(error, AuthError | RegistrationError)
+        return is_final(error) and (of_the_wallet or self.last_success is None)
+
+    def running_out(self, now: float) -> list[KeeperEvent]:
+        """Events for less than an hour left and for nothing left, where renewing fails or hangs."""
+        if self.failures == 0 and not (self.in_hand and now - self._taken_at > schedule.HANGING):
+            return []
+        left = self.seconds_left()
+        alarm = self._alarm_at(left)
+        if alarm <= self._alarm:
+            return []
+        self._alarm = alarm
+        what = "no token is left to serve" if alarm == 2 else f"less than an hour is left: {duration(left)}"
+        message = f"{what}; failed attempts: {self.failures}; the last met {self._detail or 'nothing yet'}"
+        return [self._event("running out", logging.ERROR, message, reason=self._reason)]
+
+    @staticmethod
+    def _alarm_at(left: float) -> int:
+        return 2 if left <= 0 else 1 if left < schedule.RUNNING_OUT else 0
+
+    @property
+    def met_an_outage(self) -> bool:
+        return isinstance(self._error, NetworkError | OSError) and not self.is_stopped and not self.in_hand
+
+    def failure(self) -> Exception:
+        """Why no token is good."""
+        if self._error is not None:
+            return twin_of(self._error).with_traceback(self._traceback)
+        if self.last_success is None:
+            return AuthError(reason=NOT_AUTHENTICATED)
+        is_old = self._copy.token is None or self._copy.era < self._board.era
+        return AuthError(reason=ERA_CHANGE_PENDING if is_old else TOKEN_EXPIRED)
+
+    def shift(self, seconds: float) -> None:
+        """Keep the age of everything when the clock has been set."""
+        self._copy.shift(seconds)
+        for name in ("due", "last_success", "_last_failure", "_taken_at"):
+            at: float | None = getattr(self, name)
+            if at is not None:
+                setattr(self, name, at + seconds)
+
+    def forget_what_ran(self) -> None:
+        """In a forked child: no attempt is under way here, and this process renews at a moment of its own."""
+        if self.in_hand:
+            self.in_hand = False
+            self.due = self._clock.now()
+        elif self.failures == 0 and self.last_success is not None and self.due is not None:
+            self.due = self._renewal_of(self._copy.expiry)
+
+    def close(self) -> None:
+        self._copy.drop()
+        self.due = self._error = self._traceback = None
+
+    def _renewal_of(self, expiry: float) -> float:
+        lifetime = auth._TOKEN_LIFETIME
+        return expiry - lifetime + schedule.renewal_delay(lifetime, self._renew_at)
+
+    def is_young(self, expiry: float) -> bool:
+        """Whether a token that expires then need not be renewed yet."""
+        return self._renewal_of(expiry) > self._clock.now()
+
+    def seconds_left(self) -> float:
+        """For how long the token that is there may still be served; 0.0 for none."""
+        try:
+            token = self._copy.get()
+        except Exception:
+            # The clock's; it will be told of.
+            token = None
+        return 0.0 if token is None else max(0.0, self._copy.expiry - self._clock.now())
+
+    def _what_is_left(self) -> str:
+        left = self.seconds_left()
+        return f"its token lasts another {duration(left)}" if left > 0 else "it has no token to serve"
+
+    def status(self, state_of_keeper: WalletState | None) -> WalletStatus:
+        """How the wallet stands; never raises, whatever the clock does.
+
+        Args:
+            state_of_keeper: "closed" or "not started", or None.
+        """
+        left = self.seconds_left()
+        return WalletStatus(
+            address=self.address,
+            state=state_of_keeper or self._state(left > 0),
+            expiry=self._copy.expiry if self._copy.token is not None else None,
+            seconds_left=left,
+            last_success=self.last_success,
+            last_failure=self._last_failure,
+            reason=self._reason,
+            failures=self.failures,
+            next_attempt=None if self.in_hand else self.due,
+        )
+
+    def _state(self, is_good: bool) -> WalletState:
+        if self.is_stopped:
+            return "stopped"
+        if not is_good:
+            return "logging in" if self.last_success is None else "expired"
+        if self.failures > 0:
+            return "retrying"
+        return "renewing" if self.in_hand else "good"
+
+    def _event(
+        self,
+        kind: EventKind,
+        level: int,
+        message: str,
+        *,
+        lasts: float | None = None,
+        reason: str | None = None,
+        era: int | None = None,
+        failures: int | None = None,
+    ) -> KeeperEvent:
+        return KeeperEvent(
+            kind=kind,
+            level=level,
+            message=message,
+            address=self.address,
+            at=self._clock.now(),
+            seconds_left=self.seconds_left(),
+            lasts=lasts,
+            reason=reason,
+            failures=self.failures if failures is None else failures,
+            next_attempt=self.due,
+            era=era,
+        )

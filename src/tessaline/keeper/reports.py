@@ -1,0 +1,96 @@
+"""What happens to a wallet, told to the log and to the program."""
+
+from __future__ import annotations
+
+import contextlib
+import logging
+from collections.abc import Callable, Iterable
+from typing import Final
+
+from .status import KeeperEvent
+
+logger: Final = logging.getLogger("tessaline.keeper")
+
+_LONGEST: Final = 500
+
+_FIELDS: Final = (
+    "kind",
+    "address",
+    "at",
+    "seconds_left",
+    "lasts",
+    "reason",
+    "failures",
+    "next_attempt",
+    "era",
+)
+
+
+class Reports:
+    """Where events go. Called without any lock, on the thread that made them happen.
+
+    Args:
+        on_event: The program's own; None for none.
+    """
+
+    def __init__(self, on_event: Callable[[KeeperEvent], object] | None) -> None:
+        self._on_event = on_event
+        self._has_failed = False
+        self._has_told_of_clock = False
+
+    def send(self, events: Iterable[KeeperEvent]) -> None:
+        for event in events:
+            # A filter or handler that raises is the program's to find; the keeper goes on.
+            with contextlib.suppress(Exception):
+                _log(event)
+            self._tell(event)
+
+    def clock_failed(self, failure: Exception) -> None:
+        if not self._has_told_of_clock:
+            self._has_told_of_clock = True
+            with contextlib.suppress(Exception):
+                logger.error("a manager's clock has failed; this is logged once: %s", detail_of(failure))
+
+    def _tell(self, event: KeeperEvent) -> None:
+        if self._on_event is None:
+            return
+        try:
+            self._on_event(event)
+        except (Exception, SystemExit):
+            if not self._has_failed:
+                self._has_failed = True
+                with contextlib.suppress(Exception):
+                    logger.exception("on_event has raised; this is logged once")
+
+
+def _log(event: KeeperEvent) -> None:
+    if not logger.isEnabledFor(event.level):
+        return
+    extra: dict[str, object] = {f"tessaline_{name}": getattr(event, name) for name in _FIELDS}
+    extra["tessaline_event"] = event
+    logger.log(event.level, "%s: %s", event.address, event.message, extra=extra)
+
+
+def words_of(error: BaseException) -> str:
+    """What an error says: an `AuthError` its reason. A server's words may be in it, and many."""
+    try:
+        words = str(error)
+    except Exception:
+        words = ""
+    return _plain(words)[:_LONGEST] or type(error).__name__
+
+
+def detail_of(error: BaseException) -> str:
+    """The same with its kind, and what its notes tell of the cause, for the log."""
+    notes = _plain("; ".join(map(str, getattr(error, "__notes__", ()))))
+    words = f"{type(error).__name__}: {words_of(error)}"
+    return f"{words} ({notes})"[:_LONGEST] if notes else words
+
+
+def _plain(text: str) -> str:
+    """On one line, whatever a server has put into it."""
+    return "".join(character if character.isprintable() else "?" for character in text)
+
+
+def duration(seconds: float) -> str:
+    return f"{seconds / 3600:.1f} h" if seconds >= 3600 else f"{seconds / 60:.0f} min"

@@ -1,0 +1,243 @@
+"""One wallet of a keeper, as a program uses it."""
+
+from __future__ import annotations
+
+import math
+import threading
+import time
+from collections.abc import Callable
+from typing import TYPE_CHECKING, final
+
+from tessaline._native import Serving, TokenCopy
+from tessaline.auth import AuthError, AuthManager
+from tessaline.errors import MANAGER_CLOSED, NOT_AUTHENTICATED
+
+from . import takeover
+from .ledger import Ledger
+from .schedule import REFUSALS_APART
+from .status import KeeperEvent, WalletState, WalletStatus
+
+if TYPE_CHECKING:
+    from .clocks import Clock
+    from .patience import Patience
+    from .scheduler import Scheduler
+    from .takeover import Credentials
+
+# Real seconds.
+REPORT_TIMEOUT = 10.0
+LONGEST_WAIT = 3600.0
+
+
+@final
+class Wallet(Serving):
+    """One wallet of a keeper: `keeper[address]`, and what a keeper of one wallet is itself.
+
+    All methods may be called from any thread, and in a forked child.
+    """
+
+    def __init__(self, manager: AuthManager, clock: Clock, scheduler: Scheduler, renew_at: float) -> None:
+        self.manager = manager
+        self.clock = clock
+        self._scheduler = scheduler
+        self._served = TokenCopy(clock.read, scheduler.board)
+        self._copy = self._served
+        address = manager.get_wallet_address()
+        self.ledger = Ledger(address, clock, self._served, scheduler.board, renew_at)
+        self._changed = threading.Condition(scheduler.lock)
+        self._patience: Patience | None = None
+        self._must_log_in = False
+        self._refused_at: float | None = None
+        self._is_reporting = False
+        self._is_resuming = False
+
+    @property
+    def address(self) -> str:
+        """The wallet's address: "0x" and 40 lowercase digits."""
+        return self.ledger.address
+
+    def __repr__(self) -> str:
+        return f"<Wallet {self.address}: {self.status().state}>"
+
+    def status(self) -> WalletStatus:
+        """Return how the wallet stands. Never raises; waits only for a lock that is held for moments."""
+        state: WalletState | None = None
+        with self._scheduler.lock:
+            if self._scheduler.is_closed:
+                state = "closed"
+            elif self._patience is None:
+                state = "not started"
+            return self.ledger.status(state)
+
+    def report_refused(self, token: str) -> bool:
+        """Tell that a server has answered 401 to this token.
+
+        If it is the current one, the wallet logs in again: once for all who report it, and at most once in
+        five minutes. The copy is served meanwhile. Waits for that login, at most 10 s of real time; in an
+        event loop, `tessaline.aio` waits elsewhere.
+
+        Args:
+            token: As it was sent, without "Bearer".
+
+        Returns:
+            Whether another token is current now, so that it is worth repeating the request.
+        """
+        with self._scheduler.lock:
+            if self._served.token == token and self._may_log_in_for_a_refusal():
+                self._refused_at = self.clock.now()
+                self._must_log_in = True
+                # A login that is under way will do.
+                if not self.ledger.in_hand:
+                    self.ledger.plan_now()
+                self._scheduler.wake()
+            if not self._scheduler.is_on_own_thread():
+                self._wait_until(
+                    lambda: not self._must_log_in or self.ledger.failures > 0 or self._served.token != token,
+                    REPORT_TIMEOUT,
+                )
+            return self._served.token not in (None, token)
+
+    def _may_log_in_for_a_refusal(self) -> bool:
+        # A wallet whose attempts fail is being tried anyway, and one that has stopped is not to be.
+        if self._patience is None or self._scheduler.is_closed or self._must_log_in:
+            return False
+        if self.ledger.is_stopped or self.ledger.failures > 0:
+            return False
+        return self._refused_at is None or abs(self.clock.now() - self._refused_at) >= REFUSALS_APART
+
+    def _wait_for_token(self, timeout: float | None) -> str:
+        """What `get_token()` does where no copy is good."""
+        if timeout is not None and math.isnan(timeout):
+            raise ValueError("timeout must be a number of seconds, or None")
+        if self._scheduler.is_on_own_thread():
+            # It would wait for itself.
+            timeout = 0.0
+        deadline = math.inf if timeout is None else time.monotonic() + timeout
+        with self._scheduler.lock:
+            # The machine may have slept, or another process announced an era.
+            self._scheduler.wake()
+            while (token := self._served.get()) is None:
+                self._raise_if_hopeless()
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    raise self.ledger.failure()
+                self._changed.wait(min(left, LONGEST_WAIT))
+            return token
+
+    def _raise_if_hopeless(self) -> None:
+        if self._scheduler.is_closed:
+            raise AuthError(reason=MANAGER_CLOSED)
+        if self._patience is None:
+            raise AuthError(reason=NOT_AUTHENTICATED)
+        if self.ledger.is_stopped:
+            raise self.ledger.failure()
+
+    def _wait_until(self, is_so: Callable[[], bool], timeout: float | None) -> None:
+        self._changed.wait_for(lambda: is_so() or self._scheduler.is_closed, timeout)
+
+    # What follows is the keeper's. Under the scheduler's lock, except `attempt`.
+
+    def begin(self) -> list[KeeperEvent]:
+        """Take the manager over, with the token that it may have; or try a wallet again that has stopped."""
+        if self._patience is not None:
+            if self.ledger.is_stopped:
+                self.ledger.plan_now()
+                self._is_resuming = True
+            return []
+        self._patience = takeover.take_over(self.manager)
+        held = takeover.credentials_of(self.manager)
+        if held is not None and self.clock.now() < held.expiry:
+            return self.ledger.store(held)
+        self.ledger.plan_now()
+        return []
+
+    def await_first_token(self) -> Exception | None:
+        """Wait for a token, or for the end; return what has stopped the wallet, or None."""
+        if self._scheduler.is_on_own_thread():
+            return None
+        self._wait_until(lambda: not self._is_reporting and self._is_settled(), None)
+        return self.ledger.failure() if self.ledger.is_stopped else None
+
+    def _is_settled(self) -> bool:
+        return self.ledger.is_stopped or (self._served.get() is not None and not self._is_resuming)
+
+    def shift(self, seconds: float) -> None:
+        """Keep the age of everything when the clock has been set."""
+        self.ledger.shift(seconds)
+        if self._refused_at is not None:
+            self._refused_at += seconds
+
+    def require_era(self, era: int) -> None:
+        """Drop a copy that is older, and have another one fetched."""
+        if self._served.token is not None and self._served.era >= era:
+            return
+        self._served.drop()
+        if self._patience is not None and not self.ledger.is_stopped:
+            self.ledger.plan_now()
+
+    def attempt(self) -> list[KeeperEvent]:
+        """Log in on the calling thread; return what there is to tell. Called without the lock."""
+        era = self._scheduler.board.era
+        try:
+            held = None if self._must_log_in else self._renewed_by_another(era)
+            brought = held or takeover.log_in(self.manager, era)
+            with self._scheduler.lock:
+                return self._settle_success(brought)
+        except Exception as error:
+            with self._scheduler.lock:
+                return self.settle_failure(error)
+        except BaseException as error:
+            with self._scheduler.lock:
+                self.settle_failure(RuntimeError(f"the login was ended by {type(error).__name__}"))
+            raise
+
+    def _settle_success(self, brought: Credentials) -> list[KeeperEvent]:
+        if self._scheduler.is_closed:
+            return []
+        # A clock that was set back during the login is noticed before what is counted by it is stored.
+        self._scheduler.look_at_clock(self.clock)
+        told = self.ledger.store(brought)
+        self._must_log_in = False
+        self._is_reporting = True
+        self._is_resuming = False
+        self.notify()
+        return told
+
+    def settle_failure(self, error: Exception) -> list[KeeperEvent]:
+        """Take in that an attempt has failed, or could not be made."""
+        if self._scheduler.is_closed:
+            return []
+        self._is_reporting = True
+        told = self.ledger.fail(error, self._patience.not_before if self._patience else None)
+        self.notify()
+        return told
+
+    def _renewed_by_another(self, era: int) -> Credentials | None:
+        """What somebody else has made the manager fetch, if that will do."""
+        held = takeover.credentials_of(self.manager)
+        if held is None or held.token == self._served.token or held.era < era:
+            return None
+        return held if self.ledger.is_young(held.expiry) else None
+
+    def try_again(self) -> None:
+        """Do not wait for the end of a back-off, unless the server has asked for it."""
+        if self._patience is not None and self._patience.not_before is None and self.ledger.met_an_outage:
+            self.ledger.plan_now()
+
+    def has_reported(self) -> None:
+        self._is_reporting = False
+        self.notify()
+
+    def notify(self) -> None:
+        self._changed.notify_all()
+
+    def close(self) -> None:
+        self.ledger.close()
+        self.notify()
+
+    def forget_what_ran(self, *, is_lock_new: bool) -> None:
+        """In a forked child, which has neither the threads that log in nor those that wait."""
+        if is_lock_new:
+            self._changed = threading.Condition(self._scheduler.lock)
+        self._is_reporting = False
+        if self._patience is not None:
+            self.ledger.forget_what_ran()

@@ -1,0 +1,70 @@
+"""No thread may be left, and nothing may be raised where nobody sees it."""
+
+from __future__ import annotations
+
+import sys
+import threading
+from collections.abc import Callable, Iterator
+from typing import Any
+
+import pytest
+
+import canary
+from tessaline.auth import AuthManager
+from tessaline.testing import KEY, URL, FakeService
+from tests.shared.threads import until
+
+from .support import LIBRARIES
+
+
+@pytest.fixture(params=LIBRARIES)
+def library(request: pytest.FixtureRequest) -> str:
+    return str(request.param)
+
+
+@pytest.fixture(autouse=True)
+def no_thread_left() -> Iterator[None]:
+    before = set(threading.enumerate())
+    yield
+    # Those of trio's cache and of a loop's default pool are theirs.
+    until(
+        lambda: (
+            not [
+                thread
+                for thread in set(threading.enumerate()) - before
+                if not thread.name.startswith(("Trio thread", "asyncio_"))
+            ]
+        ),
+        "the end of every thread",
+    )
+
+
+@pytest.fixture(autouse=True)
+def escaped(monkeypatch: pytest.MonkeyPatch) -> Iterator[list[Any]]:
+    """What threads raised to nobody; a test that expects some takes it out."""
+    seen: list[Any] = []
+    monkeypatch.setattr(threading, "excepthook", lambda given: seen.append(given.exc_value))
+    monkeypatch.setattr(sys, "unraisablehook", lambda given: seen.append(given.exc_value))
+    yield seen
+    assert seen == []
+
+
+@pytest.fixture
+def service() -> FakeService:
+    return FakeService()
+
+
+@pytest.fixture
+def make_manager(service: FakeService) -> Iterator[Callable[..., AuthManager]]:
+    """Managers that have logged in."""
+    made: list[AuthManager] = []
+
+    def make(kind: type[AuthManager] = AuthManager, **options: Any) -> AuthManager:
+        made.append(kind(KEY, URL, _transport=service, **options))
+        made[-1].authenticate()
+        canary.plant("token", made[-1].get_token())
+        return made[-1]
+
+    yield make
+    for manager in made:
+        manager.close()
