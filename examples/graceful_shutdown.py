@@ -1,11 +1,11 @@
-"""Ending well on SIGTERM and Ctrl-C: work in hand is finished, then the manager forgets its secrets.
+"""Ending well on SIGTERM and Ctrl-C: work in hand is finished, then the wallet's secrets are forgotten.
 
-    def work(manager: AuthManager, stopping: threading.Event) -> None:
+    def work(keeper: Keeper, stopping: threading.Event) -> None:
         while not stopping.is_set():
-            trade_with(manager.get_token())
+            trade_with(keeper.get_token())
 
-    manager = AuthManager(private_key, "https://service.example")
-    sys.exit(run_until_stopped(manager, work, threads=4, patience=20))
+    keeper = Keeper(AuthManager(private_key, "https://service.example"))
+    sys.exit(run_until_stopped(keeper, work, threads=4, patience=20))
 
 On the signal the threads are asked to stop and get `patience` seconds for what they are doing. Then
 `close()` wipes the key and wakes whoever still waits for a token or a login with
@@ -16,16 +16,14 @@ Nothing is done inside a signal handler: it would run on top of whatever the mai
 included. The signals arrive as bytes in a socket that the main thread reads. In asyncio,
 `loop.add_signal_handler()` does the same for you.
 
-As a program of its own it keeps one wallet logged in until it is stopped; the key is in
-TESSALINE_PRIVATE_KEY:
+As a program of its own it keeps one wallet logged in until it is stopped:
 
-    python graceful_shutdown.py https://service.example
+    WALLET_KEY=... python graceful_shutdown.py https://service.example
 """
 
 from __future__ import annotations
 
 import contextlib
-import os
 import signal
 import socket
 import sys
@@ -36,6 +34,8 @@ from collections.abc import Callable, Generator
 from types import FrameType
 
 from tessaline.auth import AuthManager
+from tessaline.keeper import Keeper
+from tessaline.keys import from_environment
 
 STOP_SIGNALS = (signal.SIGTERM, signal.SIGINT)
 # For the threads that close() has woken to put their things in order.
@@ -43,8 +43,8 @@ FAREWELL_SECONDS = 1.0
 
 
 def run_until_stopped(
-    manager: AuthManager,
-    work: Callable[[AuthManager, threading.Event], None],
+    keeper: Keeper,
+    work: Callable[[Keeper, threading.Event], None],
     *,
     threads: int = 1,
     patience: float = 10.0,
@@ -52,13 +52,13 @@ def run_until_stopped(
     """Log in and run `work` until a signal; to be called on the main thread.
 
     Args:
-        manager: Not logged in; closed at the end.
+        keeper: Not started; closed at the end.
         work: Called on every thread after the login; to return soon after the event is set.
         threads: How many of them.
         patience: Seconds that the threads get to finish once they have been asked to stop.
 
     Returns:
-        The exit status: 0 after a signal, 1 when the login failed or a thread ended by itself.
+        The exit status: 0 after a signal, 1 when the login failed for good or a thread ended by itself.
     """
     stopping = threading.Event()
     ended_early = threading.Event()
@@ -69,7 +69,7 @@ def run_until_stopped(
         try:
             call()
         except Exception:
-            # Once the manager may have been closed under it, a failure is nothing new.
+            # Once the keeper may have been closed under it, a failure is nothing new.
             if not stopping.is_set():
                 traceback.print_exc()
         finally:
@@ -78,23 +78,23 @@ def run_until_stopped(
                 sender.send(b"\0")
 
     def begin() -> None:
-        manager.authenticate()
+        keeper.start()
         for worker in workers[1:]:
             worker.start()
-        work(manager, stopping)
+        work(keeper, stopping)
 
     # Daemons, so that one which ignores all this cannot keep the program alive.
-    calls = [begin, *[lambda: work(manager, stopping)] * (threads - 1)]
+    calls = [begin, *[lambda: work(keeper, stopping)] * (threads - 1)]
     workers = [threading.Thread(target=watched, args=[call], daemon=True) for call in calls]
 
-    with receiver, sender, _signals_as_bytes(sender), manager:
+    with receiver, sender, _signals_as_bytes(sender), keeper:
         workers[0].start()
         # Other signals that the program handles are told of as well.
         while receiver.recv(1)[0] not in (0, *STOP_SIGNALS):
             pass
         stopping.set()
         _join(workers, patience)
-        manager.close()
+        keeper.close()
         _join(workers, FAREWELL_SECONDS)
     return 1 if ended_early.is_set() else 0
 
@@ -122,11 +122,11 @@ def _leave_it_to_the_socket(_number: int, _frame: FrameType | None) -> None:
     pass
 
 
-def _stay_logged_in(manager: AuthManager, stopping: threading.Event) -> None:
-    print(f"{manager.get_wallet_address()} has logged in", flush=True)
+def _stay_logged_in(keeper: Keeper, stopping: threading.Event) -> None:
+    print(f"{', '.join(keeper)} has logged in", flush=True)
     stopping.wait()
 
 
 if __name__ == "__main__":
-    wallet = AuthManager(os.environ.pop("TESSALINE_PRIVATE_KEY"), sys.argv[1])
-    sys.exit(run_until_stopped(wallet, _stay_logged_in))
+    wallet = AuthManager(from_environment("WALLET_KEY"), sys.argv[1])
+    sys.exit(run_until_stopped(Keeper(wallet), _stay_logged_in))

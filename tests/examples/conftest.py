@@ -1,66 +1,25 @@
-"""A development server, and a wallet that has logged in at it; nothing may be left behind."""
+"""What these tests share; those of programs and servers take a while."""
 
 from __future__ import annotations
 
-import secrets
-import threading
-from collections.abc import Callable, Iterator
-
 import pytest
 
-import canary
-from devserver.testing import DevServer
-from tessaline.auth import AuthManager
-from tests.shared.threads import until
+from tests.integrations.wallets import (
+    keeper,
+    manager,
+    new_wallet,
+    no_thread_left,
+    server,
+    server_process,
+)
+
+# Fixtures.
+__all__ = ["keeper", "manager", "new_wallet", "no_thread_left", "server", "server_process"]
 
 
 @pytest.hookimpl(tryfirst=True)  # before those who choose by the marks
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
     for item in items:
-        if "tests/examples" in item.path.as_posix():
+        if "tests/examples/" in item.path.as_posix():
             item.add_marker(pytest.mark.process)
             item.add_marker(pytest.mark.timeout(60))
-
-
-@pytest.fixture(scope="package")
-def server_process() -> Iterator[DevServer]:
-    with DevServer(gate=True) as server:
-        yield server
-        assert server.stderr == ""
-
-
-@pytest.fixture
-def server(server_process: DevServer) -> Iterator[DevServer]:
-    server_process.reset()
-    yield server_process
-    server_process.release()
-
-
-@pytest.fixture(autouse=True)
-def no_thread_left() -> Iterator[None]:
-    before = set(threading.enumerate())
-    yield
-    until(lambda: set(threading.enumerate()) <= before, "the end of every thread")
-
-
-@pytest.fixture
-def new_wallet(server: DevServer, no_thread_left: None) -> Iterator[Callable[[], AuthManager]]:
-    """Makes managers of new wallets that have not logged in, and closes them at the end."""
-    made: list[AuthManager] = []
-
-    def make() -> AuthManager:
-        made.append(AuthManager(secrets.token_hex(32), server.url))
-        return made[-1]
-
-    yield make
-    for manager in made:
-        manager.close()
-
-
-@pytest.fixture
-def manager(new_wallet: Callable[[], AuthManager]) -> AuthManager:
-    """A manager that has logged in."""
-    manager = new_wallet()
-    manager.authenticate()
-    canary.plant("token", manager.get_token())
-    return manager

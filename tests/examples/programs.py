@@ -17,8 +17,8 @@ SECONDS = patience(20.0)
 
 
 @contextlib.contextmanager
-def program(*arguments: str) -> Iterator[subprocess.Popen[str]]:
-    """A Python program; it is killed if it has not ended when the block is left."""
+def program(*arguments: str, **variables: str) -> Iterator[subprocess.Popen[str]]:
+    """A Python program with these environment variables; it is killed if it has not ended with the block."""
     search_path = os.pathsep.join([str(ROOT), *filter(None, [os.environ.get("PYTHONPATH")])])
     process = subprocess.Popen(
         [sys.executable, *arguments],
@@ -26,7 +26,7 @@ def program(*arguments: str) -> Iterator[subprocess.Popen[str]]:
         stdout=subprocess.PIPE,
         stderr=subprocess.PIPE,
         text=True,
-        env=os.environ | {"PYTHONPATH": search_path, "TESSALINE_PRIVATE_KEY": secrets.token_hex(32)},
+        env=os.environ | {"PYTHONPATH": search_path, "WALLET_KEY": secrets.token_hex(32)} | variables,
     )
     with process:
         try:

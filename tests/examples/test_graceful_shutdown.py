@@ -15,12 +15,15 @@ PRELUDE = """
 import os, sys
 from examples.graceful_shutdown import run_until_stopped
 from tessaline.auth import AuthError, AuthManager
+from tessaline.keeper import Keeper
+
+manager = AuthManager(os.environ.pop("WALLET_KEY"), sys.argv[1])
 
 def run(work, **options):
-    manager = AuthManager(os.environ.pop("TESSALINE_PRIVATE_KEY"), sys.argv[1])
-    status = run_until_stopped(manager, work, **options)
+    keeper = Keeper(manager)
+    status = run_until_stopped(keeper, work, **options)
     try:
-        manager.get_token()
+        keeper.get_token()
     except AuthError as error:
         print(error.reason, flush=True)
     sys.exit(status)
@@ -36,7 +39,7 @@ NAMES_ITSELF = written("""
     def tell(stopping):
         stopping.wait()
         print("asked to stop", flush=True)
-    def work(manager, stopping):
+    def work(keeper, stopping):
         threading.Thread(target=tell, args=[stopping], daemon=True).start()
         while not stopping.is_set():
             print(manager.set_display_name("Ada")["display_name"], flush=True)
@@ -45,10 +48,10 @@ NAMES_ITSELF = written("""
 
 WAITS_FOR_A_TOKEN = written("""
     from examples import graceful_shutdown
-    def work(manager, stopping):
-        manager.notify_era_change(2)
+    def work(keeper, stopping):
+        keeper.notify_era_change(2)
         try:
-            manager.get_token()
+            keeper.get_token(timeout=None)
         except AuthError as error:
             # In one piece, beside those of the other threads.
             os.write(1, f"woken {error.reason}\\n".encode())
@@ -57,7 +60,7 @@ WAITS_FOR_A_TOKEN = written("""
 """)
 
 FAILS = written("""
-    def work(manager, stopping):
+    def work(keeper, stopping):
         if not failing.is_set():
             failing.set()
             raise ValueError("a defect")

@@ -14,8 +14,8 @@ import pytest
 import trustme
 
 from devserver.testing import DevServer
-from examples.grpc_credentials import WalletCallCredentials
 from tessaline.auth import AuthManager
+from tessaline.integrations.grpc import WalletCallCredentials
 from tests.sanitized import SANITIZER, patience
 from tests.shared.threads import Worker, waiters
 

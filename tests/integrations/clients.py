@@ -11,10 +11,10 @@ import aiohttp
 import httpx
 import requests
 
-from examples.aiohttp_middleware import WalletMiddleware
-from examples.httpx_auth import WalletAuth as HttpxWalletAuth
-from examples.requests_auth import WalletAuth as RequestsWalletAuth
-from tessaline.auth import AuthManager
+from tessaline._ready import TokenSource
+from tessaline.integrations.aiohttp import WalletMiddleware
+from tessaline.integrations.httpx import WalletAuth as HttpxWalletAuth
+from tessaline.integrations.requests import WalletAuth as RequestsWalletAuth
 from tests.sanitized import patience
 
 SECONDS = patience(20.0)
@@ -24,7 +24,7 @@ SECONDS = patience(20.0)
 class Wanted:
     """A request with the hook for `server_url`; `once` sends the body so that it cannot be sent again."""
 
-    manager: AuthManager
+    tokens: TokenSource
     server_url: str
     url: str
     body: bytes = b'{"display_name": "Ada"}'
@@ -46,14 +46,14 @@ def by_requests(wanted: Wanted) -> tuple[int, bytes]:
     body: Any = pieces(wanted.body) if wanted.once else wanted.body
     with requests.Session() as session:
         session.trust_env = False
-        session.auth = RequestsWalletAuth(wanted.manager, wanted.server_url)
+        session.auth = RequestsWalletAuth(wanted.tokens, wanted.server_url)
         answer = session.post(wanted.url, data=body, headers=HEADERS, timeout=SECONDS)
         return answer.status_code, answer.content
 
 
 def by_httpx(wanted: Wanted) -> tuple[int, bytes]:
     body = pieces(wanted.body) if wanted.once else wanted.body
-    auth = HttpxWalletAuth(wanted.manager, wanted.server_url)
+    auth = HttpxWalletAuth(wanted.tokens, wanted.server_url)
     with httpx.Client(auth=auth, timeout=SECONDS, follow_redirects=True, trust_env=False) as client:
         answer = client.post(wanted.url, content=body, headers=HEADERS)
         return answer.status_code, answer.content
@@ -61,7 +61,7 @@ def by_httpx(wanted: Wanted) -> tuple[int, bytes]:
 
 async def by_async_httpx(wanted: Wanted) -> tuple[int, bytes]:
     body = async_pieces(wanted.body) if wanted.once else wanted.body
-    auth = HttpxWalletAuth(wanted.manager, wanted.server_url)
+    auth = HttpxWalletAuth(wanted.tokens, wanted.server_url)
     async with httpx.AsyncClient(
         auth=auth, timeout=SECONDS, follow_redirects=True, trust_env=False
     ) as client:
@@ -71,7 +71,7 @@ async def by_async_httpx(wanted: Wanted) -> tuple[int, bytes]:
 
 async def by_aiohttp(wanted: Wanted) -> tuple[int, bytes]:
     body = async_pieces(wanted.body) if wanted.once else wanted.body
-    middleware = WalletMiddleware(wanted.manager, wanted.server_url)
+    middleware = WalletMiddleware(wanted.tokens, wanted.server_url)
     timeout = aiohttp.ClientTimeout(total=SECONDS)
     async with (
         aiohttp.ClientSession(middlewares=[middleware], timeout=timeout) as session,

@@ -1,4 +1,4 @@
-"""The hooks of requests, httpx and aiohttp: who gets the token, what a 401 leads to, and who waits."""
+"""requests, httpx and aiohttp with a manager: who gets the token, what a 401 leads to, and who waits."""
 
 from __future__ import annotations
 
@@ -13,9 +13,9 @@ import pytest
 import requests
 
 from devserver.testing import DevServer
-from examples.requests_auth import WalletAuth
 from tessaline.auth import AuthError, AuthManager
-from tests.examples.clients import ASYNC_CLIENTS, CLIENTS, SECONDS, Wanted, by_async_httpx
+from tessaline.integrations.requests import WalletAuth
+from tests.integrations.clients import ASYNC_CLIENTS, CLIENTS, SECONDS, Wanted, by_async_httpx
 from tests.shared.threads import Worker
 
 NAME = "/api/profile/display_name"

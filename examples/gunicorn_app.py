@@ -1,0 +1,65 @@
+"""A WSGI application under gunicorn, whose workers share what they know of eras.
+
+    SERVICE_URL=https://service.example WALLET_KEY=... gunicorn --preload --workers 4 gunicorn_app:app
+
+With `--preload` this file is read once, before gunicorn forks its workers. So one login is enough for all to
+begin with, and the board of eras that is made here is the same for all: an era that one worker is told of is
+met by every other, whose keepers serve no older token from that moment on. Without it each worker reads the
+file for itself, and has a board that no other looks at.
+
+`GET /` tells which worker answers and of which era its token is, `POST /era/7` announces one (in your
+application, whatever tells it of eras), and `POST /name/Ada` calls the service.
+"""
+
+from __future__ import annotations
+
+import json
+import os
+from collections.abc import Iterable
+from http import HTTPStatus
+from typing import TYPE_CHECKING, Any
+
+import requests
+
+from tessaline.auth import AuthManager
+from tessaline.errors import LOGIN_ERRORS
+from tessaline.integrations.requests import WalletAuth
+from tessaline.keeper import EraBoard, Keeper
+from tessaline.keys import from_environment
+
+if TYPE_CHECKING:
+    from wsgiref.types import StartResponse, WSGIEnvironment
+
+URL = os.environ["SERVICE_URL"]
+
+board = EraBoard()
+keeper = Keeper(AuthManager(from_environment("WALLET_KEY"), URL), era_board=board)
+keeper.start(wait=False)
+auth = WalletAuth(keeper, URL)
+
+
+def app(environ: WSGIEnvironment, start_response: StartResponse) -> Iterable[bytes]:
+    try:
+        status, told = answer(environ["REQUEST_METHOD"], environ["PATH_INFO"])
+    except LOGIN_ERRORS as error:
+        status, told = HTTPStatus.SERVICE_UNAVAILABLE, {"error": str(error)}
+    body = json.dumps(told).encode()
+    headers = [("Content-Type", "application/json"), ("Content-Length", str(len(body)))]
+    start_response(f"{status.value} {status.phrase}", headers)
+    return [body]
+
+
+def answer(method: str, path: str) -> tuple[HTTPStatus, dict[str, Any]]:
+    match method, path.split("/")[1:]:
+        case "GET", [""]:
+            return HTTPStatus.OK, {"worker": os.getpid(), "era": board.era, "state": keeper.status().state}
+        case "POST", ["era", number] if number.isdecimal():
+            keeper.notify_era_change(int(number))
+            return HTTPStatus.OK, {"worker": os.getpid(), "era": board.era}
+        case "POST", ["name", name]:
+            reply = requests.post(
+                f"{URL}/api/profile/display_name", json={"display_name": name}, auth=auth, timeout=30
+            )
+            return HTTPStatus(reply.status_code), {"worker": os.getpid(), **reply.json()}
+        case _:
+            return HTTPStatus.NOT_FOUND, {}

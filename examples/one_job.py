@@ -1,0 +1,56 @@
+"""A script that does one thing, such as a cron job: it tries for so long and no longer.
+
+    WALLET_KEY=... python one_job.py https://service.example --within 60
+
+Exit status: 0 when it is done; 75 when it came to nothing in time, so that it is worth another run; 77 when
+the service refuses the wallet or the work.
+"""
+
+from __future__ import annotations
+
+import argparse
+import sys
+import time
+
+import requests
+
+from tessaline.auth import AuthManager
+from tessaline.errors import LOGIN_ERRORS, is_final
+from tessaline.integrations.requests import WalletAuth
+from tessaline.keeper import Keeper
+from tessaline.keys import from_environment
+
+DONE, LATER, REFUSED = 0, 75, 77
+
+
+def run(key: str, url: str, seconds: float) -> int:
+    """Log in and name the wallet, within so many seconds; the exit status."""
+    end = time.monotonic() + seconds
+    with Keeper(AuthManager(key, url)) as keeper:
+        keeper.start(wait=False)
+        try:
+            # Waits through an outage, and ends at once where no waiting helps.
+            keeper.get_token(timeout=seconds)
+            answer = requests.post(
+                f"{url}/api/profile/display_name",
+                json={"display_name": "Ada"},
+                auth=WalletAuth(keeper, url),
+                timeout=max(end - time.monotonic(), 1.0),
+            )
+        except LOGIN_ERRORS as error:
+            print(f"{url}: {error}", file=sys.stderr)
+            return REFUSED if is_final(error) else LATER
+    print(f"{url}: {answer.status_code}")
+    if answer.ok:
+        return DONE
+    return LATER if answer.status_code >= 500 else REFUSED
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser(
+        description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
+    )
+    parser.add_argument("server_url")
+    parser.add_argument("--within", type=float, default=60.0, metavar="SECONDS")
+    options = parser.parse_args()
+    sys.exit(run(from_environment("WALLET_KEY"), options.server_url, options.within))

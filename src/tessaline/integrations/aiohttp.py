@@ -1,0 +1,71 @@
+"""`aiohttp` (3.12 or later) with the wallet's bearer token on every request to one service.
+
+    from tessaline.integrations.aiohttp import WalletMiddleware
+
+    with Keeper(AuthManager(private_key, "https://service.example")) as keeper:
+        keeper.start(wait=False)
+        middleware = WalletMiddleware(keeper, "https://service.example")
+        async with aiohttp.ClientSession(middlewares=[middleware]) as session:
+            await session.get("https://service.example/api/orders")
+
+Every request asks for the token, which costs little and always gives the right one. Other servers never see
+it: requests to them, redirects included, pass through untouched.
+
+A request waits where the source of tokens waits. All requests of an event loop wait together on one thread
+(`tessaline.aio`), so the loop never stands still; the wait counts for aiohttp's `total` time-out, and a
+request that is cancelled stops waiting at once. Where there is no token to give, the source's error leaves
+`session.get()` as it is, and nothing has been sent.
+
+An answer of 401 means that the service refuses a token which was held good, most often because a new era has
+begun whose announcement is still on its way. A keeper is told, and logs in again where that may help; the
+request is repeated once if there is another token then. Else the 401 is yours. A body that can be sent only
+once, such as a generator, is not repeated.
+"""
+
+from __future__ import annotations
+
+from aiohttp import ClientHandlerType, ClientRequest, ClientResponse
+from aiohttp.hdrs import AUTHORIZATION
+from yarl import URL
+
+from tessaline.aio import AsyncTokens
+from tessaline.integrations._tokens import TokenSource, other_token_of
+
+
+class WalletMiddleware:
+    """A client middleware, of a session or of one request.
+
+    Args:
+        tokens: A `Keeper` of one wallet, a wallet of a fleet, an `AuthManager`, or what else has
+            `get_token()`. Or an `AsyncTokens` that you share and close.
+        server_url: The service; only its origin counts.
+
+    One serves any number of sessions and event loops.
+    """
+
+    def __init__(self, tokens: TokenSource | AsyncTokens, server_url: str) -> None:
+        self._tokens = tokens if isinstance(tokens, AsyncTokens) else AsyncTokens(tokens)
+        self._origin = URL(server_url).origin()
+
+    async def __call__(self, request: ClientRequest, handler: ClientHandlerType) -> ClientResponse:
+        # aiohttp comes here for every hop of a redirect.
+        if request.url.origin() != self._origin:
+            return await handler(request)
+        token = await self._tokens.get_token()
+        request.headers[AUTHORIZATION] = f"Bearer {token}"
+        response = await handler(request)
+        if response.status != 401:
+            return response
+        try:
+            held = await other_token_of(self._tokens, token)
+        except BaseException:
+            response.close()
+            raise
+        if held is None or (request.body and request.body.consumed):
+            return response
+        response.release()
+        request.headers[AUTHORIZATION] = f"Bearer {held}"
+        return await handler(request)
+
+
+__all__ = ["WalletMiddleware"]

@@ -1,0 +1,160 @@
+"""gRPC with the wallet's bearer token on every call.
+
+    from tessaline.integrations.grpc import WalletCallCredentials, WalletInterceptor
+
+    with Keeper(AuthManager(private_key, "https://service.example")) as keeper:
+        keeper.start()
+        with WalletCallCredentials(keeper) as wallet:
+            credentials = wallet.composed_with(grpc.ssl_channel_credentials())
+            with grpc.secure_channel("service.example:443", credentials) as channel:
+                stub = OrdersStub(grpc.intercept_channel(channel, WalletInterceptor(wallet)))
+                stub.List(request, timeout=30)
+
+Every call asks for the token, which costs next to nothing and always gives the right one. gRPC sends it to
+the channel's server only, and refuses to send it over a channel without encryption
+(`grpc.local_channel_credentials` counts as safe).
+
+The source of tokens is asked on a thread of its own: where it waits the calls wait, each no longer than its
+`timeout`, but gRPC's threads do not. Where there is no token to give, the call fails with a `grpc.RpcError`
+whose `details()` name the reason, and nothing has been sent.
+
+A status of UNAUTHENTICATED means that the service refuses a token which was held good, most often because a
+new era has begun whose announcement is still on its way. Credentials do not learn of it: that is what the two
+interceptors are for. They tell a keeper, which logs in again where that may help, and repeat a call of one
+request and one answer once if there is another token then. Streams are left alone: make the call anew.
+"""
+
+from __future__ import annotations
+
+from collections.abc import Awaitable, Callable
+from concurrent.futures import ThreadPoolExecutor
+from types import TracebackType
+from typing import TYPE_CHECKING, Self
+
+import grpc
+import grpc.aio
+
+from tessaline.aio import AsyncTokens
+from tessaline.integrations._tokens import TokenSource, other_token, other_token_of
+
+if TYPE_CHECKING:
+    from grpc import _CallFuture  # pyright: ignore[reportPrivateUsage]
+
+
+class WalletCallCredentials(grpc.AuthMetadataPlugin):
+    """What gRPC asks for credentials; a context manager, to be left after its channels.
+
+    Args:
+        tokens: A `Keeper` of one wallet, a wallet of a fleet, an `AuthManager`, or what else has
+            `get_token()`.
+
+    One serves any number of channels, of `grpc` and of `grpc.aio`.
+    """
+
+    def __init__(self, tokens: TokenSource) -> None:
+        self._tokens = tokens
+        self._latest: str | None = None
+        # One thread is enough: when the source makes one caller wait, it makes all wait.
+        self._asker = ThreadPoolExecutor(1, thread_name_prefix="wallet-token")
+
+    @property
+    def tokens(self) -> TokenSource:
+        """Where the tokens come from."""
+        return self._tokens
+
+    @property
+    def latest(self) -> str | None:
+        """The token that the latest call was given; None before the first."""
+        return self._latest
+
+    def composed_with(self, channel: grpc.ChannelCredentials) -> grpc.ChannelCredentials:
+        """The channel's own credentials and the wallet's, for `secure_channel` of `grpc` and `grpc.aio`."""
+        return grpc.composite_channel_credentials(channel, grpc.metadata_call_credentials(self))
+
+    def __call__(self, context: grpc.AuthMetadataContext, callback: grpc.AuthMetadataPluginCallback) -> None:
+        self._asker.submit(self._answer, callback)
+
+    def _answer(self, callback: grpc.AuthMetadataPluginCallback) -> None:
+        try:
+            token = self._tokens.get_token()
+        # Whatever it is, the call must end: without an answer it would wait for ever.
+        except Exception as error:
+            callback((), error)
+        else:
+            self._latest = token
+            callback((("authorization", f"Bearer {token}"),), None)
+
+    def close(self) -> None:
+        """Let the thread go, once the calls that wait have a token or, from a closed source, an error."""
+        self._asker.shutdown()
+
+    def __enter__(self) -> Self:
+        return self
+
+    def __exit__(
+        self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
+    ) -> None:
+        self.close()
+
+
+class WalletInterceptor(grpc.UnaryUnaryClientInterceptor):
+    """Repeats a refused call of one request and one answer, for `grpc.intercept_channel`.
+
+    Args:
+        wallet: The credentials of the channel.
+
+    The repetition has the call's `timeout` anew. What `.future()` starts is not waited for: unless it has
+    ended by then it is neither repeated nor told to the source. Which token a call carried only gRPC knows:
+    the one that is told is the latest that was given out.
+    """
+
+    def __init__(self, wallet: WalletCallCredentials) -> None:
+        self._wallet = wallet
+
+    def intercept_unary_unary[Asked, Answer](
+        self,
+        continuation: Callable[[grpc.ClientCallDetails, Asked], _CallFuture[Answer]],
+        client_call_details: grpc.ClientCallDetails,
+        request: Asked,
+    ) -> _CallFuture[Answer]:
+        call = continuation(client_call_details, request)
+        sent = self._wallet.latest
+        if not call.done() or call.code() is not grpc.StatusCode.UNAUTHENTICATED or sent is None:
+            return call
+        if other_token(self._wallet.tokens, sent) is None:
+            return call
+        return continuation(client_call_details, request)
+
+
+class WalletAioInterceptor(grpc.aio.UnaryUnaryClientInterceptor):
+    """The same for `grpc.aio`: `grpc.aio.secure_channel(..., interceptors=[WalletAioInterceptor(wallet)])`.
+
+    Args:
+        wallet: The credentials of the channel.
+
+    The event loop does not stand still while the source finds out whether another token comes of it.
+    """
+
+    def __init__(self, wallet: WalletCallCredentials) -> None:
+        self._wallet = wallet
+        self._tokens = AsyncTokens(wallet.tokens)
+
+    async def intercept_unary_unary[Asked, Answer](
+        self,
+        continuation: Callable[
+            [grpc.aio.ClientCallDetails, Asked], Awaitable[grpc.aio.UnaryUnaryCall[Asked, Answer]]
+        ],
+        client_call_details: grpc.aio.ClientCallDetails,
+        request: Asked,
+    ) -> grpc.aio.UnaryUnaryCall[Asked, Answer]:
+        call = await continuation(client_call_details, request)
+        code = await call.code()
+        sent = self._wallet.latest
+        if code is not grpc.StatusCode.UNAUTHENTICATED or sent is None:
+            return call
+        if await other_token_of(self._tokens, sent) is None:
+            return call
+        return await continuation(client_call_details, request)
+
+
+__all__ = ["WalletAioInterceptor", "WalletCallCredentials", "WalletInterceptor"]

@@ -1,0 +1,93 @@
+"""`httpx`, sync and async, with the wallet's bearer token on every request to one service.
+
+    from tessaline.integrations.httpx import WalletAuth
+
+    with Keeper(AuthManager(private_key, "https://service.example")) as keeper:
+        keeper.start()  # it waits: in a coroutine, start(wait=False)
+        auth = WalletAuth(keeper, "https://service.example")
+        with httpx.Client(auth=auth) as client: ...
+        async with httpx.AsyncClient(auth=auth) as client: ...
+
+Every request asks for the token, which costs next to nothing and always gives the right one. Other servers
+never see it: requests to them go out as if there were no `auth`.
+
+A request waits where the source of tokens waits; that is not part of httpx's own time-outs. The requests of
+an `AsyncClient` wait together on one thread (`tessaline.aio`), so the event loop never stands still, and a
+request that is cancelled stops waiting at once. Where there is no token to give, the source's error leaves
+`client.get()` as it is, and nothing has been sent.
+
+An answer of 401 means that the service refuses a token which was held good, most often because a new era has
+begun whose announcement is still on its way. A keeper is told, and logs in again where that may help; the
+request is repeated once if there is another token then. Else the 401 is yours. A body that can be sent only
+once, such as a generator, is not repeated.
+"""
+
+from __future__ import annotations
+
+from collections.abc import AsyncGenerator, Generator
+
+import httpx
+
+from tessaline.aio import AsyncTokens
+from tessaline.integrations._tokens import TokenSource, other_token, other_token_of
+
+
+class WalletAuth(httpx.Auth):
+    """What `httpx` asks for credentials, of a client or of one request.
+
+    Args:
+        tokens: A `Keeper` of one wallet, a wallet of a fleet, an `AuthManager`, or what else has
+            `get_token()`. Or an `AsyncTokens` that you share and close; it serves an `AsyncClient` only.
+        server_url: The service; only its origin counts.
+
+    One serves any number of clients, threads and event loops.
+    """
+
+    def __init__(self, tokens: TokenSource | AsyncTokens, server_url: str) -> None:
+        self._source = None if isinstance(tokens, AsyncTokens) else tokens
+        self._tokens = tokens if isinstance(tokens, AsyncTokens) else AsyncTokens(tokens)
+        self._origin = _origin(httpx.URL(server_url))
+
+    def sync_auth_flow(self, request: httpx.Request) -> Generator[httpx.Request, httpx.Response]:
+        if _origin(request.url) != self._origin:
+            yield request
+            return
+        if self._source is None:
+            raise TypeError("an AsyncTokens serves httpx.AsyncClient only: give WalletAuth what is behind it")
+        token = self._source.get_token()
+        response = yield _with_token(request, token)
+        if self._is_refusal(response):
+            held = other_token(self._source, token)
+            if held is not None and _may_be_repeated(request):
+                yield _with_token(request, held)
+
+    async def async_auth_flow(self, request: httpx.Request) -> AsyncGenerator[httpx.Request, httpx.Response]:
+        if _origin(request.url) != self._origin:
+            yield request
+            return
+        token = await self._tokens.get_token()
+        response = yield _with_token(request, token)
+        if self._is_refusal(response):
+            held = await other_token_of(self._tokens, token)
+            if held is not None and _may_be_repeated(request):
+                yield _with_token(request, held)
+
+    def _is_refusal(self, response: httpx.Response) -> bool:
+        # The answer may have come from elsewhere, after a redirect.
+        return response.status_code == 401 and _origin(response.url) == self._origin
+
+
+def _with_token(request: httpx.Request, token: str) -> httpx.Request:
+    request.headers["Authorization"] = f"Bearer {token}"
+    return request
+
+
+def _may_be_repeated(request: httpx.Request) -> bool:
+    return isinstance(request.stream, httpx.ByteStream)
+
+
+def _origin(url: httpx.URL) -> tuple[str, str, int | None]:
+    return url.scheme, url.host, url.port
+
+
+__all__ = ["WalletAuth"]

@@ -1,0 +1,33 @@
+"""Parts for the tests of programs that use a wallet: no network, no waiting, and a day passes in a moment.
+
+    from tessaline.auth import AuthManager
+    from tessaline.testing import HOUR, KEY, URL, FakeClock, FakeService, claims_of
+
+    clock, service = FakeClock(), FakeService()
+    with AuthManager(KEY, URL, clock=clock, _transport=service) as manager:
+        manager.authenticate()
+        clock.advance(21 * HOUR)
+        assert claims_of(manager.get_token())["login"] == 2
+
+For pytest there are fixtures of them (`tessaline.testing.fixtures`), which no test sees unless asked for: by
+`tessaline_fixtures = true` among pytest's ini options, by `-p tessaline.testing.fixtures` on its command
+line, or by `pytest_plugins = ["tessaline.testing.fixtures"]` in the top `conftest.py`.
+
+Importing this package imports neither pytest nor `tessaline.auth`.
+"""
+
+from typing import Final
+
+from tessaline.testing._clock import FakeClock
+from tessaline.testing._service import FakeService, claims_of
+
+KEY: Final = f"{1:064x}"
+"""A private key for tests. Everybody knows it: nothing of worth may ever belong to its wallet."""
+
+URL: Final = "https://service.example"
+"""A server URL for tests; nobody can be there."""
+
+HOUR: Final = 3600.0
+"""Seconds of an hour."""
+
+__all__ = ["HOUR", "KEY", "URL", "FakeClock", "FakeService", "claims_of"]

@@ -1,0 +1,1 @@
+"""Tokens on the requests of requests, httpx, aiohttp and gRPC."""

@@ -1,0 +1,160 @@
+"""What an answer of 401 leads to where the source of tokens wants to know of it."""
+
+from __future__ import annotations
+
+import asyncio
+import json
+from collections.abc import Callable
+from typing import Any
+
+import httpx
+import pytest
+
+from devserver.testing import DevServer
+from tessaline.aio import AsyncTokens
+from tessaline.integrations.httpx import WalletAuth
+from tessaline.keeper import Keeper
+from tests.integrations.clients import ASYNC_CLIENTS, CLIENTS, Wanted
+from tests.integrations.sources import Moving, Source
+from tests.shared.threads import Worker
+
+NAME = "/api/profile/display_name"
+URL = "https://service.example"
+
+Client = Callable[[Wanted], tuple[int, bytes]]
+
+
+@pytest.fixture(params=CLIENTS)
+def client(request: pytest.FixtureRequest) -> Client:
+    return CLIENTS[request.param]
+
+
+def counts(server: DevServer) -> tuple[int, int]:
+    """How many requests with a token the service has seen, and how many logins."""
+    counted = server.state()["counts"]
+    return counted.get("display_name", 0), counted["verify"]
+
+
+def test_a_refused_token_is_replaced_and_the_request_repeated(
+    server: DevServer, keeper: Keeper, client: Client
+) -> None:
+    server.settings(era=2)
+    status, body = client(Wanted(keeper, server.url, server.url + NAME))
+    assert (status, json.loads(body)["display_name"]) == (200, "Ada")
+    assert counts(server) == (2, 2)
+
+
+def test_requests_that_are_refused_together_cause_one_login(
+    server: DevServer, keeper: Keeper, client: Client
+) -> None:
+    server.settings(era=2)
+    asking = [Worker(client, Wanted(keeper, server.url, server.url + NAME)) for _ in range(10)]
+    assert {one.result()[0] for one in asking} == {200}
+    assert counts(server)[1] == 2
+
+
+def test_a_service_that_refuses_everybody_gets_one_login_and_no_more(
+    server: DevServer, keeper: Keeper, client: Client
+) -> None:
+    server.faults("display_name", [{"kind": "status", "status": 401, "times": None}])
+    wanted = Wanted(keeper, server.url, server.url + NAME)
+    assert [client(wanted)[0] for _ in range(3)] == [401] * 3
+    # The first request alone was repeated: no other token came of those after it.
+    assert counts(server) == (4, 2)
+
+
+def test_a_body_that_is_gone_is_not_sent_again_but_the_next_request_profits(
+    server: DevServer, keeper: Keeper, client: Client
+) -> None:
+    server.settings(era=2)
+    assert client(Wanted(keeper, server.url, server.url + NAME, once=True))[0] == 401
+    assert counts(server) == (1, 2)
+    assert client(Wanted(keeper, server.url, server.url + NAME))[0] == 200
+    assert counts(server) == (2, 2)
+
+
+def test_a_source_that_has_no_other_token_leaves_the_answer_as_it_is(
+    server: DevServer, client: Client
+) -> None:
+    source = Source("unknown")
+    assert client(Wanted(source, server.url, server.url + NAME))[0] == 401
+    assert source.reported == ["unknown"]
+    assert server.state()["counts"]["display_name"] == 1
+
+
+def test_a_source_that_listens_to_nobody_is_asked_again(server: DevServer, client: Client) -> None:
+    source = Moving()
+    assert client(Wanted(source, server.url, server.url + NAME))[0] == 401
+    assert source.given == 2
+    assert server.state()["counts"]["display_name"] == 2
+
+
+def test_what_the_source_raises_comes_out(server: DevServer, client: Client) -> None:
+    class Broken(Source):
+        def report_refused(self, token: str) -> bool:
+            raise LookupError("a defect of the source")
+
+    with pytest.raises(LookupError, match="a defect of the source"):
+        client(Wanted(Broken("unknown"), server.url, server.url + NAME))
+
+
+def test_an_answer_from_elsewhere_is_no_refusal(server: DevServer, client: Client) -> None:
+    server.faults("/moved", [{"kind": "redirect", "status": 307, "location": f"{server.gate_url}{NAME}"}])
+    source = Source("unknown", "other")
+    assert client(Wanted(source, server.url, server.url + "/moved"))[0] == 401
+    assert source.reported == []
+
+
+@pytest.mark.parametrize("name", ASYNC_CLIENTS)
+def test_the_event_loop_goes_on_while_another_token_is_fetched(
+    server: DevServer, keeper: Keeper, name: str
+) -> None:
+    server.settings(era=2)
+    server.faults("challenge", [{"kind": "hold"}])
+
+    async def run() -> int:
+        asking = asyncio.create_task(ASYNC_CLIENTS[name](Wanted(keeper, server.url, server.url + NAME)))
+        await asyncio.to_thread(server.wait_for, "challenge", 2)
+        # The old token is served while the new one is on its way.
+        assert keeper.get_token()
+        assert not asking.done()
+        server.release()
+        return (await asking)[0]
+
+    assert asyncio.run(run()) == 200
+
+
+def served(refused: set[str], seen: list[str]) -> Callable[[httpx.Request], httpx.Response]:
+    def answer(request: httpx.Request) -> httpx.Response:
+        token = request.headers["Authorization"].removeprefix("Bearer ")
+        seen.append(token)
+        return httpx.Response(401 if token in refused else 200)
+
+    return answer
+
+
+def test_async_tokens_of_the_callers_own_will_do() -> None:
+    source, seen = Source("first", "second"), list[str]()
+
+    async def run() -> int:
+        transport = httpx.MockTransport(served({"first"}, seen))
+        async with (
+            AsyncTokens(source) as tokens,
+            httpx.AsyncClient(transport=transport, auth=WalletAuth(tokens, URL)) as client,
+        ):
+            return (await client.get(URL)).status_code
+
+    assert asyncio.run(run()) == 200
+    assert (seen, source.reported) == (["first", "second"], ["first"])
+
+
+def test_a_sync_client_says_that_it_cannot_await_them() -> None:
+    seen: list[Any] = []
+    auth = WalletAuth(AsyncTokens(Source("first")), URL)
+    transport = httpx.MockTransport(served(set(), seen))
+    with (
+        httpx.Client(transport=transport, auth=auth) as client,
+        pytest.raises(TypeError, match=r"AsyncTokens serves httpx\.AsyncClient only"),
+    ):
+        client.get(URL)
+    assert seen == []
