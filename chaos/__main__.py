@@ -1,4 +1,4 @@
-"""`python -m chaos`: flows in some processes and lives in one; the last line has the figures."""
+"""`python -m chaos`: flows in some processes, lives and a keeper in one each; the last line has figures."""
 
 from __future__ import annotations
 
@@ -20,6 +20,8 @@ DAYS = 1_000
 FLOW_PROCESSES = 2
 FLOW_SECONDS = 60.0
 LIFE_SECONDS = 120.0
+KEEPER_DAYS = 100
+KEEPER_SECONDS = 300.0
 _FIGURES = "FIGURES "
 
 
@@ -34,6 +36,8 @@ def _arguments() -> argparse.Namespace:
     add("--processes", type=int, default=FLOW_PROCESSES, metavar="N", help="processes of flows (%(default)s)")
     add("--flow", metavar="SEED:NUMBER", help="play this flow alone")
     add("--life", metavar="SEED:NUMBER", help="live this life alone")
+    add("--keeper-days", type=int, default=KEEPER_DAYS, metavar="N", help="days of a keeper (%(default)s)")
+    add("--keeper", metavar="SEED", help="live these days of a keeper alone")
     add("--part", help=argparse.SUPPRESS)
     return parser.parse_args()
 
@@ -45,6 +49,10 @@ def main() -> int:
         return _play([given.flow])
     if given.life is not None:
         return _live([given.life], given.days)
+    if given.keeper is not None:
+        return _keep(given.keeper, given.keeper_days)
+    if given.part == "keeper":
+        return _keep(str(given.seed), given.keeper_days)
     if given.part == "lives":
         return _live([f"{given.seed}:{number}" for number in range(given.managers)], given.days)
     if given.part is not None:
@@ -71,10 +79,19 @@ def _live(seeds: list[str], days: int) -> int:
     return int(figures.violations > 0)
 
 
+def _keep(seed: str, days: int) -> int:
+    from .run_keeper import run
+
+    figures = run(seed, days, Watchdog(KEEPER_SECONDS))
+    print(_FIGURES + json.dumps(asdict(figures)), flush=True)
+    return int(figures.violations > 0)
+
+
 def _run_all(given: argparse.Namespace) -> int:
     began = time.monotonic()
     parts = [str(number) for number in range(given.processes)] if given.flows else []
     parts += ["lives"] if given.managers and given.days else []
+    parts += ["keeper"] if given.keeper_days else []
     command = [sys.executable, "-m", "chaos", *sys.argv[1:], "--part"]
     children = [(part, subprocess.Popen([*command, part], stdout=subprocess.PIPE)) for part in parts]
     total: Counter[str] = Counter()

@@ -82,5 +82,5 @@ def test_a_wheel_that_was_not_repaired_is_refused(tmp_path: Path, capsys: pytest
         "libtessaline_http.so needs libcurl.so.4",
         "libtessaline_http.so has no debug file",
         "is tagged for another platform",
-        "holds 2 libraries of its own and 0 others",
+        "holds 3 libraries of its own and 0 others",
     }

@@ -15,7 +15,11 @@ from . import elf
 from .outside import OUTSIDE
 
 TAG = re.compile(r"-cp313-cp313-manylinux_2_[0-9]+_(x86_64|aarch64)\.whl")
-EXPORTS = {"auth.": "PyInit_auth", "libtessaline_http.": "tessaline_http_perform"}
+EXPORTS = {
+    "_native.": "PyInit__native",
+    "auth.": "PyInit_auth",
+    "libtessaline_http.": "tessaline_http_perform",
+}
 GRAFTED = "tessaline.libs"
 
 
