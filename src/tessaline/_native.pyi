@@ -1,9 +1,13 @@
 """The native parts of the modules beside `tessaline.auth`; private to the package."""
 
+import threading
 from collections.abc import Callable, Mapping
 from typing import final
 
 from typing_extensions import disjoint_base
+
+def set_event(event: threading.Event, /) -> None:
+    """Set a `threading.Event` in one step: a signal handler that touches it cannot run inside."""
 
 @final
 class EraBoard:
@@ -24,7 +28,7 @@ class EraBoard:
         """Raise the board to this era, for every process that shares it; a lower one changes nothing.
 
         Raises:
-            ValueError: The number is not positive.
+            ValueError: The number is not positive, or is as large as no era can be.
         """
 
 @final

@@ -17,6 +17,8 @@ from tessaline._ready import TokenSource, glance_for
 from tessaline._waiter import Waiter
 from tessaline.auth import AuthError
 
+__all__ = ["AsyncTokens"]
+
 
 class AsyncTokens:
     """The tokens of a source, for any number of tasks.

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import importlib
 import re
 import xml.etree.ElementTree as ElementTree
 from pathlib import Path
@@ -75,6 +76,16 @@ def test_the_reference_has_every_public_name_and_no_other() -> None:
     stub = (DOCS.parent / "src/tessaline/auth.pyi").read_text()
     for_annotations = set(re.findall(r"^@type_check_only\nclass ([A-Z]\w+)", stub, re.MULTILINE))
     assert shown == public | for_annotations
+
+
+@pytest.mark.parametrize("module", ["aio", "errors", "http", "keeper", "keys", "testing"])
+def test_the_reference_of_the_other_modules_has_all_that_they_export(module: str) -> None:
+    text = (DOCS / "modules.md").read_text()
+    _, shown, rest = text.partition(f"\n::: tessaline.{module}\n")
+    members = re.findall(r"^        - (\w+)$", rest.partition("\n## ")[0], re.MULTILINE)
+    assert shown
+    # Where no list is given, all that is exported is shown.
+    assert members == [] or set(members) == set(importlib.import_module(f"tessaline.{module}").__all__)
 
 
 def test_files_of_the_project_are_included_without_the_links_that_lead_out() -> None:

@@ -145,7 +145,7 @@ class Keeper(Serving):
             new_era_number: Lowest era, from 1, that tokens must carry.
 
         Raises:
-            ValueError: The number is not positive.
+            ValueError: The number is not positive, or is as large as no era can be.
             TypeError: It is no whole number.
             AuthError: "manager_closed".
         """

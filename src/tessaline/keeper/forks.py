@@ -14,19 +14,13 @@ if TYPE_CHECKING:
 _watched: weakref.WeakSet[Scheduler] = weakref.WeakSet()
 # By the thread that forks: several may at once.
 _held: dict[int, list[Scheduler]] = {}
-_is_registered = False
-
 # Real seconds that a fork waits for a step to end; a clock that is read in it may be slow.
 _PATIENCE = 1.0
 
 
 def watch(scheduler: Scheduler) -> None:
     """Have the scheduler survive forks for as long as it lives."""
-    global _is_registered
     _watched.add(scheduler)
-    if not _is_registered:
-        _is_registered = True
-        os.register_at_fork(before=_before, after_in_parent=_in_parent, after_in_child=_in_child)
 
 
 def _before() -> None:
@@ -49,3 +43,7 @@ def _in_child() -> None:
         # What keeps one from going on, such as a lack of threads, keeps no other.
         with contextlib.suppress(Exception):
             scheduler.after_fork_in_child(is_lock_held=scheduler in held)
+
+
+# At import: hooks that are registered later, and may wait for threads that ask a keeper, run before.
+os.register_at_fork(before=_before, after_in_parent=_in_parent, after_in_child=_in_child)

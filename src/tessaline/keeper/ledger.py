@@ -82,7 +82,7 @@ class Ledger:
         now = self._clock.now()
         kind: EventKind = "logged in" if self.last_success is None else "renewed"
         failures, self.failures = self.failures, 0
-        self._copy.put(*brought)
+        self._copy.put(brought.token, brought.expiry, brought.era)
         self.in_hand = self.is_stopped = False
         self.last_success = brought.expiry - auth._TOKEN_LIFETIME
         self._error = self._traceback = None

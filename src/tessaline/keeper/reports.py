@@ -45,6 +45,10 @@ class Reports:
                 _log(event)
             self._tell(event)
 
+    def step_failed(self, failure: BaseException) -> None:
+        with contextlib.suppress(BaseException):
+            logger.error("a step of the keeper has failed; it goes on: %s", detail_of(failure))
+
     def clock_failed(self, failure: Exception) -> None:
         if not self._has_told_of_clock:
             self._has_told_of_clock = True

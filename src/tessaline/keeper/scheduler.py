@@ -5,6 +5,7 @@ from __future__ import annotations
 import contextlib
 import itertools
 import threading
+import time
 from collections import deque
 from collections.abc import Iterator
 from typing import TYPE_CHECKING
@@ -25,6 +26,7 @@ _LOOK = 30.0
 _LOOK_AT_INJECTED_CLOCK = 0.05
 _LOOK_AT_SHARED_BOARD = 1.0
 _JOIN = 1.0
+_PAUSE_AFTER_FAILURE = 1.0
 
 
 class Scheduler:
@@ -85,9 +87,10 @@ class Scheduler:
         era = self.board.era
         if era <= self._era_seen:
             return
-        self._era_seen = era
         for wallet in self._all():
             wallet.require_era(era)
+        # Not before: who is interrupted above leaves the rest to the next look.
+        self._era_seen = era
         self.wake()
 
     def look_at_clock(self, clock: Clock) -> None:
@@ -123,6 +126,15 @@ class Scheduler:
                 thread.join(_JOIN / len(threads))
 
     def _run(self) -> None:
+        while True:
+            try:
+                return self._look()
+            except BaseException as error:
+                # Whatever it is: wallets that nobody looks after would be worse.
+                self._reports.step_failed(error)
+                time.sleep(_PAUSE_AFTER_FAILURE)
+
+    def _look(self) -> None:
         while True:
             events: list[KeeperEvent] = []
             with self.lock:

@@ -7,31 +7,44 @@ clock jumps or a machine wakes up.
 
 from __future__ import annotations
 
+import time
 from collections.abc import Callable
-from typing import NamedTuple
+from dataclasses import dataclass, field
+from typing import Final
 
 from tessaline import auth
+from tessaline._native import set_event
 from tessaline.auth import AuthError, AuthManager
 from tessaline.errors import ERA_MISMATCH, NOT_AUTHENTICATED
 
 from .patience import Patience
 
+# Real seconds; three requests of three attempts, half a minute each, and their pauses.
+_LONGEST_LOGIN: Final = 300.0
+_LOOK: Final = 0.05
 
-class Credentials(NamedTuple):
+
+@dataclass(frozen=True, slots=True)
+class Credentials:
     """What a login has brought."""
 
-    token: str
+    token: str = field(repr=False)
     expiry: float
     era: int
 
 
 def take_over(manager: AuthManager) -> Patience:
-    """Leave the manager no renewal of its own, and put the keeper's transport around its transport."""
+    """Leave the manager no renewal of its own, and put the keeper's transport around its transport.
+
+    May be interrupted anywhere by what a signal handler raises, and done again.
+    """
     vars(manager)["_start_refresh"] = _renewed_by_the_keeper
-    manager._refresh_stop.set()
-    manager._refresh_event.set()
-    patience = Patience(manager._transport, clock_of(manager))
-    manager._transport = patience
+    set_event(manager._refresh_stop)
+    set_event(manager._refresh_event)
+    patience = manager._transport
+    if not isinstance(patience, Patience):
+        patience = Patience(patience, clock_of(manager))
+        manager._transport = patience
     return patience
 
 
@@ -52,12 +65,15 @@ def server_of(manager: AuthManager) -> str:
 
 
 def credentials_of(manager: AuthManager) -> Credentials | None:
-    """What the manager holds, good or not; None for nothing. Waits for nothing but its lock."""
-    # In a forked child the lock may be one that nobody will release, until a public method has been called.
-    manager.get_wallet_address()
-    with manager._lock:
-        token, expiry = manager._token, manager._token_expiry
-    if token is None or expiry is None:
+    """What the manager holds, good or not; None for nothing. Takes no lock and waits for nothing.
+
+    A signal handler that closes the manager would wait for a lock that is held here. Of a login that is being
+    stored meanwhile this gives either all or what was there before: the token is stored first, and one that
+    lasts longer than told does no harm.
+    """
+    expiry = manager._token_expiry
+    token = manager._token
+    if token is None or expiry is None or manager._token_expiry != expiry:
         return None
     return Credentials(token, expiry, _era_of(token))
 
@@ -80,7 +96,7 @@ def log_in(manager: AuthManager, era: int) -> Credentials:
         AuthError: "era_mismatch" for a token of an older era, "manager_closed"; and as `authenticate()` does.
     """
     if _tell(manager, era):
-        manager.get_token()
+        _await_login(manager)
     else:
         manager.authenticate()
     held = credentials_of(manager)
@@ -89,6 +105,21 @@ def log_in(manager: AuthManager, era: int) -> Credentials:
     if held.era < era:
         raise AuthError(reason=ERA_MISMATCH)
     return held
+
+
+def _await_login(manager: AuthManager) -> None:
+    """Wait for the login that an announcement has begun."""
+    try:
+        manager.get_token()
+        return
+    except RuntimeError:
+        # Green threads share the thread by which a manager knows who logs in.
+        pass
+    deadline = time.monotonic() + _LONGEST_LOGIN
+    while (event := manager._auth_event) is not None and not event.is_set() and time.monotonic() < deadline:
+        time.sleep(_LOOK)
+    if manager._auth_error is not None:
+        raise manager._auth_error
 
 
 def _tell(manager: AuthManager, era: int) -> bool:

@@ -143,12 +143,16 @@ class Wallet(Serving):
                 self.ledger.plan_now()
                 self._is_resuming = True
             return []
-        self._patience = takeover.take_over(self.manager)
+        patience = takeover.take_over(self.manager)
         held = takeover.credentials_of(self.manager)
+        told: list[KeeperEvent] = []
         if held is not None and self.clock.now() < held.expiry:
-            return self.ledger.store(held)
-        self.ledger.plan_now()
-        return []
+            told = self.ledger.store(held)
+        else:
+            self.ledger.plan_now()
+        # Last: who is interrupted above begins again.
+        self._patience = patience
+        return told
 
     def await_first_token(self) -> Exception | None:
         """Wait for a token, or for the end; return what has stopped the wallet, or None."""

@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 
 #include <atomic>
+#include <limits>
 #include <utility>
 
 #include "tessaline/auth/python/python.hpp"
@@ -54,15 +55,17 @@ PyObject* era(PyObject* self, void*) {
   return PyLong_FromLongLong(board_of(self).era());
 }
 
-[[noreturn]] void raise_not_positive(PyObject* number) {
-  PyErr_Format(PyExc_ValueError, "era_number must be > 0, got %U", python::text_of(number).get());
+[[noreturn]] void raise_number(const char* form, PyObject* number) {
+  PyErr_Format(PyExc_ValueError, form, python::text_of(number).get());
   throw python::Error::fetch();
 }
 
 PyObject* announce(PyObject* self, PyObject* number) {
   return python::boundary([&] {
     const std::int64_t era = era_of(number);
-    if (era <= 0) raise_not_positive(number);
+    if (era <= 0) raise_number("era_number must be > 0, got %U", number);
+    if (era == std::numeric_limits<std::int64_t>::max())
+      raise_number("era_number must be < 2**63 - 1, got %U", number);
     board_of(self).announce(era);
     return Ref::none();
   });
@@ -73,7 +76,7 @@ PyMethodDef methods[] = {
      "announce($self, era, /)\n--\n\n"
      "Raise the board to this era, for every process that shares it; a lower one changes nothing.\n\n"
      "Raises:\n"
-     "    ValueError: The number is not positive."},
+     "    ValueError: The number is not positive, or is as large as no era can be."},
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -14,12 +14,28 @@ namespace python = auth::python;
 
 constinit const python::Name kAuth{"tessaline.auth"};
 
+PyObject* set_event(PyObject*, PyObject* event) {
+  return python::boundary([event] {
+    python::set_event(event);
+    return python::Ref::none();
+  });
+}
+
+PyMethodDef functions[] = {
+    {"set_event", set_event, METH_O,
+     "set_event($module, event, /)\n--\n\n"
+     "Set a `threading.Event` in one step: a signal handler that touches it cannot run inside."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
 int execute(PyObject* module) {
   return python::status_boundary([module] {
     // Its import refuses a second interpreter, whose types these would be as well; and names of the host are
     // looked up there.
     python::keep_module(python::import(kAuth).get());
+    python::know_host_events();
     know_wall_clock();
+    python::checked(PyModule_AddFunctions(module, functions));
     add_era_board_type(module);
     add_token_copy_type(module);
     add_serving_type(module);

@@ -34,16 +34,20 @@ PyObject* own_clear = nullptr;
 PyObject* own_wait = nullptr;
 PyObject* new_lock = nullptr;
 
-/// The event's own method of that name; nothing where it is the host's.
+/// The event's own method of that name; nothing where it is the host's. What another library had put in the
+/// host's place before our import (gevent: a type of its own, in C) is not looked into either.
 Ref foreign_method(PyObject* event, const Name& name, PyObject* own_function) {
   Ref method;
   std::optional<Error> failure = caught([&] { method = attribute(event, name); });
+  const bool is_known = PyFunction_Check(own_function);
   if (!failure) {
-    const bool own = PyMethod_Check(method.get()) && PyMethod_GET_FUNCTION(method.get()) == own_function;
+    const bool own =
+        is_known && PyMethod_Check(method.get()) && PyMethod_GET_FUNCTION(method.get()) == own_function;
     return own ? Ref() : std::move(method);
   }
   // A bound method needs memory; what is done without one does not.
-  if (failure->matches(PyExc_MemoryError) && Py_IS_TYPE(event, reinterpret_cast<PyTypeObject*>(own_type))) {
+  if (is_known && failure->matches(PyExc_MemoryError) &&
+      Py_IS_TYPE(event, reinterpret_cast<PyTypeObject*>(own_type))) {
     return {};
   }
   throw std::move(*failure);
