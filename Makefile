@@ -63,7 +63,7 @@ model: build ## search a model of the manager's threads exhaustively, and its mu
 ctime: build ## whether any branch or address depends on key bytes (valgrind; about 30 s)
 	@tools/ctime
 
-chaos: build ## 10,000 logins and renewals with faults, 1,000 managers for 1,000 simulated days (15 min; 55 on a busy machine)
+chaos: build ## 10,000 logins and renewals with faults, 1,000 managers for 1,000 simulated days, a keeper for 100 (15 min; 55 on a busy machine)
 	@tools/chaos $(ARGS)
 
 sanitize: build ## every test under ASan, UBSan and TSan (about 30 min; ARGS="thread tests/contract" about 4 min)

@@ -244,7 +244,7 @@ def test_a_hang_is_ended_with_its_name_and_every_stack() -> None:
 
 @pytest.mark.process
 def test_the_command_plays_flows_and_lives_and_ends_with_its_figures() -> None:
-    ended = project.run("tools/chaos", "--flows", "4", "--managers", "2", "--days", "2")
+    ended = project.run("tools/chaos", "--flows", "4", "--managers", "2", "--days", "2", "--keeper-days", "1")
     assert ended.returncode == 0, ended.stdout + ended.stderr
     last = ended.stdout.splitlines()[-1]
     assert re.search(r": 4 flows, \d+ requests, 4 simulated days, 0 hangs, 0 violations$", last), last

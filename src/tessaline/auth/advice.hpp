@@ -20,7 +20,7 @@ inline constexpr std::string_view kKeyRange =
     "a private key is a number above 0 and below the order of the curve secp256k1";
 inline constexpr std::string_view kKeyText = "pass the key as text: key.hex() makes it from 32 bytes";
 inline constexpr std::string_view kKeyLineEnd =
-    "the text of the key ends in a line end: strip it, as tessaline.keys does";
+    "too long by as much as a line end that was read with it: strip the text, as tessaline.keys does";
 inline constexpr std::string_view kUrlForm =
     "write the address with scheme and host, as in https://service.example";
 inline constexpr std::string_view kDisplayNameType = "a display name is a str, and None resets it";

@@ -27,11 +27,11 @@ PyObject* own_validator = nullptr;
   python::raise(error_types().invalid_key, message.c_str(), note);
 }
 
-/// What a file leaves behind a key. Asked of refused texts only, so that no branch depends on a key.
-std::string_view line_end_note(PyObject* text) {
-  const Py_ssize_t length = PyUnicode_GET_LENGTH(text);
-  const Py_UCS4 last = length == 0 ? 0 : PyUnicode_READ_CHAR(text, length - 1);
-  return last == '\n' || last == '\r' ? advice::kKeyLineEnd : std::string_view();
+/// What a file leaves behind a key, "\n" or "\r\n", told by the length alone: nothing looks at key text to
+/// say it.
+std::string_view line_end_note(std::size_t hex_digits) {
+  const std::size_t more = hex_digits - wallet::kKeyHexDigits;
+  return more == 1 || more == 2 ? advice::kKeyLineEnd : std::string_view();
 }
 
 /// The host's parser would quote the whole text, which is the key; this error takes its place as the context.
@@ -40,18 +40,18 @@ python::Error parse_error(std::size_t position) {
   return python::Error::fetch();
 }
 
-[[noreturn]] void refuse_key(const wallet::KeyRefusal& refusal, std::string_view note = {}) {
+[[noreturn]] void refuse_key(const wallet::KeyRefusal& refusal) {
   switch (refusal.fault) {
     case wallet::KeyFault::kEmpty:
       raise_invalid_key("Private key must not be empty");
     case wallet::KeyFault::kWrongLength:
       raise_invalid_key("Private key must be 32 bytes (64 hex chars), got " +
                             std::to_string(refusal.hex_digits) + " hex chars",
-                        note);
+                        line_end_note(refusal.hex_digits));
     case wallet::KeyFault::kNotHex: {
       const python::Error cause = parse_error(refusal.position);
       const python::Handling handling(cause);
-      raise_invalid_key("Private key contains non-hex characters", note);
+      raise_invalid_key("Private key contains non-hex characters");
     }
     case wallet::KeyFault::kNotScalar:
       break;
@@ -70,9 +70,7 @@ wallet::WalletKey read_private_key(PyObject* private_key) {
   auto parsed =
       wallet::WalletKey::parse({PyUnicode_DATA(private_key), static_cast<int>(PyUnicode_KIND(private_key)),
                                 static_cast<std::size_t>(PyUnicode_GET_LENGTH(private_key))});
-  if (const auto* refusal = std::get_if<wallet::KeyRefusal>(&parsed)) {
-    refuse_key(*refusal, line_end_note(private_key));
-  }
+  if (const auto* refusal = std::get_if<wallet::KeyRefusal>(&parsed)) refuse_key(*refusal);
   return std::get<wallet::WalletKey>(std::move(parsed));
 }
 

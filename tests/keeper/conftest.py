@@ -1,0 +1,121 @@
+"""Every keeper is closed and every thread gone at the end of each test."""
+
+from __future__ import annotations
+
+import sys
+import threading
+from collections.abc import Callable, Iterator
+from typing import Any
+
+import pytest
+
+from tessaline import auth
+from tessaline.keeper import Keeper
+from tests.contract.support.clocks import HandClock
+from tests.contract.support.threads import ThreadCensus
+from tests.shared.threads import Worker
+
+from .support.driving import Heard
+from .support.looks import Sleepless, quick_looks
+from .support.service import Service
+from .support.wallets import fleet, manager
+
+
+@pytest.fixture(scope="package", autouse=True)
+def hanging_report() -> Iterator[tuple[Worker, Any, str]]:
+    """A report of a refused token to a server that does not answer: the report, the keeper, the token.
+
+    It takes its time, so it is begun before all tests and looked at by one of the last.
+    """
+    clock = HandClock()
+    service = Service(clock)
+    with Keeper(manager(service, clock)) as keeper:
+        keeper.start()
+        clock.now += 600.0
+        refused = keeper.get_token()
+        gate = service.hold(patience=600.0)
+        report = Worker(keeper.report_refused, refused)
+        gate.reached()
+        yield report, keeper, refused
+        service.let_go()
+        report.finish()
+
+
+@pytest.fixture(autouse=True)
+def census() -> Iterator[ThreadCensus]:
+    """The threads that a test brings into being; none may be left."""
+    taken = ThreadCensus()
+    yield taken
+    taken.settle(0, "threads left behind", timeout=5.0)
+
+
+@pytest.fixture(autouse=True)
+def nothing_escapes(census: ThreadCensus, monkeypatch: pytest.MonkeyPatch) -> Iterator[None]:
+    """Background threads raise to nobody, and nothing is written off as unraisable."""
+    escaped: list[Any] = []
+    monkeypatch.setattr(threading, "excepthook", lambda seen: escaped.append(seen.exc_value))
+    monkeypatch.setattr(sys, "unraisablehook", lambda seen: escaped.append(seen.exc_value))
+    yield
+    assert escaped == []
+
+
+@pytest.fixture(autouse=True)
+def short_pauses(monkeypatch: pytest.MonkeyPatch) -> None:
+    """A manager's own pauses between two requests end at once; the keeper's do not pass through here."""
+    monkeypatch.setattr(auth, "_time", Sleepless())
+
+
+@pytest.fixture(autouse=True)
+def quickly() -> Iterator[None]:
+    with quick_looks():
+        yield
+
+
+@pytest.fixture
+def clock() -> HandClock:
+    return HandClock()
+
+
+@pytest.fixture
+def service(clock: HandClock) -> Iterator[Service]:
+    played = Service(clock)
+    yield played
+    played.let_go()
+
+
+@pytest.fixture
+def heard() -> Heard:
+    return Heard()
+
+
+@pytest.fixture
+def make_keeper(
+    nothing_escapes: None, census: ThreadCensus, service: Service, clock: HandClock, heard: Heard
+) -> Iterator[Callable[..., Any]]:
+    """A keeper of `count` wallets that tells `heard`."""
+    made: list[Any] = []
+
+    def make(count: int = 1, *, managers: Any = None, **options: Any) -> Any:
+        options.setdefault("on_event", heard)
+        made.append(Keeper(managers or fleet(service, clock, count), **options))
+        return made[-1]
+
+    yield make
+    service.let_go()
+    clock.error = None
+    for keeper in made:
+        keeper.close()
+
+
+@pytest.fixture
+def keeper(make_keeper: Callable[..., Any]) -> Any:
+    """A keeper of one wallet, started: it serves that wallet's first token."""
+    made = make_keeper()
+    made.start()
+    return made
+
+
+@pytest.fixture
+def address(keeper: Any) -> str:
+    (only,) = keeper
+    return str(only)

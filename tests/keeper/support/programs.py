@@ -1,0 +1,49 @@
+"""Programs that use a keeper: what they have in common, and how they are run."""
+
+from __future__ import annotations
+
+import os
+import subprocess
+import sys
+import textwrap
+import time
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+
+from tests.sanitized import patience
+
+ROOT = Path(__file__).resolve().parents[3]
+DEADLINE = patience(30.0)
+AT_ONCE = 4
+
+PRELUDE = "from tests.keeper.support.in_program import *\n"
+
+
+def run(program: str, *, prelude: str = PRELUDE, code: int = 0, runs: int = 1) -> None:
+    """Run it; it must end with `code`, without a word, and soon after it has printed the time of its end."""
+    command = [sys.executable, "-X", "faulthandler", "-c", prelude + textwrap.dedent(program)]
+    with ThreadPoolExecutor(AT_ONCE) as pool:
+        problems = [one for one in pool.map(lambda _: _once(command, code), range(runs)) if one]
+    assert not problems, f"{len(problems)} of {runs} runs:\n" + "\n".join(problems)
+
+
+def _once(command: list[str], code: int) -> str | None:
+    environment = os.environ | {"PYTHONPATH": os.pathsep.join([str(ROOT), str(ROOT / "tests")])}
+    try:
+        done = subprocess.run(
+            command,
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            cwd=ROOT,
+            env=environment,
+            timeout=DEADLINE,
+            text=True,
+        )
+    except subprocess.TimeoutExpired as expired:
+        return f"still running after {DEADLINE} s: {expired.output!r}, {expired.stderr!r}"
+    ended = time.monotonic()
+    if done.returncode != code or done.stderr:
+        return f"exit code {done.returncode}, stderr {done.stderr}"
+    if done.stdout and ended - float(done.stdout.split()[-1]) > patience(3.0):
+        return f"took {ended - float(done.stdout.split()[-1]):.2f} s to end"
+    return None
