@@ -1,5 +1,8 @@
 """The exporters of the page, ten lines each, on a stepped clock."""
 
+# What a `with` that may swallow errors leaves unset, and what a reader has before it has read.
+# pyright: reportPossiblyUnboundVariable=false, reportOptionalMemberAccess=false
+
 from __future__ import annotations
 
 from collections.abc import Iterator

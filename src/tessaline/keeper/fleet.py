@@ -75,7 +75,7 @@ class Keeper(Serving):
         if len(self._wallets) == 1:
             self._copy = next(iter(self._wallets.values()))._copy
 
-    def _add(self, manager: AuthManager, renew_at: float) -> None:
+    def _add(self, manager: object, renew_at: float) -> None:
         if not isinstance(manager, AuthManager):
             raise TypeError(f"a keeper holds AuthManagers, not {type(manager).__name__}")
         read = takeover.clock_of(manager)
@@ -129,7 +129,7 @@ class Keeper(Serving):
     def _wait_for_token(self, timeout: float | None) -> str:
         if len(self._wallets) > 1:
             raise ValueError("this keeper has several wallets: keeper[address].get_token()")
-        return self._only()._wait_for_token(timeout)
+        return self._only().get_token(timeout)
 
     def _only(self) -> Wallet:
         return next(iter(self._wallets.values()))
@@ -231,7 +231,7 @@ def _with_note(error: Exception, note: str) -> Exception:
     return error
 
 
-def _check(at_once: int, renew_at: float, on_event: object) -> None:
+def _check(at_once: object, renew_at: float, on_event: object) -> None:
     if not isinstance(at_once, int):
         raise TypeError(f"at_once must be an int, not {type(at_once).__name__}")
     if at_once < 1:

@@ -6,12 +6,11 @@ import logging
 from types import TracebackType
 from typing import TYPE_CHECKING
 
-from tessaline import auth
 from tessaline._twins import twin_of
 from tessaline.auth import AuthError, NetworkError, RegistrationError
 from tessaline.errors import ERA_CHANGE_PENDING, NOT_AUTHENTICATED, TOKEN_EXPIRED, is_final
 
-from . import schedule
+from . import schedule, takeover
 from .reports import detail_of, duration, words_of
 from .status import EventKind, KeeperEvent, WalletState, WalletStatus
 
@@ -84,7 +83,7 @@ class Ledger:
         failures, self.failures = self.failures, 0
         self._copy.put(brought.token, brought.expiry, brought.era)
         self.in_hand = self.is_stopped = False
-        self.last_success = brought.expiry - auth._TOKEN_LIFETIME
+        self.last_success = brought.expiry - takeover.token_lifetime()
         self._error = self._traceback = None
         self._alarm = 0
         self.is_wanted_soon = self._again or brought.era < self._board.era
@@ -185,7 +184,7 @@ class Ledger:
         self.due = self._error = self._traceback = None
 
     def _renewal_of(self, expiry: float) -> float:
-        lifetime = auth._TOKEN_LIFETIME
+        lifetime = takeover.token_lifetime()
         return expiry - lifetime + schedule.renewal_delay(lifetime, self._renew_at)
 
     def is_young(self, expiry: float) -> bool:

@@ -115,7 +115,7 @@ def summary(wallets: Mapping[str, WalletStatus]) -> KeeperStatus:
     each = list(wallets.values())
     failed = max(each, key=lambda one: float("-inf") if one.last_failure is None else one.last_failure)
     return KeeperStatus(
-        state=min((one.state for one in each), key=STATES.index),
+        state=STATES[min(STATES.index(one.state) for one in each)],
         expiry=_earliest(one.expiry for one in each),
         seconds_left=min(one.seconds_left for one in each),
         last_success=_earliest(one.last_success for one in each),

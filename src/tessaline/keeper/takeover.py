@@ -5,6 +5,9 @@ keeper's: the managers of a fleet would otherwise all log in by themselves, on a
 clock jumps or a machine wakes up.
 """
 
+# pyright: reportPrivateUsage=false
+# What it is here for.
+
 from __future__ import annotations
 
 import time
@@ -58,6 +61,11 @@ def clock_of(manager: AuthManager) -> Callable[[], float]:
 
 def has_wall_clock(manager: AuthManager) -> bool:
     return not manager._uses_injected_clock
+
+
+def token_lifetime() -> float:
+    """For how long a manager takes a token to be good, in seconds from its storage."""
+    return auth._TOKEN_LIFETIME
 
 
 def server_of(manager: AuthManager) -> str:
