@@ -22,6 +22,17 @@ class TokenSource(Protocol):
     def get_token(self) -> str: ...
 
 
+def of_one_wallet[Source: TokenSource](source: Source) -> Source:
+    """The source, unless it is a keeper of several wallets, which has no token of its own.
+
+    Raises:
+        ValueError: It is one.
+    """
+    if isinstance(source, Serving) and source._copy is None:
+        raise ValueError("this keeper has several wallets: give keeper[address]")
+    return source
+
+
 def ready_token(source: TokenSource) -> str | None:
     """The token that `source.get_token()` would give at once.
 

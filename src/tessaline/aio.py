@@ -13,7 +13,7 @@ from functools import partial
 from types import TracebackType
 from typing import Self, cast
 
-from tessaline._ready import TokenSource, glance_for
+from tessaline._ready import TokenSource, glance_for, of_one_wallet
 from tessaline._waiter import Waiter
 from tessaline.auth import AuthError
 
@@ -42,7 +42,7 @@ class AsyncTokens:
         if not callable(getattr(source, "get_token", None)):
             raise TypeError(f"the source must have get_token(), and {type(source).__name__} has none")
         self._source = source
-        self._glance = glance_for(source)
+        self._glance = glance_for(of_one_wallet(source))
         self._closed = False
         self._waiter = Waiter()
 

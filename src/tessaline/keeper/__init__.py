@@ -14,7 +14,7 @@ takes. Importing it starts nothing.
 
 from tessaline._native import EraBoard as EraBoard
 
-from .fleet import Keeper as Keeper
+from .keeper import Keeper as Keeper
 from .status import KeeperEvent as KeeperEvent
 from .status import KeeperStatus as KeeperStatus
 from .status import WalletState as WalletState

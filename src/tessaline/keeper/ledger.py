@@ -76,8 +76,13 @@ class Ledger:
         self._again = False
         return True
 
-    def store(self, brought: Credentials) -> list[KeeperEvent]:
-        """Take in what a login has brought."""
+    def store(self, brought: Credentials, *, was_refused: bool = False) -> list[KeeperEvent]:
+        """Take in what a login has brought.
+
+        Args:
+            brought: The new token.
+            was_refused: Whether a server has refused the one before.
+        """
         now = self._clock.now()
         kind: EventKind = "logged in" if self.last_success is None else "renewed"
         failures, self.failures = self.failures, 0
@@ -94,6 +99,8 @@ class Ledger:
             kind = "era met"
         lasts = brought.expiry - now
         message = f"{kind}{'' if era is None else f', {era}'}; the token lasts {duration(lasts)}"
+        if was_refused:
+            message += "; a server had refused the one before"
         if failures > 0:
             message += f"; failed attempts before: {failures}"
         return [self._event(kind, logging.INFO, message, lasts=lasts, era=era, failures=failures)]
@@ -139,7 +146,8 @@ class Ledger:
             return []
         left = self.seconds_left()
         alarm = self._alarm_at(left)
-        if alarm <= self._alarm:
+        is_hiccup = self._copy.token is None and 0 < self.failures < schedule.FAILURES_TO_TELL
+        if alarm <= self._alarm or is_hiccup:
             return []
         self._alarm = alarm
         what = "no token is left to serve" if alarm == 2 else f"less than an hour is left: {duration(left)}"

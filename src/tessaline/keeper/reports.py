@@ -75,6 +75,13 @@ def _log(event: KeeperEvent) -> None:
     logger.log(event.level, "%s: %s", event.address, event.message, extra=extra)
 
 
+def with_note(error: Exception, note: str) -> Exception:
+    """The error, which tells what may help; once, however often it is raised."""
+    if note not in getattr(error, "__notes__", ()):
+        error.add_note(note)
+    return error
+
+
 def words_of(error: BaseException) -> str:
     """What an error says: an `AuthError` its reason. A server's words may be in it, and many."""
     try:

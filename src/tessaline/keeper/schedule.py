@@ -14,6 +14,9 @@ RECOVERIES_APART: Final = 60.0
 """Who succeeds after failures tells of the end of an outage, in so many seconds once."""
 
 RUNNING_OUT: Final = 3600.0
+FAILURES_TO_TELL: Final = 3
+"""So many failures in a row are no hiccup: before, that there is no token yet is no news."""
+
 HANGING: Final = 600.0
 """After so long a login that has not ended is as good as one that failed."""
 

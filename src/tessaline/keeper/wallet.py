@@ -14,6 +14,7 @@ from tessaline.errors import MANAGER_CLOSED, NOT_AUTHENTICATED
 
 from . import takeover
 from .ledger import Ledger
+from .reports import with_note
 from .schedule import REFUSALS_APART
 from .status import KeeperEvent, WalletState, WalletStatus
 
@@ -25,7 +26,8 @@ if TYPE_CHECKING:
 
 # Real seconds.
 REPORT_TIMEOUT = 10.0
-LONGEST_WAIT = 3600.0
+# A signal handler may close the keeper between a look and the wait that follows, on the same thread.
+LONGEST_WAIT = 1.0
 
 
 @final
@@ -125,14 +127,16 @@ class Wallet(Serving):
 
     def _raise_if_hopeless(self) -> None:
         if self._scheduler.is_closed:
-            raise AuthError(reason=MANAGER_CLOSED)
+            raise with_note(AuthError(reason=MANAGER_CLOSED), "the keeper is closed: make a new one")
         if self._patience is None:
-            raise AuthError(reason=NOT_AUTHENTICATED)
+            raise with_note(AuthError(reason=NOT_AUTHENTICATED), "call start() of the keeper first")
         if self.ledger.is_stopped:
             raise self.ledger.failure()
 
     def _wait_until(self, is_so: Callable[[], bool], timeout: float | None) -> None:
-        self._changed.wait_for(lambda: is_so() or self._scheduler.is_closed, timeout)
+        deadline = math.inf if timeout is None else time.monotonic() + timeout
+        while not (is_so() or self._scheduler.is_closed) and (left := deadline - time.monotonic()) > 0:
+            self._changed.wait(min(left, LONGEST_WAIT))
 
     # What follows is the keeper's. Under the scheduler's lock, except `attempt`.
 
@@ -199,7 +203,7 @@ class Wallet(Serving):
             return []
         # A clock that was set back during the login is noticed before what is counted by it is stored.
         self._scheduler.look_at_clock(self.clock)
-        told = self.ledger.store(brought)
+        told = self.ledger.store(brought, was_refused=self._must_log_in)
         self._must_log_in = False
         self._is_reporting = True
         self._is_resuming = False

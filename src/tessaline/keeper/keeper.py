@@ -14,7 +14,7 @@ from tessaline.errors import MANAGER_CLOSED
 
 from . import takeover
 from .clocks import Clock
-from .reports import Reports
+from .reports import Reports, with_note
 from .scheduler import Scheduler
 from .status import KeeperEvent, KeeperStatus, summary
 from .wallet import Wallet
@@ -30,8 +30,8 @@ class Keeper(Serving):
     in. Leaving it as a context manager closes it.
 
     Args:
-        managers: One manager, or several of different wallets; theirs is the keeper's to renew and close from
-            `start()` on. If one of an iterable cannot be made, those before it are closed.
+        managers: One manager, or several of different wallets. From `start()` on the keeper renews them, and
+            `close()` closes them. If one of an iterable cannot be made, those before it are closed.
         at_once: How many wallets may log in at the same time.
         renew_at: The part of a token's lifetime after which it is renewed, between 0 and 1.
         on_event: Called with each `KeeperEvent`, outside every lock, on the thread that made it happen,
@@ -105,7 +105,7 @@ class Keeper(Serving):
         """
         with self._scheduler.lock:
             if self._scheduler.is_closed:
-                raise AuthError(reason=MANAGER_CLOSED)
+                raise with_note(AuthError(reason=MANAGER_CLOSED), "the keeper is closed: make a new one")
             events = [event for wallet in self._wallets.values() for event in wallet.begin()]
             self._scheduler.start()
         self._reports.send(events)
@@ -120,7 +120,7 @@ class Keeper(Serving):
             if self._scheduler.is_closed:
                 raise AuthError(reason=MANAGER_CLOSED)
             if failure is not None:
-                failures.append(_with_note(failure, f"It has stopped the wallet {wallet.address}."))
+                failures.append(with_note(failure, f"It has stopped the wallet {wallet.address}."))
         if len(failures) > 1:
             raise ExceptionGroup(f"{len(failures)} of {len(self)} wallets have stopped", failures)
         if failures:
@@ -223,12 +223,6 @@ class Keeper(Serving):
         self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
     ) -> None:
         self.close()
-
-
-def _with_note(error: Exception, note: str) -> Exception:
-    if note not in getattr(error, "__notes__", ()):
-        error.add_note(note)
-    return error
 
 
 def _check(at_once: object, renew_at: float, on_event: object) -> None:
