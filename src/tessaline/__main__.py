@@ -112,7 +112,10 @@ def main(arguments: Sequence[str] | None = None) -> int:
 
     def password() -> str:
         if given.password_file is None:
-            return getpass.getpass("password of the keystore: ")
+            try:
+                return getpass.getpass("password of the keystore: ")
+            except EOFError:
+                raise ValueError("no password was given") from None
         return private_text(given.password_file, given.readable_by)
 
     given.password = password

@@ -103,7 +103,8 @@ def _checked(report: Report, given: Namespace, say: _Say) -> str | None:
         try:
             manager.authenticate()
         except Exception as error:
-            report.failure = Failure("login", error, _exit_code(error, report.exchanges))
+            code = _exit_code(error, report.exchanges)
+            report.failure = Failure("login", error, code, _is_elsewhere(report.exchanges))
             return None
         report.expiry = manager.get_token_expiry()
         hours = (report.expiry - time.time()) / _HOUR
@@ -182,6 +183,12 @@ def _exit_code(error: Exception, exchanges: list[Exchange]) -> int:
     if isinstance(error, http.client.HTTPException | LookupError | TypeError | ValueError):
         return NO_LOGIN
     return UNFORESEEN
+
+
+def _is_elsewhere(exchanges: list[Exchange]) -> bool:
+    """Whether the last status is none that passes, so that the URL may be another service's."""
+    status = exchanges[-1].status if exchanges else None
+    return status is not None and status != 429 and status < 500
 
 
 def _say(label: str, text: str) -> None:

@@ -5,6 +5,7 @@ from __future__ import annotations
 import base64
 import http.client
 import os
+import re
 import socket
 import ssl
 import threading
@@ -27,6 +28,8 @@ _SYSTEM_FILES = (
     "/etc/ssl/cert.pem",
 )
 _DAY = 86400.0
+# The proxy chooses the words behind the status, and may repeat the credentials there.
+_TUNNEL_FAILURE = re.compile(r"Tunnel connection failed: \d+")
 
 
 @dataclass(frozen=True)
@@ -86,7 +89,7 @@ def resolve(url: str, timeout: float) -> Resolution:
 
 
 def look_at_tls(url: str, proxy: Proxy | None, timeout: float, name: Resolution | None = None) -> Tls | None:
-    """Make a TLS handshake with the server of an https URL; each step may take `timeout` seconds.
+    """Make a TLS handshake with the server of an https URL, for `timeout` seconds at most.
 
     Returns:
         None for http. Nothing but an error where the name has no address, and behind a proxy through which
@@ -102,18 +105,40 @@ def look_at_tls(url: str, proxy: Proxy | None, timeout: float, name: Resolution 
             None, None, None, 0.0, f"not looked at: behind a proxy of the kind {proxy.scheme or 'unknown'}"
         )
     host, port, started = server.hostname or "", port_of(server), time.monotonic()
-    try:
-        connection = _connection(host, port, proxy, timeout)
+    found: list[Tls] = []
+
+    def look() -> None:
         try:
-            connection.connect()
-            return _seen(cast("ssl.SSLSocket", connection.sock), started)
-        finally:
-            connection.close()
-    except ssl.SSLCertVerificationError as error:
-        return Tls(None, None, None, time.monotonic() - started, error.verify_message)
-    except (OSError, http.client.HTTPException) as error:
-        text = (error.strerror if isinstance(error, OSError) else None) or str(error) or type(error).__name__
-        return Tls(None, None, None, time.monotonic() - started, text)
+            found.append(_handshake(_connection(host, port, proxy, timeout), started))
+        except Exception as error:  # of many kinds, and none of them ends the check
+            found.append(Tls(None, None, None, time.monotonic() - started, _failure_text(error)))
+
+    # A socket's time-out is for each of its bytes.
+    looker = threading.Thread(target=look, name="tessaline-check", daemon=True)
+    looker.start()
+    looker.join(timeout)
+    if not found:
+        return Tls(None, None, None, time.monotonic() - started, f"no answer within {timeout:g} seconds")
+    return found[0]
+
+
+def _handshake(connection: http.client.HTTPSConnection, started: float) -> Tls:
+    try:
+        connection.connect()
+        return _seen(cast("ssl.SSLSocket", connection.sock), started)
+    finally:
+        connection.close()
+
+
+def _failure_text(error: Exception) -> str:
+    if isinstance(error, ssl.SSLCertVerificationError):
+        return error.verify_message
+    if not isinstance(error, OSError):
+        # What a proxy or the environment has said may be in its text.
+        return type(error).__name__
+    text = error.strerror or str(error) or type(error).__name__
+    tunnel = _TUNNEL_FAILURE.match(text)
+    return tunnel[0] if tunnel else text
 
 
 def _connection(host: str, port: int, proxy: Proxy | None, timeout: float) -> http.client.HTTPSConnection:
@@ -134,7 +159,7 @@ def _connection(host: str, port: int, proxy: Proxy | None, timeout: float) -> ht
 def _proxy_headers(proxy: Proxy) -> dict[str, str]:
     if proxy.user is None:
         return {}
-    told = base64.b64encode(f"{proxy.user}:{proxy.password or ''}".encode()).decode()
+    told = base64.b64encode(f"{proxy.user}:{proxy.password or ''}".encode(errors="surrogateescape")).decode()
     return {"Proxy-Authorization": f"Basic {told}"}
 
 

@@ -64,9 +64,13 @@ def proxy_for(url: str) -> Proxy | None:
         port = parts.port or (443 if parts.scheme == "https" else 1080)
     except ValueError:
         return Proxy(variable, "", "", 0)
-    if not parts.hostname:
+    # A password with an unescaped "/", "?" or "#" in it: what looks like the host is the user.
+    if not parts.hostname or "@" in parts.path + parts.query + parts.fragment:
         return Proxy(variable, "", "", 0)
-    user, password = (None if part is None else unquote(part) for part in (parts.username, parts.password))
+    user, password = (
+        None if part is None else unquote(part, errors="surrogateescape")
+        for part in (parts.username, parts.password)
+    )
     return Proxy(variable, parts.scheme, parts.hostname, port, user, password)
 
 

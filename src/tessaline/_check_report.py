@@ -19,6 +19,9 @@ SCHEMA: Final = 1
 # What a server sends back of a request, or a user has taken for a path or an option.
 _SECRET = re.compile(r"(?:0[xX])?[0-9a-fA-F]{60,}|eyJ[\w-]{8,}(?:\.[\w-]*)*")
 
+# To this command's user, parameters of Python's are options.
+_PARAMETER = re.compile(r"(?<![\w./-])(readable_by|invite_code)(?![\w./-])")
+
 
 @dataclass(frozen=True)
 class Exchange:
@@ -33,11 +36,15 @@ class Exchange:
 
 @dataclass(frozen=True)
 class Failure:
-    """What ended the check: at which step ("key" or "login"), how, and the process's exit code."""
+    """What ended the check: at which step ("key" or "login"), how, and the process's exit code.
+
+    `wrong_server`: the URL may be another service's, so that nothing is said for another attempt.
+    """
 
     step: str
     error: BaseException
     exit_code: int
+    wrong_server: bool = False
 
     def as_json(self) -> dict[str, Any]:
         first, *others = [_link_as_json(link) for link in _chain(self.error)]
@@ -52,7 +59,10 @@ class Failure:
             yield from _notes(link)
         if self.step == "login":
             same = "another attempt would end in the same, until something has changed"
-            yield same if is_final(self.error) else "another attempt may help"
+            if is_final(self.error):
+                yield same
+            elif not self.wrong_server:
+                yield "another attempt may help"
 
 
 @dataclass
@@ -128,7 +138,11 @@ def _link_as_json(error: BaseException) -> dict[str, Any]:
 
 
 def _notes(error: BaseException) -> list[str]:
-    return [str(note) for note in getattr(error, "__notes__", ())]
+    return [_PARAMETER.sub(_as_option, str(note)) for note in getattr(error, "__notes__", ())]
+
+
+def _as_option(parameter: re.Match[str]) -> str:
+    return f"--{parameter[0].replace('_', '-')}"
 
 
 def _cleaned(value: object) -> object:

@@ -50,17 +50,21 @@ def bytes_of(path: _Path, readable_by: ReadableBy | None) -> bytes:
         readable_by: Who may be able to read it; None for anybody.
 
     Raises:
-        PermissionError: Others may read or change it.
+        PermissionError: Others may read or change it, or it is another user's.
         OSError: It is of another kind, or cannot be read.
         ValueError: What was given as the path is a key.
     """
     with _opened(path) as file:
         # The opened file and not its path, behind which another one may be put at any moment.
-        mode = os.fstat(file.fileno()).st_mode
+        found = os.fstat(file.fileno())
+        mode = found.st_mode
         if not (stat.S_ISREG(mode) or stat.S_ISFIFO(mode)):
             raise OSError(errno.EINVAL, "neither a regular file nor a pipe", os.fspath(path))
         if readable_by is not None and mode & _TOO_MUCH[readable_by]:
             raise _too_open(stat.S_IMODE(mode), path, readable_by)
+        # What comes out of a pipe is its writer's business.
+        if readable_by == "owner" and stat.S_ISREG(mode) and found.st_uid not in (0, os.geteuid()):
+            raise _foreign(found.st_uid, path)
         return file.read(_MOST_BYTES)
 
 
@@ -71,7 +75,12 @@ def _opened(path: _Path) -> IO[bytes]:
         del name, path
         raise ValueError("a key was given in place of the path of a file")
     # A terminal that is opened by mistake is not to become the process's own.
-    return open(path, "rb", opener=lambda name, flags: os.open(name, flags | os.O_NOCTTY))
+    try:
+        return open(path, "rb", opener=lambda name, flags: os.open(name, flags | os.O_NOCTTY))
+    except FileNotFoundError as error:
+        if name.startswith("~"):
+            error.add_note('"~" is not expanded, as a shell would do it: give the whole path')
+        raise
 
 
 def _too_open(mode: int, path: _Path, readable_by: ReadableBy) -> PermissionError:
@@ -82,4 +91,11 @@ def _too_open(mode: int, path: _Path, readable_by: ReadableBy) -> PermissionErro
             "chmod 600 closes it; where a container's secret cannot be mounted otherwise, readable_by says "
             "who else may read it"
         )
+    return error
+
+
+def _foreign(owner: int, path: _Path) -> PermissionError:
+    text = f"it belongs to another user (uid {owner}), and should be this user's or root's"
+    error = PermissionError(errno.EACCES, text, os.fspath(path))
+    error.add_note("chown gives it to the user that the program runs as")
     return error

@@ -63,7 +63,8 @@ def from_file(path: _Path, *, readable_by: ReadableBy = "owner") -> str:
 
     Raises:
         PermissionError: Others may read or change the file; the text has its mode and the one that it should
-            have. Looked up on the opened file, before anything is read. Also: this process may not read it.
+            have. Or it is neither root's nor the effective user's, where `readable_by` is "owner". Looked up
+            on the opened file, before anything is read. Also: this process may not read it.
         FileNotFoundError: There is no such file.
         OSError: It is a directory, a device or a socket, or cannot be read.
         InvalidKeyError: It is empty or holds something else than a key; a note names the file.

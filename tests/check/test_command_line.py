@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import getpass
 import io
 import secrets
 import subprocess
@@ -18,6 +19,13 @@ from .conftest import Check
 
 KEY = secrets.token_hex(32)
 URL = "https://service.example"
+
+
+class Terminal(io.StringIO):
+    """A standard input at which somebody may be asked."""
+
+    def isatty(self) -> bool:
+        return True
 
 
 @pytest.mark.parametrize(
@@ -58,6 +66,16 @@ def test_a_keystore_without_anybody_to_ask(run: Check, monkeypatch: pytest.Monke
     done = run(URL, "--keystore", "f")
     assert done.code == 2
     assert "needs --password-file" in done.errors
+
+
+def test_a_keystore_whose_password_is_not_given(run: Check, monkeypatch: pytest.MonkeyPatch) -> None:
+    def end(_: str) -> str:
+        raise EOFError
+
+    monkeypatch.setattr(getpass, "getpass", end)
+    monkeypatch.setattr(sys, "stdin", Terminal())
+    done = run(URL, "--keystore", "f")
+    assert (done.code, done.errors) == (3, "failed: ValueError: no password was given\n")
 
 
 def test_a_key_in_place_of_its_file(run: Check) -> None:

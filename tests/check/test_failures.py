@@ -28,6 +28,7 @@ def test_a_file_that_others_may_read(check: Check, server: DevServer, key_file: 
     assert done.code == 3
     assert "its mode is 0640, and should be 0600 or 0400" in done.errors
     assert "chmod 600" in done.errors
+    assert ", --readable-by says who" in done.errors and "readable_by" not in done.errors
     assert server.requests == []
 
 
@@ -156,6 +157,8 @@ def test_an_invitation_is_missing(check: Check, server: DevServer) -> None:
     done = check(server.url)
     assert done.code == 6
     assert done.errors.startswith("failed: RegistrationError: invite_required\n")
+    assert "pass a code as --invite-code\n" in done.errors and "invite_code" not in done.errors
+    assert "as --invite-code" in check(server.url, "--json").report["error"]["notes"][0]
 
 
 # 7: no login's answer
@@ -178,6 +181,14 @@ def test_another_service(check: Check, server: DevServer, fault: dict[str, Any],
     done = check(server.url, "--json")
     assert (done.code, done.report["error"]["type"]) == (7, kind)
     assert done.report["error"]["notes"]
+
+
+def test_an_address_that_may_be_wrong_is_not_worth_another_attempt(check: Check, server: DevServer) -> None:
+    server.faults("register", [{"kind": "status", "status": 404, "times": None}])
+    done = check(server.url)
+    assert done.code == 7
+    assert done.errors.splitlines()[-1].endswith("check that server_url names the right server")
+    assert MAY_HELP not in done.errors
 
 
 @pytest.mark.parametrize("fault", [{"kind": "wrong_subject"}, {"kind": "bad_token"}])

@@ -6,6 +6,7 @@ import errno
 import os
 import secrets
 import socket
+import stat
 import threading
 from collections.abc import Callable, Iterator
 from pathlib import Path
@@ -118,6 +119,31 @@ def test_who_else_may_read_it_can_be_said(
     for mode in bad:
         key_file.chmod(mode)
         assert f"its mode is {mode:04o}" in str(refused(key_file, readable_by))
+
+
+@pytest.mark.parametrize(
+    ("program", "owner", "good"), [(7, 7, True), (7, 0, True), (0, 0, True), (7, 8, False), (0, 8, False)]
+)
+def test_whose_it_may_be(
+    key_file: Path, monkeypatch: pytest.MonkeyPatch, program: int, owner: int, good: bool
+) -> None:
+    stat_of = os.fstat
+
+    def owned(descriptor: int) -> os.stat_result:
+        fields = list(stat_of(descriptor))
+        fields[stat.ST_UID] = owner
+        return os.stat_result(fields)
+
+    monkeypatch.setattr(os, "fstat", owned)
+    monkeypatch.setattr(os, "geteuid", lambda: program)
+    assert reads(key_file, readable_by="group")
+    if good:
+        assert reads(key_file)
+        return
+    error = refused(key_file)
+    assert error.errno == errno.EACCES
+    assert error.strerror.startswith(f"it belongs to another user (uid {owner})")
+    assert any("chown" in note for note in error.__notes__)
 
 
 def test_nobody_else_can_be_said(key_file: Path) -> None:
@@ -233,6 +259,15 @@ def test_a_file_that_is_not_there_is_named(tmp_path: Path) -> None:
     with pytest.raises(FileNotFoundError) as caught:
         from_file(tmp_path / "none")
     assert caught.value.filename == str(tmp_path / "none")
+    assert not hasattr(caught.value, "__notes__")
+
+
+def test_a_users_folder_is_not_looked_up(key_file: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setenv("HOME", str(key_file.parent))
+    with pytest.raises(FileNotFoundError) as caught:
+        from_file(f"~/{key_file.name}")
+    (note,) = caught.value.__notes__
+    assert note.startswith('"~" is not expanded')
 
 
 @pytest.mark.parametrize("prefix", ["", "0x"])

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import errno
 import os
 import ssl
 from collections.abc import Callable
@@ -163,6 +164,13 @@ def test_a_file_that_cannot_be_read(
     assert type(error) is ssl.SSLError
     assert error.strerror == f"trusted certificates cannot be read from {path}: {words}"
     assert notes(error) == [note(path)]
+    assert keeping.connections == 0
+
+
+def test_a_file_without_an_end(keeping: TlsServer) -> None:
+    error = failure(http.transport(ca_file="/dev/zero", timeout=20), "GET", keeping.url)
+    assert type(error) is ssl.SSLError
+    assert error.strerror == f"trusted certificates cannot be read from /dev/zero: {os.strerror(errno.EFBIG)}"
     assert keeping.connections == 0
 
 

@@ -179,6 +179,23 @@ def test_what_it_raises_is_logged_once_and_ignored(raw: Raw, caplog: pytest.LogC
         raise AssertionError("the log shows what was sent")
 
 
+@pytest.mark.parametrize(("kind", "ignored"), [(RuntimeError, True), (SystemExit, False)])
+def test_a_filter_of_the_log_that_raises(kind: type[BaseException], ignored: bool, raw: Raw) -> None:
+    def refuse(_: logging.LogRecord) -> bool:
+        raise kind("a bug of the filter")
+
+    logger = logging.getLogger("tessaline.http")
+    transport = http.transport(on_exchange=raise_always)
+    logger.addFilter(refuse)
+    try:
+        if ignored:
+            assert transport("GET", raw().url)[0] == 200
+        else:
+            assert type(failure(transport, "GET", raw().url)) is kind
+    finally:
+        logger.removeFilter(refuse)
+
+
 def test_each_transport_has_its_own_first_time(raw: Raw, caplog: pytest.LogCaptureFixture) -> None:
     server = raw()
     for _ in range(2):

@@ -73,7 +73,9 @@ void tell(const Transport& transport, const http::Request& request, PyObject* an
   if (!failure) return;
   if (!failure->matches(PyExc_Exception)) throw std::move(*failure);
   const python::Handling handling(*failure);
-  python::call(transport.on_mistake);
+  // It logs, and a program's own handlers and filters may raise in turn.
+  std::optional<python::Error> mistake = python::caught([&] { python::call(transport.on_mistake); });
+  if (mistake && !mistake->matches(PyExc_Exception)) throw std::move(*mistake);
 }
 
 Ref told_exchange(const Transport& transport, const http::Request& request,

@@ -39,7 +39,8 @@ struct CertificateFile {
   std::vector<StoredCertificate> certificates;
 };
 
-/// Never fails but for want of memory (std::bad_alloc): what is wrong is in the result.
+/// Files of more than 64 MiB are refused with EFBIG. Never fails but for want of memory (std::bad_alloc):
+/// what is wrong is in the result.
 CertificateFile read_certificate_file(const std::string& path);
 
 /// Whether the path still leads to what was read from it, or still to nothing.
