@@ -12,13 +12,14 @@ process four seconds to start, so the login is not waited for there: the first t
 from __future__ import annotations
 
 import os
+from typing import Any
 
 import requests
-from celery import Celery
+from celery import Celery, Task
 from celery.signals import worker_process_init, worker_process_shutdown
 
 from tessaline.auth import AuthManager
-from tessaline.errors import LOGIN_ERRORS
+from tessaline.errors import LOGIN_ERRORS, is_final
 from tessaline.integrations.requests import WalletAuth
 from tessaline.keeper import EraBoard, Keeper
 from tessaline.keys import from_environment
@@ -42,15 +43,20 @@ def end(**_: object) -> None:
     keepers.pop().close()
 
 
-@app.task(autoretry_for=LOGIN_ERRORS, retry_backoff=True, max_retries=10)
-def rename(name: str) -> int:
+@app.task(bind=True, max_retries=10)
+def rename(self: Task[Any, Any], name: str) -> int:
     """Give the wallet a display name; the status of the service's answer."""
-    answer = requests.post(
-        f"{URL}/api/profile/display_name",
-        json={"display_name": name},
-        auth=WalletAuth(keepers[0], URL),
-        timeout=30,
-    )
+    try:
+        answer = requests.post(
+            f"{URL}/api/profile/display_name",
+            json={"display_name": name},
+            auth=WalletAuth(keepers[0], URL),
+            timeout=30,
+        )
+    except LOGIN_ERRORS as error:
+        if is_final(error):
+            raise
+        raise self.retry(exc=error, countdown=min(2**self.request.retries, 600)) from None
     return answer.status_code
 
 

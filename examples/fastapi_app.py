@@ -4,11 +4,12 @@
 
 It starts whether the service is there or not, and lives through its outages: while the token is good no
 request waits, and no thread is held while there is none. `GET /health` tells a load balancer whether the
-service can be called, and people why not; `POST /name/Ada` calls it.
+service can be called, and people why not, so it is for the inside only; `POST /name/Ada` calls it.
 """
 
 from __future__ import annotations
 
+import logging
 import os
 from collections.abc import AsyncGenerator
 from contextlib import asynccontextmanager
@@ -23,6 +24,8 @@ from tessaline.errors import LOGIN_ERRORS
 from tessaline.integrations.httpx import WalletAuth
 from tessaline.keeper import Keeper
 from tessaline.keys import from_environment
+
+logger = logging.getLogger(__name__)
 
 
 @dataclass
@@ -70,7 +73,9 @@ async def rename(name: str, request: Request, response: Response) -> dict[str, s
             "/api/profile/display_name", json={"display_name": name}
         )
     except (*LOGIN_ERRORS, httpx.TransportError) as error:
+        # Its text may name hosts and proxies, which are not for everybody.
+        logger.warning("the service was not called: %s", error)
         response.status_code = 503
-        return {"error": str(error)}
+        return {"error": type(error).__name__}
     response.status_code = answer.status_code
     return {"name": name} if answer.is_success else {"error": "the service did not want this name"}

@@ -55,5 +55,5 @@ if __name__ == "__main__":
     parser.add_argument("server_url")
     parser.add_argument("--keys", type=Path, required=True, metavar="FOLDER")
     options = parser.parse_args()
-    private_keys = [from_file(file) for file in sorted(options.keys.iterdir())]
+    private_keys = [from_file(file) for file in sorted(options.keys.iterdir()) if file.is_file()]
     sys.exit(1 if run(private_keys, options.server_url) else 0)

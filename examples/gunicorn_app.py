@@ -14,6 +14,7 @@ application, whatever tells it of eras), and `POST /name/Ada` calls the service.
 from __future__ import annotations
 
 import json
+import logging
 import os
 from collections.abc import Iterable
 from http import HTTPStatus
@@ -31,6 +32,7 @@ if TYPE_CHECKING:
     from wsgiref.types import StartResponse, WSGIEnvironment
 
 URL = os.environ["SERVICE_URL"]
+logger = logging.getLogger(__name__)
 
 board = EraBoard()
 keeper = Keeper(AuthManager(from_environment("WALLET_KEY"), URL), era_board=board)
@@ -42,7 +44,9 @@ def app(environ: WSGIEnvironment, start_response: StartResponse) -> Iterable[byt
     try:
         status, told = answer(environ["REQUEST_METHOD"], environ["PATH_INFO"])
     except LOGIN_ERRORS as error:
-        status, told = HTTPStatus.SERVICE_UNAVAILABLE, {"error": str(error)}
+        # Its text may name hosts and proxies, which are not for everybody.
+        logger.warning("the service was not called: %s", error)
+        status, told = HTTPStatus.SERVICE_UNAVAILABLE, {"error": type(error).__name__}
     body = json.dumps(told).encode()
     headers = [("Content-Type", "application/json"), ("Content-Length", str(len(body)))]
     start_response(f"{status.value} {status.phrase}", headers)
@@ -53,6 +57,7 @@ def answer(method: str, path: str) -> tuple[HTTPStatus, dict[str, Any]]:
     match method, path.split("/")[1:]:
         case "GET", [""]:
             return HTTPStatus.OK, {"worker": os.getpid(), "era": board.era, "state": keeper.status().state}
+        # To be reachable from this machine or the inside only: an era that does not come stops every worker.
         case "POST", ["era", number] if number.isdecimal():
             keeper.notify_era_change(int(number))
             return HTTPStatus.OK, {"worker": os.getpid(), "era": board.era}

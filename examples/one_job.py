@@ -1,4 +1,4 @@
-"""A script that does one thing, such as a cron job: it tries for so long and no longer.
+"""A script that does one thing, such as a cron job: it gives up after about so long.
 
     WALLET_KEY=... python one_job.py https://service.example --within 60
 
@@ -24,7 +24,11 @@ DONE, LATER, REFUSED = 0, 75, 77
 
 
 def run(key: str, url: str, seconds: float) -> int:
-    """Log in and name the wallet, within so many seconds; the exit status."""
+    """Log in and name the wallet; the exit status.
+
+    No login is waited for after so many seconds. The request may go on: its time-out bounds each wait for
+    the service, not their sum.
+    """
     end = time.monotonic() + seconds
     with Keeper(AuthManager(key, url)) as keeper:
         keeper.start(wait=False)

@@ -7,14 +7,16 @@ import json
 from collections.abc import Callable
 from typing import Any
 
+import aiohttp
 import httpx
 import pytest
 
 from devserver.testing import DevServer
 from tessaline.aio import AsyncTokens
+from tessaline.integrations.aiohttp import WalletMiddleware
 from tessaline.integrations.httpx import WalletAuth
 from tessaline.keeper import Keeper
-from tests.integrations.clients import ASYNC_CLIENTS, CLIENTS, Wanted
+from tests.integrations.clients import ASYNC_CLIENTS, CLIENTS, HEADERS, SECONDS, Wanted
 from tests.integrations.sources import Moving, Source
 from tests.shared.threads import Worker
 
@@ -103,6 +105,42 @@ def test_an_answer_from_elsewhere_is_no_refusal(server: DevServer, client: Clien
     source = Source("unknown", "other")
     assert client(Wanted(source, server.url, server.url + "/moved"))[0] == 401
     assert source.reported == []
+
+
+def test_a_request_that_comes_back_without_the_token_is_none_either() -> None:
+    there_and_back = {
+        "https://service.example/": "https://other.example/",
+        "https://other.example/": "https://service.example/private",
+    }
+    seen: list[str | None] = []
+
+    def answer(request: httpx.Request) -> httpx.Response:
+        seen.append(request.headers.get("Authorization"))
+        target = there_and_back.get(str(request.url))
+        return httpx.Response(302, headers={"Location": target}) if target else httpx.Response(401)
+
+    source = Source("first", "second")
+    transport = httpx.MockTransport(answer)
+    with httpx.Client(transport=transport, auth=WalletAuth(source, URL), follow_redirects=True) as client:
+        assert client.get(f"{URL}/").status_code == 401
+    assert (seen, source.reported) == (["Bearer first", None, None], [])
+
+
+def test_a_body_that_waits_to_be_asked_for_is_not_sent_again(server: DevServer) -> None:
+    # A refusal before "100 Continue" has left the body unread, and aiohttp does not say how far it has got.
+    source = Source("unknown", "other")
+
+    async def run() -> int:
+        middleware = WalletMiddleware(source, server.url)
+        async with (
+            aiohttp.ClientSession(middlewares=[middleware]) as session,
+            session.post(server.url + NAME, data=b"{}", headers=HEADERS, expect100=True) as answer,
+        ):
+            return answer.status
+
+    assert asyncio.run(asyncio.wait_for(run(), SECONDS)) == 401
+    assert source.reported == ["unknown"]
+    assert server.state()["counts"]["display_name"] == 1
 
 
 @pytest.mark.parametrize("name", ASYNC_CLIENTS)

@@ -14,6 +14,20 @@ from tessaline.integrations.requests import WalletAuth
 from tests.integrations.sources import Source
 
 
+class Endless(io.RawIOBase):
+    """A body that is never over; who reads on and on fails."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.pieces = 0
+
+    def read(self, size: int = -1) -> bytes:
+        self.pieces += 1
+        if self.pieces > 100:
+            raise EOFError("read on and on")
+        return b"refused"
+
+
 class Service(BaseAdapter):
     """Answers by itself, each URL as told. Notes the URLs and what they were sent."""
 
@@ -21,7 +35,7 @@ class Service(BaseAdapter):
         super().__init__()
         self.answers = answers
         self.seen: list[tuple[str, Any]] = []
-        self.bodies: list[io.BytesIO] = []
+        self.bodies: list[io.RawIOBase | io.BytesIO] = []
 
     def send(self, request: requests.PreparedRequest, *_: Any, **__: Any) -> requests.Response:
         url = str(request.url)
@@ -30,7 +44,7 @@ class Service(BaseAdapter):
         response.request, response.url = request, url
         response.status_code, fields = self.answers[url]
         response.headers.update(fields)
-        self.bodies.append(io.BytesIO(b""))
+        self.bodies.append(io.BytesIO() if "Location" in fields else Endless())
         response.raw = self.bodies[-1]
         cast(Any, response).connection = self
         return response
@@ -106,3 +120,16 @@ def test_an_answer_is_closed_when_the_source_fails() -> None:
     with pytest.raises(LookupError):
         asked(service, Broken("token"), url, url)
     assert [body.closed for body in service.bodies] == [True]
+
+
+@pytest.mark.parametrize("length", [None, "100000", "-1", "many"])
+def test_a_refusal_without_end_is_not_read(length: str | None) -> None:
+    url = "https://service.example/"
+    service, source = (
+        Service({url: (401, {} if length is None else {"Content-Length": length})}),
+        Source("a", "b"),
+    )
+    answer = asked(service, source, url, url)
+    assert [sent for _, sent in service.seen] == ["Bearer a", "Bearer b"]
+    assert [body.closed for body in service.bodies] == [True, False]
+    answer.close()

@@ -19,17 +19,20 @@ request that is cancelled stops waiting at once. Where there is no token to give
 An answer of 401 means that the service refuses a token which was held good, most often because a new era has
 begun whose announcement is still on its way. A keeper is told, and logs in again where that may help; the
 request is repeated once if there is another token then. Else the 401 is yours. A body that can be sent only
-once, such as a generator, is not repeated.
+once, such as a generator, is not repeated, nor is a request with `expect100`.
 """
 
 from __future__ import annotations
 
 from aiohttp import ClientHandlerType, ClientRequest, ClientResponse
-from aiohttp.hdrs import AUTHORIZATION
+from aiohttp.hdrs import AUTHORIZATION, EXPECT
 from yarl import URL
 
+from tessaline._transport_security import validate_bearer_transport_url
 from tessaline.aio import AsyncTokens
-from tessaline.integrations._tokens import TokenSource, other_token_of
+from tessaline.integrations._tokens import Header, TokenSource, other_token_of
+
+_SECURED_BY = {"ws": "http", "wss": "https"}
 
 
 class WalletMiddleware:
@@ -38,34 +41,45 @@ class WalletMiddleware:
     Args:
         tokens: A `Keeper` of one wallet, a wallet of a fleet, an `AuthManager`, or what else has
             `get_token()`. Or an `AsyncTokens` that you share and close.
-        server_url: The service; only its origin counts.
+        server_url: The service; only its origin counts. https, or http to this machine. WebSockets to it
+            (wss, ws) belong to it.
+
+    Raises:
+        ValueError: `server_url` is not fit to carry a token, or `tokens` is a keeper of several wallets.
 
     One serves any number of sessions and event loops.
     """
 
     def __init__(self, tokens: TokenSource | AsyncTokens, server_url: str) -> None:
         self._tokens = tokens if isinstance(tokens, AsyncTokens) else AsyncTokens(tokens)
-        self._origin = URL(server_url).origin()
+        self._origin = _origin(URL(validate_bearer_transport_url(server_url)))
+        self._header = Header()
 
     async def __call__(self, request: ClientRequest, handler: ClientHandlerType) -> ClientResponse:
         # aiohttp comes here for every hop of a redirect.
-        if request.url.origin() != self._origin:
+        if _origin(request.url) != self._origin:
             return await handler(request)
         token = await self._tokens.get_token()
-        request.headers[AUTHORIZATION] = f"Bearer {token}"
+        request.headers[AUTHORIZATION] = self._header.of(token)
         response = await handler(request)
         if response.status != 401:
             return response
         try:
             held = await other_token_of(self._tokens, token)
+            header = None if held is None else self._header.of(held)
         except BaseException:
             response.close()
             raise
-        if held is None or (request.body and request.body.consumed):
+        # A body that waited for "100 Continue" was not sent, and would be sent unasked or not at all.
+        if header is None or EXPECT in request.headers or (request.body and request.body.consumed):
             return response
         response.release()
-        request.headers[AUTHORIZATION] = f"Bearer {held}"
+        request.headers[AUTHORIZATION] = header
         return await handler(request)
+
+
+def _origin(url: URL) -> tuple[str, str | None, int | None]:
+    return _SECURED_BY.get(url.scheme, url.scheme), url.raw_host, url.port
 
 
 __all__ = ["WalletMiddleware"]

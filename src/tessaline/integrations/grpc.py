@@ -14,9 +14,9 @@ Every call asks for the token, which costs next to nothing and always gives the 
 the channel's server only, and refuses to send it over a channel without encryption
 (`grpc.local_channel_credentials` counts as safe).
 
-The source of tokens is asked on a thread of its own: where it waits the calls wait, each no longer than its
-`timeout`, but gRPC's threads do not. Where there is no token to give, the call fails with a `grpc.RpcError`
-whose `details()` name the reason, and nothing has been sent.
+Where the source would have to wait it is asked on a thread of its own, once for all calls that wait, each no
+longer than its `timeout`; gRPC's threads do not. Where there is no token to give, the call fails with a
+`grpc.RpcError` whose `details()` name the reason, and nothing has been sent.
 
 A status of UNAUTHENTICATED means that the service refuses a token which was held good, most often because a
 new era has begun whose announcement is still on its way. Credentials do not learn of it: that is what the two
@@ -26,19 +26,23 @@ request and one answer once if there is another token then. Streams are left alo
 
 from __future__ import annotations
 
+import os
 from collections.abc import Awaitable, Callable
-from concurrent.futures import ThreadPoolExecutor
 from types import TracebackType
 from typing import TYPE_CHECKING, Self
 
 import grpc
 import grpc.aio
 
+from tessaline._ready import glance_for, of_one_wallet
 from tessaline.aio import AsyncTokens
-from tessaline.integrations._tokens import TokenSource, other_token, other_token_of
+from tessaline.integrations._asker import Asker, closed_error
+from tessaline.integrations._tokens import TokenSource, bearer, other_token, other_token_of
 
 if TYPE_CHECKING:
     from grpc import _CallFuture  # pyright: ignore[reportPrivateUsage]
+
+type _Metadata = tuple[tuple[str, str], ...]
 
 
 class WalletCallCredentials(grpc.AuthMetadataPlugin):
@@ -48,14 +52,19 @@ class WalletCallCredentials(grpc.AuthMetadataPlugin):
         tokens: A `Keeper` of one wallet, a wallet of a fleet, an `AuthManager`, or what else has
             `get_token()`.
 
-    One serves any number of channels, of `grpc` and of `grpc.aio`.
+    Raises:
+        ValueError: `tokens` is a keeper of several wallets.
+
+    One serves any number of channels, of `grpc` and of `grpc.aio`. In a forked child it begins anew.
     """
 
     def __init__(self, tokens: TokenSource) -> None:
-        self._tokens = tokens
+        self._tokens = of_one_wallet(tokens)
         self._latest: str | None = None
+        self._glance = glance_for(self._tokens)
+        self._closed = False
         # One thread is enough: when the source makes one caller wait, it makes all wait.
-        self._asker = ThreadPoolExecutor(1, thread_name_prefix="wallet-token")
+        self._process, self._asker = os.getpid(), Asker(self._ask)
 
     @property
     def tokens(self) -> TokenSource:
@@ -72,21 +81,42 @@ class WalletCallCredentials(grpc.AuthMetadataPlugin):
         return grpc.composite_channel_credentials(channel, grpc.metadata_call_credentials(self))
 
     def __call__(self, context: grpc.AuthMetadataContext, callback: grpc.AuthMetadataPluginCallback) -> None:
-        self._asker.submit(self._answer, callback)
+        def reply(metadata: _Metadata | None, error: Exception | None) -> None:
+            callback(metadata or (), error)
 
-    def _answer(self, callback: grpc.AuthMetadataPluginCallback) -> None:
-        try:
-            token = self._tokens.get_token()
-        # Whatever it is, the call must end: without an answer it would wait for ever.
-        except Exception as error:
-            callback((), error)
+        if self._closed:
+            reply(None, closed_error())
+        elif (token := self._glance(self._tokens)) is None:
+            self._asker_here().ask(reply)
         else:
-            self._latest = token
-            callback((("authorization", f"Bearer {token}"),), None)
+            try:
+                metadata = self._given(token)
+            except ValueError as error:
+                reply(None, error)
+            else:
+                reply(metadata, None)
+
+    def _ask(self) -> _Metadata:
+        return self._given(self._tokens.get_token())
+
+    def _given(self, token: str) -> _Metadata:
+        header = bearer(token)
+        self._latest = token
+        return (("authorization", header),)
+
+    def _asker_here(self) -> Asker[_Metadata]:
+        if self._process != os.getpid():
+            # The thread and the calls that wait are the parent's, and its lock may be held for ever.
+            self._asker, self._process = Asker(self._ask), os.getpid()
+        return self._asker
 
     def close(self) -> None:
-        """Let the thread go, once the calls that wait have a token or, from a closed source, an error."""
-        self._asker.shutdown()
+        """Let the thread go. Calls that wait get an error, but for those that it asks for just now.
+
+        Waits for these for a second at most. May be called again, and from any thread.
+        """
+        self._closed = True
+        self._asker_here().close()
 
     def __enter__(self) -> Self:
         return self
@@ -148,7 +178,12 @@ class WalletAioInterceptor(grpc.aio.UnaryUnaryClientInterceptor):
         request: Asked,
     ) -> grpc.aio.UnaryUnaryCall[Asked, Answer]:
         call = await continuation(client_call_details, request)
-        code = await call.code()
+        try:
+            code = await call.code()
+        except BaseException:
+            # gRPC cancels only what has been handed to it.
+            call.cancel()
+            raise
         sent = self._wallet.latest
         if code is not grpc.StatusCode.UNAUTHENTICATED or sent is None:
             return call

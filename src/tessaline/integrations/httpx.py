@@ -28,8 +28,9 @@ from collections.abc import AsyncGenerator, Generator
 
 import httpx
 
+from tessaline._transport_security import validate_bearer_transport_url
 from tessaline.aio import AsyncTokens
-from tessaline.integrations._tokens import TokenSource, other_token, other_token_of
+from tessaline.integrations._tokens import Header, TokenSource, other_token, other_token_of
 
 
 class WalletAuth(httpx.Auth):
@@ -38,7 +39,10 @@ class WalletAuth(httpx.Auth):
     Args:
         tokens: A `Keeper` of one wallet, a wallet of a fleet, an `AuthManager`, or what else has
             `get_token()`. Or an `AsyncTokens` that you share and close; it serves an `AsyncClient` only.
-        server_url: The service; only its origin counts.
+        server_url: The service; only its origin counts. https, or http to this machine.
+
+    Raises:
+        ValueError: `server_url` is not fit to carry a token, or `tokens` is a keeper of several wallets.
 
     One serves any number of clients, threads and event loops.
     """
@@ -46,7 +50,8 @@ class WalletAuth(httpx.Auth):
     def __init__(self, tokens: TokenSource | AsyncTokens, server_url: str) -> None:
         self._source = None if isinstance(tokens, AsyncTokens) else tokens
         self._tokens = tokens if isinstance(tokens, AsyncTokens) else AsyncTokens(tokens)
-        self._origin = _origin(httpx.URL(server_url))
+        self._origin = _origin(httpx.URL(validate_bearer_transport_url(server_url)))
+        self._header = Header()
 
     def sync_auth_flow(self, request: httpx.Request) -> Generator[httpx.Request, httpx.Response]:
         if _origin(request.url) != self._origin:
@@ -55,31 +60,34 @@ class WalletAuth(httpx.Auth):
         if self._source is None:
             raise TypeError("an AsyncTokens serves httpx.AsyncClient only: give WalletAuth what is behind it")
         token = self._source.get_token()
-        response = yield _with_token(request, token)
-        if self._is_refusal(response):
+        response = yield self._with_token(request, token)
+        if self._is_refusal(response, token):
             held = other_token(self._source, token)
             if held is not None and _may_be_repeated(request):
-                yield _with_token(request, held)
+                yield self._with_token(request, held)
 
     async def async_auth_flow(self, request: httpx.Request) -> AsyncGenerator[httpx.Request, httpx.Response]:
         if _origin(request.url) != self._origin:
             yield request
             return
         token = await self._tokens.get_token()
-        response = yield _with_token(request, token)
-        if self._is_refusal(response):
+        response = yield self._with_token(request, token)
+        if self._is_refusal(response, token):
             held = await other_token_of(self._tokens, token)
             if held is not None and _may_be_repeated(request):
-                yield _with_token(request, held)
+                yield self._with_token(request, held)
 
-    def _is_refusal(self, response: httpx.Response) -> bool:
-        # The answer may have come from elsewhere, after a redirect.
-        return response.status_code == 401 and _origin(response.url) == self._origin
+    def _with_token(self, request: httpx.Request, token: str) -> httpx.Request:
+        request.headers["Authorization"] = self._header.of(token)
+        return request
 
-
-def _with_token(request: httpx.Request, token: str) -> httpx.Request:
-    request.headers["Authorization"] = f"Bearer {token}"
-    return request
+    def _is_refusal(self, response: httpx.Response, token: str) -> bool:
+        # After redirects the answer may have come from elsewhere, or to a request without the token.
+        return (
+            response.status_code == 401
+            and _origin(response.url) == self._origin
+            and response.request.headers.get("Authorization") == self._header.of(token)
+        )
 
 
 def _may_be_repeated(request: httpx.Request) -> bool:

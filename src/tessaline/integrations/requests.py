@@ -28,10 +28,13 @@ from urllib.parse import urlsplit
 from requests import PreparedRequest, Response
 from requests.auth import AuthBase
 
-from tessaline.integrations._tokens import TokenSource, other_token
+from tessaline._ready import of_one_wallet
+from tessaline._transport_security import validate_bearer_transport_url
+from tessaline.integrations._tokens import Header, TokenSource, other_token
 
 _DEFAULT_PORTS = {"http": 80, "https": 443}
 _SCHEME = "Bearer "
+_DIGITS_WORTH_READING = 5
 
 
 class WalletAuth(AuthBase):
@@ -40,18 +43,22 @@ class WalletAuth(AuthBase):
     Args:
         tokens: A `Keeper` of one wallet, a wallet of a fleet, an `AuthManager`, or what else has
             `get_token()`.
-        server_url: The service; only its origin counts.
+        server_url: The service; only its origin counts. https, or http to this machine.
+
+    Raises:
+        ValueError: `server_url` is not fit to carry a token, or `tokens` is a keeper of several wallets.
 
     One serves any number of sessions and threads.
     """
 
     def __init__(self, tokens: TokenSource, server_url: str) -> None:
-        self._tokens = tokens
-        self._origin = _origin(server_url)
+        self._tokens = of_one_wallet(tokens)
+        self._origin = _origin(validate_bearer_transport_url(server_url))
+        self._header = Header()
 
     def __call__(self, request: PreparedRequest) -> PreparedRequest:
         if _origin(request.url or "") == self._origin:
-            request.headers["Authorization"] = _SCHEME + self._tokens.get_token()
+            request.headers["Authorization"] = self._header.of(self._tokens.get_token())
             request.register_hook("response", self._repeat_if_refused)
         return request
 
@@ -67,16 +74,19 @@ class WalletAuth(AuthBase):
             return response
         try:
             held = other_token(self._tokens, sent.removeprefix(_SCHEME))
+            header = None if held is None else self._header.of(held)
         except BaseException:
             response.close()
             raise
-        if held is None or not isinstance(request.body, str | bytes | None):
+        if header is None or not isinstance(request.body, str | bytes | None):
             return response
-        # Read to its end, the first answer gives its connection back.
-        _ = response.content
+        # Read to its end, the first answer gives its connection back. It may have no end.
+        length = str(response.headers.get("Content-Length", ""))
+        if length.isdecimal() and len(length) <= _DIGITS_WORTH_READING:
+            _ = response.content
         response.close()
         again = request.copy()
-        again.headers["Authorization"] = _SCHEME + held
+        again.headers["Authorization"] = header
         answer: Response = response.connection.send(again, **how_it_was_sent)
         answer.history.append(response)
         answer.request = again
