@@ -74,3 +74,39 @@ def test_such_a_program_ends(state: str) -> None:
     }[state]
     program = f"keeper = Keeper(fleet(service, clock, 2))\n{begin}\nprint(time.monotonic(), flush=True)\n"
     programs.run(program, prelude=PATCHED["patch_all()"], runs=3)
+
+
+@pytest.mark.parametrize("patch", PATCHED)
+def test_a_manager_alone(patch: str) -> None:
+    program = """
+        with manager(service, clock) as alone:
+            alone.authenticate()
+            assert alone.get_token() == service.granted[0].token
+            service.era = 2
+            alone.notify_era_change(2)
+            got = [gevent.spawn(alone.get_token) for _ in range(3)]
+            gevent.joinall(got, timeout=10)
+            assert [one.value for one in got] == [service.granted[1].token] * 3
+        print(time.monotonic(), flush=True)
+    """
+    programs.run(program, prelude=PATCHED[patch])
+
+
+@pytest.mark.parametrize("patch", PATCHED)
+def test_an_era_brings_no_failure_where_the_transport_yields(patch: str) -> None:
+    program = """
+        events = []
+        service.on_request = lambda asked: gevent.sleep(0.002)
+        keeper = Keeper(fleet(service, clock, 3), on_event=events.append)
+        keeper.start()
+        for era in (2, 3):
+            service.era = era
+            keeper.notify_era_change(era)
+            # The clock stands: after a failure there would be no other attempt.
+            assert {era_of(keeper[one].get_token()) for one in keeper} == {era}
+        assert {event.kind for event in events} <= {"logged in", "era met"}, events
+        assert len(service.granted) == 9
+        keeper.close()
+        print(time.monotonic(), flush=True)
+    """
+    programs.run(program, prelude=PATCHED[patch])
