@@ -142,7 +142,7 @@ def test_whose_it_may_be(
         return
     error = refused(key_file)
     assert error.errno == errno.EACCES
-    assert error.strerror.startswith(f"it belongs to another user (uid {owner})")
+    assert str(error.strerror).startswith(f"it belongs to another user (uid {owner})")
     assert any("chown" in note for note in error.__notes__)
 
 
