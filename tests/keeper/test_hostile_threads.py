@@ -9,6 +9,7 @@ from typing import Any
 import pytest
 
 from tests.contract.support.clocks import HandClock
+from tests.contract.support.threads import ThreadCensus
 from tests.shared.threads import until
 
 from .support import programs
@@ -43,9 +44,11 @@ def test_no_thread_for_a_login(
     clock: HandClock,
     heard: Heard,
     lack: dict[str, BaseException],
+    census: ThreadCensus,
 ) -> None:
     keeper = make_keeper(2)
     keeper.start()
+    census.settle(1, "the scheduler alone")
     lack[LOGIN_THREAD] = error
     clock.now += RENEWAL
     has_failed(keeper)
