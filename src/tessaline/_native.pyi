@@ -54,6 +54,9 @@ class TokenCopy:
     def get(self) -> str | None:
         """The token if it is good now, else None."""
 
+def own_get_token[Subclass: type[Serving]](cls: Subclass, /) -> Subclass:
+    """Class decorator: gives a subclass of `Serving` a `get_token` that is called at its cheapest."""
+
 @disjoint_base
 class Serving:
     """Hands out a token: natively while it is good, else by `_wait_for_token(timeout)`."""

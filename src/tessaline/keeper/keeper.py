@@ -8,7 +8,7 @@ from collections.abc import Callable, Iterable, Iterator
 from types import TracebackType
 from typing import Self
 
-from tessaline._native import EraBoard, Serving
+from tessaline._native import EraBoard, Serving, own_get_token
 from tessaline.auth import AuthError, AuthManager
 from tessaline.errors import MANAGER_CLOSED
 
@@ -20,6 +20,7 @@ from .status import KeeperEvent, KeeperStatus, summary
 from .wallet import Wallet
 
 
+@own_get_token
 class Keeper(Serving):
     """Keeps the tokens of wallets good through anything that is transient, until it is closed.
 

@@ -8,7 +8,7 @@ import time
 from collections.abc import Callable
 from typing import TYPE_CHECKING, final
 
-from tessaline._native import Serving, TokenCopy
+from tessaline._native import Serving, TokenCopy, own_get_token
 from tessaline.auth import AuthError, AuthManager
 from tessaline.errors import MANAGER_CLOSED, NOT_AUTHENTICATED
 
@@ -31,6 +31,7 @@ LONGEST_WAIT = 1.0
 
 
 @final
+@own_get_token
 class Wallet(Serving):
     """One wallet of a keeper: `keeper[address]`, and what a keeper of one wallet is itself.
 

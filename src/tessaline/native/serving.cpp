@@ -12,6 +12,7 @@ namespace {
 using auth::python::Ref;
 namespace python = auth::python;
 
+constinit const python::Name kGetToken{"get_token"};
 constinit const python::Name kWaitForToken{"_wait_for_token"};
 
 constexpr double kDefaultTimeout = 10.0;
@@ -117,10 +118,22 @@ PyType_Slot slots[] = {
 PyType_Spec spec = {"tessaline._native.Serving", static_cast<int>(sizeof(Serving)), 0,
                     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC, slots};
 
+PyTypeObject* serving_type = nullptr;
+
 }  // namespace
 
 void add_serving_type(PyObject* module) {
-  add_type(module, spec);
+  serving_type = add_type(module, spec);
+}
+
+Ref with_own_get_token(PyObject* subclass) {
+  if (!PyType_Check(subclass) ||
+      PyType_IsSubtype(reinterpret_cast<PyTypeObject*>(subclass), serving_type) == 0) {
+    python::raise(PyExc_TypeError, "the class must be a subclass of Serving");
+  }
+  const Ref method = python::checked(PyDescr_NewMethod(reinterpret_cast<PyTypeObject*>(subclass), methods));
+  python::set_attribute(subclass, kGetToken, method.get());
+  return Ref::borrow(subclass);
 }
 
 }  // namespace tessaline::native
