@@ -10,8 +10,7 @@ import ssl
 import sys
 import time
 from argparse import Namespace
-from collections.abc import Callable, Generator, Mapping
-from contextlib import contextmanager
+from collections.abc import Callable, Mapping
 from typing import Final
 from urllib.parse import urlsplit
 
@@ -19,13 +18,13 @@ from tessaline import auth, keys
 from tessaline._check_network import Resolution, Tls, look_at_tls, resolve
 from tessaline._check_proxy import proxy_for
 from tessaline._check_report import Exchange, Failure, Report, moment, shown
+from tessaline._http_settings import LONGEST_TIMEOUT
 from tessaline.errors import ERA_MISMATCH, WALLET_MISMATCH
+from tessaline.http import transport
 
 __all__ = ["run"]
 
-OK: Final = 0
 UNFORESEEN: Final = 1
-USAGE: Final = 2
 KEY: Final = 3
 NETWORK: Final = 4
 TLS: Final = 5
@@ -39,12 +38,13 @@ type _Say = Callable[[str, str], None]
 
 
 class _Watched:
-    """The default transport, with a note of each exchange.
+    """The default transport with a time-out of its own, and a note of each exchange.
 
     `Retry-After` is left out of the answers: a check tries again after the usual pause of a second or two.
     """
 
-    def __init__(self, noted: Callable[[Exchange], None]) -> None:
+    def __init__(self, timeout: float, noted: Callable[[Exchange], None]) -> None:
+        self._transport = transport(timeout=min(timeout, LONGEST_TIMEOUT))
         self._noted = noted
 
     def __call__(
@@ -52,7 +52,7 @@ class _Watched:
     ) -> tuple[int, Mapping[str, str], bytes]:
         path, started = urlsplit(url).path, time.monotonic()
         try:
-            status, fields, answer = auth._default_http_transport(method, url, headers, body)
+            status, fields, answer = self._transport(method, url, headers=headers, body=body)
         except Exception as error:
             self._noted(Exchange(method, path, None, time.monotonic() - started, type(error).__name__))
             raise
@@ -91,12 +91,12 @@ def _checked(report: Report, given: Namespace, say: _Say) -> str | None:
             given.url,
             invite_code=given.invite_code,
             register_wallet=not given.no_register,
-            _transport=_Watched(lambda exchange: _note(report, exchange, say)),
+            _transport=_Watched(given.timeout, lambda exchange: _note(report, exchange, say)),
         )
     except (auth.InvalidKeyError, ImportError, LookupError, OSError, ValueError) as error:
         report.failure = Failure("key", error, KEY)
         return None
-    with manager, _time_limit(given.timeout):
+    with manager:
         report.address = manager.get_wallet_address()
         say("wallet", report.address)
         _look_at_the_way(report, given, say)
@@ -118,16 +118,6 @@ def _key(given: Namespace) -> str:
     if given.key_variable is not None:
         return keys.from_environment(given.key_variable)
     return keys.from_keystore(given.keystore, given.password())
-
-
-@contextmanager
-def _time_limit(seconds: float) -> Generator[None]:
-    before = auth._AUTH_HTTP_TIMEOUT_DEFAULT
-    auth._AUTH_HTTP_TIMEOUT_DEFAULT = seconds
-    try:
-        yield
-    finally:
-        auth._AUTH_HTTP_TIMEOUT_DEFAULT = before
 
 
 def _look_at_the_way(report: Report, given: Namespace, say: _Say) -> None:

@@ -7,7 +7,7 @@ import os
 import re
 from typing import NamedTuple, cast
 
-_LONGEST_TIMEOUT = 3600.0  # seconds
+LONGEST_TIMEOUT = 3600.0  # seconds
 _LONGEST_NAME = 256  # characters
 _YEAR = 31_536_000  # seconds
 
@@ -66,8 +66,8 @@ def _number(name: str, value: object) -> float:
 
 def _timeout(value: object) -> float:
     seconds = _number("timeout", value)
-    if not 0 < seconds <= _LONGEST_TIMEOUT:
-        raise ValueError(f"timeout must be more than 0 and at most {_LONGEST_TIMEOUT:.0f} seconds")
+    if not 0 < seconds <= LONGEST_TIMEOUT:
+        raise ValueError(f"timeout must be more than 0 and at most {LONGEST_TIMEOUT:.0f} seconds")
     return float(seconds)
 
 

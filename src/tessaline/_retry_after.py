@@ -3,14 +3,9 @@
 from __future__ import annotations
 
 import re
-from typing import TYPE_CHECKING, Any
+from typing import Any
 
-if TYPE_CHECKING:
-    from collections.abc import Callable
-
-    from tessaline.auth import HttpTransport
-
-__all__ = ["bounded", "bounded_answer"]
+__all__ = ["bounded_answer"]
 
 _FIELD = "retry-after"
 _LENGTH = len(_FIELD)
@@ -19,52 +14,23 @@ _ANSWERS: tuple[type[Any], ...] = (tuple, list)
 _WHOLE_NUMBER = re.compile(r"\s*+\+?0*+((?:_?\d++)*+)\s*+")
 
 
-def bounded(transport: HttpTransport, seconds: int) -> HttpTransport:
-    """Make a transport whose answers ask to wait for `seconds` at most.
+def bounded_answer(answer: Any, seconds: int) -> Any:
+    """A transport's answer that asks to wait for `seconds` at most.
 
     Args:
-        transport: Is called just as the new one is; what it raises passes unchanged.
+        answer: Status, headers and body.
         seconds: The longest `Retry-After` that is let through. Anything but a larger whole number passes as
             it is: dates and garbage, which a manager ignores, too.
 
     Returns:
-        The transport, or the given one where it is bounded to as little already. It may be called by any
-        number of threads.
+        The same object where there is nothing to bound.
     """
-    if isinstance(transport, _Bounded):
-        if transport.seconds <= seconds:
-            return transport
-        return _Bounded(transport.transport, seconds)
-    return _Bounded(transport, seconds)
-
-
-def bounded_answer(answer: Any, seconds: int) -> Any:
-    """The answer with that bound: the same object where there is nothing to bound."""
     # What is none is for the manager to refuse.
     if isinstance(answer, _ANSWERS) and len(answer) == 3 and hasattr(answer[1], "items"):
         for name in answer[1]:
             if isinstance(name, str) and len(name) == _LENGTH and name.lower() == _FIELD:
                 return _bounded(answer, seconds)
     return answer
-
-
-class _Bounded:
-    __slots__ = ("seconds", "transport")
-
-    def __init__(self, transport: Callable[..., Any], seconds: int) -> None:
-        self.transport = transport
-        self.seconds = seconds
-
-    def __call__(self, *args: Any, **kwargs: Any) -> Any:
-        try:
-            answer = self.transport(*args, **kwargs)
-        finally:
-            # Who reports errors with the variables of their frames is not to report a signature.
-            del args, kwargs
-        return bounded_answer(answer, self.seconds)
-
-    def __repr__(self) -> str:
-        return f"<transport, waits {self.seconds} s at most>"
 
 
 def _bounded(answer: Any, seconds: int) -> Any:

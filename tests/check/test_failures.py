@@ -203,20 +203,20 @@ def test_another_wallets_token(check: Check, server: DevServer, fault: dict[str,
 
 
 def test_what_nobody_has_foreseen(check: Check, server: DevServer, monkeypatch: pytest.MonkeyPatch) -> None:
-    def transport(*_: object) -> object:
+    def transport(*_: object, **__: object) -> object:
         raise MemoryError("none left")
 
-    monkeypatch.setattr(auth, "_default_http_transport", transport)
+    monkeypatch.setattr("tessaline._check.transport", lambda **_: transport)
     done = check(server.url)
     assert done.code == 1
     assert done.errors.startswith("failed: MemoryError: none left\n")
 
 
 def test_ctrl_c(check: Check, server: DevServer, monkeypatch: pytest.MonkeyPatch) -> None:
-    def transport(*_: object) -> object:
+    def transport(*_: object, **__: object) -> object:
         raise KeyboardInterrupt
 
-    monkeypatch.setattr(auth, "_default_http_transport", transport)
+    monkeypatch.setattr("tessaline._check.transport", lambda **_: transport)
     done = check(server.url)
     assert (done.code, done.errors) == (130, "interrupted\n")
 
@@ -227,10 +227,10 @@ def test_ctrl_c(check: Check, server: DevServer, monkeypatch: pytest.MonkeyPatch
 def test_a_server_that_gives_secrets_and_controls_back_is_not_repeated(
     check: Check, server: DevServer, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    def transport(*_: object) -> object:
+    def transport(*_: object, **__: object) -> object:
         raise ValueError("not \x1b[31mthis: " + "ab" * 32 + " nor eyJ" + "a" * 20 + ".eyJ" + "b" * 20 + ".c")
 
-    monkeypatch.setattr(auth, "_default_http_transport", transport)
+    monkeypatch.setattr("tessaline._check.transport", lambda **_: transport)
     with canary.overheard():
         texts = [check(server.url).errors, check(server.url, "--json").report["error"]["text"]]
     for told in texts:

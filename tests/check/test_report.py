@@ -12,13 +12,14 @@ import sys
 import threading
 import time
 from pathlib import Path
+from typing import Any
 
 import pytest
 from eth_account import Account
 
 import canary
 from devserver.testing import DevServer
-from tessaline import auth
+from tessaline.http import transport
 
 from .conftest import Check
 
@@ -115,19 +116,19 @@ def test_a_path_of_the_url_is_kept(check: Check, server: DevServer) -> None:
     assert [one["path"] for one in report["exchanges"]] == ["/none/auth/register"] * 3
 
 
-def test_the_time_limit_is_the_managers_while_it_runs(
+def test_the_time_limit_is_the_transports(
     check: Check, server: DevServer, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     seen = []
 
-    def transport(*arguments: object) -> object:
-        seen.append(auth._auth_http_timeout_seconds())
-        raise OSError(1, "enough")
+    def made(*, timeout: float) -> Any:
+        seen.append(timeout)
+        return transport(timeout=timeout)
 
-    monkeypatch.setattr(auth, "_default_http_transport", transport)
-    check(server.url, "--timeout", "2.5")
-    assert seen == [2.5]
-    assert auth._auth_http_timeout_seconds() == 30.0
+    monkeypatch.setattr("tessaline._check.transport", made)
+    assert check(server.url, "--timeout", "2.5").code == 0
+    assert check(server.url, "--timeout", "86400").code == 0
+    assert seen == [2.5, 3600.0]
 
 
 def test_a_key_from_a_variable(

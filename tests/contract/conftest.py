@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import gc
 import sys
-import threading
 import time
 from collections.abc import Callable, Iterator
 from typing import Any
@@ -13,28 +12,13 @@ import pytest
 
 from tessaline import auth
 
+from .support import endings
 from .support.clocks import HandClock
 from .support.managers import build
 from .support.service import Service
 from .support.threads import ThreadCensus
 
-
-@pytest.fixture(autouse=True)
-def census() -> Iterator[ThreadCensus]:
-    """The threads that a test brings into being; none may be left."""
-    taken = ThreadCensus()
-    yield taken
-    taken.settle(0, "threads left behind", timeout=5.0)
-
-
-@pytest.fixture(autouse=True)
-def nothing_escapes(census: ThreadCensus, monkeypatch: pytest.MonkeyPatch) -> Iterator[None]:
-    """Background threads raise to nobody, and nothing is written off as unraisable."""
-    escaped: list[Any] = []
-    monkeypatch.setattr(threading, "excepthook", lambda seen: escaped.append(seen.exc_value))
-    monkeypatch.setattr(sys, "unraisablehook", lambda seen: escaped.append(seen.exc_value))
-    yield
-    assert escaped == []
+census, nothing_escapes = endings.census, endings.nothing_escapes
 
 
 @pytest.fixture

@@ -2,8 +2,6 @@
 
 from __future__ import annotations
 
-import sys
-import threading
 from collections.abc import Callable, Iterator
 from typing import Any
 
@@ -11,6 +9,7 @@ import pytest
 
 from tessaline import auth
 from tessaline.keeper import Keeper
+from tests.contract.support import endings
 from tests.contract.support.clocks import HandClock
 from tests.contract.support.threads import ThreadCensus
 from tests.shared.threads import Worker
@@ -19,6 +18,8 @@ from .support.driving import Heard
 from .support.looks import Sleepless, quick_looks
 from .support.service import Service
 from .support.wallets import fleet, manager
+
+census, nothing_escapes = endings.census, endings.nothing_escapes
 
 
 @pytest.fixture(scope="package", autouse=True)
@@ -39,24 +40,6 @@ def hanging_report() -> Iterator[tuple[Worker, Any, str]]:
         yield report, keeper, refused
         service.let_go()
         report.finish()
-
-
-@pytest.fixture(autouse=True)
-def census() -> Iterator[ThreadCensus]:
-    """The threads that a test brings into being; none may be left."""
-    taken = ThreadCensus()
-    yield taken
-    taken.settle(0, "threads left behind", timeout=5.0)
-
-
-@pytest.fixture(autouse=True)
-def nothing_escapes(census: ThreadCensus, monkeypatch: pytest.MonkeyPatch) -> Iterator[None]:
-    """Background threads raise to nobody, and nothing is written off as unraisable."""
-    escaped: list[Any] = []
-    monkeypatch.setattr(threading, "excepthook", lambda seen: escaped.append(seen.exc_value))
-    monkeypatch.setattr(sys, "unraisablehook", lambda seen: escaped.append(seen.exc_value))
-    yield
-    assert escaped == []
 
 
 @pytest.fixture(autouse=True)

@@ -42,7 +42,7 @@ class Asker[Answer]:
                     try:
                         self._thread = threading.Thread(target=self._run, name="wallet-token", daemon=True)
                         self._thread.start()
-                    except RuntimeError as error:
+                    except (RuntimeError, MemoryError) as error:
                         failed, self._thread = error, None
                         together, self._waiting = self._waiting, []
         if failed is not None:

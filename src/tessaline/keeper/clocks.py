@@ -22,7 +22,7 @@ class Clock:
     def __init__(self, read: Callable[[], float], is_wall_clock: bool) -> None:
         self.read = read
         self.is_wall_clock = is_wall_clock
-        self.failure: Exception | None = None
+        self._failure: Exception | None = None
         self._now = 0.0
         self._looked_at: float | None = None
         self._passed = 0.0
@@ -34,10 +34,15 @@ class Clock:
             if not math.isfinite(now):
                 raise ValueError(f"the clock says {now}")
         except Exception as error:
-            self.failure = error
+            self._failure = error
         else:
             self._now = now
         return self._now
+
+    def take_failure(self) -> Exception | None:
+        """Why it could not be read, if that has happened since this was asked last."""
+        failure, self._failure = self._failure, None
+        return failure
 
     def jump(self) -> float:
         """By how much it has been set back since this was asked last, as a negative number, or 0.

@@ -9,12 +9,11 @@ from types import TracebackType
 from typing import Self
 
 from tessaline._native import EraBoard, Serving, own_get_token
-from tessaline.auth import AuthError, AuthManager
-from tessaline.errors import MANAGER_CLOSED
+from tessaline.auth import AuthManager
 
 from . import takeover
 from .clocks import Clock
-from .reports import Reports, with_note
+from .reports import Reports, closed_error, with_note
 from .scheduler import Scheduler
 from .status import KeeperEvent, KeeperStatus, summary
 from .wallet import Wallet
@@ -63,10 +62,10 @@ class Keeper(Serving):
         self._reports = Reports(on_event)
         self._scheduler = Scheduler(self._board, at_once, self._reports, is_shared=era_board is not None)
         self._wallets: dict[str, Wallet] = {}
-        self._clocks: dict[int, Clock] = {}
+        clocks: dict[int, Clock] = {}
         try:
             for manager in [managers] if isinstance(managers, AuthManager) else managers:
-                self._add(manager, renew_at)
+                self._add(manager, renew_at, clocks)
             if not self._wallets:
                 raise ValueError("a keeper needs a manager")
         except BaseException:
@@ -74,13 +73,13 @@ class Keeper(Serving):
                 wallet.manager.close()
             raise
         if len(self._wallets) == 1:
-            self._copy = next(iter(self._wallets.values()))._copy
+            self._copy = self._only()._copy
 
-    def _add(self, manager: object, renew_at: float) -> None:
+    def _add(self, manager: object, renew_at: float, clocks: dict[int, Clock]) -> None:
         if not isinstance(manager, AuthManager):
             raise TypeError(f"a keeper holds AuthManagers, not {type(manager).__name__}")
         read = takeover.clock_of(manager)
-        clock = self._clocks.setdefault(id(read), Clock(read, takeover.has_wall_clock(manager)))
+        clock = clocks.setdefault(id(read), Clock(read, takeover.has_wall_clock(manager)))
         wallet = Wallet(manager, clock, self._scheduler, renew_at)
         if wallet.address in self._wallets:
             raise ValueError(f"two managers are of the wallet {wallet.address}")
@@ -106,7 +105,7 @@ class Keeper(Serving):
         """
         with self._scheduler.lock:
             if self._scheduler.is_closed:
-                raise with_note(AuthError(reason=MANAGER_CLOSED), "the keeper is closed: make a new one")
+                raise closed_error()
             events = [event for wallet in self._wallets.values() for event in wallet.begin()]
             self._scheduler.start()
         self._reports.send(events)
@@ -119,7 +118,7 @@ class Keeper(Serving):
         for wallet in self._wallets.values():
             failure = wallet.await_first_token()
             if self._scheduler.is_closed:
-                raise AuthError(reason=MANAGER_CLOSED)
+                raise closed_error()
             if failure is not None:
                 failures.append(with_note(failure, f"It has stopped the wallet {wallet.address}."))
         if len(failures) > 1:
@@ -154,7 +153,7 @@ class Keeper(Serving):
         with self._scheduler.lock:
             # A number that is none is refused by a closed keeper as well.
             if era > 0 and self._scheduler.is_closed:
-                raise AuthError(reason=MANAGER_CLOSED)
+                raise closed_error()
             self._board.announce(era)
             self._scheduler.look_at_board()
 
@@ -171,7 +170,7 @@ class Keeper(Serving):
         if len(self._wallets) == 1:
             return self._only().report_refused(token)
         for wallet in self._wallets.values():
-            if wallet._copy is not None and wallet._copy.token == token:
+            if wallet.holds(token):
                 return wallet.report_refused(token)
         return False
 

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import enum
 import logging
 from types import TracebackType
 from typing import TYPE_CHECKING
@@ -19,6 +20,20 @@ if TYPE_CHECKING:
 
     from .clocks import Clock
     from .takeover import Credentials
+
+
+class _Alarm(enum.IntEnum):
+    """Of what an operator was told for the token that is there."""
+
+    NONE = 0
+    RUNNING_OUT = 1
+    NOTHING_LEFT = 2
+
+
+def _alarm_at(seconds_left: float) -> _Alarm:
+    if seconds_left <= 0:
+        return _Alarm.NOTHING_LEFT
+    return _Alarm.RUNNING_OUT if seconds_left < schedule.RUNNING_OUT else _Alarm.NONE
 
 
 class Ledger:
@@ -58,7 +73,7 @@ class Ledger:
         self._era_met = 0
         self._detail = ""
         self._taken_at = 0.0
-        self._alarm = 0
+        self._alarm = _Alarm.NONE
         self.is_wanted_soon = False
 
     def plan_now(self) -> None:
@@ -90,13 +105,13 @@ class Ledger:
         self.in_hand = self.is_stopped = False
         self.last_success = brought.expiry - takeover.token_lifetime()
         self._error = self._traceback = None
-        self._alarm = 0
+        self._alarm = _Alarm.NONE
         self.is_wanted_soon = self._again or brought.era < self._board.era
         self.due = now if self.is_wanted_soon else self._renewal_of(brought.expiry)
-        era = brought.era if brought.era >= self._board.era > self._era_met else None
-        self._era_met = self._board.era if era is not None else self._era_met
-        if era is not None and kind == "renewed":
-            kind = "era met"
+        era = None
+        if brought.era >= self._board.era > self._era_met:
+            era, self._era_met = brought.era, self._board.era
+            kind = "era met" if kind == "renewed" else kind
         lasts = brought.expiry - now
         message = f"{kind}{'' if era is None else f', {era}'}; the token lasts {duration(lasts)}"
         if was_refused:
@@ -122,7 +137,7 @@ class Ledger:
         if self._is_hopeless(error):
             self.is_stopped = True
             self.due = None
-            self._alarm = self._alarm_at(self.seconds_left())
+            self._alarm = _alarm_at(self.seconds_left())
             message = f"stopped for good: {self._detail}; {self._what_is_left()}"
             return [self._event("stopped", logging.ERROR, message, reason=self._reason)]
         self.due = max(now + schedule.back_off(self.failures), not_before or now)
@@ -145,18 +160,15 @@ class Ledger:
         if self.failures == 0 and not (self.in_hand and now - self._taken_at > schedule.HANGING):
             return []
         left = self.seconds_left()
-        alarm = self._alarm_at(left)
+        alarm = _alarm_at(left)
         is_hiccup = self._copy.token is None and 0 < self.failures < schedule.FAILURES_TO_TELL
         if alarm <= self._alarm or is_hiccup:
             return []
         self._alarm = alarm
-        what = "no token is left to serve" if alarm == 2 else f"less than an hour is left: {duration(left)}"
+        nothing_left = alarm is _Alarm.NOTHING_LEFT
+        what = "no token is left to serve" if nothing_left else f"less than an hour is left: {duration(left)}"
         message = f"{what}; failed attempts: {self.failures}; the last met {self._detail or 'nothing yet'}"
         return [self._event("running out", logging.ERROR, message, reason=self._reason)]
-
-    @staticmethod
-    def _alarm_at(left: float) -> int:
-        return 2 if left <= 0 else 1 if left < schedule.RUNNING_OUT else 0
 
     @property
     def met_an_outage(self) -> bool:

@@ -54,8 +54,8 @@ class Patience:
         asked = _seconds_asked(fields) if status == 429 else 0
         if asked <= SHORT_WAIT:
             return status, fields, content
-        self._answer = status, {**fields, "Retry-After": "0"}, content
         self.not_before = self._clock() + min(asked, LONGEST_BACK_OFF)
+        self._answer = status, {**fields, "Retry-After": "0"}, content
         return self._answer
 
     def _is_early(self) -> bool:

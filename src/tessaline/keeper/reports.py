@@ -5,7 +5,11 @@ from __future__ import annotations
 import contextlib
 import logging
 from collections.abc import Callable, Iterable
+from dataclasses import fields
 from typing import Final
+
+from tessaline.auth import AuthError
+from tessaline.errors import MANAGER_CLOSED
 
 from .status import KeeperEvent
 
@@ -13,17 +17,8 @@ logger: Final = logging.getLogger("tessaline.keeper")
 
 _LONGEST: Final = 500
 
-_FIELDS: Final = (
-    "kind",
-    "address",
-    "at",
-    "seconds_left",
-    "lasts",
-    "reason",
-    "failures",
-    "next_attempt",
-    "era",
-)
+# The record has these of its own.
+_FIELDS: Final = [field.name for field in fields(KeeperEvent) if field.name not in ("level", "message")]
 
 
 class Reports:
@@ -35,8 +30,7 @@ class Reports:
 
     def __init__(self, on_event: Callable[[KeeperEvent], object] | None) -> None:
         self._on_event = on_event
-        self._has_failed = False
-        self._has_told_of_clock = False
+        self._told_once: set[str] = set()
 
     def send(self, events: Iterable[KeeperEvent]) -> None:
         for event in events:
@@ -50,10 +44,7 @@ class Reports:
             logger.error("a step of the keeper has failed; it goes on: %s", detail_of(failure))
 
     def clock_failed(self, failure: Exception) -> None:
-        if not self._has_told_of_clock:
-            self._has_told_of_clock = True
-            with contextlib.suppress(Exception):
-                logger.error("a manager's clock has failed; this is logged once: %s", detail_of(failure))
+        self._error_once("a manager's clock has failed; this is logged once: %s", detail_of(failure))
 
     def _tell(self, event: KeeperEvent) -> None:
         if self._on_event is None:
@@ -61,10 +52,14 @@ class Reports:
         try:
             self._on_event(event)
         except (Exception, SystemExit):
-            if not self._has_failed:
-                self._has_failed = True
-                with contextlib.suppress(Exception):
-                    logger.exception("on_event has raised; this is logged once")
+            self._error_once("on_event has raised; this is logged once", exc_info=True)
+
+    def _error_once(self, message: str, *arguments: object, exc_info: bool = False) -> None:
+        if message in self._told_once:
+            return
+        self._told_once.add(message)
+        with contextlib.suppress(Exception):
+            logger.error(message, *arguments, exc_info=exc_info)
 
 
 def _log(event: KeeperEvent) -> None:
@@ -82,25 +77,30 @@ def with_note(error: Exception, note: str) -> Exception:
     return error
 
 
+def closed_error() -> Exception:
+    """What whoever uses a closed keeper gets."""
+    return with_note(AuthError(reason=MANAGER_CLOSED), "the keeper is closed: make a new one")
+
+
 def words_of(error: BaseException) -> str:
     """What an error says: an `AuthError` its reason. A server's words may be in it, and many."""
-    try:
-        words = str(error)
-    except Exception:
-        words = ""
-    return _plain(words)[:_LONGEST] or type(error).__name__
+    return _plain(lambda: str(error)) or type(error).__name__
 
 
 def detail_of(error: BaseException) -> str:
     """The same with its kind, and what its notes tell of the cause, for the log."""
-    notes = _plain("; ".join(map(str, getattr(error, "__notes__", ()))))
     words = f"{type(error).__name__}: {words_of(error)}"
+    notes = _plain(lambda: "; ".join(map(str, getattr(error, "__notes__", ()))))
     return f"{words} ({notes})"[:_LONGEST] if notes else words
 
 
-def _plain(text: str) -> str:
-    """On one line, whatever a server has put into it."""
-    return "".join(character if character.isprintable() else "?" for character in text)
+def _plain(text_of: Callable[[], str]) -> str:
+    """What an error has to say on one line, and bounded; nothing where asking it raises."""
+    try:
+        text = text_of()
+    except Exception:
+        return ""
+    return "".join(character if character.isprintable() else "?" for character in text)[:_LONGEST]
 
 
 def duration(seconds: float) -> str:

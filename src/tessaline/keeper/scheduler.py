@@ -144,7 +144,7 @@ class Scheduler:
                 self._is_woken = False
                 wait = self._look_at_wallets(events)
                 self._start_workers(events)
-                failures = [clock.failure for clock in self._wallets if clock.failure is not None]
+                failures = [failure for clock in self._wallets if (failure := clock.take_failure())]
             for failure in failures:
                 self._reports.clock_failed(failure)
             self._reports.send(events)

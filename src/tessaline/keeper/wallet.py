@@ -10,11 +10,11 @@ from typing import TYPE_CHECKING, final
 
 from tessaline._native import Serving, TokenCopy, own_get_token
 from tessaline.auth import AuthError, AuthManager
-from tessaline.errors import MANAGER_CLOSED, NOT_AUTHENTICATED
+from tessaline.errors import NOT_AUTHENTICATED
 
 from . import takeover
 from .ledger import Ledger
-from .reports import with_note
+from .reports import closed_error, with_note
 from .schedule import REFUSALS_APART
 from .status import KeeperEvent, WalletState, WalletStatus
 
@@ -85,7 +85,7 @@ class Wallet(Serving):
             Whether another token is current now, so that it is worth repeating the request.
         """
         with self._scheduler.lock:
-            if self._served.token == token and self._may_log_in_for_a_refusal():
+            if self.holds(token) and self._may_log_in_for_a_refusal():
                 self._refused_at = self.clock.now()
                 self._must_log_in = True
                 # A login that is under way will do.
@@ -98,6 +98,10 @@ class Wallet(Serving):
                     REPORT_TIMEOUT,
                 )
             return self._served.token not in (None, token)
+
+    def holds(self, token: str) -> bool:
+        """Whether that is the wallet's current token, good or not."""
+        return self._served.token == token
 
     def _may_log_in_for_a_refusal(self) -> bool:
         # A wallet whose attempts fail is being tried anyway, and one that has stopped is not to be.
@@ -114,30 +118,33 @@ class Wallet(Serving):
         if self._scheduler.is_on_own_thread():
             # It would wait for itself.
             timeout = 0.0
-        deadline = math.inf if timeout is None else time.monotonic() + timeout
         with self._scheduler.lock:
             # The machine may have slept, or another process announced an era.
             self._scheduler.wake()
-            while (token := self._served.get()) is None:
-                self._raise_if_hopeless()
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    raise self.ledger.failure()
-                self._changed.wait(min(left, LONGEST_WAIT))
-            return token
+            outcome = self._wait_until(lambda: self._served.get() or self._is_hopeless(), timeout)
+            if isinstance(outcome, str):
+                return outcome
+            raise self._refusal()
 
-    def _raise_if_hopeless(self) -> None:
+    def _is_hopeless(self) -> bool:
+        return self._patience is None or self.ledger.is_stopped
+
+    def _refusal(self) -> Exception:
         if self._scheduler.is_closed:
-            raise with_note(AuthError(reason=MANAGER_CLOSED), "the keeper is closed: make a new one")
+            return closed_error()
         if self._patience is None:
-            raise with_note(AuthError(reason=NOT_AUTHENTICATED), "call start() of the keeper first")
-        if self.ledger.is_stopped:
-            raise self.ledger.failure()
+            return with_note(AuthError(reason=NOT_AUTHENTICATED), "call start() of the keeper first")
+        return self.ledger.failure()
 
-    def _wait_until(self, is_so: Callable[[], bool], timeout: float | None) -> None:
+    def _wait_until[Outcome](self, look: Callable[[], Outcome], timeout: float | None) -> Outcome:
+        """What the look gives, once that is something, the keeper is closed or the time is over."""
         deadline = math.inf if timeout is None else time.monotonic() + timeout
-        while not (is_so() or self._scheduler.is_closed) and (left := deadline - time.monotonic()) > 0:
+        while not ((outcome := look()) or self._scheduler.is_closed):
+            left = deadline - time.monotonic()
+            if left <= 0:
+                break
             self._changed.wait(min(left, LONGEST_WAIT))
+        return outcome
 
     # What follows is the keeper's. Under the scheduler's lock, except `attempt`.
 

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <limits>
-#include <utility>
 
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/native/types.hpp"
@@ -18,7 +17,7 @@ namespace {
 using auth::python::Ref;
 namespace python = auth::python;
 
-constexpr std::size_t kPageSize = sizeof(std::int64_t);
+constexpr std::size_t kSize = sizeof(std::int64_t);
 
 std::atomic_ref<std::int64_t> word_on(void* page) {
   static_assert(std::atomic_ref<std::int64_t>::is_always_lock_free, "several processes use it");
@@ -34,7 +33,7 @@ PyObject* make(PyTypeObject* type, PyObject* arguments, PyObject* keywords) {
     static constexpr python::Signature kSignature("EraBoard", {}, 0, 0, 0);
     kSignature.bind(arguments, keywords);
     Ref made = python::checked(type->tp_alloc(type, 0));
-    void* const page = mmap(nullptr, kPageSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    void* const page = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (page == MAP_FAILED) {
       PyErr_SetFromErrno(PyExc_OSError);
       throw python::Error::fetch();
@@ -46,7 +45,7 @@ PyObject* make(PyTypeObject* type, PyObject* arguments, PyObject* keywords) {
 
 void deallocate(PyObject* self) {
   PyTypeObject* const type = Py_TYPE(self);
-  if (void* const page = board_of(self).page) munmap(page, kPageSize);
+  if (void* const page = board_of(self).page) munmap(page, kSize);
   type->tp_free(self);
   python::drop(reinterpret_cast<PyObject*>(type));
 }

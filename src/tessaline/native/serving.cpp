@@ -64,11 +64,7 @@ int clear(PyObject* self) {
 }
 
 void deallocate(PyObject* self) {
-  PyTypeObject* const type = Py_TYPE(self);
-  PyObject_GC_UnTrack(self);
-  clear(self);
-  type->tp_free(self);
-  python::drop(reinterpret_cast<PyObject*>(type));
+  deallocate_tracked(self, clear);
 }
 
 int traverse(PyObject* self, visitproc visit, void* arg) {

@@ -16,6 +16,14 @@ PyTypeObject* add_type(PyObject* module, PyType_Spec& spec) {
   return type;
 }
 
+void deallocate_tracked(PyObject* self, inquiry clear) {
+  PyTypeObject* const type = Py_TYPE(self);
+  PyObject_GC_UnTrack(self);
+  clear(self);
+  type->tp_free(self);
+  python::drop(reinterpret_cast<PyObject*>(type));
+}
+
 std::int64_t era_of(PyObject* number) {
   int overflow = 0;
   const long long value = PyLong_AsLongLongAndOverflow(number, &overflow);
