@@ -1,4 +1,4 @@
-/* Announcements and the thread that answers them: manager_era.cpp. */
+/* Announcements and the thread that answers them: manager/era.cpp. */
 
 inline require_era(era) {
   required = pending_era;

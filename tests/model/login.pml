@@ -1,4 +1,4 @@
-/* authenticate: manager_authenticate.cpp. */
+/* authenticate: manager/authenticate.cpp. */
 
 #define WAKE_OWN_WAITERS EFFECT(login_wakes_its_waiters, awake = awake | bit_of(own))
 

@@ -1,4 +1,4 @@
-/* The refresh threads: manager_renewal.cpp and refresh_loop.cpp. */
+/* The refresh threads: manager/renewal.cpp and refresh_loop.cpp. */
 
 /* reauthentication_is_orphaned */
 #define ORPHANED (state == RE_AUTHENTICATING && renewals_running == 0 && !era_thread_lives)

@@ -1,4 +1,4 @@
-/* get_token and the poll: manager_serving.cpp, manager_fast_path.cpp, manager_poll.cpp. */
+/* get_token and the poll: manager/serving.cpp, fast_path.cpp, poll.cpp. */
 
 /* token_if_healthy */
 #define FAST_PATH \

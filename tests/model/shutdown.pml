@@ -1,4 +1,4 @@
-/* close: manager_shutdown.cpp. */
+/* close: manager/close.cpp. */
 
 proctype closer() {
   byte thread;

@@ -32,7 +32,7 @@ def checkout(tmp_path_factory: pytest.TempPathFactory) -> Path:
 
 
 PLANTED = {
-    "clang-format": ("src/tessaline/auth/clock.cpp", "int  planted;\n"),
+    "clang-format": ("src/tessaline/auth/steps/clock.cpp", "int  planted;\n"),
     "ruff-format": ("devserver/app.py", "planted = [1,2]\n"),
     "ruff": ("devserver/app.py", "import os\n"),
     "shellcheck": (".ci/run", "cat $planted\n"),

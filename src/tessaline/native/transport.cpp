@@ -8,10 +8,10 @@
 #include <string_view>
 #include <utility>
 
-#include "tessaline/auth/proxy_environment.hpp"
+#include "tessaline/auth/transport/proxy_environment.hpp"
 #include "tessaline/auth/python/python.hpp"
-#include "tessaline/auth/transport_exchange.hpp"
-#include "tessaline/auth/trust.hpp"
+#include "tessaline/auth/transport/transport_exchange.hpp"
+#include "tessaline/auth/transport/trust.hpp"
 #include "tessaline/native/types.hpp"
 
 namespace tessaline::native {

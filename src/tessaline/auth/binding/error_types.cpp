@@ -1,7 +1,7 @@
 #include "tessaline/auth/binding/error_types.hpp"
 
 #include "tessaline/auth/binding/error_notes.hpp"
-#include "tessaline/auth/errors.hpp"
+#include "tessaline/auth/errors/errors.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 

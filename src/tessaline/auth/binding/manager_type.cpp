@@ -2,16 +2,16 @@
 
 #include <cstddef>
 
-#include "tessaline/auth/advice.hpp"
+#include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/binding/manager_docs.hpp"
-#include "tessaline/auth/clock.hpp"
-#include "tessaline/auth/fork.hpp"
-#include "tessaline/auth/manager.hpp"
+#include "tessaline/auth/steps/clock.hpp"
+#include "tessaline/auth/manager/process_generation.hpp"
+#include "tessaline/auth/manager/manager.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/instance.hpp"
 #include "tessaline/auth/python/python.hpp"
-#include "tessaline/auth/request.hpp"
-#include "tessaline/auth/retry.hpp"
+#include "tessaline/auth/steps/request.hpp"
+#include "tessaline/auth/steps/retry.hpp"
 
 namespace tessaline::auth::binding {
 namespace {

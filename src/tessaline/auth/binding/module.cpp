@@ -3,16 +3,16 @@
 #include <atomic>
 #include <cstdint>
 
-#include "tessaline/auth/advice.hpp"
+#include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/binding/error_types.hpp"
 #include "tessaline/auth/binding/manager_type.hpp"
 #include "tessaline/auth/binding/module_constants.hpp"
 #include "tessaline/auth/binding/module_functions.hpp"
-#include "tessaline/auth/fork.hpp"
-#include "tessaline/auth/manager.hpp"
+#include "tessaline/auth/manager/process_generation.hpp"
+#include "tessaline/auth/manager/manager.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
-#include "tessaline/auth/validation.hpp"
+#include "tessaline/auth/steps/validation.hpp"
 
 namespace tessaline::auth::binding {
 namespace {

@@ -1,11 +1,11 @@
 #include "tessaline/auth/binding/module_functions.hpp"
 
-#include "tessaline/auth/active_manager.hpp"
+#include "tessaline/auth/manager/active_manager.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
-#include "tessaline/auth/token_payload.hpp"
-#include "tessaline/auth/transport.hpp"
-#include "tessaline/auth/validation.hpp"
+#include "tessaline/auth/steps/token_payload.hpp"
+#include "tessaline/auth/transport/default_transport.hpp"
+#include "tessaline/auth/steps/validation.hpp"
 
 namespace tessaline::auth::binding {
 namespace {

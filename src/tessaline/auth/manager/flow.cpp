@@ -1,0 +1,192 @@
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/steps/clock.hpp"
+#include "tessaline/auth/errors/errors.hpp"
+#include "tessaline/auth/manager/manager.hpp"
+#include "tessaline/auth/names.hpp"
+#include "tessaline/auth/python/python.hpp"
+
+namespace tessaline::auth {
+namespace {
+
+/// The unknown, expired and used challenges of a verification's answer.
+bool is_stale_challenge(PyObject* status) {
+  const long code = python::long_value(status);
+  return code == 404 || code == 410 || code == 409;
+}
+
+Ref member_of(const Ref& answer, const python::Name& name) {
+  return python::with_note(advice::kLoginAnswer, [&] { return python::item(answer.get(), name.object()); });
+}
+
+/// The signature of `message` by a copy of the key, since `close` may wipe the original meanwhile.
+Ref sign(const wallet::WalletKey& key, PyObject* message) {
+  if (!PyUnicode_Check(message)) {
+    PyErr_Format(PyExc_TypeError, "challenge message must be str, not %.200s", Py_TYPE(message)->tp_name);
+    throw python::noted(python::Error::fetch(), advice::kLoginAnswer);
+  }
+  const std::string_view text = python::utf8_of(message);
+  wallet::WalletKey copy = key.copy();
+  return python::text(python::without_gil([&](PyThreadState*&) {
+    const wallet::WalletKey used = std::move(copy);
+    return used.sign_personal_message(text);
+  }));
+}
+
+/// The decoder's error would carry the secret in its context and its frames.
+Ref decoded_secret(PyObject* encoded) {
+  Ref secret;
+  std::optional<python::Error> failure = python::caught([&] {
+    secret = python::call_method(python::global(names::base64).get(), names::b64decode, {encoded});
+  });
+  if (!failure) return secret;
+  if (python::tells_of_misuse(*failure)) failure = python::noted(std::move(*failure), advice::kLoginAnswer);
+  python::raise_bare(std::move(*failure));
+}
+
+Ref era_of(PyObject* token) {
+  return python::call(python::global(names::jwt_era_number).get(), {token});
+}
+
+bool is_at_least(PyObject* era, PyObject* pending_era) {
+  return era != Py_None && python::at_least(era, pending_era);
+}
+
+}  // namespace
+
+Ref AuthManager::do_auth_flow() {
+  const Ref address = get(Field::kWalletAddress);
+  const Ref method = python::text("POST");
+  const Ref most_attempts = python::global(names::auth_flow_http_max_attempts);
+  const auto post = [&](const char* endpoint, const Ref& body) {
+    return python::call_method(object(), names::request_with_retry,
+                               {method.get(), python::text(endpoint).get()},
+                               {{names::body_dict, body.get()}, {names::max_attempts, most_attempts.get()}});
+  };
+  const auto raise_if_closing = [&] {
+    if (event_is_set(Field::kCloseEvent)) raise_auth_error(reason::kManagerClosed);
+  };
+
+  if (is_true(Field::kRegisterWallet)) {
+    Ref body = python::dictionary({{names::wallet_address, address.get()}});
+    const Ref invite = get(Field::kInviteCode);
+    if (!invite.is_none()) python::set_entry(body.get(), names::invite_code, invite.get());
+    post(path::kRegister, body);
+    set(Field::kRegistrationAcknowledged, true);
+  }
+
+  const Ref most_cycles = python::global(names::auth_flow_challenge_max_cycles);
+  for (long cycle = python::long_value(most_cycles.get()); cycle > 0; --cycle) {
+    raise_if_closing();
+    const Ref challenge =
+        post(path::kChallenge, python::dictionary({{names::wallet_address, address.get()}}));
+    const Ref offer = std::move(python::unpack3(challenge.get())[2]);
+    raise_if_closing();
+    const Ref challenge_id = member_of(offer, names::challenge_id);
+    const Ref message = member_of(offer, names::message);
+    if (key == nullptr) raise_auth_error(reason::kManagerClosed);
+    const Ref signature = sign(*key, message.get());
+    const Ref body =
+        python::dictionary({{names::challenge_id, challenge_id.get()}, {names::signature, signature.get()}});
+    const Ref verification = python::call_method(object(), names::request_with_retry,
+                                                 {method.get(), python::text(path::kVerify).get()},
+                                                 {{names::body_dict, body.get()},
+                                                  {names::is_verify, Py_True},
+                                                  {names::max_attempts, most_attempts.get()}});
+    const auto [status, headers, grant] = python::unpack3(verification.get());
+    if (is_stale_challenge(status.get())) continue;
+    Ref token = member_of(grant, names::token);
+    Ref expires_at = member_of(grant, names::expires_at);
+    const Ref encoded_secret = member_of(grant, names::wallet_secret);
+    Ref secret = decoded_secret(encoded_secret.get());
+    return python::triple(std::move(token), std::move(expires_at), std::move(secret));
+  }
+  const Ref error = new_network_error("stale authentication challenge after ", most_cycles.get());
+  python::add_note(error.get(), advice::kStaleChallenge);
+  python::raise(error.get());
+}
+
+Ref AuthManager::do_auth_flow_matching_pending_era() {
+  static constexpr int kMostFlows = 2;
+  for (int flow = 0; flow < kMostFlows; ++flow) {
+    auto [token, expires_at, secret] = python::unpack3(call_own(names::do_auth_flow).get());
+    Ref pending_era;
+    {
+      const Locked lock(*this);
+      pending_era = get(Field::kPendingEraNumber);
+    }
+    if (pending_era.is_none() || is_at_least(era_of(token.get()).get(), pending_era.get())) {
+      return python::triple(std::move(token), std::move(expires_at), std::move(secret));
+    }
+  }
+  raise_auth_error(reason::kEraMismatch);
+}
+
+Ref AuthManager::highest_era() {
+  PyObject* const highest = at(Hidden::kHighestEra);
+  return Ref::borrow(highest == nullptr ? Py_None : highest);
+}
+
+void AuthManager::require_era_announced_since(PyObject* era_before, PyObject* token) {
+  const Ref highest = highest_era();
+  if (highest.get() == era_before) return;
+  // Storing looks at an era that is still pending, and at the wallet and its secret before that.
+  if (is_at_least(get(Field::kPendingEraNumber).get(), highest.get())) return;
+  if (is_at_least(era_of(token).get(), highest.get())) return;
+  raise_auth_error(reason::kEraMismatch);
+}
+
+Ref AuthManager::store_auth_result(PyObject* token, PyObject* wallet_secret) {
+  python::call(python::global(names::assert_token_subject).get(), {token, get(Field::kWalletAddress).get()});
+  const Ref known_secret = get(Field::kWalletSecret);
+  if (!known_secret.is_none() && !python::equal(known_secret.get(), wallet_secret)) {
+    raise_auth_error(reason::kWalletSecretChanged);
+  }
+  const Ref pending_era = get(Field::kPendingEraNumber);
+  if (!pending_era.is_none() && !is_at_least(era_of(token).get(), pending_era.get())) {
+    raise_auth_error(reason::kEraMismatch);
+  }
+  const Ref now = call_own(names::get_time);
+  Ref expiry;
+  reckon_with(now.get(),
+              [&] { expiry = python::add(now.get(), python::global(names::token_lifetime).get()); });
+  Ref refresh_at = call_own(names::compute_refresh_at, {now.get()});
+
+  set(Field::kToken, Ref::borrow(token));
+  set(Field::kWalletSecret, Ref::borrow(wallet_secret));
+  set(Field::kAuthTime, Ref::borrow(now.get()));
+  set(Field::kTokenIat, Ref::borrow(now.get()));
+  set(Field::kTokenExpiry, std::move(expiry));
+  set(Field::kRefreshAt, std::move(refresh_at));
+  set_state(State::kAuthenticated);
+  set(Field::kPermanentRefreshError, false);
+  set(Field::kAuthError, Ref::none());
+  set(Field::kReauthMode, Ref::none());
+  set(Field::kPendingEraNumber, Ref::none());
+  clear_event(Field::kRefreshEvent);
+  if (!is_none(Field::kAuthEvent)) set_event(Field::kAuthEvent);
+  set_event(Field::kRefreshDone);
+  return Ref::none();
+}
+
+Ref AuthManager::compute_refresh_at(PyObject* auth_time) {
+  const Ref jitter =
+      python::call_method(python::global(names::random).get(), names::uniform,
+                          {python::number(-kRefreshJitter).get(), python::number(kRefreshJitter).get()});
+  const Ref delay = python::multiply(python::global(names::token_lifetime).get(),
+                                     python::global(names::refresh_ratio).get());
+  const Ref factor = python::add(python::integer(1).get(), jitter.get());
+  return python::add(auth_time, python::multiply(delay.get(), factor.get()).get());
+}
+
+Ref AuthManager::raise_if_pending_era_locked() {
+  if (is_none(Field::kPendingEraNumber)) return Ref::none();
+  const Ref failure = get(Field::kAuthError);
+  if (!failure.is_none()) raise_again(failure.get());
+  raise_auth_error(reason::kEraChangePending);
+}
+
+}  // namespace tessaline::auth

@@ -1,0 +1,212 @@
+#include "tessaline/auth/steps/retry.hpp"
+
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/constants.hpp"
+#include "tessaline/auth/errors/errors.hpp"
+#include "tessaline/auth/names.hpp"
+#include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/steps/verdict.hpp"
+
+namespace tessaline::auth {
+namespace {
+
+using python::Ref;
+
+constexpr long kProfileRetryAfter = 60;  // seconds
+
+/// Where an unreadable "Retry-After" was met, as the log names it.
+struct HintScope {
+  const char* name;
+  long source_line;
+};
+
+constexpr HintScope kProfileScope{"profile", 452};
+constexpr HintScope kRequestScope{"request", 461};
+
+void log_invalid_retry_after(const HintScope& scope) {
+  Ref metadata = python::dictionary({{names::reason, python::text("invalid_retry_after").get()},
+                                     {names::scope, python::text(scope.name).get()}});
+  python::call(python::global(names::log_library_surface_event).get(),
+               {python::text("Authentication and HTTP transport").get(), python::text("error").get()},
+               {{names::sub_service, python::text("auth").get()},
+                {names::component, python::text("retry").get()},
+                {names::metadata, metadata.get()},
+                {names::source_function, python::text("_request_with_retry").get()},
+                {names::source_file, python::text("tessaline_library/src/tessaline/auth").get()},
+                {names::source_line, python::integer(scope.source_line).get()}});
+}
+
+Ref raw_hint(PyObject* headers) {
+  Ref lowercase =
+      python::call_method(headers, names::get, {python::text("retry-after").get(), python::text("").get()});
+  return python::call_method(headers, names::get, {python::text("Retry-After").get(), lowercase.get()});
+}
+
+/// The seconds that the server asks to wait (RFC 9110, section 10.2.3, delay-seconds only), else `fallback`.
+Ref retry_after(PyObject* headers, Ref fallback, const HintScope& scope) {
+  const Ref header = python::with_note(advice::kTransportAnswer, [headers] { return raw_hint(headers); });
+  if (!python::truthy(header.get())) return fallback;
+  Ref seconds;
+  std::optional<python::Error> failure = python::caught(
+      [&] { seconds = python::call(reinterpret_cast<PyObject*>(&PyLong_Type), {header.get()}); });
+  if (!failure) return seconds;
+  if (!failure->matches(PyExc_ValueError)) throw std::move(*failure);
+  log_invalid_retry_after(scope);
+  return fallback;
+}
+
+/// The entry "error" of a JSON object, or an empty reference.
+Ref error_entry(PyObject* value) {
+  return PyDict_Check(value) ? python::entry(value, names::error) : Ref();
+}
+
+/// One call of `request_with_retry`: its attempts and its back-off delay.
+class Retry {
+ public:
+  Retry(PyObject* manager, const RetriedRequest& request)
+      : manager_(manager), request_(request), backoff_(python::global(names::backoff_base)) {}
+
+  Ref run() {
+    for (;;) {
+      raise_if_closing();
+      Ref answer = attempt();
+      if (!answer) continue;
+      if (settled(answer.get())) return answer;
+    }
+  }
+
+ private:
+  void raise_if_closing() {
+    Ref event = python::attribute(manager_, names::close_event);
+    if (python::truthy(python::call_method(event.get(), names::is_set).get())) {
+      raise_auth_error(reason::kManagerClosed);
+    }
+  }
+
+  /// The answer, or an empty reference after a network failure that has been waited out.
+  Ref attempt() {
+    Ref answer;
+    std::optional<python::Error> failure = python::caught([&] {
+      answer =
+          python::call_method(manager_, names::http_request, {request_.method, request_.path},
+                              {{names::body_dict, request_.body_dict}, {names::headers, request_.headers}});
+    });
+    if (!failure) return answer;
+    if (!failure->matches(PyExc_ConnectionError) && !failure->matches(PyExc_TimeoutError)) {
+      throw std::move(*failure);
+    }
+    const python::Handling handling(*failure);
+    last_failure_ = Py_TYPE(failure->exception());
+    back_off();
+    last_failure_ = nullptr;
+    return {};
+  }
+
+  /// True when the caller gets the answer; false when it has been waited out; raises for a refusal.
+  bool settled(PyObject* answer) {
+    const auto [status, headers, value] = python::unpack3(answer);
+    const Ref server_reason = error_entry(value.get());
+    PyObject* const given_status = status.get();
+    last_status_ = python::with_note(advice::kTransportAnswer,
+                                     [given_status] { return python::long_value(given_status); });
+    const Verdict verdict = judge(server_reason);
+    switch (verdict.outcome) {
+      case Outcome::kGiveBack:
+        return true;
+      case Outcome::kRefuse:
+        raise_auth_error(verdict.reason);
+      case Outcome::kRefuseRegistration:
+        raise_registration_error(server_reason.get());
+      case Outcome::kProfileInvalid:
+        raise_invalid_profile(server_reason);
+      case Outcome::kProfileRateLimited:
+        raise_rate_limited(headers.get());
+      case Outcome::kWaitAsTold:
+        count_attempt_and_wait(retry_after(headers.get(), Ref::borrow(backoff_.get()), kRequestScope).get());
+        return false;
+      case Outcome::kBackOff:
+        back_off();
+        return false;
+    }
+    return true;
+  }
+
+  Verdict judge(const Ref& server_reason) const {
+    std::optional<std::string_view> reason_text;
+    if (server_reason && PyUnicode_Check(server_reason.get())) reason_text = ascii_of(server_reason.get());
+    return classify(last_status_, python::utf8_of(request_.path), request_.is_verify, reason_text);
+  }
+
+  /// Reasons are ASCII; any other text is no reason, and may not even have a UTF-8 form.
+  static std::optional<std::string_view> ascii_of(PyObject* value) {
+    if (!PyUnicode_IS_ASCII(value)) return std::nullopt;
+    return python::utf8_of(value);
+  }
+
+  [[noreturn]] static void raise_invalid_profile(const Ref& server_reason) {
+    const Ref message = server_reason ? Ref::borrow(server_reason.get()) : python::text("");
+    raise_profile_error(reason::kValidationFailed, names::message, message.get());
+  }
+
+  [[noreturn]] static void raise_rate_limited(PyObject* headers) {
+    const Ref hint = retry_after(headers, python::integer(kProfileRetryAfter), kProfileScope);
+    raise_profile_error(reason::kRateLimited, names::retry_after, hint.get());
+  }
+
+  [[noreturn]] void raise_unreachable(PyObject* attempts) const {
+    const Ref error = new_network_error("Server unreachable after ", attempts);
+    if (PyUnicode_Check(request_.method) && PyUnicode_Check(request_.path)) {
+      python::add_note_from(error.get(), [this] { return what_happened_last(); });
+    }
+    python::raise(error.get());
+  }
+
+  Ref what_happened_last() const {
+    if (last_failure_ != nullptr) {
+      return python::checked(
+          PyUnicode_FromFormat(advice::kLastFailure, request_.method, request_.path, last_failure_->tp_name));
+    }
+    const bool may_pass = last_status_ == 429 || last_status_ >= 500;
+    return python::checked(PyUnicode_FromFormat(may_pass ? advice::kLastStatus : advice::kLastOddStatus,
+                                                request_.method, request_.path, last_status_));
+  }
+
+  void back_off() {
+    count_attempt_and_wait(backoff_.get());
+    Ref doubled = python::multiply(backoff_.get(), python::integer(2).get());
+    Ref cap = python::global(names::backoff_cap);
+    backoff_ = python::less(cap.get(), doubled.get()) ? std::move(cap) : std::move(doubled);
+  }
+
+  void count_attempt_and_wait(PyObject* seconds) {
+    ++attempts_;
+    Ref attempts = python::integer(attempts_);
+    if (request_.max_attempts != Py_None && !python::less(attempts.get(), request_.max_attempts)) {
+      raise_unreachable(attempts.get());
+    }
+    python::set_attribute(manager_, names::in_transient_backoff, Py_True);
+    std::optional<python::Error> failure =
+        python::caught([&] { python::call_method(manager_, names::wait_with_clock, {seconds}); });
+    python::set_attribute(manager_, names::in_transient_backoff, Py_False);
+    if (failure) throw std::move(*failure);
+  }
+
+  PyObject* manager_;
+  const RetriedRequest& request_;
+  Ref backoff_;
+  long attempts_ = 0;
+  long last_status_ = 0;
+  PyTypeObject* last_failure_ = nullptr;  ///< while it is being handled
+};
+
+}  // namespace
+
+Ref request_with_retry(PyObject* manager, const RetriedRequest& request) {
+  return Retry(manager, request).run();
+}
+
+}  // namespace tessaline::auth
