@@ -8,8 +8,8 @@
 #include <string_view>
 #include <utility>
 
-#include "tessaline/auth/transport/proxy_environment.hpp"
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/transport/proxy_environment.hpp"
 #include "tessaline/auth/transport/transport_exchange.hpp"
 #include "tessaline/auth/transport/trust.hpp"
 #include "tessaline/native/types.hpp"

@@ -2,14 +2,14 @@
 
 #include <cstddef>
 
-#include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/binding/manager_docs.hpp"
-#include "tessaline/auth/steps/clock.hpp"
-#include "tessaline/auth/manager/process_generation.hpp"
+#include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/manager/manager.hpp"
+#include "tessaline/auth/manager/process_generation.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/instance.hpp"
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/steps/clock.hpp"
 #include "tessaline/auth/steps/request.hpp"
 #include "tessaline/auth/steps/retry.hpp"
 
@@ -43,10 +43,7 @@ int initialise(PyObject* self, PyObject* arguments, PyObject* keywords) {
 }
 
 int clear(PyObject* self) {
-  AuthManager& manager = manager_of(self);
-  for (PyObject*& field : manager.fields) python::drop(std::exchange(field, nullptr));
-  for (PyObject*& slot : manager.hidden) python::drop(std::exchange(slot, nullptr));
-  python::drop(std::exchange(manager.dict, nullptr));
+  manager_of(self).clear();
   return 0;
 }
 
@@ -64,11 +61,7 @@ void deallocate(PyObject* self) {
 
 int traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(Py_TYPE(self));
-  AuthManager& manager = manager_of(self);
-  for (PyObject* field : manager.fields) Py_VISIT(field);
-  for (PyObject* slot : manager.hidden) Py_VISIT(slot);
-  Py_VISIT(manager.dict);
-  return 0;
+  return manager_of(self).traverse(visit, arg);
 }
 
 /// The manager as this process may use it.

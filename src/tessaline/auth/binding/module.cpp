@@ -3,13 +3,13 @@
 #include <atomic>
 #include <cstdint>
 
-#include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/binding/error_types.hpp"
 #include "tessaline/auth/binding/manager_type.hpp"
 #include "tessaline/auth/binding/module_constants.hpp"
 #include "tessaline/auth/binding/module_functions.hpp"
-#include "tessaline/auth/manager/process_generation.hpp"
+#include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/manager/manager.hpp"
+#include "tessaline/auth/manager/process_generation.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/steps/validation.hpp"
@@ -69,6 +69,7 @@ int execute(PyObject* module) {
     import_host_modules();
     watch_forks();
     python::know_host_events();
+    python::know_own_get_ident();
     add_constants();
     make_manager_texts();
     add_error_types(module);

@@ -4,8 +4,8 @@
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/steps/token_payload.hpp"
-#include "tessaline/auth/transport/default_transport.hpp"
 #include "tessaline/auth/steps/validation.hpp"
+#include "tessaline/auth/transport/default_transport.hpp"
 
 namespace tessaline::auth::binding {
 namespace {

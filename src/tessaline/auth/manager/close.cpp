@@ -2,7 +2,7 @@
 #include <utility>
 
 #include "tessaline/auth/errors/errors.hpp"
-#include "tessaline/auth/manager/manager.hpp"
+#include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
@@ -13,9 +13,9 @@ constexpr double kJoinSeconds = 1.0;
 
 /// False when the manager is closed already.
 bool enter_closed(AuthManager& manager) {
-  const Locked lock(manager);
-  if (manager.closed()) return false;
-  manager.mark_closed();
+  const HeldLock held(manager);
+  if (held.closed()) return false;
+  manager.mark_closed(held);
   return true;
 }
 
@@ -39,53 +39,70 @@ class Steps {
 };
 
 void wake_waiters(AuthManager& manager, PyObject* error) {
-  const Locked lock(manager);
-  if (manager.is_none(Field::kAuthEvent)) return;
-  manager.set(Field::kAuthError, Ref::borrow(error));
-  manager.set_event(Field::kAuthEvent);
+  {
+    const HeldLock held(manager);
+    if (!held.is_none(Field::kAuthEvent)) manager.record_failure(held, error);
+    // An error that stays has frames, and they own what they own.
+    const Ref left = held.get(Field::kAuthError);
+    if (PyExceptionInstance_Check(left.get())) python::set_traceback(left.get(), Py_None);
+  }
+  // Also where a program has put another event into the field.
+  manager.wake_waiters_of(*manager.current_attempt());
 }
 
+void forget_last_attempt(AuthManager& manager) {
+  AttemptRef none = Attempt::make(Attempt::Kind::kProgram, Ref::none());
+  const HeldLock held(manager);
+  manager.replace_attempt(held, std::move(none));
+}
+
+/// Without the lock: the state has turned all readers away.
 void forget_credentials(AuthManager& manager) {
   manager.wipe_key();
   for (const Field field : {Field::kToken, Field::kWalletSecret, Field::kTokenIat, Field::kTokenExpiry}) {
-    manager.set(field, Ref::none());
+    python::drop(std::exchange(manager.at(field), Py_NewRef(Py_None)));
   }
 }
 
 void join_refresh_thread(AuthManager& manager) {
-  const Ref thread = manager.get(Field::kRefreshThread);
+  const Ref thread = manager.value_of(Field::kRefreshThread);
   const Ref here = python::call_method(python::global(names::threading).get(), names::current_thread);
   if (!thread.is_none() && thread.get() != here.get()) {
     python::call_method(thread.get(), names::join, {},
                         {{names::timeout, python::number(kJoinSeconds).get()}});
   }
-  manager.set(Field::kRefreshThread, Ref::none());
+  python::drop(std::exchange(manager.at(Field::kRefreshThread), Py_NewRef(Py_None)));
 }
 
 }  // namespace
 
-void AuthManager::mark_closed() noexcept {
-  set_state(State::kClosed);
-  set(Field::kReauthMode, Ref::none());
-  set(Field::kPendingEraNumber, Ref::none());
+void AuthManager::mark_closed(const HeldLock& held) noexcept {
+  held.set_state(State::kClosed);
+  held.set(Field::kReauthMode, Ref::none());
+  held.set(Field::kPendingEraNumber, Ref::none());
 }
 
 Ref AuthManager::close() {
   // A signal handler or a finalizer that ran under the lock; done as soon as it is free.
   if (holds_lock(*this)) {
-    close_deferred = !closed();
+    lock.close_deferred = state_of(value_of(Field::kState).get()) != State::kClosed;
     return Ref::none();
   }
   if (enter_closed(*this)) complete_close();
   return Ref::none();
 }
 
+void AuthManager::finish_deferred_close() noexcept {
+  lock.close_deferred = false;
+  static_cast<void>(python::caught([this] { complete_close(); }));
+}
+
 void AuthManager::complete_close() {
   // There is no second chance: a further call finds the manager closed.
   Steps steps;
   // The refresh thread is woken when it can see why. A caller that waits for a refresh has none to wait for.
-  for (const Field event :
-       {Field::kCloseEvent, Field::kRefreshStop, Field::kRefreshEvent, Field::kRefreshDone}) {
+  for (const FreeField event : {FreeField(Field::kCloseEvent), FreeField(Field::kRefreshStop),
+                                FreeField(Field::kRefreshEvent), FreeField(Field::kRefreshDone)}) {
     steps.take([&] { set_event(event); });
   }
   Ref error;
@@ -94,6 +111,7 @@ void AuthManager::complete_close() {
   if (!error) error = steps.first();
   steps.take([&] { wake_waiters(*this, error.get()); });
   forget_credentials(*this);
+  steps.take([&] { forget_last_attempt(*this); });
   steps.raise_first();
   join_refresh_thread(*this);
 }

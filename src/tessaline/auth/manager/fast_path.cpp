@@ -1,7 +1,9 @@
+#include <dlfcn.h>
 #include <time.h>
 
 #include <algorithm>
 #include <optional>
+#include <string_view>
 
 #include "tessaline/auth/manager/manager.hpp"
 #include "tessaline/auth/names.hpp"
@@ -9,23 +11,26 @@
 
 // `get_token` in front of every request of the host: a healthy manager on the default clock is served from
 // one look at its fields. Under the interpreter's lock, with `_lock` free, that look cannot be told from one
-// under `_lock`. Whatever is not plainly healthy takes the full path.
+// under `_lock`. Whatever is not plainly healthy takes the full path, and so does whatever a program may have
+// patched: the clock's function, the class, the instance.
 
 namespace tessaline::auth {
 namespace {
 
-/// Host facilities whose behaviour is known and which may therefore be read without calling them.
-struct KnownHost {
-  PyObject* wall_clock = nullptr;      ///< `time.time`
+/// What is the interpreter's own or the class's own, and may therefore be read without calling it.
+struct Known {
+  PyCFunction wall_clock = nullptr;    ///< the function behind `time.time`
   PyTypeObject* lock_type = nullptr;   ///< of `threading.Lock()`
   PyCFunction lock_is_held = nullptr;  ///< its method `locked`
-  PyObject* get_time = nullptr;        ///< the manager's own methods, as its class defines them
+  PyObject* get_time = nullptr;        ///< the members on the full path, as the class defines them
   PyObject* era_guard = nullptr;
+  PyObject* clock = nullptr;
+  PyCFunction poll = nullptr;
 };
 
-KnownHost host;
+Known known;
 
-/// The class that was last found to leave the methods on the full path as they are, as it stood then.
+/// The class that was last found to leave the members on the full path as they are, as it stood then.
 PyTypeObject* plain_type = nullptr;
 unsigned int plain_version = 0;
 
@@ -33,14 +38,16 @@ Ref class_attribute(PyTypeObject* type, const python::Name& name) {
   return python::attribute(reinterpret_cast<PyObject*>(type), name);
 }
 
-bool keeps_methods(PyTypeObject* type) {
-  return class_attribute(type, names::get_time).get() == host.get_time &&
-         class_attribute(type, names::raise_if_pending_era_locked).get() == host.era_guard;
+bool keeps_members(PyTypeObject* type) {
+  return type->tp_getattro == PyObject_GenericGetAttr &&
+         class_attribute(type, names::get_time).get() == known.get_time &&
+         class_attribute(type, names::raise_if_pending_era_locked).get() == known.era_guard &&
+         class_attribute(type, names::clock).get() == known.clock;
 }
 
 bool is_plain(PyTypeObject* type) {
   if (type == plain_type && type->tp_version_tag == plain_version && plain_version != 0) return true;
-  if (!keeps_methods(type)) return false;
+  if (!keeps_members(type)) return false;
   plain_type = type;
   plain_version = type->tp_version_tag;
   return true;
@@ -55,8 +62,8 @@ bool is_patched(PyObject* dict) {
 }
 
 bool is_free(PyObject* lock) {
-  return lock != nullptr && host.lock_is_held != nullptr && Py_IS_TYPE(lock, host.lock_type) &&
-         host.lock_is_held(lock, nullptr) == Py_False;
+  return lock != nullptr && known.lock_is_held != nullptr && Py_IS_TYPE(lock, known.lock_type) &&
+         known.lock_is_held(lock, nullptr) == Py_False;
 }
 
 std::optional<double> instant_in(PyObject* field) {
@@ -67,15 +74,42 @@ std::optional<double> instant_in(PyObject* field) {
 /// Far more than the kernel's longest tick (10 ms).
 constexpr double kTickSeconds = 1.0;
 
-/// The wall clock as it stood at the kernel's last tick, which costs a fraction of an exact reading.
-double wall_clock_at_last_tick() {
+/// Whether the function is the interpreter's: a library that fakes the time has put its own into the same
+/// function object.
+bool is_of_interpreter(PyCFunction function) {
+  Dl_info its{};
+  Dl_info interpreters{};
+  return dladdr(reinterpret_cast<void*>(function), &its) != 0 &&
+         dladdr(reinterpret_cast<void*>(&PyTime_TimeRaw), &interpreters) != 0 &&
+         its.dli_fbase == interpreters.dli_fbase;
+}
+
+/// Learns `time.time` when it is first seen as it is.
+void learn_wall_clock(PyObject* clock) {
+  if (known.wall_clock != nullptr || !PyCFunction_CheckExact(clock)) return;
+  const PyMethodDef* const definition = reinterpret_cast<PyCFunctionObject*>(clock)->m_ml;
+  const bool is_time = std::string_view(definition->ml_name) == "time" && definition->ml_flags == METH_NOARGS;
+  if (is_time && is_of_interpreter(definition->ml_meth)) known.wall_clock = definition->ml_meth;
+}
+
+/// Looks at the function itself: the object may be the same with another behind it.
+bool is_wall_clock(PyObject* clock) {
+  if (clock == nullptr || !PyCFunction_CheckExact(clock)) return false;
+  if (known.wall_clock == nullptr) learn_wall_clock(clock);
+  return known.wall_clock != nullptr && PyCFunction_GET_FUNCTION(clock) == known.wall_clock;
+}
+
+/// Whether an instant is ahead of the wall clock as it stood at the kernel's last tick, which costs a
+/// fraction of an exact reading.
+bool is_far_ahead(double instant) {
   timespec tick{};
-  clock_gettime(CLOCK_REALTIME_COARSE, &tick);
-  return static_cast<double>(tick.tv_sec) + static_cast<double>(tick.tv_nsec) * 1e-9;
+  if (clock_gettime(CLOCK_REALTIME_COARSE, &tick) != 0) return false;
+  const double now = static_cast<double>(tick.tv_sec) + static_cast<double>(tick.tv_nsec) * 1e-9;
+  return now + kTickSeconds < instant;
 }
 
 bool is_future(double instant) {
-  if (wall_clock_at_last_tick() + kTickSeconds < instant) return true;
+  if (is_far_ahead(instant)) return true;
   PyTime_t now = 0;
   return PyTime_TimeRaw(&now) == 0 && PyTime_AsSecondsDouble(now) < instant;
 }
@@ -83,17 +117,25 @@ bool is_future(double instant) {
 }  // namespace
 
 void know_host(PyTypeObject* manager_type) {
-  host.get_time = class_attribute(manager_type, names::get_time).release();
-  host.era_guard = class_attribute(manager_type, names::raise_if_pending_era_locked).release();
-  host.wall_clock = python::attribute(python::global(names::time).get(), names::wall_clock).release();
+  known.get_time = class_attribute(manager_type, names::get_time).release();
+  known.era_guard = class_attribute(manager_type, names::raise_if_pending_era_locked).release();
+  known.clock = class_attribute(manager_type, names::clock).release();
+  const Ref poll = class_attribute(manager_type, names::poll_for_reauth);
+  known.poll = reinterpret_cast<PyMethodDescrObject*>(poll.get())->d_method->ml_meth;
   const Ref lock = python::call_method(python::global(names::threading).get(), names::lock);
-  host.lock_type = Py_TYPE(lock.get());
-  const Ref method = python::attribute(reinterpret_cast<PyObject*>(host.lock_type), names::locked);
+  known.lock_type = Py_TYPE(lock.get());
+  const Ref method = python::attribute(reinterpret_cast<PyObject*>(known.lock_type), names::locked);
   if (Py_IS_TYPE(method.get(), &PyMethodDescr_Type)) {
     const PyMethodDef* definition = reinterpret_cast<PyMethodDescrObject*>(method.get())->d_method;
-    if (definition->ml_flags == METH_NOARGS) host.lock_is_held = definition->ml_meth;
+    if (definition->ml_flags == METH_NOARGS) known.lock_is_held = definition->ml_meth;
   }
-  Py_INCREF(host.lock_type);
+  Py_INCREF(known.lock_type);
+}
+
+bool has_own_poll(PyObject* manager) {
+  const Ref poll = python::attribute(manager, names::poll_for_reauth);
+  return PyCFunction_CheckExact(poll.get()) && PyCFunction_GET_FUNCTION(poll.get()) == known.poll &&
+         PyCFunction_GET_SELF(poll.get()) == manager;
 }
 
 Ref AuthManager::token_if_healthy() {
@@ -103,7 +145,7 @@ Ref AuthManager::token_if_healthy() {
   const bool looks_healthy = field(Field::kState) == state_text(State::kAuthenticated) &&
                              field(Field::kPendingEraNumber) == Py_None &&
                              field(Field::kPermanentRefreshError) == Py_False &&
-                             field(Field::kClock) == host.wall_clock && is_free(field(Field::kLock));
+                             is_wall_clock(field(Field::kClock)) && is_free(field(Field::kLock));
   if (!looks_healthy) return {};
   PyObject* const token = field(Field::kToken);
   if (token == nullptr || token == Py_None) return {};

@@ -73,20 +73,35 @@ inline constexpr const char* kFieldNames[] = {
 
 static_assert(std::size(kFieldNames) == kFieldCount);
 
-/// What a manager keeps besides its fields, unseen by the host.
-enum class Hidden : std::size_t {
-  kNewestRefreshThread,  ///< the refresh thread started last, while its loop may still refresh
-  kOlderRefreshThreads,  ///< list of those that a newer one has superseded and that may still sleep
-  kEraThread,            ///< the era-change thread started last
-  kEraEvent,             ///< the event of the attempt that it was started for
-  kHighestEra,           ///< the highest era announced so far
-  kRetiredError,         ///< replaced under `_lock`, to be dropped after it
-  kRaisedError,          ///< the stored error that was raised again last, and its traceback before that
-  kRaisedTraceback,
-  kFailedEvent,  ///< the event of the attempt that failed last, and what was recorded of the failure
-  kFailedError,
-};
+/// Whether `_lock` guards it: then `HeldLock` is the way to it. The others are set once, are events, which
+/// are safe by themselves, or are one store of whoever runs the flow.
+constexpr bool is_guarded(Field field) {
+  switch (field) {
+    case Field::kState:
+    case Field::kToken:
+    case Field::kTokenIat:
+    case Field::kTokenExpiry:
+    case Field::kWalletSecret:
+    case Field::kAuthTime:
+    case Field::kAuthEvent:
+    case Field::kAuthError:
+    case Field::kRefreshThread:
+    case Field::kRefreshAt:
+    case Field::kPermanentRefreshError:
+    case Field::kReauthMode:
+    case Field::kPendingEraNumber:
+      return true;
+    default:
+      return false;
+  }
+}
 
-inline constexpr std::size_t kHiddenCount = static_cast<std::size_t>(Hidden::kFailedError) + 1;
+/// A field that `_lock` does not guard; another does not compile.
+struct FreeField {
+  consteval FreeField(Field free) : field(free) {  // NOLINT(google-explicit-constructor): stands for a Field
+    if (is_guarded(free)) throw "guarded by _lock";
+  }
+  Field field;
+};
 
 }  // namespace tessaline::auth

@@ -3,9 +3,9 @@
 #include <utility>
 
 #include "tessaline/auth/errors/advice.hpp"
-#include "tessaline/auth/steps/clock.hpp"
 #include "tessaline/auth/errors/errors.hpp"
-#include "tessaline/auth/manager/manager.hpp"
+#include "tessaline/auth/manager/era.hpp"
+#include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
@@ -47,14 +47,6 @@ Ref decoded_secret(PyObject* encoded) {
   python::raise_bare(std::move(*failure));
 }
 
-Ref era_of(PyObject* token) {
-  return python::call(python::global(names::jwt_era_number).get(), {token});
-}
-
-bool is_at_least(PyObject* era, PyObject* pending_era) {
-  return era != Py_None && python::at_least(era, pending_era);
-}
-
 }  // namespace
 
 Ref AuthManager::do_auth_flow() {
@@ -75,7 +67,7 @@ Ref AuthManager::do_auth_flow() {
     const Ref invite = get(Field::kInviteCode);
     if (!invite.is_none()) python::set_entry(body.get(), names::invite_code, invite.get());
     post(path::kRegister, body);
-    set(Field::kRegistrationAcknowledged, true);
+    set(Field::kRegistrationAcknowledged, Ref::boolean(true));
   }
 
   const Ref most_cycles = python::global(names::auth_flow_challenge_max_cycles);
@@ -115,78 +107,14 @@ Ref AuthManager::do_auth_flow_matching_pending_era() {
     auto [token, expires_at, secret] = python::unpack3(call_own(names::do_auth_flow).get());
     Ref pending_era;
     {
-      const Locked lock(*this);
-      pending_era = get(Field::kPendingEraNumber);
+      const HeldLock held(*this);
+      pending_era = held.get(Field::kPendingEraNumber);
     }
-    if (pending_era.is_none() || is_at_least(era_of(token.get()).get(), pending_era.get())) {
+    if (pending_era.is_none() || meets_era(token.get(), pending_era.get())) {
       return python::triple(std::move(token), std::move(expires_at), std::move(secret));
     }
   }
   raise_auth_error(reason::kEraMismatch);
-}
-
-Ref AuthManager::highest_era() {
-  PyObject* const highest = at(Hidden::kHighestEra);
-  return Ref::borrow(highest == nullptr ? Py_None : highest);
-}
-
-void AuthManager::require_era_announced_since(PyObject* era_before, PyObject* token) {
-  const Ref highest = highest_era();
-  if (highest.get() == era_before) return;
-  // Storing looks at an era that is still pending, and at the wallet and its secret before that.
-  if (is_at_least(get(Field::kPendingEraNumber).get(), highest.get())) return;
-  if (is_at_least(era_of(token).get(), highest.get())) return;
-  raise_auth_error(reason::kEraMismatch);
-}
-
-Ref AuthManager::store_auth_result(PyObject* token, PyObject* wallet_secret) {
-  python::call(python::global(names::assert_token_subject).get(), {token, get(Field::kWalletAddress).get()});
-  const Ref known_secret = get(Field::kWalletSecret);
-  if (!known_secret.is_none() && !python::equal(known_secret.get(), wallet_secret)) {
-    raise_auth_error(reason::kWalletSecretChanged);
-  }
-  const Ref pending_era = get(Field::kPendingEraNumber);
-  if (!pending_era.is_none() && !is_at_least(era_of(token).get(), pending_era.get())) {
-    raise_auth_error(reason::kEraMismatch);
-  }
-  const Ref now = call_own(names::get_time);
-  Ref expiry;
-  reckon_with(now.get(),
-              [&] { expiry = python::add(now.get(), python::global(names::token_lifetime).get()); });
-  Ref refresh_at = call_own(names::compute_refresh_at, {now.get()});
-
-  set(Field::kToken, Ref::borrow(token));
-  set(Field::kWalletSecret, Ref::borrow(wallet_secret));
-  set(Field::kAuthTime, Ref::borrow(now.get()));
-  set(Field::kTokenIat, Ref::borrow(now.get()));
-  set(Field::kTokenExpiry, std::move(expiry));
-  set(Field::kRefreshAt, std::move(refresh_at));
-  set_state(State::kAuthenticated);
-  set(Field::kPermanentRefreshError, false);
-  set(Field::kAuthError, Ref::none());
-  set(Field::kReauthMode, Ref::none());
-  set(Field::kPendingEraNumber, Ref::none());
-  clear_event(Field::kRefreshEvent);
-  if (!is_none(Field::kAuthEvent)) set_event(Field::kAuthEvent);
-  set_event(Field::kRefreshDone);
-  return Ref::none();
-}
-
-Ref AuthManager::compute_refresh_at(PyObject* auth_time) {
-  const Ref jitter =
-      python::call_method(python::global(names::random).get(), names::uniform,
-                          {python::number(-kRefreshJitter).get(), python::number(kRefreshJitter).get()});
-  const Ref delay = python::multiply(python::global(names::token_lifetime).get(),
-                                     python::global(names::refresh_ratio).get());
-  const Ref factor = python::add(python::integer(1).get(), jitter.get());
-  return python::add(auth_time, python::multiply(delay.get(), factor.get()).get());
-}
-
-Ref AuthManager::raise_if_pending_era_locked() {
-  if (is_none(Field::kPendingEraNumber)) return Ref::none();
-  const Ref failure = get(Field::kAuthError);
-  if (!failure.is_none()) raise_again(failure.get());
-  raise_auth_error(reason::kEraChangePending);
 }
 
 }  // namespace tessaline::auth

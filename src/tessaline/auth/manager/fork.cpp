@@ -1,8 +1,8 @@
 #include <optional>
 #include <utility>
 
+#include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/manager/process_generation.hpp"
-#include "tessaline/auth/manager/manager.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
@@ -12,37 +12,30 @@ namespace {
 /// An event like the one in the field, without the waiters that it had in the parent.
 Ref renewed_event(const AuthManager& manager, Field field) {
   Ref event = AuthManager::new_event();
-  if (manager.event_is_set(field)) python::set_event(event.get());
+  if (is_set(manager.value_of(field).get())) python::set_event(event.get());
   return event;
 }
 
-void forget_threads(AuthManager& manager) {
-  for (const Hidden slot :
-       {Hidden::kNewestRefreshThread, Hidden::kOlderRefreshThreads, Hidden::kEraThread, Hidden::kEraEvent}) {
-    python::drop(std::exchange(manager.at(slot), nullptr));
-  }
-  manager.set(Field::kRefreshThread, Ref::none());
-  manager.lock_owner = 0;
-  manager.flow_thread = 0;
-  manager.renewals_running = 0;
-  manager.refresh_waiters = 0;
-  manager.refresh_done_is_stale = false;
-}
-
-/// The flow that was running went on in the parent only.
-void leave_running_authentication(AuthManager& manager) {
-  const State state = manager.state();
+/// The attempt that was running went on in the parent only.
+void leave_running_attempt(AuthManager& manager) {
+  const HeldLock held(manager);
+  const State state = held.state();
   if (state != State::kAuthenticating && state != State::kReAuthenticating) return;
-  manager.set_state(manager.is_none(Field::kToken) ? State::kUninitialized : State::kAuthenticated);
-  manager.set(Field::kReauthMode, Ref::none());
-  manager.set(Field::kAuthEvent, Ref::none());
+  held.set_state(held.is_none(Field::kToken) ? State::kUninitialized : State::kAuthenticated);
+  held.set(Field::kReauthMode, Ref::none());
+  held.set(Field::kAuthEvent, Ref::none());
 }
 
 /// Renewal begins again in this process; what keeps it from beginning is recorded for the next caller.
 void resume_renewal(AuthManager& manager) {
-  if (manager.state() != State::kAuthenticated) return;
-  const Ref pending_era = manager.get(Field::kPendingEraNumber);
-  const bool unanswered = !pending_era.is_none() && manager.is_none(Field::kAuthError);
+  Ref pending_era;
+  bool unanswered = false;
+  {
+    const HeldLock held(manager);
+    if (held.state() != State::kAuthenticated) return;
+    pending_era = held.get(Field::kPendingEraNumber);
+    unanswered = !pending_era.is_none() && held.is_none(Field::kAuthError);
+  }
   std::optional<python::Error> failure = python::caught([&] {
     manager.call_own(names::start_refresh);
     if (unanswered) manager.call_own(names::notify_era_change, {pending_era.get()});
@@ -53,28 +46,37 @@ void resume_renewal(AuthManager& manager) {
 }  // namespace
 
 void AuthManager::settle_in_child() {
-  Ref lock = new_lock();
-  Ref stop = renewed_event(*this, Field::kRefreshStop);
-  Ref closing = renewed_event(*this, Field::kCloseEvent);
-  Ref attempt_event = is_none(Field::kAuthEvent) ? Ref::none() : renewed_event(*this, Field::kAuthEvent);
-  Ref wake = new_event();
-  Ref pending = new_event();
-  Ref done = new_event();
-  // Making them may have let another thread of the child go first.
+  Ref auth_event = value_of(Field::kAuthEvent);
+  if (!auth_event.is_none()) auth_event = renewed_event(*this, Field::kAuthEvent);
+  AttemptRef none = Attempt::make(Attempt::Kind::kProgram, Ref::none());
+  std::pair<Field, Ref> renewed[] = {
+      {Field::kLock, new_lock()},
+      {Field::kAuthEvent, std::move(auth_event)},
+      {Field::kRefreshStop, renewed_event(*this, Field::kRefreshStop)},
+      {Field::kCloseEvent, renewed_event(*this, Field::kCloseEvent)},
+      {Field::kRefreshEvent, new_event()},
+      {Field::kRefreshPending, new_event()},
+      {Field::kRefreshDone, new_event()},
+      {Field::kRefreshThread, Ref::none()},
+      {Field::kInTransientBackoff, Ref::boolean(false)},
+  };
+  AttemptRef before;
+  // Making them may have let another thread of the child go first. From here on nothing calls Python.
   if (generation == process_generation()) return;
   generation = process_generation();
-  set(Field::kLock, std::move(lock));
-  set(Field::kRefreshStop, std::move(stop));
-  set(Field::kCloseEvent, std::move(closing));
-  set(Field::kAuthEvent, std::move(attempt_event));
-  set(Field::kRefreshEvent, std::move(wake));
-  set(Field::kRefreshPending, std::move(pending));
-  set(Field::kRefreshDone, std::move(done));
-  set(Field::kInTransientBackoff, false);
-  forget_threads(*this);
+  for (auto& [field, value] : renewed) {
+    PyObject* const old = std::exchange(at(field), value.release());
+    value = Ref::steal(old);
+  }
+  RefreshThreads threads = std::exchange(refresh_threads, RefreshThreads{});
+  before = AttemptRef(attempt);
+  AttemptRef::give_back(std::exchange(attempt, none.release()));
+  lock.owner = 0;
+  refresh_waiters = {};
+  threads.clear();
   // The thread that was closing it may not have come to the key, and is not here to go on.
-  if (closed()) return complete_close();
-  leave_running_authentication(*this);
+  if (state_of(value_of(Field::kState).get()) == State::kClosed) return complete_close();
+  leave_running_attempt(*this);
   resume_renewal(*this);
 }
 

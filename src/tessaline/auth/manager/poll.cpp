@@ -1,51 +1,58 @@
 #include <utility>
 
 #include "tessaline/auth/errors/errors.hpp"
-#include "tessaline/auth/manager/expired_token.hpp"
-#include "tessaline/auth/manager/manager.hpp"
+#include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
 namespace tessaline::auth {
 namespace {
 
-constexpr int kPollPasses = 30;
-constexpr double kPollSeconds = 0.1;
+constexpr int kLooks = 30;
+constexpr double kLookSeconds = 0.1;  // between two of them
 
-/// What a pass of the poll finds.
+/// What a look finds.
 struct Sighting {
-  bool reauthenticating = false;
-  Ref event;
+  AttemptRef running;
   Ref token;  ///< a renewed one, to be served at once
 };
 
-Sighting look_for_reauth(AuthManager& manager, PyObject* old_token) {
-  const Locked lock(manager);
-  if (manager.state() == State::kReAuthenticating) return {true, manager.get(Field::kAuthEvent), {}};
-  manager.raise_if_renewal_is_hopeless();
-  manager.raise_if_closed();
-  return {false, {}, manager.renewed_token(old_token)};
+/// A token that has replaced `old_token` and may be served; else empty.
+Ref renewed_token(AuthManager& manager, const HeldLock& held, PyObject* old_token) {
+  if (held.state() != State::kAuthenticated || !held.is_none(Field::kPendingEraNumber)) return {};
+  Ref token = held.get(Field::kToken);
+  const Ref expiry = held.get(Field::kTokenExpiry);
+  if (token.is_none() || expiry.is_none() || python::equal(token.get(), old_token)) return {};
+  return python::less(manager.call_own(names::get_time).get(), expiry.get()) ? std::move(token) : Ref();
 }
 
-Ref token_after_poll_ran_out(AuthManager& manager, bool fallback_to_current_token) {
+Sighting look(AuthManager& manager, PyObject* old_token) {
+  const HeldLock held(manager);
+  if (held.state() == State::kReAuthenticating) return {manager.attempt_to_wait_for(held), {}};
+  manager.raise_if_renewal_is_hopeless(held);
+  held.raise_if_closed();
+  return {{}, renewed_token(manager, held, old_token)};
+}
+
+Ref token_after_looking(AuthManager& manager, bool fallback_to_current_token) {
   {
-    const Locked lock(manager);
-    manager.raise_if_pending_era();
-    manager.raise_if_renewal_is_hopeless();
-    Ref token = manager.get(Field::kToken);
+    const HeldLock held(manager);
+    manager.raise_if_pending_era(held);
+    manager.raise_if_renewal_is_hopeless(held);
+    Ref token = held.get(Field::kToken);
     if (fallback_to_current_token && !token.is_none()) return token;
   }
   raise_auth_error(reason::kTokenExpired);
 }
 
-Ref token_after_reauth(AuthManager& manager, PyObject* event) {
-  if (event != Py_None) manager.wait_for_flow(event);
+Ref token_after_attempt(AuthManager& manager, const AttemptRef& running) {
+  if (!running->event.is_none() && !manager.wait_for(running)) return manager.get_token();
   {
-    const Locked lock(manager);
-    manager.raise_if_closed();
-    manager.raise_if_pending_era();
-    manager.raise_if_renewal_is_hopeless();
-    Ref token = manager.get(Field::kToken);
+    const HeldLock held(manager);
+    held.raise_if_closed();
+    manager.raise_if_pending_era(held);
+    manager.raise_if_renewal_is_hopeless(held);
+    Ref token = held.get(Field::kToken);
     if (!token.is_none()) return token;
   }
   raise_auth_error(reason::kTokenExpired);
@@ -53,30 +60,25 @@ Ref token_after_reauth(AuthManager& manager, PyObject* event) {
 
 }  // namespace
 
-Ref AuthManager::renewed_token(PyObject* old_token) {
-  if (state() != State::kAuthenticated || !is_none(Field::kPendingEraNumber)) return {};
-  if (is_true(Field::kPermanentRefreshError)) return {};
-  Ref token = get(Field::kToken);
-  const Ref expiry = get(Field::kTokenExpiry);
-  if (token.is_none() || expiry.is_none() || python::equal(token.get(), old_token)) return {};
-  return python::less(call_own(names::get_time).get(), expiry.get()) ? std::move(token) : Ref();
+Ref AuthManager::poll_for_reauth(bool fallback_to_current_token) {
+  Ref old_token;
+  {
+    const HeldLock held(*this);
+    old_token = held.get(Field::kToken);
+  }
+  return poll_after_expiry(old_token.get(), fallback_to_current_token);
 }
 
-Ref AuthManager::poll_for_reauth(bool fallback_to_current_token) {
-  Ref old_token = ExpiredToken::of(*this);
-  if (!old_token) {
-    const Locked lock(*this);
-    old_token = get(Field::kToken);
-  }
+Ref AuthManager::poll_after_expiry(PyObject* old_token, bool fallback_to_current_token) {
   const Ref time_module = python::global(names::time);
-  const Ref step = python::number(kPollSeconds);
-  for (int pass = 0; pass < kPollPasses; ++pass) {
+  const Ref step = python::number(kLookSeconds);
+  for (int looks = 0; looks < kLooks; ++looks) {
     python::call_method(time_module.get(), names::sleep, {step.get()});
-    Sighting sighting = look_for_reauth(*this, old_token.get());
-    if (sighting.reauthenticating) return token_after_reauth(*this, sighting.event.get());
+    Sighting sighting = look(*this, old_token);
+    if (sighting.running) return token_after_attempt(*this, sighting.running);
     if (sighting.token) return std::move(sighting.token);
   }
-  return token_after_poll_ran_out(*this, fallback_to_current_token);
+  return token_after_looking(*this, fallback_to_current_token);
 }
 
 }  // namespace tessaline::auth

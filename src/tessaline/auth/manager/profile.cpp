@@ -3,7 +3,7 @@
 
 #include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/errors/errors.hpp"
-#include "tessaline/auth/manager/manager.hpp"
+#include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
@@ -15,8 +15,8 @@ constexpr Py_ssize_t kLongestName = 32;
 constexpr long kMaxAttempts = 3;
 
 void require_authenticated(AuthManager& manager) {
-  const Locked lock(manager);
-  const State state = manager.state();
+  const HeldLock held(manager);
+  const State state = held.state();
   if (state == State::kClosed) raise_auth_error(reason::kManagerClosed);
   if (state == State::kUninitialized || state == State::kAuthenticating) {
     raise_auth_error(reason::kNotAuthenticated);

@@ -21,24 +21,22 @@ class RefreshLoop {
  private:
   enum class Pass { kAgain, kEnd };
 
+  Ref own_thread();
   Pass pass();
   bool stop_requested();
-  bool superseded();
+  bool is_superseded(const HeldLock& held);
   void refresh();
-  void resign() noexcept;
 
-  double poll_seconds() const;
+  double shortest_sleep() const;
   double wait_seconds(double remaining) const;
   void wait(double seconds);
+
+  /// Wakes a superseded loop's thread, and waits for its end.
+  void retire(PyObject* older, PyObject* wake) const;
   void rest();
-  Ref living_older_thread() const;
 
   AuthManager& manager_;
-  Ref me_;
-  bool was_registered_ = false;
+  Registration registration_;
 };
-
-/// `thread.is_alive()`; false for none, and for what cannot tell.
-bool is_alive(PyObject* thread);
 
 }  // namespace tessaline::auth

@@ -1,11 +1,10 @@
 #include <utility>
 
-#include "tessaline/auth/steps/clock.hpp"
 #include "tessaline/auth/errors/errors.hpp"
-#include "tessaline/auth/manager/expired_token.hpp"
-#include "tessaline/auth/manager/manager.hpp"
+#include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/steps/clock.hpp"
 
 namespace tessaline::auth {
 namespace {
@@ -18,40 +17,42 @@ struct Snapshot {
   Ref token;
   Ref token_expiry;
   bool permanent_error;
-  Ref auth_event;
+  AttemptRef running;  ///< or the last that ran
   Ref reauth_mode;
   Ref pending_era;
   Ref auth_error;
 };
 
 Snapshot take_snapshot(AuthManager& manager) {
-  const Locked lock(manager);
-  return {manager.state(),
-          manager.get(Field::kToken),
-          manager.get(Field::kTokenExpiry),
-          manager.is_true(Field::kPermanentRefreshError),
-          manager.get(Field::kAuthEvent),
-          manager.get(Field::kReauthMode),
-          manager.get(Field::kPendingEraNumber),
-          manager.get(Field::kAuthError)};
+  const HeldLock held(manager);
+  return {held.state(),
+          held.get(Field::kToken),
+          held.get(Field::kTokenExpiry),
+          held.is_true(Field::kPermanentRefreshError),
+          manager.attempt_to_wait_for(held),
+          held.get(Field::kReauthMode),
+          held.get(Field::kPendingEraNumber),
+          held.get(Field::kAuthError)};
 }
 
 bool is_proactive(PyObject* mode) {
   return mode == proactive_mode() || python::equal(mode, proactive_mode());
 }
 
-void raise_stored_error(AuthManager& manager) {
-  const Ref failure = manager.get(Field::kAuthError);
-  if (!failure.is_none()) manager.raise_again(failure.get());
+void raise_stored_error(AuthManager& manager, const HeldLock& held) {
+  const Ref failure = held.get(Field::kAuthError);
+  if (!failure.is_none()) manager.raise_stored(held, failure.get());
 }
 
 /// Keeps `_refresh_done` from being cleared between a look at the token's age and the wait.
 class RefreshWaiter {
  public:
-  explicit RefreshWaiter(AuthManager& manager) noexcept : manager_(manager) { ++manager_.refresh_waiters; }
+  explicit RefreshWaiter(AuthManager& manager) noexcept : manager_(manager) {
+    ++manager_.refresh_waiters.count;
+  }
   ~RefreshWaiter() {
-    if (manager_.refresh_waiters > 0) --manager_.refresh_waiters;
-    if (!manager_.refresh_done_is_stale) return;
+    if (manager_.refresh_waiters.count > 0) --manager_.refresh_waiters.count;
+    if (!manager_.refresh_waiters.signal_is_stale) return;
     static_cast<void>(python::caught([this] { manager_.clear_refresh_done(); }));
   }
   RefreshWaiter(const RefreshWaiter&) = delete;
@@ -73,7 +74,7 @@ class Serving {
       case State::kAuthenticating:
       case State::kReAuthenticating:
         if (Ref token = token_while_refresh_backs_off()) return token;
-        return token_after_running_authentication();
+        return token_after_running_attempt();
       case State::kAuthenticated:
         return token_of_authenticated();
       case State::kUninitialized:
@@ -92,32 +93,31 @@ class Serving {
     if (!may_serve) return {};
     const Ref now = manager_.call_own(names::get_time);
     if (!python::less(now.get(), seen_.token_expiry.get())) return {};
-    const Locked lock(manager_);
-    manager_.raise_if_closed();
-    return backing_off_still(now.get()) ? manager_.get(Field::kToken) : Ref();
+    const HeldLock held(manager_);
+    held.raise_if_closed();
+    return backing_off_still(held, now.get()) ? held.get(Field::kToken) : Ref();
   }
 
-  bool backing_off_still(PyObject* now) const {
-    return manager_.state() == State::kReAuthenticating &&
-           is_proactive(manager_.get(Field::kReauthMode).get()) &&
-           manager_.is_none(Field::kPendingEraNumber) && manager_.is_none(Field::kAuthError) &&
-           manager_.get(Field::kAuthEvent).get() == seen_.auth_event.get() &&
+  bool backing_off_still(const HeldLock& held, PyObject* now) const {
+    return held.state() == State::kReAuthenticating && is_proactive(held.get(Field::kReauthMode).get()) &&
+           held.is_none(Field::kPendingEraNumber) && held.is_none(Field::kAuthError) &&
+           held.get(Field::kAuthEvent).get() == seen_.running->event.get() &&
            manager_.is_true(Field::kInTransientBackoff) &&
-           python::equal(manager_.get(Field::kToken).get(), seen_.token.get()) &&
-           !manager_.is_none(Field::kTokenExpiry) &&
-           python::less(now, manager_.get(Field::kTokenExpiry).get()) &&
-           !manager_.is_true(Field::kPermanentRefreshError);
+           python::equal(held.get(Field::kToken).get(), seen_.token.get()) &&
+           !held.is_none(Field::kTokenExpiry) && python::less(now, held.get(Field::kTokenExpiry).get()) &&
+           !held.is_true(Field::kPermanentRefreshError);
   }
 
-  Ref token_after_running_authentication() {
-    if (!seen_.auth_event.is_none()) manager_.wait_for_flow(seen_.auth_event.get());
+  Ref token_after_running_attempt() {
+    // In the child of a fork nobody runs it: there the call begins anew.
+    if (!seen_.running->event.is_none() && !manager_.wait_for(seen_.running)) return manager_.get_token();
     {
-      const Locked lock(manager_);
-      manager_.raise_if_closed();
-      manager_.raise_if_pending_era();
-      raise_stored_error(manager_);
-      manager_.raise_if_renewal_is_hopeless();
-      Ref token = manager_.get(Field::kToken);
+      const HeldLock held(manager_);
+      held.raise_if_closed();
+      manager_.raise_if_pending_era(held);
+      raise_stored_error(manager_, held);
+      manager_.raise_if_renewal_is_hopeless(held);
+      Ref token = held.get(Field::kToken);
       if (!token.is_none()) return token;
     }
     raise_auth_error(reason::kTokenExpired);
@@ -125,7 +125,7 @@ class Serving {
 
   Ref token_of_authenticated() {
     if (!seen_.pending_era.is_none()) {
-      if (!seen_.auth_error.is_none()) manager_.raise_again(seen_.auth_error.get());
+      if (!seen_.auth_error.is_none()) manager_.raise_stored(HeldLock(manager_), seen_.auth_error.get());
       raise_auth_error(reason::kEraChangePending);
     }
     const Ref now = manager_.call_own(names::get_time);
@@ -144,7 +144,10 @@ class Serving {
     // A refresh thread that slept through a suspension of the machine learns of the expiry only so.
     manager_.set_event(Field::kRefreshEvent);
     const Ref fallback = Ref::boolean(manager_.event_is_set(Field::kRefreshPending));
-    const ExpiredToken expired(manager_, seen_.token.get());
+    // Directly where it is the class's own: an argument more than a program's would have.
+    if (has_own_poll(manager_.object())) {
+      return manager_.poll_after_expiry(seen_.token.get(), fallback.get() == Py_True);
+    }
     return python::call_method(manager_.object(), names::poll_for_reauth, {},
                                {{names::fallback_to_current_token, fallback.get()}});
   }
@@ -154,9 +157,9 @@ class Serving {
     Ref auth_time;
     Ref refresh_at;
     {
-      const Locked lock(manager_);
-      auth_time = manager_.get(Field::kAuthTime);
-      refresh_at = manager_.get(Field::kRefreshAt);
+      const HeldLock held(manager_);
+      auth_time = held.get(Field::kAuthTime);
+      refresh_at = held.get(Field::kRefreshAt);
     }
     const bool due = !auth_time.is_none() && !refresh_at.is_none() && python::at_least(now, refresh_at.get());
     return due ? std::move(auth_time) : Ref();
@@ -165,11 +168,11 @@ class Serving {
   Ref token_after_nudge(PyObject* auth_time) {
     nudge_and_wait(auth_time);
     {
-      const Locked lock(manager_);
-      manager_.raise_if_closed();
-      manager_.raise_if_pending_era();
-      manager_.raise_if_renewal_is_hopeless();
-      Ref token = manager_.get(Field::kToken);
+      const HeldLock held(manager_);
+      held.raise_if_closed();
+      manager_.raise_if_pending_era(held);
+      manager_.raise_if_renewal_is_hopeless(held);
+      Ref token = held.get(Field::kToken);
       if (!token.is_none()) return token;
     }
     raise_auth_error(reason::kTokenExpired);
@@ -184,39 +187,39 @@ class Serving {
 
   /// Whether the refresh asked for has come and gone already, its signal with it.
   bool stored_since(PyObject* auth_time) {
-    const Locked lock(manager_);
-    return !python::equal(manager_.get(Field::kAuthTime).get(), auth_time);
+    const HeldLock held(manager_);
+    return !python::equal(held.get(Field::kAuthTime).get(), auth_time);
   }
 
   Ref confirmed_token() {
-    Ref running;
+    AttemptRef running;
     for (;;) {
-      if (running) manager_.wait_for_flow(running.get());
-      const Locked lock(manager_);
-      manager_.raise_if_closed();
-      if (manager_.state() == State::kReAuthenticating) {
-        running = event_of_running_authentication();
+      if (running && !manager_.wait_for(running)) return manager_.get_token();
+      const HeldLock held(manager_);
+      held.raise_if_closed();
+      if (held.state() == State::kReAuthenticating) {
+        running = unfinished_attempt(held);
         continue;
       }
-      manager_.raise_if_pending_era();
-      manager_.raise_if_renewal_is_hopeless();
-      if (manager_.state() != State::kAuthenticated) raise_auth_error(reason::kNotAuthenticated);
-      Ref token = manager_.get(Field::kToken);
+      manager_.raise_if_pending_era(held);
+      manager_.raise_if_renewal_is_hopeless(held);
+      if (held.state() != State::kAuthenticated) raise_auth_error(reason::kNotAuthenticated);
+      Ref token = held.get(Field::kToken);
       if (!token.is_none()) return token;
       break;
     }
     raise_auth_error(reason::kNotAuthenticated);
   }
 
-  Ref event_of_running_authentication() {
-    Ref event = manager_.get(Field::kAuthEvent);
-    if (event.is_none()) raise_auth_error(reason::kTokenExpired);
-    if (python::truthy(python::call_method(event.get(), names::is_set).get())) {
-      manager_.raise_if_pending_era();
-      raise_stored_error(manager_);
+  AttemptRef unfinished_attempt(const HeldLock& held) {
+    AttemptRef running = manager_.attempt_to_wait_for(held);
+    if (running->event.is_none()) raise_auth_error(reason::kTokenExpired);
+    if (is_set(running->event.get())) {
+      manager_.raise_if_pending_era(held);
+      raise_stored_error(manager_, held);
       raise_auth_error(reason::kTokenExpired);
     }
-    return event;
+    return running;
   }
 
   AuthManager& manager_;
@@ -224,6 +227,21 @@ class Serving {
 };
 
 }  // namespace
+
+void AuthManager::raise_if_pending_era(const HeldLock&) {
+  call_own(names::raise_if_pending_era_locked);
+}
+
+Ref AuthManager::raise_if_pending_era_locked() {
+  const HeldLock held = HeldLock::of_caller(*this);
+  if (held.is_none(Field::kPendingEraNumber)) return Ref::none();
+  raise_stored_error(*this, held);
+  raise_auth_error(reason::kEraChangePending);
+}
+
+void AuthManager::raise_if_renewal_is_hopeless(const HeldLock& held) const {
+  if (held.is_true(Field::kPermanentRefreshError)) raise_auth_error(reason::kTokenExpired);
+}
 
 Ref AuthManager::get_token() {
   if (Ref token = token_if_healthy()) return token;

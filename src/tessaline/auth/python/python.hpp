@@ -10,6 +10,7 @@
 #include "tessaline/auth/python/gil.hpp"
 #include "tessaline/auth/python/globals.hpp"
 #include "tessaline/auth/python/insist.hpp"
+#include "tessaline/auth/python/line_of_execution.hpp"
 #include "tessaline/auth/python/name.hpp"
 #include "tessaline/auth/python/note.hpp"
 #include "tessaline/auth/python/ref.hpp"

@@ -4,8 +4,8 @@
 #include <string_view>
 #include <utility>
 
-#include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/constants.hpp"
+#include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/errors/errors.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"

@@ -4,8 +4,8 @@
 #include <optional>
 
 #include "tessaline/auth/names.hpp"
-#include "tessaline/auth/transport/proxy_environment.hpp"
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/transport/proxy_environment.hpp"
 #include "tessaline/auth/transport/transport_exchange.hpp"
 #include "tessaline/auth/transport/trust.hpp"
 

@@ -6,9 +6,9 @@
 #include <utility>
 #include <variant>
 
-#include "tessaline/auth/transport/http_engine.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/transport/http_engine.hpp"
 #include "tessaline/auth/transport/transport_errors.hpp"
 
 namespace tessaline::auth {
@@ -83,13 +83,6 @@ std::optional<std::string> body_of(PyObject* body) {
 }
 
 /// Signal handlers run on the main thread only; other threads need not wake for them.
-bool on_main_thread() {
-  Ref threading = python::global(names::threading);
-  Ref main_thread = python::call_method(threading.get(), names::main_thread);
-  Ref here = python::call_method(threading.get(), names::get_ident);
-  return python::equal(python::attribute(main_thread.get(), names::ident).get(), here.get());
-}
-
 using Answer = std::variant<http::Response, http::TransportFailure>;
 
 Answer exchange(const http::Request& request, bool interruptible) {
@@ -128,7 +121,7 @@ http::Request request_of(PyObject* method, PyObject* url, PyObject* headers, PyO
 }
 
 Ref make_exchange(const http::Request& request, const ChosenSettings& chosen) {
-  const Answer answer = exchange(request, on_main_thread());
+  const Answer answer = exchange(request, python::on_main_thread());
   if (const auto* failure = std::get_if<http::TransportFailure>(&answer)) {
     raise_transport_failure(*failure, request, chosen);
   }

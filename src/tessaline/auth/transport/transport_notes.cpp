@@ -1,8 +1,8 @@
 #include "tessaline/auth/transport/transport_notes.hpp"
 
 #include "tessaline/auth/errors/advice.hpp"
-#include "tessaline/auth/transport/proxy_environment.hpp"
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/transport/proxy_environment.hpp"
 
 namespace tessaline::auth {
 namespace {

@@ -1,5 +1,5 @@
 #include "tessaline/auth/errors/errors.hpp"
-#include "tessaline/auth/manager/manager.hpp"
+#include "tessaline/auth/manager/held_lock.hpp"
 
 namespace tessaline::auth {
 namespace {
@@ -8,15 +8,15 @@ namespace {
 Ref credential(AuthManager& manager, Field field) {
   State state;
   {
-    const Locked lock(manager);
-    state = manager.state();
+    const HeldLock held(manager);
+    state = held.state();
   }
   if (state == State::kClosed) raise_auth_error(reason::kManagerClosed);
   if (state == State::kUninitialized || state == State::kAuthenticating) {
     raise_auth_error(reason::kNotAuthenticated);
   }
-  const Locked lock(manager);
-  Ref value = manager.get(field);
+  const HeldLock held(manager);
+  Ref value = held.get(field);
   if (value.is_none()) raise_auth_error(reason::kNotAuthenticated);
   return value;
 }

@@ -1,0 +1,77 @@
+#include "tessaline/auth/manager/attempt.hpp"
+
+#include <new>
+
+#include "tessaline/auth/names.hpp"
+#include "tessaline/auth/python/python.hpp"
+
+namespace tessaline::auth {
+namespace {
+
+/// Whether a thread of the interpreter's own kind has begun and ended.
+bool has_ended(PyObject* thread) {
+  return !python::attribute(thread, names::ident).is_none() &&
+         python::call_method(thread, names::is_alive).get() == Py_False;
+}
+
+}  // namespace
+
+AttemptRef Attempt::make(Kind kind, Ref event) {
+  auto* const made = new (std::nothrow) Attempt(kind, std::move(event));
+  if (made == nullptr) python::checked(PyErr_NoMemory());
+  return AttemptRef(made);
+}
+
+bool Attempt::is_worked_on() const {
+  if (phase == Phase::kBegun) return kind == Kind::kEraChange && !is_lost();
+  return phase == Phase::kRunning;
+}
+
+bool Attempt::is_lost() const {
+  if (phase != Phase::kBegun || !thread) return false;
+  const Ref kept = Ref::borrow(thread.get());
+  return has_ended(kept.get()) && phase == Phase::kBegun;
+}
+
+bool Attempt::runs_here() const noexcept {
+  return runner != 0 && runner == python::line_of_execution();
+}
+
+void Attempt::keep_failure(PyObject* error) {
+  if (failure.get() == error) return;
+  // Dropped last: they may own anything.
+  const Ref old_failure = std::exchange(failure, Ref::borrow(error));
+  const Ref old_traceback = std::exchange(traceback, python::traceback_of(error));
+}
+
+void Attempt::raise_failure(PyObject* error) {
+  keep_failure(error);
+  python::set_traceback(error, traceback.get());
+  python::raise(error);
+}
+
+int Attempt::traverse(visitproc visit, void* arg) const {
+  // Whoever else has a share stands on a stack, with the manager in its hands.
+  if (holders_ > 1) return 0;
+  for (const Ref* kept : {&event, &thread, &failure, &traceback}) Py_VISIT(kept->get());
+  return 0;
+}
+
+void AttemptRef::give_back(Attempt* attempt) noexcept {
+  if (attempt != nullptr && --attempt->holders_ == 0) delete attempt;
+}
+
+Running::Running(AttemptRef attempt) noexcept
+    : attempt_(std::move(attempt)), mine_(attempt_->phase != Attempt::Phase::kRunning) {
+  if (!mine_) return;
+  attempt_->runner = python::line_of_execution();
+  attempt_->phase = Attempt::Phase::kRunning;
+}
+
+Running::~Running() {
+  if (!mine_) return;
+  attempt_->runner = 0;
+  attempt_->phase = Attempt::Phase::kEnded;
+}
+
+}  // namespace tessaline::auth

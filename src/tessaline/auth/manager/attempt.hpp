@@ -1,0 +1,106 @@
+#pragma once
+
+#include <Python.h>
+
+#include <utility>
+
+#include "tessaline/auth/python/ref.hpp"
+
+namespace tessaline::auth {
+
+using python::Ref;
+
+class AttemptRef;
+
+/// One login, from its beginning to its outcome. Kept by the manager while it is the current one, and by
+/// whoever runs it or waits for it. Changed under the interpreter's lock, in steps that call no Python code.
+struct Attempt {
+  enum class Kind {
+    kLogin,      ///< of a caller of `authenticate`
+    kRenewal,    ///< of a refresh thread
+    kEraChange,  ///< of an announcement
+    kProgram,    ///< the program has written the event itself
+  };
+  enum class Phase { kBegun, kRunning, kEnded };
+
+  /// Raises MemoryError.
+  static AttemptRef make(Kind kind, Ref event);
+
+  /// Whether somebody brings it to an end: the line of execution that runs it, or a thread that was started
+  /// for it and has not begun yet.
+  bool is_worked_on() const;
+
+  /// Whether the interpreter has ended its thread before the first line: for want of memory, telling nobody.
+  bool is_lost() const;
+
+  /// Whether the calling line of execution runs it.
+  bool runs_here() const noexcept;
+
+  /// Keeps what it ended in, and how the error's traceback stood then.
+  void keep_failure(PyObject* error);
+
+  /// The same for an error that is kept already: as it stood when it was first kept. A manager that refuses for hours would
+  /// otherwise keep the frames of every refused caller alive.
+  [[noreturn]] void raise_failure(PyObject* error);
+
+  bool has_last_holder() const noexcept { return holders_ == 1; }
+  int traverse(visitproc visit, void* arg) const;
+
+  Kind kind;
+  Phase phase = Phase::kBegun;
+  bool follows_token = false;  ///< a login that began in AUTHENTICATED
+  unsigned long runner = 0;    ///< the line of execution that runs it, or 0
+  Ref event;                   ///< set when it has ended; None where the program has taken it away
+  Ref thread;                  ///< started for it; empty: the one who began it runs it
+  Ref failure;
+  Ref traceback;
+
+ private:
+  friend class AttemptRef;
+  Attempt(Kind of_kind, Ref its_event) noexcept : kind(of_kind), event(std::move(its_event)) {}
+  int holders_ = 0;
+};
+
+/// A share in an attempt.
+class AttemptRef {
+ public:
+  AttemptRef() noexcept = default;
+  explicit AttemptRef(Attempt* attempt) noexcept : attempt_(attempt) {
+    if (attempt_ != nullptr) ++attempt_->holders_;
+  }
+  AttemptRef(const AttemptRef& other) noexcept : AttemptRef(other.attempt_) {}
+  AttemptRef(AttemptRef&& other) noexcept : attempt_(other.release()) {}
+  AttemptRef& operator=(AttemptRef other) noexcept {
+    std::swap(attempt_, other.attempt_);
+    return *this;
+  }
+  ~AttemptRef() { give_back(attempt_); }
+
+  explicit operator bool() const noexcept { return attempt_ != nullptr; }
+  Attempt* get() const noexcept { return attempt_; }
+  Attempt* operator->() const noexcept { return attempt_; }
+  Attempt& operator*() const noexcept { return *attempt_; }
+
+  /// Gives the share to the caller, who ends it with `give_back`.
+  Attempt* release() noexcept { return std::exchange(attempt_, nullptr); }
+  static void give_back(Attempt* attempt) noexcept;
+
+ private:
+  Attempt* attempt_ = nullptr;
+};
+
+/// Runs an attempt for a block: from being marked until its outcome is settled. One that somebody else runs
+/// already stays his.
+class Running {
+ public:
+  explicit Running(AttemptRef attempt) noexcept;
+  ~Running();
+  Running(const Running&) = delete;
+  Running& operator=(const Running&) = delete;
+
+ private:
+  const AttemptRef attempt_;
+  const bool mine_;
+};
+
+}  // namespace tessaline::auth

@@ -1,0 +1,10 @@
+#pragma once
+
+#include <Python.h>
+
+namespace tessaline::auth {
+
+/// Whether the token's era is known and not below `era`.
+bool meets_era(PyObject* token, PyObject* era);
+
+}  // namespace tessaline::auth

@@ -1,0 +1,16 @@
+#pragma once
+
+namespace tessaline::auth::python {
+
+/// Who runs now, as `threading.get_ident()` names it when asked: an operating system's thread, or one of the
+/// many that such a thread runs where a library (gevent, eventlet) has put its own threads in the place of
+/// the interpreter's. Never 0.
+unsigned long line_of_execution() noexcept;
+
+/// Whether that is the interpreter's main thread, on which signal handlers run.
+bool on_main_thread();
+
+/// Learns the interpreter's own `get_ident`. Called once, when the module is executed.
+void know_own_get_ident();
+
+}  // namespace tessaline::auth::python
