@@ -1,10 +1,11 @@
 """The wallet's bearer token on the requests of `requests`, `httpx`, `aiohttp` and gRPC: one module for each.
 
 Importing this package imports none of them, nor do `tessaline.auth` and `tessaline.keeper`. The extras
-`tessaline[requests]`, `[httpx]`, `[aiohttp]` and `[grpc]` bring them along.
+`tessaline[requests]`, `[httpx]`, `[aiohttp]` and `[grpc]` bring them along. Beside them, `gevent` and
+`eventlet` have a transport each, for managers whose requests are to let other greenlets run.
 
-All ask a source of tokens before every request: a `Keeper`, one of its wallets, an `AuthManager`, or anything
-else with a `get_token()`. They agree on these points:
+The four ask a source of tokens before every request: a `Keeper`, one of its wallets, an `AuthManager`, or
+anything else with a `get_token()`. They agree on these points:
 
 - They are bound to one service. No other origin is sent the token, also not after a redirect. It has to be
   https, or http to this machine.

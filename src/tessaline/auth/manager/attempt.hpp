@@ -39,8 +39,8 @@ struct Attempt {
   /// Keeps what it ended in, and how the error's traceback stood then.
   void keep_failure(PyObject* error);
 
-  /// The same for an error that is kept already: as it stood when it was first kept. A manager that refuses for hours would
-  /// otherwise keep the frames of every refused caller alive.
+  /// The same for an error that is kept already: as it stood when it was first kept. A manager that refuses
+  /// for hours would otherwise keep the frames of every refused caller alive.
   [[noreturn]] void raise_failure(PyObject* error);
 
   bool has_last_holder() const noexcept { return holders_ == 1; }

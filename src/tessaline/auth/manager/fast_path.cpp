@@ -85,18 +85,22 @@ bool is_of_interpreter(PyCFunction function) {
 }
 
 /// Learns `time.time` when it is first seen as it is.
-void learn_wall_clock(PyObject* clock) {
-  if (known.wall_clock != nullptr || !PyCFunction_CheckExact(clock)) return;
+bool learn_wall_clock(PyObject* clock) {
+  if (known.wall_clock != nullptr || clock == nullptr || !PyCFunction_CheckExact(clock)) return false;
   const PyMethodDef* const definition = reinterpret_cast<PyCFunctionObject*>(clock)->m_ml;
   const bool is_time = std::string_view(definition->ml_name) == "time" && definition->ml_flags == METH_NOARGS;
-  if (is_time && is_of_interpreter(definition->ml_meth)) known.wall_clock = definition->ml_meth;
+  if (!is_time || !is_of_interpreter(definition->ml_meth)) return false;
+  known.wall_clock = definition->ml_meth;
+  return true;
 }
 
 /// Looks at the function itself: the object may be the same with another behind it.
 bool is_wall_clock(PyObject* clock) {
-  if (clock == nullptr || !PyCFunction_CheckExact(clock)) return false;
-  if (known.wall_clock == nullptr) learn_wall_clock(clock);
-  return known.wall_clock != nullptr && PyCFunction_GET_FUNCTION(clock) == known.wall_clock;
+  if (clock != nullptr && PyCFunction_CheckExact(clock) &&
+      PyCFunction_GET_FUNCTION(clock) == known.wall_clock) {
+    return true;
+  }
+  return learn_wall_clock(clock);
 }
 
 /// Whether an instant is ahead of the wall clock as it stood at the kernel's last tick, which costs a

@@ -1,6 +1,8 @@
 #include "tessaline/auth/python/line_of_execution.hpp"
 
 #include <Python.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "tessaline/auth/python/call.hpp"
 #include "tessaline/auth/python/caught.hpp"
@@ -16,6 +18,7 @@ constinit const Name kMainThread{"main_thread"};
 constinit const Name kIdent{"ident"};
 
 PyObject* own_get_ident = nullptr;
+PyObject* threading_names = nullptr;
 
 unsigned long named_by(PyObject* get_ident) {
   const Ref named = call(get_ident);
@@ -31,23 +34,28 @@ void know_own_get_ident() {
   if (PyCFunction_CheckExact(found.get()) && PyCFunction_GET_SELF(found.get()) == thread.get()) {
     own_get_ident = found.release();
   }
+  kGetIdent.object();
+  threading_names = Py_NewRef(PyModule_GetDict(import(kThreading).get()));
 }
 
 unsigned long line_of_execution() noexcept {
+  // Before each taking of a lock: a look into the module's dict, and no call where it is as Python has made
+  // it.
+  PyObject* const get_ident = PyDict_GetItem(threading_names, kGetIdent.object());
   unsigned long here = PyThread_get_thread_ident();
+  if (get_ident == own_get_ident || get_ident == nullptr) return here;
   // Who cannot be asked, for want of memory, is the thread.
-  static_cast<void>(caught([&] {
-    const Ref get_ident = attribute(global(kThreading).get(), kGetIdent);
-    if (get_ident.get() != own_get_ident) here = named_by(get_ident.get());
-  }));
+  const Ref kept = Ref::borrow(get_ident);
+  static_cast<void>(caught([&] { here = named_by(kept.get()); }));
   return here;
 }
 
 bool on_main_thread() {
-  const Ref threading = global(kThreading);
-  const Ref main_thread = call_method(threading.get(), kMainThread);
-  const Ref here = call_method(threading.get(), kGetIdent);
-  return equal(attribute(main_thread.get(), kIdent).get(), here.get());
+  // The process's first thread; `threading` may name one of the many that a library runs on it.
+  if (syscall(SYS_gettid) == getpid()) return true;
+  const Ref main_thread = call_method(global(kThreading).get(), kMainThread);
+  const Ref ident = attribute(main_thread.get(), kIdent);
+  return PyLong_Check(ident.get()) && PyLong_AsUnsignedLongMask(ident.get()) == PyThread_get_thread_ident();
 }
 
 }  // namespace tessaline::auth::python

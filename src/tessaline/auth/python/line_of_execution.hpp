@@ -7,7 +7,7 @@ namespace tessaline::auth::python {
 /// the interpreter's. Never 0.
 unsigned long line_of_execution() noexcept;
 
-/// Whether that is the interpreter's main thread, on which signal handlers run.
+/// Whether the thread is the one on which the interpreter runs signal handlers.
 bool on_main_thread();
 
 /// Learns the interpreter's own `get_ident`. Called once, when the module is executed.

@@ -1,0 +1,8 @@
+"""The development server, in a process of its own."""
+
+from __future__ import annotations
+
+from tests.shared.servers import http_process, server
+
+# Fixtures.
+__all__ = ["http_process", "server"]
