@@ -11,6 +11,7 @@
 
 #include "tessaline/auth/http/descriptors.hpp"
 #include "tessaline/auth/http/failure_table.hpp"
+#include "tessaline/auth/http/limits.hpp"
 #include "tessaline/auth/http/process.hpp"
 #include "tessaline/auth/http/tls_context.hpp"
 
@@ -22,9 +23,6 @@ namespace tessaline::auth::http {
 namespace {
 
 constexpr const char* kUserAgent = "tessaline/" TESSALINE_VERSION;
-
-// Longer than any connection is kept: the pool decides.
-constexpr long kMaxConnectionAgeSeconds = 3600;
 
 bool announces_missing_body(std::string_view method) {
   return method == "POST" || method == "PUT" || method == "PATCH";
@@ -75,7 +73,7 @@ void Attempt::set_connection_options(const Deadline& deadline) {
   set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
   set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   set(CURLOPT_TCP_NODELAY, 1L);
-  set(CURLOPT_MAXAGE_CONN, kMaxConnectionAgeSeconds);
+  set(CURLOPT_MAXAGE_CONN, kCurlIdleSeconds);
   // Its own bound on connecting would cut a request that has a longer one, or none.
   set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(INT_MAX));
   if (deadline.bounded()) set(CURLOPT_TIMEOUT_MS, static_cast<long>(deadline.left().count()));

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "tessaline/auth/http/failure_table.hpp"
+#include "tessaline/auth/http/limits.hpp"
 #include "tessaline/auth/http/text.hpp"
 
 namespace tessaline::auth::http {

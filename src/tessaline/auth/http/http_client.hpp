@@ -1,7 +1,6 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <functional>
 #include <optional>
 #include <stdexcept>
@@ -41,9 +40,6 @@ struct Request {
   ProxySettings proxies;
   std::string user_agent{};  ///< where `headers` name none; empty: the package and its version
 };
-
-/// Longest body that is taken of an answer, which is some kilobytes.
-inline constexpr std::size_t kMostBodyBytes = std::size_t{64} << 20U;
 
 struct Response {
   int status = 0;
