@@ -5,9 +5,9 @@
 #include <thread>
 
 #include "loopback_server.hpp"
-#include "tessaline/auth/http/attempt.hpp"
 #include "tessaline/auth/http/limits.hpp"
 #include "tessaline/auth/http/process.hpp"
+#include "tessaline/auth/http/transfer.hpp"
 
 namespace tessaline::auth::http {
 namespace {
@@ -32,9 +32,9 @@ class SessionPoolTest : public ::testing::Test {
     hop.url = parse_url(server_->url());
     hop.method = "GET";
     const Route route = route_to(hop.url.origin());
-    Attempt attempt(session, hop, route);
-    attempt.prepare(Deadline(5s));
-    EXPECT_TRUE(attempt.run(ticker_));
+    Transfer transfer(session, hop, route);
+    transfer.prepare(Deadline(5s));
+    EXPECT_TRUE(transfer.run(ticker_));
   }
 
   Session* use(const std::string& origin, SessionPool::TimePoint when) {
