@@ -9,9 +9,9 @@
 #include <utility>
 
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/transport/default_trust.hpp"
+#include "tessaline/auth/transport/exchange.hpp"
 #include "tessaline/auth/transport/proxy_environment.hpp"
-#include "tessaline/auth/transport/transport_exchange.hpp"
-#include "tessaline/auth/transport/trust.hpp"
 #include "tessaline/native/types.hpp"
 
 namespace tessaline::native {

@@ -1,4 +1,4 @@
-#include "tessaline/auth/transport/transport_notes.hpp"
+#include "tessaline/auth/transport/failure_notes.hpp"
 
 #include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/python/python.hpp"
@@ -32,8 +32,8 @@ void add_proxy(PyObject* exception, const http::Request& request, bool chosen) {
 
 }  // namespace
 
-void add_transport_notes(PyObject* exception, const http::TransportFailure& failure,
-                         const http::Request& request, const ChosenSettings& chosen) {
+void add_failure_notes(PyObject* exception, const http::TransportFailure& failure,
+                       const http::Request& request, const ChosenSettings& chosen) {
   using http::FailureKind;
   if (failure.kind() == FailureKind::kInvalidRequest) return;
   python::add_note(exception, advice::for_failure(failure.kind()));

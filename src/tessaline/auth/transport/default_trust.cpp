@@ -1,4 +1,4 @@
-#include "tessaline/auth/transport/trust.hpp"
+#include "tessaline/auth/transport/default_trust.hpp"
 
 #include <cstdlib>
 #include <optional>

@@ -1,4 +1,4 @@
-#include "tessaline/auth/transport/transport_exchange.hpp"
+#include "tessaline/auth/transport/exchange.hpp"
 
 #include <new>
 #include <optional>
@@ -8,8 +8,8 @@
 
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
-#include "tessaline/auth/transport/http_engine.hpp"
-#include "tessaline/auth/transport/transport_errors.hpp"
+#include "tessaline/auth/transport/http_library.hpp"
+#include "tessaline/auth/transport/raise_failure.hpp"
 
 namespace tessaline::auth {
 namespace {
@@ -123,7 +123,7 @@ http::Request request_of(PyObject* method, PyObject* url, PyObject* headers, PyO
 Ref make_exchange(const http::Request& request, const ChosenSettings& chosen) {
   const Answer answer = exchange(request, python::on_main_thread());
   if (const auto* failure = std::get_if<http::TransportFailure>(&answer)) {
-    raise_transport_failure(*failure, request, chosen);
+    raise_failure(*failure, request, chosen);
   }
   const auto& response = std::get<http::Response>(answer);
   return python::triple(python::integer(response.status), headers_dict(response.headers),

@@ -1,4 +1,4 @@
-#include "tessaline/auth/transport/http_engine.hpp"
+#include "tessaline/auth/transport/http_library.hpp"
 
 #include <dlfcn.h>
 #include <pthread.h>

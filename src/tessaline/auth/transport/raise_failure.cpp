@@ -1,11 +1,11 @@
-#include "tessaline/auth/transport/transport_errors.hpp"
+#include "tessaline/auth/transport/raise_failure.hpp"
 
 #include <cerrno>
 #include <cstring>
 #include <string>
 
 #include "tessaline/auth/python/python.hpp"
-#include "tessaline/auth/transport/transport_notes.hpp"
+#include "tessaline/auth/transport/failure_notes.hpp"
 
 namespace tessaline::auth {
 namespace {
@@ -98,10 +98,10 @@ Ref error_for(const http::TransportFailure& failure) {
 
 }  // namespace
 
-void raise_transport_failure(const http::TransportFailure& failure, const http::Request& request,
-                             const ChosenSettings& chosen) {
+void raise_failure(const http::TransportFailure& failure, const http::Request& request,
+                   const ChosenSettings& chosen) {
   const Ref error = error_for(failure);
-  add_transport_notes(error.get(), failure, request, chosen);
+  add_failure_notes(error.get(), failure, request, chosen);
   python::raise(error.get());
 }
 
