@@ -1,9 +1,9 @@
 #pragma once
 
 #include <chrono>
+#include <exception>
 #include <functional>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -76,15 +76,18 @@ struct FailureDetail {
 };
 
 /// Says what failed and against which host or proxy; never holds headers, bodies, paths or credentials.
-class TransportFailure : public std::runtime_error {
+/// Thrown within this room, and a value beyond it.
+class TransportFailure final : public std::exception {
  public:
-  TransportFailure(FailureKind kind, const std::string& message, FailureDetail detail = {})
-      : std::runtime_error(message), kind_(kind), detail_(std::move(detail)) {}
+  TransportFailure(FailureKind kind, std::string message, FailureDetail detail = {})
+      : kind_(kind), message_(std::move(message)), detail_(std::move(detail)) {}
   FailureKind kind() const noexcept { return kind_; }
+  const char* what() const noexcept override { return message_.c_str(); }
   const FailureDetail& detail() const noexcept { return detail_; }
 
  private:
   FailureKind kind_;
+  std::string message_;
   FailureDetail detail_;
 };
 

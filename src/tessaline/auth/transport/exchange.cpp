@@ -82,18 +82,13 @@ std::optional<std::string> body_of(PyObject* body) {
   throw python::Error::fetch();
 }
 
-/// Signal handlers run on the main thread only; other threads need not wake for them.
-using Answer = std::variant<http::Response, http::TransportFailure>;
-
-Answer exchange(const http::Request& request, bool interruptible) {
-  return python::without_gil([&](PyThreadState*& thread) -> Answer {
+http::Result result_of(const http::Request& request) {
+  // Signal handlers run there only; other threads need not wake for them.
+  const bool interruptible = python::on_main_thread();
+  return python::without_gil([&](PyThreadState*& thread) {
     http::Tick tick;
     if (interruptible) tick = [&thread] { return python::run_signal_handlers(thread); };
-    try {
-      return perform_request(request, tick);
-    } catch (const http::TransportFailure& failure) {
-      return failure;
-    }
+    return perform_request(request, tick);
   });
 }
 
@@ -121,13 +116,14 @@ http::Request request_of(PyObject* method, PyObject* url, PyObject* headers, PyO
 }
 
 Ref make_exchange(const http::Request& request, const ChosenSettings& chosen) {
-  const Answer answer = exchange(request, python::on_main_thread());
-  if (const auto* failure = std::get_if<http::TransportFailure>(&answer)) {
+  const http::Result result = result_of(request);
+  if (const auto* failure = std::get_if<http::TransportFailure>(&result)) {
     raise_failure(*failure, request, chosen);
   }
-  const auto& response = std::get<http::Response>(answer);
-  return python::triple(python::integer(response.status), headers_dict(response.headers),
-                        python::bytes(response.body));
+  const auto* const response = std::get_if<http::Response>(&result);
+  if (response == nullptr) throw std::bad_alloc();
+  return python::triple(python::integer(response->status), headers_dict(response->headers),
+                        python::bytes(response->body));
 }
 
 }  // namespace tessaline::auth
