@@ -13,7 +13,7 @@ namespace {
 
 using python::Ref;
 
-constexpr double kPollSeconds = 0.05;
+constexpr double kClockPollSeconds = 0.05;
 constexpr double kStuckSeconds = 1.0;
 
 /// Through the instance, where a subclass may have a clock of its own.
@@ -68,7 +68,7 @@ void wait_with_clock(PyObject* manager, PyObject* seconds) {
   while (is_before(now(manager).get(), deadline.get())) {
     Ref close_event = python::attribute(manager, names::close_event);
     if (python::truthy(python::call_method(close_event.get(), names::is_set).get())) return;
-    python::call_method(time_module.get(), names::sleep, {python::number(kPollSeconds).get()});
+    python::call_method(time_module.get(), names::sleep, {python::number(kClockPollSeconds).get()});
     Ref current = now(manager);
     if (!python::equal(current.get(), last.get())) {
       last = std::move(current);

@@ -18,7 +18,8 @@ using python::Ref;
 
 constexpr long kProfileRetryAfter = 60;  // seconds
 
-/// Where an unreadable "Retry-After" was met, as the log names it.
+/// Where an unreadable "Retry-After" was met. Readers of the log know the two places by these names and line
+/// numbers, which are part of the contract with them and not lines of this file.
 struct HintScope {
   const char* name;
   long source_line;
@@ -114,21 +115,21 @@ class Retry {
     last_status_ = python::with_note(advice::kTransportAnswer,
                                      [given_status] { return python::long_value(given_status); });
     const Verdict verdict = judge(server_reason);
-    switch (verdict.outcome) {
-      case Outcome::kGiveBack:
+    switch (verdict.action) {
+      case Action::kGiveBack:
         return true;
-      case Outcome::kRefuse:
+      case Action::kRefuse:
         raise_auth_error(verdict.reason);
-      case Outcome::kRefuseRegistration:
+      case Action::kRefuseRegistration:
         raise_registration_error(server_reason.get());
-      case Outcome::kProfileInvalid:
+      case Action::kProfileInvalid:
         raise_invalid_profile(server_reason);
-      case Outcome::kProfileRateLimited:
+      case Action::kProfileRateLimited:
         raise_rate_limited(headers.get());
-      case Outcome::kWaitAsTold:
+      case Action::kWaitAsTold:
         count_attempt_and_wait(retry_after(headers.get(), Ref::borrow(backoff_.get()), kRequestScope).get());
         return false;
-      case Outcome::kBackOff:
+      case Action::kBackOff:
         back_off();
         return false;
     }
