@@ -104,7 +104,7 @@ Ref AuthManager::background_reauth() {
   bool stored = false;
   {
     AttemptRef own;
-    python::insist([&] { own = adopt_attempt(); });
+    python::until_done([&] { own = adopt_attempt(); });
     const Running here(own);
     const std::optional<python::Error> failure = python::caught([&] { stored = renew(); });
     if (failure) settle_failure(own, Attempt::Kind::kEraChange, *failure, own.get());
