@@ -13,7 +13,7 @@ inline constinit Name base64{"base64"};
 inline constinit Name json{"json"};
 inline constinit Name random{"random"};
 inline constinit Name threading{"threading"};
-inline constinit Name time{"_time"};
+inline constinit Name time_module{"_time"};
 
 inline constinit Name b64decode{"b64decode"};
 inline constinit Name current_thread{"current_thread"};

@@ -57,7 +57,7 @@ void import_host_modules() {
   import_as(names::random, names::random);
   import_as(kRe, kRe);
   import_as(names::threading, names::threading);
-  import_as(kTime, names::time);
+  import_as(kTime, names::time_module);
   const Ref hook = python::attribute(python::import(kLoggingStyle).get(), names::log_library_surface_event);
   python::set_global(names::log_library_surface_event, hook.get());
 }

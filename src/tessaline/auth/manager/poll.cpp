@@ -70,7 +70,7 @@ Ref AuthManager::poll_for_reauth(bool fallback_to_current_token) {
 }
 
 Ref AuthManager::poll_after_expiry(PyObject* old_token, bool fallback_to_current_token) {
-  const Ref time_module = python::global(names::time);
+  const Ref time_module = python::global(names::time_module);
   const Ref step = python::number(kLookSeconds);
   for (int looks = 0; looks < kLooks; ++looks) {
     python::call_method(time_module.get(), names::sleep, {step.get()});

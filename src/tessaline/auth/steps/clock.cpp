@@ -63,7 +63,7 @@ Ref read_clock(PyObject* manager) {
 void wait_with_clock(PyObject* manager, PyObject* seconds) {
   Ref last = now(manager);
   Ref deadline = deadline_after(last.get(), seconds);
-  Ref time_module = python::global(names::time);
+  Ref time_module = python::global(names::time_module);
   double moved_at = monotonic(time_module.get());
   while (is_before(now(manager).get(), deadline.get())) {
     Ref close_event = python::attribute(manager, names::close_event);
