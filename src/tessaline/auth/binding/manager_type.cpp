@@ -3,7 +3,7 @@
 #include <cstddef>
 
 #include "tessaline/auth/binding/manager_docs.hpp"
-#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/manager/manager.hpp"
 #include "tessaline/auth/manager/process_generation.hpp"
 #include "tessaline/auth/names.hpp"
@@ -164,7 +164,7 @@ PyObject* refuse_reduction(PyObject*, PyObject*) {
   return python::boundary([]() -> Ref {
     python::raise(PyExc_TypeError,
                   "AuthManager cannot be pickled or copied: it holds a private key, locks and threads",
-                  advice::kNoCopies);
+                  notes::kNoCopies);
   });
 }
 

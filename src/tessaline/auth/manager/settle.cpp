@@ -1,7 +1,7 @@
 #include <optional>
 #include <utility>
 
-#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/errors/errors.hpp"
 #include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/manager/process_generation.hpp"
@@ -87,7 +87,7 @@ bool AuthManager::wait_for(const AttemptRef& awaited) {
   if ((awaited->runs_here() || attempt->runs_here()) && !is_set(event)) {
     python::raise(PyExc_RuntimeError,
                   "AuthManager was asked to wait by code that its own authentication runs",
-                  advice::kWaitInFlow);
+                  notes::kWaitInFlow);
   }
   // A fork comes from a signal handler, and the program's own event may know no time-out.
   const bool may_lose_runner = awaited->kind == Attempt::Kind::kEraChange || python::on_main_thread();

@@ -4,7 +4,7 @@
 #include <optional>
 #include <utility>
 
-#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
@@ -45,7 +45,7 @@ bool is_before(PyObject* reading, PyObject* deadline) {
 void raise_of_reading(python::Error failure, PyObject* reading) {
   if (python::tells_of_misuse(failure) && PyNumber_Check(reading) == 0) {
     python::add_note_from(failure.exception(), [reading] {
-      return python::checked(PyUnicode_FromFormat(advice::kClockReading, Py_TYPE(reading)->tp_name));
+      return python::checked(PyUnicode_FromFormat(notes::kClockReading, Py_TYPE(reading)->tp_name));
     });
   }
   throw std::move(failure);

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "tessaline/auth/constants.hpp"
-#include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/errors/errors.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/steps/verdict.hpp"
@@ -49,7 +49,7 @@ Ref raw_hint(PyObject* headers) {
 
 /// The seconds that the server asks to wait (RFC 9110, section 10.2.3, delay-seconds only), else `fallback`.
 Ref retry_after(PyObject* headers, Ref fallback, const HintScope& scope) {
-  const Ref header = python::with_note(advice::kTransportAnswer, [headers] { return raw_hint(headers); });
+  const Ref header = python::with_note(notes::kTransportAnswer, [headers] { return raw_hint(headers); });
   if (!python::truthy(header.get())) return fallback;
   Ref seconds;
   std::optional<python::Error> failure = python::caught(
@@ -112,7 +112,7 @@ class Retry {
     const auto [status, headers, value] = python::unpack3(answer);
     const Ref server_reason = error_entry(value.get());
     PyObject* const given_status = status.get();
-    last_status_ = python::with_note(advice::kTransportAnswer,
+    last_status_ = python::with_note(notes::kTransportAnswer,
                                      [given_status] { return python::long_value(given_status); });
     const Verdict verdict = judge(server_reason);
     switch (verdict.action) {
@@ -169,10 +169,10 @@ class Retry {
   Ref what_happened_last() const {
     if (last_failure_ != nullptr) {
       return python::checked(
-          PyUnicode_FromFormat(advice::kLastFailure, request_.method, request_.path, last_failure_->tp_name));
+          PyUnicode_FromFormat(notes::kLastFailure, request_.method, request_.path, last_failure_->tp_name));
     }
     const bool may_pass = last_status_ == 429 || last_status_ >= 500;
-    return python::checked(PyUnicode_FromFormat(may_pass ? advice::kLastStatus : advice::kLastOddStatus,
+    return python::checked(PyUnicode_FromFormat(may_pass ? notes::kLastStatus : notes::kLastOddStatus,
                                                 request_.method, request_.path, last_status_));
   }
 

@@ -7,7 +7,7 @@
 // What the caller can do about an error: one sentence, added to it as a note where the component makes it.
 // None of them holds anything secret.
 
-namespace tessaline::auth::advice {
+namespace tessaline::auth::notes {
 
 /// The sentence for an error with this reason; empty for a reason that is not the component's.
 std::string_view for_reason(std::string_view reason) noexcept;
@@ -71,4 +71,4 @@ inline constexpr const char* kLastOddStatus =
 inline constexpr const char* kRecorded =
     "another thread of the manager met %s: call authenticate() to try again";
 
-}  // namespace tessaline::auth::advice
+}  // namespace tessaline::auth::notes
