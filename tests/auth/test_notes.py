@@ -31,7 +31,7 @@ def after_close(manager: Any, server: FakeServer) -> None:
     manager.get_token()
 
 
-def after_a_hopeless_renewal(manager: Any, server: FakeServer) -> None:
+def after_a_permanent_error(manager: Any, server: FakeServer) -> None:
     manager._state, manager._token, manager._token_expiry = auth._AUTHENTICATED, "old", 0.0
     manager._permanent_refresh_error = True
     manager.get_token()
@@ -82,7 +82,7 @@ AUTH_ERRORS: list[tuple[str, Provoke, str]] = [
     ),
     (
         "token_expired",
-        after_a_hopeless_renewal,
+        after_a_permanent_error,
         "the token was not renewed in time: call authenticate() to log in again",
     ),
     (
