@@ -39,7 +39,7 @@ inline constexpr std::string_view kNoCopies =
 inline constexpr std::string_view kCalledUnderLock =
     "the manager's clock, a finalizer or a signal handler may not call its methods but close(): let it set "
     "a flag, and call from elsewhere";
-inline constexpr std::string_view kWaitInFlow =
+inline constexpr std::string_view kWaitInLogin =
     "a transport, a log handler or a signal handler that runs during a login may not wait for its outcome: "
     "ask for the token before or after it";
 inline constexpr std::string_view kOneInterpreter =

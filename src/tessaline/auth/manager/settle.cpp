@@ -87,7 +87,7 @@ bool AuthManager::wait_for(const AttemptRef& awaited) {
   if ((awaited->runs_here() || attempt->runs_here()) && !is_set(event)) {
     python::raise(PyExc_RuntimeError,
                   "AuthManager was asked to wait by code that its own authentication runs",
-                  notes::kWaitInFlow);
+                  notes::kWaitInLogin);
   }
   // A fork comes from a signal handler, and the program's own event may know no time-out.
   const bool may_lose_runner = awaited->kind == Attempt::Kind::kEraChange || python::on_main_thread();
