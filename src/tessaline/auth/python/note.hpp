@@ -26,7 +26,7 @@ void copy_notes(PyObject* source, PyObject* exception);
 
 /// Runs `step`, whose failure is to have no consequence.
 template <class Step>
-void attempt(Step&& step) {
+void best_effort(Step&& step) {
   std::optional<Error> failure = caught(std::forward<Step>(step));
   if (failure && !failure->matches(PyExc_Exception)) throw std::move(*failure);
 }
@@ -34,7 +34,7 @@ void attempt(Step&& step) {
 /// Adds the note that `make` returns.
 template <class Make>
 void add_note_from(PyObject* exception, Make&& make) {
-  attempt([&] { add_note(exception, std::forward<Make>(make)().get()); });
+  best_effort([&] { add_note(exception, std::forward<Make>(make)().get()); });
 }
 
 /// `error`, with the note.
