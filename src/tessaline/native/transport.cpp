@@ -24,7 +24,7 @@ namespace python = auth::python;
 /// Never changes once the object is there: any number of threads read it.
 struct Settings {
   std::chrono::duration<double> timeout{};
-  std::optional<http::TrustStore> trust;       ///< none: what the host trusts
+  std::optional<http::TrustStore> trust;       ///< none: what Python trusts
   std::optional<http::ProxySettings> proxies;  ///< none: those of the environment
   std::string user_agent;                      ///< empty: the package's
   std::string shown;                           ///< by `repr`; without secrets

@@ -46,7 +46,8 @@ void raise_auth_error(std::string_view reason_text) {
 
 void raise_registration_error(PyObject* server_reason) {
   const Ref error = python::call(types.registration, {server_reason});
-  python::best_effort([&] { python::add_note(error.get(), notes::for_reason(python::utf8_of(server_reason))); });
+  python::best_effort(
+      [&] { python::add_note(error.get(), notes::for_reason(python::utf8_of(server_reason))); });
   python::raise(error.get());
 }
 

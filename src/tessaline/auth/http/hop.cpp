@@ -42,8 +42,8 @@ std::optional<Response> try_on(const Route& route, const Hop& hop, const Circums
 
 Response answer_to(const Hop& hop, const Circumstances& around) {
   const Route route = Route::to(hop.url, around.proxies, around.trust);
-  std::optional<KeptErrors> host_errors;  // the host may use the same OpenSSL
-  if (route.trust) host_errors.emplace();
+  std::optional<KeptErrors> others_errors;  // the program may use the same OpenSSL
+  if (route.trust) others_errors.emplace();
   SessionPool::Wish wish{route, false, false, around.deadline, around.ticker};
   for (;;) {
     if (around.deadline.passed()) throw timed_out(hop.url.peer(), around.deadline);

@@ -13,7 +13,7 @@ namespace tessaline::auth::http {
 /// Header fields in order. Names and values are bytes (ISO 8859-1); names keep their spelling.
 using Headers = std::vector<std::pair<std::string, std::string>>;
 
-/// Where certificates are trusted from, as the host's TLS library states it. Empty: none of that kind.
+/// Where certificates are trusted from, as the program's TLS library states it. Empty: none of that kind.
 struct TrustStore {
   std::string ca_file;
   std::string ca_directory;
@@ -76,7 +76,8 @@ struct FailureDetail {
 };
 
 /// Says what failed and against which host or proxy; never holds headers, bodies, paths or credentials.
-/// Thrown within this room, and a value beyond it.
+/// Thrown within this room, a value beyond it: a std::runtime_error's text belongs to the C++ runtime that
+/// made it.
 class TransportFailure final : public std::exception {
  public:
   TransportFailure(FailureKind kind, std::string message, FailureDetail detail = {})

@@ -50,7 +50,7 @@ void need() noexcept {
   pthread_attr_t detached;
   if (pthread_attr_init(&detached) != 0) return;
   pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED);
-  // Signals are for the threads of the host.
+  // Signals are for the threads of the program.
   sigset_t all;
   sigset_t before;
   sigfillset(&all);

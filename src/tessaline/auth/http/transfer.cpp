@@ -175,7 +175,7 @@ bool Transfer::has_final_head() const noexcept {
   return head_.complete() && !head_.interim();
 }
 
-// A body that ends with its connection may end without TLS's word for it, as it does with the host's own
+// A body that ends with its connection may end without TLS's word for it, as it does with Python's own
 // client; libcurl from 8 on calls that an error.
 bool Transfer::ended_with_connection(CURLcode code) const {
   const bool to_the_end = !head_.chunked() && !head_.has_length();

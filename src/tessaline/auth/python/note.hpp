@@ -11,9 +11,9 @@
 #include "tessaline/auth/python/error.hpp"
 #include "tessaline/auth/python/ref.hpp"
 
-// Notes of an exception, which the host shows below its text (PEP 678). A note is a courtesy: where it cannot
-// be made or added, for want of memory or because the host has put something else in the place of `add_note`,
-// the exception goes on without it. Only what is no `Exception`, such as Ctrl-C, is raised in its place.
+// Notes of an exception, which Python shows below its text (PEP 678). A note is a courtesy: where it cannot
+// be made or added, for want of memory or because the program has put something else for `add_note`, the
+// exception goes on without it. Only what is no `Exception`, such as Ctrl-C, is raised in its place.
 
 namespace tessaline::auth::python {
 

@@ -14,7 +14,7 @@ inline constexpr std::size_t kMostParameters = 8;
 /// The arguments of one call in the order of the parameters: borrowed, null where none was given.
 using Bound = std::array<PyObject*, kMostParameters>;
 
-/// The parameters of a function that the host calls: binds a call's arguments to them, or raises the
+/// The parameters of a function that Python calls: binds a call's arguments to them, or raises the
 /// TypeError that the interpreter raises for a function written in Python. Error texts name the function and
 /// its parameters, never a value.
 class Parameters {

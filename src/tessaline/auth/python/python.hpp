@@ -1,6 +1,6 @@
 #pragma once
 
-// Everything that code above this room needs of the host.
+// Everything that code above this room needs of Python.
 
 #include "tessaline/auth/python/boundary.hpp"
 #include "tessaline/auth/python/call.hpp"

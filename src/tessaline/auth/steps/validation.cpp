@@ -34,7 +34,7 @@ std::string_view line_end_note(std::size_t hex_digits) {
   return more == 1 || more == 2 ? notes::kKeyLineEnd : std::string_view();
 }
 
-/// The host's parser would quote the whole text, which is the key; this error takes its place as the context.
+/// Python's parser would quote the whole text, which is the key; this error takes its place as the context.
 python::Error parse_error(std::size_t position) {
   PyErr_Format(PyExc_ValueError, "non-hexadecimal character at position %zu", position);
   return python::Error::fetch();

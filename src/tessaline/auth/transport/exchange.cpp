@@ -26,7 +26,7 @@ using python::Ref;
   throw python::Error::fetch();
 }
 
-/// Header fields travel as ISO 8859-1. Read in place: the host's own encoders raise errors that carry the
+/// Header fields travel as ISO 8859-1. Read in place: Python's own encoders raise errors that carry the
 /// text.
 std::string latin1_of(const char* what, PyObject* value) {
   if (!PyUnicode_Check(value)) raise_not_text(what, value);

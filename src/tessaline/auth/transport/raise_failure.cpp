@@ -42,7 +42,7 @@ Ref new_error_of(const python::Name& module, const python::Name& type, const cha
   return new_error(python::attribute(loaded.get(), type).get(), message);
 }
 
-/// In the shape that the host's own have: the number of its SSL_ERROR_SSL, the text, and what OpenSSL says.
+/// In the shape that Python's own have: the number of its SSL_ERROR_SSL, the text, and what OpenSSL says.
 Ref new_tls_error(const python::Name& type, const http::TransportFailure& failure) {
   constexpr int kSslErrorSsl = 1;
   const Ref ssl = python::import(kSsl);
