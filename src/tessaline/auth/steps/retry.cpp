@@ -65,7 +65,7 @@ Ref error_entry(PyObject* value) {
   return PyDict_Check(value) ? python::entry(value, names::error) : Ref();
 }
 
-/// One call of `request_with_retry`: its attempts and its back-off delay.
+/// One call of `request_with_retry`: its tries and its back-off delay.
 class Retry {
  public:
   Retry(PyObject* manager, const RetriedRequest& request)
@@ -74,7 +74,7 @@ class Retry {
   Ref run() {
     for (;;) {
       raise_if_closing();
-      Ref answer = attempt();
+      Ref answer = try_once();
       if (!answer) continue;
       if (settled(answer.get())) return answer;
     }
@@ -89,7 +89,7 @@ class Retry {
   }
 
   /// The answer, or an empty reference after a network failure that has been waited out.
-  Ref attempt() {
+  Ref try_once() {
     Ref answer;
     std::optional<python::Error> failure = python::caught([&] {
       answer =
@@ -127,7 +127,7 @@ class Retry {
       case Action::kProfileRateLimited:
         raise_rate_limited(headers.get());
       case Action::kWaitAsTold:
-        count_attempt_and_wait(retry_after(headers.get(), Ref::borrow(backoff_.get()), kRequestScope).get());
+        count_try_and_wait(retry_after(headers.get(), Ref::borrow(backoff_.get()), kRequestScope).get());
         return false;
       case Action::kBackOff:
         back_off();
@@ -158,8 +158,8 @@ class Retry {
     raise_profile_error(reason::kRateLimited, names::retry_after, hint.get());
   }
 
-  [[noreturn]] void raise_unreachable(PyObject* attempts) const {
-    const Ref error = new_network_error("Server unreachable after ", attempts);
+  [[noreturn]] void raise_unreachable(PyObject* tries) const {
+    const Ref error = new_network_error("Server unreachable after ", tries);
     if (PyUnicode_Check(request_.method) && PyUnicode_Check(request_.path)) {
       python::add_note_from(error.get(), [this] { return what_happened_last(); });
     }
@@ -177,17 +177,17 @@ class Retry {
   }
 
   void back_off() {
-    count_attempt_and_wait(backoff_.get());
+    count_try_and_wait(backoff_.get());
     Ref doubled = python::multiply(backoff_.get(), python::integer(2).get());
     Ref cap = python::global(names::backoff_cap);
     backoff_ = python::less(cap.get(), doubled.get()) ? std::move(cap) : std::move(doubled);
   }
 
-  void count_attempt_and_wait(PyObject* seconds) {
-    ++attempts_;
-    Ref attempts = python::integer(attempts_);
-    if (request_.max_attempts != Py_None && !python::less(attempts.get(), request_.max_attempts)) {
-      raise_unreachable(attempts.get());
+  void count_try_and_wait(PyObject* seconds) {
+    ++tries_;
+    Ref tries = python::integer(tries_);
+    if (request_.max_attempts != Py_None && !python::less(tries.get(), request_.max_attempts)) {
+      raise_unreachable(tries.get());
     }
     python::set_attribute(manager_, names::in_transient_backoff, Py_True);
     std::optional<python::Error> failure =
@@ -199,7 +199,7 @@ class Retry {
   PyObject* manager_;
   const RetriedRequest& request_;
   Ref backoff_;
-  long attempts_ = 0;
+  long tries_ = 0;
   long last_status_ = 0;
   PyTypeObject* last_failure_ = nullptr;  ///< while it is being handled
 };
