@@ -1,8 +1,8 @@
 #include <optional>
 #include <utility>
 
-#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/errors/errors.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/manager/process_generation.hpp"
 #include "tessaline/auth/names.hpp"
