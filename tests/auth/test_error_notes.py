@@ -225,7 +225,7 @@ def test_ctrl_c_in_a_programs_own_add_note_is_not_lost(manager: Any, monkeypatch
         ),
     ],
 )
-def test_a_traceback_shows_the_advice(program: str, shown: str) -> None:
+def test_a_traceback_shows_the_note(program: str, shown: str) -> None:
     ended = subprocess.run(
         [sys.executable, "-c", textwrap.dedent(program)],
         capture_output=True,

@@ -3,7 +3,7 @@
 /* token_if_healthy */
 #define FAST_PATH \
   (GUARD(fast_if_authenticated, state == AUTHENTICATED) && GUARD(fast_if_era_met, pending_era == 0) && \
-   GUARD(fast_if_not_hopeless, !permanent_error) && GUARD(fast_if_fresh, now < due_at(stored_at)) && \
+   GUARD(fast_if_not_permanent, !permanent_error) && GUARD(fast_if_fresh, now < due_at(stored_at)) && \
    GUARD(fast_if_held, token != 0))
 
 /* Serving::backing_off_still */
@@ -123,7 +123,7 @@ proctype getter() {
       :: else ->
         if
         :: GUARD(confirmed_era_met, pending_era != 0) -> refuse(); goto failed
-        :: GUARD(confirmed_not_hopeless, permanent_error) -> refuse(); goto failed
+        :: GUARD(confirmed_not_permanent, permanent_error) -> refuse(); goto failed
         :: GUARD(confirmed_authenticated, state != AUTHENTICATED) ->
           assert(state != AUTHENTICATED && state != RE_AUTHENTICATING);    /* renewals are waited for */
           goto failed
@@ -169,7 +169,7 @@ attempt_running:
     :: GUARD(awaited_not_closed, state == CLOSED) -> refuse(); goto failed
     :: GUARD(awaited_era_met, pending_era != 0) -> refuse(); goto failed
     :: GUARD(awaited_without_error, auth_error != NO_ERROR) -> refuse(); goto failed
-    :: GUARD(awaited_not_hopeless, permanent_error) -> refuse(); goto failed
+    :: GUARD(awaited_not_permanent, permanent_error) -> refuse(); goto failed
     :: GUARD(awaited_token_held, token == 0) -> refuse(); goto failed
     :: else ->
       assert(auth_error == NO_ERROR);    /* the failure that was waited for is reported */
@@ -196,7 +196,7 @@ token_after_nudge:
     if
     :: GUARD(nudged_not_closed, state == CLOSED) -> refuse(); goto failed
     :: GUARD(nudged_era_met, pending_era != 0) -> refuse(); goto failed
-    :: GUARD(nudged_not_hopeless, permanent_error) -> refuse(); goto failed
+    :: GUARD(nudged_not_permanent, permanent_error) -> refuse(); goto failed
     :: GUARD(nudged_token_held, token == 0) -> refuse(); goto failed
     :: else ->
       assert(time < expired_at(seen_stored_at) || token != seen_token);    /* one found expired is polled for */
@@ -207,7 +207,7 @@ token_after_nudge:
 
 token_after_expiry:
   if
-  :: GUARD(expired_not_hopeless, seen_permanent_error) -> assert(seen_permanent_error); goto failed
+  :: GUARD(expired_not_permanent, seen_permanent_error) -> assert(seen_permanent_error); goto failed
   :: else
   fi;
   EFFECT(expiry_wakes_loop, refresh_event = 1);
@@ -219,14 +219,14 @@ token_after_expiry:
       assert(state == RE_AUTHENTICATING);
       event = auth_event
     }
-  :: atomic { state != RE_AUTHENTICATING && GUARD(poll_sees_hopeless, permanent_error) -> refuse(); goto failed }
+  :: atomic { state != RE_AUTHENTICATING && GUARD(poll_sees_permanent, permanent_error) -> refuse(); goto failed }
   :: atomic { state != RE_AUTHENTICATING && GUARD(poll_sees_close, state == CLOSED) -> refuse(); goto failed }
   :: atomic { GUARD(poll_sees_renewed, RENEWED) -> assert(RENEWED); serve(); goto served }
   :: atomic { state != RE_AUTHENTICATING && !permanent_error && state != CLOSED && !RENEWED -> skip };
     atomic {    /* token_after_poll_ran_out */
       if
       :: GUARD(poll_ran_out_era_met, pending_era != 0) -> refuse(); goto failed
-      :: GUARD(poll_ran_out_not_hopeless, permanent_error) -> refuse(); goto failed
+      :: GUARD(poll_ran_out_not_permanent, permanent_error) -> refuse(); goto failed
       :: GUARD(poll_ran_out_without_refresh, !fallback || token == 0) ->
         assert(!fallback || state == CLOSED);
         goto failed
@@ -242,7 +242,7 @@ token_after_expiry:
     if
     :: GUARD(polled_not_closed, state == CLOSED) -> refuse(); goto failed
     :: GUARD(polled_era_met, pending_era != 0) -> refuse(); goto failed
-    :: GUARD(polled_not_hopeless, permanent_error) -> refuse(); goto failed
+    :: GUARD(polled_not_permanent, permanent_error) -> refuse(); goto failed
     :: GUARD(polled_token_held, token == 0) -> refuse(); goto failed
     :: else -> serve(); goto served
     fi

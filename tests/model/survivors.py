@@ -19,10 +19,10 @@ GROUPS: list[tuple[str, dict[str, tuple[str, ...]]]] = [
     (
         "the flag is set together with an error or a state that keep the token from being served as well",
         {
-            "awaited_not_hopeless": ("never",),
-            "confirmed_not_hopeless": ("never",),
-            "expired_not_hopeless": ("never",),
-            "fast_if_not_hopeless": ("always",),
+            "awaited_not_permanent": ("never",),
+            "confirmed_not_permanent": ("never",),
+            "expired_not_permanent": ("never",),
+            "fast_if_not_permanent": ("always",),
         },
     ),
     (
@@ -34,7 +34,7 @@ GROUPS: list[tuple[str, dict[str, tuple[str, ...]]]] = [
             "fast_if_era_met": ("never",),
             "fast_if_fresh": ("never",),
             "fast_if_held": ("negated", "never"),
-            "fast_if_not_hopeless": ("negated", "never"),
+            "fast_if_not_permanent": ("negated", "never"),
         },
     ),
     (

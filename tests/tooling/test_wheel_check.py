@@ -7,7 +7,7 @@ import pytest
 
 from tessaline import auth
 from tools.wheels import check, elf
-from tools.wheels.allowed import is_of_the_interpreter, strangers
+from tools.wheels.opened_libraries import is_of_the_interpreter, strangers
 
 pytestmark = pytest.mark.process
 

@@ -41,7 +41,7 @@ def test_a_name_that_cannot_be_resolved() -> None:
 
 
 @pytest.mark.parametrize(
-    ("answer", "advice"),
+    ("answer", "note"),
     [
         (reset, ENDED),
         (CLOSE, ENDED),
@@ -49,8 +49,8 @@ def test_a_name_that_cannot_be_resolved() -> None:
         (b"220 mail.example ready\r\n\r\n", NO_SERVICE),
     ],
 )
-def test_a_connection_that_ends_badly(raw: Raw, answer: Any, advice: str) -> None:
-    assert notes(failure("GET", raw(answer).url)) == [advice]
+def test_a_connection_that_ends_badly(raw: Raw, answer: Any, note: str) -> None:
+    assert notes(failure("GET", raw(answer).url)) == [note]
 
 
 def test_a_time_out(raw: Raw, monkeypatch: pytest.MonkeyPatch) -> None:

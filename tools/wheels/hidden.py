@@ -17,7 +17,7 @@ import sys
 import zipfile
 from pathlib import Path
 
-from .allowed import is_of_the_interpreter
+from .opened_libraries import is_of_the_interpreter
 
 DEVELOPMENT = ["/usr/include", "/usr/local/include", "/usr/share/pkgconfig"]
 BUILT = ["build/release", "build/portable", "build/wheels", ".venv"]

@@ -12,7 +12,7 @@ import sys
 
 from devserver.testing import DevServer
 
-from .allowed import strangers
+from .opened_libraries import strangers
 
 PROGRAM = """
 import json, secrets, sys

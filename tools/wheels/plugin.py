@@ -14,7 +14,7 @@ import pytest
 
 from tessaline import auth
 
-from .allowed import strangers
+from .opened_libraries import strangers
 
 WHEEL = Path(os.environ["TESSALINE_WHEEL"])
 SITE = Path(auth.__file__).parents[1]

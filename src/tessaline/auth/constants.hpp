@@ -5,7 +5,7 @@
 
 namespace tessaline::auth {
 
-/// The states of a manager; their texts are what the host sees.
+/// The states of a manager; their texts are what Python sees.
 enum class State { kUninitialized, kAuthenticating, kAuthenticated, kReAuthenticating, kClosed, kUnknown };
 
 inline constexpr std::array<const char*, 5> kStateTexts{"UNINITIALIZED", "AUTHENTICATING", "AUTHENTICATED",

@@ -2,18 +2,18 @@
 
 #include "tessaline/auth/python/name.hpp"
 
-// Names of the host's facilities, of the module's own globals and of the manager's members.
+// Names of the interpreter's facilities, of the module's own globals and of the manager's members.
 
 namespace tessaline::auth::names {
 
 using python::Name;
 
-// Host facilities, as the module imports them.
+// Facilities of the interpreter, as the module imports them.
 inline constinit Name base64{"base64"};
 inline constinit Name json{"json"};
 inline constinit Name random{"random"};
 inline constinit Name threading{"threading"};
-inline constinit Name time{"_time"};
+inline constinit Name time_module{"_time"};
 
 inline constinit Name b64decode{"b64decode"};
 inline constinit Name current_thread{"current_thread"};
@@ -108,7 +108,8 @@ inline constinit Name token_lifetime{"_TOKEN_LIFETIME"};
 inline constinit Name validate_private_key{"_validate_private_key"};
 inline constinit Name validate_server_url{"_validate_server_url"};
 
-// Members of the manager that are reached through the instance.
+// Members of the manager that are reached through the instance. By these alone steps/ know the manager, as a
+// Python program does: what a subclass or a test has put in their place takes effect.
 inline constinit Name background_reauth{"_background_reauth"};
 inline constinit Name clock{"_clock"};
 inline constinit Name close{"close"};

@@ -30,8 +30,8 @@ EraBoard& board_of(PyObject* self) {
 
 PyObject* make(PyTypeObject* type, PyObject* arguments, PyObject* keywords) {
   return python::boundary([&] {
-    static constexpr python::Signature kSignature("EraBoard", {}, 0, 0, 0);
-    kSignature.bind(arguments, keywords);
+    static constexpr python::Parameters kParameters("EraBoard", {}, 0, 0, 0);
+    kParameters.bind(arguments, keywords);
     Ref made = python::checked(type->tp_alloc(type, 0));
     void* const page = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (page == MAP_FAILED) {

@@ -37,8 +37,8 @@ PyMethodDef functions[] = {
 
 int execute(PyObject* module) {
   return python::status_boundary([module] {
-    // Its import refuses a second interpreter, whose types these would be as well; and names of the host are
-    // looked up there.
+    // Its import refuses a second interpreter, whose types these would be as well; and names
+    // are looked up there.
     python::keep_module(python::import(kAuth).get());
     python::know_host_events();
     know_wall_clock();

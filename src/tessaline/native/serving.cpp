@@ -33,9 +33,9 @@ Ref good_token(PyObject* self) {
 
 PyObject* get_token(PyObject* self, PyObject* const* arguments, Py_ssize_t count, PyObject* keyword_names) {
   return python::boundary([&] {
-    static constexpr python::Signature kSignature("get_token", {"timeout"}, 1, 0, 1);
+    static constexpr python::Parameters kParameters("get_token", {"timeout"}, 1, 0, 1);
     python::Bound given{};
-    if (count != 0 || keyword_names != nullptr) given = kSignature.bind(arguments, count, keyword_names);
+    if (count != 0 || keyword_names != nullptr) given = kParameters.bind(arguments, count, keyword_names);
     if (Ref token = good_token(self)) return token;
     const Ref timeout = given[0] == nullptr ? python::number(kDefaultTimeout) : Ref::borrow(given[0]);
     return python::call_method(self, kWaitForToken, {timeout.get()});

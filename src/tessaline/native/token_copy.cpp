@@ -21,8 +21,8 @@ TokenCopy& copy_of(PyObject* self) {
 
 PyObject* make(PyTypeObject* type, PyObject* arguments, PyObject* keywords) {
   return python::boundary([&] {
-    static constexpr python::Signature kSignature("TokenCopy", {"clock", "board"}, 2, 2, 0);
-    const python::Bound given = kSignature.bind(arguments, keywords);
+    static constexpr python::Parameters kParameters("TokenCopy", {"clock", "board"}, 2, 2, 0);
+    const python::Bound given = kParameters.bind(arguments, keywords);
     if (!Py_IS_TYPE(given[1], era_board_type))
       python::raise(PyExc_TypeError, "the board must be an EraBoard");
     Ref made = python::checked(type->tp_alloc(type, 0));
@@ -52,8 +52,8 @@ int traverse(PyObject* self, visitproc visit, void* arg) {
 
 PyObject* put(PyObject* self, PyObject* const* arguments, Py_ssize_t count, PyObject* keyword_names) {
   return python::boundary([&] {
-    static constexpr python::Signature kSignature("TokenCopy.put", {"token", "expiry", "era"}, 3, 3, 1);
-    const python::Bound given = kSignature.bind(arguments, count, keyword_names);
+    static constexpr python::Parameters kParameters("TokenCopy.put", {"token", "expiry", "era"}, 3, 3, 1);
+    const python::Bound given = kParameters.bind(arguments, count, keyword_names);
     if (!PyUnicode_Check(given[0])) python::raise(PyExc_TypeError, "the token must be a str");
     const double expiry = python::double_value(given[1]);
     const std::int64_t era = era_of(given[2]);

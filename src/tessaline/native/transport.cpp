@@ -9,9 +9,9 @@
 #include <utility>
 
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/transport/default_trust.hpp"
+#include "tessaline/auth/transport/exchange.hpp"
 #include "tessaline/auth/transport/proxy_environment.hpp"
-#include "tessaline/auth/transport/transport_exchange.hpp"
-#include "tessaline/auth/transport/trust.hpp"
 #include "tessaline/native/types.hpp"
 
 namespace tessaline::native {
@@ -24,7 +24,7 @@ namespace python = auth::python;
 /// Never changes once the object is there: any number of threads read it.
 struct Settings {
   std::chrono::duration<double> timeout{};
-  std::optional<http::TrustStore> trust;       ///< none: what the host trusts
+  std::optional<http::TrustStore> trust;       ///< none: what Python trusts
   std::optional<http::ProxySettings> proxies;  ///< none: those of the environment
   std::string user_agent;                      ///< empty: the package's
   std::string shown;                           ///< by `repr`; without secrets
@@ -106,11 +106,12 @@ bool asks_to_wait(PyObject* answer) {
 
 PyObject* call(PyObject* self, PyObject* const* arguments, std::size_t count, PyObject* keyword_names) {
   return python::boundary([&] {
-    static constexpr python::Signature kSignature("transport", {"method", "url", "headers", "body"}, 4, 2, 0);
+    static constexpr python::Parameters kParameters("transport", {"method", "url", "headers", "body"}, 4, 2,
+                                                    0);
     const Transport& transport = transport_of(self);
     const Settings& settings = *transport.settings;
     const http::Request request =
-        request_with(settings, kSignature.bind(arguments, PyVectorcall_NARGS(count), keyword_names));
+        request_with(settings, kParameters.bind(arguments, PyVectorcall_NARGS(count), keyword_names));
     const auth::ChosenSettings chosen{settings.trust.has_value(), settings.proxies.has_value()};
     Ref answer = transport.on_exchange == nullptr ? auth::make_exchange(request, chosen)
                                                   : told_exchange(transport, request, chosen);
@@ -144,11 +145,11 @@ PyObject* unless_none(PyObject* value) {
 
 PyObject* make(PyTypeObject* type, PyObject* arguments, PyObject* keywords) {
   return python::boundary([&] {
-    static constexpr python::Signature kSignature(
+    static constexpr python::Parameters kParameters(
         "Transport",
         {"timeout", "ca_file", "proxy", "user_agent", "shown", "on_exchange", "on_mistake", "amend"}, 8, 8,
         0);
-    const python::Bound given = kSignature.bind(arguments, keywords);
+    const python::Bound given = kParameters.bind(arguments, keywords);
     std::unique_ptr<Settings> settings = settings_of(given);
     Ref made = python::checked(type->tp_alloc(type, 0));
     Transport& transport = transport_of(made.get());

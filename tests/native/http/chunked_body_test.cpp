@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tessaline/auth/http/limits.hpp"
+
 namespace tessaline::auth::http {
 namespace {
 
@@ -44,11 +46,11 @@ TEST(ChunkedBody, RefusesWhatIsNoChunk) {
 }
 
 TEST(ChunkedBody, IsBounded) {
-  const std::string longest(ChunkedBody::kLongestTrailerLine, 't');
+  const std::string longest(kLongestTrailerLine, 't');
   expect("0\r\n" + longest + "\r\n\r\n", "");
   expect("0\r\n" + longest + "t", "(refused)");
   std::string trailers = "0\r\n";
-  while (trailers.size() <= ChunkedBody::kMostTrailerBytes) trailers += longest + "\r\n";
+  while (trailers.size() <= kMostTrailerBytes) trailers += longest + "\r\n";
   expect(trailers, "(refused)");
   expect("1;" + std::string(5'000, 'x') + "\r\na\r\n0\r\n\r\n", "(refused)");
 }

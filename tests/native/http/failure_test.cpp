@@ -20,7 +20,7 @@ Fault fault_of(CURLcode code) {
 }
 
 FailureKind kind_of(CURLcode code) {
-  return classify(fault_of(code));
+  return kind_of(fault_of(code));
 }
 
 const Url kUrl = parse_url("https://h:1/private");
@@ -45,7 +45,7 @@ TEST(Failure, ConnectingByTheSystemsError) {
   for (const auto& [os_errno, kind] : cases) {
     Fault fault = fault_of(CURLE_COULDNT_CONNECT);
     fault.os_errno = os_errno;
-    EXPECT_EQ(classify(fault), kind) << os_errno;
+    EXPECT_EQ(kind_of(fault), kind) << os_errno;
   }
 }
 
@@ -69,35 +69,35 @@ TEST(Failure, KindsOfCodes) {
 
 TEST(Failure, ReceiveErrorsByWhatWasSeen) {
   Fault fault = fault_of(CURLE_RECV_ERROR);
-  EXPECT_EQ(classify(fault), FailureKind::kReset);
+  EXPECT_EQ(kind_of(fault), FailureKind::kReset);
   fault.head_complete = true;
-  EXPECT_EQ(classify(fault), FailureKind::kReset);
+  EXPECT_EQ(kind_of(fault), FailureKind::kReset);
   fault.over_tls = true;
-  EXPECT_EQ(classify(fault), FailureKind::kTruncated);
+  EXPECT_EQ(kind_of(fault), FailureKind::kTruncated);
   fault.tls.fatal_alert = SSL_AD_BAD_RECORD_MAC;
-  EXPECT_EQ(classify(fault), FailureKind::kTls);
+  EXPECT_EQ(kind_of(fault), FailureKind::kTls);
 }
 
 TEST(Failure, HandshakesByHowTheyEnded) {
   Fault fault = fault_of(CURLE_SSL_CONNECT_ERROR);
   fault.tls.started = true;
-  EXPECT_EQ(classify(fault), FailureKind::kReset);
+  EXPECT_EQ(kind_of(fault), FailureKind::kReset);
   fault.tls.error = ERR_PACK(ERR_LIB_SSL, 0, SSL_R_UNEXPECTED_EOF_WHILE_READING);
-  EXPECT_EQ(classify(fault), FailureKind::kReset);
+  EXPECT_EQ(kind_of(fault), FailureKind::kReset);
   OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS, nullptr);
   fault.tls.error = ERR_PACK(ERR_LIB_SSL, 0, SSL_R_WRONG_VERSION_NUMBER);
-  EXPECT_EQ(classify(fault), FailureKind::kTls);
+  EXPECT_EQ(kind_of(fault), FailureKind::kTls);
   EXPECT_EQ(message_of(fault), "TLS with h:1 failed: wrong version number");
   EXPECT_EQ(failure_from(fault, kUrl, Deadline(std::nullopt)).detail().tls_reason, "WRONG_VERSION_NUMBER");
 }
 
 TEST(Failure, HandshakesThatNobodySaw) {
   Fault fault = fault_of(CURLE_SSL_CONNECT_ERROR);
-  EXPECT_EQ(classify(fault), FailureKind::kTls);
+  EXPECT_EQ(kind_of(fault), FailureKind::kTls);
   fault.remains.ended = true;
-  EXPECT_EQ(classify(fault), FailureKind::kReset);
+  EXPECT_EQ(kind_of(fault), FailureKind::kReset);
   fault.remains.received_bytes = 8;  // an alert, or no TLS at all
-  EXPECT_EQ(classify(fault), FailureKind::kTls);
+  EXPECT_EQ(kind_of(fault), FailureKind::kTls);
 }
 
 TEST(Failure, NamesThatDoNotFitTheCertificate) {
@@ -125,12 +125,12 @@ TEST(Failure, ProxiesByTheirStatus) {
   for (const long status : {429L, 502L, 503L, 504L}) {
     Fault fault = at_proxy(CURLE_RECV_ERROR);
     fault.proxy_status = status;
-    EXPECT_EQ(classify(fault), FailureKind::kProxyUnavailable) << status;
+    EXPECT_EQ(kind_of(fault), FailureKind::kProxyUnavailable) << status;
   }
   for (const long status : {400L, 403L, 407L, 500L}) {
     Fault fault = at_proxy(CURLE_COULDNT_CONNECT);
     fault.proxy_status = status;
-    EXPECT_EQ(classify(fault), FailureKind::kProxyRefused) << status;
+    EXPECT_EQ(kind_of(fault), FailureKind::kProxyRefused) << status;
     EXPECT_EQ(message_of(fault), "proxy p:2 for h:1 answered " + std::to_string(status));
   }
 }
@@ -138,9 +138,9 @@ TEST(Failure, ProxiesByTheirStatus) {
 TEST(Failure, ProxiesForConnectionsByTheirReply) {
   Fault fault = at_proxy(CURLE_PROXY);
   fault.proxy_error = CURLPX_REPLY_CONNECTION_REFUSED;
-  EXPECT_EQ(classify(fault), FailureKind::kProxyUnavailable);
+  EXPECT_EQ(kind_of(fault), FailureKind::kProxyUnavailable);
   fault.proxy_error = CURLPX_USER_REJECTED;
-  EXPECT_EQ(classify(fault), FailureKind::kProxyRefused);
+  EXPECT_EQ(kind_of(fault), FailureKind::kProxyRefused);
 }
 
 TEST(Failure, TheProxyIsNamedUntilItHasConnectedThrough) {
@@ -155,11 +155,11 @@ TEST(Failure, TheProxyIsNamedUntilItHasConnectedThrough) {
 
 TEST(Failure, LinesThatAreTooLongByTheBytesThatCame) {
   Fault fault = fault_of(CURLE_OUT_OF_MEMORY);
-  EXPECT_EQ(classify(fault), FailureKind::kOther);
+  EXPECT_EQ(kind_of(fault), FailureKind::kOther);
   fault.remains.received_bytes = 200'000;
-  EXPECT_EQ(classify(fault), FailureKind::kMalformedResponse);
+  EXPECT_EQ(kind_of(fault), FailureKind::kMalformedResponse);
   fault.head_complete = true;
-  EXPECT_EQ(classify(fault), FailureKind::kOther);
+  EXPECT_EQ(kind_of(fault), FailureKind::kOther);
 }
 
 TEST(Failure, MessagesNameThePeer) {

@@ -5,8 +5,9 @@
 #include <thread>
 
 #include "loopback_server.hpp"
-#include "tessaline/auth/http/attempt.hpp"
+#include "tessaline/auth/http/limits.hpp"
 #include "tessaline/auth/http/process.hpp"
+#include "tessaline/auth/http/transfer.hpp"
 
 namespace tessaline::auth::http {
 namespace {
@@ -31,9 +32,9 @@ class SessionPoolTest : public ::testing::Test {
     hop.url = parse_url(server_->url());
     hop.method = "GET";
     const Route route = route_to(hop.url.origin());
-    Attempt attempt(session, hop, route);
-    attempt.prepare(Deadline(5s));
-    EXPECT_TRUE(attempt.run(ticker_));
+    Transfer transfer(session, hop, route);
+    transfer.prepare(Deadline(5s));
+    EXPECT_TRUE(transfer.run(ticker_));
   }
 
   Session* use(const std::string& origin, SessionPool::TimePoint when) {
@@ -75,29 +76,29 @@ TEST_F(SessionPoolTest, GivesASessionWithoutConnectionToAnyone) {
 
 TEST_F(SessionPoolTest, ClosesTheOldestWhenEnoughOriginsAreWarm) {
   Session* first = use("0", kStart);
-  for (std::size_t index = 1; index < SessionPool::kWarmOrigins; ++index) {
+  for (std::size_t index = 1; index < kWarmOrigins; ++index) {
     use(std::to_string(index), kStart + std::chrono::seconds(index));
   }
   EXPECT_EQ(use("0", kStart + 10s), first);
   use("more", kStart + 11s);
-  EXPECT_EQ(pool_.idle_count(), SessionPool::kWarmOrigins);
+  EXPECT_EQ(pool_.idle_count(), kWarmOrigins);
   EXPECT_EQ(use("0", kStart + 12s), first);
 }
 
 TEST_F(SessionPoolTest, IsBounded) {
   std::vector<Session*> leased;
-  for (std::size_t index = 0; index < SessionPool::kMaxIdle + 5; ++index)
+  for (std::size_t index = 0; index < kMostIdle + 5; ++index)
     leased.push_back(&take(std::to_string(index), kStart));
   for (Session* session : leased) pool_.give_back(*session, kStart);
-  EXPECT_EQ(pool_.idle_count(), SessionPool::kMaxIdle);
+  EXPECT_EQ(pool_.idle_count(), kMostIdle);
 }
 
 TEST_F(SessionPoolTest, ClosesWhatWasIdleTooLong) {
   use("old", kStart);
   use("new", kStart + 30s);
-  use("new", kStart + SessionPool::kMaxIdleTime);
+  use("new", kStart + kLongestIdle);
   EXPECT_EQ(pool_.idle_count(), 2U);
-  use("new", kStart + SessionPool::kMaxIdleTime + 1s);
+  use("new", kStart + kLongestIdle + 1s);
   EXPECT_EQ(pool_.idle_count(), 1U);
 }
 
@@ -105,9 +106,8 @@ TEST_F(SessionPoolTest, TellsWhenTheNextIsToBeClosed) {
   EXPECT_EQ(pool_.close_outdated(kStart), std::nullopt);
   use("old", kStart);
   use("new", kStart + 10s);
-  EXPECT_EQ(pool_.close_outdated(kStart + 10s), kStart + SessionPool::kMaxIdleTime);
-  EXPECT_EQ(pool_.close_outdated(kStart + SessionPool::kMaxIdleTime + 1s),
-            kStart + 10s + SessionPool::kMaxIdleTime);
+  EXPECT_EQ(pool_.close_outdated(kStart + 10s), kStart + kLongestIdle);
+  EXPECT_EQ(pool_.close_outdated(kStart + kLongestIdle + 1s), kStart + 10s + kLongestIdle);
   EXPECT_EQ(pool_.idle_count(), 1U);
   EXPECT_EQ(pool_.close_outdated(kStart + 1h), std::nullopt);
   EXPECT_EQ(pool_.idle_count(), 0U);
@@ -132,7 +132,7 @@ TEST_F(SessionPoolTest, GivesNoUsedConnectionToWhoWantsAFreshOne) {
 TEST_F(SessionPoolTest, HandsAConnectionOnToWhoWaitsForIt) {
   const auto now = std::chrono::steady_clock::now() + 1h;  // so that no pace makes room
   std::vector<Session*> leased;
-  for (std::size_t index = 0; index < SessionPool::kAtOnce; ++index) leased.push_back(&take("one", now));
+  for (std::size_t index = 0; index < kAtOnce; ++index) leased.push_back(&take("one", now));
   connect(*leased.front());
   const Route route = route_to("one");
   std::atomic<Session*> got = nullptr;
@@ -149,9 +149,9 @@ TEST_F(SessionPoolTest, HandsAConnectionOnToWhoWaitsForIt) {
 
 TEST_F(SessionPoolTest, BeginsOneMoreAtItsPaceForWhoWaits) {
   const auto begin = std::chrono::steady_clock::now();
-  for (std::size_t index = 0; index < SessionPool::kAtOnce; ++index) take("one", begin);
+  for (std::size_t index = 0; index < kAtOnce; ++index) take("one", begin);
   take("one", begin);
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, SessionPool::kPace);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, kPace);
 }
 
 TEST_F(SessionPoolTest, WhoIsPatientWaitsWhileThereIsAConnection) {
@@ -173,7 +173,7 @@ TEST_F(SessionPoolTest, WhoIsPatientWaitsWhileThereIsAConnection) {
 
 TEST_F(SessionPoolTest, WhoWaitsTooLongIsTold) {
   const auto now = std::chrono::steady_clock::now() + 1h;
-  for (std::size_t index = 0; index < SessionPool::kAtOnce; ++index) take("one", now);
+  for (std::size_t index = 0; index < kAtOnce; ++index) take("one", now);
   const Route route = route_to("one");
   const Deadline soon{20ms};
   try {

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "tessaline/auth/http/limits.hpp"
 #include "tls_server.hpp"
 
 namespace tessaline::auth::http {
@@ -171,19 +172,18 @@ TEST_F(TrustTest, SessionsAreGivenOutOnceAndBounded) {
     SSL_SESSION_set1_id(session.get(), id, sizeof id);
     return session;
   };
-  for (std::size_t index = 0; index < 2 * TlsSessions::kMostOfOnePeer; ++index)
-    sessions.keep("one", fresh(), now);
-  for (std::size_t index = 0; index < TlsSessions::kMostOfOnePeer; ++index)
+  for (std::size_t index = 0; index < 2 * kMostSessionsOfOnePeer; ++index) sessions.keep("one", fresh(), now);
+  for (std::size_t index = 0; index < kMostSessionsOfOnePeer; ++index)
     EXPECT_NE(sessions.take("one").session, nullptr);
   EXPECT_EQ(sessions.take("one").session, nullptr);
   EXPECT_EQ(sessions.take("other").session, nullptr);
   sessions.keep("old", fresh(), now);
-  for (std::size_t index = 0; index < TlsSessions::kMostPeers; ++index)
+  for (std::size_t index = 0; index < kMostTlsPeers; ++index)
     sessions.keep(std::to_string(index), fresh(), now);
   EXPECT_EQ(sessions.take("old").session, nullptr);
   EXPECT_NE(sessions.take("0").session, nullptr);
   // However young the session itself is.
-  sessions.keep("late", fresh(), now - TlsSessions::kLongestSeconds);
+  sessions.keep("late", fresh(), now - kLongestResumableSeconds);
   EXPECT_EQ(sessions.take("late").session, nullptr);
 }
 

@@ -15,14 +15,14 @@ constexpr std::string_view kProfile = "/api/profile/display_name";
 constexpr std::string_view kElsewhere = "/elsewhere";
 
 Verdict refused(std::string_view reason) {
-  return {Outcome::kRefuse, reason};
+  return {Action::kRefuse, reason};
 }
 
 TEST(Verdict, RegistrationRefusedForItsInviteCarriesTheServersReason) {
   for (const long status : {400L, 403L}) {
     for (const std::string_view reason :
          {"invite_invalid", "invite_already_redeemed", "invite_revoked", "invite_required"}) {
-      EXPECT_EQ(classify(status, kRegister, false, reason).outcome, Outcome::kRefuseRegistration)
+      EXPECT_EQ(classify(status, kRegister, false, reason).action, Action::kRefuseRegistration)
           << status << reason;
     }
   }
@@ -39,14 +39,14 @@ TEST(Verdict, RegistrationRefusedOtherwiseIsInvalidAddressOrUnauthorized) {
 
 TEST(Verdict, InviteReasonsMeanNothingOffTheRegistration) {
   EXPECT_EQ(classify(400, kChallenge, false, "invite_required"), refused("invalid_request"));
-  EXPECT_EQ(classify(403, kChallenge, false, "invite_required").outcome, Outcome::kBackOff);
+  EXPECT_EQ(classify(403, kChallenge, false, "invite_required").action, Action::kBackOff);
 }
 
 TEST(Verdict, BadRequestIsInvalidExceptForTheProfile) {
   EXPECT_EQ(classify(400, kChallenge, false, {}), refused("invalid_request"));
   EXPECT_EQ(classify(400, kVerify, true, {}), refused("invalid_request"));
   EXPECT_EQ(classify(400, kElsewhere, false, {}), refused("invalid_request"));
-  EXPECT_EQ(classify(400, kProfile, false, {}).outcome, Outcome::kProfileInvalid);
+  EXPECT_EQ(classify(400, kProfile, false, {}).action, Action::kProfileInvalid);
 }
 
 TEST(Verdict, UnauthorizedNamesItsEndpoint) {
@@ -58,24 +58,24 @@ TEST(Verdict, UnauthorizedNamesItsEndpoint) {
 
 TEST(Verdict, StaleChallengeComesBackOnlyFromAVerification) {
   for (const long status : {404L, 409L, 410L}) {
-    EXPECT_EQ(classify(status, kVerify, true, {}).outcome, Outcome::kGiveBack);
-    EXPECT_EQ(classify(status, kVerify, false, {}).outcome, Outcome::kBackOff);
-    EXPECT_EQ(classify(status, kChallenge, false, {}).outcome, Outcome::kBackOff);
+    EXPECT_EQ(classify(status, kVerify, true, {}).action, Action::kGiveBack);
+    EXPECT_EQ(classify(status, kVerify, false, {}).action, Action::kBackOff);
+    EXPECT_EQ(classify(status, kChallenge, false, {}).action, Action::kBackOff);
   }
 }
 
 TEST(Verdict, RateLimitIsFinalOnlyForTheProfile) {
-  EXPECT_EQ(classify(429, kProfile, false, {}).outcome, Outcome::kProfileRateLimited);
-  EXPECT_EQ(classify(429, kVerify, true, {}).outcome, Outcome::kWaitAsTold);
-  EXPECT_EQ(classify(429, kElsewhere, false, {}).outcome, Outcome::kWaitAsTold);
+  EXPECT_EQ(classify(429, kProfile, false, {}).action, Action::kProfileRateLimited);
+  EXPECT_EQ(classify(429, kVerify, true, {}).action, Action::kWaitAsTold);
+  EXPECT_EQ(classify(429, kElsewhere, false, {}).action, Action::kWaitAsTold);
 }
 
 TEST(Verdict, EveryOtherStatusIsGivenBackOrRetried) {
   for (long status = -1; status <= 1000; ++status) {
     if (status == 400 || status == 401 || status == 403 || status == 429) continue;
-    const Outcome expected = status >= 200 && status <= 299 ? Outcome::kGiveBack : Outcome::kBackOff;
+    const Action expected = status >= 200 && status <= 299 ? Action::kGiveBack : Action::kBackOff;
     for (const std::string_view path : {kRegister, kChallenge, kVerify, kProfile, kElsewhere}) {
-      EXPECT_EQ(classify(status, path, false, "invite_required").outcome, expected) << status << path;
+      EXPECT_EQ(classify(status, path, false, "invite_required").action, expected) << status << path;
     }
   }
 }

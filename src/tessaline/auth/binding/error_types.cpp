@@ -18,14 +18,14 @@ void initialise_with_reason(PyObject* self, PyObject* reason_value) {
 }
 
 int initialise_auth_error(PyObject* self, PyObject* arguments, PyObject* keywords) {
-  static constexpr python::Signature kSignature("AuthError.__init__", {"reason"}, 1, 1, 1);
+  static constexpr python::Parameters kParameters("AuthError.__init__", {"reason"}, 1, 1, 1);
   return python::status_boundary(
-      [&] { initialise_with_reason(self, kSignature.bind(arguments, keywords)[0]); });
+      [&] { initialise_with_reason(self, kParameters.bind(arguments, keywords)[0]); });
 }
 
 /// Takes any keyword besides `reason`; each becomes an attribute of the instance.
 int initialise_profile_error(PyObject* self, PyObject* arguments, PyObject* keywords) {
-  static constexpr python::Signature kSignature("ProfileError.__init__", {"reason"}, 1, 1, 1);
+  static constexpr python::Parameters kParameters("ProfileError.__init__", {"reason"}, 1, 1, 1);
   return python::status_boundary([&] {
     Ref extras = python::checked(keywords == nullptr ? PyDict_New() : PyDict_Copy(keywords));
     Ref reason_only = python::checked(PyDict_New());
@@ -33,7 +33,7 @@ int initialise_profile_error(PyObject* self, PyObject* arguments, PyObject* keyw
       python::checked(PyDict_SetItem(reason_only.get(), names::reason.object(), given.get()));
       python::checked(PyDict_DelItem(extras.get(), names::reason.object()));
     }
-    PyObject* const reason_value = kSignature.bind(arguments, reason_only.get())[0];
+    PyObject* const reason_value = kParameters.bind(arguments, reason_only.get())[0];
     Ref attributes = python::checked(PyObject_GenericGetDict(self, nullptr));
     python::checked(PyDict_Update(attributes.get(), extras.get()));
     initialise_with_reason(self, reason_value);

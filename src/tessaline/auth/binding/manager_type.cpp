@@ -3,7 +3,7 @@
 #include <cstddef>
 
 #include "tessaline/auth/binding/manager_docs.hpp"
-#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/manager/manager.hpp"
 #include "tessaline/auth/manager/process_generation.hpp"
 #include "tessaline/auth/names.hpp"
@@ -17,8 +17,8 @@ namespace tessaline::auth::binding {
 namespace {
 
 using python::Bound;
+using python::Parameters;
 using python::Ref;
-using python::Signature;
 
 AuthManager& manager_of(PyObject* self) {
   return *reinterpret_cast<AuthManager*>(self);
@@ -28,14 +28,14 @@ PyObject* or_none(PyObject* argument) {
   return argument == nullptr ? Py_None : argument;
 }
 
-constexpr Signature kInitSignature("AuthManager.__init__",
-                                   {"private_key", "server_url", "invite_code", "register_wallet", "clock",
-                                    "_transport"},
-                                   2, 2, 1);
+constexpr Parameters kInitParameters("AuthManager.__init__",
+                                     {"private_key", "server_url", "invite_code", "register_wallet", "clock",
+                                      "_transport"},
+                                     2, 2, 1);
 
 int initialise(PyObject* self, PyObject* arguments, PyObject* keywords) {
   return python::status_boundary([&] {
-    const Bound given = kInitSignature.bind(arguments, keywords);
+    const Bound given = kInitParameters.bind(arguments, keywords);
     manager_of(self).construct(given[0], given[1], or_none(given[2]),
                                given[3] == nullptr ? Py_True : given[3], or_none(given[4]),
                                or_none(given[5]));
@@ -82,31 +82,32 @@ constexpr PyMethodDef define(const char* name, const char* doc) {
   return {name, plain<kMethod>, METH_NOARGS, doc};
 }
 
-/// The entry from the host for a method with this signature and body.
-template <const Signature& kSignature, Ref (*kBody)(PyObject*, const Bound&)>
+/// The entry from the host for a method with these parameters and this body.
+template <const Parameters& kParameters, Ref (*kBody)(PyObject*, const Bound&)>
 PyObject* bound(PyObject* self, PyObject* const* arguments, Py_ssize_t count, PyObject* keyword_names) {
   return python::boundary([&] {
-    const Bound given = kSignature.bind(arguments, count, keyword_names);
+    const Bound given = kParameters.bind(arguments, count, keyword_names);
     present(self);
     return kBody(self, given);
   });
 }
 
-template <const Signature& kSignature, Ref (*kBody)(PyObject*, const Bound&)>
+template <const Parameters& kParameters, Ref (*kBody)(PyObject*, const Bound&)>
 constexpr PyMethodDef define(const char* name, const char* doc) {
-  return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&bound<kSignature, kBody>)),
+  return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&bound<kParameters, kBody>)),
           METH_FASTCALL | METH_KEYWORDS, doc};
 }
 
-constexpr Signature kHttpRequest("AuthManager._http_request", {"method", "path", "body_dict", "headers"}, 4,
-                                 2, 1);
+constexpr Parameters kHttpRequest("AuthManager._http_request", {"method", "path", "body_dict", "headers"}, 4,
+                                  2, 1);
 Ref http_request_method(PyObject* self, const Bound& given) {
   return http_request(self, given[0], given[1], or_none(given[2]), or_none(given[3]));
 }
 
-constexpr Signature kRequestWithRetry("AuthManager._request_with_retry",
-                                      {"method", "path", "body_dict", "headers", "max_attempts", "is_verify"},
-                                      6, 2, 1);
+constexpr Parameters kRequestWithRetry("AuthManager._request_with_retry",
+                                       {"method", "path", "body_dict", "headers", "max_attempts",
+                                        "is_verify"},
+                                       6, 2, 1);
 Ref request_with_retry_method(PyObject* self, const Bound& given) {
   return request_with_retry(self, {given[0], given[1], or_none(given[2]), or_none(given[3]),
                                    or_none(given[4]), given[5] != nullptr && python::truthy(given[5])});
@@ -115,46 +116,46 @@ Ref request_with_retry_method(PyObject* self, const Bound& given) {
 Ref get_time(PyObject* self, const Bound&) {
   return read_clock(self);
 }
-constexpr Signature kGetTime("AuthManager._get_time", {}, 0, 0, 1);
+constexpr Parameters kGetTime("AuthManager._get_time", {}, 0, 0, 1);
 
-constexpr Signature kWaitWithClock("AuthManager._wait_with_clock", {"seconds"}, 1, 1, 1);
+constexpr Parameters kWaitWithClock("AuthManager._wait_with_clock", {"seconds"}, 1, 1, 1);
 Ref wait_with_clock_method(PyObject* self, const Bound& given) {
   wait_with_clock(self, given[0]);
   return Ref::none();
 }
 
-constexpr Signature kStoreAuthResult("AuthManager._store_auth_result", {"token", "wallet_secret_bytes"}, 2, 2,
-                                     1);
+constexpr Parameters kStoreAuthResult("AuthManager._store_auth_result", {"token", "wallet_secret_bytes"}, 2,
+                                      2, 1);
 Ref store_auth_result(PyObject* self, const Bound& given) {
   return manager_of(self).store_auth_result(given[0], given[1]);
 }
 
-constexpr Signature kComputeRefreshAt("AuthManager._compute_refresh_at", {"auth_time"}, 1, 1, 1);
+constexpr Parameters kComputeRefreshAt("AuthManager._compute_refresh_at", {"auth_time"}, 1, 1, 1);
 Ref compute_refresh_at(PyObject* self, const Bound& given) {
   return manager_of(self).compute_refresh_at(given[0]);
 }
 
-constexpr Signature kPollForReauth("AuthManager._poll_for_reauth", {"fallback_to_current_token"}, 1, 1, 1);
+constexpr Parameters kPollForReauth("AuthManager._poll_for_reauth", {"fallback_to_current_token"}, 1, 1, 1);
 Ref poll_for_reauth(PyObject* self, const Bound& given) {
   return manager_of(self).poll_for_reauth(python::truthy(given[0]));
 }
 
-constexpr Signature kNotifyEraChange("AuthManager.notify_era_change", {"new_era_number"}, 1, 1, 1);
+constexpr Parameters kNotifyEraChange("AuthManager.notify_era_change", {"new_era_number"}, 1, 1, 1);
 Ref notify_era_change(PyObject* self, const Bound& given) {
   return manager_of(self).notify_era_change(given[0]);
 }
 
-constexpr Signature kSetDisplayName("AuthManager.set_display_name", {"display_name"}, 1, 1, 1);
+constexpr Parameters kSetDisplayName("AuthManager.set_display_name", {"display_name"}, 1, 1, 1);
 Ref set_display_name(PyObject* self, const Bound& given) {
   return manager_of(self).set_display_name(given[0]);
 }
 
-constexpr Signature kEnter("AuthManager.__enter__", {}, 0, 0, 1);
+constexpr Parameters kEnter("AuthManager.__enter__", {}, 0, 0, 1);
 Ref enter(PyObject* self, const Bound&) {
   return Ref::borrow(self);
 }
 
-constexpr Signature kExit("AuthManager.__exit__", {"exc_type", "exc_value", "traceback"}, 3, 3, 1);
+constexpr Parameters kExit("AuthManager.__exit__", {"exc_type", "exc_value", "traceback"}, 3, 3, 1);
 Ref leave(PyObject* self, const Bound&) {
   python::call_method(self, names::close);
   return Ref::boolean(false);
@@ -164,7 +165,7 @@ PyObject* refuse_reduction(PyObject*, PyObject*) {
   return python::boundary([]() -> Ref {
     python::raise(PyExc_TypeError,
                   "AuthManager cannot be pickled or copied: it holds a private key, locks and threads",
-                  advice::kNoCopies);
+                  notes::kNoCopies);
   });
 }
 

@@ -7,7 +7,7 @@
 #include "tessaline/auth/binding/manager_type.hpp"
 #include "tessaline/auth/binding/module_constants.hpp"
 #include "tessaline/auth/binding/module_functions.hpp"
-#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/manager/manager.hpp"
 #include "tessaline/auth/manager/process_generation.hpp"
 #include "tessaline/auth/names.hpp"
@@ -38,12 +38,12 @@ void refuse_other_interpreters() {
     python::raise(
         PyExc_ImportError,
         "Interpreter change detected - this module can only be loaded into one interpreter per process.",
-        advice::kOneInterpreter);
+        notes::kOneInterpreter);
   }
   if (executed) {
     python::raise(PyExc_RuntimeError,
                   "Module 'auth' has already been imported. Re-initialisation is not supported.",
-                  advice::kOneImport);
+                  notes::kOneImport);
   }
 }
 
@@ -57,7 +57,7 @@ void import_host_modules() {
   import_as(names::random, names::random);
   import_as(kRe, kRe);
   import_as(names::threading, names::threading);
-  import_as(kTime, names::time);
+  import_as(kTime, names::time_module);
   const Ref hook = python::attribute(python::import(kLoggingStyle).get(), names::log_library_surface_event);
   python::set_global(names::log_library_surface_event, hook.get());
 }

@@ -11,26 +11,26 @@ namespace tessaline::auth::binding {
 namespace {
 
 using python::Bound;
+using python::Parameters;
 using python::Ref;
-using python::Signature;
 
 PyObject* or_none(PyObject* argument) {
   return argument == nullptr ? Py_None : argument;
 }
 
-/// The entry from the host for a function with this signature and body.
-template <const Signature& kSignature, Ref (*kBody)(const Bound&)>
+/// The entry from the host for a function with these parameters and this body.
+template <const Parameters& kParameters, Ref (*kBody)(const Bound&)>
 PyObject* entry(PyObject*, PyObject* const* arguments, Py_ssize_t count, PyObject* keyword_names) {
-  return python::boundary([&] { return kBody(kSignature.bind(arguments, count, keyword_names)); });
+  return python::boundary([&] { return kBody(kParameters.bind(arguments, count, keyword_names)); });
 }
 
-template <const Signature& kSignature, Ref (*kBody)(const Bound&)>
+template <const Parameters& kParameters, Ref (*kBody)(const Bound&)>
 constexpr PyMethodDef define(const char* name, const char* doc) {
-  return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&entry<kSignature, kBody>)),
+  return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&entry<kParameters, kBody>)),
           METH_FASTCALL | METH_KEYWORDS, doc};
 }
 
-constexpr Signature kTransport("_default_http_transport", {"method", "url", "headers", "body"}, 4, 2, 0);
+constexpr Parameters kTransport("_default_http_transport", {"method", "url", "headers", "body"}, 4, 2, 0);
 Ref transport(const Bound& given) {
   return default_http_transport(given[0], given[1], or_none(given[2]), or_none(given[3]));
 }
@@ -39,45 +39,45 @@ PyObject* timeout_seconds(PyObject*, PyObject*) {
   return python::boundary([] { return python::global(names::auth_http_timeout_default); });
 }
 
-constexpr Signature kDecodePayload("_decode_jwt_payload_unverified", {"token"}, 1, 1, 0);
+constexpr Parameters kDecodePayload("_decode_jwt_payload_unverified", {"token"}, 1, 1, 0);
 Ref decode_payload(const Bound& given) {
   return decode_jwt_payload_unverified(given[0]);
 }
 
-constexpr Signature kAssertSubject("_assert_token_subject_matches_wallet", {"token", "wallet_address"}, 2, 2,
-                                   0);
+constexpr Parameters kAssertSubject("_assert_token_subject_matches_wallet", {"token", "wallet_address"}, 2, 2,
+                                    0);
 Ref assert_subject(const Bound& given) {
   assert_token_subject_matches_wallet(given[0], given[1]);
   return Ref::none();
 }
 
-constexpr Signature kValidateKey("_validate_private_key", {"private_key"}, 1, 1, 0);
+constexpr Parameters kValidateKey("_validate_private_key", {"private_key"}, 1, 1, 0);
 Ref validate_key(const Bound& given) {
   return validate_private_key(given[0]);
 }
 
-constexpr Signature kValidateUrl("_validate_server_url", {"server_url"}, 1, 1, 0);
+constexpr Parameters kValidateUrl("_validate_server_url", {"server_url"}, 1, 1, 0);
 Ref validate_url(const Bound& given) {
   return validate_server_url(given[0]);
 }
 
-constexpr Signature kNormalizeInvite("_normalize_invite_code", {"invite_code"}, 1, 1, 0);
+constexpr Parameters kNormalizeInvite("_normalize_invite_code", {"invite_code"}, 1, 1, 0);
 Ref normalize_invite(const Bound& given) {
   return normalize_invite_code(given[0]);
 }
 
-constexpr Signature kEraNumber("_jwt_era_number", {"token"}, 1, 1, 0);
+constexpr Parameters kEraNumber("_jwt_era_number", {"token"}, 1, 1, 0);
 Ref era_number(const Bound& given) {
   return jwt_era_number(given[0]);
 }
 
-constexpr Signature kSetActive("_set_active_auth_manager", {"manager"}, 1, 1, 0);
+constexpr Parameters kSetActive("_set_active_auth_manager", {"manager"}, 1, 1, 0);
 Ref set_active(const Bound& given) {
   set_active_auth_manager(given[0]);
   return Ref::none();
 }
 
-constexpr Signature kNotify("notify_era_change", {"new_era_number"}, 1, 1, 0);
+constexpr Parameters kNotify("notify_era_change", {"new_era_number"}, 1, 1, 0);
 Ref notify(const Bound& given) {
   notify_active_manager(given[0]);
   return Ref::none();

@@ -1,6 +1,6 @@
 #include "tessaline/auth/errors/errors.hpp"
 
-#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
@@ -27,7 +27,7 @@ void set_error_types(const ErrorTypes& made) noexcept {
 
 Ref new_auth_error(std::string_view reason_text) {
   Ref error = auth_error(python::text(reason_text).get());
-  python::add_note(error.get(), advice::for_reason(reason_text));
+  python::add_note(error.get(), notes::for_reason(reason_text));
   return error;
 }
 
@@ -35,7 +35,7 @@ Ref new_recorded_error(PyObject* text, PyObject* failure) {
   Ref error = auth_error(text);
   python::copy_notes(failure, error.get());
   python::add_note_from(error.get(), [failure] {
-    return python::checked(PyUnicode_FromFormat(advice::kRecorded, Py_TYPE(failure)->tp_name));
+    return python::checked(PyUnicode_FromFormat(notes::kRecorded, Py_TYPE(failure)->tp_name));
   });
   return error;
 }
@@ -46,13 +46,14 @@ void raise_auth_error(std::string_view reason_text) {
 
 void raise_registration_error(PyObject* server_reason) {
   const Ref error = python::call(types.registration, {server_reason});
-  python::attempt([&] { python::add_note(error.get(), advice::for_reason(python::utf8_of(server_reason))); });
+  python::best_effort(
+      [&] { python::add_note(error.get(), notes::for_reason(python::utf8_of(server_reason))); });
   python::raise(error.get());
 }
 
 void raise_profile_error(std::string_view reason_text, const python::Name& extra, PyObject* value) {
   const Ref error = python::call(types.profile, {python::text(reason_text).get()}, {{extra, value}});
-  python::add_note(error.get(), advice::for_reason(reason_text));
+  python::add_note(error.get(), notes::for_reason(reason_text));
   python::raise(error.get());
 }
 

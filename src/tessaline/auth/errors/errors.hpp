@@ -23,7 +23,7 @@ const ErrorTypes& error_types() noexcept;
 /// Called once, when the module is executed and has made them.
 void set_error_types(const ErrorTypes& made) noexcept;
 
-/// A new `AuthError(reason=…)`, with the advice for that reason. An error gets its note where it is made, so
+/// A new `AuthError(reason=…)`, with the note for that reason. An error gets its note where it is made, so
 /// that raising it again adds none.
 python::Ref new_auth_error(std::string_view reason);
 

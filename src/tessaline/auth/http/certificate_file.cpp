@@ -13,6 +13,8 @@
 #include <string_view>
 #include <utility>
 
+#include "tessaline/auth/http/limits.hpp"
+
 namespace tessaline::auth::http {
 namespace {
 
@@ -59,8 +61,6 @@ NameHandle subject_of(const std::string& der) {
 
 std::string read_whole(const std::string& path, CertificateFile& file) {
   constexpr std::size_t kPiece = std::size_t{64} << 10U;
-  // Some devices have no end.
-  constexpr std::size_t kMostBytes = std::size_t{64} << 20U;
   const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (descriptor < 0) {
     file.os_errno = errno;
@@ -78,7 +78,7 @@ std::string read_whole(const std::string& path, CertificateFile& file) {
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) file.os_errno = errno;
     if (got <= 0) return content;
-    if (content.size() > kMostBytes) {
+    if (content.size() > kMostRootFileBytes) {
       file.os_errno = EFBIG;
       return {};
     }

@@ -2,11 +2,10 @@
 
 #include <algorithm>
 
+#include "tessaline/auth/http/limits.hpp"
+
 namespace tessaline::auth::http {
 namespace {
-
-constexpr int kMostSizeDigits = 15;
-constexpr std::size_t kMostExtensionBytes = 4096;
 
 int hex_value(char unit) {
   if (unit >= '0' && unit <= '9') return unit - '0';
@@ -40,7 +39,7 @@ bool ChunkedBody::add_unit(char unit) {
       return add_size_digit(unit);
     case State::kExtension:
       if (unit == '\n') return end_size();
-      return ++extension_bytes_ <= kMostExtensionBytes;
+      return ++extension_bytes_ <= kMostChunkExtensionBytes;
     case State::kSizeEnd:
       return unit == '\n' && end_size();
     case State::kContentEnd:
@@ -64,7 +63,7 @@ bool ChunkedBody::add_size_digit(char unit) {
   const int value = hex_value(unit);
   if (value >= 0) {
     left_ = left_ * 16 + static_cast<std::uint64_t>(value);
-    return ++digits_ <= kMostSizeDigits;
+    return ++digits_ <= kMostChunkSizeDigits;
   }
   if (digits_ == 0) return false;
   if (unit == '\n') return end_size();

@@ -12,9 +12,6 @@ namespace tessaline::auth::http {
 /// it.
 class ChunkedBody {
  public:
-  static constexpr std::size_t kMostTrailerBytes = 65'536;
-  static constexpr std::size_t kLongestTrailerLine = 4'000;  ///< below libcurl's own bound, 4 KiB
-
   /// Appends the content of the next bytes to `body`. False when they cannot belong to a chunked body, or
   /// when its trailers are too long. Throws std::bad_alloc and std::length_error.
   bool add(std::string_view bytes, std::string& body);

@@ -2,15 +2,12 @@
 
 #include <algorithm>
 
+#include "tessaline/auth/http/limits.hpp"
+
 namespace tessaline::auth::http {
-namespace {
-
-constexpr double kLongestSeconds = 2'000'000;
-
-}  // namespace
 
 Deadline::Deadline(std::optional<std::chrono::duration<double>> timeout, Clock::time_point now) {
-  if (!timeout || timeout->count() > kLongestSeconds) return;
+  if (!timeout || timeout->count() > kLongestTimeoutSeconds) return;
   seconds_ = timeout->count();
   const bool positive = seconds_ > 0;  // false for NaN as well
   end_ = positive ? now + std::chrono::ceil<Clock::duration>(*timeout) : now;

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "tessaline/auth/http/failure_table.hpp"
+#include "tessaline/auth/http/limits.hpp"
 #include "tessaline/auth/http/text.hpp"
 
 namespace tessaline::auth::http {
@@ -118,14 +119,14 @@ bool is_success(long status) {
 
 }  // namespace
 
-FailureKind classify(const Fault& fault) {
+FailureKind kind_of(const Fault& fault) {
   if (fault.open_errno == EMFILE || fault.open_errno == ENFILE) return FailureKind::kDescriptors;
   if (fault.proxy_status != 0 && !is_success(fault.proxy_status)) return kind_of_refusal(fault.proxy_status);
   return look_up(fault);
 }
 
 TransportFailure failure_from(const Fault& fault, const Url& url, const Deadline& deadline) {
-  const FailureKind kind = classify(fault);
+  const FailureKind kind = kind_of(fault);
   if (kind == FailureKind::kTimedOut && deadline.bounded() && fault.code == CURLE_OPERATION_TIMEDOUT) {
     return timed_out(party_of(fault, url), deadline, {.through_proxy = fault.proxy.has_value()});
   }

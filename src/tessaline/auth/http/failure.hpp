@@ -13,7 +13,7 @@
 
 namespace tessaline::auth::http {
 
-/// What is known of an exchange that failed: libcurl's numbers, and what was seen besides.
+/// What is known of a transfer that failed: libcurl's numbers, and what was seen besides.
 struct Fault {
   CURLcode code = CURLE_OK;
   long os_errno = 0;
@@ -31,7 +31,7 @@ struct Fault {
 };
 
 /// By the table in failure_table.cpp, after what concerns no single code: descriptors and proxies.
-FailureKind classify(const Fault& fault);
+FailureKind kind_of(const Fault& fault);
 
 TransportFailure failure_from(const Fault& fault, const Url& url, const Deadline& deadline);
 

@@ -1,7 +1,7 @@
 #include "tessaline/auth/http/http_client.hpp"
 
 #include "tessaline/auth/http/deadline.hpp"
-#include "tessaline/auth/http/exchange.hpp"
+#include "tessaline/auth/http/hop.hpp"
 #include "tessaline/auth/http/process.hpp"
 #include "tessaline/auth/http/redirect.hpp"
 #include "tessaline/auth/http/request_check.hpp"
@@ -22,7 +22,7 @@ Response perform(const Request& request, const Tick& tick) {
   Ticker ticker(tick, hop.url.peer());
   RedirectTrail trail;
   for (;;) {
-    Response response = exchange(hop, {request.trust, request.proxies, deadline, ticker});
+    Response response = answer_to(hop, {request.trust, request.proxies, deadline, ticker});
     std::optional<Hop> next = trail.next(hop, response);
     if (!next) return response;
     hop = std::move(*next);

@@ -1,10 +1,9 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
+#include <exception>
 #include <functional>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,7 +13,7 @@ namespace tessaline::auth::http {
 /// Header fields in order. Names and values are bytes (ISO 8859-1); names keep their spelling.
 using Headers = std::vector<std::pair<std::string, std::string>>;
 
-/// Where certificates are trusted from, as the host's TLS library states it. Empty: none of that kind.
+/// Where certificates are trusted from, as the program's TLS library states it. Empty: none of that kind.
 struct TrustStore {
   std::string ca_file;
   std::string ca_directory;
@@ -41,9 +40,6 @@ struct Request {
   ProxySettings proxies;
   std::string user_agent{};  ///< where `headers` name none; empty: the package and its version
 };
-
-/// Longest body that is taken of an answer, which is some kilobytes.
-inline constexpr std::size_t kMostBodyBytes = std::size_t{64} << 20U;
 
 struct Response {
   int status = 0;
@@ -80,15 +76,19 @@ struct FailureDetail {
 };
 
 /// Says what failed and against which host or proxy; never holds headers, bodies, paths or credentials.
-class TransportFailure : public std::runtime_error {
+/// Thrown within this room, a value beyond it: a std::runtime_error's text belongs to the C++ runtime that
+/// made it.
+class TransportFailure final : public std::exception {
  public:
-  TransportFailure(FailureKind kind, const std::string& message, FailureDetail detail = {})
-      : std::runtime_error(message), kind_(kind), detail_(std::move(detail)) {}
+  TransportFailure(FailureKind kind, std::string message, FailureDetail detail = {})
+      : kind_(kind), message_(std::move(message)), detail_(std::move(detail)) {}
   FailureKind kind() const noexcept { return kind_; }
+  const char* what() const noexcept override { return message_.c_str(); }
   const FailureDetail& detail() const noexcept { return detail_; }
 
  private:
   FailureKind kind_;
+  std::string message_;
   FailureDetail detail_;
 };
 

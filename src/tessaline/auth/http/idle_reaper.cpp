@@ -8,6 +8,7 @@
 #include <optional>
 #include <thread>
 
+#include "tessaline/auth/http/limits.hpp"
 #include "tessaline/auth/http/process.hpp"
 #include "tessaline/auth/http/session_pool.hpp"
 
@@ -31,7 +32,7 @@ bool may_end() {
 // Sleeps before it looks: nothing is outdated sooner, and a busy program would start it anew for every
 // request.
 void* reap(void*) {
-  auto next = std::chrono::steady_clock::now() + SessionPool::kMaxIdleTime;
+  auto next = std::chrono::steady_clock::now() + kLongestIdle;
   for (;;) {
     std::this_thread::sleep_until(next + std::chrono::milliseconds(1));
     if (const auto later = close_outdated()) {
@@ -49,7 +50,7 @@ void need() noexcept {
   pthread_attr_t detached;
   if (pthread_attr_init(&detached) != 0) return;
   pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED);
-  // Signals are for the threads of the host.
+  // Signals are for the threads of the program.
   sigset_t all;
   sigset_t before;
   sigfillset(&all);

@@ -4,13 +4,11 @@
 #include <array>
 #include <string_view>
 
+#include "tessaline/auth/http/limits.hpp"
 #include "tessaline/auth/http/text.hpp"
 
 namespace tessaline::auth::http {
 namespace {
-
-constexpr int kMaxRepeats = 4;
-constexpr std::size_t kMaxTargets = 10;
 
 constexpr std::array<std::string_view, 2> kContentHeaders = {"content-length", "content-type"};
 constexpr std::array<std::string_view, 4> kOriginBoundHeaders = {"authorization", "cookie", "host",
@@ -74,9 +72,9 @@ std::optional<Hop> RedirectTrail::next(const Hop& hop, const Response& response)
 }
 
 bool RedirectTrail::may_visit(const std::string& url) {
-  if (visits_.size() >= kMaxTargets) return false;
+  if (visits_.size() >= kMostRedirectTargets) return false;
   int& visits = visits_[url];
-  if (visits >= kMaxRepeats) return false;
+  if (visits >= kMostRedirectRepeats) return false;
   ++visits;
   return true;
 }

@@ -8,8 +8,6 @@
 namespace tessaline::auth::http {
 namespace {
 
-constexpr std::size_t kMostLengthDigits = 18;  // what fits a 64-bit number
-
 std::string_view without_line_end(std::string_view line) {
   if (line.ends_with('\n')) line.remove_suffix(1);
   if (line.ends_with('\r')) line.remove_suffix(1);

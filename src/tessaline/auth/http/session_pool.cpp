@@ -7,6 +7,7 @@
 
 #include "tessaline/auth/http/failure.hpp"
 #include "tessaline/auth/http/idle_reaper.hpp"
+#include "tessaline/auth/http/limits.hpp"
 #include "tessaline/auth/http/process.hpp"
 
 namespace tessaline::auth::http {
@@ -119,7 +120,7 @@ void SessionPool::give_back(Session& session, TimePoint now) noexcept {
   }
   session.leased = false;
   session.idle_since = now;
-  if (count_idle() > kMaxIdle) surplus = remove_oldest_idle();
+  if (count_idle() > kMostIdle) surplus = remove_oldest_idle();
   idle_reaper::need();
 }
 
@@ -132,7 +133,7 @@ std::optional<SessionPool::TimePoint> SessionPool::close_outdated(TimePoint now)
     const auto oldest = std::ranges::min_element(
         sessions_, {}, [](const Owned& session) { return std::tuple(session->leased, session->idle_since); });
     if (oldest == sessions_.end() || (*oldest)->leased) return std::nullopt;
-    return (*oldest)->idle_since + kMaxIdleTime;
+    return (*oldest)->idle_since + kLongestIdle;
   }
 }
 
@@ -237,7 +238,7 @@ SessionPool::Owned SessionPool::remove(const Session& session) noexcept {
 
 SessionPool::Owned SessionPool::remove_outdated(TimePoint now) noexcept {
   const auto found = std::ranges::find_if(sessions_, [&](const Owned& session) {
-    return !session->leased && now - session->idle_since > kMaxIdleTime;
+    return !session->leased && now - session->idle_since > kLongestIdle;
   });
   return found == sessions_.end() ? nullptr : remove(**found);
 }

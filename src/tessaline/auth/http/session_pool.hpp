@@ -22,13 +22,6 @@ class SessionPool {
  public:
   using TimePoint = Session::TimePoint;
 
-  static constexpr std::size_t kMaxIdle = 32;
-  static constexpr std::size_t kWarmOrigins = 4;
-  static constexpr std::chrono::seconds kMaxIdleTime{30};
-  static constexpr std::size_t kAtOnce = 24;            ///< connections of a route that nobody waits for
-  static constexpr std::chrono::milliseconds kPace{2};  ///< between those beyond
-  static constexpr std::chrono::milliseconds kPatientPace{100};  ///< how often who is patient looks again
-
   /// What a request wants of the pool.
   struct Wish {
     const Route& route;

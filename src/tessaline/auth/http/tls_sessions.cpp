@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <utility>
 
+#include "tessaline/auth/http/limits.hpp"
+
 namespace tessaline::auth::http {
 namespace {
 
 bool is_usable(const TlsSessions::Resumable& kept) {
   const std::time_t age = std::time(nullptr) - kept.verified_at;
-  return SSL_SESSION_is_resumable(kept.session.get()) == 1 && age >= 0 && age < TlsSessions::kLongestSeconds;
+  return SSL_SESSION_is_resumable(kept.session.get()) == 1 && age >= 0 && age < kLongestResumableSeconds;
 }
 
 }  // namespace
@@ -17,14 +19,14 @@ void TlsSessions::keep(const std::string& peer, TlsSession session, std::time_t 
   const std::lock_guard lock(mutex_);
   auto found = std::ranges::find(peers_, peer, &Peer::name);
   if (found == peers_.end()) {
-    if (peers_.size() >= kMostPeers) peers_.erase(peers_.begin());
+    if (peers_.size() >= kMostTlsPeers) peers_.erase(peers_.begin());
     peers_.push_back(Peer{peer, {}});
   } else {
     std::rotate(found, found + 1, peers_.end());
   }
   auto& sessions = peers_.back().sessions;
   sessions.push_back({std::move(session), verified_at});
-  if (sessions.size() > kMostOfOnePeer) sessions.erase(sessions.begin());
+  if (sessions.size() > kMostSessionsOfOnePeer) sessions.erase(sessions.begin());
 }
 
 TlsSessions::Resumable TlsSessions::take(const std::string& peer) {

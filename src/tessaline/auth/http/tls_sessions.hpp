@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <ctime>
 #include <mutex>
 #include <string>
@@ -17,11 +16,6 @@ class TlsSessions {
     TlsSession session;
     std::time_t verified_at = 0;
   };
-
-  static constexpr std::size_t kMostPeers = 128;
-  static constexpr std::size_t kMostOfOnePeer = 4;
-  /// A resumed session does not look at the certificate again, so it does not live as long as a server likes.
-  static constexpr long kLongestSeconds = 3600;
 
   /// The peers heard of last are kept, and of each its latest sessions. `verified_at` is when the certificate
   /// was looked at: a session that came of a resumed one is no younger than that. Throws std::bad_alloc.

@@ -7,10 +7,10 @@
 #include <new>
 #include <vector>
 
+#include "tessaline/auth/http/limits.hpp"
+
 namespace tessaline::auth::http {
 namespace {
-
-constexpr std::size_t kMostConfigurations = 8;
 
 struct Registry {
   std::mutex mutex;  ///< held while roots are read: who comes meanwhile would read the same
@@ -37,7 +37,7 @@ std::shared_ptr<const Trust> Trust::in_force(const TrustStore& places) {
     if ((*found)->roots().is_current()) return *found;
     replaced = std::move(*found);
     all.trusts.erase(found);
-  } else if (all.trusts.size() >= kMostConfigurations) {
+  } else if (all.trusts.size() >= kMostTrusts) {
     replaced = std::move(all.trusts.front());
     all.trusts.erase(all.trusts.begin());
   }

@@ -24,7 +24,7 @@ class Steps {
  public:
   template <class Step>
   void take(Step&& step) {
-    std::optional<python::Error> failure = python::caught([&] { python::insist(step); });
+    std::optional<python::Error> failure = python::caught([&] { python::until_done(step); });
     if (failure && !first_) first_ = std::move(failure);
   }
 

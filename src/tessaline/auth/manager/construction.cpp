@@ -21,7 +21,7 @@ Ref without_trailing_slashes(PyObject* url) {
 
 Ref clock_in_force(PyObject* injected) {
   if (injected != Py_None) return Ref::borrow(injected);
-  return python::attribute(python::global(names::time).get(), names::wall_clock);
+  return python::attribute(python::global(names::time_module).get(), names::wall_clock);
 }
 
 Ref transport_in_force(PyObject* injected) {

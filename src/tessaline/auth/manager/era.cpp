@@ -3,7 +3,7 @@
 #include <optional>
 #include <utility>
 
-#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/errors/errors.hpp"
 #include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/names.hpp"
@@ -13,7 +13,7 @@ namespace tessaline::auth {
 namespace {
 
 void require_positive(PyObject* era_number) {
-  const bool positive = python::with_note(advice::kEraNumberType,
+  const bool positive = python::with_note(notes::kEraNumberType,
                                           [&] { return python::less(python::integer(0).get(), era_number); });
   if (positive) return;
   const Ref text = python::text_of(era_number);
@@ -104,7 +104,7 @@ Ref AuthManager::background_reauth() {
   bool stored = false;
   {
     AttemptRef own;
-    python::insist([&] { own = adopt_attempt(); });
+    python::until_done([&] { own = adopt_attempt(); });
     const Running here(own);
     const std::optional<python::Error> failure = python::caught([&] { stored = renew(); });
     if (failure) settle_failure(own, Attempt::Kind::kEraChange, *failure, own.get());

@@ -1,6 +1,6 @@
 #include "tessaline/auth/manager/fields.hpp"
 
-#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/manager/manager.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
@@ -54,7 +54,7 @@ Ref AuthManager::value_of(Field field) const {
   if (value == nullptr) {
     PyErr_Format(PyExc_AttributeError, "'AuthManager' object has no attribute '%s'",
                  kFieldNames[static_cast<std::size_t>(field)]);
-    throw python::noted(python::Error::fetch(), advice::kNotConstructed);
+    throw python::noted(python::Error::fetch(), notes::kNotConstructed);
   }
   return Ref::borrow(value);
 }

@@ -2,7 +2,7 @@
 #include <string>
 #include <utility>
 
-#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/errors/errors.hpp"
 #include "tessaline/auth/manager/era.hpp"
 #include "tessaline/auth/manager/held_lock.hpp"
@@ -19,14 +19,14 @@ bool is_stale_challenge(PyObject* status) {
 }
 
 Ref member_of(const Ref& answer, const python::Name& name) {
-  return python::with_note(advice::kLoginAnswer, [&] { return python::item(answer.get(), name.object()); });
+  return python::with_note(notes::kLoginAnswer, [&] { return python::item(answer.get(), name.object()); });
 }
 
 /// The signature of `message` by a copy of the key, since `close` may wipe the original meanwhile.
 Ref sign(const wallet::WalletKey& key, PyObject* message) {
   if (!PyUnicode_Check(message)) {
     PyErr_Format(PyExc_TypeError, "challenge message must be str, not %.200s", Py_TYPE(message)->tp_name);
-    throw python::noted(python::Error::fetch(), advice::kLoginAnswer);
+    throw python::noted(python::Error::fetch(), notes::kLoginAnswer);
   }
   const std::string_view text = python::utf8_of(message);
   wallet::WalletKey copy = key.copy();
@@ -43,7 +43,7 @@ Ref decoded_secret(PyObject* encoded) {
     secret = python::call_method(python::global(names::base64).get(), names::b64decode, {encoded});
   });
   if (!failure) return secret;
-  if (python::tells_of_misuse(*failure)) failure = python::noted(std::move(*failure), advice::kLoginAnswer);
+  if (python::tells_of_misuse(*failure)) failure = python::noted(std::move(*failure), notes::kLoginAnswer);
   python::raise_bare(std::move(*failure));
 }
 
@@ -97,7 +97,7 @@ Ref AuthManager::do_auth_flow() {
     return python::triple(std::move(token), std::move(expires_at), std::move(secret));
   }
   const Ref error = new_network_error("stale authentication challenge after ", most_cycles.get());
-  python::add_note(error.get(), advice::kStaleChallenge);
+  python::add_note(error.get(), notes::kStaleChallenge);
   python::raise(error.get());
 }
 

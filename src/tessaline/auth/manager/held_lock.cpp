@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/errors/errors.hpp"
 #include "tessaline/auth/python/python.hpp"
 
@@ -25,7 +25,7 @@ HeldLock::Afterwards::Afterwards(AuthManager& manager, unsigned long here) : man
   if (manager.lock.owner == here) {
     python::raise(PyExc_RuntimeError,
                   "AuthManager was called by code that it runs itself while it holds its lock",
-                  advice::kCalledUnderLock);
+                  notes::kCalledUnderLock);
   }
 }
 

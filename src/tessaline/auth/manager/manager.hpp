@@ -147,7 +147,7 @@ struct AuthManager {
   /// The token at once where nothing stands against serving it; else empty, which says nothing yet.
   Ref token_if_healthy();
   void raise_if_pending_era(const HeldLock& held);
-  void raise_if_renewal_is_hopeless(const HeldLock& held) const;
+  void raise_if_permanent_error(const HeldLock& held) const;
 
   // Profile, shutdown, forks.
   Ref set_display_name(PyObject* display_name);
@@ -209,7 +209,7 @@ bool is_set(PyObject* event);
 /// AuthError whose reason is its text; the failure itself too where memory for another is short.
 Ref recorded_error(const python::Error& error) noexcept;
 
-/// Whether the failure is an AuthError after which renewal is hopeless.
+/// Whether the failure is an AuthError that ends renewal for good.
 bool is_permanent(const python::Error& error) noexcept;
 
 }  // namespace tessaline::auth

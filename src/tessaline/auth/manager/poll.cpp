@@ -29,7 +29,7 @@ Ref renewed_token(AuthManager& manager, const HeldLock& held, PyObject* old_toke
 Sighting look(AuthManager& manager, PyObject* old_token) {
   const HeldLock held(manager);
   if (held.state() == State::kReAuthenticating) return {manager.attempt_to_wait_for(held), {}};
-  manager.raise_if_renewal_is_hopeless(held);
+  manager.raise_if_permanent_error(held);
   held.raise_if_closed();
   return {{}, renewed_token(manager, held, old_token)};
 }
@@ -38,7 +38,7 @@ Ref token_after_looking(AuthManager& manager, bool fallback_to_current_token) {
   {
     const HeldLock held(manager);
     manager.raise_if_pending_era(held);
-    manager.raise_if_renewal_is_hopeless(held);
+    manager.raise_if_permanent_error(held);
     Ref token = held.get(Field::kToken);
     if (fallback_to_current_token && !token.is_none()) return token;
   }
@@ -51,7 +51,7 @@ Ref token_after_attempt(AuthManager& manager, const AttemptRef& running) {
     const HeldLock held(manager);
     held.raise_if_closed();
     manager.raise_if_pending_era(held);
-    manager.raise_if_renewal_is_hopeless(held);
+    manager.raise_if_permanent_error(held);
     Ref token = held.get(Field::kToken);
     if (!token.is_none()) return token;
   }
@@ -70,7 +70,7 @@ Ref AuthManager::poll_for_reauth(bool fallback_to_current_token) {
 }
 
 Ref AuthManager::poll_after_expiry(PyObject* old_token, bool fallback_to_current_token) {
-  const Ref time_module = python::global(names::time);
+  const Ref time_module = python::global(names::time_module);
   const Ref step = python::number(kLookSeconds);
   for (int looks = 0; looks < kLooks; ++looks) {
     python::call_method(time_module.get(), names::sleep, {step.get()});

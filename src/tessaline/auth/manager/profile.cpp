@@ -1,7 +1,7 @@
 #include <string_view>
 #include <utility>
 
-#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/errors/errors.hpp"
 #include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/names.hpp"
@@ -49,7 +49,7 @@ Ref AuthManager::set_display_name(PyObject* display_name) {
   const bool reset = is_reset(display_name);
   const Ref name =
       reset ? Ref::none()
-            : python::with_note(PyUnicode_Check(display_name) ? std::string_view() : advice::kDisplayNameType,
+            : python::with_note(PyUnicode_Check(display_name) ? std::string_view() : notes::kDisplayNameType,
                                 [&] { return normalized(display_name); });
   const Ref token = call_own(names::get_token);
   const Ref bearer = python::add(python::text("Bearer ").get(), python::text_of(token.get()).get());

@@ -123,10 +123,11 @@ void RefreshLoop::retire(PyObject* older, PyObject* wake) const {
 }
 
 void RefreshLoop::rest() {
-  const bool failed = python::caught([] {
-                        const Ref seconds = python::number(kSleepSeconds);
-                        python::call_method(python::global(names::time).get(), names::sleep, {seconds.get()});
-                      }).has_value();
+  const bool failed =
+      python::caught([] {
+        const Ref seconds = python::number(kSleepSeconds);
+        python::call_method(python::global(names::time_module).get(), names::sleep, {seconds.get()});
+      }).has_value();
   if (failed) python::pause_without_gil();
 }
 

@@ -52,7 +52,7 @@ void AuthManager::record_unstarted_refresh(const python::Error& error) {
   const python::Handling handling(error);
   const Ref recorded = recorded_error(error);
   const bool permanent = is_permanent(error);
-  python::insist([&] {
+  python::until_done([&] {
     const HeldLock held(*this);
     if (held.closed()) return;
     set_event(Field::kRefreshDone);
@@ -89,7 +89,7 @@ Ref AuthManager::refresh_loop() {
 Ref AuthManager::do_refresh() {
   // A refresh that did not begin would have nothing to record it.
   AttemptRef own;
-  python::insist([&] { own = Attempt::make(Attempt::Kind::kRenewal, new_event()); });
+  python::until_done([&] { own = Attempt::make(Attempt::Kind::kRenewal, new_event()); });
   bool stored = false;
   {
     const Running here(own);

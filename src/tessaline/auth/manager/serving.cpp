@@ -116,7 +116,7 @@ class Serving {
       held.raise_if_closed();
       manager_.raise_if_pending_era(held);
       raise_stored_error(manager_, held);
-      manager_.raise_if_renewal_is_hopeless(held);
+      manager_.raise_if_permanent_error(held);
       Ref token = held.get(Field::kToken);
       if (!token.is_none()) return token;
     }
@@ -171,7 +171,7 @@ class Serving {
       const HeldLock held(manager_);
       held.raise_if_closed();
       manager_.raise_if_pending_era(held);
-      manager_.raise_if_renewal_is_hopeless(held);
+      manager_.raise_if_permanent_error(held);
       Ref token = held.get(Field::kToken);
       if (!token.is_none()) return token;
     }
@@ -202,7 +202,7 @@ class Serving {
         continue;
       }
       manager_.raise_if_pending_era(held);
-      manager_.raise_if_renewal_is_hopeless(held);
+      manager_.raise_if_permanent_error(held);
       if (held.state() != State::kAuthenticated) raise_auth_error(reason::kNotAuthenticated);
       Ref token = held.get(Field::kToken);
       if (!token.is_none()) return token;
@@ -239,7 +239,7 @@ Ref AuthManager::raise_if_pending_era_locked() {
   raise_auth_error(reason::kEraChangePending);
 }
 
-void AuthManager::raise_if_renewal_is_hopeless(const HeldLock& held) const {
+void AuthManager::raise_if_permanent_error(const HeldLock& held) const {
   if (held.is_true(Field::kPermanentRefreshError)) raise_auth_error(reason::kTokenExpired);
 }
 

@@ -1,8 +1,8 @@
 #include <optional>
 #include <utility>
 
-#include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/errors/errors.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/manager/process_generation.hpp"
 #include "tessaline/auth/names.hpp"
@@ -87,7 +87,7 @@ bool AuthManager::wait_for(const AttemptRef& awaited) {
   if ((awaited->runs_here() || attempt->runs_here()) && !is_set(event)) {
     python::raise(PyExc_RuntimeError,
                   "AuthManager was asked to wait by code that its own authentication runs",
-                  advice::kWaitInFlow);
+                  notes::kWaitInLogin);
   }
   // A fork comes from a signal handler, and the program's own event may know no time-out.
   const bool may_lose_runner = awaited->kind == Attempt::Kind::kEraChange || python::on_main_thread();
@@ -119,7 +119,7 @@ void AuthManager::settle_failure(const AttemptRef& failed, Attempt::Kind run_as,
   const bool permanent = run_as != Attempt::Kind::kLogin && is_permanent(error);
   bool wakes = true;
   std::optional<python::Error> interruption = python::caught([&] {
-    python::insist([&] {
+    python::until_done([&] {
       const HeldLock held(*this);
       if (held.closed()) {
         // close() has woken everybody, and what it has left is for all.
@@ -149,7 +149,7 @@ void AuthManager::record_failure(const HeldLock& held, PyObject* recorded) {
 
 void AuthManager::wake_waiters_of(const Attempt& ended) {
   if (ended.event.is_none()) return;
-  python::insist([&] {
+  python::until_done([&] {
     if (!is_set(ended.event.get())) python::set_event(ended.event.get());
   });
 }
@@ -164,7 +164,7 @@ Ref recorded_error(const python::Error& error) noexcept {
   Ref recorded;
   // What is raised meanwhile would hide the failure that is being recorded.
   static_cast<void>(python::caught([&] {
-    python::insist(
+    python::until_done(
         [&] { recorded = new_recorded_error(text_or_name_of(error.exception()).get(), error.exception()); });
   }));
   return recorded ? std::move(recorded) : Ref::borrow(error.exception());

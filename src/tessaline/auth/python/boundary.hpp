@@ -13,14 +13,14 @@
 
 namespace tessaline::auth::python {
 
-/// How native code ended that was called by the host.
+/// How native code ended that was called by Python.
 class Ending {
  public:
   void raised(Error error) noexcept { error_.emplace(std::move(error)); }
   void ran_out_of_memory() noexcept { out_of_memory_ = true; }
   void failed(const char* message) noexcept;
 
-  /// True when all went well; else the host's exception is set.
+  /// True when all went well; else Python's exception is set.
   bool report() && noexcept;
 
  private:
@@ -30,8 +30,8 @@ class Ending {
   std::array<char, 256> message_;  ///< written only where `failed_`: this stands at every entry
 };
 
-/// Runs `body` and turns what it throws into the host's exception: Error into itself, else MemoryError or
-/// RuntimeError. Nothing calls the host inside a C++ handler (see `caught`).
+/// Runs `body` and turns what it throws into Python's exception: Error into itself, else MemoryError or
+/// RuntimeError. Nothing calls Python inside a C++ handler (see `caught`).
 template <class Body>
 bool completes(Body&& body) noexcept {
   Ending ending;
@@ -47,8 +47,8 @@ bool completes(Body&& body) noexcept {
   return std::move(ending).report();
 }
 
-/// The one wrapper at every entry from the host. `body` returns a Ref; the entry returns it, or null with the
-/// host's exception set.
+/// The one wrapper at every entry from Python. `body` returns a Ref; the entry returns it, or null with
+/// Python's exception set.
 template <class Body>
 PyObject* boundary(Body&& body) noexcept {
   Ref result;

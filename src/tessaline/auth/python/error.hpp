@@ -6,11 +6,11 @@
 
 namespace tessaline::auth::python {
 
-/// A host exception on its way through C++ frames. While it travels, the thread's own error indicator is
-/// clear, so that destructors may call the host. The exception keeps its identity.
+/// A Python exception on its way through C++ frames. While it travels, the thread's own error indicator is
+/// clear, so that destructors may call Python. The exception keeps its identity.
 class Error {
  public:
-  /// Takes the exception that the last call into the host raised.
+  /// Takes the exception that the last call into Python raised.
   static Error fetch() noexcept;
 
   explicit Error(Ref exception) noexcept : exception_(std::move(exception)) {}
@@ -18,26 +18,26 @@ class Error {
   PyObject* exception() const noexcept { return exception_.get(); }
   bool matches(PyObject* type) const noexcept;
 
-  /// Makes it the thread's raised exception again, for the return to the host.
+  /// Makes it the thread's raised exception again, for the return to Python.
   void restore() && noexcept;
 
  private:
   Ref exception_;
 };
 
-/// Passes a result of the host on, or throws what it raised.
+/// Passes a result of Python on, or throws what it raised.
 Ref checked(PyObject* owned);
 
 /// The same for calls that answer with a negative number on failure.
 int checked(int status);
 
-/// Raises `exception` as the host's `raise` statement does: the exception being handled becomes its context.
+/// Raises `exception` as Python's `raise` statement does: the exception being handled becomes its context.
 [[noreturn]] void raise(PyObject* exception);
 
 /// Raises a new `type(message)`.
 [[noreturn]] void raise(PyObject* type, const char* message);
 
-/// Throws `error` without its context and traceback, where those hold what the host must not see.
+/// Throws `error` without its context and traceback, where those hold what Python must not see.
 [[noreturn]] void raise_bare(Error error);
 
 /// `exception.__traceback__`, or None.
@@ -45,7 +45,7 @@ Ref traceback_of(PyObject* exception);
 void set_traceback(PyObject* exception, PyObject* traceback);
 
 /// For its lifetime an exception counts as being handled, as inside an `except` block: what is raised
-/// meanwhile, by us or by the host, gets it as context.
+/// meanwhile, by us or by Python, gets it as context.
 class Handling {
  public:
   explicit Handling(const Error& error) noexcept;

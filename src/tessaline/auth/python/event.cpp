@@ -3,8 +3,8 @@
 #include "tessaline/auth/python/call.hpp"
 #include "tessaline/auth/python/caught.hpp"
 #include "tessaline/auth/python/error.hpp"
-#include "tessaline/auth/python/insist.hpp"
 #include "tessaline/auth/python/scoped_lock.hpp"
+#include "tessaline/auth/python/until_done.hpp"
 #include "tessaline/auth/python/value.hpp"
 
 namespace tessaline::auth::python {
@@ -83,7 +83,7 @@ void change(PyObject* event, const Name& name, PyObject* own_function, PyObject*
 }
 
 void give_up(PyObject* waiters, PyObject* lock, PyObject* waiter) {
-  insist([&] {
+  until_done([&] {
     const ScopedLock held(Ref::borrow(lock));
     if (contains(waiters, waiter)) call_method(waiters, kRemove, {waiter});
   });

@@ -4,12 +4,12 @@
 
 namespace tessaline::auth::python {
 
-/// Learns the host's own methods of events. Called once, when the module is executed.
+/// Learns Python's own methods of events. Called once, when the module is executed.
 void know_host_events();
 
-/// `event.set()`, `event.clear()` and `event.wait()` on an event of the host.
+/// `event.set()`, `event.clear()` and `event.wait()` on an event of Python.
 ///
-/// Ctrl-C on the main thread, and memory that is short on any, can end the host's own methods with the
+/// Ctrl-C on the main thread, and memory that is short on any, can end Python's own methods with the
 /// event's inner lock left locked, and whoever touches the event next would wait for ever. For a plain
 /// `threading.Event` these take that lock themselves, where no signal handler runs and leaving needs no
 /// memory; any other event gets its method called. Setting and clearing a plain event need no memory at all.

@@ -4,7 +4,7 @@
 
 namespace tessaline::auth::python {
 
-/// A name known to the host, interned on first use and kept until the process ends.
+/// A name known to Python, interned on first use and kept until the process ends.
 class Name {
  public:
   explicit constexpr Name(const char* text) noexcept : text_(text) {}

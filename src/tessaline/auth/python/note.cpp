@@ -24,7 +24,7 @@ Ref notes_of(PyObject* exception) {
 void add_note(PyObject* exception, PyObject* note) {
   // Not what was to be raised, but what came in its place.
   if (PyErr_GivenExceptionMatches(exception, PyExc_MemoryError) != 0) return;
-  attempt([=] {
+  best_effort([=] {
     const Ref notes = notes_of(exception);
     if (!notes || !contains(notes.get(), note)) call_method(exception, kAddNote, {note});
   });
@@ -35,7 +35,7 @@ void add_note(PyObject* exception, std::string_view note) {
 }
 
 void copy_notes(PyObject* source, PyObject* exception) {
-  attempt([=] {
+  best_effort([=] {
     const Ref notes = notes_of(source);
     // An index: adding a note may run code that changes the list.
     for (Py_ssize_t index = 0; notes && index < PyList_GET_SIZE(notes.get()); ++index) {

@@ -11,9 +11,9 @@
 #include "tessaline/auth/python/error.hpp"
 #include "tessaline/auth/python/ref.hpp"
 
-// Notes of an exception, which the host shows below its text (PEP 678). A note is a courtesy: where it cannot
-// be made or added, for want of memory or because the host has put something else in the place of `add_note`,
-// the exception goes on without it. Only what is no `Exception`, such as Ctrl-C, is raised in its place.
+// Notes of an exception, which Python shows below its text (PEP 678). A note is a courtesy: where it cannot
+// be made or added, for want of memory or because the program has put something else for `add_note`, the
+// exception goes on without it. Only what is no `Exception`, such as Ctrl-C, is raised in its place.
 
 namespace tessaline::auth::python {
 
@@ -26,7 +26,7 @@ void copy_notes(PyObject* source, PyObject* exception);
 
 /// Runs `step`, whose failure is to have no consequence.
 template <class Step>
-void attempt(Step&& step) {
+void best_effort(Step&& step) {
   std::optional<Error> failure = caught(std::forward<Step>(step));
   if (failure && !failure->matches(PyExc_Exception)) throw std::move(*failure);
 }
@@ -34,7 +34,7 @@ void attempt(Step&& step) {
 /// Adds the note that `make` returns.
 template <class Make>
 void add_note_from(PyObject* exception, Make&& make) {
-  attempt([&] { add_note(exception, std::forward<Make>(make)().get()); });
+  best_effort([&] { add_note(exception, std::forward<Make>(make)().get()); });
 }
 
 /// `error`, with the note.

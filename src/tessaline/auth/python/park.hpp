@@ -10,7 +10,7 @@ namespace tessaline::auth::python {
 /// Holds the calling thread for ever.
 [[noreturn]] void park() noexcept;
 
-/// Runs `body`, in which the host may end this thread, and parks the thread when it does.
+/// Runs `body`, in which the interpreter may end this thread, and parks the thread when it does.
 ///
 /// A daemon thread that asks for the interpreter's lock during the interpreter's shutdown is ended by
 /// pthread_exit, which unwinds through every frame below it. Passing our frames would run destructors that

@@ -1,6 +1,6 @@
 #pragma once
 
-// Everything that code above this room needs of the host.
+// Everything that code above this room needs of Python.
 
 #include "tessaline/auth/python/boundary.hpp"
 #include "tessaline/auth/python/call.hpp"
@@ -9,11 +9,11 @@
 #include "tessaline/auth/python/event.hpp"
 #include "tessaline/auth/python/gil.hpp"
 #include "tessaline/auth/python/globals.hpp"
-#include "tessaline/auth/python/insist.hpp"
 #include "tessaline/auth/python/line_of_execution.hpp"
 #include "tessaline/auth/python/name.hpp"
 #include "tessaline/auth/python/note.hpp"
+#include "tessaline/auth/python/parameters.hpp"
 #include "tessaline/auth/python/ref.hpp"
 #include "tessaline/auth/python/scoped_lock.hpp"
-#include "tessaline/auth/python/signature.hpp"
+#include "tessaline/auth/python/until_done.hpp"
 #include "tessaline/auth/python/value.hpp"

@@ -13,7 +13,7 @@ constinit const Name kEnter{"__enter__"};
 constinit const Name kExit{"__exit__"};
 constinit const Name kRelease{"release"};
 
-/// The host's plain lock is released by the method that needs no memory: a lock must not stay locked for want
+/// Python's plain lock is released by the method that needs no memory: a lock must not stay locked for want
 /// of it.
 bool is_plain_lock(PyObject* lock) {
   return std::string_view(Py_TYPE(lock)->tp_name) == "_thread.lock";

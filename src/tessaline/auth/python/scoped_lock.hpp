@@ -6,7 +6,7 @@
 
 namespace tessaline::auth::python {
 
-/// Holds a lock of the host (any context manager) for a block, like `with lock:`. Waits without the
+/// Holds a lock of Python (any context manager) for a block, like `with lock:`. Waits without the
 /// interpreter's lock; throws Error when the wait is interrupted, with the lock not held.
 class ScopedLock {
  public:

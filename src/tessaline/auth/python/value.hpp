@@ -11,7 +11,7 @@
 #include "tessaline/auth/python/name.hpp"
 #include "tessaline/auth/python/ref.hpp"
 
-// Values made for the host and read from it. None of these runs Python code, except unpacking.
+// Values made for Python and read from it. None of these runs Python code, except unpacking.
 
 namespace tessaline::auth::python {
 
@@ -29,7 +29,7 @@ double double_value(PyObject* real);
 /// A new dict with these entries, in this order.
 Ref dictionary(std::initializer_list<std::pair<const Name&, PyObject*>> entries);
 
-/// `a, b, c` as the host's unpacking takes it from any iterable, with the host's error for another count.
+/// `a, b, c` as Python's unpacking takes it from any iterable, with Python's error for another count.
 std::array<Ref, 3> unpack3(PyObject* iterable);
 
 /// A tuple of three, taking over the references.

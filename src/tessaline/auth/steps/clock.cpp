@@ -4,7 +4,7 @@
 #include <optional>
 #include <utility>
 
-#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
@@ -13,7 +13,7 @@ namespace {
 
 using python::Ref;
 
-constexpr double kPollSeconds = 0.05;
+constexpr double kClockPollSeconds = 0.05;
 constexpr double kStuckSeconds = 1.0;
 
 /// Through the instance, where a subclass may have a clock of its own.
@@ -45,7 +45,7 @@ bool is_before(PyObject* reading, PyObject* deadline) {
 void raise_of_reading(python::Error failure, PyObject* reading) {
   if (python::tells_of_misuse(failure) && PyNumber_Check(reading) == 0) {
     python::add_note_from(failure.exception(), [reading] {
-      return python::checked(PyUnicode_FromFormat(advice::kClockReading, Py_TYPE(reading)->tp_name));
+      return python::checked(PyUnicode_FromFormat(notes::kClockReading, Py_TYPE(reading)->tp_name));
     });
   }
   throw std::move(failure);
@@ -63,12 +63,12 @@ Ref read_clock(PyObject* manager) {
 void wait_with_clock(PyObject* manager, PyObject* seconds) {
   Ref last = now(manager);
   Ref deadline = deadline_after(last.get(), seconds);
-  Ref time_module = python::global(names::time);
+  Ref time_module = python::global(names::time_module);
   double moved_at = monotonic(time_module.get());
   while (is_before(now(manager).get(), deadline.get())) {
     Ref close_event = python::attribute(manager, names::close_event);
     if (python::truthy(python::call_method(close_event.get(), names::is_set).get())) return;
-    python::call_method(time_module.get(), names::sleep, {python::number(kPollSeconds).get()});
+    python::call_method(time_module.get(), names::sleep, {python::number(kClockPollSeconds).get()});
     Ref current = now(manager);
     if (!python::equal(current.get(), last.get())) {
       last = std::move(current);

@@ -3,7 +3,7 @@
 #include <optional>
 #include <utility>
 
-#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
@@ -37,10 +37,10 @@ Ref response_value(PyObject* json, PyObject* body) {
   // The parser's frames hold the body, and with it a token and a secret.
   if (!is_not_json(json, *failure)) {
     if (python::tells_of_misuse(*failure))
-      failure = python::noted(std::move(*failure), advice::kTransportAnswer);
+      failure = python::noted(std::move(*failure), notes::kTransportAnswer);
     python::raise_bare(std::move(*failure));
   }
-  return python::with_note(advice::kTransportAnswer, [body] {
+  return python::with_note(notes::kTransportAnswer, [body] {
     return python::call_method(body, names::decode, {python::text("utf-8").get()},
                                {{names::errors, python::text("replace").get()}});
   });
@@ -63,7 +63,7 @@ Ref http_request(PyObject* manager, PyObject* method, PyObject* path, PyObject* 
   Ref answer = python::call(transport.get(), {method, url.get()},
                             {{names::headers, sent_headers.get()}, {names::body, sent_body.get()}});
   auto [status, response_headers, body] =
-      python::with_note(advice::kTransportAnswer, [&] { return python::unpack3(answer.get()); });
+      python::with_note(notes::kTransportAnswer, [&] { return python::unpack3(answer.get()); });
   Ref value = response_value(json.get(), body.get());
   return python::triple(std::move(status), std::move(response_headers), std::move(value));
 }

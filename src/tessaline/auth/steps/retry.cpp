@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "tessaline/auth/constants.hpp"
-#include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/errors/errors.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/steps/verdict.hpp"
@@ -18,7 +18,8 @@ using python::Ref;
 
 constexpr long kProfileRetryAfter = 60;  // seconds
 
-/// Where an unreadable "Retry-After" was met, as the log names it.
+/// Where an unreadable "Retry-After" was met. Readers of the log know the two places by these names and line
+/// numbers, which are part of the contract with them and not lines of this file.
 struct HintScope {
   const char* name;
   long source_line;
@@ -48,7 +49,7 @@ Ref raw_hint(PyObject* headers) {
 
 /// The seconds that the server asks to wait (RFC 9110, section 10.2.3, delay-seconds only), else `fallback`.
 Ref retry_after(PyObject* headers, Ref fallback, const HintScope& scope) {
-  const Ref header = python::with_note(advice::kTransportAnswer, [headers] { return raw_hint(headers); });
+  const Ref header = python::with_note(notes::kTransportAnswer, [headers] { return raw_hint(headers); });
   if (!python::truthy(header.get())) return fallback;
   Ref seconds;
   std::optional<python::Error> failure = python::caught(
@@ -64,7 +65,7 @@ Ref error_entry(PyObject* value) {
   return PyDict_Check(value) ? python::entry(value, names::error) : Ref();
 }
 
-/// One call of `request_with_retry`: its attempts and its back-off delay.
+/// One call of `request_with_retry`: its tries and its back-off delay.
 class Retry {
  public:
   Retry(PyObject* manager, const RetriedRequest& request)
@@ -73,7 +74,7 @@ class Retry {
   Ref run() {
     for (;;) {
       raise_if_closing();
-      Ref answer = attempt();
+      Ref answer = try_once();
       if (!answer) continue;
       if (settled(answer.get())) return answer;
     }
@@ -88,7 +89,7 @@ class Retry {
   }
 
   /// The answer, or an empty reference after a network failure that has been waited out.
-  Ref attempt() {
+  Ref try_once() {
     Ref answer;
     std::optional<python::Error> failure = python::caught([&] {
       answer =
@@ -111,24 +112,24 @@ class Retry {
     const auto [status, headers, value] = python::unpack3(answer);
     const Ref server_reason = error_entry(value.get());
     PyObject* const given_status = status.get();
-    last_status_ = python::with_note(advice::kTransportAnswer,
+    last_status_ = python::with_note(notes::kTransportAnswer,
                                      [given_status] { return python::long_value(given_status); });
     const Verdict verdict = judge(server_reason);
-    switch (verdict.outcome) {
-      case Outcome::kGiveBack:
+    switch (verdict.action) {
+      case Action::kGiveBack:
         return true;
-      case Outcome::kRefuse:
+      case Action::kRefuse:
         raise_auth_error(verdict.reason);
-      case Outcome::kRefuseRegistration:
+      case Action::kRefuseRegistration:
         raise_registration_error(server_reason.get());
-      case Outcome::kProfileInvalid:
+      case Action::kProfileInvalid:
         raise_invalid_profile(server_reason);
-      case Outcome::kProfileRateLimited:
+      case Action::kProfileRateLimited:
         raise_rate_limited(headers.get());
-      case Outcome::kWaitAsTold:
-        count_attempt_and_wait(retry_after(headers.get(), Ref::borrow(backoff_.get()), kRequestScope).get());
+      case Action::kWaitAsTold:
+        count_try_and_wait(retry_after(headers.get(), Ref::borrow(backoff_.get()), kRequestScope).get());
         return false;
-      case Outcome::kBackOff:
+      case Action::kBackOff:
         back_off();
         return false;
     }
@@ -157,8 +158,8 @@ class Retry {
     raise_profile_error(reason::kRateLimited, names::retry_after, hint.get());
   }
 
-  [[noreturn]] void raise_unreachable(PyObject* attempts) const {
-    const Ref error = new_network_error("Server unreachable after ", attempts);
+  [[noreturn]] void raise_unreachable(PyObject* tries) const {
+    const Ref error = new_network_error("Server unreachable after ", tries);
     if (PyUnicode_Check(request_.method) && PyUnicode_Check(request_.path)) {
       python::add_note_from(error.get(), [this] { return what_happened_last(); });
     }
@@ -168,25 +169,25 @@ class Retry {
   Ref what_happened_last() const {
     if (last_failure_ != nullptr) {
       return python::checked(
-          PyUnicode_FromFormat(advice::kLastFailure, request_.method, request_.path, last_failure_->tp_name));
+          PyUnicode_FromFormat(notes::kLastFailure, request_.method, request_.path, last_failure_->tp_name));
     }
     const bool may_pass = last_status_ == 429 || last_status_ >= 500;
-    return python::checked(PyUnicode_FromFormat(may_pass ? advice::kLastStatus : advice::kLastOddStatus,
+    return python::checked(PyUnicode_FromFormat(may_pass ? notes::kLastStatus : notes::kLastOddStatus,
                                                 request_.method, request_.path, last_status_));
   }
 
   void back_off() {
-    count_attempt_and_wait(backoff_.get());
+    count_try_and_wait(backoff_.get());
     Ref doubled = python::multiply(backoff_.get(), python::integer(2).get());
     Ref cap = python::global(names::backoff_cap);
     backoff_ = python::less(cap.get(), doubled.get()) ? std::move(cap) : std::move(doubled);
   }
 
-  void count_attempt_and_wait(PyObject* seconds) {
-    ++attempts_;
-    Ref attempts = python::integer(attempts_);
-    if (request_.max_attempts != Py_None && !python::less(attempts.get(), request_.max_attempts)) {
-      raise_unreachable(attempts.get());
+  void count_try_and_wait(PyObject* seconds) {
+    ++tries_;
+    Ref tries = python::integer(tries_);
+    if (request_.max_attempts != Py_None && !python::less(tries.get(), request_.max_attempts)) {
+      raise_unreachable(tries.get());
     }
     python::set_attribute(manager_, names::in_transient_backoff, Py_True);
     std::optional<python::Error> failure =
@@ -198,7 +199,7 @@ class Retry {
   PyObject* manager_;
   const RetriedRequest& request_;
   Ref backoff_;
-  long attempts_ = 0;
+  long tries_ = 0;
   long last_status_ = 0;
   PyTypeObject* last_failure_ = nullptr;  ///< while it is being handled
 };

@@ -10,14 +10,14 @@ struct RetriedRequest {
   PyObject* path;
   PyObject* body_dict;
   PyObject* headers;
-  PyObject* max_attempts;  ///< bound on attempts that end in a retryable condition; None: no bound
+  PyObject* max_attempts;  ///< bound on tries that end in a retryable condition; None: no bound
   bool is_verify;          ///< 404, 409 and 410 come back instead of being retried
 };
 
 /// Sends the request through the manager's `_http_request` until it is answered, refused for good, or the
-/// manager closes, with a back-off of 1, 2, 4 … 60 s (no jitter) between attempts. Returns the answer's
+/// manager closes, with a back-off of 1, 2, 4 … 60 s (no jitter) between tries. Returns the answer's
 /// triple. Raises AuthError, RegistrationError or ProfileError for a refusal and NetworkError when the
-/// attempts are used up. Takes no lock; waits on the calling thread.
+/// tries are used up. Takes no lock; waits on the calling thread.
 python::Ref request_with_retry(PyObject* manager, const RetriedRequest& request);
 
 }  // namespace tessaline::auth

@@ -3,8 +3,8 @@
 #include <string>
 #include <string_view>
 
-#include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/errors/errors.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
@@ -31,10 +31,10 @@ PyObject* own_validator = nullptr;
 /// say it.
 std::string_view line_end_note(std::size_t hex_digits) {
   const std::size_t more = hex_digits - wallet::kKeyHexDigits;
-  return more == 1 || more == 2 ? advice::kKeyLineEnd : std::string_view();
+  return more == 1 || more == 2 ? notes::kKeyLineEnd : std::string_view();
 }
 
-/// The host's parser would quote the whole text, which is the key; this error takes its place as the context.
+/// Python's parser would quote the whole text, which is the key; this error takes its place as the context.
 python::Error parse_error(std::size_t position) {
   PyErr_Format(PyExc_ValueError, "non-hexadecimal character at position %zu", position);
   return python::Error::fetch();
@@ -56,7 +56,7 @@ python::Error parse_error(std::size_t position) {
     case wallet::KeyFault::kNotScalar:
       break;
   }
-  python::raise(error_types().invalid_key, "Private key is not a valid secp256k1 scalar", advice::kKeyRange);
+  python::raise(error_types().invalid_key, "Private key is not a valid secp256k1 scalar", notes::kKeyRange);
 }
 
 }  // namespace
@@ -65,7 +65,7 @@ wallet::WalletKey read_private_key(PyObject* private_key) {
   if (!python::truthy(private_key)) refuse_key({wallet::KeyFault::kEmpty});
   if (!PyUnicode_Check(private_key)) {
     PyErr_Format(PyExc_TypeError, "private_key must be str, not %.200s", Py_TYPE(private_key)->tp_name);
-    throw python::noted(python::Error::fetch(), advice::kKeyText);
+    throw python::noted(python::Error::fetch(), notes::kKeyText);
   }
   auto parsed =
       wallet::WalletKey::parse({PyUnicode_DATA(private_key), static_cast<int>(PyUnicode_KIND(private_key)),
@@ -107,7 +107,7 @@ Ref validate_server_url(PyObject* server_url) {
     const Ref message =
         python::checked(PyUnicode_FromFormat("server_url is not a valid URL: %U", given.get()));
     const Ref refusal = python::call(PyExc_ValueError, {message.get()});
-    python::add_note(refusal.get(), advice::kUrlForm);
+    python::add_note(refusal.get(), notes::kUrlForm);
     python::raise(refusal.get());
   }
   return python::call(policy.get(), {server_url});

@@ -5,12 +5,12 @@
 
 namespace tessaline::auth {
 
-/// Reads a private key from the host's text: 64 hexadecimal digits after an optional "0x" or "0X", with a
+/// Reads a private key from Python's text: 64 hexadecimal digits after an optional "0x" or "0X", with a
 /// value strictly between 0 and the order of secp256k1. Raises InvalidKeyError; the error never repeats the
 /// key.
 wallet::WalletKey read_private_key(PyObject* private_key);
 
-/// What `read_private_key` makes of the constructor's argument, unless the host has replaced the module's
+/// What `read_private_key` makes of the constructor's argument, unless the program has replaced the module's
 /// `_validate_private_key`: then of what the replacement returns.
 wallet::WalletKey read_constructor_key(PyObject* private_key);
 

@@ -8,7 +8,7 @@ namespace tessaline::auth {
 namespace {
 
 Verdict refuse(std::string_view why) {
-  return {Outcome::kRefuse, why};
+  return {Action::kRefuse, why};
 }
 
 bool is_invite_reason(std::optional<std::string_view> server_reason) {
@@ -16,7 +16,7 @@ bool is_invite_reason(std::optional<std::string_view> server_reason) {
 }
 
 Verdict refused_registration(long status, std::optional<std::string_view> server_reason) {
-  if (is_invite_reason(server_reason)) return {Outcome::kRefuseRegistration};
+  if (is_invite_reason(server_reason)) return {Action::kRefuseRegistration};
   return refuse(status == 400 ? reason::kInvalidAddress : reason::kUnauthorized);
 }
 
@@ -34,12 +34,12 @@ Verdict classify(long status, std::string_view path, bool is_verify,
   if ((status == 400 || status == 403) && path == path::kRegister) {
     return refused_registration(status, server_reason);
   }
-  if (status == 400) return profile ? Verdict{Outcome::kProfileInvalid} : refuse(reason::kInvalidRequest);
+  if (status == 400) return profile ? Verdict{Action::kProfileInvalid} : refuse(reason::kInvalidRequest);
   if (status == 401) return unauthorized(path);
-  if (is_verify && (status == 404 || status == 410 || status == 409)) return {Outcome::kGiveBack};
-  if (status == 429) return {profile ? Outcome::kProfileRateLimited : Outcome::kWaitAsTold};
-  if (status >= 200 && status < 300) return {Outcome::kGiveBack};
-  return {Outcome::kBackOff};
+  if (is_verify && (status == 404 || status == 410 || status == 409)) return {Action::kGiveBack};
+  if (status == 429) return {profile ? Action::kProfileRateLimited : Action::kWaitAsTold};
+  if (status >= 200 && status < 300) return {Action::kGiveBack};
+  return {Action::kBackOff};
 }
 
 }  // namespace tessaline::auth

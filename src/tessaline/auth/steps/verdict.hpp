@@ -5,8 +5,8 @@
 
 namespace tessaline::auth {
 
-/// What an answer of the server means for the request that it answers.
-enum class Outcome {
+/// What is done about an answer of the server.
+enum class Action {
   kGiveBack,            ///< the caller gets the answer
   kRefuse,              ///< AuthError with `reason`
   kRefuseRegistration,  ///< RegistrationError with the server's reason
@@ -17,7 +17,7 @@ enum class Outcome {
 };
 
 struct Verdict {
-  Outcome outcome;
+  Action action;
   std::string_view reason{};  ///< kRefuse only
 
   bool operator==(const Verdict&) const = default;

@@ -5,9 +5,9 @@
 
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/transport/default_trust.hpp"
+#include "tessaline/auth/transport/exchange.hpp"
 #include "tessaline/auth/transport/proxy_environment.hpp"
-#include "tessaline/auth/transport/transport_exchange.hpp"
-#include "tessaline/auth/transport/trust.hpp"
 
 namespace tessaline::auth {
 namespace {

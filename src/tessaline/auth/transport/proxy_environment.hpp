@@ -7,7 +7,7 @@
 namespace tessaline::auth {
 
 /// The proxies that the environment names now. To be called where nothing changes the environment meanwhile:
-/// the host changes it under its interpreter's lock.
+/// the program changes it under the interpreter's lock.
 http::ProxySettings proxies_of_environment();
 
 /// The variable that names the proxy for URLs of the scheme, "http" or "https"; null where none does.

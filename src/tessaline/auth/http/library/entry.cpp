@@ -12,11 +12,11 @@ Result result_of(const Request& request, const Tick& tick) {
   try {
     return perform(request, tick);
   } catch (const TransportFailure& failure) {
-    return Failed{failure.kind(), failure.what(), failure.detail()};
+    return failure;
   } catch (const std::bad_alloc&) {
     return OutOfMemory{};
   } catch (const std::exception& exception) {
-    return Failed{FailureKind::kOther, exception.what(), {}};
+    return TransportFailure(FailureKind::kOther, exception.what());
   }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tessaline/auth/http/http_client.hpp"
+#include "tessaline/auth/http/library/result.hpp"
 
 namespace tessaline::auth {
 
@@ -8,8 +9,8 @@ namespace tessaline::auth {
 /// call and kept: libcurl brings some thirty libraries along, and who only imports the component, or brings a
 /// transport of their own, does not pay for them.
 ///
-/// Blocks; to be called without the interpreter's lock, from any thread. Throws what `http::perform` throws,
-/// and TransportFailure (kOther) where the library cannot be loaded; the next call tries again.
-http::Response perform_request(const http::Request& request, const http::Tick& tick);
+/// Blocks; to be called without the interpreter's lock, from any thread. Throws nothing but std::bad_alloc.
+/// Where the library cannot be loaded there is a failure (kOther), and the next call tries again.
+http::Result perform_request(const http::Request& request, const http::Tick& tick);
 
 }  // namespace tessaline::auth

@@ -1,4 +1,4 @@
-#include "tessaline/auth/transport/transport_exchange.hpp"
+#include "tessaline/auth/transport/exchange.hpp"
 
 #include <new>
 #include <optional>
@@ -8,8 +8,8 @@
 
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
-#include "tessaline/auth/transport/http_engine.hpp"
-#include "tessaline/auth/transport/transport_errors.hpp"
+#include "tessaline/auth/transport/http_library.hpp"
+#include "tessaline/auth/transport/raise_failure.hpp"
 
 namespace tessaline::auth {
 namespace {
@@ -26,7 +26,7 @@ using python::Ref;
   throw python::Error::fetch();
 }
 
-/// Header fields travel as ISO 8859-1. Read in place: the host's own encoders raise errors that carry the
+/// Header fields travel as ISO 8859-1. Read in place: Python's own encoders raise errors that carry the
 /// text.
 std::string latin1_of(const char* what, PyObject* value) {
   if (!PyUnicode_Check(value)) raise_not_text(what, value);
@@ -82,18 +82,13 @@ std::optional<std::string> body_of(PyObject* body) {
   throw python::Error::fetch();
 }
 
-/// Signal handlers run on the main thread only; other threads need not wake for them.
-using Answer = std::variant<http::Response, http::TransportFailure>;
-
-Answer exchange(const http::Request& request, bool interruptible) {
-  return python::without_gil([&](PyThreadState*& thread) -> Answer {
+http::Result result_of(const http::Request& request) {
+  // Signal handlers run there only; other threads need not wake for them.
+  const bool interruptible = python::on_main_thread();
+  return python::without_gil([&](PyThreadState*& thread) {
     http::Tick tick;
     if (interruptible) tick = [&thread] { return python::run_signal_handlers(thread); };
-    try {
-      return perform_request(request, tick);
-    } catch (const http::TransportFailure& failure) {
-      return failure;
-    }
+    return perform_request(request, tick);
   });
 }
 
@@ -121,13 +116,14 @@ http::Request request_of(PyObject* method, PyObject* url, PyObject* headers, PyO
 }
 
 Ref make_exchange(const http::Request& request, const ChosenSettings& chosen) {
-  const Answer answer = exchange(request, python::on_main_thread());
-  if (const auto* failure = std::get_if<http::TransportFailure>(&answer)) {
-    raise_transport_failure(*failure, request, chosen);
+  const http::Result result = result_of(request);
+  if (const auto* failure = std::get_if<http::TransportFailure>(&result)) {
+    raise_failure(*failure, request, chosen);
   }
-  const auto& response = std::get<http::Response>(answer);
-  return python::triple(python::integer(response.status), headers_dict(response.headers),
-                        python::bytes(response.body));
+  const auto* const response = std::get_if<http::Response>(&result);
+  if (response == nullptr) throw std::bad_alloc();
+  return python::triple(python::integer(response->status), headers_dict(response->headers),
+                        python::bytes(response->body));
 }
 
 }  // namespace tessaline::auth

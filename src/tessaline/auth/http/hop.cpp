@@ -1,14 +1,14 @@
-#include "tessaline/auth/http/exchange.hpp"
+#include "tessaline/auth/http/hop.hpp"
 
 #include <optional>
 #include <utility>
 
-#include "tessaline/auth/http/attempt.hpp"
 #include "tessaline/auth/http/failure.hpp"
 #include "tessaline/auth/http/proxy.hpp"
 #include "tessaline/auth/http/route.hpp"
 #include "tessaline/auth/http/session_pool.hpp"
 #include "tessaline/auth/http/tls_context.hpp"
+#include "tessaline/auth/http/transfer.hpp"
 
 namespace tessaline::auth::http {
 namespace {
@@ -20,35 +20,35 @@ const Proxy* answering_proxy(const Hop& hop, const Route& route) {
 }
 
 /// One try, on a connection of the pool; nothing when a kept one turned out to be gone.
-std::optional<Response> attempt_on(const Route& route, const Hop& hop, const Circumstances& around,
-                                   const SessionPool::Wish& wish) {
+std::optional<Response> try_on(const Route& route, const Hop& hop, const Circumstances& around,
+                               const SessionPool::Wish& wish) {
   const SessionLease lease(wish);
-  Attempt attempt(lease.session(), hop, route);
-  attempt.prepare(around.deadline);
-  const bool answered = attempt.run(around.ticker);
-  Response response = attempt.take_response();
+  Transfer transfer(lease.session(), hop, route);
+  transfer.prepare(around.deadline);
+  const bool answered = transfer.run(around.ticker);
+  Response response = transfer.take_response();
   // A proxy may end the connection with the request half read, when it has refused it.
-  const bool has_head = answered || attempt.fault().head_complete;
+  const bool has_head = answered || transfer.fault().head_complete;
   const Proxy* const proxy = answering_proxy(hop, route);
   if (has_head && proxy != nullptr && is_of_the_proxy(response)) {
     throw refused_by_proxy(*proxy, hop.url, response.status);
   }
   if (answered) return response;
-  if (!wish.fresh && attempt.lost_idle_connection()) return std::nullopt;
-  throw failure_from(attempt.fault(), hop.url, around.deadline);
+  if (!wish.fresh && transfer.lost_idle_connection()) return std::nullopt;
+  throw failure_from(transfer.fault(), hop.url, around.deadline);
 }
 
 }  // namespace
 
-Response exchange(const Hop& hop, const Circumstances& around) {
+Response answer_to(const Hop& hop, const Circumstances& around) {
   const Route route = Route::to(hop.url, around.proxies, around.trust);
-  std::optional<KeptErrors> host_errors;  // the host may use the same OpenSSL
-  if (route.trust) host_errors.emplace();
+  std::optional<KeptErrors> others_errors;  // the program may use the same OpenSSL
+  if (route.trust) others_errors.emplace();
   SessionPool::Wish wish{route, false, false, around.deadline, around.ticker};
   for (;;) {
     if (around.deadline.passed()) throw timed_out(hop.url.peer(), around.deadline);
     try {
-      if (auto response = attempt_on(route, hop, around, wish)) return std::move(*response);
+      if (auto response = try_on(route, hop, around, wish)) return std::move(*response);
       wish.fresh = true;
     } catch (const TransportFailure& failure) {
       // Whoever has a connection to the server will be done with it.

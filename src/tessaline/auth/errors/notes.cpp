@@ -1,11 +1,11 @@
-#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 
 #include <algorithm>
 #include <array>
 
 #include "tessaline/auth/constants.hpp"
 
-namespace tessaline::auth::advice {
+namespace tessaline::auth::notes {
 namespace {
 
 struct Entry {
@@ -99,4 +99,4 @@ std::string_view for_failure(http::FailureKind kind) noexcept {
   return {};
 }
 
-}  // namespace tessaline::auth::advice
+}  // namespace tessaline::auth::notes

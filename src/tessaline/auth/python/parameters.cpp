@@ -1,4 +1,4 @@
-#include "tessaline/auth/python/signature.hpp"
+#include "tessaline/auth/python/parameters.hpp"
 
 #include <algorithm>
 #include <string>
@@ -7,8 +7,8 @@
 
 namespace tessaline::auth::python {
 
-Bound Signature::bind(PyObject* const* arguments, Py_ssize_t positional_count,
-                      PyObject* keyword_names) const {
+Bound Parameters::bind(PyObject* const* arguments, Py_ssize_t positional_count,
+                       PyObject* keyword_names) const {
   Bound bound{};
   const auto given = static_cast<std::size_t>(positional_count);
   bind_positional(bound, arguments, std::min(given, positional_));
@@ -22,7 +22,7 @@ Bound Signature::bind(PyObject* const* arguments, Py_ssize_t positional_count,
   return bound;
 }
 
-Bound Signature::bind(PyObject* arguments, PyObject* keywords) const {
+Bound Parameters::bind(PyObject* arguments, PyObject* keywords) const {
   Bound bound{};
   const auto given = static_cast<std::size_t>(PyTuple_GET_SIZE(arguments));
   for (std::size_t index = 0; index < std::min(given, positional_); ++index) {
@@ -38,11 +38,11 @@ Bound Signature::bind(PyObject* arguments, PyObject* keywords) const {
   return bound;
 }
 
-void Signature::bind_positional(Bound& bound, PyObject* const* arguments, std::size_t given) const {
+void Parameters::bind_positional(Bound& bound, PyObject* const* arguments, std::size_t given) const {
   std::copy_n(arguments, given, bound.begin());
 }
 
-void Signature::bind_keyword(Bound& bound, PyObject* keyword, PyObject* value) const {
+void Parameters::bind_keyword(Bound& bound, PyObject* keyword, PyObject* value) const {
   if (!PyUnicode_Check(keyword)) {
     PyErr_Format(PyExc_TypeError, "%s() keywords must be strings", name_);
     throw Error::fetch();
@@ -60,7 +60,7 @@ void Signature::bind_keyword(Bound& bound, PyObject* keyword, PyObject* value) c
   throw Error::fetch();
 }
 
-void Signature::require_all(const Bound& bound) const {
+void Parameters::require_all(const Bound& bound) const {
   std::array<const char*, kMostParameters> missing{};
   std::size_t count = 0;
   for (std::size_t index = 0; index < required_; ++index) {
@@ -69,7 +69,7 @@ void Signature::require_all(const Bound& bound) const {
   if (count > 0) raise_missing({missing.data(), count});
 }
 
-void Signature::raise_too_many(const Bound& bound, std::size_t given) const {
+void Parameters::raise_too_many(const Bound& bound, std::size_t given) const {
   const std::size_t most = positional_ + implicit_;
   const std::size_t least = required_ + implicit_;
   given += implicit_;
@@ -92,7 +92,7 @@ void Signature::raise_too_many(const Bound& bound, std::size_t given) const {
   throw Error::fetch();
 }
 
-void Signature::raise_missing(std::span<const char* const> missing) const {
+void Parameters::raise_missing(std::span<const char* const> missing) const {
   std::string names;
   for (std::size_t index = 0; index < missing.size(); ++index) {
     if (index > 0) names += index + 1 < missing.size() ? ", " : missing.size() == 2 ? " and " : ", and ";

@@ -10,9 +10,9 @@ struct ChosenSettings {
   bool proxies = false;
 };
 
-/// Raises the host's exception for a failed request, with what may help: the roots that were trusted, where a
+/// Raises the exception for a failed request, with what may help: the roots that were trusted, where a
 /// proxy was named.
-[[noreturn]] void raise_transport_failure(const http::TransportFailure& failure, const http::Request& request,
-                                          const ChosenSettings& chosen);
+[[noreturn]] void raise_failure(const http::TransportFailure& failure, const http::Request& request,
+                                const ChosenSettings& chosen);
 
 }  // namespace tessaline::auth

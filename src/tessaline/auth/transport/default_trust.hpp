@@ -4,8 +4,8 @@
 
 namespace tessaline::auth {
 
-/// Where the host's `ssl` module trusts certificates from by default; SSL_CERT_FILE and SSL_CERT_DIR are
-/// honoured and may change at run time. Where neither is set and the host has no `ssl`, or that knows of no
+/// Where Python's `ssl` module trusts certificates from by default; SSL_CERT_FILE and SSL_CERT_DIR are
+/// honoured and may change at run time. Where neither is set and Python has no `ssl`, or that knows of no
 /// certificate, it is where the system keeps them.
 http::TrustStore default_trust_store();
 

@@ -1,4 +1,4 @@
-#include "tessaline/auth/transport/trust.hpp"
+#include "tessaline/auth/transport/default_trust.hpp"
 
 #include <cstdlib>
 #include <optional>
@@ -30,7 +30,7 @@ std::string path_of(PyObject* paths, const python::Name& member) {
   return {PyBytes_AS_STRING(encoded.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(encoded.get()))};
 }
 
-http::TrustStore ask_host() {
+http::TrustStore ask_python() {
   Ref ssl;
   std::optional<python::Error> failure = python::caught([&] { ssl = python::import(kSsl); });
   if (failure) {
@@ -69,7 +69,7 @@ http::TrustStore default_trust_store() {
   const bool known = remembered != nullptr && remembered->file_variable == file &&
                      remembered->directory_variable == directory && remembered->stays();
   if (known) return remembered->store;
-  http::TrustStore store = ask_host();
+  http::TrustStore store = ask_python();
   if (file.empty() && directory.empty() && holds_nothing(store)) store = find_system_trust_store();
   if (remembered == nullptr) remembered = new Remembered;
   *remembered = {file, directory, store};

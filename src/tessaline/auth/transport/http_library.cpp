@@ -1,4 +1,4 @@
-#include "tessaline/auth/transport/http_engine.hpp"
+#include "tessaline/auth/transport/http_library.hpp"
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -8,16 +8,10 @@
 #include <new>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <variant>
-
-#include "tessaline/auth/http/library/result.hpp"
 
 namespace tessaline::auth {
 namespace {
 
-using http::FailureKind;
-using http::TransportFailure;
 using Perform = http::Result (*)(const http::Request&, const http::Tick&);
 
 constexpr std::string_view kLibrary = "libtessaline_http.so";
@@ -45,21 +39,19 @@ std::string path_beside_this_module() {
   return std::string(module.substr(0, module.rfind('/') + 1)).append(kLibrary);
 }
 
-[[noreturn]] void throw_load_failure() {
+http::TransportFailure load_failure() {
   const char* const why = dlerror();
-  throw TransportFailure(FailureKind::kOther,
-                         std::string("HTTP library cannot be loaded: ") + (why == nullptr ? "unknown" : why));
+  return {http::FailureKind::kOther,
+          std::string("HTTP library cannot be loaded: ") + (why == nullptr ? "unknown" : why)};
 }
 
+/// Null where it cannot be had: `dlerror` knows why.
 Perform load() {
   void* const library = dlopen(path_beside_this_module().c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (library == nullptr) throw_load_failure();
-  void* const entry = dlsym(library, kEntry);
-  if (entry == nullptr) throw_load_failure();
-  return reinterpret_cast<Perform>(entry);
+  return library == nullptr ? nullptr : reinterpret_cast<Perform>(dlsym(library, kEntry));
 }
 
-Perform engine() {
+Perform loaded_once() {
   if (const Perform ready = loaded.load(std::memory_order_acquire)) return ready;
   watch_forks_while_loading();
   const std::scoped_lock lock(loading);
@@ -69,13 +61,9 @@ Perform engine() {
 
 }  // namespace
 
-http::Response perform_request(const http::Request& request, const http::Tick& tick) {
-  http::Result result = engine()(request, tick);
-  if (auto* response = std::get_if<http::Response>(&result)) return std::move(*response);
-  if (const auto* failed = std::get_if<http::Failed>(&result)) {
-    throw TransportFailure(failed->kind, failed->message, failed->detail);
-  }
-  throw std::bad_alloc();
+http::Result perform_request(const http::Request& request, const http::Tick& tick) {
+  const Perform perform = loaded_once();
+  return perform == nullptr ? load_failure() : perform(request, tick);
 }
 
 }  // namespace tessaline::auth

@@ -31,7 +31,7 @@ def after_close(manager: Any, server: FakeServer) -> None:
     manager.get_token()
 
 
-def after_a_hopeless_renewal(manager: Any, server: FakeServer) -> None:
+def after_a_permanent_error(manager: Any, server: FakeServer) -> None:
     manager._state, manager._token, manager._token_expiry = auth._AUTHENTICATED, "old", 0.0
     manager._permanent_refresh_error = True
     manager.get_token()
@@ -82,7 +82,7 @@ AUTH_ERRORS: list[tuple[str, Provoke, str]] = [
     ),
     (
         "token_expired",
-        after_a_hopeless_renewal,
+        after_a_permanent_error,
         "the token was not renewed in time: call authenticate() to log in again",
     ),
     (
@@ -186,35 +186,35 @@ def failure_of(provoke: Provoke, manager: Any, server: FakeServer) -> Exception:
     return caught.value
 
 
-@pytest.mark.parametrize(("reason", "provoke", "advice"), AUTH_ERRORS)
-def test_auth_error(reason: str, provoke: Provoke, advice: str, manager: Any, server: FakeServer) -> None:
+@pytest.mark.parametrize(("reason", "provoke", "note"), AUTH_ERRORS)
+def test_auth_error(reason: str, provoke: Provoke, note: str, manager: Any, server: FakeServer) -> None:
     error = failure_of(provoke, manager, server)
     assert type(error) is auth.AuthError
     assert (str(error), error.args, repr(error)) == (reason, (reason,), f"AuthError({reason!r})")
     assert vars(error) == {"reason": reason}
-    assert notes(error) == [advice]
+    assert notes(error) == [note]
 
 
-@pytest.mark.parametrize(("reason", "provoke", "extras", "advice"), PROFILE_ERRORS)
+@pytest.mark.parametrize(("reason", "provoke", "extras", "note"), PROFILE_ERRORS)
 def test_profile_error(
-    reason: str, provoke: Provoke, extras: dict[str, Any], advice: str, manager: Any, server: FakeServer
+    reason: str, provoke: Provoke, extras: dict[str, Any], note: str, manager: Any, server: FakeServer
 ) -> None:
     error = failure_of(provoke, manager, server)
     assert type(error) is auth.ProfileError
     assert (str(error), error.args) == (reason, (reason,))
     assert vars(error) == {"reason": reason, **extras}
-    assert notes(error) == [advice]
+    assert notes(error) == [note]
 
 
-@pytest.mark.parametrize(("reason", "advice"), REGISTRATION_ERRORS.items())
-def test_registration_error(reason: str, advice: str, manager: Any, server: FakeServer) -> None:
+@pytest.mark.parametrize(("reason", "note"), REGISTRATION_ERRORS.items())
+def test_registration_error(reason: str, note: str, manager: Any, server: FakeServer) -> None:
     error = failure_of(refused(REGISTER, 403, reason), manager, server)
     assert type(error) is auth.RegistrationError
     assert (error.args, vars(error)) == ((reason,), {})
-    assert notes(error) == [advice]
+    assert notes(error) == [note]
 
 
-def test_every_reason_of_the_component_has_advice() -> None:
+def test_every_reason_of_the_component_has_a_note() -> None:
     told = {reason for reason, *_ in AUTH_ERRORS} | {reason for reason, *_ in PROFILE_ERRORS}
     text = CONSTANTS.read_text("utf-8")
     reasons = set(re.findall(r'"([a-z_]+)"', text[text.index("namespace reason {") :]))
@@ -223,18 +223,18 @@ def test_every_reason_of_the_component_has_advice() -> None:
 
 
 @pytest.mark.parametrize(
-    "advice",
+    "note",
     sorted({row[-1] for row in (*AUTH_ERRORS, *PROFILE_ERRORS)} | set(REGISTRATION_ERRORS.values())),  # type: ignore[type-var]
 )
-def test_advice_is_one_sentence(advice: str) -> None:
-    assert advice[0].islower() and not advice.endswith(".") and "\n" not in advice
+def test_a_note_is_one_sentence(note: str) -> None:
+    assert note[0].islower() and not note.endswith(".") and "\n" not in note
 
 
 # The network
 
 
 @pytest.mark.parametrize(
-    ("step", "advice"),
+    ("step", "note"),
     [
         (
             ConnectionRefusedError("nobody"),
@@ -259,13 +259,13 @@ def test_advice_is_one_sentence(advice: str) -> None:
         ),
     ],
 )
-def test_a_server_that_stays_away(step: Any, advice: str, manager: Any, server: FakeServer) -> None:
+def test_a_server_that_stays_away(step: Any, note: str, manager: Any, server: FakeServer) -> None:
     server.always(REGISTER, step)
     manager._wait_with_clock = lambda seconds: None
     error = failure_of(logging_in, manager, server)
     assert type(error) is auth.NetworkError
     assert (error.args, vars(error)) == (("Server unreachable after 3 attempts",), {})
-    assert notes(error) == [advice]
+    assert notes(error) == [note]
 
 
 def test_the_last_attempt_is_the_one_that_is_told_of(manager: Any, server: FakeServer) -> None:
@@ -289,7 +289,7 @@ def test_challenges_that_are_stale(manager: Any, server: FakeServer) -> None:
 # What another thread met
 
 
-def test_a_failure_that_another_thread_met_keeps_its_advice(manager: Any, server: FakeServer) -> None:
+def test_a_failure_that_another_thread_met_keeps_its_notes(manager: Any, server: FakeServer) -> None:
     server.always(REGISTER, Answer(403, {"error": "invite_required"}))
     failure_of(logging_in, manager, server)
     stored = manager._auth_error

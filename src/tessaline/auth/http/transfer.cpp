@@ -1,4 +1,4 @@
-#include "tessaline/auth/http/attempt.hpp"
+#include "tessaline/auth/http/transfer.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -11,6 +11,7 @@
 
 #include "tessaline/auth/http/descriptors.hpp"
 #include "tessaline/auth/http/failure_table.hpp"
+#include "tessaline/auth/http/limits.hpp"
 #include "tessaline/auth/http/process.hpp"
 #include "tessaline/auth/http/tls_context.hpp"
 
@@ -23,9 +24,6 @@ namespace {
 
 constexpr const char* kUserAgent = "tessaline/" TESSALINE_VERSION;
 
-// Longer than any connection is kept: the pool decides.
-constexpr long kMaxConnectionAgeSeconds = 3600;
-
 bool announces_missing_body(std::string_view method) {
   return method == "POST" || method == "PUT" || method == "PATCH";
 }
@@ -36,12 +34,12 @@ const char* text_or_null(const std::string& text) {
 
 }  // namespace
 
-Attempt::Attempt(Session& session, const Hop& hop, const Route& route)
+Transfer::Transfer(Session& session, const Hop& hop, const Route& route)
     : session_(session), hop_(hop), route_(route), easy_(curl_easy_init()) {
   if (!easy_) throw std::bad_alloc();
 }
 
-Attempt::~Attempt() {
+Transfer::~Transfer() {
   if (session_.belongs_to_this_process()) {
     curl_multi_remove_handle(session_.multi(), easy_.get());
   } else {
@@ -49,7 +47,7 @@ Attempt::~Attempt() {
   }
 }
 
-void Attempt::prepare(const Deadline& deadline) {
+void Transfer::prepare(const Deadline& deadline) {
   headers_ = make_header_list(hop_.headers);
   set_connection_options(deadline);
   set_proxy_options();
@@ -59,11 +57,11 @@ void Attempt::prepare(const Deadline& deadline) {
 }
 
 template <typename Value>
-void Attempt::set(CURLoption option, Value value) {
+void Transfer::set(CURLoption option, Value value) {
   require(curl_easy_setopt(easy_.get(), option, value));
 }
 
-void Attempt::set_connection_options(const Deadline& deadline) {
+void Transfer::set_connection_options(const Deadline& deadline) {
   set(CURLOPT_NOSIGNAL, 1L);
   set(CURLOPT_QUICK_EXIT, 1L);
   set(CURLOPT_PROTOCOLS_STR, "http,https");
@@ -75,7 +73,7 @@ void Attempt::set_connection_options(const Deadline& deadline) {
   set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
   set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   set(CURLOPT_TCP_NODELAY, 1L);
-  set(CURLOPT_MAXAGE_CONN, kMaxConnectionAgeSeconds);
+  set(CURLOPT_MAXAGE_CONN, kCurlIdleSeconds);
   // Its own bound on connecting would cut a request that has a longer one, or none.
   set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(INT_MAX));
   if (deadline.bounded()) set(CURLOPT_TIMEOUT_MS, static_cast<long>(deadline.left().count()));
@@ -83,12 +81,12 @@ void Attempt::set_connection_options(const Deadline& deadline) {
 
 // Decided here: what libcurl makes of the environment differs from version to version, and it tells of none
 // of it.
-void Attempt::set_proxy_options() {
+void Transfer::set_proxy_options() {
   set(CURLOPT_PROXY, route_.proxy ? route_.proxy->url.c_str() : "");
   set(CURLOPT_NOPROXY, "");
 }
 
-void Attempt::set_trust_options() {
+void Transfer::set_trust_options() {
   const TrustStore& places = route_.trust->places();
   // Where OpenSSL is shared, the roots are in the store that each connection is given.
   const char* const file = tls_is_shared() ? nullptr : text_or_null(places.ca_file);
@@ -107,11 +105,11 @@ void Attempt::set_trust_options() {
   // libcurl would keep them by the name of the file of roots, whatever is in it.
   set(CURLOPT_SSL_SESSIONID_CACHE, 0L);
   if (!tls_is_shared()) return;
-  set(CURLOPT_SSL_CTX_FUNCTION, &Attempt::on_tls_context);
+  set(CURLOPT_SSL_CTX_FUNCTION, &Transfer::on_tls_context);
   set(CURLOPT_SSL_CTX_DATA, this);
 }
 
-void Attempt::set_request_options() {
+void Transfer::set_request_options() {
   const bool by_plain_proxy = route_.proxy && route_.proxy->speaks_http() && hop_.url.scheme == "http";
   const std::string target = hop_.url.target();
   set(CURLOPT_URL, hop_.url.root().c_str());
@@ -130,17 +128,17 @@ void Attempt::set_request_options() {
   }
 }
 
-void Attempt::set_callbacks() {
+void Transfer::set_callbacks() {
   require(session_.track_sockets_of(easy_.get()));
-  set(CURLOPT_OPENSOCKETFUNCTION, &Attempt::on_open_socket);
+  set(CURLOPT_OPENSOCKETFUNCTION, &Transfer::on_open_socket);
   set(CURLOPT_OPENSOCKETDATA, this);
-  set(CURLOPT_HEADERFUNCTION, &Attempt::on_header);
+  set(CURLOPT_HEADERFUNCTION, &Transfer::on_header);
   set(CURLOPT_HEADERDATA, this);
-  set(CURLOPT_WRITEFUNCTION, &Attempt::on_body);
+  set(CURLOPT_WRITEFUNCTION, &Transfer::on_body);
   set(CURLOPT_WRITEDATA, this);
 }
 
-bool Attempt::run(Ticker& ticker) {
+bool Transfer::run(Ticker& ticker) {
   session_.begin_request();
   {
     const std::lock_guard lock(process::mutex());
@@ -159,7 +157,7 @@ bool Attempt::run(Ticker& ticker) {
 }
 
 // From 8 on, libcurl holds a TLS connection that it will not use again until the peer says goodbye as well.
-void Attempt::end_lingering() {
+void Transfer::end_lingering() {
   curl_socket_t kept = CURL_SOCKET_BAD;
   require(curl_easy_getinfo(easy_.get(), CURLINFO_ACTIVESOCKET, &kept));
   if (kept != CURL_SOCKET_BAD || !session_.shut_down()) return;
@@ -169,24 +167,24 @@ void Attempt::end_lingering() {
 
 // libcurl would send no body with NOBODY, and without it waits for one: such a request is stopped after the
 // head.
-bool Attempt::head_was_all() const noexcept {
+bool Transfer::head_was_all() const noexcept {
   return hop_.method == "HEAD" && hop_.body != nullptr && has_final_head();
 }
 
-bool Attempt::has_final_head() const noexcept {
+bool Transfer::has_final_head() const noexcept {
   return head_.complete() && !head_.interim();
 }
 
-// A body that ends with its connection may end without TLS's word for it, as it does with the host's own
+// A body that ends with its connection may end without TLS's word for it, as it does with Python's own
 // client; libcurl from 8 on calls that an error.
-bool Attempt::ended_with_connection(CURLcode code) const {
+bool Transfer::ended_with_connection(CURLcode code) const {
   const bool to_the_end = !head_.chunked() && !head_.has_length();
   if (code != CURLE_RECV_ERROR || !to_the_end || hop_.url.scheme != "https") return false;
   const long os_errno = info(CURLINFO_OS_ERRNO);
   return session_.tls.sight.fatal_alert < 0 && os_errno != ECONNRESET && os_errno != EPIPE;
 }
 
-CURLcode Attempt::drive(Ticker& ticker) {
+CURLcode Transfer::drive(Ticker& ticker) {
   for (;;) {
     int running = 0;
     require(curl_multi_perform(session_.multi(), &running));
@@ -196,7 +194,7 @@ CURLcode Attempt::drive(Ticker& ticker) {
   }
 }
 
-void Attempt::wait_for_activity(std::chrono::milliseconds longest) {
+void Transfer::wait_for_activity(std::chrono::milliseconds longest) {
   CURLMcode code = CURLM_OK;
   {
     const process::Outside outside;
@@ -205,7 +203,7 @@ void Attempt::wait_for_activity(std::chrono::milliseconds longest) {
   require(code);
 }
 
-CURLcode Attempt::result() const {
+CURLcode Transfer::result() const {
   int left = 0;
   while (const CURLMsg* message = curl_multi_info_read(session_.multi(), &left)) {
     if (message->msg == CURLMSG_DONE) return message->data.result;
@@ -213,7 +211,7 @@ CURLcode Attempt::result() const {
   throw TransportFailure(FailureKind::kOther, "HTTP library ended a request without a result");
 }
 
-void Attempt::examine(CURLcode code) {
+void Transfer::examine(CURLcode code) {
   // An answer that ends within its head is fine with libcurl.
   fault_.code = code == CURLE_OK ? CURLE_GOT_NOTHING : code;
   fault_.os_errno = info(CURLINFO_OS_ERRNO);
@@ -237,35 +235,36 @@ void Attempt::examine(CURLcode code) {
 }
 
 // Whether what failed came after a proxy had connected through to the server.
-bool Attempt::is_tunnelled() const {
+bool Transfer::is_tunnelled() const {
   if (!route_.proxy) return false;
   if (route_.proxy->speaks_http()) return info(CURLINFO_HTTP_CONNECTCODE) / 100 == 2;
   return session_.tls.sight.started || info(CURLINFO_REQUEST_SIZE) > 0;
 }
 
-long Attempt::info(CURLINFO which) const {
+long Transfer::info(CURLINFO which) const {
   long value = 0;
   require(curl_easy_getinfo(easy_.get(), which, &value));
   return value;
 }
 
 // libcurl replaces a kept connection that breaks by itself, and then tells of what happens to the new one in
-// the words for the old. Another attempt does the same with words of its own.
-curl_socket_t Attempt::on_open_socket(void* attempt, curlsocktype purpose, curl_sockaddr* address) noexcept {
-  auto& self = *static_cast<Attempt*>(attempt);
+// the words for the old. Another transfer does the same with words of its own.
+curl_socket_t Transfer::on_open_socket(void* transfer, curlsocktype purpose,
+                                       curl_sockaddr* address) noexcept {
+  auto& self = *static_cast<Transfer*>(transfer);
   self.refused_to_reconnect_ = self.had_connection_ && !self.head_.begun();
   if (self.refused_to_reconnect_) return CURL_SOCKET_BAD;
   return Session::open_socket(&self.session_, purpose, address);
 }
 
 // Where the proxy speaks TLS itself, it comes first.
-std::string Attempt::next_tls_peer() {
+std::string Transfer::next_tls_peer() {
   const bool is_proxy = tls_connections_++ == 0 && route_.proxy && route_.proxy->speaks_tls();
   return is_proxy ? "proxy " + route_.proxy->peer() : route_.origin;
 }
 
-CURLcode Attempt::on_tls_context(CURL*, void* context, void* attempt) noexcept {
-  auto& self = *static_cast<Attempt*>(attempt);
+CURLcode Transfer::on_tls_context(CURL*, void* context, void* transfer) noexcept {
+  auto& self = *static_cast<Transfer*>(transfer);
   try {
     bind_context(static_cast<SSL_CTX*>(context), self.route_.trust, self.next_tls_peer(), self.session_.tls);
     return CURLE_OK;
@@ -275,8 +274,8 @@ CURLcode Attempt::on_tls_context(CURL*, void* context, void* attempt) noexcept {
   return CURLE_ABORTED_BY_CALLBACK;
 }
 
-std::size_t Attempt::on_header(char* data, std::size_t size, std::size_t count, void* attempt) noexcept {
-  auto& self = *static_cast<Attempt*>(attempt);
+std::size_t Transfer::on_header(char* data, std::size_t size, std::size_t count, void* transfer) noexcept {
+  auto& self = *static_cast<Transfer*>(transfer);
   try {
     const bool was_complete = self.head_.complete();
     if (!self.head_.add_line({data, size * count})) return 0;
@@ -295,14 +294,14 @@ std::size_t Attempt::on_header(char* data, std::size_t size, std::size_t count, 
 }
 
 // One piece of memory instead of ever larger ones, where the length is announced.
-void Attempt::reserve_body() {
+void Transfer::reserve_body() {
   curl_off_t length = 0;
   if (curl_easy_getinfo(easy_.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) != CURLE_OK) return;
   if (length > 0) response_.body.reserve(std::min(static_cast<std::size_t>(length), kMostBodyBytes));
 }
 
-std::size_t Attempt::on_body(char* data, std::size_t size, std::size_t count, void* attempt) noexcept {
-  auto& self = *static_cast<Attempt*>(attempt);
+std::size_t Transfer::on_body(char* data, std::size_t size, std::size_t count, void* transfer) noexcept {
+  auto& self = *static_cast<Transfer*>(transfer);
   try {
     if (size * count > kMostBodyBytes - self.response_.body.size()) {
       self.fault_.body_too_large = true;

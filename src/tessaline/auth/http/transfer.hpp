@@ -10,7 +10,7 @@
 #include "tessaline/auth/http/deadline.hpp"
 #include "tessaline/auth/http/failure.hpp"
 #include "tessaline/auth/http/header_list.hpp"
-#include "tessaline/auth/http/redirect.hpp"
+#include "tessaline/auth/http/hop.hpp"
 #include "tessaline/auth/http/response_head.hpp"
 #include "tessaline/auth/http/route.hpp"
 #include "tessaline/auth/http/session.hpp"
@@ -22,16 +22,15 @@ struct EasyCleanup {
   void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
 };
 
-/// One run of one exchange on one session. The connection is the session's, the easy handle is the attempt's
-/// own: one that is used again makes libcurl 7.88 read freed memory when a head starts with a continuation
-/// line.
-class Attempt {
+/// One try of a hop on one session. The connection is the session's, the easy handle is the transfer's own:
+/// one that is used again makes libcurl 7.88 read freed memory when a head starts with a continuation line.
+class Transfer {
  public:
-  /// All must outlive the attempt. Throws std::bad_alloc, and TransportFailure(kDescriptors).
-  Attempt(Session& session, const Hop& hop, const Route& route);
-  ~Attempt();
-  Attempt(const Attempt&) = delete;
-  Attempt& operator=(const Attempt&) = delete;
+  /// All must outlive the transfer. Throws std::bad_alloc, and TransportFailure(kDescriptors).
+  Transfer(Session& session, const Hop& hop, const Route& route);
+  ~Transfer();
+  Transfer(const Transfer&) = delete;
+  Transfer& operator=(const Transfer&) = delete;
 
   /// Throws std::bad_alloc.
   void prepare(const Deadline& deadline);
@@ -70,10 +69,10 @@ class Attempt {
   bool is_tunnelled() const;
   std::string next_tls_peer();
 
-  static curl_socket_t on_open_socket(void* attempt, curlsocktype purpose, curl_sockaddr* address) noexcept;
-  static CURLcode on_tls_context(CURL* easy, void* context, void* attempt) noexcept;
-  static std::size_t on_header(char* data, std::size_t size, std::size_t count, void* attempt) noexcept;
-  static std::size_t on_body(char* data, std::size_t size, std::size_t count, void* attempt) noexcept;
+  static curl_socket_t on_open_socket(void* transfer, curlsocktype purpose, curl_sockaddr* address) noexcept;
+  static CURLcode on_tls_context(CURL* easy, void* context, void* transfer) noexcept;
+  static std::size_t on_header(char* data, std::size_t size, std::size_t count, void* transfer) noexcept;
+  static std::size_t on_body(char* data, std::size_t size, std::size_t count, void* transfer) noexcept;
 
   Session& session_;
   const Hop& hop_;

@@ -12,7 +12,7 @@ namespace tessaline::auth::python {
 /// before it is done. The interruption is raised afterwards. The step must bear being repeated; after several
 /// failures the first one is raised.
 template <class Step>
-void insist(Step&& step) {
+void until_done(Step&& step) {
   static constexpr int kMostTries = 64;
   static constexpr int kHastyTries = 4;
   std::optional<Error> first = caught(step);

@@ -1,11 +1,11 @@
-#include "tessaline/auth/transport/transport_errors.hpp"
+#include "tessaline/auth/transport/raise_failure.hpp"
 
 #include <cerrno>
 #include <cstring>
 #include <string>
 
 #include "tessaline/auth/python/python.hpp"
-#include "tessaline/auth/transport/transport_notes.hpp"
+#include "tessaline/auth/transport/failure_notes.hpp"
 
 namespace tessaline::auth {
 namespace {
@@ -42,7 +42,7 @@ Ref new_error_of(const python::Name& module, const python::Name& type, const cha
   return new_error(python::attribute(loaded.get(), type).get(), message);
 }
 
-/// In the shape that the host's own have: the number of its SSL_ERROR_SSL, the text, and what OpenSSL says.
+/// In the shape that Python's own have: the number of its SSL_ERROR_SSL, the text, and what OpenSSL says.
 Ref new_tls_error(const python::Name& type, const http::TransportFailure& failure) {
   constexpr int kSslErrorSsl = 1;
   const Ref ssl = python::import(kSsl);
@@ -98,10 +98,10 @@ Ref error_for(const http::TransportFailure& failure) {
 
 }  // namespace
 
-void raise_transport_failure(const http::TransportFailure& failure, const http::Request& request,
-                             const ChosenSettings& chosen) {
+void raise_failure(const http::TransportFailure& failure, const http::Request& request,
+                   const ChosenSettings& chosen) {
   const Ref error = error_for(failure);
-  add_transport_notes(error.get(), failure, request, chosen);
+  add_failure_notes(error.get(), failure, request, chosen);
   python::raise(error.get());
 }
 

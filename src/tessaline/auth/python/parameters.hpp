@@ -11,19 +11,19 @@ namespace tessaline::auth::python {
 
 inline constexpr std::size_t kMostParameters = 8;
 
-/// The arguments of one call in the order of the signature's parameters: borrowed, null where none was given.
+/// The arguments of one call in the order of the parameters: borrowed, null where none was given.
 using Bound = std::array<PyObject*, kMostParameters>;
 
-/// The parameters of a function that the host calls: binds a call's arguments to them, or raises the
+/// The parameters of a function that Python calls: binds a call's arguments to them, or raises the
 /// TypeError that the interpreter raises for a function written in Python. Error texts name the function and
 /// its parameters, never a value.
-class Signature {
+class Parameters {
  public:
   /// `name` is the qualified name without parentheses. The first `positional` parameters may be given by
   /// position or keyword, of these the first `required` must be given; the others by keyword only and may be
   /// left out. `implicit` is 1 for a method: the instance, which counts in the interpreter's texts.
-  consteval Signature(const char* name, std::initializer_list<const char*> parameters, std::size_t positional,
-                      std::size_t required, std::size_t implicit)
+  consteval Parameters(const char* name, std::initializer_list<const char*> parameters,
+                       std::size_t positional, std::size_t required, std::size_t implicit)
       : name_(name),
         count_(parameters.size()),
         positional_(positional),

@@ -7,7 +7,7 @@
 // What the caller can do about an error: one sentence, added to it as a note where the component makes it.
 // None of them holds anything secret.
 
-namespace tessaline::auth::advice {
+namespace tessaline::auth::notes {
 
 /// The sentence for an error with this reason; empty for a reason that is not the component's.
 std::string_view for_reason(std::string_view reason) noexcept;
@@ -39,7 +39,7 @@ inline constexpr std::string_view kNoCopies =
 inline constexpr std::string_view kCalledUnderLock =
     "the manager's clock, a finalizer or a signal handler may not call its methods but close(): let it set "
     "a flag, and call from elsewhere";
-inline constexpr std::string_view kWaitInFlow =
+inline constexpr std::string_view kWaitInLogin =
     "a transport, a log handler or a signal handler that runs during a login may not wait for its outcome: "
     "ask for the token before or after it";
 inline constexpr std::string_view kOneInterpreter =
@@ -71,4 +71,4 @@ inline constexpr const char* kLastOddStatus =
 inline constexpr const char* kRecorded =
     "another thread of the manager met %s: call authenticate() to try again";
 
-}  // namespace tessaline::auth::advice
+}  // namespace tessaline::auth::notes

@@ -4,7 +4,7 @@
 
 #include "tessaline/auth/http/http_client.hpp"
 #include "tessaline/auth/python/ref.hpp"
-#include "tessaline/auth/transport/transport_errors.hpp"
+#include "tessaline/auth/transport/raise_failure.hpp"
 
 // What every transport has in common: from what Python asks for to the answer. Which time-out, trust, proxies
 // and name it goes out with, is the transport's.

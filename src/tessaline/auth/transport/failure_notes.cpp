@@ -1,6 +1,6 @@
-#include "tessaline/auth/transport/transport_notes.hpp"
+#include "tessaline/auth/transport/failure_notes.hpp"
 
-#include "tessaline/auth/errors/advice.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/transport/proxy_environment.hpp"
 
@@ -15,28 +15,28 @@ const char* variable_of(const http::Request& request) {
 
 void add_roots(PyObject* exception, const http::TrustStore& trust, bool chosen) {
   python::add_note_from(exception, [&trust, chosen] {
-    if (chosen) return python::checked(PyUnicode_FromFormat(advice::kChosenRoots, trust.ca_file.c_str()));
+    if (chosen) return python::checked(PyUnicode_FromFormat(notes::kChosenRoots, trust.ca_file.c_str()));
     return python::checked(
-        PyUnicode_FromFormat(advice::kRoots, trust.ca_file.empty() ? "no file" : trust.ca_file.c_str(),
+        PyUnicode_FromFormat(notes::kRoots, trust.ca_file.empty() ? "no file" : trust.ca_file.c_str(),
                              trust.ca_directory.empty() ? "no directory" : trust.ca_directory.c_str()));
   });
 }
 
 void add_proxy(PyObject* exception, const http::Request& request, bool chosen) {
-  if (chosen) return python::add_note(exception, advice::kChosenProxy);
+  if (chosen) return python::add_note(exception, notes::kChosenProxy);
   const char* const variable = variable_of(request);
   if (variable == nullptr) return;
   python::add_note_from(
-      exception, [variable] { return python::checked(PyUnicode_FromFormat(advice::kProxy, variable)); });
+      exception, [variable] { return python::checked(PyUnicode_FromFormat(notes::kProxy, variable)); });
 }
 
 }  // namespace
 
-void add_transport_notes(PyObject* exception, const http::TransportFailure& failure,
-                         const http::Request& request, const ChosenSettings& chosen) {
+void add_failure_notes(PyObject* exception, const http::TransportFailure& failure,
+                       const http::Request& request, const ChosenSettings& chosen) {
   using http::FailureKind;
   if (failure.kind() == FailureKind::kInvalidRequest) return;
-  python::add_note(exception, advice::for_failure(failure.kind()));
+  python::add_note(exception, notes::for_failure(failure.kind()));
   if (failure.kind() == FailureKind::kCertificate || failure.kind() == FailureKind::kTrustStore) {
     add_roots(exception, request.trust, chosen.trust);
   }

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <Python.h>
+
+#include "tessaline/auth/http/http_client.hpp"
+#include "tessaline/auth/transport/raise_failure.hpp"
+
+namespace tessaline::auth {
+
+/// Adds to the exception for `failure` what the caller can do about it.
+void add_failure_notes(PyObject* exception, const http::TransportFailure& failure,
+                       const http::Request& request, const ChosenSettings& chosen);
+
+}  // namespace tessaline::auth
