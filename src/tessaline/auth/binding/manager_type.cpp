@@ -2,14 +2,14 @@
 
 #include <cstddef>
 
-#include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/binding/manager_docs.hpp"
-#include "tessaline/auth/steps/clock.hpp"
-#include "tessaline/auth/manager/process_generation.hpp"
+#include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/manager/manager.hpp"
+#include "tessaline/auth/manager/process_generation.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/instance.hpp"
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/steps/clock.hpp"
 #include "tessaline/auth/steps/request.hpp"
 #include "tessaline/auth/steps/retry.hpp"
 
@@ -35,6 +35,7 @@ constexpr Signature kInitSignature("AuthManager.__init__",
 
 int initialise(PyObject* self, PyObject* arguments, PyObject* keywords) {
   return python::status_boundary([&] {
+    python::require_stack();
     const Bound given = kInitSignature.bind(arguments, keywords);
     manager_of(self).construct(given[0], given[1], or_none(given[2]),
                                given[3] == nullptr ? Py_True : given[3], or_none(given[4]),
@@ -81,7 +82,20 @@ AuthManager& present(PyObject* self) {
 /// The entry from the host for a method without arguments.
 template <Ref (AuthManager::*kMethod)()>
 PyObject* plain(PyObject* self, PyObject*) {
-  return python::boundary([self] { return (present(self).*kMethod)(); });
+  return python::boundary([self] {
+    python::require_stack();
+    return (present(self).*kMethod)();
+  });
+}
+
+/// What is served at one look costs none at the stack.
+PyObject* get_token(PyObject* self, PyObject*) {
+  return python::boundary([self] {
+    AuthManager& manager = present(self);
+    if (Ref token = manager.token_if_healthy()) return token;
+    python::require_stack();
+    return manager.get_token();
+  });
 }
 
 template <Ref (AuthManager::*kMethod)()>
@@ -93,6 +107,7 @@ constexpr PyMethodDef define(const char* name, const char* doc) {
 template <const Signature& kSignature, Ref (*kBody)(PyObject*, const Bound&)>
 PyObject* bound(PyObject* self, PyObject* const* arguments, Py_ssize_t count, PyObject* keyword_names) {
   return python::boundary([&] {
+    python::require_stack();
     const Bound given = kSignature.bind(arguments, count, keyword_names);
     present(self);
     return kBody(self, given);
@@ -176,7 +191,10 @@ PyObject* refuse_reduction(PyObject*, PyObject*) {
 }
 
 PyObject* represent(PyObject* self) {
-  return python::boundary([self] { return manager_of(self).represent(); });
+  return python::boundary([self] {
+    python::require_stack();
+    return manager_of(self).represent();
+  });
 }
 
 PyMethodDef methods[] = {
@@ -195,7 +213,7 @@ PyMethodDef methods[] = {
     define<&AuthManager::start_refresh>("_start_refresh", docs::kStartRefresh),
     define<&AuthManager::refresh_loop>("_refresh_loop", docs::kRefreshLoop),
     define<&AuthManager::do_refresh>("_do_refresh", docs::kDoRefresh),
-    define<&AuthManager::get_token>("get_token", docs::kGetToken),
+    {"get_token", get_token, METH_NOARGS, docs::kGetToken},
     define<kPollForReauth, poll_for_reauth>("_poll_for_reauth", docs::kPollForReauth),
     define<&AuthManager::get_wallet_secret>("get_wallet_secret", docs::kGetWalletSecret),
     define<&AuthManager::get_wallet_address>("get_wallet_address", docs::kGetWalletAddress),

@@ -4,8 +4,8 @@
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/steps/token_payload.hpp"
-#include "tessaline/auth/transport/default_transport.hpp"
 #include "tessaline/auth/steps/validation.hpp"
+#include "tessaline/auth/transport/default_transport.hpp"
 
 namespace tessaline::auth::binding {
 namespace {
@@ -21,7 +21,10 @@ PyObject* or_none(PyObject* argument) {
 /// The entry from the host for a function with this signature and body.
 template <const Signature& kSignature, Ref (*kBody)(const Bound&)>
 PyObject* entry(PyObject*, PyObject* const* arguments, Py_ssize_t count, PyObject* keyword_names) {
-  return python::boundary([&] { return kBody(kSignature.bind(arguments, count, keyword_names)); });
+  return python::boundary([&] {
+    python::require_stack();
+    return kBody(kSignature.bind(arguments, count, keyword_names));
+  });
 }
 
 template <const Signature& kSignature, Ref (*kBody)(const Bound&)>

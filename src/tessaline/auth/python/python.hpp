@@ -15,4 +15,5 @@
 #include "tessaline/auth/python/ref.hpp"
 #include "tessaline/auth/python/scoped_lock.hpp"
 #include "tessaline/auth/python/signature.hpp"
+#include "tessaline/auth/python/stack.hpp"
 #include "tessaline/auth/python/value.hpp"
