@@ -3,6 +3,7 @@
 #include "tessaline/auth/python/call.hpp"
 #include "tessaline/auth/python/caught.hpp"
 #include "tessaline/auth/python/error.hpp"
+#include "tessaline/auth/python/import.hpp"
 #include "tessaline/auth/python/insist.hpp"
 #include "tessaline/auth/python/plain_lock.hpp"
 #include "tessaline/auth/python/scoped_lock.hpp"

@@ -4,7 +4,7 @@
 
 namespace tessaline::auth::python {
 
-/// A name known to the host, interned on first use and kept until the process ends.
+/// A name known to the host, interned on first use and kept until the process ends. Always a global.
 class Name {
  public:
   explicit constexpr Name(const char* text) noexcept : text_(text) {}
@@ -17,9 +17,13 @@ class Name {
 
   const char* text() const noexcept { return text_; }
 
+  /// Gives back every name interned so far.
+  static void forget_all() noexcept;
+
  private:
   const char* text_;
   mutable PyObject* object_ = nullptr;
+  mutable const Name* before_ = nullptr;  ///< the name interned before this one
 };
 
 }  // namespace tessaline::auth::python

@@ -9,6 +9,7 @@
 #include "tessaline/auth/python/event.hpp"
 #include "tessaline/auth/python/gil.hpp"
 #include "tessaline/auth/python/globals.hpp"
+#include "tessaline/auth/python/import.hpp"
 #include "tessaline/auth/python/insist.hpp"
 #include "tessaline/auth/python/name.hpp"
 #include "tessaline/auth/python/note.hpp"
