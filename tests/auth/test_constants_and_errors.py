@@ -217,7 +217,7 @@ def test_profile_error_needs_a_reason() -> None:
 @pytest.mark.parametrize("name", ERRORS)
 def test_error_takes_weak_references_as_an_error_of_python_code_does(name: str) -> None:
     class Other(Exception):
-        pass
+        own: object
 
     error = getattr(auth, name)("r")
     error.own = error

@@ -3,6 +3,7 @@
 #include <cstddef>
 
 #include "tessaline/auth/binding/manager_docs.hpp"
+#include "tessaline/auth/binding/unclosed.hpp"
 #include "tessaline/auth/errors/advice.hpp"
 #include "tessaline/auth/manager/manager.hpp"
 #include "tessaline/auth/manager/process_generation.hpp"
@@ -40,6 +41,7 @@ int initialise(PyObject* self, PyObject* arguments, PyObject* keywords) {
     manager_of(self).construct(given[0], given[1], or_none(given[2]),
                                given[3] == nullptr ? Py_True : given[3], or_none(given[4]),
                                or_none(given[5]));
+    watch_for_unclosed_managers();
   });
 }
 
@@ -277,12 +279,19 @@ PyType_Spec spec = {
     slots,
 };
 
+PyTypeObject* manager_type = nullptr;
+
 }  // namespace
+
+bool is_manager(PyObject* object) noexcept {
+  return PyObject_TypeCheck(object, manager_type);
+}
 
 void add_manager_type(PyObject* module) {
   const Ref type = python::checked(PyType_FromModuleAndSpec(module, &spec, nullptr));
   python::checked(PyModule_AddType(module, reinterpret_cast<PyTypeObject*>(type.get())));
-  know_host(reinterpret_cast<PyTypeObject*>(type.get()));
+  manager_type = reinterpret_cast<PyTypeObject*>(Py_NewRef(type.get()));
+  know_host(manager_type);
 }
 
 }  // namespace tessaline::auth::binding
