@@ -24,14 +24,13 @@ def told_by(scenario: str, stack: int, limit: int | None = None) -> tuple[str, s
     """What came of it in a process of its own, whose main thread has a stack of at most `limit` bytes."""
 
     def set_limit() -> None:
-        if limit is not None:
-            resource.setrlimit(resource.RLIMIT_STACK, (limit, resource.getrlimit(resource.RLIMIT_STACK)[1]))
+        resource.setrlimit(resource.RLIMIT_STACK, (limit, resource.getrlimit(resource.RLIMIT_STACK)[1]))
 
     done = subprocess.run(
         [sys.executable, "-m", "tests.process.recursion", scenario, str(stack)],
         stdin=subprocess.DEVNULL,
         capture_output=True,
-        preexec_fn=set_limit,
+        preexec_fn=None if limit is None else set_limit,
         text=True,
         timeout=patience(60.0),
     )
