@@ -151,6 +151,14 @@ def test_a_wait_too_long_for_a_number_of_the_clock_ends_by_the_close_event(
     assert len(fake_time.sleeps) == 3
 
 
+def test_a_wait_that_is_over_by_more_than_a_number_of_the_clock_is_none(
+    manager: Any, fake_time: FakeTime, clock: SteppedClock
+) -> None:
+    clock.now = float(clock.now)
+    manager._wait_with_clock(-(10**400))
+    assert fake_time.sleeps == []
+
+
 def test_a_clock_that_never_moves_ends_a_wait_of_60_after_1_to_1_05_seconds(
     manager: Any, fake_time: FakeTime
 ) -> None:

@@ -2,9 +2,12 @@
 
 from __future__ import annotations
 
+import gc
 import itertools
 import re
+import sys
 import threading
+import weakref
 from typing import Any
 
 import pytest
@@ -209,6 +212,34 @@ def test_profile_error_needs_a_reason() -> None:
         auth.ProfileError(message="m")  # type: ignore[call-arg]
     with pytest.raises(TypeError):
         auth.ProfileError("a", "b")  # type: ignore[call-arg]
+
+
+@pytest.mark.parametrize("name", ERRORS)
+def test_error_takes_weak_references_as_an_error_of_python_code_does(name: str) -> None:
+    class Other(Exception):
+        own: object
+
+    error = getattr(auth, name)("r")
+    error.own = error
+    gone: list[object] = []
+    seen = weakref.ref(error, gone.append)
+    assert seen() is error
+    plain = Other("r")
+    plain.own = plain
+    assert gc.is_tracked(error)
+    assert sys.getsizeof(error) == sys.getsizeof(plain)
+    del error
+    gc.collect()
+    assert (seen(), gone) == (None, [seen])
+
+
+@pytest.mark.parametrize("name", ERRORS)
+def test_subclass_beside_another_error_takes_weak_references(name: str) -> None:
+    class Both(getattr(auth, name), OSError):  # type: ignore[misc]
+        pass
+
+    error = Both("r")
+    assert weakref.ref(error)() is error
 
 
 @pytest.mark.parametrize("name", ERRORS)

@@ -183,6 +183,66 @@ def test_an_import_that_fails_can_be_made_good() -> None:
     assert told == ["tessaline.logging_style", False, "r"]
 
 
+# What keeps an import from being completed, early or late.
+BREAKAGES = {
+    "a module": "import sys; sys.modules['tessaline.logging_style'] = None",
+    "the hook": "from tessaline import logging_style as style; del style.log_library_surface_event",
+    "events": "import threading; del threading.Event",
+    "patterns": "import re; del re.compile",
+}
+FAILURES = {
+    "a module": "ModuleNotFoundError",
+    "the hook": "ImportError",
+    "events": "AttributeError",
+    "patterns": "AttributeError",
+}
+
+
+@pytest.mark.parametrize("module", ["auth", "_native"])
+@pytest.mark.parametrize("breakage", BREAKAGES)
+@pytest.mark.parametrize("kind", OTHERS)
+def test_an_import_that_fails_leaves_the_module_to_another_interpreter(
+    kind: str, breakage: str, module: str
+) -> None:
+    then = f"""
+        BROKEN = CODE.replace("try:", "try:\\n    " + {BREAKAGES[breakage]!r})
+        BROKEN = BROKEN.replace("import tessaline.auth", "import tessaline.{module}")
+        told += [told_by(BROKEN)[0], told_by(BROKEN)[0]]
+        from tessaline import _native, auth
+        try:
+            auth._validate_private_key("")
+        except auth.InvalidKeyError as error:
+            told.append(str(error))
+        told += [told_by(CODE), told_by(CODE.replace("tessaline.auth", "tessaline._native"))]
+        manager = auth.AuthManager("11" * 32, "http://127.0.0.1:1")
+        manager.close()
+        told.append(manager._close_event.is_set())
+    """
+    refused = ["ImportError", OTHER_INTERPRETER]
+    failure = FAILURES[breakage]
+    rest = ["Private key must not be empty", refused, refused, True]
+    assert told_in_another(kind, after=then) == [failure, failure, *rest]
+
+
+def test_a_hook_that_is_missing_is_told_in_the_words_of_the_import_statement() -> None:
+    ours, own = run("""
+        from tessaline import logging_style
+        del logging_style.log_library_surface_event
+        def told_by(statement):
+            try:
+                exec(statement)
+            except ImportError as error:
+                return [str(error), error.name, error.path, error.name_from]
+        print(json.dumps([
+            told_by("import tessaline.auth"),
+            told_by("from tessaline.logging_style import log_library_surface_event"),
+        ]))
+    """)
+    assert ours == own
+    words = "cannot import name 'log_library_surface_event' from 'tessaline.logging_style' ("
+    assert ours[0].startswith(words)
+
+
 def test_the_import_starts_no_thread_and_opens_nothing() -> None:
     before, after = run("""
         import base64, json, os, random, re, threading, time

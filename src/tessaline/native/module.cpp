@@ -35,8 +35,22 @@ PyMethodDef functions[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
+bool executed = false;
+
+/// Leaves no name of an interpreter in which the module could not be executed: the next one may be another's.
+class Execution {
+ public:
+  Execution() = default;
+  ~Execution() {
+    if (!executed) python::forget_host();
+  }
+  Execution(const Execution&) = delete;
+  Execution& operator=(const Execution&) = delete;
+};
+
 int execute(PyObject* module) {
   return python::status_boundary([module] {
+    const Execution here;
     // Its import refuses a second interpreter, whose types these would be as well; and names
     // are looked up there.
     python::keep_module(python::import(kAuth).get());
@@ -47,6 +61,7 @@ int execute(PyObject* module) {
     add_token_copy_type(module);
     add_serving_type(module);
     add_transport_type(module);
+    executed = true;
   });
 }
 

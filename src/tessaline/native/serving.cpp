@@ -37,6 +37,7 @@ PyObject* get_token(PyObject* self, PyObject* const* arguments, Py_ssize_t count
     python::Bound given{};
     if (count != 0 || keyword_names != nullptr) given = kParameters.bind(arguments, count, keyword_names);
     if (Ref token = good_token(self)) return token;
+    python::require_stack();
     const Ref timeout = given[0] == nullptr ? python::number(kDefaultTimeout) : Ref::borrow(given[0]);
     return python::call_method(self, kWaitForToken, {timeout.get()});
   });

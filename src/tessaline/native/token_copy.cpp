@@ -137,6 +137,7 @@ bool TokenCopy::is_of_the_era() const noexcept {
 Ref TokenCopy::good_token() const {
   if (token == nullptr) return {};
   if (surely_before(clock, expiry)) return is_of_the_era() ? Ref::borrow(token) : Ref();
+  python::require_stack();
   const Ref kept = Ref::borrow(token);
   const Ref now = python::call(clock);
   const double instant = python::double_value(now.get());

@@ -48,7 +48,8 @@ Ref make_type(PyObject* module, const char* name, const char* doc, initproc init
       {initialise != nullptr ? Py_tp_init : 0, reinterpret_cast<void*>(initialise)},
       {0, nullptr},
   };
-  PyType_Spec spec{name, 0, 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE, slots};
+  // Collected, with a `__dict__` and weak references, as the errors of Python code are.
+  PyType_Spec spec{name, 0, 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_MANAGED_WEAKREF, slots};
   Ref bases = python::checked(PyTuple_Pack(1, PyExc_Exception));
   return python::checked(PyType_FromModuleAndSpec(module, &spec, bases.get()));
 }

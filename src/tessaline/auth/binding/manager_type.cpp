@@ -3,6 +3,7 @@
 #include <cstddef>
 
 #include "tessaline/auth/binding/manager_docs.hpp"
+#include "tessaline/auth/binding/unclosed.hpp"
 #include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/manager/manager.hpp"
 #include "tessaline/auth/manager/process_generation.hpp"
@@ -35,10 +36,12 @@ constexpr Parameters kInitParameters("AuthManager.__init__",
 
 int initialise(PyObject* self, PyObject* arguments, PyObject* keywords) {
   return python::status_boundary([&] {
+    python::require_stack();
     const Bound given = kInitParameters.bind(arguments, keywords);
     manager_of(self).construct(given[0], given[1], or_none(given[2]),
                                given[3] == nullptr ? Py_True : given[3], or_none(given[4]),
                                or_none(given[5]));
+    watch_for_unclosed_managers();
   });
 }
 
@@ -74,7 +77,15 @@ AuthManager& present(PyObject* self) {
 /// The entry from the host for a method without arguments.
 template <Ref (AuthManager::*kMethod)()>
 PyObject* plain(PyObject* self, PyObject*) {
-  return python::boundary([self] { return (present(self).*kMethod)(); });
+  return python::boundary([self] {
+    python::require_stack();
+    return (present(self).*kMethod)();
+  });
+}
+
+/// Looks at the stack itself, where one look at the fields does not do.
+PyObject* get_token(PyObject* self, PyObject*) {
+  return python::boundary([self] { return present(self).get_token(); });
 }
 
 template <Ref (AuthManager::*kMethod)()>
@@ -86,6 +97,7 @@ constexpr PyMethodDef define(const char* name, const char* doc) {
 template <const Parameters& kParameters, Ref (*kBody)(PyObject*, const Bound&)>
 PyObject* bound(PyObject* self, PyObject* const* arguments, Py_ssize_t count, PyObject* keyword_names) {
   return python::boundary([&] {
+    python::require_stack();
     const Bound given = kParameters.bind(arguments, count, keyword_names);
     present(self);
     return kBody(self, given);
@@ -170,7 +182,10 @@ PyObject* refuse_reduction(PyObject*, PyObject*) {
 }
 
 PyObject* represent(PyObject* self) {
-  return python::boundary([self] { return manager_of(self).represent(); });
+  return python::boundary([self] {
+    python::require_stack();
+    return manager_of(self).represent();
+  });
 }
 
 PyMethodDef methods[] = {
@@ -189,7 +204,7 @@ PyMethodDef methods[] = {
     define<&AuthManager::start_refresh>("_start_refresh", docs::kStartRefresh),
     define<&AuthManager::refresh_loop>("_refresh_loop", docs::kRefreshLoop),
     define<&AuthManager::do_refresh>("_do_refresh", docs::kDoRefresh),
-    define<&AuthManager::get_token>("get_token", docs::kGetToken),
+    {"get_token", get_token, METH_NOARGS, docs::kGetToken},
     define<kPollForReauth, poll_for_reauth>("_poll_for_reauth", docs::kPollForReauth),
     define<&AuthManager::get_wallet_secret>("get_wallet_secret", docs::kGetWalletSecret),
     define<&AuthManager::get_wallet_address>("get_wallet_address", docs::kGetWalletAddress),
@@ -253,12 +268,19 @@ PyType_Spec spec = {
     slots,
 };
 
+PyTypeObject* manager_type = nullptr;
+
 }  // namespace
+
+bool is_manager(PyObject* object) noexcept {
+  return PyObject_TypeCheck(object, manager_type);
+}
 
 void add_manager_type(PyObject* module) {
   const Ref type = python::checked(PyType_FromModuleAndSpec(module, &spec, nullptr));
   python::checked(PyModule_AddType(module, reinterpret_cast<PyTypeObject*>(type.get())));
-  know_host(reinterpret_cast<PyTypeObject*>(type.get()));
+  manager_type = reinterpret_cast<PyTypeObject*>(Py_NewRef(type.get()));
+  know_host(manager_type);
 }
 
 }  // namespace tessaline::auth::binding

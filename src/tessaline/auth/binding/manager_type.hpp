@@ -7,4 +7,7 @@ namespace tessaline::auth::binding {
 /// Creates the class `AuthManager` and puts it into the module's namespace.
 void add_manager_type(PyObject* module);
 
+/// Whether it is an instance of that type or of a subclass.
+bool is_manager(PyObject* object) noexcept;
+
 }  // namespace tessaline::auth::binding

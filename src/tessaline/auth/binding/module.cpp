@@ -35,7 +35,7 @@ void refuse_other_interpreters() {
   std::int64_t expected = kNoInterpreter;
   const std::int64_t here = PyInterpreterState_GetID(PyInterpreterState_Get());
   if (!home.compare_exchange_strong(expected, here) && expected != here) {
-    python::raise(
+    python::raise_apart(
         PyExc_ImportError,
         "Interpreter change detected - this module can only be loaded into one interpreter per process.",
         notes::kOneInterpreter);
@@ -46,6 +46,19 @@ void refuse_other_interpreters() {
                   notes::kOneImport);
   }
 }
+
+/// One attempt to execute the module. Where it fails, the component belongs to no interpreter yet.
+class Execution {
+ public:
+  Execution() { refuse_other_interpreters(); }
+  ~Execution() {
+    if (executed) return;
+    python::forget_host();
+    home = kNoInterpreter;
+  }
+  Execution(const Execution&) = delete;
+  Execution& operator=(const Execution&) = delete;
+};
 
 void import_as(const python::Name& module, const python::Name& name) {
   python::set_global(name, python::import(module).get());
@@ -58,13 +71,13 @@ void import_host_modules() {
   import_as(kRe, kRe);
   import_as(names::threading, names::threading);
   import_as(kTime, names::time_module);
-  const Ref hook = python::attribute(python::import(kLoggingStyle).get(), names::log_library_surface_event);
+  const Ref hook = python::import_from(kLoggingStyle, names::log_library_surface_event);
   python::set_global(names::log_library_surface_event, hook.get());
 }
 
 int execute(PyObject* module) {
   return python::status_boundary([module] {
-    refuse_other_interpreters();
+    const Execution here;
     python::keep_module(module);
     import_host_modules();
     watch_forks();

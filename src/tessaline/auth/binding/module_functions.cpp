@@ -21,7 +21,10 @@ PyObject* or_none(PyObject* argument) {
 /// The entry from the host for a function with these parameters and this body.
 template <const Parameters& kParameters, Ref (*kBody)(const Bound&)>
 PyObject* entry(PyObject*, PyObject* const* arguments, Py_ssize_t count, PyObject* keyword_names) {
-  return python::boundary([&] { return kBody(kParameters.bind(arguments, count, keyword_names)); });
+  return python::boundary([&] {
+    python::require_stack();
+    return kBody(kParameters.bind(arguments, count, keyword_names));
+  });
 }
 
 template <const Parameters& kParameters, Ref (*kBody)(const Bound&)>

@@ -85,7 +85,7 @@ void AuthManager::mark_closed(const HeldLock& held) noexcept {
 Ref AuthManager::close() {
   // A signal handler or a finalizer that ran under the lock; done as soon as it is free.
   if (holds_lock(*this)) {
-    lock.close_deferred = state_of(value_of(Field::kState).get()) != State::kClosed;
+    lock.close_deferred = !is_closed();
     return Ref::none();
   }
   if (enter_closed(*this)) complete_close();

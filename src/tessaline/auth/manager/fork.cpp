@@ -75,7 +75,7 @@ void AuthManager::settle_in_child() {
   refresh_waiters = {};
   threads.clear();
   // The thread that was closing it may not have come to the key, and is not here to go on.
-  if (state_of(value_of(Field::kState).get()) == State::kClosed) return complete_close();
+  if (is_closed()) return complete_close();
   leave_running_attempt(*this);
   resume_renewal(*this);
 }

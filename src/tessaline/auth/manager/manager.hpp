@@ -20,6 +20,8 @@ namespace tessaline::auth {
 
 class HeldLock;
 
+State state_of(PyObject* text);
+
 /// What belongs to `_lock`. `HeldLock` is the way to it.
 struct LockState {
   unsigned long owner;  ///< the line of execution that holds it through `HeldLock`, or 0
@@ -175,6 +177,9 @@ struct AuthManager {
   void clear_event(FreeField event);
   bool event_is_set(FreeField event) const;
 
+  /// At one look, which an answer given without `_lock` may be.
+  bool is_closed() const { return state_of(value_of(Field::kState).get()) == State::kClosed; }
+
   /// Any field, for `HeldLock`, and where the interpreter's lock is enough.
   Ref value_of(Field field) const;
   PyObject*& at(Field field) noexcept { return fields[static_cast<std::size_t>(field)]; }
@@ -198,7 +203,6 @@ void know_host(PyTypeObject* manager_type);
 bool has_own_poll(PyObject* manager);
 
 PyObject* state_text(State state) noexcept;
-State state_of(PyObject* text);
 PyObject* proactive_mode() noexcept;
 PyObject* era_change_mode() noexcept;
 

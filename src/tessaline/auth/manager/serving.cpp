@@ -245,6 +245,7 @@ void AuthManager::raise_if_permanent_error(const HeldLock& held) const {
 
 Ref AuthManager::get_token() {
   if (Ref token = token_if_healthy()) return token;
+  python::require_stack();
   return Serving(*this).run();
 }
 

@@ -127,9 +127,4 @@ Ref next(PyObject* iterator_object) {
   return Ref::steal(element);
 }
 
-Ref import(const Name& name) {
-  PyObject* const name_object = name.object();
-  return checked(door([=] { return PyImport_Import(name_object); }));
-}
-
 }  // namespace tessaline::auth::python

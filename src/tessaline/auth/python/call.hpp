@@ -50,7 +50,4 @@ Ref iterator(PyObject* iterable);
 /// The next element, or an empty reference at the end.
 Ref next(PyObject* iterator);
 
-/// The module of that name, imported when it is not yet loaded.
-Ref import(const Name& name);
-
 }  // namespace tessaline::auth::python

@@ -52,6 +52,10 @@ void raise_bare(Error error) {
   throw std::move(error);
 }
 
+void warn_of_resource(PyObject* resource, PyObject* text) {
+  checked(door([=] { return PyErr_ResourceWarning(resource, 1, "%U", text); }));
+}
+
 Ref traceback_of(PyObject* exception) {
   PyObject* const traceback =
       PyExceptionInstance_Check(exception) ? PyException_GetTraceback(exception) : nullptr;

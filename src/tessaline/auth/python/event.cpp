@@ -3,6 +3,8 @@
 #include "tessaline/auth/python/call.hpp"
 #include "tessaline/auth/python/caught.hpp"
 #include "tessaline/auth/python/error.hpp"
+#include "tessaline/auth/python/import.hpp"
+#include "tessaline/auth/python/plain_lock.hpp"
 #include "tessaline/auth/python/scoped_lock.hpp"
 #include "tessaline/auth/python/until_done.hpp"
 #include "tessaline/auth/python/value.hpp"
@@ -25,32 +27,51 @@ constinit const Name kAcquire{"acquire"};
 constinit const Name kRelease{"release"};
 constinit const Name kWait{"wait"};
 constinit const Name kTimeout{"timeout"};
-constinit const Name kNewLock{"Lock"};
 
-/// The host's own type and functions, kept until the process ends.
+/// The host's own type and functions, kept until the process ends; null for what another library had put in
+/// the place of a function before our import (gevent: a type of its own, in C).
 PyObject* own_type = nullptr;
 PyObject* own_set = nullptr;
 PyObject* own_clear = nullptr;
 PyObject* own_wait = nullptr;
-PyObject* new_lock = nullptr;
 
-/// The event's own method of that name; nothing where it is the host's. What another library had put in the
-/// host's place before our import (gevent: a type of its own, in C) is not looked into either.
-Ref foreign_method(PyObject* event, const Name& name, PyObject* own_function) {
+/// What a plain event consists of.
+struct Inside {
+  Ref new_lock;
+  Ref lock;
+  Ref waiters;
+};
+
+/// Empty where locks are not the interpreter's own: those in the event, or those that are made now (eventlet
+/// replaces both and leaves the type of events as it is).
+std::optional<Inside> inside_of(PyObject* event) {
+  Ref new_lock = plain_lock_maker();
+  if (!new_lock) return std::nullopt;
+  const Ref condition = attribute(event, kCondition);
+  Ref lock = attribute(condition.get(), kLock);
+  if (!is_plain_lock(lock.get())) return std::nullopt;
+  return Inside{std::move(new_lock), std::move(lock), attribute(condition.get(), kWaiters)};
+}
+
+/// How to do what a method of the event does: within it, or by calling the method.
+struct Way {
+  std::optional<Inside> inside;
   Ref method;
-  std::optional<Error> failure = caught([&] { method = attribute(event, name); });
-  const bool is_known = PyFunction_Check(own_function);
-  if (!failure) {
+};
+
+Way way_to(PyObject* event, const Name& name, PyObject* own_function) {
+  Way way;
+  std::optional<Error> failure = caught([&] { way.method = attribute(event, name); });
+  if (own_function != nullptr) {
+    // A bound method needs memory; what is done without one does not.
     const bool own =
-        is_known && PyMethod_Check(method.get()) && PyMethod_GET_FUNCTION(method.get()) == own_function;
-    return own ? Ref() : std::move(method);
+        failure ? failure->matches(PyExc_MemoryError) &&
+                      Py_IS_TYPE(event, reinterpret_cast<PyTypeObject*>(own_type))
+                : PyMethod_Check(way.method.get()) && PyMethod_GET_FUNCTION(way.method.get()) == own_function;
+    if (own) way.inside = inside_of(event);
   }
-  // A bound method needs memory; what is done without one does not.
-  if (is_known && failure->matches(PyExc_MemoryError) &&
-      Py_IS_TYPE(event, reinterpret_cast<PyTypeObject*>(own_type))) {
-    return {};
-  }
-  throw std::move(*failure);
+  if (failure && !way.inside) throw std::move(*failure);
+  return way;
 }
 
 /// What `Condition.notify_all` does, in calls that run no bytecode: a signal handler that ran under the
@@ -66,20 +87,24 @@ void release_all(PyObject* waiters) {
   }
 }
 
-void set_flag(PyObject* event, PyObject* value) {
-  const Ref condition = attribute(event, kCondition);
-  const Ref waiters = attribute(condition.get(), kWaiters);
-  const ScopedLock lock(attribute(condition.get(), kLock));
+void set_flag(PyObject* event, Inside inside, PyObject* value) {
+  const ScopedLock lock(std::move(inside.lock));
   set_attribute(event, kFlag, value);
-  if (value == Py_True) release_all(waiters.get());
+  if (value == Py_True) release_all(inside.waiters.get());
 }
 
 void change(PyObject* event, const Name& name, PyObject* own_function, PyObject* value) {
-  if (const Ref method = foreign_method(event, name, own_function)) {
-    call(method.get());
-  } else {
-    set_flag(event, value);
-  }
+  Way way = way_to(event, name, own_function);
+  if (way.inside) return set_flag(event, std::move(*way.inside), value);
+  call(way.method.get());
+}
+
+/// The type's function of that name, where it is one that `threading` itself defines.
+PyObject* function_of(PyObject* threading, PyObject* type, const Name& name) {
+  Ref function = attribute(type, name);
+  const bool own = PyFunction_Check(function.get()) &&
+                   PyFunction_GET_GLOBALS(function.get()) == PyModule_GetDict(threading);
+  return own ? function.release() : nullptr;
 }
 
 void give_up(PyObject* waiters, PyObject* lock, PyObject* waiter) {
@@ -90,11 +115,9 @@ void give_up(PyObject* waiters, PyObject* lock, PyObject* waiter) {
 }
 
 /// What `Event.wait` does, in calls that run no bytecode under the inner lock. `timeout` may be null.
-bool wait_for_flag(PyObject* event, PyObject* timeout) {
-  const Ref condition = attribute(event, kCondition);
-  const Ref waiters = attribute(condition.get(), kWaiters);
-  const Ref lock = attribute(condition.get(), kLock);
-  const Ref waiter = call(new_lock);
+bool wait_for_flag(PyObject* event, const Inside& inside, PyObject* timeout) {
+  const auto& [new_lock, lock, waiters] = inside;
+  const Ref waiter = call(new_lock.get());
   call_method(waiter.get(), kAcquire);
   {
     const ScopedLock held(Ref::borrow(lock.get()));
@@ -116,11 +139,11 @@ bool wait_for_flag(PyObject* event, PyObject* timeout) {
 
 void know_host_events() {
   const Ref threading = import(kThreading);
+  know_lock_maker(threading.get());
   Ref type = attribute(threading.get(), kEvent);
-  own_set = attribute(type.get(), kSet).release();
-  own_clear = attribute(type.get(), kClear).release();
-  own_wait = attribute(type.get(), kWait).release();
-  new_lock = attribute(threading.get(), kNewLock).release();
+  own_set = function_of(threading.get(), type.get(), kSet);
+  own_clear = function_of(threading.get(), type.get(), kClear);
+  own_wait = function_of(threading.get(), type.get(), kWait);
   own_type = type.release();
   for (const Name* name : {&kCondition, &kLock, &kFlag, &kWaiters, &kPopLeft, &kRelease}) name->object();
 }
@@ -134,19 +157,19 @@ void clear_event(PyObject* event) {
 }
 
 void wait_event(PyObject* event) {
-  if (const Ref method = foreign_method(event, kWait, own_wait)) {
-    call(method.get());
+  const Way way = way_to(event, kWait, own_wait);
+  if (way.inside) {
+    wait_for_flag(event, *way.inside, nullptr);
   } else {
-    wait_for_flag(event, nullptr);
+    call(way.method.get());
   }
 }
 
 bool wait_event(PyObject* event, double seconds) {
   const Ref timeout = number(seconds);
-  if (const Ref method = foreign_method(event, kWait, own_wait)) {
-    return truthy(call(method.get(), {}, {{kTimeout, timeout.get()}}).get());
-  }
-  return wait_for_flag(event, timeout.get());
+  const Way way = way_to(event, kWait, own_wait);
+  if (way.inside) return wait_for_flag(event, *way.inside, timeout.get());
+  return truthy(call(way.method.get(), {}, {{kTimeout, timeout.get()}}).get());
 }
 
 }  // namespace tessaline::auth::python

@@ -1,18 +1,27 @@
 #include "tessaline/auth/python/globals.hpp"
 
+#include <utility>
+
 #include "tessaline/auth/python/error.hpp"
 #include "tessaline/auth/python/value.hpp"
 
 namespace tessaline::auth::python {
 namespace {
 
+PyObject* kept_module = nullptr;
 PyObject* kept_namespace = nullptr;
 
 }  // namespace
 
 void keep_module(PyObject* module) noexcept {
-  Py_INCREF(module);
+  kept_module = Py_NewRef(module);
   kept_namespace = PyModule_GetDict(module);
+}
+
+void forget_host() noexcept {
+  kept_namespace = nullptr;
+  drop(std::exchange(kept_module, nullptr));
+  Name::forget_all();
 }
 
 PyObject* module_namespace() noexcept {

@@ -11,6 +11,10 @@ namespace tessaline::auth::python {
 /// process ends, because daemon threads may still be inside it.
 void keep_module(PyObject* module) noexcept;
 
+/// Gives back the module and every name: what is executed after a failure may be another interpreter's
+/// module.
+void forget_host() noexcept;
+
 /// The dict of that namespace, borrowed.
 PyObject* module_namespace() noexcept;
 

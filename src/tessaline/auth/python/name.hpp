@@ -4,7 +4,8 @@
 
 namespace tessaline::auth::python {
 
-/// A name known to Python, interned on first use and kept until the process ends.
+/// A name known to Python, interned on first use and kept until the process ends, or the module could not be imported. Always a
+/// global.
 class Name {
  public:
   explicit constexpr Name(const char* text) noexcept : text_(text) {}
@@ -17,9 +18,13 @@ class Name {
 
   const char* text() const noexcept { return text_; }
 
+  /// Gives back every name interned so far.
+  static void forget_all() noexcept;
+
  private:
   const char* text_;
   mutable PyObject* object_ = nullptr;
+  mutable const Name* before_ = nullptr;  ///< the name interned before this one
 };
 
 }  // namespace tessaline::auth::python

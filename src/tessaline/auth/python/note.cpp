@@ -56,6 +56,17 @@ void raise(PyObject* type, const char* message, std::string_view note) {
   raise(error.get());
 }
 
+void raise_apart(PyObject* type, const char* message, std::string_view note) {
+  const Ref error = call(type, {text(message).get()});
+  PyObject* const object = error.get();
+  attempt([=] {
+    const Ref made = text(note);
+    PyObject* const value = made.get();
+    checked(door([=] { return PyObject_CallMethod(object, "add_note", "O", value); }));
+  });
+  raise(object);
+}
+
 bool tells_of_misuse(const Error& error) noexcept {
   return error.matches(PyExc_TypeError) || error.matches(PyExc_ValueError) ||
          error.matches(PyExc_LookupError) || error.matches(PyExc_AttributeError);

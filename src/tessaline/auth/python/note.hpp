@@ -43,6 +43,9 @@ Error noted(Error error, std::string_view note);
 /// Raises a new `type(message)` with the note.
 [[noreturn]] void raise(PyObject* type, const char* message, std::string_view note);
 
+/// The same in an interpreter that is not the module's own: leaves no name of its behind.
+[[noreturn]] void raise_apart(PyObject* type, const char* message, std::string_view note);
+
 /// Whether it tells of a value of the wrong kind or shape.
 bool tells_of_misuse(const Error& error) noexcept;
 

@@ -1,10 +1,9 @@
 #include "tessaline/auth/python/scoped_lock.hpp"
 
-#include <string_view>
-
 #include "tessaline/auth/python/call.hpp"
 #include "tessaline/auth/python/caught.hpp"
 #include "tessaline/auth/python/park.hpp"
+#include "tessaline/auth/python/plain_lock.hpp"
 
 namespace tessaline::auth::python {
 namespace {
@@ -12,12 +11,6 @@ namespace {
 constinit const Name kEnter{"__enter__"};
 constinit const Name kExit{"__exit__"};
 constinit const Name kRelease{"release"};
-
-/// Python's plain lock is released by the method that needs no memory: a lock must not stay locked for want
-/// of it.
-bool is_plain_lock(PyObject* lock) {
-  return std::string_view(Py_TYPE(lock)->tp_name) == "_thread.lock";
-}
 
 }  // namespace
 
@@ -29,6 +22,7 @@ ScopedLock::ScopedLock(Ref lock) : lock_(std::move(lock)) {
 
 ScopedLock::~ScopedLock() {
   std::optional<Error> failure = caught([this] {
+    // The method that needs no memory: a lock must not stay locked for want of it.
     if (is_plain_lock(lock_.get())) {
       call_method(lock_.get(), kRelease);
     } else {

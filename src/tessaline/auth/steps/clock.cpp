@@ -25,13 +25,14 @@ double monotonic(PyObject* time_module) {
   return python::double_value(python::call_method(time_module, names::monotonic).get());
 }
 
-/// A delay too large for a float, such as a server may ask for, never ends by itself.
+/// A delay too large for a float, such as a server may ask for, never ends by itself; below zero it is over.
 Ref deadline_after(PyObject* start, PyObject* seconds) {
   Ref deadline;
   std::optional<python::Error> failure = python::caught([&] { deadline = python::add(start, seconds); });
   if (!failure) return deadline;
   if (!failure->matches(PyExc_OverflowError)) raise_of_reading(std::move(*failure), start);
-  return python::number(std::numeric_limits<double>::infinity());
+  constexpr double kNever = std::numeric_limits<double>::infinity();
+  return python::number(python::less(seconds, python::integer(0).get()) ? -kNever : kNever);
 }
 
 bool is_before(PyObject* reading, PyObject* deadline) {

@@ -1,0 +1,84 @@
+#include "tessaline/auth/python/stack.hpp"
+
+#include <Python.h>
+#include <pthread.h>
+#ifndef __GLIBC__
+#include <sys/resource.h>
+#include <unistd.h>
+#endif
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+
+#include "tessaline/auth/python/error.hpp"
+
+namespace tessaline::auth::python {
+namespace {
+
+/// Enough for a TLS handshake, a log handler and the unwinding of an exception at once.
+constexpr std::uintptr_t kMostMargin = std::uintptr_t{256} * 1024;
+
+/// The main thread's may have no limit, which memory would set then.
+constexpr std::uintptr_t kMostStack = std::uintptr_t{64} * 1024 * 1024;
+
+/// The end of a stack at which no entry begins.
+struct Margin {
+  std::uintptr_t low;
+  std::uintptr_t size;
+
+  // An address below `low` is far above it as an unsigned number.
+  bool holds(std::uintptr_t address) const noexcept { return address - low < size; }
+};
+
+constexpr Margin kNotLearned{0, std::numeric_limits<std::uintptr_t>::max()};
+constexpr Margin kUnknown{0, 0};
+
+/// Of the OS thread's own stack. Green threads run on it too, or on stacks of their own, which pass.
+constinit thread_local Margin margin = kNotLearned;
+
+Margin margin_of(std::uintptr_t low, std::uintptr_t size) noexcept {
+#ifndef __GLIBC__
+  // For the main thread musl tells what is mapped so far of a stack that grows.
+  rlimit limit{};
+  if (gettid() == getpid()) {
+    if (getrlimit(RLIMIT_STACK, &limit) != 0) return kUnknown;
+    const std::uintptr_t most = std::min<std::uintptr_t>(limit.rlim_cur, kMostStack);
+    low = low + size - most;
+    size = most;
+  }
+#endif
+  if (size > kMostStack) {
+    low += size - kMostStack;
+    size = kMostStack;
+  }
+  return {low, std::min(kMostMargin, size / 4)};
+}
+
+Margin learn() noexcept {
+  pthread_attr_t attributes;
+  if (pthread_getattr_np(pthread_self(), &attributes) != 0) return kUnknown;
+  void* low = nullptr;
+  std::size_t size = 0;
+  const bool known = pthread_attr_getstack(&attributes, &low, &size) == 0;
+  pthread_attr_destroy(&attributes);
+  return known ? margin_of(reinterpret_cast<std::uintptr_t>(low), size) : kUnknown;
+}
+
+[[noreturn]] void raise_recursion() {
+  raise(PyExc_RecursionError, "maximum recursion depth exceeded in native code");
+}
+
+}  // namespace
+
+void require_stack() {
+  const auto here = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
+  if (!margin.holds(here)) return;
+  if (margin.size == kNotLearned.size) {
+    margin = learn();
+    if (!margin.holds(here)) return;
+  }
+  raise_recursion();
+}
+
+}  // namespace tessaline::auth::python
