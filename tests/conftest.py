@@ -9,6 +9,17 @@ import pytest
 
 pytest_plugins = ["canary.plugin"]
 
+# Folders whose every test runs programs and servers, which take a while.
+OF_PROGRAMS = ("tests/examples/", "tests/integrations/")
+
+
+@pytest.hookimpl(tryfirst=True)  # before those who choose by the marks
+def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
+    for item in items:
+        if any(folder in item.path.as_posix() for folder in OF_PROGRAMS):
+            item.add_marker(pytest.mark.process)
+            item.add_marker(pytest.mark.timeout(60))
+
 
 def _errors_in(value: Any) -> Iterator[BaseException]:
     if isinstance(value, BaseException):

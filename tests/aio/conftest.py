@@ -12,7 +12,7 @@ import pytest
 import canary
 from tessaline.auth import AuthManager
 from tessaline.testing import KEY, URL, FakeService
-from tests.shared.threads import until
+from tests.shared.threads import none_left
 
 from .support import LIBRARIES
 
@@ -24,19 +24,8 @@ def library(request: pytest.FixtureRequest) -> str:
 
 @pytest.fixture(autouse=True)
 def no_thread_left() -> Iterator[None]:
-    before = set(threading.enumerate())
-    yield
     # Those of trio's cache and of a loop's default pool are theirs.
-    until(
-        lambda: (
-            not [
-                thread
-                for thread in set(threading.enumerate()) - before
-                if not thread.name.startswith(("Trio thread", "asyncio_"))
-            ]
-        ),
-        "the end of every thread",
-    )
+    yield from none_left("Trio thread", "asyncio_")
 
 
 @pytest.fixture(autouse=True)

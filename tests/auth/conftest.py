@@ -2,41 +2,28 @@
 
 from __future__ import annotations
 
-import threading
-import time
 from collections.abc import Callable, Iterator
 from typing import Any
 
 import pytest
 
-from tests.sanitized import patience
+from tests.shared.clocks import HandClock
+from tests.shared.threads import none_left
 
 from .helpers import managers as manager_helpers
-from .helpers.clocks import SteppedClock
 from .helpers.server import FakeServer
-
-THREAD_GRACE = patience(5.0)
 
 
 @pytest.fixture(autouse=True)
 def no_thread_left() -> Iterator[None]:
     """Fail the test that leaves a thread behind."""
-    before = set(threading.enumerate())
     manager_helpers.mark_baseline()
-    yield
-    limit = time.monotonic() + THREAD_GRACE
-    while True:
-        left = [thread for thread in threading.enumerate() if thread not in before and thread.is_alive()]
-        if not left:
-            return
-        if time.monotonic() > limit:
-            pytest.fail(f"threads left behind: {left!r}")
-        left[0].join(0.05)
+    yield from none_left()
 
 
 @pytest.fixture
-def clock() -> SteppedClock:
-    return SteppedClock()
+def clock() -> HandClock:
+    return HandClock(1000.0)
 
 
 @pytest.fixture
@@ -47,9 +34,7 @@ def server() -> Iterator[FakeServer]:
 
 
 @pytest.fixture
-def make_manager(
-    no_thread_left: None, server: FakeServer, clock: SteppedClock
-) -> Iterator[Callable[..., Any]]:
+def make_manager(no_thread_left: None, server: FakeServer, clock: HandClock) -> Iterator[Callable[..., Any]]:
     """Builds managers over the fake server and the stepped clock, and closes them at the end."""
     made: list[Any] = []
 

@@ -30,18 +30,6 @@ def with_values(manager: Any, state: str) -> Any:
     return manager
 
 
-@pytest.mark.parametrize(
-    ("name", "first"),
-    [
-        ("get_wallet_secret", "Return 32-byte wallet_secret (base64-decoded)."),
-        ("get_token_expiry", "Return token expiry as Unix timestamp."),
-        ("get_wallet_address", "Return lowercase 0x-prefixed 42-char wallet address."),
-    ],
-)
-def test_docstrings(name: str, first: str) -> None:
-    assert getattr(auth.AuthManager, name).__doc__.splitlines()[0] == first
-
-
 @pytest.mark.parametrize("name", GUARDED)
 def test_before_authenticate_the_guarded_accessors_are_not_authenticated(manager: Any, name: str) -> None:
     assert failure(getattr(manager, name)) == "not_authenticated"

@@ -39,17 +39,6 @@ class Listener:
         return "ignored"
 
 
-def test_docstrings() -> None:
-    assert (
-        auth._set_active_auth_manager.__doc__.splitlines()[0]
-        == "Set the process-wide AuthManager used by era-transition callbacks."
-    )
-    assert (
-        auth.notify_era_change.__doc__.splitlines()[0]
-        == "Notify the active process auth manager that the server era advanced."
-    )
-
-
 @pytest.mark.parametrize("number", [7, 0, -1, "seven", None])
 def test_before_any_registration_a_notification_does_nothing_and_the_number_is_not_checked(
     number: Any,

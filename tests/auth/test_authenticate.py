@@ -9,9 +9,9 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker, join, until, waiters
 
-from .helpers.clocks import SteppedClock
 from .helpers.managers import (
     ADDRESS,
     KEY,
@@ -42,11 +42,6 @@ def held_runner(manager: Any, server: FakeServer, waiting: int) -> tuple[Worker,
 
 
 # Success
-
-
-def test_docstring() -> None:
-    first = auth.AuthManager.authenticate.__doc__.splitlines()[0]
-    assert first == "Full register -> challenge -> sign -> verify flow."
 
 
 def test_a_login_stores_the_result_and_starts_renewal(manager: Any, server: FakeServer) -> None:
@@ -204,26 +199,6 @@ def test_a_waiter_starts_no_renewal(manager: Any) -> None:
 
 
 # Many callers
-
-
-def test_two_threads_at_once_cause_one_challenge_and_one_verify_and_both_return(
-    manager: Any, server: FakeServer
-) -> None:
-    runner, others, gate = held_runner(manager, server, 1)
-    gate.release()
-    assert runner.result() is None
-    assert others[0].result() is None
-    assert server.paths == FULL_LOGIN
-
-
-def test_two_threads_at_once_on_failure_raise_errors_with_the_same_reason(
-    manager: Any, server: FakeServer
-) -> None:
-    server.always(VERIFY, Answer(401))
-    runner, others, gate = held_runner(manager, server, 1)
-    gate.release()
-    assert reason_of(runner.failure()) == reason_of(others[0].failure()) == "signature_mismatch"
-    assert server.paths == FULL_LOGIN
 
 
 def test_64_threads_at_once_cause_one_challenge_and_one_verify_on_success(
@@ -449,7 +424,7 @@ def test_a_refused_store_fails_and_restores(logged_in: Any, server: FakeServer) 
 
 @pytest.mark.parametrize("error", [RuntimeError("no time"), *FATAL], ids=repr)
 def test_a_raising_clock_leaves_the_manager_as_it_was(
-    logged_in: Any, clock: SteppedClock, server: FakeServer, error: BaseException
+    logged_in: Any, clock: HandClock, server: FakeServer, error: BaseException
 ) -> None:
     logged_in._refresh_stop.set()
     logged_in._refresh_thread.join(5.0)
@@ -642,12 +617,6 @@ def test_a_failing_flow_of_a_closed_manager_leaves_it_closed(manager: Any, serve
 # Renewal
 
 
-def test_repeated_logins_leave_at_most_one_live_refresh_loop(manager: Any) -> None:
-    for _ in range(20):
-        manager.authenticate()
-    until(lambda: refresh_threads(manager) == [manager._refresh_thread], what="a single refresh loop")
-
-
 def test_renewal_is_started_after_the_store_with_the_lock_free(manager: Any) -> None:
     seen: list[Any] = []
     manager._start_refresh = lambda: seen.append((manager._state, manager._lock.locked()))
@@ -673,34 +642,6 @@ def test_a_failed_login_that_goes_back_to_authenticated_starts_renewal_where_no_
     assert logged_in._refresh_thread is not dead
     assert logged_in._refresh_thread.is_alive()
     assert refresh_threads(logged_in) == [logged_in._refresh_thread]
-
-
-def test_a_failed_login_leaves_a_living_loop_as_the_only_one(logged_in: Any, server: FakeServer) -> None:
-    alive = logged_in._refresh_thread
-    server.always(VERIFY, Answer(401))
-    for _ in range(3):
-        with pytest.raises(auth.AuthError):
-            logged_in.authenticate()
-    assert logged_in._refresh_thread is alive
-    assert refresh_threads(logged_in) == [alive]
-
-
-def test_after_a_failed_login_the_token_is_still_renewed_at_its_time(
-    logged_in: Any, server: FakeServer, clock: SteppedClock
-) -> None:
-    server.script(VERIFY, Answer(401))
-    with pytest.raises(auth.AuthError):
-        logged_in.authenticate()
-    clock.now = logged_in._refresh_at
-    until(lambda: logged_in._token == server.tokens[-1] and len(server.tokens) == 2, what="the renewal")
-
-
-def test_a_failed_first_login_starts_no_renewal(manager: Any, server: FakeServer) -> None:
-    server.always(VERIFY, Answer(401))
-    with pytest.raises(auth.AuthError):
-        manager.authenticate()
-    assert manager._refresh_thread is None
-    assert refresh_threads(manager) == []
 
 
 # Seams

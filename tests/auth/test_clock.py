@@ -9,9 +9,10 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker, until
 
-from .helpers.clocks import FakeTime, ScriptedClock, SteppedClock
+from .helpers.clocks import FakeTime, ScriptedClock
 
 
 @pytest.fixture
@@ -62,14 +63,6 @@ def test_the_default_clock_is_the_wall_clock(make_manager: Callable[..., Any]) -
     assert manager._get_time() == 1000.0
 
 
-def test_docstrings() -> None:
-    assert auth.AuthManager._get_time.__doc__.splitlines()[0] == "Get current time using injected clock."
-    assert (
-        auth.AuthManager._wait_with_clock.__doc__.splitlines()[0]
-        == "Wait using the injected clock. Returns early if close is signaled or clock is stuck."
-    )
-
-
 # Waiting
 
 
@@ -87,7 +80,7 @@ def test_zero_seconds_return_without_sleeping_even_when_closed(manager: Any, fak
 
 
 def test_the_poll_step_is_a_twentieth_of_a_second(
-    manager: Any, fake_time: FakeTime, clock: SteppedClock
+    manager: Any, fake_time: FakeTime, clock: HandClock
 ) -> None:
     fake_time.on_sleep = lambda count: clock.advance(0.25)
     assert manager._wait_with_clock(1) is None
@@ -95,7 +88,7 @@ def test_the_poll_step_is_a_twentieth_of_a_second(
 
 
 def test_a_reading_equal_to_the_deadline_ends_the_wait(
-    manager: Any, fake_time: FakeTime, clock: SteppedClock
+    manager: Any, fake_time: FakeTime, clock: HandClock
 ) -> None:
     fake_time.on_sleep = lambda count: clock.advance(1.0)
     manager._wait_with_clock(5)
@@ -143,7 +136,7 @@ def test_close_event_set_during_a_sleep_ends_the_wait_after_it(manager: Any, fak
 
 
 def test_a_wait_too_long_for_a_number_of_the_clock_ends_by_the_close_event(
-    manager: Any, fake_time: FakeTime, clock: SteppedClock
+    manager: Any, fake_time: FakeTime, clock: HandClock
 ) -> None:
     fake_time.on_sleep = lambda count: manager._close_event.set() if count == 3 else None
     clock.now = float(clock.now)
@@ -152,7 +145,7 @@ def test_a_wait_too_long_for_a_number_of_the_clock_ends_by_the_close_event(
 
 
 def test_a_wait_that_is_over_by_more_than_a_number_of_the_clock_is_none(
-    manager: Any, fake_time: FakeTime, clock: SteppedClock
+    manager: Any, fake_time: FakeTime, clock: HandClock
 ) -> None:
     clock.now = float(clock.now)
     manager._wait_with_clock(-(10**400))
@@ -173,7 +166,7 @@ def test_exactly_one_second_without_movement_is_not_stuck_yet(manager: Any, fake
 
 
 def test_every_movement_of_the_clock_begins_the_stuck_time_anew(
-    manager: Any, fake_time: FakeTime, clock: SteppedClock
+    manager: Any, fake_time: FakeTime, clock: HandClock
 ) -> None:
     fake_time.step = 0.25
     fake_time.on_sleep = lambda count: clock.advance(1.0) if count % 4 == 0 and count <= 40 else None
@@ -182,9 +175,7 @@ def test_every_movement_of_the_clock_begins_the_stuck_time_anew(
     assert len(fake_time.sleeps) == 45
 
 
-def test_a_clock_that_goes_backwards_is_moving(
-    manager: Any, fake_time: FakeTime, clock: SteppedClock
-) -> None:
+def test_a_clock_that_goes_backwards_is_moving(manager: Any, fake_time: FakeTime, clock: HandClock) -> None:
     fake_time.step = 0.5
     fake_time.on_sleep = lambda count: clock.advance(-1.0) if count <= 20 else clock.advance(100.0)
     manager._wait_with_clock(5)
@@ -223,7 +214,7 @@ def test_failure_of_the_sleep_passes_through(manager: Any, fake_time: FakeTime, 
     assert caught.value is error
 
 
-def test_the_wait_holds_no_lock(manager: Any, fake_time: FakeTime, clock: SteppedClock) -> None:
+def test_the_wait_holds_no_lock(manager: Any, fake_time: FakeTime, clock: HandClock) -> None:
     locked: list[bool] = []
 
     def on_sleep(count: int) -> None:
@@ -237,7 +228,7 @@ def test_the_wait_holds_no_lock(manager: Any, fake_time: FakeTime, clock: Steppe
 
 
 def test_a_clock_advanced_by_10_on_a_second_thread_ends_a_wait_of_5_at_the_next_poll(
-    manager: Any, clock: SteppedClock
+    manager: Any, clock: HandClock
 ) -> None:
     worker = Worker(manager._wait_with_clock, 5)
     until(lambda: clock.readings >= 3, what="the first poll")

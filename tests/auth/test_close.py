@@ -2,11 +2,6 @@
 
 from __future__ import annotations
 
-import os
-import secrets
-import subprocess
-import sys
-import textwrap
 import threading
 import time
 from collections.abc import Callable
@@ -15,12 +10,12 @@ from typing import Any
 import pytest
 
 from tessaline import auth
-from tests.sanitized import patience, searches_all_memory
-from tests.shared.threads import Worker, join, until, waiters
+from tests.sanitized import patience
+from tests.shared.threads import Worker, until
 
-from .helpers.clocks import ScriptedEvent, SteppedClock
+from .helpers.clocks import ScriptedEvent
 from .helpers.managers import ADDRESS, changes, reason_of, refresh_threads, snapshot
-from .helpers.server import CHALLENGE, REGISTER, VERIFY, Answer, FakeServer
+from .helpers.server import CHALLENGE, VERIFY, FakeServer
 
 STATES = ["UNINITIALIZED", "AUTHENTICATING", "AUTHENTICATED", "RE_AUTHENTICATING", "BOGUS"]
 CLEARED = ("_private_key", "_token", "_wallet_secret", "_token_iat", "_token_expiry", "_refresh_thread")
@@ -41,11 +36,6 @@ class FakeThread:
 
     def is_alive(self) -> bool:
         return True
-
-
-def test_docstring() -> None:
-    first = auth.AuthManager.close.__doc__.splitlines()[0]
-    assert first == "Stop refresh, clear sensitive material, transition to CLOSED."
 
 
 @pytest.mark.parametrize("state", STATES)
@@ -169,129 +159,7 @@ def test_the_calling_thread_is_not_joined(manager: Any) -> None:
     assert manager._refresh_thread is None
 
 
-def test_close_ends_the_live_refresh_thread(logged_in: Any) -> None:
-    thread = logged_in._refresh_thread
-    begun = time.monotonic()
-    logged_in.close()
-    assert time.monotonic() - begun < PROMPT
-    assert not thread.is_alive()
-    assert refresh_threads(logged_in) == []
-
-
-def test_close_ends_a_refresh_thread_in_its_long_wait_at_once(make_manager: Callable[..., Any]) -> None:
-    manager = make_manager()
-    manager._clock, manager._uses_injected_clock = time.time, False
-    manager.authenticate()
-    thread = manager._refresh_thread
-    until(lambda: waiters(manager._refresh_event) == 1, what="the long wait")
-    begun = time.monotonic()
-    manager.close()
-    assert time.monotonic() - begun < PROMPT
-    assert not thread.is_alive()
-
-
-def test_close_from_inside_the_refresh_thread_returns_without_joining(
-    logged_in: Any, server: FakeServer, clock: SteppedClock
-) -> None:
-    took: list[float] = []
-
-    def close(call: Any) -> None:
-        begun = time.monotonic()
-        logged_in.close()
-        took.append(time.monotonic() - begun)
-
-    server.script(VERIFY, close)
-    thread = logged_in._refresh_thread
-    clock.now = logged_in._refresh_at
-    join(thread)
-    assert len(took) == 1 and took[0] < PROMPT
-    assert logged_in._state == "CLOSED"
-    assert logged_in._token is None
-    assert refresh_threads(logged_in) == []
-
-
-def test_close_waits_about_a_second_for_a_refresh_inside_a_request(
-    logged_in: Any, server: FakeServer, clock: SteppedClock
-) -> None:
-    gate = server.hold(CHALLENGE)
-    thread = logged_in._refresh_thread
-    clock.now = logged_in._refresh_at
-    gate.reached()
-    begun = time.monotonic()
-    logged_in.close()
-    assert 0.95 <= time.monotonic() - begun < 2.0
-    assert thread.is_alive()
-    assert logged_in._refresh_thread is None
-    gate.release()
-    join(thread)
-    assert logged_in._state == "CLOSED"
-    assert logged_in._token is None
-    assert server.count(VERIFY) == 1
-
-
-def test_a_refresh_in_backoff_ends_with_the_close(
-    logged_in: Any, server: FakeServer, clock: SteppedClock
-) -> None:
-    logged_in._clock = lambda: time.monotonic() * 1000 + 1e9
-    server.always(REGISTER, Answer(429, b"", {"Retry-After": "100000000"}))
-    thread = logged_in._refresh_thread
-    until(lambda: logged_in._in_transient_backoff, what="the back-off")
-    begun = time.monotonic()
-    logged_in.close()
-    join(thread, PROMPT)
-    assert time.monotonic() - begun < PROMPT
-    assert logged_in._in_transient_backoff is False
-
-
 # Waiters
-
-
-def test_close_while_a_caller_blocks_in_get_token_during_an_authentication_ends_it_with_manager_closed(
-    manager: Any, server: FakeServer
-) -> None:
-    gate = server.hold(CHALLENGE)
-    runner = Worker(manager.authenticate)
-    gate.reached()
-    callers = [Worker(manager.get_token) for _ in range(5)]
-    others = [Worker(manager.authenticate) for _ in range(5)]
-    until(lambda: waiters(manager._auth_event) == 10, what="the waiters")
-    begun = time.monotonic()
-    manager.close()
-    for worker in [*callers, *others]:
-        assert reason_of(worker.failure(PROMPT)) == "manager_closed"
-    assert time.monotonic() - begun < PROMPT
-    gate.release()
-    assert reason_of(runner.failure()) == "manager_closed"
-    assert manager._state == "CLOSED"
-    assert manager._token is None
-    assert refresh_threads(manager) == []
-
-
-def test_close_wakes_a_login_in_backoff(make_manager: Callable[..., Any], server: FakeServer) -> None:
-    manager = make_manager(clock=time.time)
-    server.always(REGISTER, Answer(503))
-    runner = Worker(manager.authenticate)
-    until(lambda: manager._in_transient_backoff, what="the back-off")
-    manager.close()
-    assert reason_of(runner.failure(PROMPT)) == "manager_closed"
-    assert manager._state == "CLOSED"
-
-
-def test_close_during_the_last_exchange_of_a_login_stores_and_starts_nothing(
-    manager: Any, server: FakeServer
-) -> None:
-    gate = server.hold(VERIFY)
-    runner = Worker(manager.authenticate)
-    gate.reached()
-    manager.close()
-    gate.release()
-    assert reason_of(runner.failure()) == "manager_closed"
-    assert manager._token is None
-    assert manager._wallet_secret is None
-    assert manager._token_expiry is None
-    assert manager._refresh_thread is None
-    assert manager._close_event.is_set()
-    assert refresh_threads(manager) == []
 
 
 def test_close_during_a_login_without_an_event_makes_its_runner_fail(
@@ -306,20 +174,6 @@ def test_close_during_a_login_without_an_event_makes_its_runner_fail(
     assert reason_of(runner.failure()) == "manager_closed"
     assert manager._state == "CLOSED"
     assert manager._token is None
-
-
-def test_close_at_any_exchange_of_a_login_leaves_it_closed(
-    make_manager: Callable[..., Any], server: FakeServer
-) -> None:
-    for place in (REGISTER, CHALLENGE, VERIFY):
-        manager = make_manager()
-        server.script(place, lambda call, manager=manager: manager.close())  # type: ignore[misc]
-        with pytest.raises(auth.AuthError) as caught:
-            manager.authenticate()
-        assert reason_of(caught.value) == "manager_closed"
-        assert manager._state == "CLOSED"
-        assert manager._private_key is None and manager._token is None
-    assert refresh_threads(None) == []
 
 
 def test_close_between_the_store_and_the_start_of_renewal_starts_no_thread(manager: Any) -> None:
@@ -405,19 +259,6 @@ def test_no_background_method_revives_a_closed_manager(logged_in: Any, server: F
     assert refresh_threads(logged_in) == []
 
 
-def test_64_threads_may_close_at_once(logged_in: Any) -> None:
-    barrier = threading.Barrier(64)
-
-    def close() -> None:
-        barrier.wait(10.0)
-        logged_in.close()
-
-    for worker in [Worker(close) for _ in range(64)]:
-        worker.result()
-    assert logged_in._state == "CLOSED"
-    assert refresh_threads(logged_in) == []
-
-
 def test_logins_and_closes_racing_end_closed(make_manager: Callable[..., Any]) -> None:
     for _ in range(40):
         manager = make_manager()
@@ -449,34 +290,6 @@ def test_era_changes_and_closes_racing_end_closed(make_manager: Callable[..., An
     until(lambda: refresh_threads(None) == [], what="the end of every thread")
 
 
-def test_leaving_a_with_block_closes(make_manager: Callable[..., Any]) -> None:
-    manager = make_manager()
-    with manager as entered:
-        assert entered is manager
-        manager.authenticate()
-    assert manager._state == "CLOSED"
-
-
-def test_leaving_a_with_block_by_an_error_closes_and_lets_it_pass(make_manager: Callable[..., Any]) -> None:
-    manager = make_manager()
-    with pytest.raises(LookupError, match="inside"), manager:
-        raise LookupError("inside")
-    assert manager._state == "CLOSED"
-
-
-def test_a_with_block_uses_the_close_of_the_subclass(make_manager: Callable[..., Any]) -> None:
-    closed: list[int] = []
-
-    class Own(auth.AuthManager):
-        def close(self) -> None:
-            closed.append(1)
-            super().close()
-
-    with make_manager(cls=Own):
-        pass
-    assert closed == [1]
-
-
 def test_close_uses_scripted_primitives_without_waiting_for_them(manager: Any) -> None:
     manager._auth_event = ScriptedEvent()
     manager._refresh_done = ScriptedEvent()
@@ -489,86 +302,3 @@ def test_wrong_arguments(manager: Any) -> None:
     with pytest.raises(TypeError, match="close"):
         manager.close(1)
     assert manager._state == "UNINITIALIZED"
-
-
-# The key leaves the memory of the process
-
-CHILD = """
-    import ctypes, json, sys
-    import tessaline.auth as auth
-
-    def say(text):
-        print(text, flush=True)
-        sys.stdin.readline()
-
-    # The text is built in place, digit by digit, so that this process holds one copy of it: the host's.
-    masked = bytes.fromhex(sys.argv[1])
-    key = "".join(["0" for _ in range(64)])
-    data = id(key) + sys.getsizeof("") - 1
-    for index, byte in enumerate(masked):
-        for half in range(2):
-            digit = ((byte ^ 0xA5) >> (4, 0)[half]) & 15
-            ctypes.memset(data + 2 * index + half, ord("0123456789abcdef"[digit]), 1)
-
-    def transport(method, url, headers=None, body=None):
-        answer = {"challenge_id": 1, "message": "m", "token": "t", "expires_at": 1, "wallet_secret": ""}
-        return 200, {}, json.dumps(answer).encode()
-
-    manager = auth.AuthManager(key, "https://auth.example.test", _transport=transport)
-    say("constructed")
-    ctypes.memset(data, ord("-"), 64)
-    for _ in range(3):
-        manager._do_auth_flow()
-    say("used")
-    manager.close()
-    say("closed")
-"""
-
-
-def occurrences(pid: int, patterns: list[bytes]) -> list[int]:
-    counts = [0] * len(patterns)
-    with open(f"/proc/{pid}/maps") as maps, open(f"/proc/{pid}/mem", "rb", buffering=0) as memory:
-        for line in maps:
-            span, rights = line.split()[:2]
-            if not rights.startswith("rw"):
-                continue
-            start, end = (int(edge, 16) for edge in span.split("-"))
-            try:
-                memory.seek(start)
-                content = memory.read(end - start)
-            except OSError:
-                continue
-            for index, pattern in enumerate(patterns):
-                counts[index] += content.count(pattern)
-    return counts
-
-
-@searches_all_memory
-@pytest.mark.skipif(not os.path.exists("/proc/self/mem"), reason="needs /proc to read another process")
-def test_after_close_no_copy_of_the_key_is_left_in_the_memory_of_the_process() -> None:
-    key = bytes([1]) + secrets.token_bytes(31)
-    text = key.hex().encode("ascii")
-    patterns = [key, key[::-1], text, text.upper(), text[:32], key[:16]]
-    masked = bytes(byte ^ 0xA5 for byte in key).hex()
-    child = subprocess.Popen(
-        [sys.executable, "-c", textwrap.dedent(CHILD), masked],
-        stdin=subprocess.PIPE,
-        stdout=subprocess.PIPE,
-        text=True,
-    )
-    assert child.stdin is not None and child.stdout is not None
-    try:
-        assert child.stdout.readline() == "constructed\n"
-        assert occurrences(child.pid, patterns)[2] >= 1, "the scan does not see the host's own text"
-        child.stdin.write("\n")
-        child.stdin.flush()
-        assert child.stdout.readline() == "used\n"
-        in_use = occurrences(child.pid, patterns)
-        assert in_use[2:5] == [0, 0, 0], "the component keeps the key as text"
-        child.stdin.write("\n")
-        child.stdin.flush()
-        assert child.stdout.readline() == "closed\n"
-        assert occurrences(child.pid, patterns) == [0] * len(patterns)
-    finally:
-        child.kill()
-        child.communicate()

@@ -40,11 +40,6 @@ def refused(manager: Any, name: Any) -> None:
     assert caught.value.args == (MESSAGE,)
 
 
-def test_docstring() -> None:
-    first = auth.AuthManager.set_display_name.__doc__.splitlines()[0]
-    assert first == "Set or reset display name via profile endpoint."
-
-
 def test_the_request_on_the_wire(named: Any, server: FakeServer) -> None:
     assert named.set_display_name("Ada Lovelace") == {"ok": True}
     (call,) = server.calls

@@ -9,8 +9,8 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.clocks import HandClock
 
-from .helpers.clocks import SteppedClock
 from .helpers.managers import ADDRESS, changes, reason_of, snapshot
 from .helpers.server import CHALLENGE, REGISTER, VERIFY, Answer, FakeServer
 from .helpers.tokens import issued
@@ -64,7 +64,7 @@ def test_refresh_begins_re_authenticating_with_a_new_event(
 
 
 def test_refresh_stores_the_new_token_and_starts_the_next_cycle(
-    refreshing: Any, server: FakeServer, clock: SteppedClock
+    refreshing: Any, server: FakeServer, clock: HandClock
 ) -> None:
     clock.advance(70000.0)
     refreshing._refresh_done.clear()
@@ -187,7 +187,7 @@ def test_refresh_refused_by_the_store_is_recorded_and_keeps_the_old_token(
 
 
 def test_refresh_whose_clock_raises_is_recorded(
-    refreshing: Any, server: FakeServer, clock: SteppedClock
+    refreshing: Any, server: FakeServer, clock: HandClock
 ) -> None:
     server.script(VERIFY, lambda call: setattr(clock, "error", RuntimeError("no time")))
     refreshing._do_refresh()

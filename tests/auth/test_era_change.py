@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import random
 import threading
 from collections.abc import Callable
 from typing import Any
@@ -10,10 +9,10 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.clocks import HandClock
 from tests.shared.modules import StandIn
-from tests.shared.threads import Worker, join, until
+from tests.shared.threads import Worker, until
 
-from .helpers.clocks import SteppedClock
 from .helpers.managers import ADDRESS, changes, reason_of, refresh_threads, snapshot
 from .helpers.server import CHALLENGE, REGISTER, VERIFY, Answer, FakeServer
 from .helpers.tokens import issued
@@ -39,15 +38,12 @@ class NoThread:
     """A thread that is only written down."""
 
     made: list[NoThread]
-    error: BaseException | None = None
 
     def __init__(self, *args: Any, **kwargs: Any) -> None:
         self.args, self.kwargs, self.started = args, kwargs, False
         type(self).made.append(self)
 
     def start(self) -> None:
-        if self.error is not None:
-            raise self.error
         self.started = True
 
     def join(self, timeout: float | None = None) -> None:
@@ -69,17 +65,6 @@ def failure(manager: Any, number: Any, kind: type[Exception] = auth.AuthError) -
         manager.notify_era_change(number)
     assert changes(before, snapshot(manager)) == set()
     return caught.value
-
-
-def test_docstrings() -> None:
-    assert (
-        auth.AuthManager.notify_era_change.__doc__.splitlines()[0]
-        == "Trigger non-blocking background re-authentication for era transitions."
-    )
-    assert (
-        auth.AuthManager._background_reauth.__doc__.splitlines()[0]
-        == "Background re-authentication thread (era-change triggered)."
-    )
 
 
 # The announcement
@@ -191,25 +176,6 @@ def test_repeated_announcements_start_no_further_thread(idle: Any, threads: type
         idle.notify_era_change(number)
     assert len(threads.made) == 1
     assert idle._pending_era_number == 7
-
-
-@pytest.mark.parametrize(
-    "error", [RuntimeError("can't start new thread"), MemoryError("none left")], ids=repr
-)
-def test_a_thread_that_cannot_be_started_leaves_nobody_waiting(
-    idle: Any, threads: type[NoThread], error: Exception
-) -> None:
-    threads.error = error
-    with pytest.raises(type(error)) as caught:
-        idle.notify_era_change(5)
-    assert caught.value is error
-    assert idle._state == "AUTHENTICATED"
-    assert idle._reauth_mode is None
-    assert idle._auth_event.is_set()
-    assert reason_of(idle._auth_error) == str(error)
-    with pytest.raises(auth.AuthError) as served:
-        idle.get_token()
-    assert served.value is idle._auth_error
 
 
 @pytest.mark.parametrize("call", ["get_token", "authenticate"])
@@ -400,36 +366,6 @@ def test_the_announcement_does_not_wait_for_the_server(logged_in: Any, server: F
     assert logged_in.get_token() == server.tokens[1]
 
 
-def test_an_old_token_is_never_served_after_the_announcement_has_returned(
-    logged_in: Any, server: FakeServer
-) -> None:
-    era = [0]
-    stop = threading.Event()
-    wrong: list[Any] = []
-
-    def serve() -> None:
-        while not stop.is_set():
-            required = era[0]
-            try:
-                token = logged_in.get_token()
-            except auth.AuthError:
-                continue
-            got = auth._jwt_era_number(token) or 0
-            if got < required:
-                wrong.append((required, got))
-
-    workers = [Worker(serve) for _ in range(4)]
-    for number in range(1, 16):
-        server.era = number
-        logged_in.notify_era_change(number)
-        era[0] = number
-        logged_in.get_token()
-    stop.set()
-    for worker in workers:
-        worker.result()
-    assert wrong == []
-
-
 def test_a_failed_era_change_is_what_callers_get_until_the_next_announcement(
     logged_in: Any, server: FakeServer
 ) -> None:
@@ -477,22 +413,8 @@ def test_an_era_announced_during_a_login_is_met_by_its_result_or_refused(
     assert manager._state == "UNINITIALIZED"
 
 
-def test_closing_during_the_background_flow_stores_nothing(logged_in: Any, server: FakeServer) -> None:
-    gate = server.hold(VERIFY)
-    server.era = 5
-    logged_in.notify_era_change(5)
-    thread = next(t for t in refresh_threads(logged_in) if t is not logged_in._refresh_thread)
-    gate.reached()
-    logged_in.close()
-    gate.release()
-    join(thread)
-    assert logged_in._state == "CLOSED"
-    assert logged_in._token is None
-    assert refresh_threads(logged_in) == []
-
-
 def test_an_era_during_a_proactive_refresh_is_met_by_that_refresh(
-    logged_in: Any, server: FakeServer, clock: SteppedClock
+    logged_in: Any, server: FakeServer, clock: HandClock
 ) -> None:
     gate = server.hold(REGISTER)
     clock.now = logged_in._refresh_at
@@ -504,51 +426,6 @@ def test_an_era_during_a_proactive_refresh_is_met_by_that_refresh(
     gate.release()
     assert logged_in.get_token() == server.tokens[1]
     assert server.paths == FULL_LOGIN * 2
-
-
-def test_an_era_storm_starts_one_thread_at_a_time_and_the_highest_era_wins(
-    logged_in: Any, server: FakeServer
-) -> None:
-    highest = 2000
-    guard = threading.Lock()
-    running, flows = [0], []
-
-    # The store releases the next announcement before the thread that stored has wholly ended.
-    def flow() -> Any:
-        with guard:
-            running[0] += 1
-            flows.append(running[0])
-        try:
-            return type(logged_in)._do_auth_flow_matching_pending_era(logged_in)
-        finally:
-            with guard:
-                running[0] -= 1
-
-    logged_in._do_auth_flow_matching_pending_era = flow
-    server.era = highest
-    numbers = list(range(1, highest + 1)) * 5
-    random.Random(7).shuffle(numbers)
-
-    def announce(part: list[int]) -> None:
-        for number in part:
-            logged_in.notify_era_change(number)
-
-    workers = [Worker(announce, numbers[start::8]) for start in range(8)]
-    for worker in workers:
-        worker.result(30.0)
-    until(lambda: logged_in._state == "AUTHENTICATED", what="the last re-authentication")
-    assert max(flows) == 1
-    assert auth._jwt_era_number(logged_in.get_token()) == highest
-    assert logged_in._pending_era_number is None
-    until(lambda: refresh_threads(logged_in) == [logged_in._refresh_thread], what="a single refresh loop")
-
-
-def test_many_era_changes_leave_one_refresh_loop(logged_in: Any, server: FakeServer) -> None:
-    for number in range(1, 501):
-        server.era = number
-        logged_in.notify_era_change(number)
-        assert auth._jwt_era_number(logged_in.get_token()) == number
-    until(lambda: refresh_threads(logged_in) == [logged_in._refresh_thread], what="a single refresh loop")
 
 
 def test_a_subclass_may_replace_the_background_flow(make_manager: Callable[..., Any]) -> None:

@@ -128,11 +128,11 @@ def test_a_clock_that_returns_no_number(
 
 
 def test_a_clock_that_returns_no_number_later(logged_in: Any, clock: Any) -> None:
-    clock.now = "later"
+    logged_in._clock = lambda: "later"
     error = failure(logged_in.get_token)
     assert type(error) is TypeError
     assert notes(error) == ["the clock has to return seconds as a number, and returned str"]
-    clock.now = 1000.0
+    logged_in._clock = clock
 
 
 @pytest.mark.parametrize(

@@ -9,9 +9,10 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker, until, waiters
 
-from .helpers.clocks import FakeTime, ScriptedEvent, SteppedClock
+from .helpers.clocks import FakeTime, ScriptedEvent
 from .helpers.managers import changes, reason_of, snapshot
 
 TOKEN = "the token in place"
@@ -25,7 +26,7 @@ def fake_time(monkeypatch: pytest.MonkeyPatch) -> FakeTime:
 
 
 @pytest.fixture
-def expired(manager: Any, clock: SteppedClock) -> Any:
+def expired(manager: Any, clock: HandClock) -> Any:
     """A manager whose token has expired and that has no refresh thread."""
     manager._state = "AUTHENTICATED"
     manager._token = TOKEN
@@ -46,11 +47,8 @@ def at_pass(number: int, action: Callable[[], Any]) -> Callable[[int], None]:
     return lambda count: action() if count == number else None
 
 
-def test_docstring() -> None:
-    text = auth.AuthManager._poll_for_reauth.__doc__
-    first = "Poll up to 3s for the refresh thread to enter RE_AUTHENTICATING, then wait."
-    assert text.splitlines()[0] == first
-    flat = " ".join(text.split())
+def test_docstring_says_what_comes_of_a_time_out() -> None:
+    flat = " ".join(auth.AuthManager._poll_for_reauth.__doc__.split())
     assert "If fallback_to_current_token is True, returns the current token on poll timeout" in flat
     assert "(used when refresh_pending is set). Otherwise raises token_expired." in flat
 
@@ -87,7 +85,7 @@ def test_fallback_returns_the_token_in_place_at_the_end(expired: Any, fake_time:
     assert expired._poll_for_reauth(True) == "exchanged"
 
 
-def test_the_poll_reads_real_time_only(expired: Any, fake_time: FakeTime, clock: SteppedClock) -> None:
+def test_the_poll_reads_real_time_only(expired: Any, fake_time: FakeTime, clock: HandClock) -> None:
     fake_time.on_sleep = lambda count: clock.advance(1_000_000.0)
     assert expired._poll_for_reauth(True) == TOKEN
     assert len(fake_time.sleeps) == 30
@@ -283,7 +281,7 @@ def test_closing_during_the_wait_wakes_it_with_manager_closed(expired: Any, fake
 
 
 def test_a_renewal_finished_between_two_looks_is_returned_at_once(
-    expired: Any, fake_time: FakeTime, clock: SteppedClock
+    expired: Any, fake_time: FakeTime, clock: HandClock
 ) -> None:
     def renew() -> None:
         expired._token = "renewed"

@@ -9,23 +9,15 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.clocks import HandClock
 from tests.shared.modules import StandIn
 from tests.shared.threads import Worker, join, until
 
-from .helpers.clocks import ScriptedEvent, SteppedClock
+from .helpers.clocks import ScriptedEvent
 from .helpers.managers import changes, reason_of, refresh_threads, snapshot
 from .helpers.server import CHALLENGE, REGISTER, VERIFY, Answer, FakeServer
 
 FULL_LOGIN = [REGISTER, CHALLENGE, VERIFY]
-
-
-def test_docstrings() -> None:
-    cls = auth.AuthManager
-    assert cls._start_refresh.__doc__.splitlines()[0] == "Start the proactive refresh background thread."
-    assert (
-        cls._refresh_loop.__doc__.splitlines()[0] == "Background thread waiting for token refresh threshold."
-    )
-    assert cls._do_refresh.__doc__.splitlines()[0] == "Perform a proactive token refresh."
 
 
 # Starting
@@ -152,35 +144,6 @@ def test_a_thread_that_cannot_be_started_leaves_nobody_waiting(
     manager._refresh_thread = None
 
 
-def test_a_login_whose_renewal_cannot_be_started_has_its_token_and_the_error(
-    manager: Any, server: FakeServer, threads: type[FakeThread]
-) -> None:
-    threads.error = RuntimeError("can't start new thread")
-    with pytest.raises(RuntimeError) as caught:
-        manager.authenticate()
-    assert caught.value is threads.error
-    assert manager._state == "AUTHENTICATED"
-    assert manager._token == server.tokens[0]
-    assert manager._auth_event.is_set()
-    assert reason_of(manager._auth_error) == "can't start new thread"
-
-
-def test_a_refresh_whose_successor_cannot_be_started_leaves_nobody_waiting(
-    manager: Any, server: FakeServer, threads: type[FakeThread]
-) -> None:
-    manager._start_refresh = lambda: None
-    manager.authenticate()
-    del manager._start_refresh
-    threads.error = RuntimeError("can't start new thread")
-    assert manager._do_refresh() is None
-    assert manager._token == server.tokens[1]
-    assert manager._state == "AUTHENTICATED"
-    assert manager._reauth_mode is None
-    assert manager._auth_event.is_set()
-    assert manager._refresh_done.is_set()
-    assert reason_of(manager._auth_error) == "can't start new thread"
-
-
 def test_the_real_thread_is_a_daemon_of_the_host(manager: Any) -> None:
     manager._state = "AUTHENTICATED"
     manager._start_refresh()
@@ -193,7 +156,7 @@ def test_the_real_thread_is_a_daemon_of_the_host(manager: Any) -> None:
 
 
 @pytest.fixture
-def looping(manager: Any, clock: SteppedClock) -> Any:
+def looping(manager: Any, clock: HandClock) -> Any:
     """A manager whose loop can be run on the test's own thread, its waits scripted."""
     manager._state = "AUTHENTICATED"
     manager._refresh_at = 2000.0
@@ -310,7 +273,7 @@ def test_loop_refreshes_once_at_or_after_the_refresh_time_and_returns(
     assert looping._refresh_event.waits == []
 
 
-def test_loop_woken_early_reads_state_and_times_again(looping: Any, clock: SteppedClock) -> None:
+def test_loop_woken_early_reads_state_and_times_again(looping: Any, clock: HandClock) -> None:
     looping._uses_injected_clock = False
 
     def script(count: int) -> None:
@@ -350,7 +313,7 @@ def test_loop_ends_at_the_next_pass_once_closed(looping: Any) -> None:
     assert len(looping._refresh_event.waits) == 1
 
 
-def test_loop_superseded_by_a_newer_thread_ends_at_its_next_pass(looping: Any, clock: SteppedClock) -> None:
+def test_loop_superseded_by_a_newer_thread_ends_at_its_next_pass(looping: Any, clock: HandClock) -> None:
     release = threading.Event()
     newer = threading.Thread(target=release.wait, args=(10.0,), daemon=True)
     newer.start()
@@ -379,7 +342,7 @@ def test_loop_reads_time_through_get_time_of_the_instance(looping: Any) -> None:
 
 
 def test_with_an_injected_clock_passing_the_refresh_time_renews_at_once_on_a_new_thread(
-    logged_in: Any, server: FakeServer, clock: SteppedClock
+    logged_in: Any, server: FakeServer, clock: HandClock
 ) -> None:
     first = logged_in._refresh_thread
     clock.now = logged_in._refresh_at
@@ -393,7 +356,7 @@ def test_with_an_injected_clock_passing_the_refresh_time_renews_at_once_on_a_new
 
 
 def test_just_before_the_refresh_time_nothing_is_renewed(
-    logged_in: Any, server: FakeServer, clock: SteppedClock
+    logged_in: Any, server: FakeServer, clock: HandClock
 ) -> None:
     clock.now = logged_in._refresh_at - 0.001
     readings = clock.readings
@@ -402,7 +365,7 @@ def test_just_before_the_refresh_time_nothing_is_renewed(
 
 
 def test_renewal_goes_on_for_many_cycles_with_one_loop_alive(
-    logged_in: Any, server: FakeServer, clock: SteppedClock
+    logged_in: Any, server: FakeServer, clock: HandClock
 ) -> None:
     for cycle in range(1, 8):
         clock.now = logged_in._refresh_at
@@ -413,7 +376,7 @@ def test_renewal_goes_on_for_many_cycles_with_one_loop_alive(
 
 
 def test_after_a_failed_refresh_the_state_is_uninitialized_and_no_thread_runs(
-    logged_in: Any, server: FakeServer, clock: SteppedClock
+    logged_in: Any, server: FakeServer, clock: HandClock
 ) -> None:
     server.always(VERIFY, Answer(401))
     thread = logged_in._refresh_thread
@@ -427,9 +390,7 @@ def test_after_a_failed_refresh_the_state_is_uninitialized_and_no_thread_runs(
     assert logged_in._refresh_thread is thread
 
 
-def test_a_later_login_turns_renewal_on_again(
-    logged_in: Any, server: FakeServer, clock: SteppedClock
-) -> None:
+def test_a_later_login_turns_renewal_on_again(logged_in: Any, server: FakeServer, clock: HandClock) -> None:
     server.always(VERIFY, Answer(401))
     clock.now = logged_in._refresh_at
     join(logged_in._refresh_thread)
@@ -440,7 +401,7 @@ def test_a_later_login_turns_renewal_on_again(
 
 
 def test_a_clock_that_raises_in_the_loop_leaves_the_manager_usable(
-    logged_in: Any, server: FakeServer, clock: SteppedClock, monkeypatch: pytest.MonkeyPatch
+    logged_in: Any, server: FakeServer, clock: HandClock, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.setattr(threading, "excepthook", lambda args: None)
     readings = clock.readings
@@ -475,7 +436,7 @@ def test_a_stop_request_with_a_wake_up_is_observed_at_once_with_the_real_clock(
 
 
 def test_a_refresh_that_finds_a_re_authentication_under_way_does_nothing_and_ends(
-    logged_in: Any, server: FakeServer, clock: SteppedClock
+    logged_in: Any, server: FakeServer, clock: HandClock
 ) -> None:
     calls: list[Any] = []
     original = type(logged_in)._do_refresh
@@ -495,7 +456,7 @@ def test_a_refresh_that_finds_a_re_authentication_under_way_does_nothing_and_end
 
 
 def test_waiters_of_authenticate_get_the_result_of_a_refresh(
-    logged_in: Any, server: FakeServer, clock: SteppedClock
+    logged_in: Any, server: FakeServer, clock: HandClock
 ) -> None:
     gate = server.hold(CHALLENGE)
     clock.now = logged_in._refresh_at

@@ -352,7 +352,6 @@ def test_the_request_holds_no_lock(requester: Any) -> None:
 
 def test_docstring_says_what_is_returned_and_raised() -> None:
     lines = auth.AuthManager._http_request.__doc__.splitlines()
-    assert lines[0] == "Make HTTP request to server. Returns (status, resp_headers, resp_body_dict)."
     assert any("Raises ConnectionError/TimeoutError on network failures." in line for line in lines[1:])
 
 

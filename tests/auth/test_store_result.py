@@ -12,10 +12,10 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 from tessaline import auth
+from tests.shared.clocks import HandClock
 from tests.shared.modules import StandIn
 from tests.shared.threads import within
 
-from .helpers.clocks import SteppedClock
 from .helpers.managers import ADDRESS, build, changes, reason_of, snapshot
 from .helpers.tokens import issued, with_payload
 
@@ -267,7 +267,7 @@ def test_the_subject_is_checked_before_the_secret_and_the_secret_before_the_era(
     assert refusal(manager, issued(ADDRESS, 1)) == "era_mismatch"
 
 
-def test_the_clock_is_not_read_for_a_refused_result(manager: Any, clock: SteppedClock) -> None:
+def test_the_clock_is_not_read_for_a_refused_result(manager: Any, clock: HandClock) -> None:
     refusal(manager, issued("0x1"))
     assert clock.readings == 0
 
@@ -275,7 +275,7 @@ def test_the_clock_is_not_read_for_a_refused_result(manager: Any, clock: Stepped
 @pytest.mark.parametrize("held", [False, True], ids=["first login", "token held"])
 @pytest.mark.parametrize("error", [RuntimeError("no time"), KeyboardInterrupt()], ids=repr)
 def test_a_raising_clock_leaves_the_manager_as_it_was(
-    manager: Any, clock: SteppedClock, held: bool, error: BaseException
+    manager: Any, clock: HandClock, held: bool, error: BaseException
 ) -> None:
     if held:
         store(manager, issued(ADDRESS, jti="old"))
@@ -368,19 +368,6 @@ def test_guard_changes_nothing(manager: Any) -> None:
     with pytest.raises(auth.AuthError):
         guard(manager)
     assert changes(before, snapshot(manager)) == set()
-
-
-def test_docstrings() -> None:
-    cls = auth.AuthManager
-    assert (
-        cls._store_auth_result.__doc__.splitlines()[0]
-        == "Store auth result and signal waiting threads. Must be called under self._lock."
-    )
-    assert cls._compute_refresh_at.__doc__.splitlines()[0] == "Return jittered proactive refresh timestamp."
-    assert (
-        cls._raise_if_pending_era_locked.__doc__.splitlines()[0]
-        == "Raise instead of serving a token while an era-change target is unresolved."
-    )
 
 
 @pytest.mark.parametrize("args", [(), ("t",), ("t", b"s", 5)])

@@ -120,15 +120,6 @@ def test_a_subclass_may_override_compute_refresh_at(make_manager: Callable[..., 
 # References
 
 
-def test_a_manager_can_be_referenced_weakly() -> None:
-    manager = build()
-    reference = weakref.ref(manager)
-    assert reference() is manager
-    del manager
-    gc.collect()
-    assert reference() is None
-
-
 def test_a_manager_without_cycles_goes_with_its_last_reference() -> None:
     manager = build()
     reference = weakref.ref(manager)
@@ -140,40 +131,12 @@ def test_a_manager_without_cycles_goes_with_its_last_reference() -> None:
         gc.enable()
 
 
-def test_a_manager_in_a_cycle_is_collected() -> None:
-    manager = build()
-    manager.me = manager
-    reference = weakref.ref(manager)
-    del manager
-    gc.collect()
-    assert reference() is None
-
-
 @pytest.mark.parametrize(
     "name", ["_transport", "_clock", "_auth_error", "_token", "_refresh_thread", "_lock"]
 )
 def test_a_cycle_through_a_field_is_collected(name: str) -> None:
     manager = build()
     setattr(manager, name, [manager])
-    reference = weakref.ref(manager)
-    del manager
-    gc.collect()
-    assert reference() is None
-
-
-def test_two_managers_in_a_cycle_are_collected() -> None:
-    one, other = build(), build()
-    one._transport = lambda *args, other=other: other
-    other.partner = one
-    references = [weakref.ref(one), weakref.ref(other)]
-    del one, other
-    gc.collect()
-    assert [reference() for reference in references] == [None, None]
-
-
-def test_a_bound_method_kept_in_the_instance_is_collected() -> None:
-    manager = build()
-    manager._http_request = manager._http_request
     reference = weakref.ref(manager)
     del manager
     gc.collect()
@@ -248,21 +211,6 @@ def test_constructing_many_managers_leaves_no_object_behind() -> None:
     before = len(gc.get_objects())
     for _ in range(300):
         build()
-    gc.collect()
-    assert len(gc.get_objects()) - before < 100
-
-
-def test_a_refused_construction_leaves_no_object_behind() -> None:
-    def refuse() -> None:
-        for args in [("", BASE), (KEY, "nowhere"), (KEY, "ftp://x")]:
-            with pytest.raises((auth.InvalidKeyError, ValueError)):
-                auth.AuthManager(*args)
-
-    refuse()
-    gc.collect()
-    before = len(gc.get_objects())
-    for _ in range(100):
-        refuse()
     gc.collect()
     assert len(gc.get_objects()) - before < 100
 

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import json
 import secrets
-from collections.abc import Callable, Iterator
+from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
@@ -22,10 +22,20 @@ from tests.shared.servers import (
     trusted,
     unused_port,
 )
-from tests.transport.raw import RawServer
+from tests.transport.conftest import no_proxy, raw
 
 # Fixtures.
-__all__ = ["either", "http_process", "https_process", "https_server", "server", "trusted", "unused_port"]
+__all__ = [
+    "either",
+    "http_process",
+    "https_process",
+    "https_server",
+    "no_proxy",
+    "raw",
+    "server",
+    "trusted",
+    "unused_port",
+]
 
 
 @dataclass(frozen=True)
@@ -87,24 +97,7 @@ def check(run: Check, key_file: Path) -> Check:
     return lambda url, *options: run(url, "--key-file", key_file, *options)
 
 
-@pytest.fixture
-def raw() -> Iterator[Callable[..., RawServer]]:
-    """Starts servers whose every answer is given byte by byte."""
-    started: list[RawServer] = []
-
-    def start(*answers: Any) -> RawServer:
-        started.append(RawServer(*answers))
-        return started[-1]
-
-    yield start
-    for one in started:
-        one.stop()
-
-
 @pytest.fixture(autouse=True)
-def surroundings(monkeypatch: pytest.MonkeyPatch) -> None:
-    """No proxy, and no pauses between attempts."""
-    for name in ("http_proxy", "https_proxy", "all_proxy", "no_proxy"):
-        monkeypatch.delenv(name, raising=False)
-        monkeypatch.delenv(name.upper(), raising=False)
+def no_pauses(no_proxy: None, monkeypatch: pytest.MonkeyPatch) -> None:
+    """Between attempts."""
     monkeypatch.setattr(auth, "_BACKOFF_BASE", 0)

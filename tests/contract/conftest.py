@@ -11,9 +11,9 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.clocks import HandClock
 
 from .support import endings
-from .support.clocks import HandClock
 from .support.managers import build
 from .support.service import Service
 from .support.threads import ThreadCensus

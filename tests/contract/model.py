@@ -1,138 +1,12 @@
-"""What a manager owes its callers, in plain Python and without threads."""
+"""What a manager owes its callers over time; the machine that drives the real one plays the service."""
 
 from __future__ import annotations
 
 from dataclasses import dataclass
-from typing import Any
+
+from .serving import Answer, Fields, serve
 
 LIFETIME = 86400.0
-
-
-# One call of get_token on a manager in which nothing else moves: a wait ends, and everything is as before.
-
-
-@dataclass
-class Fields:
-    state: Any
-    token: Any
-    token_expiry: Any
-    permanent_error: Any
-    has_auth_event: bool
-    reauth_mode: Any
-    pending_era: Any
-    auth_error: Any
-    in_transient_backoff: Any
-    auth_time: Any
-    refresh_at: Any
-    refresh_pending: bool
-
-
-@dataclass(frozen=True)
-class Answer:
-    """A token, an error that must be that very object, or a reason; and what was done to get there."""
-
-    way: str
-    token: Any = None
-    error: Any = None
-    reason: str | None = None
-    nudged: bool = False
-
-
-def serve(fields: Fields, now: Any) -> Answer:
-    state = fields.state
-    if state == "CLOSED":
-        return Answer("closed", reason="manager_closed")
-    if state == "UNINITIALIZED":
-        return Answer("never logged in", reason="not_authenticated")
-    if state in ("AUTHENTICATING", "RE_AUTHENTICATING"):
-        return _while_running(fields, now)
-    if state == "AUTHENTICATED":
-        return _when_authenticated(fields, now)
-    return Answer("unknown state", reason="not_authenticated")
-
-
-def _while_running(fields: Fields, now: Any) -> Answer:
-    refresh_is_stuck = (
-        fields.state == "RE_AUTHENTICATING"
-        and fields.reauth_mode == "PROACTIVE"
-        and fields.in_transient_backoff
-    )
-    if (
-        refresh_is_stuck
-        and fields.pending_era is None
-        and fields.auth_error is None
-        and not fields.permanent_error
-        and fields.token is not None
-        and fields.token_expiry is not None
-        and now < fields.token_expiry
-    ):
-        return Answer("old token during back-off", token=fields.token)
-    if fields.pending_era is not None:
-        return _era_pending(fields, "running")
-    if fields.auth_error is not None:
-        return Answer("running: stored error", error=fields.auth_error)
-    if fields.permanent_error:
-        return Answer("running: permanent", reason="token_expired")
-    if fields.token is not None:
-        return Answer("running: token", token=fields.token)
-    return Answer("running: no token", reason="token_expired")
-
-
-def _era_pending(fields: Fields, where: str) -> Answer:
-    if fields.auth_error is not None:
-        return Answer(f"{where}: error of the era", error=fields.auth_error)
-    return Answer(f"{where}: era pending", reason="era_change_pending")
-
-
-def _when_authenticated(fields: Fields, now: Any) -> Answer:
-    if fields.pending_era is not None:
-        return _era_pending(fields, "authenticated")
-    if fields.token_expiry is not None and now >= fields.token_expiry:
-        if fields.permanent_error:
-            return Answer("expired: permanent", reason="token_expired")
-        if fields.refresh_pending and fields.token is not None:
-            return Answer("expired: old token", token=fields.token, nudged=True)
-        return Answer("expired", reason="token_expired", nudged=True)
-    due = fields.auth_time is not None and fields.refresh_at is not None and now >= fields.refresh_at
-    if due:
-        if fields.permanent_error or fields.token is None:
-            return Answer("due: nothing to serve", reason="token_expired", nudged=True)
-        return Answer("due: token", token=fields.token, nudged=True)
-    if fields.token is None:
-        return Answer("no token", reason="not_authenticated")
-    if fields.permanent_error:
-        return Answer("permanent", reason="token_expired")
-    return Answer("served", token=fields.token)
-
-
-SERVE_WAYS = frozenset(
-    {
-        "closed",
-        "never logged in",
-        "unknown state",
-        "old token during back-off",
-        "running: error of the era",
-        "running: era pending",
-        "running: stored error",
-        "running: permanent",
-        "running: token",
-        "running: no token",
-        "authenticated: error of the era",
-        "authenticated: era pending",
-        "expired: permanent",
-        "expired: old token",
-        "expired",
-        "due: nothing to serve",
-        "due: token",
-        "no token",
-        "permanent",
-        "served",
-    }
-)
-
-
-# A manager over time. The machine that drives the real one tells it what the service does.
-
 REFRESH_AFTER = LIFETIME * 0.8
 PERMANENT = frozenset({"signature_mismatch", "invalid_address"})
 
@@ -314,9 +188,7 @@ class Contract:
 
     def after_the_wait(self) -> int | Failure:
         """What a caller gets who waited for the flow that has just ended."""
-        if self.state == "CLOSED":
-            return CLOSED
-        return self._as_result(_while_running(self.fields(), self.now))
+        return self._as_result(serve(self.fields(), self.now, after_a_wait=True))
 
     def authenticate_after_the_wait(self) -> Failure | None:
         if self.state == "CLOSED":

@@ -4,15 +4,15 @@ from __future__ import annotations
 
 import json
 import signal
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from typing import Any
 
 import pytest
 
 from tessaline import auth
+from tests.shared.clocks import HandClock
 from tests.shared.threads import DEADLINE, Worker
 
-from .support.clocks import HandClock
 from .support.managers import reason
 from .support.service import CHALLENGE, REGISTER, Service, answer
 
@@ -33,33 +33,29 @@ def alarm() -> Iterator[None]:
     signal.signal(signal.SIGALRM, before)
 
 
-class CallingClock(HandClock):
-    """Calls the manager whenever the time is read."""
+def called_at_a_reading(clock: HandClock, call: Callable[[], Any]) -> list[Any]:
+    """What comes of a call that the clock makes when the time is read next."""
+    seen: list[Any] = []
 
-    def __init__(self, call: str) -> None:
-        super().__init__()
-        self.call = call
-        self.manager: Any = None
-        self.seen: list[Any] = []
+    def before() -> None:
+        clock.before = None
+        try:
+            seen.append(call())
+        except Exception as error:
+            seen.append(error)
 
-    def __call__(self) -> float:
-        if self.manager is not None:
-            manager, self.manager = self.manager, None
-            try:
-                self.seen.append(getattr(manager, self.call)())
-            except Exception as error:
-                self.seen.append(error)
-        return super().__call__()
+    clock.before = before
+    return seen
 
 
 @pytest.mark.usefixtures("alarm")
 @pytest.mark.parametrize("call", ["get_token", "get_token_expiry", "get_wallet_secret", "authenticate"])
-def test_a_clock_that_calls_the_manager_under_its_lock_is_refused(make_manager: Any, call: str) -> None:
-    clock = CallingClock(call)
-    manager = make_manager(clock=clock)
-    clock.manager = manager
+def test_a_clock_that_calls_the_manager_under_its_lock_is_refused(
+    manager: Any, clock: HandClock, call: str
+) -> None:
+    seen = called_at_a_reading(clock, getattr(manager, call))
     manager.authenticate()
-    (refusal,) = clock.seen
+    (refusal,) = seen
     assert type(refusal) is RuntimeError
     assert "while it holds its lock" in str(refusal)
     assert manager._state == "AUTHENTICATED"
@@ -67,12 +63,10 @@ def test_a_clock_that_calls_the_manager_under_its_lock_is_refused(make_manager: 
 
 
 @pytest.mark.usefixtures("alarm")
-def test_a_close_from_under_the_lock_is_done_when_the_lock_is_free(make_manager: Any) -> None:
-    clock = CallingClock("close")
-    manager = make_manager(clock=clock)
-    clock.manager = manager
+def test_a_close_from_under_the_lock_is_done_when_the_lock_is_free(manager: Any, clock: HandClock) -> None:
+    seen = called_at_a_reading(clock, manager.close)
     manager.authenticate()
-    assert clock.seen == [None]
+    assert seen == [None]
     assert manager._state == "CLOSED"
     assert manager._private_key is None
     assert manager._token is None

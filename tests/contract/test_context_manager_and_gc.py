@@ -15,9 +15,10 @@ import pytest
 import canary
 from tessaline import auth
 from tests.sanitized import SANITIZER
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker, until
 
-from .support.clocks import HandClock, ShortSleeps
+from .support.host import ShortSleeps
 from .support.managers import KEY, build, reason
 from .support.service import BASE, CHALLENGE, VERIFY, Service, always_answers, always_raises
 from .support.threads import ThreadCensus
@@ -407,7 +408,8 @@ def test_nothing_grows_with_use(
     # One block for each life would make 50; the interpreter's own caches breathe a little.
     assert grown < 2 * rounds
     assert len(gc.get_objects()) - objects < 2 * rounds
-    assert open_descriptors() == descriptors
+    # Kept connections of other tests may end meanwhile.
+    assert open_descriptors() <= descriptors
     assert threading.active_count() == 1 + len([t for t in census._known if t is not threading.main_thread()])
     # A sanitizer keeps blocks that were freed.
     assert SANITIZER or resident_kilobytes() - resident < 4096

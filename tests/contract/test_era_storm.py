@@ -10,9 +10,9 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.clocks import HandClock
 from tests.shared.threads import DEADLINE, Worker, until
 
-from .support.clocks import HandClock
 from .support.managers import build, reason
 from .support.service import CHALLENGE, Service, always_answers, era_of
 from .support.threads import ThreadCensus

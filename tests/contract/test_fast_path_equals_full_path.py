@@ -16,20 +16,12 @@ from tessaline import auth
 from tests.shared.modules import StandIn
 from tests.shared.threads import Worker, until
 
-from .model import SERVE_WAYS, Answer, Fields, serve
-from .support.clocks import ShortSleeps
+from .serving import SERVE_WAYS, Answer, Fields, serve, write
+from .support.host import ShortSleeps
 from .support.managers import build, reason
 from .support.service import Service
 
 FAR = 5000.0
-EVENTS = ("_refresh_stop", "_refresh_event", "_close_event", "_refresh_pending", "_refresh_done")
-
-
-class PassingEvent(threading.Event):
-    """Nobody waits for it: a wait ends at once and leaves everything as it is."""
-
-    def wait(self, timeout: float | None = None) -> bool:
-        return self.is_set()
 
 
 def copied(text: str) -> str:
@@ -81,22 +73,8 @@ def generated(chance: random.Random, instant: Callable[[], Any]) -> Fields:
     )
 
 
-def write(manager: Any, fields: Fields, chance: random.Random) -> None:
-    manager._state = fields.state
-    manager._token = fields.token
-    manager._token_expiry = fields.token_expiry
-    manager._permanent_refresh_error = fields.permanent_error
-    manager._reauth_mode = fields.reauth_mode
-    manager._pending_era_number = fields.pending_era
-    manager._auth_error = fields.auth_error
-    manager._in_transient_backoff = fields.in_transient_backoff
-    manager._auth_time = fields.auth_time
-    manager._refresh_at = fields.refresh_at
-    for name in EVENTS:
-        setattr(manager, name, PassingEvent())
-    if fields.refresh_pending:
-        manager._refresh_pending.set()
-    manager._auth_event = PassingEvent() if fields.has_auth_event else None
+def fill(manager: Any, fields: Fields, chance: random.Random) -> None:
+    write(manager, fields)
     if fields.has_auth_event and chance.random() < 0.5:
         manager._auth_event.set()
 
@@ -170,7 +148,6 @@ def healthy(manager: Any) -> None:
         Fields(
             "AUTHENTICATED", "a.b.c", now + FAR, False, True, None, None, None, False, now, now + FAR, False
         ),
-        random.Random(1),
     )
 
 
@@ -182,7 +159,7 @@ def test_both_ways_answer_as_the_contract_says(plain: Any, seed: int) -> None:
         now = time.time()
         moments = (now - FAR, now + FAR, now + FAR, now + FAR, int(now - FAR), int(now + FAR), None)
         fields = generated(chance, lambda moments=moments: chance.choice(moments))  # type: ignore[misc]
-        write(plain, fields, chance)
+        fill(plain, fields, chance)
         expected = serve(fields, now)
         ways[expected.way] += 1
         shown = (seed, number, fields, expected)
@@ -221,7 +198,7 @@ def test_each_boundary_is_met_exactly(plain: Any, seed: int) -> None:
             None,
         )
         fields = generated(chance, lambda nearby=nearby: chance.choice(nearby))  # type: ignore[misc]
-        write(plain, fields, chance)
+        fill(plain, fields, chance)
         expected = serve(fields, now)
         ways[expected.way] += 1
         check(plain, expected, (seed, number, now, fields, expected))

@@ -16,12 +16,10 @@ from tests.sanitized import searches_all_memory
 
 from .support import key_scan
 
-pytestmark = pytest.mark.process
-
 SCANNER = Path(key_scan.__file__)
 PACKAGE = Path(auth.__file__).parents[1]
 
-pytestmark = searches_all_memory
+pytestmark = [pytest.mark.process, searches_all_memory]
 
 ENDED = sorted(set(key_scan.LIVES) - {"stay_open", "read_the_field"})
 
@@ -55,6 +53,8 @@ def test_the_search_finds_the_key_of_a_manager_in_use() -> None:
     found = found_in("stay_open")
     assert found["bytes, first half"] >= 1
     assert found["bytes, second half"] >= 1
+    texts = ("as given", "lower", "upper")
+    assert {form: count for form, count in found.items() if form.startswith(texts) and count} == {}
 
 
 def test_the_search_finds_the_text_that_the_host_has_asked_for() -> None:

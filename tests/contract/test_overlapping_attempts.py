@@ -9,10 +9,11 @@ from unittest import mock
 import pytest
 
 from tessaline import auth
+from tests.shared.clocks import HandClock
 from tests.shared.modules import StandIn
 from tests.shared.threads import Worker, until
 
-from .support.clocks import HandClock, unstartable_threads
+from .support.host import unstartable_threads
 from .support.managers import reason
 from .support.service import CHALLENGE, VERIFY, Gate, Service, always_raises, era_of
 from .support.threads import ThreadCensus

@@ -19,9 +19,10 @@ import pytest
 
 import canary
 from tessaline import auth
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker, until
 
-from .support.clocks import HandClock, unstartable_threads
+from .support.host import unstartable_threads
 from .support.managers import KEY, build
 from .support.service import (
     BASE,

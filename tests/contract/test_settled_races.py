@@ -10,10 +10,11 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.clocks import HandClock
 from tests.shared.modules import StandIn
 from tests.shared.threads import DEADLINE, Worker, until
 
-from .support.clocks import HandClock, ShortSleeps, unstartable_threads
+from .support.host import ShortSleeps, unstartable_threads
 from .support.managers import build, reason
 from .support.service import CHALLENGE, VERIFY, Service, always_answers, always_raises, era_of
 from .support.threads import ThreadCensus, WatchedEvent
@@ -131,6 +132,7 @@ def test_a_refresh_whose_next_thread_cannot_be_started(
     assert logged_in._state == "AUTHENTICATED"
     assert logged_in._reauth_mode is None
     assert logged_in._auth_event.is_set()
+    assert logged_in._refresh_done.is_set()
     assert reason(logged_in._auth_error) == NO_THREAD
     assert logged_in.get_token() == service.tokens[1]
 

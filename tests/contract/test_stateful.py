@@ -10,7 +10,6 @@ from collections.abc import Callable
 from typing import Any, ClassVar
 
 import pytest
-from hypothesis import HealthCheck, settings
 from hypothesis import strategies as st
 from hypothesis.stateful import (
     RuleBasedStateMachine,
@@ -18,15 +17,17 @@ from hypothesis.stateful import (
     invariant,
     precondition,
     rule,
-    run_state_machine_as_test,
 )
 
 from tessaline import auth
+from tests.shared.clocks import HandClock
 from tests.shared.modules import StandIn
 from tests.shared.threads import Worker, until
 
-from .model import AUTH, CLOSED, LIFETIME, REFRESH_AFTER, Contract, Failure, serve
-from .support.clocks import HandClock, ShortSleeps
+from .model import AUTH, CLOSED, LIFETIME, REFRESH_AFTER, Contract, Failure
+from .serving import serve
+from .support import histories
+from .support.host import ShortSleeps
 from .support.managers import REASONS, build
 from .support.service import (
     CHALLENGE,
@@ -494,16 +495,4 @@ class Machine(RuleBasedStateMachine):
 
 
 def test_random_histories() -> None:
-    Machine.seen.clear()
-    run_state_machine_as_test(
-        Machine,
-        settings=settings(
-            max_examples=240,
-            stateful_step_count=50,
-            derandomize=True,
-            database=None,
-            deadline=None,
-            suppress_health_check=list(HealthCheck),
-        ),
-    )
-    assert {what: Machine.seen[what] for what in WORTH_SEEING if Machine.seen[what] < 3} == {}
+    histories.play(Machine, 240, 50, WORTH_SEEING)

@@ -11,12 +11,21 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.clocks import HandClock
 from tests.shared.modules import StandIn
 from tests.shared.threads import Worker, until
 
-from .support.clocks import HandClock, ShortSleeps
+from .support.host import ShortSleeps
 from .support.managers import build, reason
-from .support.service import CHALLENGE, DISPLAY_NAME, VERIFY, Service, always_answers, always_raises
+from .support.service import (
+    CHALLENGE,
+    DISPLAY_NAME,
+    REGISTER,
+    VERIFY,
+    Service,
+    always_answers,
+    always_raises,
+)
 from .support.threads import ThreadCensus, WatchedEvent
 
 WAKE = 0.1  # within which a closed manager's waiters are awake
@@ -68,26 +77,27 @@ def token_during_login(service: Service, clock: HandClock) -> tuple[Any, Worker]
     return manager, caller
 
 
-def token_during_era_change(service: Service, clock: HandClock) -> tuple[Any, Worker]:
+def during_era_change(service: Service, clock: HandClock, call: str, *args: Any) -> tuple[Any, Worker]:
     manager = build(service, clock)
     manager.authenticate()
     gate = service.hold(VERIFY)
     manager.notify_era_change(1)
     gate.reached()
-    caller = Worker(manager.get_token)
+    caller = Worker(getattr(manager, call), *args)
     manager._auth_event.waited_for()
     return manager, caller
+
+
+def token_during_era_change(service: Service, clock: HandClock) -> tuple[Any, Worker]:
+    return during_era_change(service, clock, "get_token")
 
 
 def login_during_era_change(service: Service, clock: HandClock) -> tuple[Any, Worker]:
-    manager = build(service, clock)
-    manager.authenticate()
-    gate = service.hold(VERIFY)
-    manager.notify_era_change(1)
-    gate.reached()
-    caller = Worker(manager.authenticate)
-    manager._auth_event.waited_for()
-    return manager, caller
+    return during_era_change(service, clock, "authenticate")
+
+
+def name_during_era_change(service: Service, clock: HandClock) -> tuple[Any, Worker]:
+    return during_era_change(service, clock, "set_display_name", "Ada")
 
 
 def token_with_era_change_after_the_first_look(service: Service, clock: HandClock) -> tuple[Any, Worker]:
@@ -153,17 +163,6 @@ def name_in_back_off(service: Service, clock: HandClock) -> tuple[Any, Worker]:
     service.fault = always_answers(DISPLAY_NAME, 503)
     caller = Worker(manager.set_display_name, "Ada")
     until(lambda: manager._in_transient_backoff, "the back-off")
-    return manager, caller
-
-
-def name_during_era_change(service: Service, clock: HandClock) -> tuple[Any, Worker]:
-    manager = build(service, clock)
-    manager.authenticate()
-    gate = service.hold(VERIFY)
-    manager.notify_era_change(1)
-    gate.reached()
-    caller = Worker(manager.set_display_name, "Ada")
-    manager._auth_event.waited_for()
     return manager, caller
 
 
@@ -436,8 +435,13 @@ def test_close_is_quick_where_no_request_runs(make_manager: Callable[..., Any], 
     assert shortest <= WAKE
 
 
-def test_close_during_the_back_off_of_the_refresh_thread(
-    make_manager: Callable[..., Any], service: Service, clock: HandClock, census: ThreadCensus
+@pytest.mark.parametrize("background", ["refresh", "era"])
+def test_close_during_the_back_off_of(
+    background: str,
+    make_manager: Callable[..., Any],
+    service: Service,
+    clock: HandClock,
+    census: ThreadCensus,
 ) -> None:
     shortest = float("inf")
     for _ in range(TRIES):
@@ -445,25 +449,10 @@ def test_close_during_the_back_off_of_the_refresh_thread(
         manager = make_manager()
         manager.authenticate()
         service.fault = always_raises(REFUSED)
-        clock.now += DAY
-        until(lambda manager=manager: manager._in_transient_backoff, "the back-off")  # type: ignore[misc]
-        begun = time.monotonic()
-        manager.close()
-        census.settle(0)
-        shortest = min(shortest, time.monotonic() - begun)
-    assert shortest <= WAKE
-
-
-def test_close_during_the_back_off_of_an_era_change(
-    make_manager: Callable[..., Any], service: Service, census: ThreadCensus
-) -> None:
-    shortest = float("inf")
-    for _ in range(TRIES):
-        service.fault = None
-        manager = make_manager()
-        manager.authenticate()
-        service.fault = always_raises(REFUSED)
-        manager.notify_era_change(4)
+        if background == "refresh":
+            clock.now += DAY
+        else:
+            manager.notify_era_change(4)
         until(lambda manager=manager: manager._in_transient_backoff, "the back-off")  # type: ignore[misc]
         begun = time.monotonic()
         manager.close()
@@ -535,7 +524,7 @@ def test_close_from_a_request_of_an_era_change(
     assert manager._state == "CLOSED" and manager._token is None
 
 
-@pytest.mark.parametrize("path", [CHALLENGE, VERIFY])
+@pytest.mark.parametrize("path", [REGISTER, CHALLENGE, VERIFY])
 def test_close_from_a_request_of_the_login(
     make_manager: Callable[..., Any], service: Service, path: str
 ) -> None:
@@ -543,6 +532,7 @@ def test_close_from_a_request_of_the_login(
     service.fault = lambda asked: manager.close() if asked == path else None
     assert reason(Worker(manager.authenticate).failure()) == "manager_closed"
     assert manager._state == "CLOSED" and manager._token is None and manager._refresh_thread is None
+    assert manager._private_key is None
 
 
 def test_close_from_the_clock_of_a_back_off(

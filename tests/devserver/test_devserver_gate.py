@@ -71,12 +71,6 @@ def gate(request: pytest.FixtureRequest) -> DevServer:
     return server
 
 
-def test_without_faults_it_is_the_same_service(gate: DevServer) -> None:
-    assert register(gate) == 400
-    state = gate.state()
-    assert (state["counts"]["register"], state["gate"]) == (1, ["pass"])
-
-
 def test_faults_come_in_order_and_then_connections_come_through(gate: DevServer) -> None:
     gate.faults("connect", [{"kind": "hang_up", "times": 2}, {"kind": "pass"}])
     for _ in range(2):

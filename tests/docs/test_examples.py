@@ -110,7 +110,7 @@ def test_the_examples_of_a_keeper_in_many_processes_and_of_many_wallets(server: 
 
 
 def test_the_example_for_coroutines(manager: auth.AuthManager) -> None:
-    (block,) = code_blocks(DOCS / "threads.md")
+    block = code_blocks(DOCS / "threads.md")[0]
     code = compile(block.text, block.page.name, "exec", flags=ast.PyCF_ALLOW_TOP_LEVEL_AWAIT)
     assert code.co_flags & inspect.CO_COROUTINE
     names: dict[str, Any] = {"asyncio": asyncio, "manager": manager}

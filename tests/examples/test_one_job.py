@@ -23,8 +23,8 @@ def test_refused_at_the_login_it_does_not_wait(server: DevServer) -> None:
     server.faults("register", [{"kind": "status", "status": 403}])
     status, output, complaints = outcome(server.url, "1000")
     assert (status, output) == (77, "")
-    # Above it is what the keeper logged.
-    assert complaints.splitlines()[-1] == f"{server.url}: unauthorized"
+    # Before or after it is what the keeper logged, on a thread of its own.
+    assert f"{server.url}: unauthorized" in complaints.splitlines()
 
 
 def test_refused_at_the_work(server: DevServer) -> None:

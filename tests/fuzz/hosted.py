@@ -67,10 +67,6 @@ def manager_over(transport: Callable[..., Any], **options: Any) -> Any:
     )
 
 
-def json_answer(status: int, value: Any, headers: dict[str, str] | None = None) -> Any:
-    return status, headers or {}, json.dumps(value).encode()
-
-
 def decoded(body: bytes) -> Any:
     """The value of a body; a text where it is no JSON."""
     if not body:

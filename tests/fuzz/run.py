@@ -34,7 +34,6 @@ DICTIONARIES = {
     "chunked_body": "http",
     "exchange": "http",
     "key_text": "key",
-    "private_key": "key",
     "redirect": "url",
     "reference": "url",
     "response_head": "http",

@@ -4,11 +4,9 @@ from __future__ import annotations
 
 import base64
 import contextlib
-import itertools
 import json
 import os
 import secrets
-import threading
 import traceback
 from collections import Counter
 from collections.abc import Callable
@@ -19,10 +17,9 @@ import canary
 from canary.telling import chain
 from devserver.testing import DevServer
 from tessaline import auth
+from tessaline.testing import FakeClock
 
 PAST_REFRESH = 80_000.0
-# Few, and each again only when the connections under it are gone: the transport remembers names for a while.
-_numbers = itertools.cycle(range(4))
 ENDPOINTS = {
     "/auth/register": "register",
     "/auth/challenge": "challenge",
@@ -34,30 +31,6 @@ ENDPOINTS = {
 def descriptors() -> int:
     """How many descriptors the process has open."""
     return len(os.listdir("/proc/self/fd"))
-
-
-class SteppedClock:
-    """A clock that stands still until it is told otherwise."""
-
-    def __init__(self) -> None:
-        self.now = 1_700_000_000.0
-
-    def __call__(self) -> float:
-        return self.now
-
-
-class CreepingClock:
-    """A clock that moves a little whenever it is read, so that nobody takes it for a broken one."""
-
-    def __init__(self) -> None:
-        self._lock = threading.Lock()
-        self.now = 1_700_000_000.0
-        self.step = 0.0001
-
-    def __call__(self) -> float:
-        with self._lock:
-            self.now += self.step
-            return self.now
 
 
 class Spy:
@@ -101,7 +74,7 @@ class Harness:
     def __init__(self, url: str, *, close_connections: bool = False, **options: Any) -> None:
         self.key = secrets.token_hex(32)
         self.spy = Spy({"Connection": "close"} if close_connections else None)
-        self.clock = options.pop("clock", None) or SteppedClock()
+        self.clock = options.pop("clock", None) or FakeClock()
         self.manager = auth.AuthManager(self.key, url, clock=self.clock, _transport=self.spy, **options)
         canary.watch(self.manager)
         self.delays: list[Any] = []
@@ -146,11 +119,6 @@ class Harness:
     def trigger_refresh(self) -> None:
         """Let the refresh point pass; the refresh thread sees it within 0.05 s."""
         self.clock.now += PAST_REFRESH
-
-
-def at_a_new_name(server: DevServer) -> str:
-    """The URL of `server` under a name to which no connection is kept yet."""
-    return f"http://name-{next(_numbers)}.localhost:{server.port}"
 
 
 def wire(server: DevServer) -> dict[str, int]:

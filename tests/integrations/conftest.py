@@ -1,8 +1,6 @@
-"""What these tests share; those of programs and servers take a while."""
+"""What these tests share."""
 
 from __future__ import annotations
-
-import pytest
 
 from tests.integrations.wallets import (
     keeper,
@@ -15,11 +13,3 @@ from tests.integrations.wallets import (
 
 # Fixtures.
 __all__ = ["keeper", "manager", "new_wallet", "no_thread_left", "server", "server_process"]
-
-
-@pytest.hookimpl(tryfirst=True)  # before those who choose by the marks
-def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
-    for item in items:
-        if "tests/integrations/" in item.path.as_posix():
-            item.add_marker(pytest.mark.process)
-            item.add_marker(pytest.mark.timeout(60))

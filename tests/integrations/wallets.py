@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import secrets
-import threading
 from collections.abc import Callable, Iterator
 
 import pytest
@@ -12,7 +11,7 @@ import canary
 from devserver.testing import DevServer
 from tessaline.auth import AuthManager
 from tessaline.keeper import Keeper
-from tests.shared.threads import until
+from tests.shared.threads import none_left
 
 
 @pytest.fixture(scope="package")
@@ -31,9 +30,7 @@ def server(server_process: DevServer) -> Iterator[DevServer]:
 
 @pytest.fixture(autouse=True)
 def no_thread_left() -> Iterator[None]:
-    before = set(threading.enumerate())
-    yield
-    until(lambda: set(threading.enumerate()) <= before, "the end of every thread")
+    yield from none_left()
 
 
 @pytest.fixture

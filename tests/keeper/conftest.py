@@ -10,8 +10,8 @@ import pytest
 from tessaline import auth
 from tessaline.keeper import Keeper
 from tests.contract.support import endings
-from tests.contract.support.clocks import HandClock
 from tests.contract.support.threads import ThreadCensus
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker
 
 from .support.driving import Heard

@@ -8,8 +8,8 @@ from typing import Any
 
 import pytest
 
-from tests.contract.support.clocks import HandClock
 from tests.contract.support.service import REGISTER
+from tests.shared.clocks import HandClock
 
 from .support.driving import has_failed, pass_time, settle, to_next_attempt
 from .support.faults import answers, away

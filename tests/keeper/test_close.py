@@ -12,9 +12,9 @@ import pytest
 
 from tessaline import auth
 from tessaline.keeper import Keeper
-from tests.contract.support.clocks import HandClock
 from tests.contract.support.managers import reason
 from tests.contract.support.threads import ThreadCensus
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker, until
 
 from .support.driving import Heard, has_failed, pass_time

@@ -10,9 +10,9 @@ from typing import Any
 import pytest
 
 from tessaline import auth
-from tests.contract.support.clocks import HandClock
 from tests.contract.support.managers import reason
 from tests.contract.support.service import era_of
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker, join_all
 
 from .support.driving import Heard, has_failed, pass_time, settle, to_next_attempt

@@ -10,7 +10,7 @@ import pytest
 
 from tessaline import auth
 from tessaline.errors import FINAL_REASONS
-from tests.contract.support.clocks import HandClock
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker, until
 
 from .support.driving import Heard, next_attempt, pass_time, to_next_attempt

@@ -7,9 +7,9 @@ from typing import Any
 
 import pytest
 
-from tests.contract.support.clocks import HandClock
 from tests.contract.support.service import era_of
 from tests.contract.support.threads import ThreadCensus
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker, until
 
 from .support.driving import has_failed, pass_time, settle, to_next_attempt

@@ -11,7 +11,7 @@ from tests.shared.threads import Worker, until
 
 from .support.driving import has_failed, pass_time, settle, to_next_attempt
 from .support.faults import away
-from .support.hostile import HookedClock
+from .support.looks import WatchedClock
 from .support.service import LIFETIME, Service
 
 RENEWAL = 0.63 * LIFETIME + 1
@@ -19,14 +19,14 @@ NAN = float("nan")
 
 
 @pytest.fixture
-def clock() -> HookedClock:
-    return HookedClock()
+def clock() -> WatchedClock:
+    return WatchedClock()
 
 
 class Readings:
     """Tells when workers have come to the clock, where they hold the keeper's lock until they wait."""
 
-    def __init__(self, clock: HookedClock) -> None:
+    def __init__(self, clock: WatchedClock) -> None:
         self.of: dict[int, int] = {}
         clock.before = self._count
 
@@ -42,7 +42,7 @@ class Readings:
 
 
 def test_a_report_during_a_renewal_costs_no_second_login(
-    keeper: Any, service: Service, clock: HookedClock
+    keeper: Any, service: Service, clock: WatchedClock
 ) -> None:
     refused = keeper.get_token()
     gate = service.hold()
@@ -62,7 +62,7 @@ def test_a_report_during_a_renewal_costs_no_second_login(
 
 @pytest.mark.parametrize("timeout", [float("inf"), 1e10, 1e300, 2**64], ids=repr)
 def test_a_wait_may_be_as_long_as_one_likes(
-    timeout: float, keeper: Any, service: Service, clock: HookedClock
+    timeout: float, keeper: Any, service: Service, clock: WatchedClock
 ) -> None:
     service.fault = away()
     clock.now += LIFETIME
@@ -77,7 +77,7 @@ def test_a_wait_may_be_as_long_as_one_likes(
     assert waiting.result() == service.granted[1].token
 
 
-def test_a_time_out_that_is_no_number(keeper: Any, service: Service, clock: HookedClock) -> None:
+def test_a_time_out_that_is_no_number(keeper: Any, service: Service, clock: WatchedClock) -> None:
     # Where a token is good nobody waits.
     assert keeper.get_token(timeout=NAN) == service.granted[0].token
     service.fault = away()

@@ -9,14 +9,13 @@ from typing import Any
 import pytest
 
 from tessaline.keeper import EraBoard
-from tests.contract.support.clocks import HandClock
 from tests.contract.support.service import REGISTER, VERIFY, era_of
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker, until
 
 from .support.driving import Heard, has_failed, pass_time, settle, to_next_attempt
 from .support.faults import away
-from .support.hostile import HookedClock
-from .support.looks import SCHEDULER
+from .support.looks import SCHEDULER, WatchedClock
 from .support.service import LIFETIME, Asked, Service
 from .support.wallets import manager
 
@@ -29,19 +28,19 @@ def trouble() -> OSError:
 
 
 @pytest.fixture
-def clock() -> HookedClock:
-    return HookedClock()
+def clock() -> WatchedClock:
+    return WatchedClock()
 
 
 @pytest.fixture
-def service(clock: HookedClock) -> Any:
+def service(clock: WatchedClock) -> Any:
     """One with a clock that never fails."""
     played = Service(lambda: clock.now)
     yield played
     played.let_go()
 
 
-def test_raises_while_a_login_ends(keeper: Any, service: Service, clock: HookedClock) -> None:
+def test_raises_while_a_login_ends(keeper: Any, service: Service, clock: WatchedClock) -> None:
     def fail_at_the_end(asked: Asked) -> None:
         if asked.path == VERIFY:
             clock.error = trouble()
@@ -56,7 +55,7 @@ def test_raises_while_a_login_ends(keeper: Any, service: Service, clock: HookedC
 
 
 def test_raises_while_an_era_is_announced(
-    make_keeper: Callable[..., Any], service: Service, clock: HookedClock
+    make_keeper: Callable[..., Any], service: Service, clock: WatchedClock
 ) -> None:
     keeper = make_keeper(3)
     keeper.start()
@@ -72,7 +71,7 @@ def test_raises_while_an_era_is_announced(
 def test_raises_while_the_scheduler_takes_in_an_era(
     make_keeper: Callable[..., Any],
     service: Service,
-    clock: HookedClock,
+    clock: WatchedClock,
     monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     monkeypatch.setattr("tessaline.keeper.scheduler._PAUSE_AFTER_FAILURE", 0.01)
@@ -96,7 +95,7 @@ def test_raises_while_the_scheduler_takes_in_an_era(
 
 
 def test_raises_while_it_is_started(
-    make_keeper: Callable[..., Any], service: Service, clock: HookedClock
+    make_keeper: Callable[..., Any], service: Service, clock: WatchedClock
 ) -> None:
     keeper = make_keeper()
     clock.error = trouble()
@@ -110,7 +109,7 @@ def test_raises_while_it_is_started(
 
 
 def test_one_of_two_raises_at_the_start(
-    make_keeper: Callable[..., Any], service: Service, clock: HookedClock
+    make_keeper: Callable[..., Any], service: Service, clock: WatchedClock
 ) -> None:
     bad = HandClock()
     bad.error = trouble()
@@ -127,7 +126,7 @@ def test_one_of_two_raises_at_the_start(
 
 
 def test_is_set_back_while_a_login_runs(
-    keeper: Any, service: Service, clock: HookedClock, heard: Heard
+    keeper: Any, service: Service, clock: WatchedClock, heard: Heard
 ) -> None:
     def set_back(asked: Asked) -> None:
         if asked.path == VERIFY:
@@ -145,7 +144,7 @@ def test_is_set_back_while_a_login_runs(
 
 @pytest.mark.parametrize("reading", [1, 2, 3])
 def test_raises_while_a_refusal_is_reported(
-    reading: int, keeper: Any, service: Service, clock: HookedClock
+    reading: int, keeper: Any, service: Service, clock: WatchedClock
 ) -> None:
     left = reading
 
@@ -171,7 +170,7 @@ def test_raises_while_a_refusal_is_reported(
 
 
 @pytest.mark.parametrize("nonsense", [float("nan"), float("inf"), float("-inf")], ids=repr)
-def test_says_no_number(nonsense: float, keeper: Any, service: Service, clock: HookedClock) -> None:
+def test_says_no_number(nonsense: float, keeper: Any, service: Service, clock: WatchedClock) -> None:
     service.fault = away()
     now, clock.now = clock.now, nonsense
     clock.await_looks()
@@ -185,7 +184,7 @@ def test_says_no_number(nonsense: float, keeper: Any, service: Service, clock: H
 
 @pytest.mark.parametrize("begin", ["not started", "good"])
 def test_raises_while_the_status_is_asked_for(
-    begin: str, make_keeper: Callable[..., Any], clock: HookedClock
+    begin: str, make_keeper: Callable[..., Any], clock: WatchedClock
 ) -> None:
     keeper = make_keeper(2)
     if begin == "good":

@@ -13,7 +13,7 @@ from typing import Any
 import pytest
 
 from tessaline import auth
-from tests.contract.support.clocks import HandClock
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker, until
 
 from .support.driving import Heard, pass_time, to_next_attempt

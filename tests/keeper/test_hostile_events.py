@@ -11,7 +11,7 @@ from typing import Any
 import pytest
 
 from tessaline import auth
-from tests.contract.support.clocks import HandClock
+from tests.shared.clocks import HandClock
 from tests.shared.threads import until
 
 from .support import programs

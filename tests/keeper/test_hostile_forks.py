@@ -12,13 +12,13 @@ PRELUDE = (
     programs.PRELUDE
     + """
 import tessaline.keeper.forks as forks
-from tests.keeper.support.hostile import HookedClock
+from tests.keeper.support.looks import WatchedClock
 from tests.keeper.support.looks import SCHEDULER
 from tests.shared.threads import Worker, within
 
 def slow_clock(name):
     # A clock that can be held up where it is read by the threads of this name: the clock, and who is at it.
-    clock = HookedClock()
+    clock = WatchedClock()
     clock.reached, clock.may_go = threading.Event(), threading.Event()
     clock.is_slow = False
     def hold():

@@ -10,8 +10,8 @@ from typing import Any
 import pytest
 
 import canary
-from tests.contract.support.clocks import HandClock
 from tests.contract.support.service import VERIFY
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker
 
 from .support.driving import has_failed, to_next_attempt

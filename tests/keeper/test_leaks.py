@@ -15,10 +15,10 @@ import pytest
 import canary
 from tessaline import auth
 from tessaline.keeper import Keeper
-from tests.contract.support.clocks import HandClock
 from tests.contract.support.threads import ThreadCensus
 from tests.integration.support import descriptors
 from tests.sanitized import searches_all_memory
+from tests.shared.clocks import HandClock
 
 from .support.driving import has_failed, pass_time, settle
 from .support.faults import away

@@ -8,7 +8,7 @@ from typing import Any
 
 import pytest
 
-from tests.contract.support.clocks import HandClock
+from tests.shared.clocks import HandClock
 from tests.shared.threads import until
 
 from .support.driving import Heard, pass_time, settle, to_next_attempt

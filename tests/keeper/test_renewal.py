@@ -7,8 +7,8 @@ from typing import Any
 
 import pytest
 
-from tests.contract.support.clocks import HandClock
 from tests.contract.support.threads import ThreadCensus
+from tests.shared.clocks import HandClock
 from tests.shared.threads import until
 
 from .support.driving import Heard, pass_time, settle

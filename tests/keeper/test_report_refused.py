@@ -7,7 +7,7 @@ from typing import Any
 
 import pytest
 
-from tests.contract.support.clocks import HandClock
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker, until
 
 from .support.driving import pass_time

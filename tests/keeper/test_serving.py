@@ -11,8 +11,8 @@ import pytest
 
 from tessaline import auth
 from tessaline.keeper import Keeper
-from tests.contract.support.clocks import HandClock
 from tests.contract.support.managers import reason
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker, until
 
 from .support.driving import pass_time, settle

@@ -8,9 +8,9 @@ from typing import Any
 import pytest
 
 from tessaline import auth
-from tests.contract.support.clocks import HandClock
 from tests.contract.support.managers import reason
 from tests.contract.support.service import VERIFY
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker, until, within
 
 from .support.driving import has_failed, settle, to_next_attempt

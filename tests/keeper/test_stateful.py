@@ -9,7 +9,6 @@ from collections.abc import Callable
 from typing import Any, ClassVar
 
 import pytest
-from hypothesis import HealthCheck, settings
 from hypothesis import strategies as st
 from hypothesis.stateful import (
     RuleBasedStateMachine,
@@ -17,11 +16,11 @@ from hypothesis.stateful import (
     invariant,
     precondition,
     rule,
-    run_state_machine_as_test,
 )
 
 from tessaline import auth
 from tessaline.keeper import Keeper
+from tests.contract.support import histories
 from tests.contract.support.managers import reason
 from tests.contract.support.service import VERIFY
 from tests.contract.support.threads import ThreadCensus
@@ -317,16 +316,4 @@ WORTH_SEEING = [
 
 
 def test_random_histories() -> None:
-    Machine.seen.clear()
-    run_state_machine_as_test(
-        Machine,
-        settings=settings(
-            max_examples=120,
-            stateful_step_count=30,
-            derandomize=True,
-            database=None,
-            deadline=None,
-            suppress_health_check=list(HealthCheck),
-        ),
-    )
-    assert {what: Machine.seen[what] for what in WORTH_SEEING if Machine.seen[what] < 3} == {}
+    histories.play(Machine, 120, 30, WORTH_SEEING)

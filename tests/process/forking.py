@@ -11,6 +11,7 @@ PRELUDE = """
 import base64, json, os, sys, threading, time, warnings
 warnings.simplefilter("ignore", DeprecationWarning)
 from tessaline import auth
+from tests.shared.children import begin_child, end_child, in_child
 
 KEY = "4c0883a69102937d6231471b5dbb6204fe5129617082792ae468d01a3f362318"
 
@@ -48,36 +49,6 @@ def until(condition):
 def owner_of(token):
     payload = token.split(".")[1]
     return json.loads(base64.urlsafe_b64decode(payload + "=" * (-len(payload) % 4)))["n"][0]
-
-def begin_child(body):
-    pid = os.fork()
-    if pid == 0:
-        status = 1
-        try:
-            body()
-            status = 0
-        except BaseException:
-            import traceback
-            traceback.print_exc()
-        finally:
-            os._exit(status)
-    return pid
-
-def end_child(pid):
-    deadline = time.monotonic() + 15
-    while True:
-        done, status = os.waitpid(pid, os.WNOHANG)
-        if done:
-            assert status == 0, f"the child ended with {status}"
-            return
-        if time.monotonic() > deadline:
-            os.kill(pid, 9)
-            os.waitpid(pid, 0)
-            raise AssertionError("the child hangs")
-        time.sleep(0.01)
-
-def in_child(body):
-    end_child(begin_child(body))
 
 def serves_and_renews():
     assert manager.get_token() == token

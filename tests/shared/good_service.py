@@ -1,4 +1,4 @@
-"""A service without a socket that says yes to everything, for programs that a tool watches."""
+"""A service without a socket that says yes to everything, or what a table says."""
 
 from __future__ import annotations
 
@@ -17,8 +17,11 @@ def token_of(subject: str) -> str:
 class GoodService:
     """An HttpTransport with one good answer for each endpoint. signatures: those that it was sent."""
 
-    def __init__(self) -> None:
+    def __init__(self, message: str = "Sign in", secret: bytes | str = bytes(32), token: str = "") -> None:
         self.signatures: list[str] = []
+        self._message = message
+        self._secret = base64.b64encode(secret).decode() if isinstance(secret, bytes) else secret
+        self._token = token
         self._address = ""
 
     def __call__(
@@ -28,12 +31,12 @@ class GoodService:
         answer: dict[str, Any] = {"status": "registered"}
         if url.endswith("/auth/challenge"):
             self._address = asked["wallet_address"]
-            answer = {"challenge_id": "challenge-1", "message": "Sign in"}
+            answer = {"challenge_id": "challenge-1", "message": self._message}
         elif url.endswith("/auth/verify"):
             self.signatures.append(asked["signature"])
             answer = {
-                "token": token_of(self._address),
+                "token": self._token or token_of(self._address),
                 "expires_at": 4_000_000_000,
-                "wallet_secret": base64.b64encode(bytes(32)).decode(),
+                "wallet_secret": self._secret,
             }
         return 200, {}, json.dumps(answer).encode()

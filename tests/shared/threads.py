@@ -6,7 +6,7 @@ import contextlib
 import os
 import threading
 import time
-from collections.abc import Callable, Iterable
+from collections.abc import Callable, Iterable, Iterator
 from pathlib import Path
 from typing import Any
 
@@ -47,6 +47,18 @@ def until(condition: Callable[[], Any], what: str = "the condition", timeout: fl
             raise AssertionError(f"{what} did not come true within {timeout} s")
         time.sleep(0.0005)
     return value
+
+
+def none_left(*others: str) -> Iterator[None]:
+    """The body of a fixture: no thread that has come since may be left, but for those named like `others`."""
+    before = set(threading.enumerate())
+    yield
+
+    def left() -> list[threading.Thread]:
+        come = set(threading.enumerate()) - before
+        return [thread for thread in come if thread.is_alive() and not thread.name.startswith(others)]
+
+    until(lambda: not left(), "the end of every thread")
 
 
 def waiters(event: threading.Event) -> int:

@@ -69,16 +69,6 @@ WAITS = {
     "a renewal past the expiry": LOGGED_IN + HELD + "clock.now += 2 * LIFETIME\n" + REACHED,
 }
 
-NOT_BEGUN = """
-manager._start_refresh = lambda: None
-manager.authenticate()
-manager._refresh_done.clear()
-clock.now += 0.9 * LIFETIME
-service.let_go = lambda: None if in_child() else manager._refresh_done.set()
-signal.signal(signal.SIGUSR1, fork)
-sender = signalled_once(waited_for(lambda: manager._refresh_done), signal.SIGUSR1)
-"""
-
 GET_TOKEN = """
 answer = outcome(manager.get_token)
 if in_child():
@@ -105,7 +95,3 @@ def test_the_child_does_not_wait_for_ever(wait: str, call: str) -> None:
     number, program = CALLS[call]
     send = f"signal.signal(signal.{number}, fork)\nsender = signalled_once(waits, signal.{number})\n"
     programs.run(WAITS[wait] + send + program, prelude=PRELUDE, ending="manager.close()\n")
-
-
-def test_a_wait_for_a_renewal_that_has_not_begun() -> None:
-    programs.run(NOT_BEGUN + GET_TOKEN, prelude=PRELUDE, ending="manager.close()\n")

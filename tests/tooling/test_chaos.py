@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import contextlib
-import itertools
 import re
 import sys
 from collections.abc import Callable, Iterator
@@ -13,10 +12,10 @@ from typing import Any
 import pytest
 
 from chaos import run_flows, run_lives
-from chaos.catalogue import FAULTS, PHASES
-from chaos.contract import GOOD, LOGIN, Answer, Fault, Manager, Refused, Service
+from chaos.catalogue import FAULTS
+from chaos.contract import Fault
 from chaos.life import Broken, Simulated
-from chaos.scenario import KINDS, Scenario, draw, product_size
+from chaos.scenario import Scenario, draw
 from chaos.stage import Stage
 from chaos.watchdog import HUNG, Watchdog
 from tessaline import auth
@@ -44,31 +43,6 @@ def by_name(name: str) -> Fault:
     return fault
 
 
-def small_choice() -> list[Scenario]:
-    """One flow for each kind and phase where there is one, stalls left out, and some drawn at random."""
-    wanted: set[tuple[str, str]] = set(itertools.product(KINDS, PHASES))
-    chosen = []
-    for number in range(product_size()):
-        scenario = draw(SEED, number)
-        (faults,) = scenario.plan.values()
-        if (scenario.kind, faults[0].phase) in wanted and not faults[0].stalls:
-            wanted.remove((scenario.kind, faults[0].phase))
-            chosen.append(scenario)
-    at_random = (draw(SEED, product_size() + number) for number in itertools.count())
-    quick = (
-        scenario
-        for scenario in at_random
-        if not any(fault.stalls for faults in scenario.plan.values() for fault in faults)
-    )
-    return chosen + list(itertools.islice(quick, 25))
-
-
-def test_flows_go_as_foretold(stage: Stage, watchdog: Watchdog) -> None:
-    scenarios = small_choice()
-    figures = run_flows.run(scenarios, stage, watchdog)
-    assert (figures.flows, figures.violations) == (len(scenarios), 0)
-
-
 def test_lives_go_as_they_must(watchdog: Watchdog) -> None:
     figures = run_lives.run([f"{SEED}:{number}" for number in range(20)], 40, watchdog)
     assert (figures.days, figures.violations) == (800, 0)
@@ -79,50 +53,6 @@ def test_lives_go_as_they_must(watchdog: Watchdog) -> None:
 def test_the_same_number_draws_the_same_flow() -> None:
     assert [draw(3, number) for number in range(50)] == [draw(3, number) for number in range(50)]
     assert draw(3, 0) != draw(4, 0)
-
-
-def test_names_are_unique_and_every_phase_has_faults() -> None:
-    names = [fault.name for fault in FAULTS]
-    assert len(names) == len(set(names))
-    assert {fault.phase for fault in FAULTS} == set(PHASES)
-
-
-# What the model foretells, against figures worked out by hand.
-
-
-def foretold(plan: dict[str, list[str]]) -> tuple[Manager, Refused | None]:
-    manager = Manager(Service(era=5), 1000.0)
-    manager.plan({endpoint: [by_name(name) for name in names] for endpoint, names in plan.items()})
-    return manager, manager.log_in()
-
-
-def test_the_model_of_a_login_without_faults() -> None:
-    manager, failure = foretold({})
-    assert failure is None
-    assert manager.record.attempts == dict.fromkeys(LOGIN, 1)
-    assert (manager.state, manager.expiry, manager.record.delays) == ("AUTHENTICATED", 87400.0, [])
-
-
-@pytest.mark.parametrize(
-    ("plan", "attempts", "delays", "error"),
-    [
-        ({"register": ["refused"] * 3}, (3, 0, 0), [1, 2], "Server unreachable after 3 attempts"),
-        ({"challenge": ["limited_7", "status_500"]}, (1, 3, 1), [7, 1], None),
-        ({"challenge": ["status_500", "limited"]}, (1, 3, 1), [1, 2], None),
-        ({"verify": ["stale_410"] * 3}, (1, 3, 3), [], "stale authentication challenge after 3 attempts"),
-        ({"verify": ["body_cut"]}, (1, 2, 3), [1], None),
-        ({"verify": ["status_401"]}, (1, 1, 1), [], "signature_mismatch"),
-        ({"register": ["status_400"]}, (1, 0, 0), [], "invalid_address"),
-        ({"register": ["empty"]}, (1, 1, 0), [], "unauthorized"),
-    ],
-)
-def test_the_model_of_a_login_with_faults(
-    plan: dict[str, list[str]], attempts: tuple[int, int, int], delays: list[int], error: str | None
-) -> None:
-    manager, failure = foretold(plan)
-    assert tuple(manager.record.attempts[endpoint] for endpoint in LOGIN) == attempts
-    assert manager.record.delays == delays
-    assert (failure and failure.text) == error
 
 
 # It sees what is wrong.
@@ -206,10 +136,6 @@ def test_a_refresh_before_its_time_is_seen(
 
     monkeypatch.setattr(Simulated, "_refresh_loop", hasty, raising=False)
     assert "a refresh before its time" in broken_life(watchdog, capsys)
-
-
-def test_good_answers_are_the_services_own() -> None:
-    assert GOOD.effect(Answer(418)) == Answer(418)
 
 
 @pytest.mark.parametrize("what", ["blocks", "native", "resident", "threads", "descriptors"])

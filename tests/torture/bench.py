@@ -13,8 +13,8 @@ from typing import Any
 
 import _torture
 
-from tests.contract.support.clocks import HandClock
 from tests.contract.support.service import BASE, Service
+from tests.shared.clocks import HandClock
 from tests.shared.threads import native_threads
 
 KEY = "8f2a55949038a9610f50fb23b5883af3b4ecb3c3bb792cbcefbd1542c692be63"

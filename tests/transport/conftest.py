@@ -21,7 +21,7 @@ from tests.shared.servers import (
 from .authorities import pem
 from .proxies import SetEnv
 from .raw import RawServer
-from .tls_server import Serve, context_of, serving
+from .tls_server import Serve, TlsServer, context_of, serving
 
 # Fixtures.
 __all__ = ["either", "http_process", "https_process", "https_server", "server", "trusted", "unused_port"]
@@ -61,6 +61,18 @@ def serve() -> Iterator[Serve]:
     """Starts servers like those of `raw` behind TLS, given a context first."""
     with serving() as start:
         yield start
+
+
+@pytest.fixture(scope="module")
+def other() -> trustme.CA:
+    """An authority that nobody trusts at first."""
+    return trustme.CA(organization_name="never asked for")
+
+
+@pytest.fixture
+def keeping(serve: Serve, authority: trustme.CA) -> TlsServer:
+    """A server of the authority that keeps its connections open."""
+    return serve(context_of(authority), keep_alive=True)
 
 
 @pytest.fixture

@@ -37,17 +37,6 @@ SIZE = 2000
 LAPS = 25
 
 
-@pytest.fixture(scope="module")
-def other() -> trustme.CA:
-    return trustme.CA(organization_name="never asked for")
-
-
-@pytest.fixture
-def keeping(serve: Serve, authority: trustme.CA) -> TlsServer:
-    """A server of the authority that keeps its connections open."""
-    return serve(context_of(authority), keep_alive=True)
-
-
 @pytest.fixture
 def closing(serve: Serve, authority: trustme.CA) -> TlsServer:
     """A server of the authority that ends each connection after its answer, and offers to resume."""

@@ -3,13 +3,25 @@
 from __future__ import annotations
 
 from tests.shared.servers import http_process, server, unused_port
-from tests.transport.conftest import authority, no_proxy, raw, roots, secured, serve, setenv
+from tests.transport.conftest import (
+    authority,
+    keeping,
+    no_proxy,
+    other,
+    raw,
+    roots,
+    secured,
+    serve,
+    setenv,
+)
 
 # Fixtures.
 __all__ = [
     "authority",
     "http_process",
+    "keeping",
     "no_proxy",
+    "other",
     "raw",
     "roots",
     "secured",

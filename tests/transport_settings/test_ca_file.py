@@ -22,17 +22,6 @@ from .readings import ACCEPTED, REFUSED, failure, notes, outcome
 SIZE = 2000
 
 
-@pytest.fixture(scope="module")
-def other() -> trustme.CA:
-    return trustme.CA(organization_name="never asked for")
-
-
-@pytest.fixture
-def keeping(serve: Serve, authority: trustme.CA) -> TlsServer:
-    """A server of the authority that keeps its connections open."""
-    return serve(context_of(authority), keep_alive=True)
-
-
 @pytest.fixture
 def own(tmp_path: Path, authority: trustme.CA) -> Path:
     """A file with the authority in it."""

@@ -1,10 +1,13 @@
-"""Reads the tables. What they are and where they come from is said beside them."""
+"""Reads the tables, and makes what they are tried on. Where they come from is said beside them."""
 
 from __future__ import annotations
 
 import csv
 import json
 from pathlib import Path
+
+from tessaline import auth
+from tests.shared.good_service import GoodService
 
 DATA = Path(__file__).with_name("data")
 
@@ -17,3 +20,7 @@ def rows(name: str) -> list[dict[str, str]]:
 
 def tokens() -> list[dict[str, str]]:
     return json.loads((DATA / "tokens/json_web_signatures.json").read_text(encoding="utf-8"))
+
+
+def manager_of(service: GoodService, key: str = "1" * 64) -> auth.AuthManager:
+    return auth.AuthManager(key, "https://auth.example.test", clock=lambda: 1000.0, _transport=service)

@@ -5,8 +5,9 @@ from __future__ import annotations
 import pytest
 from eth_utils.crypto import keccak
 
+from tests.shared.good_service import GoodService
+
 from . import tables
-from .servers import TableServer
 
 MESSAGES = tables.rows("messages/personal_messages.tsv")
 
@@ -25,7 +26,7 @@ def test_every_public_key_gives_its_address() -> None:
     for row in rows:
         point = bytes.fromhex(row["x"] + row["y"])
         expected = "0x" + keccak(point)[-20:].hex()
-        with TableServer().manager(row["d"]) as manager:
+        with tables.manager_of(GoodService(), row["d"]) as manager:
             assert manager.get_wallet_address() == expected
 
 
@@ -37,13 +38,13 @@ def test_how_many_messages_there_are() -> None:
 
 @pytest.mark.parametrize("row", [row for row in MESSAGES if is_text(row)], ids=lambda row: row["name"])
 def test_a_challenge_is_signed_as_a_personal_message(row: dict[str, str]) -> None:
-    server = TableServer(message=bytes.fromhex(row["message"]).decode())
-    with server.manager(row["key"]) as manager:
+    service = GoodService(message=bytes.fromhex(row["message"]).decode())
+    with tables.manager_of(service, row["key"]) as manager:
         manager.authenticate()
-    assert server.signature == "0x" + row["signature"]
+    assert service.signatures == ["0x" + row["signature"]]
 
 
 @pytest.mark.parametrize("row", [row for row in MESSAGES if row["address"]], ids=lambda row: row["name"])
 def test_a_key_has_the_address_of_its_source(row: dict[str, str]) -> None:
-    with TableServer().manager(row["key"]) as manager:
+    with tables.manager_of(GoodService(), row["key"]) as manager:
         assert manager.get_wallet_address() == "0x" + row["address"]

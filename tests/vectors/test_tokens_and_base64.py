@@ -8,9 +8,9 @@ from typing import Any
 import pytest
 
 from tessaline import auth
+from tests.shared.good_service import GoodService
 
 from . import tables
-from .servers import TableServer
 
 TOKENS = tables.tokens()
 CLAIMS = {"iss": "joe", "exp": 1300819380, "http://example.com/is_root": True}
@@ -50,7 +50,7 @@ def test_the_payload_of_a_token_is_read_or_the_token_refused(row: dict[str, str]
 
 @pytest.mark.parametrize("row", TOKENS, ids=lambda row: row["name"])
 def test_a_manager_takes_no_token_of_another(row: dict[str, str]) -> None:
-    with TableServer(token=row["token"]).manager() as manager:
+    with tables.manager_of(GoodService(token=row["token"])) as manager:
         with pytest.raises(auth.AuthError) as caught:
             manager.authenticate()
         assert caught.value.reason == "wallet_mismatch"
@@ -61,6 +61,6 @@ def test_a_manager_takes_no_token_of_another(row: dict[str, str]) -> None:
 
 @pytest.mark.parametrize("row", SECRETS, ids=lambda row: row["text"] or "empty")
 def test_a_wallet_secret_is_decoded(row: dict[str, str]) -> None:
-    with TableServer(secret=row["text"]).manager() as manager:
+    with tables.manager_of(GoodService(secret=row["text"])) as manager:
         manager.authenticate()
         assert manager.get_wallet_secret() == bytes.fromhex(row["bytes"])

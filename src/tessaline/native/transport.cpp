@@ -107,7 +107,8 @@ bool asks_to_wait(PyObject* answer) {
 PyObject* call(PyObject* self, PyObject* const* arguments, std::size_t count, PyObject* keyword_names) {
   return python::boundary([&] {
     python::require_stack();
-    static constexpr python::Parameters kParameters("transport", {"method", "url", "headers", "body"}, 4, 2, 0);
+    static constexpr python::Parameters kParameters("transport", {"method", "url", "headers", "body"}, 4, 2,
+                                                    0);
     const Transport& transport = transport_of(self);
     const Settings& settings = *transport.settings;
     const http::Request request =

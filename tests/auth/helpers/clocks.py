@@ -1,4 +1,4 @@
-"""Time that only moves when a test says so."""
+"""Scripted time: readings, sleeps and waits that go as a test lists them."""
 
 from __future__ import annotations
 
@@ -6,24 +6,6 @@ import threading
 import time
 from collections.abc import Callable
 from typing import Any
-
-
-class SteppedClock:
-    """A clock for injection: stands still until `advance` is called; can be made to raise."""
-
-    def __init__(self, now: float = 1000.0) -> None:
-        self.now = now
-        self.error: BaseException | None = None
-        self.readings = 0
-
-    def __call__(self) -> float:
-        self.readings += 1
-        if self.error is not None:
-            raise self.error
-        return self.now
-
-    def advance(self, seconds: float) -> None:
-        self.now += seconds
 
 
 class ScriptedClock:

@@ -9,9 +9,9 @@ from eth_account import Account
 
 import canary
 from tessaline import auth
+from tests.shared.clocks import HandClock
 from tests.shared.threads import Worker
 
-from .clocks import SteppedClock
 from .server import BASE, FakeServer
 
 KEY = "4c0883a69102937d6231471b5dbb6204fe5129617082792ae468d01a3f362318"
@@ -55,7 +55,7 @@ EVENT_FIELDS = ("_refresh_stop", "_refresh_event", "_close_event", "_refresh_pen
 def build(server: Any = None, clock: Any = None, *, cls: Any = None, key: str = KEY, **options: Any) -> Any:
     """A manager over an in-memory server with a stepped clock; nothing tracks it."""
     options.setdefault("_transport", FakeServer() if server is None else server)
-    options.setdefault("clock", SteppedClock() if clock is None else clock)
+    options.setdefault("clock", HandClock(1000.0) if clock is None else clock)
     canary.plant("key", key)
     return canary.watch((cls or auth.AuthManager)(key, BASE, **options))
 

@@ -6,8 +6,8 @@ from typing import Any
 
 import canary
 from tessaline import auth
+from tests.shared.clocks import HandClock
 
-from .clocks import HandClock
 from .service import BASE, Service
 
 KEY = "8f2a55949038a9610f50fb23b5883af3b4ecb3c3bb792cbcefbd1542c692be63"

@@ -7,7 +7,7 @@ from collections.abc import Callable
 from typing import Any
 
 from tessaline.keeper import KeeperEvent
-from tests.contract.support.clocks import HandClock
+from tests.shared.clocks import HandClock
 from tests.shared.threads import until
 
 ENDED = ("not started", "stopped", "closed")

@@ -7,7 +7,8 @@ import threading
 from collections.abc import Callable, Iterator
 from typing import Any
 
-from tests.contract.support.clocks import HandClock, ShortSleeps
+from tests.contract.support.host import ShortSleeps
+from tests.shared.clocks import HandClock
 from tests.shared.threads import until
 
 SCHEDULER = "tessaline-keeper"
@@ -18,9 +19,7 @@ QUICK = 0.002
 class WatchedClock(HandClock):
     """A clock that knows how often a scheduler has looked at it."""
 
-    def __init__(self, now: float = 1_000_000.0) -> None:
-        super().__init__(now)
-        self.looks = 0
+    looks = 0
 
     def __call__(self) -> float:
         if threading.current_thread().name == SCHEDULER:

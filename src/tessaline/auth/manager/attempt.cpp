@@ -37,23 +37,28 @@ bool Attempt::runs_here() const noexcept {
   return runner != 0 && runner == python::line_of_execution();
 }
 
-void Attempt::keep_failure(PyObject* error) {
-  if (failure.get() == error) return;
+void Attempt::remember_traceback(PyObject* error) {
+  if (raised_.get() == error) return;
   // Dropped last: they may own anything.
-  const Ref old_failure = std::exchange(failure, Ref::borrow(error));
-  const Ref old_traceback = std::exchange(traceback, python::traceback_of(error));
+  const Ref old_error = std::exchange(raised_, Ref::borrow(error));
+  const Ref old_traceback = std::exchange(traceback_, python::traceback_of(error));
 }
 
-void Attempt::raise_failure(PyObject* error) {
-  keep_failure(error);
-  python::set_traceback(error, traceback.get());
+void Attempt::keep_failure(PyObject* error) {
+  const Ref before = std::exchange(failure, Ref::borrow(error));
+  remember_traceback(error);
+}
+
+void Attempt::raise_stored(PyObject* error) {
+  remember_traceback(error);
+  python::set_traceback(error, traceback_.get());
   python::raise(error);
 }
 
 int Attempt::traverse(visitproc visit, void* arg) const {
   // Whoever else has a share stands on a stack, with the manager in its hands.
   if (holders_ > 1) return 0;
-  for (const Ref* kept : {&event, &thread, &failure, &traceback}) Py_VISIT(kept->get());
+  for (const Ref* kept : {&event, &thread, &failure, &raised_, &traceback_}) Py_VISIT(kept->get());
   return 0;
 }
 

@@ -2,6 +2,7 @@
 
 #include <Python.h>
 
+#include <array>
 #include <utility>
 
 #include "tessaline/auth/python/ref.hpp"
@@ -36,12 +37,17 @@ struct Attempt {
   /// Whether the calling line of execution runs it.
   bool runs_here() const noexcept;
 
-  /// Keeps what it ended in, and how the error's traceback stood then.
   void keep_failure(PyObject* error);
 
-  /// The same for an error that is kept already: as it stood when it was first kept. A manager that refuses
-  /// for hours would otherwise keep the frames of every refused caller alive.
-  [[noreturn]] void raise_failure(PyObject* error);
+  /// Raises an error that is stored, as the same object: with the traceback that it had when it was kept, or
+  /// raised so for the first time. A manager that refuses for hours would otherwise keep the frames of every
+  /// refused caller alive.
+  [[noreturn]] void raise_stored(PyObject* error);
+
+  /// Takes out the errors that it keeps.
+  std::array<Ref, 3> take_errors() noexcept {
+    return {std::move(failure), std::move(raised_), std::move(traceback_)};
+  }
 
   bool has_last_holder() const noexcept { return holders_ == 1; }
   int traverse(visitproc visit, void* arg) const;
@@ -52,12 +58,15 @@ struct Attempt {
   unsigned long runner = 0;    ///< the line of execution that runs it, or 0
   Ref event;                   ///< set when it has ended; None where the program has taken it away
   Ref thread;                  ///< started for it; empty: the one who began it runs it
-  Ref failure;
-  Ref traceback;
+  Ref failure;                 ///< what it ended in; empty: not yet, or well
 
  private:
   friend class AttemptRef;
   Attempt(Kind of_kind, Ref its_event) noexcept : kind(of_kind), event(std::move(its_event)) {}
+  void remember_traceback(PyObject* error);
+
+  Ref raised_;
+  Ref traceback_;
   int holders_ = 0;
 };
 

@@ -39,21 +39,20 @@ class Steps {
 };
 
 void wake_waiters(AuthManager& manager, PyObject* error) {
+  const AttemptRef last = manager.current_attempt();
+  bool wakes_all = false;
   {
     const HeldLock held(manager);
+    wakes_all = held.get(Field::kAuthEvent).get() == last->event.get();
     if (!held.is_none(Field::kAuthEvent)) manager.record_failure(held, error);
-    // An error that stays has frames, and they own what they own.
+    // Errors have frames, and those own what they own.
     const Ref left = held.get(Field::kAuthError);
     if (PyExceptionInstance_Check(left.get())) python::set_traceback(left.get(), Py_None);
+    for (Ref& kept : last->take_errors()) held.drop_later(std::move(kept));
+    held.drop_later(std::move(last->thread));
   }
-  // Also where a program has put another event into the field.
-  manager.wake_waiters_of(*manager.current_attempt());
-}
-
-void forget_last_attempt(AuthManager& manager) {
-  AttemptRef none = Attempt::make(Attempt::Kind::kProgram, Ref::none());
-  const HeldLock held(manager);
-  manager.replace_attempt(held, std::move(none));
+  // A program has put another event into the field.
+  if (!wakes_all) manager.wake_waiters_of(*last);
 }
 
 /// Without the lock: the state has turned all readers away.
@@ -111,7 +110,6 @@ void AuthManager::complete_close() {
   if (!error) error = steps.first();
   steps.take([&] { wake_waiters(*this, error.get()); });
   forget_credentials(*this);
-  steps.take([&] { forget_last_attempt(*this); });
   steps.raise_first();
   join_refresh_thread(*this);
 }

@@ -3,8 +3,8 @@
 #include <optional>
 #include <utility>
 
-#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/errors/errors.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"

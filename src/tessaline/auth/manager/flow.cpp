@@ -2,8 +2,8 @@
 #include <string>
 #include <utility>
 
-#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/errors/errors.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/manager/era.hpp"
 #include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/names.hpp"

@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/errors/errors.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/python/python.hpp"
 
 namespace tessaline::auth {
@@ -31,7 +31,7 @@ HeldLock::Afterwards::Afterwards(AuthManager& manager, unsigned long here) : man
 
 HeldLock::Afterwards::~Afterwards() {
   if (manager_ == nullptr) return;
-  python::drop(std::exchange(manager_->lock.replaced, nullptr));
+  if (manager_->lock.replaced != nullptr) python::drop(std::exchange(manager_->lock.replaced, nullptr));
   if (manager_->lock.close_deferred) manager_->finish_deferred_close();
 }
 

@@ -1,8 +1,8 @@
 #include <string_view>
 #include <utility>
 
-#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/errors/errors.hpp"
+#include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"

@@ -20,6 +20,20 @@ bool is_alive(PyObject* thread) {
   return alive;
 }
 
+namespace {
+
+/// Whether it is not still to be started.
+bool has_begun(PyObject* thread) {
+  bool begun = true;
+  // A program's own kind of thread may not know.
+  std::optional<python::Error> failure =
+      python::caught([&] { begun = !python::attribute(thread, names::ident).is_none(); });
+  if (failure && !failure->matches(PyExc_Exception)) throw std::move(*failure);
+  return begun;
+}
+
+}  // namespace
+
 Ref RefreshThreads::enlist(PyObject* thread) {
   Ref before = Ref::steal(std::exchange(newest, Py_NewRef(thread)));
   if (!before) return before;
@@ -29,9 +43,14 @@ Ref RefreshThreads::enlist(PyObject* thread) {
 }
 
 void RefreshThreads::withdraw(PyObject* thread, Ref before) {
-  if (newest != thread) return;
-  if (before) python::call_method(older, names::remove, {before.get()});
+  if (newest != thread) return remove_older(thread);
+  if (before) remove_older(before.get());
   python::drop(std::exchange(newest, before.release()));
+}
+
+void RefreshThreads::remove_older(PyObject* thread) {
+  const Ref list = Ref::borrow(older);
+  if (list && python::contains(list.get(), thread)) python::call_method(list.get(), names::remove, {thread});
 }
 
 void RefreshThreads::resign(PyObject* thread) noexcept {
@@ -42,15 +61,16 @@ bool RefreshThreads::is_newest_alive() const {
   return is_alive(newest);
 }
 
-Ref RefreshThreads::living_older(PyObject* for_thread) const {
+Ref RefreshThreads::living_older(PyObject* for_thread) {
   const Ref list = Ref::borrow(older);
-  while (newest == for_thread && list && python::length(list.get()) > 0) {
-    Ref thread = python::item(list.get(), python::integer(-1).get());
+  if (!list) return {};
+  for (Py_ssize_t index = python::length(list.get()); newest == for_thread && index > 0;) {
+    const Ref place = python::integer(static_cast<long>(--index));
+    // Another loop may have shortened the list meanwhile.
+    if (index >= python::length(list.get())) continue;
+    Ref thread = python::item(list.get(), place.get());
     if (is_alive(thread.get())) return thread;
-    // Not the last by now, where this loop was superseded and listed meanwhile.
-    if (python::contains(list.get(), thread.get())) {
-      python::call_method(list.get(), names::remove, {thread.get()});
-    }
+    if (has_begun(thread.get())) remove_older(thread.get());
   }
   return {};
 }

@@ -28,7 +28,8 @@ struct RefreshThreads {
   bool is_newest_alive() const;
 
   /// An older one that lives, for the newest to wake; else empty.
-  Ref living_older(PyObject* for_thread) const;
+  Ref living_older(PyObject* for_thread);
+  void remove_older(PyObject* thread);
 
   int traverse(visitproc visit, void* arg) const;
   void clear() noexcept;

@@ -62,9 +62,9 @@ void AuthManager::begin_attempt(const HeldLock& held, AttemptRef begun, State st
 
 void AuthManager::replace_attempt(const HeldLock& held, AttemptRef replacement) noexcept {
   if (attempt->has_last_holder()) {
-    for (Ref* kept : {&attempt->event, &attempt->thread, &attempt->failure, &attempt->traceback}) {
-      held.drop_later(std::move(*kept));
-    }
+    for (Ref& kept : attempt->take_errors()) held.drop_later(std::move(kept));
+    held.drop_later(std::move(attempt->event));
+    held.drop_later(std::move(attempt->thread));
   }
   AttemptRef::give_back(std::exchange(attempt, replacement.release()));
 }
@@ -156,7 +156,7 @@ void AuthManager::wake_waiters_of(const Attempt& ended) {
 
 void AuthManager::raise_stored(const HeldLock& held, PyObject* error) {
   held.raise_if_closed();
-  attempt->raise_failure(error);
+  attempt->raise_stored(error);
 }
 
 Ref recorded_error(const python::Error& error) noexcept {

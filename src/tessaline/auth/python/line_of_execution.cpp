@@ -7,6 +7,7 @@
 #include "tessaline/auth/python/call.hpp"
 #include "tessaline/auth/python/caught.hpp"
 #include "tessaline/auth/python/globals.hpp"
+#include "tessaline/auth/python/import.hpp"
 
 namespace tessaline::auth::python {
 namespace {

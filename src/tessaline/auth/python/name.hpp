@@ -4,8 +4,8 @@
 
 namespace tessaline::auth::python {
 
-/// A name known to Python, interned on first use and kept until the process ends, or the module could not be imported. Always a
-/// global.
+/// A name known to Python, interned on first use and kept until the process ends, or the module could not be
+/// imported. Always a global.
 class Name {
  public:
   explicit constexpr Name(const char* text) noexcept : text_(text) {}

@@ -59,7 +59,7 @@ void raise(PyObject* type, const char* message, std::string_view note) {
 void raise_apart(PyObject* type, const char* message, std::string_view note) {
   const Ref error = call(type, {text(message).get()});
   PyObject* const object = error.get();
-  attempt([=] {
+  best_effort([=] {
     const Ref made = text(note);
     PyObject* const value = made.get();
     checked(door([=] { return PyObject_CallMethod(object, "add_note", "O", value); }));

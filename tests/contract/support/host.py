@@ -1,4 +1,4 @@
-"""Time that moves when a test says so, and stand-ins for the host's modules."""
+"""Stand-ins for the host's modules: a `time` that does not sleep, a `threading` that does not start."""
 
 from __future__ import annotations
 
@@ -8,19 +8,6 @@ from collections.abc import Callable
 from typing import Any
 
 from tests.shared.modules import StandIn
-
-
-class HandClock:
-    """Stands still until it is moved. May be told to raise."""
-
-    def __init__(self, now: float = 1_000_000.0) -> None:
-        self.now = now
-        self.error: BaseException | None = None
-
-    def __call__(self) -> float:
-        if self.error is not None:
-            raise self.error
-        return self.now
 
 
 class ShortSleeps:

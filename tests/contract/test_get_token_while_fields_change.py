@@ -1,4 +1,4 @@
-"""Both paths of `get_token` against one model of what it gives."""
+"""`get_token` while its fields change wherever it waits or reads, against the model of what it gives."""
 
 from __future__ import annotations
 
@@ -11,9 +11,9 @@ import pytest
 
 from tessaline import auth
 
-from .helpers.clocks import ScriptedEvent
-from .helpers.managers import build, reason_of
-from .helpers.token_model import Refused, Stored, TokenModel
+from .serving import GetToken, Refused, Stored
+from .support.managers import build, reason
+from .support.service import Service
 
 NOW = 1000.0
 
@@ -56,6 +56,17 @@ CHOICES: dict[str, list[Any]] = {
     "_refresh_at": [NOW + 5, NOW + 0.001, NOW, NOW - 0.001],
 }
 EVENTS = [None, "clear", "clear", "set"]
+# Seldom drawn, and most of what can change then makes the caller wait.
+OLD_TOKEN_DURING_BACK_OFF: dict[str, Any] = {
+    "_state": "RE_AUTHENTICATING",
+    "_token": "token one",
+    "_token_expiry": NOW + 86400,
+    "_permanent_refresh_error": False,
+    "_reauth_mode": "PROACTIVE",
+    "_pending_era_number": None,
+    "_auth_error": None,
+    "_in_transient_backoff": True,
+}
 
 
 class World:
@@ -66,6 +77,8 @@ class World:
         self.start = {name: source.choice(values) for name, values in CHOICES.items()}
         if source.random() < 0.5:
             self.start.update(_pending_era_number=None, _permanent_refresh_error=False)
+        if source.random() < 0.2:
+            self.start.update(OLD_TOKEN_DURING_BACK_OFF)
         for name in ("_token_expiry", "_auth_time", "_refresh_at"):
             if source.random() < 0.1:
                 self.start[name] = None
@@ -99,7 +112,7 @@ class World:
             for name, value in self.changes[place][min(index, 3)].items():
                 setattr(target, name, make_event(value) if name == "_auth_event" else value)
 
-        class Event(ScriptedEvent):
+        class Event(threading.Event):
             place = ""
 
             def wait(self, *args: Any, **kwargs: Any) -> bool:
@@ -141,10 +154,10 @@ class World:
 
 
 def wanted(world: World) -> tuple[tuple[Any, ...], Any]:
-    model = TokenModel()
+    model = GetToken()
     record = world.install(model)
     try:
-        outcome: tuple[Any, ...] = ("token", model.get_token())
+        outcome: tuple[Any, ...] = ("token", model())
     except Refused as error:
         outcome = ("refused", error.reason)
     except Stored as error:
@@ -165,7 +178,7 @@ def observed(world: World, manager: Any) -> tuple[Any, ...]:
         outcome: tuple[Any, ...] = ("token", manager.get_token())
     except auth.AuthError as error:
         known = any(error is stored for stored in STORED)
-        outcome = ("stored", id(error)) if known else ("refused", reason_of(error))
+        outcome = ("stored", id(error)) if known else ("refused", reason(error))
     assert not manager._lock.locked()
     return (*outcome, record, polls)
 
@@ -173,7 +186,7 @@ def observed(world: World, manager: Any) -> tuple[Any, ...]:
 @pytest.mark.parametrize("lock", [threading.Lock, OtherLock], ids=["host lock", "other lock"])
 @pytest.mark.parametrize("batch", range(4))
 def test_generated_states_are_served_as_the_model_says(lock: Callable[[], Any], batch: int) -> None:
-    manager = build()
+    manager = build(Service())
     wrong = []
     for seed in range(batch * 1500, (batch + 1) * 1500):
         world = World(seed)
@@ -195,8 +208,8 @@ def test_the_generated_states_reach_every_kind_of_outcome() -> None:
         (kind, value, record, polls), _ = wanted(World(seed))
         outcomes.add((kind, value if kind == "refused" else "", bool(record["event"]), bool(record["done"])))
         outcomes.add(("polls", tuple(polls)))
-    for reason in ("manager_closed", "not_authenticated", "token_expired", "era_change_pending"):
-        assert any(outcome[:2] == ("refused", reason) for outcome in outcomes), reason
+    for why in ("manager_closed", "not_authenticated", "token_expired", "era_change_pending"):
+        assert any(outcome[:2] == ("refused", why) for outcome in outcomes), why
     assert {("token", "", True, False), ("token", "", False, True), ("token", "", False, False)} <= outcomes
     assert {("stored", "", True, False), ("stored", "", False, True)} <= outcomes
     assert {("polls", (True,)), ("polls", (False,))} <= outcomes
