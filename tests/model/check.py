@@ -23,7 +23,9 @@ ASSERTION = re.compile(r"\bassert\(")
 COMPILE = ["-O0", "-w", "-DCOLLAPSE", "-DMEMLIM=3500", "-DVECTORSZ=1024"]
 DEPTH = "-m1000000"
 TIMEOUT = 900
-SAMPLE_SECONDS = 20  # of the processor's time, so that a busy machine finds what a quiet one does
+# Of the processor's time, so that a busy machine finds what a quiet one does.
+GLANCE_SECONDS = 1
+SAMPLE_SECONDS = 20
 
 
 @dataclass(frozen=True)
@@ -115,20 +117,21 @@ def search_intact(configuration: Configuration) -> tuple[Verdict, Verdict | None
 
 def kill(mutant: Mutant) -> str:
     """The configuration that objects to the mutant, or nothing. The excused are spared the large ones."""
-    excused = str(mutant) in SURVIVORS
-    for configuration in CONFIGURATIONS:
-        if configuration.small and search(BUILD / configuration.name / "safety", mutant=mutant.number).errors:
-            return configuration.name
+    small = [configuration for configuration in CONFIGURATIONS if configuration.small]
     large = [configuration for configuration in CONFIGURATIONS if not configuration.small]
-    for configuration in [] if excused else [*reversed(large), *SAMPLES]:
-        try:
-            found = search(
-                BUILD / configuration.name / "safety", mutant=mutant.number, seconds=SAMPLE_SECONDS
-            )
-        except Unfinished:
-            continue
-        if found.errors:
-            return configuration.name
+    left = small if str(mutant) in SURVIVORS else [*small, *reversed(large), *SAMPLES]
+    for seconds in (GLANCE_SECONDS, SAMPLE_SECONDS):
+        unfinished = []
+        for configuration in left:
+            folder = BUILD / configuration.name / "safety"
+            try:
+                found = search(folder, mutant=mutant.number, seconds=seconds)
+            except Unfinished:
+                unfinished.append(configuration)
+                continue
+            if found.errors:
+                return configuration.name
+        left = unfinished
     return ""
 
 

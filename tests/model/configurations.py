@@ -8,7 +8,7 @@ ABSENT = {
     "GETTERS": 0,  # calls of get_token, each on a thread of its own
     "LOGINS": 0,  # threads that call authenticate ...
     "LOGIN_CALLS": 1,  # ... so often
-    "ERAS": 0,  # announcements by one thread of the host, each of a higher era
+    "ERAS": 0,  # announcements by one thread of the program, each of a higher era
     "TICKS": 0,  # of the clock: a token is due after one and expired after two
     "NOW": 0,  # ticks that have passed in the beginning
     "CLOSES": 0,  # one call of close, at any moment

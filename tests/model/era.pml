@@ -17,29 +17,29 @@ inline require_era(era) {
   mode = ERA_CHANGE
 }
 
-/* settle_failure, under the lock */
-inline settle_failed_era(own, got) {
-  if
-  :: GUARD(failed_era_leaves_closed_alone, state == CLOSED)
-  :: else ->
+inline announce() {
+  HELD_LOCK {
+    own = 0;
+    refused = 0;
     if
-    :: GUARD(failed_era_is_newest, attempt != own) -> awake = awake | bit_of(own)
+    :: GUARD(announcement_refused, state == CLOSED || state == UNINITIALIZED) ->
+      assert(state == CLOSED || state == UNINITIALIZED);
+      refused = 1
     :: else ->
-      assert(attempt == own && state != CLOSED);
+      assert(state != CLOSED);
+      require_era(era);
       if
-      :: GUARD(era_failed_for_good, got == PERMANENT) -> permanent_error = 1; assert(got == PERMANENT)
-      :: else
-      fi;
-      assert(got != PERMANENT || permanent_error);
-      state = AUTHENTICATED;
-      mode = NO_MODE;
-      settle_attempt(own)
+      :: GUARD(running_attempt_meets_era, state == AUTHENTICATING || state == RE_AUTHENTICATING)
+      :: else ->
+        begin_attempt(own, kEraChange, kBegun, RE_AUTHENTICATING, ERA_CHANGE)
+      fi
     fi
-  fi
+  }
 }
 
-/* The host announces two eras in any order, either of them twice; it may stop at any moment. */
-proctype host() {
+/* AuthManager::notify_era_change. The program announces two eras in any order, either of them twice; it may stop at
+ * any moment. */
+proctype notify_era_change() {
   byte era, own, announcements, required;
   bit refused;
 
@@ -50,35 +50,15 @@ proctype host() {
     :: era = 1 + ERAS
     :: era = 2
     fi;
-    atomic {    /* announce */
-      own = 0;
-      refused = 0;
-      if
-      :: GUARD(announcement_refused, state == CLOSED || state == UNINITIALIZED) ->
-        assert(state == CLOSED || state == UNINITIALIZED);
-        refused = 1
-      :: else ->
-        assert(state != CLOSED);
-        require_era(era);
-        if
-        :: GUARD(running_attempt_meets_era, state == AUTHENTICATING || state == RE_AUTHENTICATING)
-        :: else ->
-          begin_attempt(own);
-          state = RE_AUTHENTICATING;
-          renewals_running++
-        fi
-      fi
-    }
+    announce();
     if
     :: own != 0 ->
       EFFECT(announcement_wakes_loop, refresh_event = 1);
-      era_thread_lives = 0;    /* another thread takes the slot */
       if
-      :: atomic { era_thread_lives = 1; run era_thread() }    /* Thread.start */
+      :: run background_reauth()    /* Thread.start */
       :: atomic { starts_to_fail > 0 -> starts_to_fail--; a_start_failed = 1 };
-        atomic { flying--; settle_failed_era(own, TRANSIENT) }
-      fi;
-      renewals_running--
+        settle_failure(own, kEraChange, TRANSIENT)
+      fi
     :: else
     fi;
     atomic {
@@ -92,22 +72,10 @@ proctype host() {
   ended++
 }
 
-/* AuthManager::background_reauth */
-proctype era_thread() {
+proctype background_reauth() {
   byte own, got, era_before, mine, before;
-  bit failed, flies = 1;
+  bit failed;
 
-  own = attempt;
-  renew(got, era_before, flies);
-  if
-  :: got == TRANSIENT || got == PERMANENT ->
-    atomic {
-      flying = flying - flies;
-      flies = 0;
-      settle_failed_era(own, got)
-    }
-  :: got == DROPPED
-  :: else -> start_next_refresh()
-  fi;
-  era_thread_lives = 0
+  atomic { own = attempt; attempts[own].phase = kRunning };
+  renew(own, kEraChange, got, era_before)
 }

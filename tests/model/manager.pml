@@ -1,8 +1,9 @@
 /* The manager's state machine, as its threads see it.
  *
- * An `atomic` sequence stands for one section of the C++ under `_lock`, or for one look or store under the
- * interpreter's lock; each names its function. Between them any other thread may run. GUARD marks a decision of
- * the C++ and EFFECT a store or signal, so that each can be taken out to see whether that is noticed.
+ * Files, processes and functions bear the names of the C++. A HELD_LOCK sequence stands for one section of it under
+ * `_lock`, an `atomic` one for one look or store under the interpreter's lock; between them any other thread may run.
+ * GUARD marks a decision of the C++ and EFFECT a store or signal, so that each can be taken out to see whether that
+ * is noticed.
  *
  * A configuration (tools/model) says how many callers, announcements, clock ticks and failures there are. */
 
@@ -19,13 +20,22 @@ c_decl {
   :: else \
   fi
 
+#include "held_lock.pml"
 #include "fields.pml"
+#include "attempt.pml"
+#include "refresh_threads.pml"
+#include "refresh_waiters.pml"
 #include "flow.pml"
+#include "store.pml"
+#include "settle.pml"
 #include "renewal.pml"
-#include "login.pml"
+#include "refresh_loop.pml"
+#include "authenticate.pml"
 #include "era.pml"
+#include "poll.pml"
+#include "fast_path.pml"
 #include "serving.pml"
-#include "shutdown.pml"
+#include "close.pml"
 
 /* The manager's clock; it need not go on. */
 proctype clock() {
@@ -41,24 +51,24 @@ init {
   atomic {
     if
     :: LOGGED_IN ->
-      attempt = 1; auth_event = 1; awake = bit_of(1);
+      attempt = 1; attempts[1].kind = kLogin; attempts[1].phase = kEnded; attempts[1].event = 1;
       stores = 1; token = 1; token_era = 1; state = AUTHENTICATED;
-      threads = 1; newest_thread = 1; refresh_thread = 1; living = bit_of(1);
-      run refresher(1)
+      threads = 1; refresh_threads.newest = 1; refresh_thread = 1; living = bit_of(1);
+      run refresh_loop(1)
     :: else
     fi;
     count = 0;
     do
-    :: count < GETTERS -> run getter(); count++
+    :: count < GETTERS -> run get_token(); count++
     :: else -> break
     od;
     count = 0;
     do
-    :: count < LOGINS -> run login(LOGIN_CALLS); count++
+    :: count < LOGINS -> run authenticate(LOGIN_CALLS); count++
     :: else -> break
     od;
     if
-    :: ERAS > 0 -> run host()
+    :: ERAS > 0 -> run notify_era_change()
     :: else -> ended++
     fi;
     if
@@ -66,7 +76,7 @@ init {
     :: else -> ended++
     fi;
     if
-    :: CLOSES -> run closer()
+    :: CLOSES -> run close()
     :: else
     fi;
     count = 0
@@ -76,13 +86,14 @@ init {
     timeout ->
     assert(ended == GETTERS + LOGINS + 2 + CLOSES);
     assert(state != AUTHENTICATING && state != RE_AUTHENTICATING);
-    assert(flying == 0 || state == CLOSED);
-    assert(renewals_running == 0 && refresh_waiters == 0 && !era_thread_lives && !backing_off);
+    assert(in_flight == 0 || state == CLOSED);
+    assert(refresh_waiters.count == 0 && !backing_off);
+    for (count : 1 .. attempt) { assert(attempts[count].phase == kEnded) }
     assert(!CLOSES || (state == CLOSED && living == 0 && token == 0));
     assert(a_start_failed || living == bit_of(last_of(living)) || living == 0);    /* superseded loops have ended */
     /* Renewal goes on where the contract has it go on. */
     assert(state != AUTHENTICATED || pending_era != 0 || a_start_failed || lives(refresh_thread));
     /* An era that is still pending has been tried for. */
-    assert(pending_era == 0 || auth_error != NO_ERROR)
+    assert(pending_era == 0 || auth_error)
   }
 }

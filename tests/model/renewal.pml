@@ -1,44 +1,26 @@
-/* The refresh threads: manager/renewal.cpp and refresh_loop.cpp. */
+/* When and where a renewal runs: manager/renewal.cpp. */
 
-/* reauthentication_is_orphaned */
-#define ORPHANED (state == RE_AUTHENTICATING && renewals_running == 0 && !era_thread_lives)
+#define REAUTHENTICATION_IS_ORPHANED (state == RE_AUTHENTICATING && !is_worked_on(attempt))
 
-/* What a pass would do something about. The passes in between, one per poll, find and change nothing; one that
- * comes at any other time is counted, so that every run ends. */
-#define worth_a_pass \
-  (refresh_event || state == AUTHENTICATED || state == CLOSED || refresh_stop || close_event || \
-   (refresh_thread == me && !was_registered) || \
-   (was_registered && refresh_thread != 0 && refresh_thread != me) || \
-   (refresh_thread != me && newest_thread != me && lives(newest_thread)) || \
-   (newest_thread == me && (older_threads & living) != 0))
-
-/* RefreshLoop::run, on a thread of its own. */
-#define POLL 99    /* wait for one poll, not until a time */
-
-/* RefreshLoop::resign */
-#define RESIGN atomic { if :: newest_thread == me -> newest_thread = 0 :: else fi }
-
-/* AuthManager::record_unstarted_refresh, one section under the lock. */
+/* AuthManager::record_unstarted_refresh */
 inline record_unstarted_refresh() {
-  atomic {
+  HELD_LOCK {
     if
     :: GUARD(unstarted_leaves_closed_alone, state == CLOSED) -> assert(state == CLOSED)
     :: else ->
       EFFECT(unstarted_ends_refresh, refresh_done = 1);
       if
-      :: GUARD(unstarted_finds_nobody_at_work, state == AUTHENTICATED || ORPHANED) ->
-        auth_error = NO_THREAD;
-        assert(flying == 0 && (state == AUTHENTICATED || ORPHANED));    /* a running attempt is left alone */
+      :: GUARD(unstarted_finds_nobody_at_work, state == AUTHENTICATED || REAUTHENTICATION_IS_ORPHANED) ->
+        assert(in_flight == 0);    /* a running attempt is left alone */
+        assert(state == AUTHENTICATED || REAUTHENTICATION_IS_ORPHANED);
         state = AUTHENTICATED;
         mode = NO_MODE;
-        if
-        :: auth_event != 0 -> awake = awake | bit_of(auth_event)
-        :: else
-        fi
+        auth_error = 1;
+        set_auth_event()
       :: else ->
         assert(state != AUTHENTICATED);
         if
-        :: state == UNINITIALIZED -> auth_error = NO_THREAD
+        :: state == UNINITIALIZED -> auth_error = 1
         :: else
         fi
       fi
@@ -50,7 +32,7 @@ inline record_unstarted_refresh() {
  * set where it could not be started. */
 inline start_refresh(mine, before, failed) {
   failed = 0;
-  atomic {
+  HELD_LOCK {
     if
     :: GUARD(no_renewal_after_close, state == CLOSED) -> assert(state == CLOSED); mine = 0
     :: else ->
@@ -64,35 +46,23 @@ inline start_refresh(mine, before, failed) {
   }
   if
   :: mine != 0 ->
-    atomic {    /* supersede */
+    atomic {
       threads++;
       assert(threads <= 7);
       mine = threads;
-      before = newest_thread;
-      newest_thread = mine;
-      if
-      :: before != 0 -> EFFECT(superseded_is_listed, older_threads = older_threads | bit_of(before))
-      :: else
-      fi
+      enlist(mine, before)
     }
     if
-    :: atomic { living = living | bit_of(mine); run refresher(mine) }    /* Thread.start */
+    :: atomic { living = living | bit_of(mine); run refresh_loop(mine) }    /* Thread.start */
     :: atomic { starts_to_fail > 0 -> starts_to_fail--; a_start_failed = 1; failed = 1 };
-      atomic {    /* restore: undoes supersede */
-        if
-        :: GUARD(unstarted_is_newest_still, newest_thread == mine) ->
-          older_threads = older_threads & ~bit_of(before);
-          newest_thread = before
-        :: else
-        fi
-      }
+      withdraw(mine, before);
       record_unstarted_refresh()
     fi;
     if
     :: !failed ->
-      atomic {
+      HELD_LOCK {
         if
-        :: GUARD(started_is_registered, state != CLOSED && newest_thread == mine) -> refresh_thread = mine
+        :: GUARD(started_is_registered, state != CLOSED && refresh_threads.newest == mine) -> refresh_thread = mine
         :: else
         fi
       }
@@ -101,15 +71,6 @@ inline start_refresh(mine, before, failed) {
   :: else
   fi;
   atomic { mine = 0; before = 0 }
-}
-
-/* RefreshLoop::superseded */
-inline look_if_superseded() {
-  if
-  :: refresh_thread == me -> was_registered = 1; superseded = 0
-  :: else ->
-    superseded = (was_registered && refresh_thread != 0) || (newest_thread != me && lives(newest_thread))
-  fi
 }
 
 /* AuthManager::start_next_refresh */
@@ -121,131 +82,59 @@ inline start_next_refresh() {
   fi
 }
 
-inline settle_failed_refresh() {
-  atomic {
-    flying = flying - flies;
-    flies = 0;
-    if
-    :: GUARD(failed_refresh_leaves_closed_alone, state == CLOSED)
-    :: else ->
-      if
-      :: GUARD(failed_refresh_is_newest, attempt != own) -> awake = awake | bit_of(own)
-      :: else ->
-        assert(attempt == own && state != CLOSED);    /* undoes nothing that came after it */
-        if
-        :: GUARD(refresh_failed_for_good, got == PERMANENT) -> permanent_error = 1; assert(got == PERMANENT)
-        :: else
-        fi;
-        assert(got != PERMANENT || permanent_error);
-        state = (GUARD(era_pending_after_failed_refresh, pending_era == 0) -> UNINITIALIZED : AUTHENTICATED);
-        assert(pending_era == 0 || state == AUTHENTICATED);
-        mode = NO_MODE;
-        settle_attempt(own);
-        EFFECT(failure_ends_refresh, refresh_done = 1)
-      fi
-    fi
-  }
-}
-
-/* AuthManager::do_refresh, on a refresh thread. */
-inline do_refresh() {
-  atomic {
-    if
-    :: GUARD(refresh_only_if_authenticated, state != AUTHENTICATED) -> own = 0
-    :: else ->
-      begin_attempt(own);
-      flies = 1;
-      state = RE_AUTHENTICATING;
-      renewals_running++;
-      mode = (pending_era == 0 -> PROACTIVE : ERA_CHANGE)
-    fi
-  }
+/* AuthManager::revive_refresh */
+inline revive_refresh() {
   if
-  :: own != 0 ->
-    renew(got, era_before, flies);
+  :: HELD_LOCK { GUARD(revive_if_authenticated, state == AUTHENTICATED) -> assert(state == AUTHENTICATED) };
     if
-    :: got == TRANSIENT || got == PERMANENT -> settle_failed_refresh()
-    :: else
-    fi;
-    renewals_running--;
-    if
-    :: got != TRANSIENT && got != PERMANENT && got != DROPPED -> start_next_refresh()
+    :: atomic {
+        GUARD(revive_if_none_lives, !lives(refresh_threads.newest)) -> assert(!lives(refresh_threads.newest))
+      };
+      start_refresh(mine, before, failed)
     :: else
     fi
   :: else
   fi
 }
 
-proctype refresher(byte me) {
-  byte until, older, got, own, era_before, mine, before;
-  byte early_wakes = EARLY_WAKES;
-  bit was_registered, superseded, refreshing, failed, flies;
+#define DROPPED 8    /* the manager was closed meanwhile */
 
-  do
-  :: atomic {    /* stop_requested, and pass: who requests a stop has closed the manager before */
+/* AuthManager::renew, and what do_refresh and background_reauth do about its outcome. */
+inline renew(own, run_as, got, era_before) {
+  era_before = highest_era;
+  do_auth_flow_matching_pending_era(got);
+  if
+  :: !failed_with(got) ->
+    HELD_LOCK {
       if
-      :: GUARD(loop_sees_stop, refresh_stop || close_event) -> break
-      :: else
-      fi;
-      look_if_superseded();
-      if
-      :: GUARD(loop_sees_close, state == CLOSED) -> break
-      :: GUARD(loop_sees_successor, superseded) -> break
-      :: else
-      fi;
-      until = (GUARD(loop_waits_unless_authenticated, state != AUTHENTICATED) -> POLL : due_at(stored_at));
-      assert((until != POLL) == (state == AUTHENTICATED))
-    };
-    do    /* wait, living_older_thread */
-    :: atomic {
-        if
-        :: until != POLL && GUARD(loop_sees_refresh_due, now >= until) -> refreshing = 1; break
-        :: else
-        fi;
-        assert(until == POLL || now < until);    /* no token is left to age */
-        older = (GUARD(newest_wakes_older, newest_thread == me) -> last_of(older_threads) : 0);
-        if
-        :: older == 0 -> break
-        :: older != 0 && lives(older) && older != me -> EFFECT(older_is_woken, refresh_event = 1); break
-        :: else
-        fi
-      };
-      atomic { older_threads = older_threads & ~bit_of(older); older = 0 }
-    od;
-    if
-    :: refreshing -> break
-    :: else
-    fi;
-end_of_waiting:
-    if
-    :: atomic { older != 0 && !lives(older) -> older = 0 }    /* join */
-    :: atomic { older != 0 && lives(older) && (!refresh_event || state == CLOSED || newest_thread != me) ->
-        older = 0    /* its time-out, where waiting on would be of no use */
-      };
-progress_of_a_poll:
-      skip
-    :: atomic { older == 0 && until == POLL && worth_a_pass -> skip }
-    :: atomic { older == 0 && until != POLL && (refresh_event || now >= until) -> skip }
-    :: atomic { (older != 0 || until == POLL) && early_wakes > 0 -> early_wakes--; older = 0 }
-    fi;
-    atomic {    /* the end of wait, under the lock */
-      look_if_superseded();
-      if
-      :: GUARD(signal_is_the_closes, state == CLOSED)
-      :: GUARD(signal_is_the_successors, superseded)
-      :: else -> refresh_event = 0
+      :: GUARD(renewal_drops_when_closed, state == CLOSED) -> assert(state == CLOSED); got = DROPPED
+      :: else -> store_unless_overtaken(got, era_before)
       fi
     }
-  od;
-  if
-  :: refreshing ->
-    refresh_pending = 1;
-    RESIGN;
-    do_refresh()
   :: else
   fi;
-  atomic {
-    RESIGN;
-    living = living & ~bit_of(me)
+  if
+  :: failed_with(got) -> settle_failure(own, run_as, got)
+  :: else
+  fi;
+  attempts[own].phase = kEnded;
+  if
+  :: !failed_with(got) && got != DROPPED -> start_next_refresh()
+  :: else
+  fi
+}
+
+/* AuthManager::do_refresh, on a refresh thread. */
+inline do_refresh() {
+  HELD_LOCK {
+    if
+    :: GUARD(refresh_only_if_authenticated, state != AUTHENTICATED) -> own = 0
+    :: else ->
+      begin_attempt(own, kRenewal, kRunning, RE_AUTHENTICATING, (pending_era == 0 -> PROACTIVE : ERA_CHANGE))
+    fi
   }
+  if
+  :: own != 0 -> renew(own, kRenewal, got, era_before)
+  :: else
+  fi
 }

@@ -57,8 +57,6 @@ GROUPS: list[tuple[str, dict[str, tuple[str, ...]]]] = [
         "an attempt begins only when none is in flight, so nothing overtakes it: a second line of defence",
         {
             "confirmed_event_is_new": ("never",),
-            "failed_era_is_newest": ("never",),
-            "failed_refresh_is_newest": ("never",),
             "overtaken_by_announcement": ("never",),
         },
     ),
