@@ -120,7 +120,7 @@ def test_an_announcement_about_to_start_its_thread_is_not_taken_for_an_orphan(
 
 
 class Impatient(threading.Event):
-    """A wait that looks now and then whether there is still something to wait for has its first looks at once."""
+    """A wait that looks now and then whether it still has an end has its first looks at once."""
 
     looks = 0
 
@@ -131,13 +131,13 @@ class Impatient(threading.Event):
         return self.is_set()
 
 
-@pytest.mark.parametrize("is_started", [True, False])
+@pytest.mark.parametrize("is_made", [True, False])
 def test_a_slow_re_authentication_is_not_taken_for_a_lost_one(
     logged_in: Any,
     service: Service,
     census: ThreadCensus,
     monkeypatch: pytest.MonkeyPatch,
-    is_started: bool,
+    is_made: bool,
 ) -> None:
     service.era = 2
     logged_in.notify_era_change(2)
@@ -146,14 +146,14 @@ def test_a_slow_re_authentication_is_not_taken_for_a_lost_one(
     starting = Gate()
 
     class Thread(threading.Thread):
-        def start(self) -> None:
-            if not is_started and self._target == logged_in._background_reauth:  # type: ignore[attr-defined]
+        def __init__(self, *, target: Any, daemon: bool) -> None:
+            super().__init__(target=target, daemon=daemon)
+            if not is_made and target == logged_in._background_reauth:
                 starting()
-            super().start()
 
     monkeypatch.setattr(auth, "threading", StandIn(threading, Thread=Thread, Event=Impatient))
     service.era = 3
-    if is_started:
+    if is_made:
         starting = service.hold(CHALLENGE)
     host = Worker(logged_in.notify_era_change, 3)
     starting.reached()
