@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test real types fuzz leaks exits build devserver bench docs check format warnings tidy coverage ctime chaos model sanitize torture wheel test-wheel pins clean
+.PHONY: help demo test real types fuzz leaks exits build devserver bench docs check format warnings tidy coverage ctime chaos model mutants sanitize torture wheel test-wheel pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -59,6 +59,9 @@ coverage: build ## which lines and branches all tests reach, C++ and Python; 98 
 
 model: build ## search a model of the manager's threads exhaustively, and its mutants (15 min; 35 on a busy machine)
 	@tools/model
+
+mutants: build ## plant 400 faults one at a time: the tests have to find each (about 10 min)
+	@tools/mutants $(ARGS)
 
 ctime: build ## whether any branch or address depends on key bytes (valgrind; about 30 s)
 	@tools/ctime

@@ -6,6 +6,7 @@ import base64
 import binascii
 import random
 from collections.abc import Callable
+from traceback import walk_tb
 from typing import Any
 
 import pytest
@@ -457,9 +458,13 @@ def test_wallet_secret_that_is_not_text_is_the_type_error(value: Any) -> None:
         secret_of(value)
 
 
-def test_wallet_secret_outside_ascii_is_the_value_error() -> None:
-    with pytest.raises(ValueError):
+def test_wallet_secret_outside_ascii_is_the_value_error_with_nothing_of_it_in_context_or_frames() -> None:
+    with pytest.raises(ValueError, match="ASCII") as caught:
         secret_of("AAÄ=")
+    assert caught.value.__context__ is None
+    assert base64.__file__ not in {
+        frame.f_code.co_filename for frame, _ in walk_tb(caught.value.__traceback__)
+    }
 
 
 @PROPERTY

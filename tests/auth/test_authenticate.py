@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import threading
 from collections.abc import Callable
 from typing import Any
@@ -401,6 +402,23 @@ def test_an_event_removed_during_the_flow_is_not_missed(manager: Any, server: Fa
     assert reason_of(caught.value) == "signature_mismatch"
     assert manager._state == "UNINITIALIZED"
     assert manager._auth_event is None
+
+
+@pytest.mark.parametrize("answer", [None, Answer(401)], ids=["it succeeds", "it fails"])
+def test_who_waits_for_a_login_is_woken_though_its_event_is_the_managers_no_more(
+    manager: Any, server: FakeServer, answer: Answer | None
+) -> None:
+    events: list[threading.Event] = []
+
+    def look(call: Any) -> Any:
+        events.append(manager._auth_event)
+        manager._auth_event = threading.Event()
+        return answer
+
+    server.script(VERIFY, look)
+    with contextlib.suppress(auth.AuthError):
+        manager.authenticate()
+    assert events[0].is_set()
 
 
 @pytest.mark.parametrize("result", [("t", 1), ("t", 1, b"s", 4), None])

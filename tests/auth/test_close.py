@@ -128,6 +128,25 @@ def test_the_waiters_event_is_set_under_the_lock_after_the_stop_events(manager: 
     assert seen == [(True, True, "manager_closed")]
 
 
+def test_a_step_that_fails_keeps_no_other_from_being_taken_and_the_first_failure_is_raised(
+    manager: Any,
+) -> None:
+    class Broken(threading.Event):
+        def set(self) -> None:
+            raise errors.pop(0)
+
+    first = ValueError("first")
+    errors = [first, ValueError("second")]
+    manager._close_event, manager._refresh_event = Broken(), Broken()
+    event = manager._auth_event = threading.Event()
+    with pytest.raises(ValueError) as caught:
+        manager.close()
+    assert caught.value is first
+    assert errors == []
+    assert manager._refresh_stop.is_set() and event.is_set()
+    assert manager._private_key is None
+
+
 # The refresh thread
 
 

@@ -120,6 +120,75 @@ def test_an_announcement_about_to_start_its_thread_is_not_taken_for_an_orphan(
     assert logged_in._auth_error is None
 
 
+class Impatient(threading.Event):
+    """A wait that looks now and then whether it still has an end has its first looks at once."""
+
+    looks = 0
+
+    def wait(self, timeout: float | None = None) -> bool:
+        if timeout is None or self.looks == 3:
+            return super().wait(timeout)
+        self.looks += 1
+        return self.is_set()
+
+
+@pytest.mark.parametrize("is_made", [True, False])
+def test_a_slow_re_authentication_is_not_taken_for_a_lost_one(
+    logged_in: Any,
+    service: Service,
+    census: ThreadCensus,
+    monkeypatch: pytest.MonkeyPatch,
+    is_made: bool,
+) -> None:
+    service.era = 2
+    logged_in.notify_era_change(2)
+    logged_in.get_token()
+    census.settle(1)
+    starting = Gate()
+
+    class Thread(threading.Thread):
+        def __init__(self, *, target: Any, daemon: bool) -> None:
+            super().__init__(target=target, daemon=daemon)
+            if not is_made and target == logged_in._background_reauth:
+                starting()
+
+    monkeypatch.setattr(auth, "threading", StandIn(threading, Thread=Thread, Event=Impatient))
+    service.era = 3
+    if is_made:
+        starting = service.hold(CHALLENGE)
+    host = Worker(logged_in.notify_era_change, 3)
+    starting.reached()
+    caller = Worker(logged_in.get_token)
+    until(lambda: logged_in._auth_event.looks == 3, "a few looks")
+    assert logged_in._state == "RE_AUTHENTICATING"
+    assert not logged_in._auth_event.is_set()
+    starting.open()
+    host.result()
+    assert caller.result() == service.tokens[-1]
+
+
+def test_an_announcement_that_is_interrupted_once_its_thread_lives_is_settled_by_the_thread(
+    logged_in: Any, service: Service, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    class Thread(threading.Thread):
+        def start(self) -> None:
+            super().start()
+            raise KeyboardInterrupt
+
+    service.era = 2
+    gate = service.hold(CHALLENGE)
+    with monkeypatch.context() as patched:
+        patched.setattr(auth, "threading", StandIn(threading, Thread=Thread))
+        with pytest.raises(KeyboardInterrupt):
+            logged_in.notify_era_change(2)
+    gate.reached()
+    assert logged_in._state == "RE_AUTHENTICATING"
+    assert not logged_in._auth_event.is_set()
+    assert logged_in._auth_error is None
+    service.let_go()
+    assert logged_in.get_token() == service.tokens[-1]
+
+
 def test_a_failed_refresh_that_is_yet_to_be_settled_is_not_taken_for_an_orphan(
     logged_in: Any, service: Service, monkeypatch: pytest.MonkeyPatch
 ) -> None:
@@ -201,32 +270,43 @@ def test_a_mocked_thread_that_does_not_start_leaves_nobody_waiting(
     assert logged_in._auth_event.is_set()
 
 
-def test_a_flow_that_began_before_an_announcement_is_not_stored_after_another_met_it(
-    logged_in: Any, service: Service
+@pytest.mark.parametrize(
+    ("before", "meanwhile", "brought", "told"),
+    [
+        ([], [2], 1, "era_mismatch"),
+        ([], [2], 2, None),
+        ([2], [3], 2, "era_mismatch"),
+        ([], [3, 2], 2, "era_mismatch"),
+    ],
+)
+def test_a_flow_that_began_before_an_announcement_has_to_meet_it_though_another_has_met_it(
+    logged_in: Any, service: Service, before: list[int], meanwhile: list[int], brought: int, told: str | None
 ) -> None:
-    service.era = 1
+    def announce(eras: list[int]) -> None:
+        for era in eras:
+            service.era = max(eras)
+            logged_in.notify_era_change(era)
+            until(lambda: logged_in._pending_era_number is None, "the new era")
+
+    announce(before)
+    service.era = brought
     old = service.grant(logged_in.get_wallet_address())["token"]
 
     def flow() -> tuple[str, int, bytes]:
-        # Meanwhile an era is announced, and another flow meets it.
+        # Meanwhile eras are announced, and other flows meet them.
         logged_in._state = "AUTHENTICATED"
-        service.era = 2
-        logged_in.notify_era_change(2)
-        until(lambda: logged_in._pending_era_number is None, "the new era")
+        announce(meanwhile)
         return old, 0, service.secret
 
-    del service.tokens[:]
     logged_in._do_auth_flow = flow
     fresh = auth.AuthManager._do_auth_flow
-
-    def matching() -> Any:
-        return fresh(logged_in)
-
-    logged_in._do_auth_flow_matching_pending_era = matching
-    with pytest.raises(auth.AuthError) as refused:
-        logged_in.authenticate()
-    assert reason(refused.value) == "era_mismatch"
-    assert era_of(logged_in._token) == 2
+    logged_in._do_auth_flow_matching_pending_era = lambda: fresh(logged_in)
+    login = Worker(logged_in.authenticate)
+    if told is None:
+        login.result()
+    else:
+        assert reason(login.failure()) == told
+    assert era_of(logged_in._token) == max(meanwhile)
 
 
 @pytest.mark.parametrize(
