@@ -22,6 +22,7 @@ struct Known {
   PyCFunction wall_clock = nullptr;    ///< the function behind `time.time`
   PyTypeObject* lock_type = nullptr;   ///< of `threading.Lock()`
   PyCFunction lock_is_held = nullptr;  ///< its method `locked`
+  PyObject* authenticated = nullptr;   ///< the state's text
   PyObject* get_time = nullptr;        ///< the members on the full path, as the class defines them
   PyObject* era_guard = nullptr;
   PyObject* clock = nullptr;
@@ -123,6 +124,7 @@ bool is_future(double instant) {
 void know_host(PyTypeObject* manager_type) {
   known.get_time = class_attribute(manager_type, names::get_time).release();
   known.era_guard = class_attribute(manager_type, names::raise_if_pending_era_locked).release();
+  known.authenticated = state_text(State::kAuthenticated);
   known.clock = class_attribute(manager_type, names::clock).release();
   const Ref poll = class_attribute(manager_type, names::poll_for_reauth);
   known.poll = reinterpret_cast<PyMethodDescrObject*>(poll.get())->d_method->ml_meth;
@@ -146,7 +148,7 @@ Ref AuthManager::token_if_healthy() {
   const auto field = [this](Field name) { return fields[static_cast<std::size_t>(name)]; };
   // These may run Python code; everything after them is one look.
   if (is_patched(dict) || !is_plain(Py_TYPE(object()))) return {};
-  const bool looks_healthy = field(Field::kState) == state_text(State::kAuthenticated) &&
+  const bool looks_healthy = field(Field::kState) == known.authenticated &&
                              field(Field::kPendingEraNumber) == Py_None &&
                              field(Field::kPermanentRefreshError) == Py_False &&
                              is_wall_clock(field(Field::kClock)) && is_free(field(Field::kLock));

@@ -42,7 +42,7 @@ void know_own_get_ident() {
 unsigned long line_of_execution() noexcept {
   // Before each taking of a lock: a look into the module's dict, and no call where it is as Python has made
   // it.
-  PyObject* const get_ident = PyDict_GetItem(threading_names, kGetIdent.object());
+  PyObject* const get_ident = PyDict_GetItemWithError(threading_names, kGetIdent.object());
   unsigned long here = PyThread_get_thread_ident();
   if (get_ident == own_get_ident || get_ident == nullptr) return here;
   // Who cannot be asked, for want of memory, is the thread.
