@@ -28,7 +28,7 @@ build_tree() {
   cmake --preset "$preset" -B "$tree" \
     -D CMAKE_CXX_COMPILER="$compiler" -D Python_EXECUTABLE="$PWD/.venv/bin/python"
   cmake --build "$tree" --target auth native tessaline_http_library fuzz_rooms wallet_tests http_tests \
-    verdict_tests trust_places_tests
+    steps_tests transport_tests
   "$compiler" -g -shared -fPIC -fsanitize="$kinds" -fno-sanitize=vptr -fno-sanitize-recover=undefined \
     tools/sanitizers/planted.cpp -o "$tree/planted.so"
 }

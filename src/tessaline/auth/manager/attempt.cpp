@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "tessaline/auth/manager/process_generation.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
@@ -15,6 +16,9 @@ bool has_ended(PyObject* thread) {
 }
 
 }  // namespace
+
+Attempt::Attempt(Kind of_kind, Ref its_event) noexcept
+    : kind(of_kind), process(process_generation()), event(std::move(its_event)) {}
 
 AttemptRef Attempt::make(Kind kind, Ref event) {
   auto* const made = new (std::nothrow) Attempt(kind, std::move(event));
@@ -31,6 +35,10 @@ bool Attempt::is_lost() const {
   if (phase != Phase::kBegun || !thread) return false;
   const Ref kept = Ref::borrow(thread.get());
   return has_ended(kept.get()) && phase == Phase::kBegun;
+}
+
+bool Attempt::is_left_behind() const noexcept {
+  return process != process_generation();
 }
 
 bool Attempt::runs_here() const noexcept {

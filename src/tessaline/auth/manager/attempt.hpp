@@ -34,6 +34,9 @@ struct Attempt {
   /// Whether the interpreter has ended its thread before the first line: for want of memory, telling nobody.
   bool is_lost() const;
 
+  /// Whether this is the child of a fork, and its runner in the parent.
+  bool is_left_behind() const noexcept;
+
   /// Whether the calling line of execution runs it.
   bool runs_here() const noexcept;
 
@@ -54,15 +57,16 @@ struct Attempt {
 
   Kind kind;
   Phase phase = Phase::kBegun;
-  bool follows_token = false;  ///< a login that began in AUTHENTICATED
-  unsigned long runner = 0;    ///< the line of execution that runs it, or 0
-  Ref event;                   ///< set when it has ended; None where the program has taken it away
-  Ref thread;                  ///< started for it; empty: the one who began it runs it
-  Ref failure;                 ///< what it ended in; empty: not yet, or well
+  bool follows_token = false;   ///< a login that began in AUTHENTICATED
+  const unsigned long process;  ///< the process that it belongs to, as `process_generation` numbers them
+  unsigned long runner = 0;     ///< the line of execution that runs it, or 0
+  Ref event;                    ///< set when it has ended; None where the program has taken it away
+  Ref thread;                   ///< started for it; empty: the one who began it runs it
+  Ref failure;                  ///< what it ended in; empty: not yet, or well
 
  private:
   friend class AttemptRef;
-  Attempt(Kind of_kind, Ref its_event) noexcept : kind(of_kind), event(std::move(its_event)) {}
+  Attempt(Kind of_kind, Ref its_event) noexcept;
   void remember_traceback(PyObject* error);
 
   Ref raised_;

@@ -60,11 +60,13 @@ void run(AuthManager& manager, const AttemptRef& own, const Attempt* current) {
   manager.wake_waiters_of(*own);
 }
 
-void raise_outcome_of(AuthManager& manager, const Attempt& ended) {
+void raise_outcome_of(AuthManager& manager, const AttemptRef& ended) {
   const HeldLock held(manager);
   held.raise_if_closed();
-  const Ref failure = manager.outcome_of(held, ended);
-  if (!failure.is_none()) manager.raise_stored(held, failure.get());
+  const Ref failure = manager.outcome_of(held, *ended);
+  if (failure.is_none()) return;
+  const bool is_own = ended->failure.get() == failure.get();
+  (is_own ? *ended : *manager.attempt).raise_stored(failure.get());
 }
 
 }  // namespace
@@ -77,7 +79,7 @@ Ref AuthManager::authenticate() {
     if (!admission.waits) {
       run(*this, own, admission.attempt.get());
     } else if (wait_for(admission.attempt)) {
-      raise_outcome_of(*this, *admission.attempt);
+      raise_outcome_of(*this, admission.attempt);
     } else {
       continue;  // in the child of a fork nobody runs it: the caller does
     }

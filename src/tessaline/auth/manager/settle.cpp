@@ -95,10 +95,9 @@ bool AuthManager::wait_for(const AttemptRef& awaited) {
     python::wait_event(event);
     return true;
   }
-  const unsigned long here = process_generation();
   while (!python::wait_event(event, kLostRunnerSeconds)) {
-    if (process_generation() != here) {
-      settle_in_child();
+    if (awaited->is_left_behind()) {
+      if (generation != process_generation()) settle_in_child();
       return false;
     }
     settle_if_lost(*this, awaited);
