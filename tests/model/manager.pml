@@ -53,7 +53,7 @@ init {
     :: LOGGED_IN ->
       attempt = 1; attempts[1].kind = kLogin; attempts[1].phase = kEnded; attempts[1].event = 1;
       stores = 1; token = 1; token_era = 1; state = AUTHENTICATED;
-      threads = 1; refresh_threads.newest = 1; refresh_thread = 1; living = bit_of(1);
+      threads = 1; refresh_threads.newest = 1; refresh_thread = 1; begun = bit_of(1); living = bit_of(1);
       run refresh_loop(1)
     :: else
     fi;

@@ -1,4 +1,4 @@
-/* AuthManager::poll_after_expiry: manager/poll.cpp. */
+/* AuthManager::poll_after_expiry: manager/after_expiry.cpp. */
 
 #define RENEWED_TOKEN \
   (state == AUTHENTICATED && pending_era == 0 && !permanent_error && token != 0 && token != seen_token && \

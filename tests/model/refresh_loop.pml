@@ -38,7 +38,7 @@ inline retire_older_thread() {
       :: else
       fi;
       assert(until == POLL || now < until);    /* no token is left to age */
-      older = (GUARD(newest_wakes_older, refresh_threads.newest == me) -> last_of(refresh_threads.older) : 0);
+      older = (GUARD(newest_wakes_older, refresh_threads.newest == me) -> last_of(refresh_threads.older & begun) : 0);
       if
       :: older == 0 -> break
       :: older != 0 && lives(older) && older != me -> EFFECT(older_is_woken, refresh_event = 1); break

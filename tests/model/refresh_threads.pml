@@ -12,11 +12,12 @@ typedef RefreshThreads {
 
 RefreshThreads refresh_threads;
 byte threads;    /* created */
+byte begun;      /* started */
 byte living;     /* those whose is_alive() holds */
 
 #define lives(thread) ((thread) != 0 && (living & bit_of(thread)) != 0)
 
-/* Registration::is_superseded, under the lock, for the loop of the thread `me`. */
+/* LoopStanding::is_superseded, under the lock, for the loop of the thread `me`. */
 inline look_if_superseded() {
   if
   :: refresh_thread == me -> was_registered = 1; is_superseded = 0
@@ -45,7 +46,7 @@ inline withdraw(thread, before) {
     :: GUARD(unstarted_is_newest_still, refresh_threads.newest == thread) ->
       refresh_threads.older = refresh_threads.older & ~bit_of(before);
       refresh_threads.newest = before
-    :: else
+    :: else -> refresh_threads.older = refresh_threads.older & ~bit_of(thread)
     fi
   }
 }

@@ -1,4 +1,4 @@
-/* Those who wait for _refresh_done, which is cleared under none of them: manager/renewal.cpp, serving.cpp. */
+/* Those who wait for _refresh_done, which is cleared under none of them: manager/renewal.cpp, full_path.cpp. */
 
 typedef RefreshWaiters {
   byte count;

@@ -53,7 +53,7 @@ inline start_refresh(mine, before, failed) {
       enlist(mine, before)
     }
     if
-    :: atomic { living = living | bit_of(mine); run refresh_loop(mine) }    /* Thread.start */
+    :: atomic { begun = begun | bit_of(mine); living = living | bit_of(mine); run refresh_loop(mine) }    /* Thread.start */
     :: atomic { starts_to_fail > 0 -> starts_to_fail--; a_start_failed = 1; failed = 1 };
       withdraw(mine, before);
       record_unstarted_refresh()

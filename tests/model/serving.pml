@@ -1,4 +1,4 @@
-/* AuthManager::get_token, which token a caller gets: manager/serving.cpp. */
+/* AuthManager::get_token, which token a caller gets: manager/full_path.cpp. */
 
 inline serve_if_held() {
   assert(token != 0);

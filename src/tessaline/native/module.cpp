@@ -42,7 +42,7 @@ class Execution {
  public:
   Execution() = default;
   ~Execution() {
-    if (!executed) python::forget_host();
+    if (!executed) python::forget_interpreter();
   }
   Execution(const Execution&) = delete;
   Execution& operator=(const Execution&) = delete;
@@ -54,7 +54,7 @@ int execute(PyObject* module) {
     // Its import refuses a second interpreter, whose types these would be as well; and names
     // are looked up there.
     python::keep_module(python::import(kAuth).get());
-    python::know_host_events();
+    python::know_own_events();
     know_wall_clock();
     python::checked(PyModule_AddFunctions(module, functions));
     add_era_board_type(module);

@@ -13,7 +13,7 @@ constexpr const char* kNotes = "__notes__";
 constinit const python::Name kNotesName{kNotes};
 constinit const python::Name kReduce{"__reduce__"};
 
-/// The host visits and clears this place as it does the exception's arguments, and does not use it.
+/// Python visits and clears this place as it does the exception's arguments, and does not use it.
 PyObject*& notes_in(PyObject* error) {
   return reinterpret_cast<PyBaseExceptionObject*>(error)->notes;
 }

@@ -4,7 +4,7 @@
 
 namespace tessaline::auth::binding {
 
-// Where the component's error types keep `__notes__`: in the place that the host's exceptions have for them,
+// Where the component's error types keep `__notes__`: in the place that Python's exceptions have for them,
 // instead of the instance's `__dict__`, so that `vars(error)` shows what the error carries and nothing else.
 
 /// The attribute `__notes__`.

@@ -70,11 +70,11 @@ int traverse(PyObject* self, visitproc visit, void* arg) {
 /// The manager as this process may use it.
 AuthManager& present(PyObject* self) {
   AuthManager& manager = manager_of(self);
-  if (manager.generation != process_generation()) manager.settle_in_child();
+  if (manager.generation != process_generation()) manager.begin_anew_in_child();
   return manager;
 }
 
-/// The entry from the host for a method without arguments.
+/// The entry from Python for a method without arguments.
 template <Ref (AuthManager::*kMethod)()>
 PyObject* plain(PyObject* self, PyObject*) {
   return python::boundary([self] {
@@ -93,7 +93,7 @@ constexpr PyMethodDef define(const char* name, const char* doc) {
   return {name, plain<kMethod>, METH_NOARGS, doc};
 }
 
-/// The entry from the host for a method with these parameters and this body.
+/// The entry from Python for a method with these parameters and this body.
 template <const Parameters& kParameters, Ref (*kBody)(PyObject*, const Bound&)>
 PyObject* bound(PyObject* self, PyObject* const* arguments, Py_ssize_t count, PyObject* keyword_names) {
   return python::boundary([&] {
@@ -280,7 +280,7 @@ void add_manager_type(PyObject* module) {
   const Ref type = python::checked(PyType_FromModuleAndSpec(module, &spec, nullptr));
   python::checked(PyModule_AddType(module, reinterpret_cast<PyTypeObject*>(type.get())));
   manager_type = reinterpret_cast<PyTypeObject*>(Py_NewRef(type.get()));
-  know_host(manager_type);
+  know_own_members(manager_type);
 }
 
 }  // namespace tessaline::auth::binding

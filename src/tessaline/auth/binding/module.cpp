@@ -53,7 +53,7 @@ class Execution {
   Execution() { refuse_other_interpreters(); }
   ~Execution() {
     if (executed) return;
-    python::forget_host();
+    python::forget_interpreter();
     home = kNoInterpreter;
   }
   Execution(const Execution&) = delete;
@@ -81,7 +81,7 @@ int execute(PyObject* module) {
     python::keep_module(module);
     import_host_modules();
     watch_forks();
-    python::know_host_events();
+    python::know_own_events();
     python::know_own_get_ident();
     add_constants();
     make_manager_texts();

@@ -18,7 +18,7 @@ PyObject* or_none(PyObject* argument) {
   return argument == nullptr ? Py_None : argument;
 }
 
-/// The entry from the host for a function with these parameters and this body.
+/// The entry from Python for a function with these parameters and this body.
 template <const Parameters& kParameters, Ref (*kBody)(const Bound&)>
 PyObject* entry(PyObject*, PyObject* const* arguments, Py_ssize_t count, PyObject* keyword_names) {
   return python::boundary([&] {

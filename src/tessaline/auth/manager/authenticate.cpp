@@ -49,10 +49,10 @@ void log_in(AuthManager& manager) {
   manager.call_own(names::start_refresh);
 }
 
-void run(AuthManager& manager, const AttemptRef& own, const Attempt* current) {
+void run(AuthManager& manager, const AttemptRef& own, const Attempt* expected) {
   std::optional<python::Error> failure = python::caught([&] { log_in(manager); });
   if (failure) {
-    manager.settle_failure(own, Attempt::Kind::kLogin, *failure, current);
+    manager.settle_failure(own, Attempt::Kind::kLogin, *failure, expected);
     const python::Handling handling(*failure);
     manager.revive_refresh();
   }

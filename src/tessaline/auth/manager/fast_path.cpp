@@ -9,7 +9,7 @@
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
-// `get_token` in front of every request of the host: a healthy manager on the default clock is served from
+// `get_token` in front of every request of a program: a healthy manager on the default clock is served from
 // one look at its fields. Under the interpreter's lock, with `_lock` free, that look cannot be told from one
 // under `_lock`. Whatever is not plainly healthy takes the full path, and so does whatever a program may have
 // patched: the clock's function, the class, the instance.
@@ -121,7 +121,7 @@ bool is_future(double instant) {
 
 }  // namespace
 
-void know_host(PyTypeObject* manager_type) {
+void know_own_members(PyTypeObject* manager_type) {
   known.get_time = class_attribute(manager_type, names::get_time).release();
   known.era_guard = class_attribute(manager_type, names::raise_if_pending_era_locked).release();
   known.authenticated = state_text(State::kAuthenticated);

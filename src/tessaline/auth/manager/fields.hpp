@@ -5,8 +5,8 @@
 
 namespace tessaline::auth {
 
-/// The manager's fields, in the order in which the constructor sets them. Each is a host object that the host
-/// may read and write under its name.
+/// The manager's fields, in the order in which the constructor sets them. Each is a Python object that a
+/// program may read and write under its name.
 enum class Field : std::size_t {
   kWalletAddress,
   kServerUrl,

@@ -8,6 +8,7 @@
 #include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/steps/closing.hpp"
 
 namespace tessaline::auth {
 namespace {
@@ -58,9 +59,6 @@ Ref AuthManager::do_auth_flow() {
                                {method.get(), python::text(endpoint).get()},
                                {{names::body_dict, body.get()}, {names::max_attempts, most_attempts.get()}});
   };
-  const auto raise_if_closing = [&] {
-    if (event_is_set(Field::kCloseEvent)) raise_auth_error(reason::kManagerClosed);
-  };
 
   if (is_true(Field::kRegisterWallet)) {
     Ref body = python::dictionary({{names::wallet_address, address.get()}});
@@ -72,11 +70,11 @@ Ref AuthManager::do_auth_flow() {
 
   const Ref most_cycles = python::global(names::auth_flow_challenge_max_cycles);
   for (long cycle = python::long_value(most_cycles.get()); cycle > 0; --cycle) {
-    raise_if_closing();
+    raise_if_closing(object());
     const Ref challenge =
         post(path::kChallenge, python::dictionary({{names::wallet_address, address.get()}}));
     const Ref offer = std::move(python::unpack3(challenge.get())[2]);
-    raise_if_closing();
+    raise_if_closing(object());
     const Ref challenge_id = member_of(offer, names::challenge_id);
     const Ref message = member_of(offer, names::message);
     if (key == nullptr) raise_auth_error(reason::kManagerClosed);

@@ -45,7 +45,7 @@ void resume_renewal(AuthManager& manager) {
 
 }  // namespace
 
-void AuthManager::settle_in_child() {
+void AuthManager::begin_anew_in_child() {
   Ref auth_event = value_of(Field::kAuthEvent);
   if (!auth_event.is_none()) auth_event = renewed_event(*this, Field::kAuthEvent);
   AttemptRef none = Attempt::make(Attempt::Kind::kProgram, Ref::none());

@@ -101,10 +101,10 @@ struct AuthManager {
 
   /// Keeps the failure for those who wait for the attempt, wakes them and, where it is the current one still,
   /// goes over to the state that follows: by its kind, whether a token is there and whether an era is
-  /// pending. `current`: the attempt that has to be the current one; another than `failed` where that was
+  /// pending. `expected`: the attempt that has to be the current one; another than `failed` where that was
   /// begun beside it.
   void settle_failure(const AttemptRef& failed, Attempt::Kind run_as, const python::Error& error,
-                      const Attempt* current);
+                      const Attempt* expected);
 
   /// What a failure leaves for the next caller.
   void record_failure(const HeldLock& held, PyObject* recorded);
@@ -162,7 +162,7 @@ struct AuthManager {
 
   /// Makes the manager fit for a child process on its first use there: lock and events anew, no thread, the
   /// token still served, and renewal started again. A close that had begun is finished.
-  void settle_in_child();
+  void begin_anew_in_child();
 
   // Fields.
   PyObject* object() noexcept { return reinterpret_cast<PyObject*>(this); }
@@ -188,7 +188,7 @@ struct AuthManager {
   /// Calls one of the manager's own methods through the instance.
   Ref call_own(const python::Name& method, std::initializer_list<PyObject*> arguments = {});
 
-  /// New host objects: `threading.Event()`, `threading.Lock()`.
+  /// New objects of the program's Python: `threading.Event()`, `threading.Lock()`.
   static Ref new_event();
   static Ref new_lock();
 };
@@ -196,8 +196,9 @@ struct AuthManager {
 /// Creates the interned texts of states and modes. Called once, when the module is executed.
 void make_manager_texts();
 
-/// Learns which host facilities the fast path may read without calling them. Called once, with the class.
-void know_host(PyTypeObject* manager_type);
+/// Learns which facilities of Python the fast path may read without calling them. Called once, with the
+/// class.
+void know_own_members(PyTypeObject* manager_type);
 
 /// Whether `_poll_for_reauth` is the class's own, on this instance too.
 bool has_own_poll(PyObject* manager);

@@ -34,10 +34,10 @@ Ref RefreshLoop::own_thread() {
   return thread;
 }
 
-RefreshLoop::RefreshLoop(AuthManager& manager) : manager_(manager), registration_(own_thread()) {}
+RefreshLoop::RefreshLoop(AuthManager& manager) : manager_(manager), standing_(own_thread()) {}
 
 RefreshLoop::~RefreshLoop() {
-  manager_.refresh_threads.resign(registration_.thread());
+  manager_.refresh_threads.resign(standing_.thread());
 }
 
 void RefreshLoop::run() {
@@ -82,13 +82,13 @@ bool RefreshLoop::stop_requested() {
 }
 
 bool RefreshLoop::is_superseded(const HeldLock& held) {
-  return registration_.is_superseded(held, manager_.refresh_threads);
+  return standing_.is_superseded(held, manager_.refresh_threads);
 }
 
 void RefreshLoop::refresh() {
   manager_.set_event(Field::kRefreshPending);
   // From here on it sleeps for no refresh: a login that fails meanwhile finds that a loop is missing.
-  manager_.refresh_threads.resign(registration_.thread());
+  manager_.refresh_threads.resign(standing_.thread());
   // What a refresh meets it records itself; here is nobody to tell.
   static_cast<void>(python::caught([this] {
     while (lacks_memory([this] { manager_.call_own(names::do_refresh); }) && !stop_requested()) rest();
@@ -106,7 +106,7 @@ double RefreshLoop::wait_seconds(double remaining) const {
 
 void RefreshLoop::wait(double seconds) {
   const Ref event = manager_.get(Field::kRefreshEvent);
-  if (const Ref older = manager_.refresh_threads.living_older(registration_.thread())) {
+  if (const Ref older = manager_.refresh_threads.living_older(standing_.thread())) {
     retire(older.get(), event.get());
   } else {
     python::wait_event(event.get(), seconds);

@@ -36,7 +36,7 @@ class RefreshLoop {
   void rest();
 
   AuthManager& manager_;
-  Registration registration_;
+  LoopStanding standing_;
 };
 
 }  // namespace tessaline::auth

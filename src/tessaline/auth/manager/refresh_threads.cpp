@@ -86,7 +86,7 @@ void RefreshThreads::clear() noexcept {
   python::drop(std::exchange(older, nullptr));
 }
 
-bool Registration::is_superseded(const HeldLock& held, const RefreshThreads& threads) {
+bool LoopStanding::is_superseded(const HeldLock& held, const RefreshThreads& threads) {
   const Ref registered = held.get(Field::kRefreshThread);
   if (registered.get() == thread_.get()) {
     was_registered_ = true;

@@ -36,9 +36,9 @@ struct RefreshThreads {
 };
 
 /// One loop's question whether it counts still. A program that writes `_refresh_thread` names another.
-class Registration {
+class LoopStanding {
  public:
-  explicit Registration(Ref thread) noexcept : thread_(std::move(thread)) {}
+  explicit LoopStanding(Ref thread) noexcept : thread_(std::move(thread)) {}
   PyObject* thread() const noexcept { return thread_.get(); }
   bool is_superseded(const HeldLock& held, const RefreshThreads& threads);
 

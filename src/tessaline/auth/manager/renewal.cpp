@@ -9,6 +9,16 @@
 
 namespace tessaline::auth {
 
+Ref AuthManager::compute_refresh_at(PyObject* auth_time) {
+  const Ref jitter =
+      python::call_method(python::global(names::random).get(), names::uniform,
+                          {python::number(-kRefreshJitter).get(), python::number(kRefreshJitter).get()});
+  const Ref delay = python::multiply(python::global(names::token_lifetime).get(),
+                                     python::global(names::refresh_ratio).get());
+  const Ref factor = python::add(python::integer(1).get(), jitter.get());
+  return python::add(auth_time, python::multiply(delay.get(), factor.get()).get());
+}
+
 Ref AuthManager::start_refresh() {
   {
     const HeldLock held(*this);

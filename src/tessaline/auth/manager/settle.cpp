@@ -97,7 +97,7 @@ bool AuthManager::wait_for(const AttemptRef& awaited) {
   }
   while (!python::wait_event(event, kLostRunnerSeconds)) {
     if (awaited->is_left_behind()) {
-      if (generation != process_generation()) settle_in_child();
+      if (generation != process_generation()) begin_anew_in_child();
       return false;
     }
     settle_if_lost(*this, awaited);
@@ -112,7 +112,7 @@ Ref AuthManager::outcome_of(const HeldLock& held, const Attempt& ended) const {
 }
 
 void AuthManager::settle_failure(const AttemptRef& failed, Attempt::Kind run_as, const python::Error& error,
-                                 const Attempt* current) {
+                                 const Attempt* expected) {
   const python::Handling handling(error);
   const Ref recorded = recorded_error(error);
   const bool permanent = run_as != Attempt::Kind::kLogin && is_permanent(error);
@@ -125,12 +125,12 @@ void AuthManager::settle_failure(const AttemptRef& failed, Attempt::Kind run_as,
         const bool is_login = run_as == Attempt::Kind::kLogin;
         if (is_login && held.is_none(Field::kAuthError))
           held.set(Field::kAuthError, Ref::borrow(recorded.get()));
-        wakes = is_login || attempt != current;
+        wakes = is_login || attempt != expected;
         return;
       }
       failed->keep_failure(recorded.get());
       if (failed->phase == Attempt::Phase::kBegun) failed->phase = Attempt::Phase::kEnded;
-      if (attempt != current) return;
+      if (attempt != expected) return;
       if (permanent) held.set(Field::kPermanentRefreshError, true);
       leave_attempt(held, *failed, run_as);
       record_failure(held, recorded.get());

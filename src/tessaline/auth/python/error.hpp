@@ -40,7 +40,7 @@ int checked(int status);
 /// Throws `error` without its context and traceback, where those hold what Python must not see.
 [[noreturn]] void raise_bare(Error error);
 
-/// Warns of a resource that was not given back, as the host does at its end: nobody hears it by default.
+/// Warns of a resource that was not given back, as Python does at its end: nobody hears it by default.
 /// Throws where the program makes errors of warnings.
 void warn_of_resource(PyObject* resource, PyObject* text);
 

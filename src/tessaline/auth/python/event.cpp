@@ -28,7 +28,7 @@ constinit const Name kRelease{"release"};
 constinit const Name kWait{"wait"};
 constinit const Name kTimeout{"timeout"};
 
-/// The host's own type and functions, kept until the process ends; null for what another library had put in
+/// Python's own type and functions, kept until the process ends; null for what another library had put in
 /// the place of a function before our import (gevent: a type of its own, in C).
 PyObject* own_type = nullptr;
 PyObject* own_set = nullptr;
@@ -81,7 +81,7 @@ void release_all(PyObject* waiters) {
   while (length(waiters) > 0) {
     const Ref waiter = item(waiters, integer(0).get());
     std::optional<Error> failure = caught([&] { call_method(waiter.get(), kRelease); });
-    // As the host: a waiter that has given up meanwhile is released already.
+    // As Python: a waiter that has given up meanwhile is released already.
     if (failure && !failure->matches(PyExc_RuntimeError)) throw std::move(*failure);
     call_method(waiters, kPopLeft);
   }
@@ -137,7 +137,7 @@ bool wait_for_flag(PyObject* event, const Inside& inside, PyObject* timeout) {
 
 }  // namespace
 
-void know_host_events() {
+void know_own_events() {
   const Ref threading = import(kThreading);
   know_lock_maker(threading.get());
   Ref type = attribute(threading.get(), kEvent);

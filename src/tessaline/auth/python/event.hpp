@@ -5,7 +5,7 @@
 namespace tessaline::auth::python {
 
 /// Learns Python's own methods of events. Called once, when the module is executed.
-void know_host_events();
+void know_own_events();
 
 /// `event.set()`, `event.clear()` and `event.wait()` on an event of Python.
 ///

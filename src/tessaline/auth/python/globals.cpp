@@ -18,7 +18,7 @@ void keep_module(PyObject* module) noexcept {
   kept_namespace = PyModule_GetDict(module);
 }
 
-void forget_host() noexcept {
+void forget_interpreter() noexcept {
   kept_namespace = nullptr;
   drop(std::exchange(kept_module, nullptr));
   Name::forget_all();

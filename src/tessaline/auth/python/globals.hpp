@@ -13,7 +13,7 @@ void keep_module(PyObject* module) noexcept;
 
 /// Gives back the module and every name: what is executed after a failure may be another interpreter's
 /// module.
-void forget_host() noexcept;
+void forget_interpreter() noexcept;
 
 /// The dict of that namespace, borrowed.
 PyObject* module_namespace() noexcept;

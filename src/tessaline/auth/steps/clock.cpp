@@ -7,6 +7,7 @@
 #include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/steps/closing.hpp"
 
 namespace tessaline::auth {
 namespace {
@@ -67,8 +68,7 @@ void wait_with_clock(PyObject* manager, PyObject* seconds) {
   Ref time_module = python::global(names::time_module);
   double moved_at = monotonic(time_module.get());
   while (is_before(now(manager).get(), deadline.get())) {
-    Ref close_event = python::attribute(manager, names::close_event);
-    if (python::truthy(python::call_method(close_event.get(), names::is_set).get())) return;
+    if (is_closing(manager)) return;
     python::call_method(time_module.get(), names::sleep, {python::number(kClockPollSeconds).get()});
     Ref current = now(manager);
     if (!python::equal(current.get(), last.get())) {

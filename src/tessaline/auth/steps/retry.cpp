@@ -9,6 +9,7 @@
 #include "tessaline/auth/errors/notes.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/steps/closing.hpp"
 #include "tessaline/auth/steps/verdict.hpp"
 
 namespace tessaline::auth {
@@ -73,7 +74,7 @@ class Retry {
 
   Ref run() {
     for (;;) {
-      raise_if_closing();
+      raise_if_closing(manager_);
       Ref answer = try_once();
       if (!answer) continue;
       if (settled(answer.get())) return answer;
@@ -81,13 +82,6 @@ class Retry {
   }
 
  private:
-  void raise_if_closing() {
-    Ref event = python::attribute(manager_, names::close_event);
-    if (python::truthy(python::call_method(event.get(), names::is_set).get())) {
-      raise_auth_error(reason::kManagerClosed);
-    }
-  }
-
   /// The answer, or an empty reference after a network failure that has been waited out.
   Ref try_once() {
     Ref answer;
