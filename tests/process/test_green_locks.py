@@ -3,13 +3,14 @@
 from __future__ import annotations
 
 import importlib.util
+import os
 import subprocess
 import sys
 import textwrap
 
 import pytest
 
-from tests.sanitized import patience
+from tests.sanitized import WITH_GREENLETS, patience
 
 pytestmark = pytest.mark.process
 
@@ -89,6 +90,7 @@ def output_of(*parts: str) -> str:
     done = subprocess.run(
         [sys.executable, "-W", "ignore", "-X", "faulthandler", "-c", program],
         stdin=subprocess.DEVNULL,
+        env=os.environ | WITH_GREENLETS,
         capture_output=True,
         text=True,
         timeout=patience(60.0),

@@ -10,7 +10,7 @@ import time
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
-from tests.sanitized import patience
+from tests.sanitized import WITH_GREENLETS, patience
 
 ROOT = Path(__file__).resolve().parents[3]
 DEADLINE = patience(30.0)
@@ -28,7 +28,8 @@ def run(program: str, *, prelude: str = PRELUDE, code: int = 0, runs: int = 1) -
 
 
 def _once(command: list[str], code: int) -> str | None:
-    environment = os.environ | {"PYTHONPATH": os.pathsep.join([str(ROOT), str(ROOT / "tests")])}
+    path = os.pathsep.join([str(ROOT), str(ROOT / "tests")])
+    environment = os.environ | WITH_GREENLETS | {"PYTHONPATH": path}
     try:
         done = subprocess.run(
             command,

@@ -96,10 +96,13 @@ constexpr bool is_guarded(Field field) {
   }
 }
 
+/// Called at compile time only, where it is an error.
+void guarded_by_lock();
+
 /// A field that `_lock` does not guard; another does not compile.
 struct FreeField {
   consteval FreeField(Field free) : field(free) {  // NOLINT(google-explicit-constructor): stands for a Field
-    if (is_guarded(free)) throw "guarded by _lock";
+    if (is_guarded(free)) guarded_by_lock();
   }
   Field field;
 };

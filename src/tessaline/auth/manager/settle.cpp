@@ -47,7 +47,7 @@ void settle_if_lost(AuthManager& manager, const AttemptRef& awaited) {
   }
   const std::optional<python::Error> failure = python::caught(
       [] { python::raise(PyExc_RuntimeError, "the thread of the re-authentication ended before it began"); });
-  manager.settle_failure(awaited, Attempt::Kind::kEraChange, *failure, awaited.get());
+  if (failure) manager.settle_failure(awaited, Attempt::Kind::kEraChange, *failure, awaited.get());
 }
 
 }  // namespace
