@@ -77,6 +77,24 @@ def test_close_without_an_event_leaves_the_stored_error(manager: Any) -> None:
     assert manager._auth_error is old
 
 
+def test_close_leaves_no_frames_in_the_stored_error(manager: Any) -> None:
+    manager._auth_error = old = auth.AuthError(reason="old")
+    with pytest.raises(auth.AuthError):
+        raise old
+    assert old.__traceback__ is not None
+    manager.close()
+    assert old.__traceback__ is None
+
+
+def test_close_sets_the_event_of_an_attempt_too_where_the_field_has_another(logged_in: Any) -> None:
+    of_the_login = logged_in._auth_event
+    of_the_login.clear()
+    logged_in._auth_event = of_the_program = threading.Event()
+    logged_in.close()
+    assert of_the_login.is_set()
+    assert of_the_program.is_set()
+
+
 def test_close_leaves_what_it_does_not_own(manager: Any) -> None:
     manager._refresh_at = 5.0
     manager._auth_time = 4.0

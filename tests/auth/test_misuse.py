@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import threading
 from collections.abc import Callable
 from typing import Any
 
@@ -233,3 +234,11 @@ def test_a_transport_that_waits_for_its_own_login(manager: Any, server: FakeServ
         "a transport, a log handler or a signal handler that runs during a login may not wait for its "
         "outcome: ask for the token before or after it"
     ]
+
+
+@pytest.mark.parametrize("method", ["close", "authenticate", "get_token", "get_wallet_secret"])
+def test_fields_do_not_stand_in_for_the_constructor(method: str) -> None:
+    bare = auth.AuthManager.__new__(auth.AuthManager)
+    bare._lock, bare._state, bare._clock = threading.Lock(), "AUTHENTICATED", float
+    with pytest.raises(AttributeError):
+        getattr(bare, method)()

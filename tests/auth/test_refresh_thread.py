@@ -139,6 +139,7 @@ def test_a_thread_that_cannot_be_started_leaves_nobody_waiting(
     assert manager._reauth_mode is None
     assert reason_of(manager._auth_error) == str(error)
     assert manager._auth_event.is_set()
+    assert manager._refresh_done.is_set()
     assert manager._refresh_thread is previous
     assert not manager._lock.locked()
     manager._refresh_thread = None

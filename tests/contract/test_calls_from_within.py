@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import signal
+import threading
 from collections.abc import Callable, Iterator
 from typing import Any
 
@@ -119,6 +120,29 @@ def test_a_transport_that_waits_for_its_own_login_is_refused(
 
 
 @pytest.mark.usefixtures("alarm")
+@pytest.mark.parametrize("run", ["_do_refresh", "_background_reauth"])
+def test_a_transport_that_waits_for_its_own_renewal_is_refused(
+    logged_in: Any, service: Service, run: str
+) -> None:
+    seen: list[BaseException] = []
+
+    def fault(path: str) -> None:
+        if path == CHALLENGE and not seen:
+            try:
+                logged_in.authenticate()
+            except BaseException as error:
+                seen.append(error)
+
+    if run == "_background_reauth":
+        logged_in._state, logged_in._auth_event = "RE_AUTHENTICATING", threading.Event()
+    service.fault = fault
+    getattr(logged_in, run)()
+    (refusal,) = seen
+    assert type(refusal) is RuntimeError
+    assert "its own authentication" in str(refusal)
+
+
+@pytest.mark.usefixtures("alarm")
 def test_a_log_handler_that_takes_a_token_does_not_stop_the_login(
     logged_in: Any, service: Service, monkeypatch: pytest.MonkeyPatch
 ) -> None:
@@ -149,6 +173,21 @@ def test_another_thread_still_waits_while_a_flow_runs(logged_in: Any, service: S
     assert waiter.result() == service.tokens[-1]
 
 
+def test_the_finalizer_of_what_is_replaced_may_call_the_manager(manager: Any) -> None:
+    seen: list[Any] = []
+
+    class Leftover:
+        def __del__(self) -> None:
+            try:
+                manager.get_wallet_secret()
+            except Exception as error:
+                seen.append(error)
+
+    manager._auth_error = Leftover()
+    manager.authenticate()
+    assert [reason(error) for error in seen] == ["not_authenticated"]
+
+
 # Secrets in what is raised
 
 
@@ -177,3 +216,40 @@ def test_a_stored_error_of_a_foreign_type_is_a_type_error(logged_in: Any) -> Non
     logged_in._pending_era_number = 5
     with pytest.raises(TypeError, match="must derive from BaseException"):
         logged_in.get_token()
+
+
+class Joining:
+    """Asks the manager on another thread when it is let go, and waits for the answer."""
+
+    def __init__(self, manager: Any) -> None:
+        self.manager, self.workers = manager, manager.__dict__.setdefault("workers", [])
+
+    def __del__(self) -> None:
+        worker = Worker(self.manager.get_wallet_secret)
+        self.workers.append(worker)
+        worker.finish(2.0)
+
+
+def refused(manager: Any, *_owned: Any) -> None:
+    with pytest.raises(auth.AuthError):
+        manager.get_token()
+
+
+def test_what_a_refused_caller_owned_goes_when_the_lock_is_free(logged_in: Any) -> None:
+    logged_in._pending_era_number, logged_in._auth_error = 7, auth.AuthError(reason="gone")
+    refused(logged_in, Joining(logged_in))
+    refused(logged_in)
+    assert [worker.value for worker in logged_in.workers] == [logged_in.get_wallet_secret()]
+
+
+def test_ctrl_c_while_the_identity_is_asked_for_is_raised(
+    logged_in: Any, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    def interrupted() -> int:
+        raise KeyboardInterrupt
+
+    with monkeypatch.context() as patch:
+        patch.setattr(threading, "get_ident", interrupted)
+        with pytest.raises(KeyboardInterrupt):
+            logged_in.get_wallet_secret()
+    assert logged_in.get_wallet_secret()

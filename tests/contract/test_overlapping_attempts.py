@@ -11,7 +11,7 @@ import pytest
 from tessaline import auth
 from tests.shared.clocks import HandClock
 from tests.shared.modules import StandIn
-from tests.shared.threads import Worker, until
+from tests.shared.threads import Worker, until, waiters
 
 from .support.host import unstartable_threads
 from .support.managers import reason
@@ -113,6 +113,7 @@ def test_an_announcement_about_to_start_its_thread_is_not_taken_for_an_orphan(
         logged_in.authenticate()
     assert logged_in._state == "RE_AUTHENTICATING"
     assert logged_in._reauth_mode == "ERA_CHANGE"
+    assert logged_in._auth_error is None
     assert not logged_in._auth_event.is_set()
     announcing.open()
     hosts[0].result()
@@ -210,6 +211,37 @@ def test_a_failed_refresh_that_is_yet_to_be_settled_is_not_taken_for_an_orphan(
     assert seen == [("RE_AUTHENTICATING", False)]
     assert logged_in._state == "UNINITIALIZED"
     assert reason(logged_in._auth_error) == "failed"
+
+
+def test_a_re_authentication_that_has_ended_is_taken_for_an_orphan(
+    logged_in: Any, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    logged_in._state = "RE_AUTHENTICATING"
+    monkeypatch.setattr(auth, "threading", unstartable_threads())
+    with pytest.raises(RuntimeError, match="can't start new thread"):
+        logged_in._start_refresh()
+    assert logged_in._state == "AUTHENTICATED"
+
+
+def test_a_re_authentication_whose_thread_ended_before_its_first_line_is_taken_for_an_orphan(
+    logged_in: Any, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    class Stillborn(threading.Thread):
+        def start(self) -> None:
+            super().start()
+            self.join()
+
+        def run(self) -> None:
+            pass
+
+    with monkeypatch.context() as patched:
+        patched.setattr(auth, "threading", StandIn(threading, Thread=Stillborn))
+        logged_in.notify_era_change(2)
+    monkeypatch.setattr(auth, "threading", unstartable_threads())
+    with pytest.raises(RuntimeError, match="can't start new thread"):
+        logged_in._start_refresh()
+    assert logged_in._state == "AUTHENTICATED"
+    assert logged_in._auth_event.is_set()
 
 
 def test_a_refresh_thread_that_cannot_be_replaced_lives_on_and_renews(
@@ -380,3 +412,17 @@ def test_the_field_decides_what_a_waiter_gets_while_its_event_is_the_managers(
         logged_in.authenticate()
     assert raised.value is other
     logged_in._state = "AUTHENTICATED"
+
+
+def test_a_close_wakes_those_whose_event_has_been_deleted(logged_in: Any, service: Service) -> None:
+    gate = service.hold(CHALLENGE)
+    renewal = Worker(logged_in._do_refresh)
+    gate.reached()
+    waiter = Worker(logged_in.authenticate)
+    until(lambda: waiters(logged_in._auth_event) > 0)
+    del logged_in._auth_event
+    with pytest.raises(AttributeError):
+        logged_in.close()
+    assert str(waiter.failure()) == "manager_closed"
+    gate.open()
+    renewal.finish()

@@ -137,6 +137,16 @@ def test_a_refresh_whose_next_thread_cannot_be_started(
     assert logged_in.get_token() == service.tokens[1]
 
 
+def test_a_refresh_whose_next_thread_the_program_does_not_start(logged_in: Any) -> None:
+    def refuse() -> None:
+        raise RuntimeError(NO_THREAD)
+
+    logged_in._start_refresh = refuse
+    logged_in._do_refresh()
+    assert logged_in._state == "AUTHENTICATED"
+    assert reason(logged_in._auth_error) == NO_THREAD
+
+
 def test_an_era_change_whose_refresh_thread_cannot_be_started(
     logged_in: Any, service: Service, monkeypatch: pytest.MonkeyPatch
 ) -> None:
@@ -333,6 +343,28 @@ def test_a_failed_login_starts_no_second_loop(logged_in: Any, service: Service, 
     for _ in range(20):
         with pytest.raises(auth.AuthError):
             logged_in.authenticate()
+    assert census.newcomers() == [thread]
+
+
+def test_a_login_refused_for_good_ends_no_renewal(logged_in: Any, service: Service) -> None:
+    service.fault = always_answers(VERIFY, 401)
+    with pytest.raises(auth.AuthError, match="signature_mismatch"):
+        logged_in.authenticate()
+    assert logged_in._permanent_refresh_error is False
+    assert logged_in.get_token() == service.tokens[-1]
+
+
+def test_a_loop_that_could_not_be_replaced_is_not_missing(
+    logged_in: Any, service: Service, census: ThreadCensus, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    thread = logged_in._refresh_thread
+    with monkeypatch.context() as patch:
+        patch.setattr(auth, "threading", unstartable_threads())
+        with pytest.raises(RuntimeError, match=NO_THREAD):
+            logged_in._start_refresh()
+    service.fault = always_answers(CHALLENGE, 401)
+    with pytest.raises(auth.AuthError):
+        logged_in.authenticate()
     assert census.newcomers() == [thread]
 
 

@@ -19,12 +19,12 @@ from tessaline.auth import AuthManager
 from tessaline.keeper import Keeper
 from tessaline.keeper.scheduler import Scheduler
 from tessaline.testing import KEY, URL, FakeClock, FakeService
-from tests.sanitized import patience
+from tests.sanitized import moves_stacks, patience
 from tests.shared.threads import until
 
 from .pages import DOCS, code_blocks
 
-pytestmark = pytest.mark.process
+pytestmark = [pytest.mark.process, moves_stacks]
 
 PAGE = DOCS / "threads.md"
 IN_PLACE_OF: dict[str, dict[str, str]] = {

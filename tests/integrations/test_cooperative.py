@@ -12,7 +12,9 @@ from devserver.testing import DevServer
 from tests.integrations.hubs import LIBRARIES, each_library, each_patched, run
 from tests.integrations.test_imports import ROOT, loaded_by
 from tests.keeper.support import programs
-from tests.sanitized import patience
+from tests.sanitized import moves_stacks, patience
+
+pytestmark = moves_stacks
 
 
 @each_library

@@ -8,6 +8,9 @@ import pytest
 
 from devserver.testing import DevServer
 from tests.integrations.hubs import each_library, run
+from tests.sanitized import moves_stacks
+
+pytestmark = moves_stacks
 
 
 @each_library

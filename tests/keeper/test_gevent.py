@@ -4,9 +4,11 @@ from __future__ import annotations
 
 import pytest
 
+from tests.sanitized import moves_stacks
+
 from .support import programs
 
-pytestmark = pytest.mark.process
+pytestmark = [pytest.mark.process, moves_stacks]
 
 # With the host's events, and with those that gevent puts in their place.
 PATCHED = {

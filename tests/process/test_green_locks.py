@@ -3,16 +3,15 @@
 from __future__ import annotations
 
 import importlib.util
-import os
 import subprocess
 import sys
 import textwrap
 
 import pytest
 
-from tests.sanitized import WITH_GREENLETS, patience
+from tests.sanitized import moves_stacks, patience
 
-pytestmark = pytest.mark.process
+pytestmark = [pytest.mark.process, moves_stacks]
 
 # What eventlet does, as far as it matters here: the class of events stays, and their locks are others.
 GREEN = """
@@ -90,7 +89,6 @@ def output_of(*parts: str) -> str:
     done = subprocess.run(
         [sys.executable, "-W", "ignore", "-X", "faulthandler", "-c", program],
         stdin=subprocess.DEVNULL,
-        env=os.environ | WITH_GREENLETS,
         capture_output=True,
         text=True,
         timeout=patience(60.0),

@@ -11,7 +11,7 @@ import textwrap
 from collections.abc import Mapping, Sequence
 from pathlib import Path
 
-from tests.sanitized import WITH_GREENLETS, patience
+from tests.sanitized import patience
 
 ROOT = Path(__file__).resolve().parents[2]
 # A program that hangs tells where, before its time is up.
@@ -50,7 +50,7 @@ def run(
             stdin=subprocess.DEVNULL,
             capture_output=True,
             cwd=ROOT,
-            env=os.environ | WITH_GREENLETS | {"PYTHONPATH": os.pathsep.join(path)} | dict(environment or {}),
+            env=os.environ | {"PYTHONPATH": os.pathsep.join(path)} | dict(environment or {}),
             timeout=DEADLINE,
             text=True,
             preexec_fn=_usual_stack,

@@ -4,9 +4,11 @@ from __future__ import annotations
 
 import pytest
 
+from tests.sanitized import moves_stacks
+
 from . import programs
 
-pytestmark = pytest.mark.process
+pytestmark = [pytest.mark.process, moves_stacks]
 
 GEVENT = "import gevent as green, gevent.monkey\ngevent.monkey.patch_all()\n"
 EVENTLET = (

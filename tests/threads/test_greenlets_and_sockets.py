@@ -5,11 +5,12 @@ from __future__ import annotations
 import pytest
 
 from devserver.testing import DevServer
+from tests.sanitized import moves_stacks
 
 from . import programs
 from .test_greenlets import PATCHED, PRELUDE
 
-pytestmark = pytest.mark.process
+pytestmark = [pytest.mark.process, moves_stacks]
 
 # The first gives way while it waits for the server.
 TRANSPORTS = {

@@ -6,9 +6,11 @@ import textwrap
 
 import pytest
 
+from tests.sanitized import moves_stacks
+
 from . import programs
 
-pytestmark = pytest.mark.process
+pytestmark = [pytest.mark.process, moves_stacks]
 
 # Each sleep of a poll gives the word back to the round, which lets one greenlet after the other go on.
 PRELUDE = (

@@ -10,7 +10,7 @@ import time
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
-from tests.sanitized import WITH_GREENLETS, patience
+from tests.sanitized import patience
 
 ROOT = Path(__file__).resolve().parents[3]
 DEADLINE = patience(30.0)
@@ -28,8 +28,7 @@ def run(program: str, *, prelude: str = PRELUDE, code: int = 0, runs: int = 1) -
 
 
 def _once(command: list[str], code: int) -> str | None:
-    path = os.pathsep.join([str(ROOT), str(ROOT / "tests")])
-    environment = os.environ | WITH_GREENLETS | {"PYTHONPATH": path}
+    environment = os.environ | {"PYTHONPATH": os.pathsep.join([str(ROOT), str(ROOT / "tests")])}
     try:
         done = subprocess.run(
             command,

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/manager/process_generation.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
@@ -41,24 +42,21 @@ bool Attempt::is_left_behind() const noexcept {
   return process != process_generation();
 }
 
-bool Attempt::runs_here() const noexcept {
-  return runner != 0 && runner == python::line_of_execution();
-}
-
-void Attempt::remember_traceback(PyObject* error) {
+void Attempt::remember_traceback(const HeldLock& held, PyObject* error) {
   if (raised_.get() == error) return;
-  // Dropped last: they may own anything.
-  const Ref old_error = std::exchange(raised_, Ref::borrow(error));
-  const Ref old_traceback = std::exchange(traceback_, python::traceback_of(error));
+  held.drop_later(std::exchange(raised_, Ref::borrow(error)));
+  held.drop_later(std::exchange(traceback_, python::traceback_of(error)));
 }
 
-void Attempt::keep_failure(PyObject* error) {
-  const Ref before = std::exchange(failure, Ref::borrow(error));
-  remember_traceback(error);
+void Attempt::keep_failure(const HeldLock& held, PyObject* error) {
+  held.drop_later(std::exchange(failure, Ref::borrow(error)));
+  remember_traceback(held, error);
 }
 
-void Attempt::raise_stored(PyObject* error) {
-  remember_traceback(error);
+void Attempt::raise_stored(const HeldLock& held, PyObject* error) {
+  remember_traceback(held, error);
+  // The frames of whoever got it last may own anything.
+  held.drop_later(python::traceback_of(error));
   python::set_traceback(error, traceback_.get());
   python::raise(error);
 }
@@ -74,10 +72,11 @@ void AttemptRef::give_back(Attempt* attempt) noexcept {
   if (attempt != nullptr && --attempt->holders_ == 0) delete attempt;
 }
 
-Running::Running(AttemptRef attempt) noexcept
+Running::Running(AttemptRef attempt)
     : attempt_(std::move(attempt)), mine_(attempt_->phase != Attempt::Phase::kRunning) {
   if (!mine_) return;
-  attempt_->runner = python::line_of_execution();
+  const unsigned long here = python::line_of_execution();
+  attempt_->runner = here;
   attempt_->phase = Attempt::Phase::kRunning;
 }
 

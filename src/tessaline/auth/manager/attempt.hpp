@@ -12,6 +12,7 @@ namespace tessaline::auth {
 using python::Ref;
 
 class AttemptRef;
+class HeldLock;
 
 /// One login, from its beginning to its outcome. Kept by the manager while it is the current one, and by
 /// whoever runs it or waits for it. Changed under the interpreter's lock, in steps that call no Python code.
@@ -37,15 +38,15 @@ struct Attempt {
   /// Whether this is the child of a fork, and its runner in the parent.
   bool is_left_behind() const noexcept;
 
-  /// Whether the calling line of execution runs it.
-  bool runs_here() const noexcept;
+  /// Whether that line of execution runs it.
+  bool is_run_by(unsigned long line) const noexcept { return runner != 0 && runner == line; }
 
-  void keep_failure(PyObject* error);
+  void keep_failure(const HeldLock& held, PyObject* error);
 
   /// Raises an error that is stored, as the same object: with the traceback that it had when it was kept, or
   /// raised so for the first time. A manager that refuses for hours would otherwise keep the frames of every
   /// refused caller alive.
-  [[noreturn]] void raise_stored(PyObject* error);
+  [[noreturn]] void raise_stored(const HeldLock& held, PyObject* error);
 
   /// Takes out the errors that it keeps.
   std::array<Ref, 3> take_errors() noexcept {
@@ -67,7 +68,7 @@ struct Attempt {
  private:
   friend class AttemptRef;
   Attempt(Kind of_kind, Ref its_event) noexcept;
-  void remember_traceback(PyObject* error);
+  void remember_traceback(const HeldLock& held, PyObject* error);
 
   Ref raised_;
   Ref traceback_;
@@ -106,7 +107,7 @@ class AttemptRef {
 /// already stays his.
 class Running {
  public:
-  explicit Running(AttemptRef attempt) noexcept;
+  explicit Running(AttemptRef attempt);
   ~Running();
   Running(const Running&) = delete;
   Running& operator=(const Running&) = delete;

@@ -40,19 +40,15 @@ class Steps {
 
 void wake_waiters(AuthManager& manager, PyObject* error) {
   const AttemptRef last = manager.current_attempt();
-  bool wakes_all = false;
-  {
-    const HeldLock held(manager);
-    wakes_all = held.get(Field::kAuthEvent).get() == last->event.get();
-    if (!held.is_none(Field::kAuthEvent)) manager.record_failure(held, error);
-    // Errors have frames, and those own what they own.
-    const Ref left = held.get(Field::kAuthError);
-    if (PyExceptionInstance_Check(left.get())) python::set_traceback(left.get(), Py_None);
-    for (Ref& kept : last->take_errors()) held.drop_later(std::move(kept));
-    held.drop_later(std::move(last->thread));
-  }
-  // A program has put another event into the field.
-  if (!wakes_all) manager.wake_waiters_of(*last);
+  const HeldLock held(manager);
+  // Errors have frames, and those own what they own.
+  for (Ref& kept : last->take_errors()) held.drop_later(std::move(kept));
+  held.drop_later(std::move(last->thread));
+  if (!held.is_none(Field::kAuthEvent)) return manager.record_failure(held, error);
+  const Ref left = held.get(Field::kAuthError);
+  if (!PyExceptionInstance_Check(left.get())) return;
+  held.drop_later(python::traceback_of(left.get()));
+  python::set_traceback(left.get(), Py_None);
 }
 
 /// Without the lock: the state has turned all readers away.
@@ -109,6 +105,8 @@ void AuthManager::complete_close() {
   // Where there is no memory for it, what says so: waiting for ever would be worse.
   if (!error) error = steps.first();
   steps.take([&] { wake_waiters(*this, error.get()); });
+  // Also where a program has put another event into the field, or none.
+  steps.take([&] { wake_waiters_of(*current_attempt()); });
   forget_credentials(*this);
   steps.raise_first();
   join_refresh_thread(*this);

@@ -195,6 +195,8 @@ class Serving {
     AttemptRef running;
     for (;;) {
       if (running && !manager_.wait_for(running)) return manager_.get_token();
+      // Ends after the lock: the last share of an attempt may own anything.
+      const AttemptRef awaited = std::move(running);
       const HeldLock held(manager_);
       held.raise_if_closed();
       if (held.state() == State::kReAuthenticating) {

@@ -17,7 +17,7 @@ bool is_plain(PyObject* value) {
 
 }  // namespace
 
-bool holds_lock(const AuthManager& manager) noexcept {
+bool holds_lock(const AuthManager& manager) {
   return manager.lock.owner != 0 && manager.lock.owner == python::line_of_execution();
 }
 
@@ -38,8 +38,20 @@ HeldLock::Afterwards::~Afterwards() {
 HeldLock::HeldLock(AuthManager& manager) : HeldLock(manager, python::line_of_execution()) {}
 
 HeldLock::HeldLock(AuthManager& manager, unsigned long here) : manager_(manager), afterwards_(manager, here) {
+  require_constructed();
   lock_.emplace(manager.get(Field::kLock));
   manager.lock.owner = here;
+}
+
+HeldLock::HeldLock(AuthManager& manager, Afterwards afterwards)
+    : manager_(manager), afterwards_(std::move(afterwards)) {
+  require_constructed();
+}
+
+void HeldLock::require_constructed() const {
+  if (manager_.attempt != nullptr) return;
+  python::raise(PyExc_AttributeError, "'AuthManager' object has not been constructed",
+                notes::kNotConstructed);
 }
 
 HeldLock::~HeldLock() {

@@ -9,7 +9,7 @@
 namespace tessaline::auth {
 
 /// Whether the calling line of execution holds `_lock` through `HeldLock`.
-bool holds_lock(const AuthManager& manager) noexcept;
+bool holds_lock(const AuthManager& manager);
 
 /// The manager's `_lock`, held for a block, and what it guards: the proof that a function asks for which has
 /// to be called under it.
@@ -27,7 +27,7 @@ class HeldLock {
   HeldLock& operator=(const HeldLock&) = delete;
 
   /// For the two methods that a program, or this component through the instance, calls under the lock.
-  static HeldLock of_caller(AuthManager& manager) noexcept { return HeldLock(manager, Afterwards()); }
+  static HeldLock of_caller(AuthManager& manager) { return HeldLock(manager, Afterwards()); }
 
   Ref get(Field field) const { return manager_.value_of(field); }
   bool is_none(Field field) const { return get(field).is_none(); }
@@ -60,8 +60,10 @@ class HeldLock {
   };
 
   HeldLock(AuthManager& manager, unsigned long here);
-  HeldLock(AuthManager& manager, Afterwards afterwards) noexcept
-      : manager_(manager), afterwards_(std::move(afterwards)) {}
+  HeldLock(AuthManager& manager, Afterwards afterwards);
+
+  /// Raises where the constructor has not run: a program may have written the fields by itself.
+  void require_constructed() const;
 
   AuthManager& manager_;
   const Afterwards afterwards_;

@@ -35,11 +35,11 @@ bool has_begun(PyObject* thread) {
 }  // namespace
 
 Ref RefreshThreads::enlist(PyObject* thread) {
-  Ref before = Ref::steal(std::exchange(newest, Py_NewRef(thread)));
-  if (!before) return before;
-  if (older == nullptr) older = python::checked(PyList_New(0)).release();
-  python::checked(PyList_Append(older, before.get()));
-  return before;
+  if (newest != nullptr) {
+    if (older == nullptr) older = python::checked(PyList_New(0)).release();
+    python::checked(PyList_Append(older, newest));
+  }
+  return Ref::steal(std::exchange(newest, Py_NewRef(thread)));
 }
 
 void RefreshThreads::withdraw(PyObject* thread, Ref before) {

@@ -84,7 +84,8 @@ AttemptRef AuthManager::adopt_attempt() {
 
 bool AuthManager::wait_for(const AttemptRef& awaited) {
   PyObject* const event = awaited->event.get();
-  if ((awaited->runs_here() || attempt->runs_here()) && !is_set(event)) {
+  const unsigned long here = python::line_of_execution();
+  if ((awaited->is_run_by(here) || attempt->is_run_by(here)) && !is_set(event)) {
     python::raise(PyExc_RuntimeError,
                   "AuthManager was asked to wait by code that its own authentication runs",
                   notes::kWaitInLogin);
@@ -128,7 +129,7 @@ void AuthManager::settle_failure(const AttemptRef& failed, Attempt::Kind run_as,
         wakes = is_login || attempt != expected;
         return;
       }
-      failed->keep_failure(recorded.get());
+      failed->keep_failure(held, recorded.get());
       if (failed->phase == Attempt::Phase::kBegun) failed->phase = Attempt::Phase::kEnded;
       if (attempt != expected) return;
       if (permanent) held.set(Field::kPermanentRefreshError, true);
@@ -155,7 +156,9 @@ void AuthManager::wake_waiters_of(const Attempt& ended) {
 
 void AuthManager::raise_stored(const HeldLock& held, PyObject* error) {
   held.raise_if_closed();
-  attempt->raise_stored(error);
+  // A finalizer may end the share of the manager.
+  const AttemptRef kept = current_attempt();
+  kept->raise_stored(held, error);
 }
 
 Ref recorded_error(const python::Error& error) noexcept {

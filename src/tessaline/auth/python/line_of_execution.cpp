@@ -4,6 +4,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <optional>
+#include <utility>
+
 #include "tessaline/auth/python/call.hpp"
 #include "tessaline/auth/python/caught.hpp"
 #include "tessaline/auth/python/globals.hpp"
@@ -39,15 +42,16 @@ void know_own_get_ident() {
   threading_names = Py_NewRef(PyModule_GetDict(import(kThreading).get()));
 }
 
-unsigned long line_of_execution() noexcept {
+unsigned long line_of_execution() {
   // Before each taking of a lock: a look into the module's dict, and no call where it is as Python has made
   // it.
   PyObject* const get_ident = PyDict_GetItemWithError(threading_names, kGetIdent.object());
   unsigned long here = PyThread_get_thread_ident();
   if (get_ident == own_get_ident || get_ident == nullptr) return here;
-  // Who cannot be asked, for want of memory, is the thread.
   const Ref kept = Ref::borrow(get_ident);
-  static_cast<void>(caught([&] { here = named_by(kept.get()); }));
+  std::optional<Error> failure = caught([&] { here = named_by(kept.get()); });
+  // Who cannot be asked, for want of memory, is the thread.
+  if (failure && !failure->matches(PyExc_Exception)) throw std::move(*failure);
   return here;
 }
 
