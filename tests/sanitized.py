@@ -21,5 +21,5 @@ searches_all_memory = pytest.mark.skipif(
 
 moves_stacks = pytest.mark.skipif(
     SANITIZER == "address",
-    reason="a library that copies the stack of its threads is a fault to this sanitizer",
+    reason="takes a library that copies stacks for a fault",
 )

@@ -124,6 +124,7 @@ SCENARIOS: dict[str, Callable[[], None]] = {
 
 
 def tell(scenario: Callable[[], None]) -> None:
+    told: list[object] = []
     try:
         scenario()
     except (RecursionError, auth.AuthError) as error:

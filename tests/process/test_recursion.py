@@ -24,6 +24,7 @@ def told_by(scenario: str, stack: int, limit: int | None = None) -> tuple[str, s
     """What came of it in a process of its own, whose main thread has a stack of at most `limit` bytes."""
 
     def set_limit() -> None:
+        assert limit is not None
         resource.setrlimit(resource.RLIMIT_STACK, (limit, resource.getrlimit(resource.RLIMIT_STACK)[1]))
 
     done = subprocess.run(
