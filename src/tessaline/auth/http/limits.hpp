@@ -26,6 +26,11 @@ inline constexpr double kLongestTimeoutSeconds = 2'000'000;  ///< what libcurl c
 inline constexpr std::size_t kMostRedirectTargets = 10;
 inline constexpr int kMostRedirectRepeats = 4;  ///< of one target
 
+// How often a request looks whether a signal handler has to run: more often than promised, so that a late
+// wake-up is still in time. And how long it sleeps where nobody wants to know.
+inline constexpr std::chrono::milliseconds kTickInterval{150};
+inline constexpr std::chrono::milliseconds kTicklessWait{10'000};
+
 // Connections.
 inline constexpr std::size_t kMostIdle = 32;
 inline constexpr std::size_t kWarmOrigins = 4;  ///< with as many idle, a new connection closes the oldest

@@ -3,25 +3,19 @@
 #include <algorithm>
 #include <utility>
 
+#include "tessaline/auth/http/limits.hpp"
 #include "tessaline/auth/http/process.hpp"
 
 namespace tessaline::auth::http {
-namespace {
-
-// Shorter than promised, so that a late wake-up is still in time.
-constexpr std::chrono::milliseconds kInterval{150};
-constexpr std::chrono::milliseconds kLongWait{10'000};
-
-}  // namespace
 
 Ticker::Ticker(const Tick& tick, std::string peer)
     : tick_(tick),
       peer_(std::move(peer)),
       generation_(process::generation()),
-      due_(Clock::now() + kInterval) {}
+      due_(Clock::now() + kTickInterval) {}
 
 std::chrono::milliseconds Ticker::until_due() const {
-  if (!tick_) return kLongWait;
+  if (!tick_) return kTicklessWait;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(due_ - Clock::now());
   return std::max(left, std::chrono::milliseconds(0));
 }
@@ -33,7 +27,7 @@ void Ticker::call_if_due() {
     const process::Outside outside;
     go_on = tick_();
   }
-  due_ = Clock::now() + kInterval;
+  due_ = Clock::now() + kTickInterval;
   if (generation_ != process::generation()) {
     throw TransportFailure(FailureKind::kReset, "connection to " + peer_ + " was lost in a fork");
   }

@@ -10,7 +10,8 @@ using python::Ref;
 
 class HeldLock;
 
-/// The threads that sleep until a renewal, and which of their loops counts: that of the thread started last.
+/// The threads that sleep until a renewal, and which of their loops counts: that of the thread which
+/// `_refresh_thread` names, or of the newest where it names none of them.
 /// A part of the manager's plain structure.
 struct RefreshThreads {
   PyObject* newest;  ///< while its loop may still refresh

@@ -25,7 +25,7 @@ struct Verdict {
 
 /// Classifies an answer by HTTP status, endpoint and the server's own reason (its "error" text, if any).
 ///
-/// A 403 is permanent only for a registration; 404, 409 and 410 come back only from a verification, where
+/// A 403 refuses only a registration; 404, 409 and 410 come back only from a verification, where
 /// they mean a stale challenge; anything not named is taken for a passing fault.
 Verdict classify(long status, std::string_view path, bool is_verify,
                  std::optional<std::string_view> server_reason);
