@@ -140,6 +140,8 @@ def test_ctrl_c_ends_the_wait_of_the_main_greenlet(
     server: DevServer, library: str, patched: bool, tmp_path: Path
 ) -> None:
     program = f"""
+        # A shell has background jobs ignore it.
+        signal.signal(signal.SIGINT, signal.default_int_handler)
         with new_manager(transport()) as manager:
             with open({str(tmp_path / "pid")!r}, "w") as file:
                 file.write(str(os.getpid()))
