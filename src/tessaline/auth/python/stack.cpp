@@ -22,20 +22,25 @@ constexpr std::uintptr_t kMostMargin = std::uintptr_t{256} * 1024;
 /// The main thread's may have no limit, which memory would set then.
 constexpr std::uintptr_t kMostStack = std::uintptr_t{64} * 1024 * 1024;
 
+/// How much deeper than at its first entry a thread goes before it asks for its bounds: a refresh thread that
+/// only sleeps never does.
+constexpr std::uintptr_t kShallow = std::uintptr_t{8} * 1024;
+
 /// The end of a stack at which no entry begins.
 struct Margin {
   std::uintptr_t low;
   std::uintptr_t size;
+  bool learned = true;
 
   // An address below `low` is far above it as an unsigned number.
   bool holds(std::uintptr_t address) const noexcept { return address - low < size; }
 };
 
-constexpr Margin kNotLearned{0, std::numeric_limits<std::uintptr_t>::max()};
+constexpr Margin kUnseen{0, std::numeric_limits<std::uintptr_t>::max(), false};
 constexpr Margin kUnknown{0, 0};
 
 /// Of the OS thread's own stack. Green threads run on it too, or on stacks of their own, which pass.
-constinit thread_local Margin margin = kNotLearned;
+constinit thread_local Margin margin = kUnseen;
 
 Margin margin_of(std::uintptr_t low, std::uintptr_t size) noexcept {
 #ifndef __GLIBC__
@@ -74,7 +79,11 @@ Margin learn() noexcept {
 void require_stack() {
   const auto here = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
   if (!margin.holds(here)) return;
-  if (margin.size == kNotLearned.size) {
+  if (margin.size == kUnseen.size) {
+    margin = {0, here - kShallow, false};
+    return;
+  }
+  if (!margin.learned) {
     margin = learn();
     if (!margin.holds(here)) return;
   }
