@@ -24,6 +24,9 @@ from .looks import Sleepless
 from .service import LIFETIME, Service
 from .wallets import fleet, manager
 
+# A shell has background jobs ignore it.
+signal.signal(signal.SIGINT, signal.default_int_handler)
+
 __all__ = [
     "LIFETIME", "EraBoard", "HandClock", "Keeper", "Service", "answers", "auth", "away", "begin_child",
     "begin_loop", "clock", "end_child", "era_of", "fleet", "in_child", "manager", "os", "reason_of",

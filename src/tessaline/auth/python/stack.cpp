@@ -40,6 +40,10 @@ constexpr Margin kUnseen{0, std::numeric_limits<std::uintptr_t>::max(), false};
 constexpr Margin kUnknown{0, 0};
 
 /// Of the OS thread's own stack. Green threads run on it too, or on stacks of their own, which pass.
+#ifdef __GLIBC__
+// In the block that each thread has from its start: another would be allocated at its first entry.
+[[gnu::tls_model("initial-exec")]]
+#endif
 constinit thread_local Margin margin = kUnseen;
 
 Margin margin_of(std::uintptr_t low, std::uintptr_t size) noexcept {
