@@ -12,9 +12,42 @@ from pathlib import Path
 import pytest
 
 from tessaline import auth
+from tests.sanitized import patience
+from tests.shared.threads import until
 
+SECONDS = patience(20.0)
 PACKAGE = Path(auth.__file__).parent
 LIBRARY = "libtessaline_http.so"
+
+# A library that takes as long to load as a pipe has no writer.
+SLOW = r"""
+#include <fcntl.h>
+#include <unistd.h>
+__attribute__((constructor)) static void wait(void) { close(open(FIFO, O_RDONLY)); }
+"""
+
+FORKING = """
+import os, signal, sys, threading, warnings
+warnings.simplefilter("ignore", DeprecationWarning)
+from tessaline import auth
+import ssl  # which the request would, while it keeps a fork waiting
+url = "http://127.0.0.1:" + sys.argv[1] + "/"
+def ask():
+    try:
+        auth._default_http_transport("GET", url)
+    except ConnectionRefusedError:
+        pass
+first = threading.Thread(target=ask)
+first.start()
+sys.stdin.readline()
+os.register_at_fork(before=lambda: print("forking", flush=True))
+child = os.fork()
+signal.alarm(20)
+ask()
+if child:
+    first.join()
+    assert os.waitpid(child, 0)[1] == 0
+"""
 
 PROGRAM = """
 import json, os, shutil, sys
@@ -70,3 +103,51 @@ def test_another_library_in_its_place_is_an_error(package: Path, unused_port: in
     assert first == second
     assert first[0] == "OSError"
     assert "cannot be loaded" in first[1]
+
+
+def test_a_fork_while_it_is_loaded_leaves_the_child_no_lock(
+    package: Path, unused_port: int, tmp_path: Path
+) -> None:
+    fifo, source = tmp_path / "fifo", tmp_path / "slow.c"
+    os.mkfifo(fifo)
+    source.write_text(SLOW)
+    place = ["-L", PACKAGE, f"-l:{LIBRARY}", f"-Wl,-rpath,{PACKAGE}", "-Wl,--no-as-needed"]
+    command = [
+        "gcc",
+        "-shared",
+        "-fPIC",
+        f'-DFIFO="{fifo}"',
+        "-o",
+        package / LIBRARY,
+        *place[-1:],
+        source,
+        *place,
+    ]
+    subprocess.run(command, check=True, timeout=60)
+    with subprocess.Popen(
+        [sys.executable, "-c", FORKING, str(unused_port)],
+        env={**os.environ, "PYTHONPATH": str(package.parent)},
+        stdin=subprocess.PIPE,
+        stdout=subprocess.PIPE,
+        text=True,
+    ) as program:
+        assert program.stdin is not None
+        assert program.stdout is not None
+        try:
+            writer = until(lambda: reader_of(fifo), "the library being loaded")
+            program.stdin.write("\n")
+            program.stdin.flush()
+            assert program.stdout.readline() == "forking\n"
+            # The fork waits for the library by now, or will in a moment.
+            os.close(writer)
+            assert program.wait(SECONDS) == 0
+        finally:
+            program.kill()
+
+
+def reader_of(fifo: Path) -> int | None:
+    """Its other end, once somebody waits at this one."""
+    try:
+        return os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
+    except OSError:
+        return None

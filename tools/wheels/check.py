@@ -18,7 +18,7 @@ TAG = re.compile(r"-cp313-cp313-manylinux_2_[0-9]+_(x86_64|aarch64)\.whl")
 EXPORTS = {
     "_native.": "PyInit__native",
     "auth.": "PyInit_auth",
-    "libtessaline_http.": "tessaline_http_perform",
+    "libtessaline_http.": "tessaline_http_library",
 }
 GRAFTED = "tessaline.libs"
 

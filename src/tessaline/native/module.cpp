@@ -1,6 +1,7 @@
 #include <Python.h>
 
 #include "tessaline/auth/python/python.hpp"
+#include "tessaline/auth/transport/http_library.hpp"
 #include "tessaline/native/era_board.hpp"
 #include "tessaline/native/serving.hpp"
 #include "tessaline/native/token_copy.hpp"
@@ -56,6 +57,7 @@ int execute(PyObject* module) {
     python::keep_module(python::import(kAuth).get());
     python::know_own_events();
     know_wall_clock();
+    auth::watch_forks_for_http();
     python::checked(PyModule_AddFunctions(module, functions));
     add_era_board_type(module);
     add_token_copy_type(module);

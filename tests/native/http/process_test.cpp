@@ -2,6 +2,7 @@
 
 #include <future>
 
+#include "forks.hpp"
 #include "leave.hpp"
 #include "loopback_server.hpp"
 

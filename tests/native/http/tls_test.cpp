@@ -2,6 +2,7 @@
 
 #include <future>
 
+#include "forks.hpp"
 #include "tessaline/auth/http/tls_context.hpp"
 #include "tls_server.hpp"
 

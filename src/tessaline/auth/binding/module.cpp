@@ -13,6 +13,7 @@
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/steps/validation.hpp"
+#include "tessaline/auth/transport/http_library.hpp"
 
 namespace tessaline::auth::binding {
 namespace {
@@ -81,6 +82,7 @@ int execute(PyObject* module) {
     python::keep_module(module);
     import_host_modules();
     watch_forks();
+    watch_forks_for_http();
     python::know_own_events();
     python::know_own_get_ident();
     add_constants();

@@ -29,36 +29,18 @@ constinit pthread_t exit_thread{};
 constinit pthread_rwlock_t fork_gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
 constinit bool gate_closed = false;
 
+// Of the fork that is under way, and holds the process mutex.
+constinit std::atomic<pthread_t> fork_thread{};
+constinit int fork_depth = 0;
+
 constexpr timespec kMillisecond{0, 1'000'000};
 constexpr int kExitWaitMilliseconds = 100;
 constexpr int kForkWaitSeconds = 1;
 
-void before_fork() {
-  timespec end{};
-  clock_gettime(CLOCK_REALTIME, &end);
-  end.tv_sec += kForkWaitSeconds;
-  const bool closed = pthread_rwlock_timedwrlock(&fork_gate, &end) == 0;
-  process_mutex.lock();
-  gate_closed = closed;
-}
-
-void after_fork_in_parent() {
-  const bool closed = gate_closed;
-  process_mutex.unlock();
-  if (closed) pthread_rwlock_unlock(&fork_gate);
-}
-
-void after_fork_in_child() {
-  if (gate_closed) pthread_rwlock_unlock(&fork_gate);
-  // Made anew all the same: it may count threads that waited at it, and they are gone.
-  fork_gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
-  inside_count.store(0);
-  exiting.store(false);  // that is another thread's business, which is not here
-  fork_count.fetch_add(1);
-  SessionPool::shared().forget_all();
-  Trust::forget_all();
-  idle_reaper::forget();
-  process_mutex.unlock();
+bool is_last_of_fork() {
+  if (--fork_depth > 0) return false;
+  fork_thread.store(pthread_t{});
+  return true;
 }
 
 void wait_for_threads_at_exit() {
@@ -71,15 +53,10 @@ void wait_for_threads_at_exit() {
 
 // Every step that succeeded is not repeated when a later one failed and a later request tries again.
 void start_locked() {
-  static bool fork_handled = false;
   static bool library_ready = false;
   static bool exit_handled = false;
   SessionPool::shared();
   Trust::prepare();
-  if (!fork_handled) {
-    if (pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) != 0) throw std::bad_alloc();
-    fork_handled = true;
-  }
   if (!library_ready) {
     const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT);
     if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
@@ -116,6 +93,42 @@ void enter() noexcept {
 
 std::mutex& mutex() noexcept {
   return process_mutex;
+}
+
+void before_fork() noexcept {
+  if (fork_thread.load() == pthread_self()) {
+    ++fork_depth;
+    return;
+  }
+  timespec end{};
+  clock_gettime(CLOCK_REALTIME, &end);
+  end.tv_sec += kForkWaitSeconds;
+  const bool closed = pthread_rwlock_timedwrlock(&fork_gate, &end) == 0;
+  process_mutex.lock();
+  gate_closed = closed;
+  fork_thread.store(pthread_self());
+  fork_depth = 1;
+}
+
+void after_fork_in_parent() noexcept {
+  if (!is_last_of_fork()) return;
+  const bool closed = gate_closed;
+  process_mutex.unlock();
+  if (closed) pthread_rwlock_unlock(&fork_gate);
+}
+
+void after_fork_in_child() noexcept {
+  if (!is_last_of_fork()) return;
+  if (gate_closed) pthread_rwlock_unlock(&fork_gate);
+  // Made anew all the same: it may count threads that waited at it, and they are gone.
+  fork_gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+  inside_count.store(0);
+  exiting.store(false);  // that is another thread's business, which is not here
+  fork_count.fetch_add(1);
+  SessionPool::shared().forget_all();
+  Trust::forget_all();
+  idle_reaper::forget();
+  process_mutex.unlock();
 }
 
 unsigned long generation() noexcept {

@@ -9,6 +9,13 @@ namespace tessaline::auth::http::process {
 /// run a callback is made under it.
 std::mutex& mutex() noexcept;
 
+/// Who uses this room calls these around each fork of the process, on the thread that forks, from before the
+/// first request on: registered later, a fork that is under way already would not run them. For one fork they
+/// may be called several times, nested.
+void before_fork() noexcept;
+void after_fork_in_parent() noexcept;
+void after_fork_in_child() noexcept;
+
 /// How many forks lie between this process and the first one. What was made under another number belongs to a
 /// parent process.
 unsigned long generation() noexcept;

@@ -12,29 +12,33 @@
 namespace tessaline::auth {
 namespace {
 
-using Perform = http::Result (*)(const http::Request&, const http::Tick&);
-
 constexpr std::string_view kLibrary = "libtessaline_http.so";
-constexpr const char* kEntry = "tessaline_http_perform";
+constexpr const char* kSymbol = "tessaline_http_library";
 
-constinit std::atomic<Perform> loaded{nullptr};
+constinit std::atomic<const http::Library*> loaded{nullptr};
 
-// Held across a fork: a child must not inherit the dynamic linker's lists half changed.
+// Held across a fork: a child must not inherit the dynamic linker's lists half changed, and what is loaded
+// meanwhile would not hear of the fork.
 constinit std::mutex loading;
 
-void watch_forks_while_loading() {
-  static constinit std::atomic<bool> watching{false};
-  if (watching.exchange(true)) return;
-  const int result =
-      pthread_atfork([] { loading.lock(); }, [] { loading.unlock(); }, [] { loading.unlock(); });
-  if (result == 0) return;
-  watching = false;
-  throw std::bad_alloc();
+void before_fork() {
+  loading.lock();
+  if (const http::Library* const library = loaded.load()) library->before_fork();
+}
+
+void after_fork_in_parent() {
+  if (const http::Library* const library = loaded.load()) library->after_fork_in_parent();
+  loading.unlock();
+}
+
+void after_fork_in_child() {
+  if (const http::Library* const library = loaded.load()) library->after_fork_in_child();
+  loading.unlock();
 }
 
 std::string path_beside_this_module() {
   Dl_info self{};
-  if (dladdr(kEntry, &self) == 0) return std::string(kLibrary);
+  if (dladdr(kSymbol, &self) == 0) return std::string(kLibrary);
   const std::string_view module = self.dli_fname;
   return std::string(module.substr(0, module.rfind('/') + 1)).append(kLibrary);
 }
@@ -46,14 +50,13 @@ http::TransportFailure load_failure() {
 }
 
 /// Null where it cannot be had: `dlerror` knows why.
-Perform load() {
+const http::Library* load() {
   void* const library = dlopen(path_beside_this_module().c_str(), RTLD_NOW | RTLD_LOCAL);
-  return library == nullptr ? nullptr : reinterpret_cast<Perform>(dlsym(library, kEntry));
+  return library == nullptr ? nullptr : static_cast<const http::Library*>(dlsym(library, kSymbol));
 }
 
-Perform loaded_once() {
-  if (const Perform ready = loaded.load(std::memory_order_acquire)) return ready;
-  watch_forks_while_loading();
+const http::Library* loaded_once() {
+  if (const http::Library* const ready = loaded.load(std::memory_order_acquire)) return ready;
   const std::scoped_lock lock(loading);
   if (loaded.load(std::memory_order_relaxed) == nullptr) loaded.store(load(), std::memory_order_release);
   return loaded.load(std::memory_order_relaxed);
@@ -61,9 +64,16 @@ Perform loaded_once() {
 
 }  // namespace
 
+void watch_forks_for_http() {
+  static bool watching = false;
+  if (watching) return;
+  if (pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) != 0) throw std::bad_alloc();
+  watching = true;
+}
+
 http::Result perform_request(const http::Request& request, const http::Tick& tick) {
-  const Perform perform = loaded_once();
-  return perform == nullptr ? load_failure() : perform(request, tick);
+  const http::Library* const library = loaded_once();
+  return library == nullptr ? load_failure() : library->perform(request, tick);
 }
 
 }  // namespace tessaline::auth

@@ -1,9 +1,14 @@
 #pragma once
 
 #include "tessaline/auth/http/http_client.hpp"
-#include "tessaline/auth/http/library/result.hpp"
+#include "tessaline/auth/http/library/library.hpp"
 
 namespace tessaline::auth {
+
+/// Has forks wait while the library is loaded or set up, and the library care for its locks and connections.
+/// Called once, when the module is executed: a fork runs only what was registered before it began. Throws
+/// std::bad_alloc.
+void watch_forks_for_http();
 
 /// `http::perform`, from the library beside the module that holds the HTTP room. It is loaded at the first
 /// call and kept: libcurl brings some thirty libraries along, and who only imports the component, or brings a

@@ -2,7 +2,8 @@
 #include <new>
 
 #include "tessaline/auth/http/http_client.hpp"
-#include "tessaline/auth/http/library/result.hpp"
+#include "tessaline/auth/http/library/library.hpp"
+#include "tessaline/auth/http/process.hpp"
 
 namespace tessaline::auth::http {
 namespace {
@@ -20,21 +21,22 @@ Result result_of(const Request& request, const Tick& tick) {
   }
 }
 
+Result perform_for_module(const Request& request, const Tick& tick) {
+  try {
+    return result_of(request, tick);
+  } catch (const std::bad_alloc&) {
+    return OutOfMemory{};
+  }
+}
+
 }  // namespace
 }  // namespace tessaline::auth::http
 
-// The one symbol of the library that the module loads at its first request. The result is C++ and not C,
-// which is for two objects of one build to agree on.
-#pragma GCC diagnostic push
-#ifdef __clang__
-#pragma GCC diagnostic ignored "-Wreturn-type-c-linkage"
-#endif
-extern "C" __attribute__((visibility("default"))) tessaline::auth::http::Result tessaline_http_perform(
-    const tessaline::auth::http::Request& request, const tessaline::auth::http::Tick& tick) {
-  try {
-    return tessaline::auth::http::result_of(request, tick);
-  } catch (const std::bad_alloc&) {
-    return tessaline::auth::http::OutOfMemory{};
-  }
-}
-#pragma GCC diagnostic pop
+// The one symbol that is exported.
+extern "C" __attribute__((visibility("default"))) const tessaline::auth::http::Library tessaline_http_library;
+constexpr tessaline::auth::http::Library tessaline_http_library{
+    tessaline::auth::http::perform_for_module,
+    tessaline::auth::http::process::before_fork,
+    tessaline::auth::http::process::after_fork_in_parent,
+    tessaline::auth::http::process::after_fork_in_child,
+};

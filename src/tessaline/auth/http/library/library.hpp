@@ -12,4 +12,13 @@ struct OutOfMemory {};
 /// a wheel each has a C++ runtime of its own, and one would stay uncaught in the runtime that threw it.
 using Result = std::variant<Response, TransportFailure, OutOfMemory>;
 
+/// What a module uses of the library.
+struct Library {
+  Result (*perform)(const Request& request, const Tick& tick);  ///< throws nothing
+  // As in process.hpp.
+  void (*before_fork)() noexcept;
+  void (*after_fork_in_parent)() noexcept;
+  void (*after_fork_in_child)() noexcept;
+};
+
 }  // namespace tessaline::auth::http

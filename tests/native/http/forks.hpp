@@ -1,0 +1,13 @@
+#pragma once
+
+#include <pthread.h>
+
+#include "tessaline/auth/http/process.hpp"
+
+namespace tessaline::auth::http::testing {
+
+/// As the modules that use the room do it, before anything is requested.
+inline const int watching_forks =
+    pthread_atfork(process::before_fork, process::after_fork_in_parent, process::after_fork_in_child);
+
+}  // namespace tessaline::auth::http::testing
