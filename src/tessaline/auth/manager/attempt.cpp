@@ -35,6 +35,7 @@ bool Attempt::is_worked_on() const {
 bool Attempt::is_lost() const {
   if (phase != Phase::kBegun || !thread) return false;
   const Ref kept = Ref::borrow(thread.get());
+  // While it was asked, it may have begun and run to its end.
   return has_ended(kept.get()) && phase == Phase::kBegun;
 }
 

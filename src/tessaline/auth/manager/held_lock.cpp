@@ -9,8 +9,8 @@
 namespace tessaline::auth {
 namespace {
 
-/// Dropping it runs no finalizer.
-bool is_plain(PyObject* value) {
+/// Whether dropping it runs no code of a program.
+bool drops_quietly(PyObject* value) {
   return value == Py_None || PyBool_Check(value) || PyUnicode_CheckExact(value) ||
          PyFloat_CheckExact(value) || PyBytes_CheckExact(value);
 }
@@ -80,7 +80,7 @@ void HeldLock::set_auth_event() const {
 }
 
 void HeldLock::drop_later(Ref replaced) const noexcept {
-  if (!replaced || is_plain(replaced.get())) return;
+  if (!replaced || drops_quietly(replaced.get())) return;
   PyObject*& list = manager_.lock.replaced;
   if (list == nullptr) list = PyList_New(0);
   if (list == nullptr || PyList_Append(list, replaced.get()) != 0) PyErr_Clear();

@@ -43,6 +43,7 @@ class HeldLock {
   /// Sets `_auth_event`, where there is one.
   void set_auth_event() const;
 
+  /// At once where there is no memory to keep it.
   void drop_later(Ref replaced) const noexcept;
 
  private:

@@ -7,8 +7,8 @@ namespace tessaline::auth {
 /// One run of the refresh loop, on the thread that made it: sleeps until the refresh point, refreshes once,
 /// ends.
 ///
-/// The loop of the thread started last is the one that counts. One that was superseded ends when it next
-/// wakes; since it may be asleep until a refresh point that is no longer its own, its successor wakes it.
+/// Which one counts `LoopStanding` says. One that was superseded ends when it next wakes; since it may be
+/// asleep until a refresh point that is no longer its own, its successor wakes it.
 class RefreshLoop {
  public:
   explicit RefreshLoop(AuthManager& manager);
