@@ -91,6 +91,25 @@ def test_a_re_authentication_that_fails_late_does_not_undo_the_next_login(
     assert logged_in.get_token() == service.tokens[-1]
 
 
+def test_a_renewal_does_not_bring_back_an_era_that_another_login_has_left(
+    logged_in: Any, service: Service
+) -> None:
+    def flow() -> Any:
+        # Announced and met meanwhile, by a result that the program stores.
+        logged_in.notify_era_change(2)
+        service.era = 2
+        brought = service.grant(logged_in.get_wallet_address())
+        with logged_in._lock:
+            logged_in._store_auth_result(brought["token"], secret)
+        return older, 0, secret
+
+    older, secret = logged_in.get_token(), logged_in.get_wallet_secret()
+    logged_in._do_auth_flow_matching_pending_era = flow
+    logged_in._do_refresh()
+    assert logged_in._token == service.tokens[-1]
+    assert era_of(logged_in._token) == 2
+
+
 def test_an_announcement_about_to_start_its_thread_is_not_taken_for_an_orphan(
     logged_in: Any, service: Service, monkeypatch: pytest.MonkeyPatch
 ) -> None:

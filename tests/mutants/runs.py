@@ -19,6 +19,8 @@ from .tree import BUILD, PACKAGE, VARIABLE
 
 AT_ONCE = 2
 SECONDS = 60
+# All files, where a mutant has one.
+FAULTLESS_SECONDS = 900
 HANGS = "it hangs"
 # What pytest captures goes through a file, which processes cannot share.
 OPTIONS = ["-x", "-q", "-s", "-p", "no:cacheprovider"]
@@ -86,7 +88,8 @@ def _in_children(waiting: list[Run]) -> Iterator[tuple[Run, str | None]]:
                     os.dup2(output, 2)
                     yield run, None
                     return
-                running[pid] = run, time.monotonic() + SECONDS, log
+                seconds = SECONDS if run.number else FAULTLESS_SECONDS
+                running[pid] = run, time.monotonic() + seconds, log
             time.sleep(0.02)
             for pid, (run, deadline, log) in list(running.items()):
                 ended, status = os.waitpid(pid, os.WNOHANG)
