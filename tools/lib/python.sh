@@ -1,15 +1,17 @@
 # shellcheck shell=bash
-# Finds CPython 3.13 and makes .venv.
+# Finds the newest CPython that the component has been tried on, and makes .venv.
 
-# python_behind COMMAND: the interpreter itself (past shims and virtual environments), if it is a CPython 3.13
-# that can make an environment and build an extension.
+pythons=(3.15 3.14 3.13)
+
+# python_behind COMMAND: the interpreter itself (past shims and virtual environments), if it is a CPython that
+# will do, can make an environment and build an extension. One that is newer than those above will do.
 python_behind() {
   "$1" -I - 2>/dev/null <<'PYTHON'
 import importlib.util, os, sys, sysconfig
 
 fits = (
     sys.implementation.name == "cpython"
-    and sys.version_info[:2] == (3, 13)
+    and sys.version_info >= (3, 13)
     and not sysconfig.get_config_var("Py_GIL_DISABLED")
     and importlib.util.find_spec("ensurepip")
     and importlib.util.find_spec("ssl")
@@ -20,24 +22,27 @@ PYTHON
 }
 
 python_candidates() {
-  type -aP python3.13 || true
-  local pyenv_root=${PYENV_ROOT:-}
+  local pyenv_root=${PYENV_ROOT:-} version
   [[ -n $pyenv_root ]] || pyenv_root=$(pyenv root 2>/dev/null) || pyenv_root=${HOME:-}/.pyenv
-  printf '%s\n' "$pyenv_root"/versions/*/bin/python3.13
-  uv python find --system --no-project 3.13 2>/dev/null || true
+  for version in "${pythons[@]}"; do
+    type -aP "python$version" || true
+    printf '%s\n' "$pyenv_root"/versions/*/bin/python"$version"
+    uv python find --system --no-project "$version" 2>/dev/null || true
+  done
 }
 
 find_python() {
   local candidate
   if [[ -n ${PYTHON:-} ]]; then
-    python_behind "$PYTHON" || fail "PYTHON=$PYTHON is not a CPython 3.13 with its headers, ssl and ensurepip"
+    python_behind "$PYTHON" ||
+      fail "PYTHON=$PYTHON is not a CPython 3.13 or later with its lock (GIL), headers, ssl and ensurepip"
     return
   fi
   while read -r candidate; do
     python_behind "$candidate" && return
   done < <(python_candidates)
-  fail "no CPython 3.13 with its headers among PYTHON, PATH, pyenv and uv;" \
-    "run: uv python install 3.13 (or: pyenv install 3.13), or say where it is: make PYTHON=..."
+  fail "no CPython 3.13, 3.14 or 3.15 with its headers, ssl and ensurepip on PATH or in pyenv and uv;" \
+    "run: uv python install 3.15 (or: pyenv install 3.15), or say where one is: make PYTHON=..."
 }
 
 need_venv() {
@@ -52,7 +57,7 @@ need_venv() {
 
   local python
   python=$(find_python)
-  say "creating .venv with $("$python" --version)"
+  say "creating .venv with $("$python" --version), $python"
   logged venv "$python" -m venv --clear .venv
   # The list is complete, so nothing that it does not pin gets in.
   logged packages .venv/bin/python -m pip install --quiet --no-input --disable-pip-version-check --no-deps \

@@ -1,0 +1,89 @@
+"""Which Python a new `.venv` is made with, and that every place names the same ones."""
+
+from __future__ import annotations
+
+import os
+import re
+import sys
+import tomllib
+from pathlib import Path
+
+import pytest
+
+from .project import ROOT
+from .test_tools import program, shell
+
+pytestmark = pytest.mark.process
+
+REFUSED = "is not a CPython 3.13 or later with its lock (GIL), headers, ssl and ensurepip"
+
+# What another Python would say of itself, before it is asked.
+AS_FREE_THREADED = "import sysconfig; sysconfig.get_config_var = {'Py_GIL_DISABLED': 1}.get"
+AS_PYPY = "import sys; sys.implementation.name = 'pypy'"
+# What tells where headers are has been asked by then.
+AS_VERSION = "import sys, sysconfig; sysconfig.get_path('include'); sys.version_info = ({}, {}, 0, 'final', 0)"
+
+
+def python_that_says(path: Path, statement: str) -> str:
+    answer = f'(echo "{statement}"; cat) | exec {os.path.realpath(sys.executable)} "$@"'
+    return str(program(path, answer))
+
+
+def found_among(tmp_path: Path, *candidates: str) -> str:
+    """The one that is found where these fit, and no others are there."""
+    for version in ("3.13", "3.14", "3.15"):
+        answer = f"cat >/dev/null; echo found {version}" if version in candidates else "exit 1"
+        program(tmp_path / f"bin/python{version}", answer)
+    program(tmp_path / "bin/uv", "exit 1")
+    path = os.pathsep.join([str(tmp_path / "bin"), "/usr/bin", "/bin"])
+    nothing = str(tmp_path / "no-pyenv")
+    ended = shell("find_python", PATH=path, PYENV_ROOT=nothing, PYTHON="")
+    assert ended.returncode == 0, ended.stderr
+    return ended.stdout.strip()
+
+
+def test_the_newest_that_fits_is_taken(tmp_path: Path) -> None:
+    assert found_among(tmp_path / "all", "3.13", "3.14", "3.15") == "found 3.15"
+    assert found_among(tmp_path / "two", "3.13", "3.14") == "found 3.14"
+    assert found_among(tmp_path / "one", "3.13") == "found 3.13"
+
+
+def test_pyenv_is_asked_for_each_of_them(tmp_path: Path) -> None:
+    program(tmp_path / "versions/3.14.1/bin/python3.14", "true")
+    program(tmp_path / "versions/3.13.9/bin/python3.13", "true")
+    program(tmp_path / "versions/3.12.9/bin/python3.12", "true")
+    listed = shell("python_candidates", PYENV_ROOT=str(tmp_path)).stdout.splitlines()
+    ours = [line for line in listed if line.startswith(str(tmp_path)) and "*" not in line]
+    assert ours == [
+        str(tmp_path / "versions/3.14.1/bin/python3.14"),
+        str(tmp_path / "versions/3.13.9/bin/python3.13"),
+    ]
+
+
+@pytest.mark.parametrize(
+    "statement",
+    [AS_FREE_THREADED, AS_PYPY, AS_VERSION.format(3, 12), "raise SystemExit(1)"],
+    ids=["free-threaded", "PyPy", "older", "broken"],
+)
+def test_one_that_does_not_fit_is_named_in_one_line(tmp_path: Path, statement: str) -> None:
+    other = python_that_says(tmp_path / "python", statement)
+    ended = shell("find_python", PYTHON=other)
+    assert ended.returncode == 1
+    assert ended.stderr == f"setup: PYTHON={other} {REFUSED}\n"
+
+
+def test_one_that_is_newer_than_all_that_were_tried_may_be_named(tmp_path: Path) -> None:
+    newer = python_that_says(tmp_path / "python", AS_VERSION.format(3, 99))
+    ended = shell("find_python", PYTHON=newer)
+    assert (ended.returncode, ended.stderr) == (0, "")
+    assert Path(ended.stdout.strip()) == Path(sys._base_executable).resolve()
+
+
+def test_every_place_names_the_same_pythons() -> None:
+    project = tomllib.loads((ROOT / "pyproject.toml").read_text())["project"]
+    shown = re.findall(r":: Python :: (3\.\d+)$", "\n".join(project["classifiers"]), re.MULTILINE)
+    newest_first = shell('echo "${pythons[*]}"').stdout.split()
+    assert newest_first == shown[::-1]
+    assert project["requires-python"] == f">={shown[0]}"
+    source = (ROOT / "src/tessaline/auth/python/interior.cpp").read_text()
+    assert re.findall(r"kNewestTried = (\d+);", source) == [shown[-1].split(".")[1]]
