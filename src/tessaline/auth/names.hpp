@@ -34,7 +34,6 @@ inline constinit Name join{"join"};
 inline constinit Name json_decode_error{"JSONDecodeError"};
 inline constinit Name loads{"loads"};
 inline constinit Name lock{"Lock"};
-inline constinit Name locked{"locked"};
 inline constinit Name lower{"lower"};
 inline constinit Name main_thread{"main_thread"};
 inline constinit Name monotonic{"monotonic"};

@@ -6,7 +6,6 @@
 #include "tessaline/native/serving.hpp"
 #include "tessaline/native/token_copy.hpp"
 #include "tessaline/native/transport.hpp"
-#include "tessaline/native/wall_clock.hpp"
 
 namespace tessaline::native {
 namespace {
@@ -56,7 +55,6 @@ int execute(PyObject* module) {
     // are looked up there.
     python::keep_module(python::import(kAuth).get());
     python::know_own_events();
-    know_wall_clock();
     auth::watch_forks_for_http();
     python::checked(PyModule_AddFunctions(module, functions));
     add_era_board_type(module);

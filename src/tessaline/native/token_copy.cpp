@@ -4,7 +4,6 @@
 
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/native/types.hpp"
-#include "tessaline/native/wall_clock.hpp"
 
 namespace tessaline::native {
 
@@ -136,7 +135,9 @@ bool TokenCopy::is_of_the_era() const noexcept {
 
 Ref TokenCopy::good_token() const {
   if (token == nullptr) return {};
-  if (surely_before(clock, expiry)) return is_of_the_era() ? Ref::borrow(token) : Ref();
+  if (python::is_wall_clock(clock) && python::is_far_ahead(expiry)) {
+    return is_of_the_era() ? Ref::borrow(token) : Ref();
+  }
   python::require_stack();
   const Ref kept = Ref::borrow(token);
   const Ref now = python::call(clock);

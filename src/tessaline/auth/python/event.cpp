@@ -4,6 +4,7 @@
 #include "tessaline/auth/python/caught.hpp"
 #include "tessaline/auth/python/error.hpp"
 #include "tessaline/auth/python/import.hpp"
+#include "tessaline/auth/python/interior.hpp"
 #include "tessaline/auth/python/plain_lock.hpp"
 #include "tessaline/auth/python/scoped_lock.hpp"
 #include "tessaline/auth/python/until_done.hpp"
@@ -29,7 +30,8 @@ constinit const Name kWait{"wait"};
 constinit const Name kTimeout{"timeout"};
 
 /// Python's own type and functions, kept until the process ends; null for what another library had put in
-/// the place of a function before our import (gevent: a type of its own, in C).
+/// the place of a function before our import (gevent: a type of its own, in C), and where events do not
+/// consist of what is known here.
 PyObject* own_type = nullptr;
 PyObject* own_set = nullptr;
 PyObject* own_clear = nullptr;
@@ -135,12 +137,35 @@ bool wait_for_flag(PyObject* event, const Inside& inside, PyObject* timeout) {
   return woken;
 }
 
+/// Whether Python's own methods do to the parts of an event what is done to them here.
+bool tells_a_waiter(PyObject* event) {
+  const std::optional<Inside> inside = inside_of(event);
+  if (!inside || attribute(event, kFlag).get() != Py_False) return false;
+  const Ref waiter = call(inside->new_lock.get());
+  call_method(waiter.get(), kAcquire);
+  call_method(inside->waiters.get(), kAppend, {waiter.get()});
+  call_method(event, kSet);
+  const bool told = attribute(event, kFlag).get() == Py_True && length(inside->waiters.get()) == 0 &&
+                    call_method(waiter.get(), kAcquire, {Py_False}).get() == Py_True;
+  call_method(event, kClear);
+  return told && attribute(event, kFlag).get() == Py_False;
+}
+
+bool are_as_known(PyObject* type) {
+  bool as_known = false;
+  std::optional<Error> failure = caught([&] { as_known = tells_a_waiter(call(type).get()); });
+  const bool passes = failure && (!failure->matches(PyExc_Exception) || failure->matches(PyExc_MemoryError));
+  if (passes) throw std::move(*failure);
+  return as_known;
+}
+
 }  // namespace
 
 void know_own_events() {
   const Ref threading = import(kThreading);
-  know_lock_maker(threading.get());
+  know_locks(threading.get());
   Ref type = attribute(threading.get(), kEvent);
+  if (!inside_is_known() || !are_as_known(type.get())) return;
   own_set = function_of(threading.get(), type.get(), kSet);
   own_clear = function_of(threading.get(), type.get(), kClear);
   own_wait = function_of(threading.get(), type.get(), kWait);

@@ -11,6 +11,7 @@
 #include "tessaline/auth/python/caught.hpp"
 #include "tessaline/auth/python/globals.hpp"
 #include "tessaline/auth/python/import.hpp"
+#include "tessaline/auth/python/interior.hpp"
 
 namespace tessaline::auth::python {
 namespace {
@@ -21,6 +22,7 @@ constinit const Name kGetIdent{"get_ident"};
 constinit const Name kMainThread{"main_thread"};
 constinit const Name kIdent{"ident"};
 
+/// Null where it has to be called.
 PyObject* own_get_ident = nullptr;
 PyObject* threading_names = nullptr;
 
@@ -30,14 +32,18 @@ unsigned long named_by(PyObject* get_ident) {
   return ident != 0 ? ident : PyThread_get_thread_ident();
 }
 
+/// Whether it is the interpreter's, and tells what is taken here for its answer.
+bool is_as_known(PyObject* get_ident, PyObject* thread_module) {
+  return PyCFunction_CheckExact(get_ident) && PyCFunction_GET_SELF(get_ident) == thread_module &&
+         named_by(get_ident) == PyThread_get_thread_ident();
+}
+
 }  // namespace
 
 void know_own_get_ident() {
   const Ref thread = import(kThread);
   Ref found = attribute(thread.get(), kGetIdent);
-  if (PyCFunction_CheckExact(found.get()) && PyCFunction_GET_SELF(found.get()) == thread.get()) {
-    own_get_ident = found.release();
-  }
+  if (inside_is_known() && is_as_known(found.get(), thread.get())) own_get_ident = found.release();
   kGetIdent.object();
   threading_names = Py_NewRef(PyModule_GetDict(import(kThreading).get()));
 }
