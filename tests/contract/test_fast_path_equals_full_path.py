@@ -14,6 +14,7 @@ import pytest
 
 from tessaline import auth
 from tests.shared.modules import StandIn
+from tests.shared.pythons import looks_inside
 from tests.shared.threads import Worker, until
 
 from .serving import SERVE_WAYS, Answer, Fields, serve, write
@@ -171,6 +172,7 @@ def test_both_ways_answer_as_the_contract_says(plain: Any, seed: int) -> None:
     assert ways["served"] >= 50
 
 
+@looks_inside
 def test_the_short_way_is_taken_and_can_be_left(plain: Any) -> None:
     # Only the long way reads `_auth_event`, and it fails where the field is gone.
     healthy(plain)

@@ -10,6 +10,7 @@ import textwrap
 import pytest
 
 from tests.sanitized import moves_stacks, patience
+from tests.shared.pythons import looks_inside
 
 pytestmark = [pytest.mark.process, moves_stacks]
 
@@ -110,6 +111,7 @@ def test_locks_replaced(parts: tuple[str, ...], kinds: str) -> None:
     assert output_of(*parts) == kinds
 
 
+@looks_inside
 def test_an_event_that_is_older_than_the_green_locks() -> None:
     program = """
         import tessaline.auth

@@ -10,6 +10,8 @@ from pathlib import Path
 
 import pytest
 
+from tests.shared.pythons import NEWEST_TRIED
+
 from .project import ROOT
 from .test_tools import program, shell
 
@@ -21,7 +23,9 @@ REFUSED = "is not a CPython 3.13 or later with its lock (GIL), headers, ssl and 
 AS_FREE_THREADED = "import sysconfig; sysconfig.get_config_var = {'Py_GIL_DISABLED': 1}.get"
 AS_PYPY = "import sys; sys.implementation.name = 'pypy'"
 # What tells where headers are has been asked by then.
-AS_VERSION = "import sys, sysconfig; sysconfig.get_path('include'); sys.version_info = ({}, {}, 0, 'final', 0)"
+AS_VERSION = (
+    "import sys, sysconfig; sysconfig.get_path('include'); sys.version_info = ({}, {}, 0, 'final', 0)"
+)
 
 
 def python_that_says(path: Path, statement: str) -> str:
@@ -87,3 +91,4 @@ def test_every_place_names_the_same_pythons() -> None:
     assert project["requires-python"] == f">={shown[0]}"
     source = (ROOT / "src/tessaline/auth/python/interior.cpp").read_text()
     assert re.findall(r"kNewestTried = (\d+);", source) == [shown[-1].split(".")[1]]
+    assert shown[-1] == "{}.{}".format(*NEWEST_TRIED)

@@ -137,23 +137,29 @@ bool wait_for_flag(PyObject* event, const Inside& inside, PyObject* timeout) {
   return woken;
 }
 
-/// Whether Python's own methods do to the parts of an event what is done to them here.
-bool tells_a_waiter(PyObject* event) {
+/// Whether setting the event by `set` does to its parts what is known here.
+template <class Set>
+bool wakes_a_waiter(PyObject* event, Set&& set) {
   const std::optional<Inside> inside = inside_of(event);
   if (!inside || attribute(event, kFlag).get() != Py_False) return false;
   const Ref waiter = call(inside->new_lock.get());
   call_method(waiter.get(), kAcquire);
   call_method(inside->waiters.get(), kAppend, {waiter.get()});
-  call_method(event, kSet);
-  const bool told = attribute(event, kFlag).get() == Py_True && length(inside->waiters.get()) == 0 &&
-                    call_method(waiter.get(), kAcquire, {Py_False}).get() == Py_True;
+  set();
+  return attribute(event, kFlag).get() == Py_True && length(inside->waiters.get()) == 0 &&
+         call_method(waiter.get(), kAcquire, {Py_False}).get() == Py_True;
+}
+
+/// Whether Python's own methods and those here do the same to an event.
+bool is_as_known(PyObject* event) {
+  if (!wakes_a_waiter(event, [=] { call_method(event, kSet); })) return false;
   call_method(event, kClear);
-  return told && attribute(event, kFlag).get() == Py_False;
+  return wakes_a_waiter(event, [=] { set_flag(event, *inside_of(event), Py_True); });
 }
 
 bool are_as_known(PyObject* type) {
   bool as_known = false;
-  std::optional<Error> failure = caught([&] { as_known = tells_a_waiter(call(type).get()); });
+  std::optional<Error> failure = caught([&] { as_known = is_as_known(call(type).get()); });
   const bool passes = failure && (!failure->matches(PyExc_Exception) || failure->matches(PyExc_MemoryError));
   if (passes) throw std::move(*failure);
   return as_known;
