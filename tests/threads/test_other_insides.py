@@ -21,7 +21,6 @@ ANOTHER_THREADING = """
 OTHERS = {
     "the condition": ("_cond", "_condition"),
     "the flag": ("_flag", "_is_now_set"),
-    "a flag that is a count": ("self._flag = True", "self._flag = 1"),
     "the waiters": ("_waiters", "_waiting"),
     "the waiters' kind": ("self._waiters = _deque()", "self._waiters = []"),
 }

@@ -53,6 +53,20 @@ HOST_HANDLERS = re.compile(r"\bcatch\s*\(\s*(?:const\s+)?(?:python::)?Error\b")
 TEXT_FORMS = re.compile(r"\bPy(?:Err_Format|Unicode_FromFormat)\([^;]*%[SRA]")
 HOST_HEADERS = re.compile(r'#\s*include\s*[<"](?:Python\.h|structmember\.h|.*\bauth/python/.*)[>"]')
 
+# What Python does not document and the component uses: each in one place, which checks that it is as expected.
+INSIDES = {
+    r"\btp_version_tag\b": "python/seen_type",
+    r'"_(?:cond|flag|waiters)"': "python/event",
+    r'"(?:_allocate_lock|_thread\.lock|locked)"': "python/plain_lock",
+    r"\bm_ml\b": "python/wall_clock",
+    r"\bPyThread_get_thread_ident\b": "python/line_of_execution",
+    r"\b__forced_unwind\b": "python/park",
+    r"\bgetenv\(\"TESSALINE_UNTRIED_PYTHON\"\)": "python/interior",
+    r'"_target"': "binding/unclosed",
+}
+# Never used: what begins like this may go with any release of Python.
+PRIVATE_TO_HOST = re.compile(r"\b(?:_Py[A-Z]\w*|PyUnstable_\w+|Py_BUILD_CORE)\b")
+
 COMMENTS_AND_TEXTS = re.compile(r'//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"', re.DOTALL)
 
 
@@ -106,6 +120,18 @@ def test_methods_are_defined_only_where_the_host_is_faced() -> None:
     outside = [path for path in files if not any(path.is_relative_to(face) for face in faces)]
     assert outside
     assert places(METHODS, outside, code_only=True) == []
+
+
+@pytest.mark.parametrize("inside", INSIDES)
+def test_the_interpreters_inside_is_looked_at_in_one_place(inside: str) -> None:
+    sources = own_sources(".cpp", ".hpp", under="src")
+    found = {place.split(":")[0] for place in places(re.compile(inside), sources)}
+    where = {str(Path(name).with_suffix("")) for name in found}
+    assert where == {f"src/{AUTH}/{INSIDES[inside]}"}
+
+
+def test_nothing_of_the_interpreters_private_interface_is_used() -> None:
+    assert places(PRIVATE_TO_HOST, own_sources(".cpp", ".hpp", under="src"), code_only=True) == []
 
 
 def test_no_handler_catches_everything() -> None:
@@ -193,6 +219,7 @@ def test_the_rules_find_what_they_forbid() -> None:
     assert METHODS.search("PyMethodDef methods[] = {")
     assert METHODS.search("const PyType_Slot slots[] = {")
     assert not METHODS.search("const PyMethodDef* definition")
+    assert PRIVATE_TO_HOST.search("_PyType_Lookup(type, name)")
     assert CATCH_ALL.search("catch (...) {")
     assert HOST_HANDLERS.search("catch (python::Error& error) {")
     assert TEXT_FORMS.search('PyUnicode_FromFormat("%S", object)')
