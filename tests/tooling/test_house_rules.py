@@ -53,7 +53,7 @@ HOST_HANDLERS = re.compile(r"\bcatch\s*\(\s*(?:const\s+)?(?:python::)?Error\b")
 TEXT_FORMS = re.compile(r"\bPy(?:Err_Format|Unicode_FromFormat)\([^;]*%[SRA]")
 HOST_HEADERS = re.compile(r'#\s*include\s*[<"](?:Python\.h|structmember\.h|.*\bauth/python/.*)[>"]')
 
-# What Python does not document and the component uses: each in one place, which checks that it is as expected.
+# What is used that Python does not document: each in one place, which checks that it is as expected.
 INSIDES = {
     r"\btp_version_tag\b": "python/seen_type",
     r'"_(?:cond|flag|waiters)"': "python/event",
