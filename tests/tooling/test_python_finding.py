@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 import re
 import sys
+import sysconfig
 import tomllib
 from pathlib import Path
 
@@ -12,7 +13,7 @@ import pytest
 
 from tests.shared.pythons import NEWEST_TRIED
 
-from .project import ROOT
+from .project import ROOT, run
 from .test_tools import program, shell
 
 pytestmark = pytest.mark.process
@@ -94,3 +95,13 @@ def test_every_place_names_the_same_pythons() -> None:
     source = (ROOT / "src/tessaline/auth/python/interior.cpp").read_text()
     assert re.findall(r"kNewestTried = (\d+);", source) == [shown[-1].split(".")[1]]
     assert shown[-1] == "{}.{}".format(*NEWEST_TRIED)
+
+
+@pytest.mark.parametrize("kind", ["Py_GIL_DISABLED", "PYPY_VERSION"])
+def test_a_build_for_another_kind_of_python_ends_in_one_sentence(kind: str) -> None:
+    header = ROOT / "src/tessaline/auth/python/interior.hpp"
+    paths = [f"-I{sysconfig.get_path('include')}", f"-I{ROOT / 'src'}"]
+    ended = run("g++", "-x", "c++", "-E", "-o", os.devnull, f"-D{kind}=1", *paths, str(header))
+    assert ended.returncode == 1
+    said = re.findall(r"error: #error (.*)$", ended.stderr, re.MULTILINE)
+    assert said == ['"tessaline runs on CPython 3.13 or later, with its global interpreter lock, on Linux"']
