@@ -59,6 +59,8 @@ need_venv() {
   python=$(find_python)
   say "creating .venv with $("$python" --version), $python"
   logged venv "$python" -m venv --clear .venv
+  # A tree that was configured for another Python does not find this one.
+  find build -name CMakeCache.txt -delete
   # The list is complete, so nothing that it does not pin gets in.
   logged packages .venv/bin/python -m pip install --quiet --no-input --disable-pip-version-check --no-deps \
     --requirement requirements/dev.txt
@@ -70,7 +72,7 @@ need_venv() {
 # Prints that place.
 need_pinned() {
   local packages=$PWD/build/$1-packages wanted
-  wanted=$(sha256sum <"requirements/$1.txt")
+  wanted="$(sha256sum <"requirements/$1.txt") $(python_behind .venv/bin/python)"
   if ! is_done "$packages/.set-up" "$wanted"; then
     rm -rf "$packages"
     logged "$1-packages" .venv/bin/python -m pip install --quiet --no-input --disable-pip-version-check --no-deps \
