@@ -86,6 +86,17 @@ def test_one_that_is_newer_than_all_that_were_tried_may_be_named(tmp_path: Path)
     assert Path(ended.stdout.strip()) == Path(REAL)
 
 
+@pytest.mark.parametrize(("there", "taken"), [(True, "old"), (False, "new")])
+def test_an_environment_that_is_made_anew_keeps_its_python(tmp_path: Path, there: bool, taken: str) -> None:
+    old, new = (program(tmp_path / name, f"echo Python of the {name}") for name in ("old", "new"))
+    circumstances = (
+        f"python_behind() {{ {str(there).lower()} && echo {old}; }}; find_python() {{ echo {new}; }}; "
+        "is_done() { false; }; logged() { :; }; mark_done() { :; }; find() { :; }"
+    )
+    made = shell(f"{circumstances}; need_venv", PYTHON="")
+    assert made.stdout == f"setup: creating .venv with Python of the {taken}, {tmp_path / taken}\n"
+
+
 def test_every_place_names_the_same_pythons() -> None:
     project = tomllib.loads((ROOT / "pyproject.toml").read_text())["project"]
     shown = re.findall(r":: Python :: (3\.\d+)$", "\n".join(project["classifiers"]), re.MULTILINE)

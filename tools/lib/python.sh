@@ -55,8 +55,10 @@ need_venv() {
   fi
   is_done .venv/.set-up "$wanted" && return
 
-  local python
-  python=$(find_python)
+  # One that is made anew for other packages keeps its Python.
+  local python=
+  [[ -n ${PYTHON:-} ]] || python=$(python_behind .venv/bin/python) || true
+  [[ -n $python ]] || python=$(find_python)
   say "creating .venv with $("$python" --version), $python"
   logged venv "$python" -m venv --clear .venv
   # A tree that was configured for another Python does not find this one.
