@@ -1,4 +1,4 @@
-"""facts.py NAME TESTS LOG STEP:OUTCOME:SECONDS...: what system this is and what came of the steps, as JSON."""
+"""facts.py NAME TESTS LOG STEP:OUTCOME:SECONDS...: which system this is and how the steps went, as JSON."""
 
 import datetime
 import json

@@ -38,8 +38,7 @@ make_system() {
   fi
   furnish "$root"
   # shellcheck disable=SC2016  # expanded by the shell in there
-  apart tools/chroots/within "$root" -- /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 \
-    DEBIAN_FRONTEND=noninteractive sh -ec '
+  apart tools/chroots/within "$root" -- env DEBIAN_FRONTEND=noninteractive sh -ec '
       update-ca-certificates --fresh
       apt-get -q update
       apt-get -qy dist-upgrade

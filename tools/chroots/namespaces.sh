@@ -2,8 +2,14 @@
 # Runs commands where mounts, processes and an emulator's registration end with the command.
 
 job=
-# Nothing in there hears a signal that it does not handle but this one, and the kernel ends the rest with it.
+
+# Nothing in there hears a signal of ours but this one, and the kernel ends the rest with it.
 end_job() { [[ -z $job ]] || kill -KILL "$job" 2>/dev/null || true; }
+
+end_with_signals() {
+  trap 'end_job; exit 130' INT
+  trap 'end_job; exit 143' TERM HUP
+}
 
 # apart COMMAND...: in namespaces of its own. They end with this shell as well, however it ends.
 apart() {
