@@ -38,7 +38,7 @@ def counts(log: str) -> dict[str, int]:
 
 def facts(log: Path, *steps: str) -> dict[str, Any]:
     outcomes = [step.split(":") for step in steps]
-    compiler = said("g++", "-dumpfullversion")
+    compiler = said(os.environ.get("CXX", "g++"), "-dumpfullversion")
     return {
         "called": platform.freedesktop_os_release().get("PRETTY_NAME", platform.system()),
         "machine": os.uname().machine,

@@ -40,7 +40,9 @@ make_system() {
   # shellcheck disable=SC2016  # expanded by the shell in there
   apart tools/chroots/within "$root" -- env DEBIAN_FRONTEND=noninteractive sh -ec '
       update-ca-certificates --fresh
+      dpkg --add-architecture "$1"
+      shift
       apt-get -q update
       apt-get -qy dist-upgrade
-      apt-get -qy install --no-install-recommends "$@"' sh "$@"
+      apt-get -qy install --no-install-recommends "$@"' sh "$(dpkg --print-architecture)" "$@"
 }
