@@ -137,3 +137,23 @@ def test_nothing_stays_after_a_signal(number: signal.Signals) -> None:
         assert select.select([process.stdout], [], [], DEADLINE)[0], "something still runs"
         assert process.stdout.read() == b""
     assert process.returncode == {signal.SIGINT: 130, signal.SIGTERM: 143}.get(number, -number)
+
+
+def test_a_system_is_told_how_to_reach_the_network_and_nothing_else_of_the_environment(
+    tmp_path: Path,
+) -> None:
+    prefix = namespaces()
+    for name in ("dev", "proc"):
+        (tmp_path / name).mkdir()
+    for name in ("bin", "lib", "lib64"):
+        (tmp_path / name).symlink_to(f"usr/{name}")
+    script = APART + f"machine=$(uname -m); apart tools/chroots/within {tmp_path} /usr -- env"
+    told = {"PIP_TIMEOUT": "7", "https_proxy": "http://127.0.0.1:9"}
+    ended = run(
+        *prefix, "bash", "-c", script, environment=told | {"OF_THIS_MACHINE": "1", "PYTHON": "python3"}
+    )
+    names = {line.partition("=")[0] for line in ended.stdout.splitlines()}
+    assert ended.returncode == 0
+    assert {"PATH", "HOME", "LC_ALL", *told} <= names
+    kept = {name for name in os.environ if name.startswith("PIP_") or name.lower().endswith("_proxy")}
+    assert names <= {"PATH", "HOME", "LC_ALL", "PWD", "SHLVL", "OLDPWD", "_", *told, *kept}

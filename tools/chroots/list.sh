@@ -11,7 +11,7 @@ describe() {
   case $1 in
     debian-12) suite=bookworm ;;
     debian-13) suite=trixie pythons=(python3.13) ;;
-    debian-sid) suite=sid pythons=(python3.14 python3.15) ;;
+    debian-sid) suite=sid pythons=(python3.13 python3.14 python3.15) ;;
     debian-13-aarch64)
       suite=trixie architecture=arm64 machine=aarch64 pythons=(python3.13) minutes=120
       # What is close to the processor: ends of processes, forks, sockets, arithmetic.
