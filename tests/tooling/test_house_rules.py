@@ -25,10 +25,7 @@ SHARED_BY_ROOMS = ["CMakeLists.txt", "constants.hpp", "exports.map", "names.hpp"
 # Of rooms that know the interpreter, what does not.
 PURE = ("steps/verdict", "transport/trust_places")
 # What of the component the native parts beside it may use: the doors, and what every transport has in common.
-SHARED = (
-    rf"{AUTH}/(?:python/(?:python|ref)|"
-    r"transport/(?:default_trust|exchange|http_library|proxy_environment))\.hpp"
-)
+SHARED = rf"{AUTH}/(?:python/(?:python|ref)|transport/(?:default_trust|exchange|http_library|proxy_\w+))\.hpp"
 
 # A letter in brackets here and there keeps this file from breaking the rules that it checks.
 OTHER_DOCUMENTS = re.compile(
