@@ -15,8 +15,7 @@ furnish() {
     # What belongs to a package is that package's matter.
     [[ -f $file ]] && ! dpkg --search "$file" >/dev/null 2>&1 && cp "$file" "$1/etc/apt/apt.conf.d/90${file##*/}"
   done
-  # The unstable suite is often older where it is mirrored than its lists allow.
-  printf 'Acquire::Check-Valid-Until "false";\n' >"$1/etc/apt/apt.conf.d/91check-valid-until"
+  cp tools/chroots/apt.conf "$1/etc/apt/apt.conf.d/91tessaline"
   for file in /etc/pip.conf /etc/resolv.conf /etc/hosts; do
     [[ ! -e $file ]] || cp --dereference --remove-destination "$file" "$1$file"
   done
