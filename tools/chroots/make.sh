@@ -38,7 +38,7 @@ make_system() {
   furnish "$root"
   # shellcheck disable=SC2016  # expanded by the shell in there
   apart tools/chroots/within "$root" -- env DEBIAN_FRONTEND=noninteractive sh -ec '
-      update-ca-certificates --fresh
+      update-ca-certificates
       dpkg --add-architecture "$1"
       shift
       apt-get -q update
