@@ -23,6 +23,26 @@ furnish() {
   cp /usr/local/share/ca-certificates/*.crt "$1/usr/local/share/ca-certificates/" 2>/dev/null || true
 }
 
+# bring_compiler ROOT: the suite's compiler for an emulated system as a program of this machine; an emulated one takes ten
+# times as long. It is unpacked only, for apt would not have the libraries of both beside each other.
+bring_compiler() {
+  local root=$1 state=$1/var/cache/compiler package
+  mkdir -p "$state/lists/partial" "$state/archives/partial" "$root/usr/lib64"
+  : >"$state/status"
+  local -a apt=(apt-get -qy -o Dir="$root" -o Dir::Bin::methods=/usr/lib/apt/methods
+    -o Dir::State::lists="$state/lists" -o Dir::State::status="$state/status" -o Dir::Cache::archives="$state/archives"
+    -o APT::Architectures="$(dpkg --print-architecture)" -o Debug::NoLocking=1)
+  "${apt[@]}" update && "${apt[@]}" install --download-only --no-install-recommends \
+    "g++-${machine//_/-}-linux-gnu" || return 1
+  ln -sfn usr/lib64 "$root/lib64"
+  for package in "$state"/archives/*.deb; do
+    # Of the rest, the system has its own.
+    if [[ $(dpkg-deb --field "$package" Package) =~ ^z?lib|-cross$|-${machine//_/-}- ]]; then
+      dpkg --extract "$package" "$root" || return 1
+    fi
+  done
+}
+
 # make_system ROOT PACKAGE...: a whole one is marked, so an interrupted one is made anew.
 make_system() {
   local root=$1
@@ -39,9 +59,7 @@ make_system() {
   # shellcheck disable=SC2016  # expanded by the shell in there
   apart tools/chroots/within "$root" -- env DEBIAN_FRONTEND=noninteractive sh -ec '
       update-ca-certificates
-      dpkg --add-architecture "$1"
-      shift
       apt-get -q update
       apt-get -qy dist-upgrade
-      apt-get -qy install --no-install-recommends "$@"' sh "$(dpkg --print-architecture)" "$@"
+      apt-get -qy install --no-install-recommends "$@"' sh "$@"
 }
