@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test real types fuzz leaks exits build devserver bench docs check format warnings tidy coverage ctime chaos model mutants sanitize torture wheel test-wheel pins clean
+.PHONY: help demo test real types fuzz leaks exits build devserver bench docs check format warnings tidy coverage ctime chaos model mutants sanitize torture wheel test-wheel systems pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -80,6 +80,9 @@ wheel: build ## dist/: a wheel that needs nothing but glibc, and the source arch
 
 test-wheel: wheel ## install that wheel where nothing else of its kind is found, and run the tests against it (6 min)
 	@tools/test-wheel $(ARGS)
+
+systems: build ## make demo and make test in Debian 12, 13, sid and an emulated aarch64, which it makes first (as root; hours)
+	@tools/systems $(ARGS)
 
 pins: ## renew the pinned Python packages
 	@tools/pins

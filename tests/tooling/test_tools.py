@@ -43,6 +43,19 @@ def test_missing_packages_without_root_are_named_with_the_command_that_installs_
     )
 
 
+def test_of_a_compiler_that_a_system_does_not_have_the_next_one_is_taken() -> None:
+    knows = "apt-cache() { [[ $2 == *-1[79]* || $2 == libb-dev ]]; }"
+    ended = shell(f"{knows}; on_offer clang-16 libclang-rt-18-dev llvm-19 clang-format-16 libb-dev libc-dev")
+    assert ended.stdout.split() == [
+        "clang-17",
+        "libclang-rt-19-dev",
+        "llvm-19",
+        "clang-format-16",
+        "libb-dev",
+        "libc-dev",
+    ]
+
+
 def test_an_interrupted_step_is_not_done(tmp_path: Path) -> None:
     mark = tmp_path / "mark"
     assert shell(f"is_done {mark} key").returncode == 1

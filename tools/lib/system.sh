@@ -23,7 +23,7 @@ tool() {
 # clang_tool NAME [OLDEST]: that clang program, of version OLDEST (16) or later.
 clang_tool() {
   local suffix
-  for suffix in -16 -17 -18 -19 -20 -21 ""; do
+  for suffix in -16 -17 -18 -19 -20 -21 -22 -23 ""; do
     tool "$1$suffix" "${2:-16}" && return
   done
   return 1
@@ -66,6 +66,8 @@ has_package() {
     tinyproxy) at_least 1.11 "$(version_of tinyproxy -v)" ;;
     nginx) type -P nginx || [[ -x /usr/sbin/nginx ]] ;;
     shellcheck) tool shellcheck 0.9 ;;
+    debootstrap) type -P debootstrap ;;
+    qemu-user-static) compgen -G '/usr/lib/binfmt.d/qemu-*.conf' ;;
     spin) spin -V 2>/dev/null | grep '^Spin Version' ;;
     *) fail "has_package: no rule for $1" ;;
   esac >/dev/null
@@ -76,6 +78,22 @@ missing() {
   local package
   for package in "$@"; do
     has_package "$package" || printf '%s ' "$package"
+  done
+}
+
+# on_offer PACKAGE...: those packages; of a compiler's of which apt does not have that version, the next one that it has.
+# Formatters are left out, for each version formats in another way.
+on_offer() {
+  local package version
+  for package in "$@"; do
+    if [[ $package =~ ^(clang|clang-tidy|libclang-rt|llvm)-([0-9]+)(.*)$ ]]; then
+      for ((version = BASH_REMATCH[2]; version < BASH_REMATCH[2] + 10; version++)); do
+        apt-cache show "${BASH_REMATCH[1]}-$version${BASH_REMATCH[3]}" >/dev/null 2>&1 || continue
+        package=${BASH_REMATCH[1]}-$version${BASH_REMATCH[3]}
+        break
+      done
+    fi
+    printf '%s ' "$package"
   done
 }
 
@@ -99,7 +117,9 @@ need_packages() {
   # Stale lists may still do, so only the installation decides.
   mkdir -p build/logs
   "${apt[@]}" update >build/logs/apt-update.log 2>&1 </dev/null || true
-  logged apt-install "${apt[@]}" install -y --no-install-recommends "${wanted[@]}"
+  local -a offered
+  read -r -a offered <<<"$(on_offer "${wanted[@]}")"
+  logged apt-install "${apt[@]}" install -y --no-install-recommends "${offered[@]}"
 
   read -r -a wanted <<<"$(missing "${wanted[@]}")"
   ((${#wanted[@]} == 0)) || fail "installed, but still not usable: ${wanted[*]}"

@@ -1,0 +1,65 @@
+# shellcheck shell=bash
+# Makes a system, or brings one up to date that is there already.
+# shellcheck disable=SC2154  # `describe` of list.sh sets suite, machine and architecture
+
+# The place from which this system has its own packages; none (then debootstrap's own) where apt has no list of them.
+mirror() {
+  # shellcheck disable=SC2016  # apt's own variables
+  apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Label: Debian' 2>/dev/null | head -n 1 || true
+}
+
+# furnish ROOT: what this machine's owner has set for apt, pip, names and authorities.
+furnish() {
+  local file
+  for file in /etc/apt/apt.conf /etc/apt/apt.conf.d/*; do
+    # What belongs to a package is that package's matter.
+    [[ -f $file ]] && ! dpkg --search "$file" >/dev/null 2>&1 && cp "$file" "$1/etc/apt/apt.conf.d/90${file##*/}"
+  done
+  cp tools/chroots/apt.conf "$1/etc/apt/apt.conf.d/91tessaline"
+  for file in /etc/pip.conf /etc/resolv.conf /etc/hosts; do
+    [[ ! -e $file ]] || cp --dereference --remove-destination "$file" "$1$file"
+  done
+  mkdir -p "$1/usr/local/share/ca-certificates"
+  cp /usr/local/share/ca-certificates/*.crt "$1/usr/local/share/ca-certificates/" 2>/dev/null || true
+}
+
+# bring_compiler ROOT: the suite's compiler for an emulated system as a program of this machine; an emulated one takes ten
+# times as long. It is unpacked only, for apt would not have the libraries of both beside each other.
+bring_compiler() {
+  local root=$1 state=$1/var/cache/compiler package
+  mkdir -p "$state/lists/partial" "$state/archives/partial" "$root/usr/lib64"
+  : >"$state/status"
+  local -a apt=(apt-get -qy -o Dir="$root" -o Dir::Bin::methods=/usr/lib/apt/methods
+    -o Dir::State::lists="$state/lists" -o Dir::State::status="$state/status" -o Dir::Cache::archives="$state/archives"
+    -o APT::Architectures="$(dpkg --print-architecture)" -o Debug::NoLocking=1)
+  "${apt[@]}" update && "${apt[@]}" install --download-only --no-install-recommends \
+    "g++-${machine//_/-}-linux-gnu" || return 1
+  ln -sfn usr/lib64 "$root/lib64"
+  for package in "$state"/archives/*.deb; do
+    # Of the rest, the system has its own.
+    if [[ $(dpkg-deb --field "$package" Package) =~ ^z?lib|-cross$|-${machine//_/-}- ]]; then
+      dpkg --extract "$package" "$root" || return 1
+    fi
+  done
+}
+
+# make_system ROOT PACKAGE...: a whole one is marked, so an interrupted one is made anew.
+make_system() {
+  local root=$1
+  shift
+  if [[ ! -e $root/.made ]]; then
+    say "making $suite for $machine"
+    rm -rf --one-file-system "$root"
+    mkdir -p "$root"
+    # shellcheck disable=SC2046  # none, or one word
+    apart tools/chroots/bootstrap "$root" "$architecture" "$suite" $(mirror) || return 1
+    touch "$root/.made"
+  fi
+  furnish "$root"
+  # shellcheck disable=SC2016  # expanded by the shell in there
+  apart tools/chroots/within "$root" -- env DEBIAN_FRONTEND=noninteractive sh -ec '
+      update-ca-certificates
+      apt-get -q update
+      apt-get -qy dist-upgrade
+      apt-get -qy install --no-install-recommends "$@"' sh "$@"
+}
