@@ -111,18 +111,9 @@ def test_a_fork_while_it_is_loaded_leaves_the_child_no_lock(
     fifo, source = tmp_path / "fifo", tmp_path / "slow.c"
     os.mkfifo(fifo)
     source.write_text(SLOW)
-    place = ["-L", PACKAGE, f"-l:{LIBRARY}", f"-Wl,-rpath,{PACKAGE}", "-Wl,--no-as-needed"]
-    command = [
-        "gcc",
-        "-shared",
-        "-fPIC",
-        f'-DFIFO="{fifo}"',
-        "-o",
-        package / LIBRARY,
-        *place[-1:],
-        source,
-        *place,
-    ]
+    found = ["-Wl,--no-as-needed", "-L", str(PACKAGE), f"-l:{LIBRARY}", f"-Wl,-rpath,{PACKAGE}"]
+    place = str(package / LIBRARY)
+    command = ["gcc", "-shared", "-fPIC", f'-DFIFO="{fifo}"', str(source), "-o", place, *found]
     subprocess.run(command, check=True, timeout=60)
     with subprocess.Popen(
         [sys.executable, "-c", FORKING, str(unused_port)],
