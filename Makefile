@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test real types fuzz leaks exits build devserver bench docs check format warnings tidy coverage ctime chaos model mutants sanitize torture wheel test-wheel systems pins clean
+.PHONY: help demo test real types fuzz leaks exits build devserver bench docs check format warnings tidy coverage ctime chaos model mutants sanitize torture wheel test-wheel wheel-sources systems pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -75,14 +75,17 @@ sanitize: build ## every test under ASan, UBSan and TSan (about 30 min; ARGS="th
 torture: build ## fail every allocation and library call in turn (about 7 min); ARGS="--run ..." repeats one
 	@tools/torture $(ARGS)
 
-wheel: build ## dist/: a wheel that needs nothing but glibc, and the source archive (about 2 min)
+wheel: build ## dist/: a wheel that needs nothing but glibc, and the source archive (10 min; 1 min when it built before)
 	@tools/wheel
 
-test-wheel: wheel ## install that wheel where nothing else of its kind is found, and run the tests against it (6 min)
+test-wheel: wheel ## install that wheel into fresh environments, and run the tests against it (6 min)
 	@tools/test-wheel $(ARGS)
 
 systems: build ## make demo and make test in Debian 12, 13, sid and an emulated aarch64, which it makes first (as root; hours)
 	@tools/systems $(ARGS)
+
+wheel-sources: build ## pin the newest OpenSSL, libcurl and libsecp256k1 that Debian has for `make wheel`
+	@.venv/bin/python -m tools.wheels.sources --renew
 
 pins: ## renew the pinned Python packages
 	@tools/pins

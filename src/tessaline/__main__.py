@@ -27,6 +27,27 @@ class _Parser(argparse.ArgumentParser):
         super().error(shown(message))
 
 
+class _Version(argparse.Action):
+    """Prints them when it is asked to: to know them takes the library that makes requests."""
+
+    def __call__(self, parser: argparse.ArgumentParser, *_: object) -> NoReturn:
+        print(_versions())
+        parser.exit()
+
+
+def _versions() -> str:
+    # Here, so that a command line that is wrong needs none of it.
+    import platform
+
+    from tessaline import _native
+
+    libcurl, openssl, libsecp256k1 = _native.library_versions()
+    whose = "bundled" if _native.bundled else "the system's"
+    python = f"{platform.python_implementation()} {platform.python_version()}"
+    libraries = f"libcurl {libcurl}, OpenSSL {openssl}, libsecp256k1 {libsecp256k1}"
+    return f"tessaline {__version__}\n{python}\n{libraries} ({whose})"
+
+
 def _seconds(text: str) -> float:
     seconds = float(text)
     if not (math.isfinite(seconds) and seconds > 0):
@@ -41,7 +62,8 @@ _seconds.__name__ = "number of seconds"
 def _parser() -> argparse.ArgumentParser:
     about = "Tools for wallets that log in."
     parser = _Parser(prog="python -m tessaline", description=about, allow_abbrev=False)
-    parser.add_argument("--version", action="version", version=f"tessaline {__version__}")
+    version = "print the versions of the package and of what it works with"
+    parser.add_argument("--version", action=_Version, nargs=0, help=version)
     commands = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
     _add_check(
         commands.add_parser(

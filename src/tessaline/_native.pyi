@@ -2,9 +2,19 @@
 
 import threading
 from collections.abc import Callable, Mapping
-from typing import final
+from typing import Final, final
 
 from typing_extensions import disjoint_base
+
+bundled: Final[bool]
+"""Whether libcurl, OpenSSL and libsecp256k1 are copies inside the package."""
+
+def library_versions() -> tuple[str, str, str]:
+    """The versions of libcurl and OpenSSL that are in use, and of libsecp256k1 as it was at the build.
+
+    Raises:
+        OSError: The library that makes requests cannot be loaded.
+    """
 
 def set_event(event: threading.Event, /) -> None:
     """Set a `threading.Event` in one step: a signal handler that touches it cannot run inside."""

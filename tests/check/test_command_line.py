@@ -2,8 +2,11 @@
 
 from __future__ import annotations
 
+import ctypes
 import getpass
 import io
+import platform
+import re
 import secrets
 import subprocess
 import sys
@@ -13,7 +16,9 @@ import pytest
 
 import canary
 import tessaline
+from tessaline import _native
 from tessaline.__main__ import main
+from tools.wheels import pins
 
 from .conftest import Check
 
@@ -93,11 +98,27 @@ def test_a_command_is_needed(arguments: list[str], capsys: pytest.CaptureFixture
     assert "COMMAND" in capsys.readouterr().err
 
 
-def test_the_version(capsys: pytest.CaptureFixture[str]) -> None:
+def test_the_versions(capsys: pytest.CaptureFixture[str]) -> None:
     with pytest.raises(SystemExit) as caught:
         main(["--version"])
     assert caught.value.code == 0
-    assert capsys.readouterr().out == f"tessaline {tessaline.__version__}\n"
+    package, python, libraries = capsys.readouterr().out.splitlines()
+    assert package == f"tessaline {tessaline.__version__}"
+    assert python == f"CPython {platform.python_version()}"
+    number = r"\d+\.\d+\.\d+\S*"
+    whose = "bundled" if _native.bundled else "the system's"
+    assert re.fullmatch(rf"libcurl {number}, OpenSSL {number}, libsecp256k1 {number} \({whose}\)", libraries)
+
+
+def test_the_versions_are_those_of_the_libraries_in_use() -> None:
+    libcurl, openssl, libsecp256k1 = _native.library_versions()
+    if _native.bundled:
+        pinned = {source.package: source.upstream for source in pins.pinned()}
+        assert pinned == {"curl": libcurl, "openssl": openssl, "libsecp256k1": libsecp256k1}
+    else:
+        curl = ctypes.CDLL("libcurl.so.4")
+        curl.curl_version.restype = ctypes.c_char_p
+        assert curl.curl_version().decode().startswith(f"libcurl/{libcurl} OpenSSL/{openssl} ")
 
 
 def test_letters_that_a_terminal_has_not(tmp_path: Path) -> None:

@@ -70,9 +70,6 @@ print(json.dumps(told))
 @pytest.fixture
 def package(tmp_path: Path) -> Path:
     """The package without that library."""
-    # Where a wheel keeps the libraries that it brings along.
-    if (brought := PACKAGE.with_suffix(".libs")).exists():
-        (tmp_path / brought.name).symlink_to(brought)
     ignored = shutil.ignore_patterns(LIBRARY, "__pycache__")
     return shutil.copytree(PACKAGE, tmp_path / "tessaline", ignore=ignored)
 

@@ -49,6 +49,7 @@ has_package() {
     cmake) tool cmake 3.25 ;;
     ninja-build) tool ninja 1.10 ;;
     pkg-config) tool pkg-config 0 ;;
+    dpkg-dev) tool dpkg-source 1.20 ;;
     libcurl4-openssl-dev) has_module 'libcurl >= 7.88' "$1" ;;
     libsecp256k1-dev) has_module libsecp256k1 "$1" ;;
     libssl-dev) has_module openssl "$1" ;;

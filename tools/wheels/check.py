@@ -1,10 +1,11 @@
-"""Checks a repaired wheel, and says in one line what it is.
+"""Checks a wheel, and says in one line what it is.
 
 python -m tools.wheels.check WHEEL FOLDER_OF_DEBUG_FILES
 """
 
 from __future__ import annotations
 
+import json
 import re
 import sys
 import tempfile
@@ -12,73 +13,115 @@ import zipfile
 from pathlib import Path
 
 from . import elf
-from .outside import OUTSIDE
+from .outside import GLIBC, OUTSIDE
+from .pins import pinned
 
-TAG = re.compile(r"-cp313-cp313-manylinux_2_[0-9]+_(x86_64|aarch64)\.whl")
-EXPORTS = {
-    "_native.": "PyInit__native",
-    "auth.": "PyInit_auth",
-    "libtessaline_http.": "tessaline_http_library",
-}
-GRAFTED = "tessaline.libs"
+TAG = re.compile(rf"-cp(3[0-9]+)-cp\1-manylinux_{GLIBC[0]}_{GLIBC[1]}_(x86_64|aarch64)\.whl$")
+MODULES = {"_native": "PyInit__native", "auth": "PyInit_auth"}
+LIBRARY = "libtessaline_http.so"
+MOST_PACKED, MOST_INSTALLED = 3_000_000, 7_000_000
+RUNTIME = "libc++"
 
 
-def faults_of_library(library: elf.Library, grafted: dict[str, elf.Library]) -> list[str]:
-    found = [f"needs {name}" for name in sorted(library.needed - OUTSIDE - set(grafted))]
-    inside = library.needed & set(grafted)
-    wanted = "$ORIGIN" if library.path.parent.name == GRAFTED else f"$ORIGIN/../{GRAFTED}"
-    if library.search_path != (wanted if inside else ""):
+def exports_of(tag: re.Match[str]) -> dict[str, str]:
+    """What each library of the wheel exports, by its file's name."""
+    modules = {f"{name}.cpython-{tag[1]}-{tag[2]}-linux-gnu.so": export for name, export in MODULES.items()}
+    return modules | {LIBRARY: "tessaline_http_library"}
+
+
+def faults_of_library(library: elf.Library, machine: str, export: str) -> list[str]:
+    found = [f"needs {name}" for name in sorted(library.needed - OUTSIDE)]
+    if library.machine != machine:
+        found.append(f"is for {library.machine}")
+    if library.glibc > GLIBC:
+        found.append(f"needs glibc {library.glibc[0]}.{library.glibc[1]}")
+    if library.search_path:
         found.append(f"searches {library.search_path!r}")
-    if any(name.startswith(".debug_") for name in library.sections):
-        found.append("has debug information")
+    if library.exports != {export}:
+        found.append(f"exports {sorted(library.exports)}")
+    found += [f"has {name}" for name in sorted(library.sections) if name.startswith((".debug_", ".symtab"))]
     return found
 
 
-def faults_of_own(library: elf.Library, debug: Path) -> list[str]:
-    (export,) = [symbol for prefix, symbol in EXPORTS.items() if library.path.name.startswith(prefix)]
-    found = [] if library.exports == {export} else [f"exports {sorted(library.exports)}"]
-    if ".symtab" in library.sections:
-        found.append("has a symbol table")
+def faults_of_debug(library: elf.Library, debug: Path) -> list[str]:
     file = debug / f"{library.path.name}.debug"
-    if not (file.exists() and library.debugged_by(file)):
-        found.append("has no debug file")
-    return found
+    return [] if file.exists() and library.debugged_by(file) else ["has no debug file"]
 
 
-def faults_of_files(root: Path) -> list[str]:
-    wanted = ["tessaline/auth.pyi", "tessaline/py.typed", "tessaline/libtessaline_http.so"]
-    found = [f"{name} is missing" for name in wanted if not (root / name).is_file()]
+def faults_of_files(root: Path, tag: re.Match[str]) -> list[str]:
     (information,) = root.glob("*.dist-info")
-    licences = [information / "licenses" / name for name in ("LICENSE", "grafted/libcurl4")]
-    found += [f"{path.name}: licence missing" for path in licences if not path.is_file()]
+    licences = ["LICENSE", *(f"bundled/{source.package}" for source in pinned()), f"bundled/{RUNTIME}"]
+    wanted = [root / "tessaline/auth.pyi", root / "tessaline/py.typed"]
+    wanted += [root / "tessaline" / name for name in exports_of(tag)]
+    wanted += [information / "licenses" / name for name in licences]
+    found = [f"{path.relative_to(root)} is missing" for path in wanted if not path.is_file()]
+    found += [
+        f"{path.name} is in the wheel"
+        for path in root.iterdir()
+        if path.name not in ("tessaline", information.name)
+    ]
+    found += [f"{path.name} is in the wheel" for path in root.glob("tessaline/*.so*") if path not in wanted]
     here = str(Path.cwd()).encode()
     files = [path for path in root.rglob("*") if path.is_file()]
     found += [f"{path.name} tells where it was built" for path in files if here in path.read_bytes()]
-    found += [f"{path.name} is in the wheel" for path in files if path.suffix == ".debug"]
+    if (size := sum(path.stat().st_size for path in files)) > MOST_INSTALLED:
+        found.append(f"takes {size} bytes when it is installed")
+    return found + faults_of_list(information)
+
+
+def faults_of_list(information: Path) -> list[str]:
+    """Of the list of what is linked in."""
+    file = information / "sboms/bundled.cdx.json"
+    if not file.is_file():
+        return [f"{file.name} is missing"]
+    told = json.loads(file.read_text())
+    listed = {part["name"]: part for part in told["components"]}
+    found = (
+        [f"{file.name} names {sorted(listed)}"]
+        if listed.keys() != {RUNTIME, *(s.package for s in pinned())}
+        else []
+    )
+    for source in pinned():
+        part = listed.get(source.package, {})
+        digests = [said["content"] for said in part.get("hashes", [])]
+        if (part.get("version"), digests) != (source.upstream, [source.sha256[source.archive]]):
+            found.append(f"{file.name} has not {source.package} {source.upstream} as it is pinned")
     return found
 
 
-def main(wheel: Path, debug: Path) -> int:
+def faults_of(wheel: Path, debug: Path) -> list[str]:
+    tag = TAG.search(wheel.name)
+    if tag is None:
+        return ["is tagged for another platform"]
+    size = wheel.stat().st_size
+    faults = [f"takes {size} bytes"] if size > MOST_PACKED else []
     with tempfile.TemporaryDirectory() as folder, zipfile.ZipFile(wheel) as archive:
         archive.extractall(folder)
         root = Path(folder)
-        own = [elf.read(path) for path in sorted(root.glob("tessaline/*.so"))]
-        grafted = {path.name: elf.read(path) for path in sorted(root.glob(f"{GRAFTED}/*"))}
-        faults = faults_of_files(root)
-        for library in [*own, *grafted.values()]:
-            faults += [f"{library.path.name} {fault}" for fault in faults_of_library(library, grafted)]
-        for library in own:
-            faults += [f"{library.path.name} {fault}" for fault in faults_of_own(library, debug)]
-    if len(own) != len(EXPORTS) or not grafted:
-        faults.append(f"holds {len(own)} libraries of its own and {len(grafted)} others")
-    if not TAG.search(wheel.name):
-        faults.append("is tagged for another platform")
+        faults += faults_of_files(root, tag)
+        (information,) = root.glob("*.dist-info/WHEEL")
+        if re.findall(r"^Tag: (.+)$", information.read_text(), re.MULTILINE) != [
+            tag[0].strip("-").removesuffix(".whl")
+        ]:
+            faults.append("says another tag inside")
+        for name, export in exports_of(tag).items():
+            if (path := root / "tessaline" / name).is_file():
+                library = elf.read(path)
+                found = faults_of_library(library, tag[2], export) + faults_of_debug(library, debug)
+                faults += [f"{name} {fault}" for fault in found]
+    return faults
+
+
+def main(wheel: Path, debug: Path) -> int:
+    faults = faults_of(wheel, debug)
     for fault in faults:
         print(f"{wheel.name}: {fault}", file=sys.stderr)
     if faults:
         return 1
-    size = wheel.stat().st_size / 1e6
-    print(f"{wheel}: {size:.1f} MB, {len(grafted)} libraries; only glibc and its libgcc_s are left outside")
+    with zipfile.ZipFile(wheel) as archive:
+        installed = sum(member.file_size for member in archive.infolist())
+    sizes = f"{wheel.stat().st_size / 1e6:.1f} MB, {installed / 1e6:.1f} MB installed"
+    print(f"{wheel}: {sizes}; only glibc and its libgcc_s are left outside")
     return 0
 
 

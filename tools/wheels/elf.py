@@ -12,6 +12,9 @@ from pathlib import Path
 @dataclass(frozen=True)
 class Library:
     path: Path
+    machine: str
+    glibc: tuple[int, int]
+    """The oldest that has all that the library takes from it."""
     needed: frozenset[str]
     search_path: str
     exports: frozenset[str]
@@ -28,13 +31,16 @@ class Library:
 
 def read(path: Path) -> Library:
     text = _said_by(
-        *("readelf", "--wide", "--dynamic", "--sections", "--notes"),
+        *("readelf", "--wide", "--file-header", "--dynamic", "--version-info", "--sections", "--notes"),
         *("--debug-dump=links,no-follow-links", str(path)),
     )
     link = re.search(r"Separate debug info file: (\S+)\s+CRC value: (0x[0-9a-f]+)", text)
+    versions = re.findall(r"Name: GLIBC_(\d+)\.(\d+)", text)
     symbols = _said_by("nm", "--dynamic", "--defined-only", "--format=posix", str(path))
     return Library(
         path,
+        "aarch64" if re.search(r"Machine: +AArch64", text) else "x86_64",
+        max((int(major), int(minor)) for major, minor in versions),
         frozenset(re.findall(r"\(NEEDED\).*\[(.+)\]", text)),
         ":".join(re.findall(r"\((?:RPATH|RUNPATH)\).*\[(.+)\]", text)),
         frozenset(line.split()[0] for line in symbols.splitlines()),

@@ -1,35 +1,39 @@
-"""Logs in over TLS from an environment that holds nothing but the wheel.
+"""Logs in over TLS, and once more, where there is nothing but the wheel.
 
-python -m tools.wheels.login PYTHON_OF_THAT_ENVIRONMENT
+python -m tools.wheels.login PYTHON... (as in `/venv/bin/python`, or `chroot /system /venv/bin/python`)
 """
 
 from __future__ import annotations
 
 import json
-import os
 import subprocess
 import sys
+from pathlib import Path
 
 from devserver.testing import DevServer
 
-from .opened_libraries import strangers
-
 PROGRAM = """
-import json, secrets, sys
+import json, os, secrets, sys, tempfile
+from tessaline import _native
 from tessaline.auth import AuthManager
-with AuthManager(secrets.token_hex(32), sys.argv[1]) as manager:
-    manager.authenticate()
-    served = manager.get_token() is not None
-print(json.dumps([served, sys.prefix, sys.base_prefix, open("/proc/self/maps").read()]))
+url, authority = sys.argv[1:]
+manager = AuthManager(secrets.token_hex(32), url)
+with tempfile.NamedTemporaryFile("w", suffix=".pem") as file, manager:
+    file.write(authority)
+    file.flush()
+    os.environ["SSL_CERT_FILE"] = file.name
+    for _ in range(2):
+        manager.authenticate()
+        assert manager.get_token()
+print(json.dumps([_native.bundled, sys.version.split()[0], os.confstr("CS_GNU_LIBC_VERSION")]))
 """
 
 
-def main(python: str) -> int:
+def main(python: list[str]) -> int:
     with DevServer(tls=True) as server:
         assert server.ca_file is not None
         done = subprocess.run(
-            [python, "-I", "-c", PROGRAM, server.url],
-            env=os.environ | {"SSL_CERT_FILE": server.ca_file},
+            [*python, "-I", "-c", PROGRAM, server.url, Path(server.ca_file).read_text()],
             stdout=subprocess.PIPE,
             text=True,
             timeout=60,
@@ -37,14 +41,13 @@ def main(python: str) -> int:
         logins = server.state()["counts"].get("verify", 0)
     if done.returncode != 0:
         return done.returncode
-    served, prefix, base_prefix, maps = json.loads(done.stdout)
-    found = strangers(maps, prefix, base_prefix)
-    if found or not served or logins != 1:
-        print(f"token served: {served}; logins: {logins}; libraries of others: {found}", file=sys.stderr)
+    bundled, version, libc = json.loads(done.stdout)
+    if not bundled or logins != 2:
+        print(f"bundled libraries: {bundled}; logins: {logins}", file=sys.stderr)
         return 1
-    print("an environment with nothing but the wheel has logged in over TLS with the wheel's own libraries")
+    print(f"logged in twice over TLS with nothing but the wheel: CPython {version}, {libc}")
     return 0
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1]))
+    sys.exit(main(sys.argv[1:]))

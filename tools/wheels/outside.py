@@ -1,5 +1,8 @@
 """What a wheel leaves to the system."""
 
+# The oldest glibc that a wheel runs on.
+GLIBC = (2, 28)
+
 # glibc, and libgcc_s, which glibc depends on and loads itself.
 OUTSIDE = frozenset(
     {

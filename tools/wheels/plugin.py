@@ -1,9 +1,7 @@
-"""pytest plugin: the tests run against the wheel that TESSALINE_WHEEL names, as it was installed. When they
-are over, no library is open but its own, those of glibc and those of the interpreter."""
+"""pytest plugin: the tests run against the wheel that TESSALINE_WHEEL names, as it was installed."""
 
 from __future__ import annotations
 
-import contextlib
 import os
 import sys
 import zipfile
@@ -13,8 +11,6 @@ from pathlib import Path
 import pytest
 
 from tessaline import auth
-
-from .opened_libraries import strangers
 
 WHEEL = Path(os.environ["TESSALINE_WHEEL"])
 SITE = Path(auth.__file__).parents[1]
@@ -28,7 +24,6 @@ LEFT_OUT = {
 RUN_ALL_THE_SAME = "tests/tooling/test_demo.py"
 
 _left_out: Counter[str] = Counter()
-_faults: list[str] = []
 _passed: list[pytest.TestReport] = []
 
 
@@ -59,35 +54,10 @@ def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item
     items[:] = [item for item, place in places if not place]
 
 
-def faults_of_this_process() -> list[str]:
-    # However few tests ran, the library that makes requests has been opened, and all that it needs.
-    with contextlib.suppress(OSError):
-        auth._default_http_transport("GET", "http://127.0.0.1:1/")
-    maps = Path("/proc/self/maps").read_text()
-    others = strangers(maps, sys.prefix, sys.base_prefix)
-    # Packages that the tests use need the system's C++ runtime; that the wheel does not, login.py shows.
-    found = [f"{path} is open" for path in others if not Path(path).name.startswith("libstdc++.so.6")]
-    for own in ("libcurl-", "libsecp256k1-", "libssl-"):
-        if f"{SITE}/tessaline.libs/{own}" not in maps:
-            found.append(f"{own}... of the wheel is not open")
-    return found
-
-
-@pytest.hookimpl(trylast=True)
-def pytest_sessionfinish(session: pytest.Session) -> None:
-    _faults.extend(faults_of_this_process())
-    if _faults:
-        session.exitstatus = pytest.ExitCode.TESTS_FAILED
-
-
 def pytest_terminal_summary(terminalreporter: pytest.TerminalReporter) -> None:
     _passed.extend(terminalreporter.getreports("passed"))
     for place, count in sorted(_left_out.items()):
         terminalreporter.write_line(f"left out: {count} of {place}, which {LEFT_OUT[place]}")
-    for fault in _faults:
-        terminalreporter.write_line(f"FAILED: {fault}", red=True)
-    if not _faults:
-        terminalreporter.write_line("open libraries: the wheel's, glibc's, the interpreter's, and no others")
 
 
 def pytest_unconfigure() -> None:

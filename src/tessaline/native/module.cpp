@@ -1,5 +1,7 @@
 #include <Python.h>
 
+#include <variant>
+
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/transport/http_library.hpp"
 #include "tessaline/native/era_board.hpp"
@@ -14,6 +16,13 @@ namespace python = auth::python;
 
 constinit const python::Name kAuth{"tessaline.auth"};
 
+// Whether libcurl, OpenSSL and libsecp256k1 are linked in.
+#ifdef TESSALINE_BUNDLED
+constexpr bool kBundled = true;
+#else
+constexpr bool kBundled = false;
+#endif
+
 PyObject* set_event(PyObject*, PyObject* event) {
   return python::boundary([event] {
     python::set_event(event);
@@ -25,7 +34,22 @@ PyObject* own_get_token(PyObject*, PyObject* subclass) {
   return python::boundary([subclass] { return with_own_get_token(subclass); });
 }
 
+PyObject* library_versions(PyObject*, PyObject*) {
+  return python::boundary([] {
+    const auto told = python::without_gil([](PyThreadState*&) { return auth::http_versions(); });
+    if (const auto* const failure = std::get_if<auth::http::TransportFailure>(&told)) {
+      python::raise(PyExc_OSError, failure->what());
+    }
+    const auto& versions = std::get<auth::http::Versions>(told);
+    return python::triple(python::text(versions.libcurl), python::text(versions.openssl),
+                          python::text(TESSALINE_SECP256K1_VERSION));
+  });
+}
+
 PyMethodDef functions[] = {
+    {"library_versions", library_versions, METH_NOARGS,
+     "library_versions($module, /)\n--\n\n"
+     "The versions of libcurl and OpenSSL that are in use, and of libsecp256k1 as it was at the build."},
     {"own_get_token", own_get_token, METH_O,
      "own_get_token($module, cls, /)\n--\n\n"
      "Class decorator: gives a subclass of `Serving` a `get_token` that is called at its cheapest."},
@@ -57,6 +81,7 @@ int execute(PyObject* module) {
     python::know_own_events();
     auth::watch_forks_for_http();
     python::checked(PyModule_AddFunctions(module, functions));
+    python::checked(PyModule_AddObjectRef(module, "bundled", kBundled ? Py_True : Py_False));
     add_era_board_type(module);
     add_token_copy_type(module);
     add_serving_type(module);

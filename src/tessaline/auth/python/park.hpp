@@ -1,7 +1,5 @@
 #pragma once
 
-#include <cxxabi.h>
-
 #include <type_traits>
 #include <utility>
 
@@ -9,6 +7,22 @@ namespace tessaline::auth::python {
 
 /// Holds the calling thread for ever.
 [[noreturn]] void park() noexcept;
+
+/// Parks the thread that is unwound through it.
+class ParkedUnlessDone {
+ public:
+  ParkedUnlessDone() = default;
+  ParkedUnlessDone(const ParkedUnlessDone&) = delete;
+  ParkedUnlessDone& operator=(const ParkedUnlessDone&) = delete;
+  ~ParkedUnlessDone() {
+    if (!done_) park();
+  }
+
+  void done() noexcept { done_ = true; }
+
+ private:
+  bool done_ = false;
+};
 
 /// Runs `body`, in which the interpreter may end this thread, and parks the thread when it does.
 ///
@@ -18,13 +32,18 @@ namespace tessaline::auth::python {
 /// drop references without the lock, and a noexcept function or a catch-all on the way aborts the process.
 /// Parking keeps the frames as they are until the process ends. `body` must own nothing.
 ///
-/// The unwinding is no C++ exception, so the runtime has no object for the handler's reference.
+/// The interpreter throws no C++ exception, and only some C++ runtimes have a name to catch its unwinding by:
+/// all run destructors.
 template <class Body>
-__attribute__((no_sanitize("null"))) auto door(Body&& body) -> std::invoke_result_t<Body> {
-  try {
-    return std::forward<Body>(body)();
-  } catch (abi::__forced_unwind&) {
-    park();
+auto door(Body&& body) -> std::invoke_result_t<Body> {
+  ParkedUnlessDone guard;
+  if constexpr (std::is_void_v<std::invoke_result_t<Body>>) {
+    std::forward<Body>(body)();
+    guard.done();
+  } else {
+    const auto result = std::forward<Body>(body)();
+    guard.done();
+    return result;
   }
 }
 

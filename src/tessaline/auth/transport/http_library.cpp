@@ -8,6 +8,7 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <variant>
 
 namespace tessaline::auth {
 namespace {
@@ -74,6 +75,12 @@ void watch_forks_for_http() {
 http::Result perform_request(const http::Request& request, const http::Tick& tick) {
   const http::Library* const library = loaded_once();
   return library == nullptr ? load_failure() : library->perform(request, tick);
+}
+
+std::variant<http::Versions, http::TransportFailure> http_versions() {
+  const http::Library* const library = loaded_once();
+  if (library == nullptr) return load_failure();
+  return library->versions();
 }
 
 }  // namespace tessaline::auth

@@ -1,3 +1,6 @@
+#include <curl/curl.h>
+#include <openssl/crypto.h>
+
 #include <exception>
 #include <new>
 
@@ -29,6 +32,10 @@ Result perform_for_module(const Request& request, const Tick& tick) {
   }
 }
 
+Versions versions() noexcept {
+  return {curl_version_info(CURLVERSION_NOW)->version, OpenSSL_version(OPENSSL_VERSION_STRING)};
+}
+
 }  // namespace
 }  // namespace tessaline::auth::http
 
@@ -39,4 +46,5 @@ constexpr tessaline::auth::http::Library tessaline_http_library{
     tessaline::auth::http::process::before_fork,
     tessaline::auth::http::process::after_fork_in_parent,
     tessaline::auth::http::process::after_fork_in_child,
+    tessaline::auth::http::versions,
 };
