@@ -60,7 +60,6 @@ INSIDES = {
     r'"(?:_allocate_lock|_thread\.lock|locked)"': "python/plain_lock",
     r"\bm_ml\b": "python/wall_clock",
     r"\bPyThread_get_thread_ident\b": "python/line_of_execution",
-    r"\b__forced_unwind\b": "python/park",
     r"\bgetenv\(\"TESSALINE_UNTRIED_PYTHON\"\)": "python/interior",
     r'"_target"': "binding/unclosed",
 }
