@@ -49,7 +49,8 @@ PyObject* library_versions(PyObject*, PyObject*) {
 PyMethodDef functions[] = {
     {"library_versions", library_versions, METH_NOARGS,
      "library_versions($module, /)\n--\n\n"
-     "The versions of libcurl and OpenSSL that are in use, and of libsecp256k1 as it was at the build."},
+     "The versions of libcurl and OpenSSL that are in use, and of libsecp256k1 as it was at the build.\n\n"
+     "Raises:\n    OSError: The library that makes requests cannot be loaded."},
     {"own_get_token", own_get_token, METH_O,
      "own_get_token($module, cls, /)\n--\n\n"
      "Class decorator: gives a subclass of `Serving` a `get_token` that is called at its cheapest."},
