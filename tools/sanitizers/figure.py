@@ -16,7 +16,8 @@ REPORT = re.compile(
     r"^(?:==\d+==ERROR: .*|WARNING: ThreadSanitizer: .*|.*: runtime error: .*)$", re.MULTILINE
 )
 SUPPRESSED = re.compile(r"^\s*(\d+)\s+(?:\d+\s+)?(\w+:\S+)$", re.MULTILINE)
-SUITES = ("wallet", "http", "verdict", "trust_places")
+NATIVE_TESTS = Path(__file__).resolve().parents[2] / "tests" / "native"
+SUITES = sorted({path.parent.name for path in NATIVE_TESTS.glob("*/*_test.cpp")})
 
 
 @dataclass
