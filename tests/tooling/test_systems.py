@@ -54,6 +54,15 @@ def cells(table: str) -> list[list[str]]:
     return [[cell.strip() for cell in line.strip("|").split("|")] for line in table.splitlines()[2:]]
 
 
+def test_a_system_without_a_python_of_its_own_is_brought_one_of_this_machine() -> None:
+    steps = "source tools/lib/common.sh; source tools/lib/python.sh; source tools/chroots/list.sh; "
+    ended = run("bash", "-c", steps + "describe debian-12; echo ${#own_pythons[@]}; find_python")
+    assert (ended.returncode, ended.stderr) == (0, "")
+    count, python = ended.stdout.split()
+    assert count == "0"
+    assert os.access(python, os.X_OK)
+
+
 def test_a_system_that_is_not_known_is_answered_with_those_that_are() -> None:
     ended = run("tools/systems", "debian-13", "debian-99")
     assert (ended.returncode, ended.stdout) == (1, "")
