@@ -97,25 +97,35 @@ def test_a_signal_handler_that_closes_while_a_result_is_stored(
     assert manager._private_key is None
 
 
-@pytest.mark.usefixtures("alarm")
-@pytest.mark.parametrize("call", ["get_token", "authenticate"])
-def test_a_transport_that_waits_for_its_own_login_is_refused(
-    manager: Any, service: Service, call: str
-) -> None:
+def errors_at_the_challenge(service: Service, call: Callable[[], object]) -> list[BaseException]:
+    """What the call raises when the transport makes it while it asks for a challenge, the first time."""
     seen: list[BaseException] = []
 
     def fault(path: str) -> None:
         if path == CHALLENGE and not seen:
             try:
-                getattr(manager, call)()
+                call()
             except BaseException as error:
                 seen.append(error)
 
     service.fault = fault
-    manager.authenticate()
+    return seen
+
+
+def check_refusal(seen: list[BaseException]) -> None:
     (refusal,) = seen
     assert type(refusal) is RuntimeError
     assert "its own authentication" in str(refusal)
+
+
+@pytest.mark.usefixtures("alarm")
+@pytest.mark.parametrize("call", ["get_token", "authenticate"])
+def test_a_transport_that_waits_for_its_own_login_is_refused(
+    manager: Any, service: Service, call: str
+) -> None:
+    seen = errors_at_the_challenge(service, getattr(manager, call))
+    manager.authenticate()
+    check_refusal(seen)
     assert manager.get_token() == service.tokens[-1]
 
 
@@ -124,22 +134,11 @@ def test_a_transport_that_waits_for_its_own_login_is_refused(
 def test_a_transport_that_waits_for_its_own_renewal_is_refused(
     logged_in: Any, service: Service, run: str
 ) -> None:
-    seen: list[BaseException] = []
-
-    def fault(path: str) -> None:
-        if path == CHALLENGE and not seen:
-            try:
-                logged_in.authenticate()
-            except BaseException as error:
-                seen.append(error)
-
+    seen = errors_at_the_challenge(service, logged_in.authenticate)
     if run == "_background_reauth":
         logged_in._state, logged_in._auth_event = "RE_AUTHENTICATING", threading.Event()
-    service.fault = fault
     getattr(logged_in, run)()
-    (refusal,) = seen
-    assert type(refusal) is RuntimeError
-    assert "its own authentication" in str(refusal)
+    check_refusal(seen)
 
 
 @pytest.mark.usefixtures("alarm")

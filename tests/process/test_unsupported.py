@@ -52,9 +52,13 @@ def older_pythons() -> Iterator[tuple[str, str]]:
         places = [shutil.which(f"python3.{minor}")]
         places += map(str, Path.home().glob(f".pyenv/versions/*/bin/python3.{minor}"))
         for place in places:
-            # A shim of pyenv runs only what is selected.
-            if place is not None and subprocess.run([place, "-c", ""], capture_output=True).returncode == 0:
+            if place is not None and runs(place):
                 yield f"3.{minor}", place
+
+
+def runs(python: str) -> bool:
+    """A shim of pyenv runs only what is selected."""
+    return subprocess.run([python, "-c", ""], capture_output=True, timeout=60).returncode == 0
 
 
 def test_an_older_python_is_told_what_is_supported() -> None:

@@ -9,27 +9,16 @@ from tools.wheels import pins, sources
 
 pytestmark = pytest.mark.process
 
-# As the package client shows its sources, here two versions of one.
-RECORDS = """\
-Package: curl
-Version: 8.14.1-2+deb13u9
-Checksums-Sha256:
- {nine} 10 curl_8.14.1-2+deb13u9.dsc
- {nine} 10 curl_8.14.1.orig.tar.gz
- {nine} 10 curl_8.14.1.orig.tar.gz.asc
- {nine} 10 curl_8.14.1-2+deb13u9.debian.tar.xz
-Directory: pool/main/c/curl
 
-Package: curl
-Version: 8.14.1-2+deb13u10
-Checksums-Sha256:
- {ten} 10 curl_8.14.1-2+deb13u10.dsc
- {ten} 10 curl_8.14.1.orig.tar.gz
- {ten} 10 curl_8.14.1.orig.tar.gz.asc
- {ten} 10 curl_8.14.1-2+deb13u10.debian.tar.xz
-Directory: pool/updates/main/c/curl
+def record(version: str, digest: str) -> str:
+    """As the package client shows a source."""
+    own = [f"{version}.dsc", f"{version}.debian.tar.xz"]
+    names = [f"curl_{rest}" for rest in [*own, "8.14.1.orig.tar.gz", "8.14.1.orig.tar.gz.asc"]]
+    listed = "".join(f" {digest} 10 {name}\n" for name in names)
+    return f"Package: curl\nVersion: {version}\nChecksums-Sha256:\n{listed}Directory: pool/main/c/curl\n"
 
-""".format(nine="9" * 64, ten="a" * 64)
+
+RECORDS = f"{record('8.14.1-2+deb13u9', '9' * 64)}\n{record('8.14.1-2+deb13u10', 'a' * 64)}\n"
 
 
 def test_the_pins_are_whole() -> None:

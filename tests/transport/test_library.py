@@ -30,7 +30,7 @@ FORKING = """
 import os, signal, sys, threading, warnings
 warnings.simplefilter("ignore", DeprecationWarning)
 from tessaline import auth
-import ssl  # which the request would, while it keeps a fork waiting
+import ssl  # which the request imports: a fork would wait for the end of that
 url = "http://127.0.0.1:" + sys.argv[1] + "/"
 def ask():
     try:

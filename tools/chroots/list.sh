@@ -4,8 +4,8 @@
 
 systems=(debian-12 debian-13 debian-sid debian-13-aarch64)
 
-# describe NAME: sets suite and architecture (by their Debian names), machine (by the kernel's), own_pythons (commands
-# of it; none: one of the host's is brought along), tests (none: all) and minutes for each step.
+# describe NAME: sets suite and architecture (by their Debian names), machine (by the kernel's), own_pythons (the
+# system's own commands; none: one of the host's is brought along), tests (none: all) and minutes for each step.
 describe() {
   architecture=amd64 machine=x86_64 own_pythons=() tests=() minutes=60
   case $1 in

@@ -76,12 +76,11 @@ def faults_of_list(information: Path) -> list[str]:
         return [f"{file.name} is missing"]
     told = json.loads(file.read_text())
     listed = {part["name"]: part for part in told["components"]}
-    found = (
-        [f"{file.name} names {sorted(listed)}"]
-        if listed.keys() != {RUNTIME, *(s.package for s in pinned())}
-        else []
-    )
-    for source in pinned():
+    sources = pinned()
+    found = []
+    if listed.keys() != {RUNTIME, *(source.package for source in sources)}:
+        found.append(f"{file.name} names {sorted(listed)}")
+    for source in sources:
         part = listed.get(source.package, {})
         digests = [said["content"] for said in part.get("hashes", [])]
         if (part.get("version"), digests) != (source.upstream, [source.sha256[source.archive]]):

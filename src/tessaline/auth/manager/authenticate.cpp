@@ -66,8 +66,8 @@ void raise_outcome_of(AuthManager& manager, const AttemptRef& ended) {
   const Ref failure = manager.outcome_of(held, *ended);
   if (failure.is_none()) return;
   const bool is_own = ended->failure.get() == failure.get();
-  const AttemptRef keeper = is_own ? ended : manager.current_attempt();
-  keeper->raise_stored(held, failure.get());
+  const AttemptRef kept = is_own ? ended : manager.current_attempt();
+  kept->raise_stored(held, failure.get());
 }
 
 }  // namespace
