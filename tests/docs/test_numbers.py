@@ -34,10 +34,10 @@ def test_the_life_of_a_token() -> None:
     lifetime, ratio, jitter = auth._TOKEN_LIFETIME, auth._REFRESH_RATIO, constant("kRefreshJitter")
     early, late = (lifetime * ratio * (1 + sign * jitter) for sign in (-1, 1))
     assert f"{lifetime} s" in told("time.md")
-    assert f"(1 ± {jitter}), drawn anew for each token: {early:.0f} to {late:.0f} s" in told("time.md")
+    assert f"(1 ± {jitter}), drawn for each token: {early:.0f} to {late:.0f} s" in told("time.md")
     page = told("token-life.md")
     assert f"A token lives {lifetime // 3600} hours" in page
-    assert f"{ratio * 100:.0f} % of the lifetime, give or take {jitter * 100:.0f} % of that" in page
+    assert f"{ratio * 100:.0f} % of the lifetime, with a jitter of {jitter * 100:.0f} %" in page
     assert f"{hours_and_minutes(early)} to {hours_and_minutes(late)} after the login" in page
     assert f"good for at least {lifetime // 3600} hours" in told("protocol.md")
 

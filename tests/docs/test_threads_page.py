@@ -69,7 +69,7 @@ def test_the_longest_stop_is_told() -> None:
     assert 1 + 2 * cycles == 7
     assert "calls each challenge stale they are seven" in text
     usual = inspect.signature(Keeper).parameters["at_once"].default
-    assert f"`at_once` logins at a time, {usual} unless told otherwise" in text
+    assert f"`at_once` logins at a time, {usual} by default" in text
 
 
 def left_when_dropped(kept: bool) -> AuthManager | None:

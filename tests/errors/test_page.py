@@ -91,7 +91,7 @@ def test_every_table_tells() -> None:
     headers = [line for line in PAGE.read_text().splitlines() if line.startswith(("| reason |", "| text |"))]
     headers += [line for line in PAGE.read_text().splitlines() if line.startswith("| exception |")]
     assert len(headers) == len(SECTIONS)
-    assert all(header.split(" | ")[1] == "final" for header in headers)
+    assert all(header.split(" | ")[1] == "permanent" for header in headers)
 
 
 def test_what_a_login_raises_can_be_excepted_by_one_name() -> None:
@@ -116,7 +116,7 @@ def test_what_tells_of_the_process_is_not_among_them() -> None:
 
 
 def test_the_names_are_told() -> None:
-    names = {code.partition("(")[0] for row in rows(PAGE, "Which are final") for code in code_in(row[0])}
+    names = {code.partition("(")[0] for row in rows(PAGE, "Transient and permanent errors") for code in code_in(row[0])}
     functions = {name for name in errors.__all__ if not name.isupper()}
     assert functions | {"FINAL_REASONS", "LOGIN_ERRORS"} < names
     assert names <= set(errors.__all__)
