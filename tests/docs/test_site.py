@@ -79,7 +79,7 @@ def test_the_reference_of_the_other_modules_has_all_that_they_export(module: str
 
 def test_files_of_the_project_are_included_without_the_links_that_lead_out() -> None:
     included = hooks.with_included("<!-- include CONTRIBUTING.md -->\n", DOCS)
-    assert included.startswith("# Working on it")
+    assert included.startswith("# Contributing")
     text = "[a](../README.md) [b](errors.md) [c](../README.md#x) [d](https://service.example) [e](../none.md)"
     plain = hooks.without_links_out(text, DOCS, DOCS)
     assert plain == "a [b](errors.md) c [d](https://service.example) [e](../none.md)"
