@@ -8,7 +8,7 @@ import time
 from collections.abc import Callable
 from functools import partial
 
-from .places import ROOT, on_one_core, use_build
+from .places import on_one_core, use_build
 
 use_build()
 
@@ -25,8 +25,6 @@ from . import (  # noqa: E402  they import the build that was just chosen
 from .micro_figures import micro_group  # noqa: E402
 from .ratios import Figure, Group  # noqa: E402
 from .report import write_report  # noqa: E402
-
-OUTPUT = ROOT / "docs" / "benchmarks"
 
 Measure = Callable[[int], Group]
 
@@ -95,7 +93,7 @@ def main() -> int:
         print(group.title, *map(line, group.figures), sep="\n", flush=True)
     figures = [figure for group in groups for figure in group.figures]
     if not given.only:
-        write_report(groups, OUTPUT, rounds=given.rounds)
+        write_report(groups, rounds=given.rounds)
     missed = sum(not figure.reached for figure in figures)
     print(f"{len(figures)} figures, {missed} missed, in {time.monotonic() - begin:.0f} s")
     return 0

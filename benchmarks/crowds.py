@@ -192,11 +192,11 @@ def era_of_a_fleet(rounds: int) -> Group:
             at_most=False,
         ),
         Figure(
-            f"throughput of {WALLETS:,} times two threads of the host",
+            f"throughput of {WALLETS:,} times two Python threads",
             "bare libcurl's",
             Ratio.of(samples[bare], samples[hosted]),
             None,
-            note="the first makes the three exchanges in one piece without the interpreter's lock, the "
+            note="the first makes the three requests in one piece without the GIL, the "
             "second ends at once; no signature, no token",
         ),
     ]

@@ -39,7 +39,7 @@ def importing(rounds: int) -> Group:
     """The import after the host's own modules that it needs, in fresh processes with warm file caches."""
     modules = printed_by("import_time")[1].split()
     samples = in_turns({"import": lambda: float(printed_by("import_time", *modules)[0])}, rounds)["import"]
-    figure = Figure("import, host modules already there", "ms", Ratio.around(samples), 3.0)
+    figure = Figure("import, standard library already loaded", "ms", Ratio.around(samples), 3.0)
     return Group("Import", [figure], {"import": figure.ratio.median / 1000})
 
 
@@ -59,7 +59,7 @@ def memory(rounds: int) -> Group:
     pairs = zip(samples["manager"], samples["host objects alone"], strict=True)
     kibibytes = [(one - other) / 1024 for one, other in pairs]
     figures = [
-        Figure("heap of a manager besides host objects", "KiB", Ratio.around(kibibytes), 8.0),
+        Figure("heap of a manager beyond its Python objects", "KiB", Ratio.around(kibibytes), 8.0),
         Figure(f"login of the last 100 of {FLEET:,}", "the first 100", Ratio.around(slower), LINEAR),
     ]
     return Group("Memory", figures, medians_of(samples), unit="B")

@@ -109,7 +109,7 @@ def login_over_https(rounds: int) -> Group:
             note="one TLS handshake, by the server's count",
         ),
         Figure(
-            "the same three exchanges by bare libcurl",
+            "the same three requests by bare libcurl",
             "urllib",
             Ratio.of(samples["bare libcurl"], samples["urllib"]),
             None,

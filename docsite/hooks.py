@@ -13,7 +13,7 @@ if TYPE_CHECKING:
 
 ROOT = Path(__file__).resolve().parents[1]
 _BENCHMARKS = "benchmarks/README.md"
-_DRAWING = re.compile(r"!\[[^\]]*\]\((figures/([\w-]+)\.svg)\)")
+_DRAWING = re.compile(r"!\[[^\]]*\]\(((?:figures/)?([\w-]+)\.svg)\)")
 _INCLUDE = re.compile(r"^<!-- include (\S+) -->$", re.MULTILINE)
 _CODE = re.compile(r"^<!-- code (\S+) -->$", re.MULTILINE)
 _HEADING = re.compile(r"^## (\S+)$", re.MULTILINE)

@@ -1,10 +1,10 @@
-"""Writes the drawings into docs/figures; with --check says which of them are not as they would be written."""
+"""Writes the drawings and charts of docs; with --check, names those that are not up to date."""
 
 import argparse
 import sys
 from pathlib import Path
 
-from . import day, flows, states
+from . import bars, day, flows, states
 
 FOLDER = Path(__file__).resolve().parents[2] / "docs/figures"
 DRAWINGS = (states.states, flows.login, flows.renewal, flows.era_change, day.token_life, day.outage)
@@ -12,14 +12,18 @@ DRAWINGS = (states.states, flows.login, flows.renewal, flows.era_change, day.tok
 
 def drawn() -> dict[Path, str]:
     """Every drawing by its file."""
-    canvases = [draw() for draw in DRAWINGS]
-    return {FOLDER / f"{canvas.name}.svg": canvas.svg() for canvas in canvases}
+    by_folder = {FOLDER: [draw() for draw in DRAWINGS], bars.FOLDER: bars.charts()}
+    return {
+        folder / f"{canvas.name}.svg": canvas.svg()
+        for folder, all_of in by_folder.items()
+        for canvas in all_of
+    }
 
 
 def outdated() -> list[Path]:
     """Files that are missing, not as drawn, or drawn by nobody."""
     expected = drawn()
-    strange = set(FOLDER.glob("*.svg")) - expected.keys()
+    strange = {*FOLDER.glob("*.svg"), *bars.FOLDER.glob("*.svg")} - expected.keys()
     changed = (path for path, text in expected.items() if not path.exists() or path.read_text() != text)
     return sorted({*strange, *changed})
 
@@ -28,7 +32,6 @@ def main() -> int:
     parser = argparse.ArgumentParser(prog="python -m docsite.figures", description=__doc__)
     parser.add_argument("--check", action="store_true", help="write nothing")
     if not parser.parse_args().check:
-        FOLDER.mkdir(exist_ok=True)
         for path, text in drawn().items():
             path.write_text(text)
     for path in (wrong := outdated()):

@@ -22,6 +22,8 @@ STYLE = """
 .fig .marked{fill:var(--mark)}
 .fig .warned{fill:var(--warn)}
 .fig .box{fill:var(--face);stroke:var(--line);stroke-width:1.2}
+.fig .ours{fill:var(--mark)}
+.fig .other{fill:var(--line);opacity:.55}
 .fig .now{fill:var(--tint);stroke:var(--mark);stroke-width:1.6}
 .fig .line{fill:none;stroke:var(--line);stroke-width:1.3}
 .fig .dashed{stroke-dasharray:4 4}

@@ -29,7 +29,8 @@ def project(tmp_path: Path) -> Path:
     """A copy of what the documentation is made of, with the project's own environment."""
     for name in ("docs", "docsite", "tools", "requirements", "src", "examples"):
         shutil.copytree(ROOT / name, tmp_path / name, ignore=shutil.ignore_patterns("__pycache__"))
-    shutil.copy(ROOT / "CONTRIBUTING.md", tmp_path)
+    for name in ("CONTRIBUTING.md", "CHANGELOG.md"):
+        shutil.copy(ROOT / name, tmp_path)
     shutil.rmtree(tmp_path / "docs/benchmarks", ignore_errors=True)
     (tmp_path / ".venv").symlink_to(ROOT / ".venv")
     # Installed once for all tests, and for `make docs`.
@@ -58,9 +59,8 @@ def test_it_counts_its_pages_and_the_benchmarks_come_and_go(project: Path) -> No
     assert without == len(list(DOCS.glob("*.md")))
     folder = project / "docs/benchmarks"
     folder.mkdir()
-    (folder / "README.md").write_text("# Benchmarks\n\n[code](../../docsite/pages.py)\n\n![x](x.svg)\n")
+    (folder / "README.md").write_text("# Benchmarks\n\n[code](../../docsite/pages.py)\n")
     (folder / "explanation.md").write_text("part of the page above\n")
-    shutil.copy(project / "docs/figures/login.svg", folder / "x.svg")
     assert pages_of(project) == without + 1
     assert "Benchmarks" in (project / "build/docs/index.html").read_text()
 

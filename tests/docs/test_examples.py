@@ -32,6 +32,7 @@ OTHERS = [
     "keeper.md",
     "keys.md",
     "operating.md",
+    "recipes.md",
     "testing.md",
     "threads.md",
     "tutorial.md",

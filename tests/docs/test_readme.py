@@ -10,13 +10,13 @@ from typing import Any
 import pytest
 
 from devserver.testing import DevServer
+from docsite.figures import bars
 
-from .pages import DOCS, code_blocks, rows, run
+from .pages import DOCS, code_blocks, rows, run, section
 
 pytestmark = pytest.mark.process
 
 README = DOCS.parent / "README.md"
-MEASURED = DOCS / "benchmarks" / "README.md"
 A_SCREEN_AND_A_HALF = 80  # lines
 
 
@@ -35,13 +35,25 @@ def test_the_example_runs(monkeypatch: pytest.MonkeyPatch) -> None:
 
 
 def test_the_figures_are_those_that_were_measured_last() -> None:
-    measured = MEASURED.read_text()
-    shown = rows(README, "How fast")
-    assert len(shown) >= 5
-    for what, beside, median in shown:
-        assert f"| {what} | {beside} | {median} |" in measured
+    measured = bars.measured()
+    known = {
+        bars.readable(median, group["unit"])
+        for group in measured["groups"].values()
+        for median in group["medians"].values()
+    }
+    shown = re.findall(r"[\d.]+ (?:ns|µs|ms)\b", section(README, "How fast"))
+    assert len(shown) >= 9
+    assert [text for text in shown if text not in known] == []
     (date,) = re.findall(r"`make bench` on (\d{4}-\d\d-\d\d)", README.read_text())
-    assert f"Written by `make bench` on {date}" in measured
+    assert date == measured["date"]
+
+
+def test_the_first_row_of_figures_is_that_of_the_chart() -> None:
+    (chart,) = [chart for chart in bars.CHARTS if chart.name == "a-token"]
+    texts = {label: text for label, _, text in bars.values(chart, bars.measured())}
+    first = rows(README, "How fast")[0]
+    assert first[1] == texts["Keeper.get_token()"]
+    assert first[2] == f"botocore {texts['botocore']}, google-auth {texts['google-auth']}"
 
 
 def test_what_it_links_to_is_there() -> None:

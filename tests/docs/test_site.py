@@ -11,6 +11,7 @@ import pytest
 
 from docsite import hooks, pages
 from docsite.figures import __main__ as figures
+from docsite.figures import bars
 from tessaline import auth
 
 from .pages import DOCS, PAGES
@@ -22,7 +23,7 @@ DRAWINGS = sorted(figures.drawn())
 
 
 def test_the_drawings_are_as_drawn() -> None:
-    assert len(DRAWINGS) == 6
+    assert len(DRAWINGS) == 6 + len(bars.CHARTS)
     assert figures.outdated() == []
 
 
@@ -50,8 +51,8 @@ def test_the_words_of_a_drawing_are_large_enough_on_a_phone(path: Path) -> None:
 
 
 def test_every_drawing_is_shown_with_words_in_its_place() -> None:
-    text = "".join(page.read_text() for page in PAGES)
-    shown = re.findall(r"!\[([^\]]+)\]\(figures/([\w-]+)\.svg\)", text)
+    text = "".join(page.read_text() for page in [*PAGES, bars.FOLDER / "README.md"])
+    shown = re.findall(r"!\[([^\]]+)\]\((?:figures/)?([\w-]+)\.svg\)", text)
     assert {name for _, name in shown} == {path.stem for path in DRAWINGS}
 
 

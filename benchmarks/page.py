@@ -1,0 +1,65 @@
+"""The page of figures, made of what was measured: charts first, then every figure, then what they mean."""
+
+from __future__ import annotations
+
+from collections.abc import Mapping
+from typing import Any
+
+from docsite.figures.bars import CHARTS, FOLDER, measured
+
+UNITS = ("µs", "ms", "KiB", "MiB")
+SMALL = 0.1
+
+
+def amount(value: float, unit: str) -> str:
+    """A ratio as a person says it, or a value in its own unit."""
+    if unit in UNITS:
+        return f"{value:.3g} {unit}"
+    return f"1/{1 / value:,.0f}" if value < SMALL else f"{value:.3g}"
+
+
+def row(figure: Mapping[str, Any]) -> str:
+    unit, target = figure["unit"], figure["target"]
+    sign = "≤" if figure["at_most"] else "≥"
+    bound = "" if target is None else f"{sign} {amount(target, unit)}"
+    reached = target is None or (
+        figure["median"] <= target if figure["at_most"] else figure["median"] >= target
+    )
+    verdict = "" if reached else " **missed**"
+    beside = "" if unit in UNITS else unit
+    return f"| {figure['subject']} | {beside} | {amount(figure['median'], unit)} | {bound}{verdict} |"
+
+
+def page(content: Mapping[str, Any]) -> str:
+    charts = [f"![{chart.title}]({chart.name}.svg)\n" for chart in CHARTS]
+    notes = [f"- {figure['subject']}: {figure['note']}." for figure in content["figures"] if figure["note"]]
+    lines = [
+        "# Benchmarks",
+        "",
+        charts[0],
+        f"`make bench` measured these figures on {content['date']}: {content['machine']}. "
+        f"Each is the median of {content['rounds']} rounds, in which the programs took turns. "
+        "Shorter bars are better.",
+        "",
+        *charts[1:],
+        (FOLDER / "explanation.md").read_text(),
+        "## All figures",
+        "",
+        "The result is a ratio: 1/24 means that the first takes a 24th of the time of the second. If a line "
+        "compares nothing, the result has a unit. `measured.json` next to this page has the quartiles too.",
+        "",
+        "| what | compared with | result | limit |",
+        "|---|---|---|---|",
+        *map(row, content["figures"]),
+        "",
+        *notes,
+    ]
+    return "\n".join(lines).rstrip() + "\n"
+
+
+def write_page() -> None:
+    (FOLDER / "README.md").write_text(page(measured()))
+
+
+if __name__ == "__main__":
+    write_page()

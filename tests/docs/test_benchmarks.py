@@ -1,0 +1,65 @@
+"""The page of figures: it is what was measured, and each chart compares things that differ."""
+
+from __future__ import annotations
+
+import re
+
+import pytest
+
+from benchmarks import page
+from docsite.figures import bars
+
+pytestmark = pytest.mark.process
+
+README = bars.FOLDER / "README.md"
+MEASURED = bars.measured()
+
+
+def test_the_page_is_made_of_what_was_measured() -> None:
+    assert README.read_text() == page.page(MEASURED)
+
+
+def test_it_begins_with_a_picture() -> None:
+    assert re.match(r"# Benchmarks\n\n!\[[^]]+\]\(a-token\.svg\)\n", README.read_text())
+
+
+@pytest.mark.parametrize("chart", bars.CHARTS, ids=lambda chart: chart.name)
+def test_the_bars_of_a_chart_differ_at_sight(chart: bars.Chart) -> None:
+    values = [value for _, value, _ in bars.values(chart, MEASURED)]
+    assert len(values) >= 2
+    assert max(values) >= 1.25 * min(values)
+
+
+@pytest.mark.parametrize("chart", bars.CHARTS, ids=lambda chart: chart.name)
+def test_a_chart_shows_what_was_measured(chart: bars.Chart) -> None:
+    drawn = (bars.FOLDER / f"{chart.name}.svg").read_text()
+    for label, group, name in chart.bars:
+        value = MEASURED["groups"][group]["medians"][name]
+        assert f">{label}</text>" in drawn
+        assert f">{bars.readable(value, 's')}</text>" in drawn
+
+
+@pytest.mark.parametrize(
+    ("value", "unit", "text"),
+    [
+        (0.00449, "botocore", "1/223"),
+        (0.371, "urllib", "0.371"),
+        (2.7, "a call", "2.7"),
+        (113.0, "µs", "113 µs"),
+    ],
+)
+def test_a_ratio_is_told_as_a_person_would(value: float, unit: str, text: str) -> None:
+    assert page.amount(value, unit) == text
+
+
+@pytest.mark.parametrize(("at_most", "missed"), [(True, False), (False, True)])
+def test_a_missed_limit_is_marked(at_most: bool, missed: bool) -> None:
+    figure = {"subject": "a", "unit": "b", "median": 1.0, "target": 1.5, "at_most": at_most}
+    assert ("**missed**" in page.row(figure)) == missed
+
+
+@pytest.mark.parametrize(
+    ("value", "text"), [(2.18e-08, "21.8 ns"), (4.87e-06, "4.87 µs"), (0.00194, "1.94 ms"), (2.0, "2 s")]
+)
+def test_times_are_readable(value: float, text: str) -> None:
+    assert bars.readable(value, "s") == text
