@@ -33,8 +33,8 @@ devserver: build ## run the development server
 bench: build ## measure it beside its peers, into docs/benchmarks (8 minutes)
 	@tools/bench $(ARGS)
 
-docs: build ## build the documentation into build/docs, warnings being errors
-	@tools/docs
+docs: build ## build the documentation into build/docs; ARGS=--browser also looks at it in Chromium (1 min)
+	@tools/docs $(ARGS)
 
 check: build ## formatters, linters, types, house rules, git diff; changes nothing (1 min; 15 when every source is new to clang-tidy)
 	@tools/check $(ARGS)

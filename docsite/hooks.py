@@ -13,12 +13,16 @@ if TYPE_CHECKING:
 
 ROOT = Path(__file__).resolve().parents[1]
 _BENCHMARKS = "benchmarks/README.md"
+CARDS_FROM = 4  # columns
 _DRAWING = re.compile(r"!\[[^\]]*\]\(((?:figures/)?([\w-]+)\.svg)\)")
 _INCLUDE = re.compile(r"^<!-- include (\S+) -->$", re.MULTILINE)
 _CODE = re.compile(r"^<!-- code (\S+) -->$", re.MULTILINE)
 _HEADING = re.compile(r"^## (\S+)$", re.MULTILINE)
-_INLINE_CODE = re.compile(r"(?<=<code>)[^<]+(?=</code>)")
+_INLINE_CODE = re.compile(r"(?<=<code>)[^<\n]+(?=</code>)")
 _BREAKS = re.compile(r"(?<=\w[_.(])(?=\w)|(?<=\w)(?=/)|(?<=[a-z])(?=[A-Z])")
+_TABLE = re.compile(r"<table>\n.*?</table>", re.DOTALL)
+_HEADER = re.compile(r"<th(?: [^>]*)?>(.*?)</th>", re.DOTALL)
+_TAG = re.compile(r"<[^>]+>")
 _LINK = re.compile(r"(?<!!)\[([^\]]+)\]\(([^)#:\s]+)(?:#[^)]*)?\)")
 
 
@@ -78,5 +82,19 @@ def with_breaks(html: str) -> str:
     return _INLINE_CODE.sub(lambda name: _BREAKS.sub("<wbr>", name[0]), html)
 
 
+def with_labels(html: str) -> str:
+    """The page with the header of its column at each cell of a table that is too wide for a phone."""
+
+    def labelled(table: re.Match[str]) -> str:
+        names = [_TAG.sub("", name) for name in _HEADER.findall(table[0])]
+        if len(names) < CARDS_FROM:
+            return table[0]
+        parts = table[0].split("<td")
+        cells = [f'<td data-label="{names[i % len(names)]}"{part}' for i, part in enumerate(parts[1:])]
+        return "".join([parts[0], *cells]).replace("<table>", f'<table data-columns="{len(names)}">', 1)
+
+    return _TABLE.sub(labelled, html)
+
+
 def on_page_content(html: str, **_: Any) -> str:
-    return with_breaks(html)
+    return with_labels(with_breaks(html))

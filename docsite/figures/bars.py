@@ -36,7 +36,7 @@ CHARTS = (
     ),
     Chart(
         "a-login",
-        "Time of a login over HTTPS: three requests and a signature",
+        "Time of one login over HTTPS",
         (("tessaline", "A login over HTTPS", "tessaline"), ("urllib", "A login over HTTPS", "urllib")),
     ),
     Chart(
@@ -66,7 +66,7 @@ CHARTS = (
     ),
     Chart(
         "one-server",
-        "Time of 200 concurrent logins at one server, over TLS",
+        "200 concurrent logins at one server, over TLS",
         (
             ("tessaline", "200 logins at one server", "tessaline, wall"),
             ("urllib3, requests only", "200 logins at one server", "urllib3, wall"),
@@ -74,7 +74,7 @@ CHARTS = (
     ),
     Chart(
         "many-servers",
-        "Time of 100 concurrent logins at 100 servers, over TLS",
+        "100 concurrent logins at 100 servers, over TLS",
         (
             ("tessaline", "100 servers at once", "tessaline, wall"),
             ("urllib3, requests only", "100 servers at once", "urllib3, wall"),

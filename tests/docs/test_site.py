@@ -3,13 +3,14 @@
 from __future__ import annotations
 
 import importlib
+import json
 import re
 import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
 import pytest
 
-from docsite import hooks, pages
+from docsite import hooks, pages, reference
 from docsite.figures import __main__ as figures
 from docsite.figures import bars
 from tessaline import auth
@@ -111,6 +112,24 @@ def test_names_in_a_narrow_table_may_break() -> None:
     )
 
 
+def test_code_that_is_shown_as_a_block_is_not_broken() -> None:
+    html = "<pre><code>keeper.get_token()\n</code></pre>"
+    assert hooks.with_breaks(html) == html
+
+
+def table(columns: int) -> str:
+    cells = "".join(f"<td>{number}</td>\n" for number in range(columns))
+    head = "".join(f"<th>h<code>{number}</code></th>\n" for number in range(columns))
+    return f"<table>\n<thead>\n<tr>\n{head}</tr>\n</thead>\n<tbody>\n<tr>\n{cells}</tr>\n</tbody>\n</table>"
+
+
+def test_cells_of_a_wide_table_have_the_header_of_their_column() -> None:
+    assert hooks.with_labels(table(3)) == table(3)
+    wide = hooks.with_labels(table(4))
+    assert re.findall(r'<td data-label="(\w+)">(\d)</td>', wide) == [(f"h{n}", str(n)) for n in range(4)]
+    assert wide.startswith('<table data-columns="4">')
+
+
 @pytest.mark.parametrize(
     ("html", "loads"),
     [
@@ -134,3 +153,18 @@ def test_a_site_without_pages_or_with_foreign_files_fails(
     assert capsys.readouterr().out == f"documentation: 1 pages in {tmp_path}\n"
     (tmp_path / "style.css").write_text("@import 'https://fonts.example/a.css';")
     assert pages.main(tmp_path) == 1
+
+
+def test_the_search_finds_references_by_their_tags(tmp_path: Path) -> None:
+    index = tmp_path / "index.json"
+    places = reference.sought()
+    entries = [{"location": place, "title": name, "text": ""} for name, place in places.items()]
+    index.write_text(json.dumps({"docs": [{"location": "index.html"}, *entries]}))
+    reference.tag_index(index)
+    first, *tagged = json.loads(index.read_text())["docs"]
+    assert "tags" not in first
+    assert {entry["tags"][0]: entry["location"] for entry in tagged} == places
+    assert [entry["title"] for entry in tagged if "boost" in entry] == ["Keeper", "Wallet"]
+    index.write_text(json.dumps({"docs": entries[1:]}))
+    with pytest.raises(ValueError, match=entries[0]["title"]):
+        reference.tag_index(index)

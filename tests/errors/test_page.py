@@ -116,7 +116,8 @@ def test_what_tells_of_the_process_is_not_among_them() -> None:
 
 
 def test_the_names_are_told() -> None:
-    names = {code.partition("(")[0] for row in rows(PAGE, "Transient and permanent errors") for code in code_in(row[0])}
+    table = rows(PAGE, "Transient and permanent errors")
+    names = {code.partition("(")[0] for row in table for code in code_in(row[0])}
     functions = {name for name in errors.__all__ if not name.isupper()}
     assert functions | {"FINAL_REASONS", "LOGIN_ERRORS"} < names
     assert names <= set(errors.__all__)
