@@ -67,6 +67,7 @@ has_package() {
     tinyproxy) at_least 1.11 "$(version_of tinyproxy -v)" ;;
     nginx) type -P nginx || [[ -x /usr/sbin/nginx ]] ;;
     shellcheck) tool shellcheck 0.9 ;;
+    chromium) type -P chromium ;;
     debootstrap) type -P debootstrap ;;
     qemu-user-static) compgen -G '/usr/lib/binfmt.d/qemu-*.conf' ;;
     spin) spin -V 2>/dev/null | grep '^Spin Version' ;;
