@@ -1,9 +1,9 @@
-"""Tokens for asyncio and trio: at once while they are there, else by one thread that waits for all tasks.
+"""Tokens for asyncio and trio, without blocking the event loop: one background thread waits for all tasks.
 
-    async with AsyncTokens(keeper) as tokens:  # or keeper[address], an AuthManager, whatever has get_token()
+    async with AsyncTokens(keeper) as tokens:
         token = await tokens.get_token()
 
-Importing it opens nothing and starts nothing. trio is used where it runs, and never imported otherwise.
+Importing it opens nothing and starts nothing. trio is used if it runs, and is never imported otherwise.
 """
 
 from __future__ import annotations
@@ -23,18 +23,18 @@ __all__ = ["AsyncTokens"]
 class AsyncTokens:
     """The tokens of a source, for any number of tasks.
 
-    A token that is there is returned without giving way to another task. Where the source has to wait, one
-    daemon thread ("tessaline-waiter") waits for all tasks; it ends when nobody waits any more and the source
-    has answered. No pool of threads is used.
+    If a valid token is available, it is returned without a switch to another task. Otherwise one daemon
+    thread ("tessaline-waiter") waits for all tasks; it ends when no task waits and the source has returned.
+    No thread pool is used.
 
     Args:
-        source: A `Keeper` of one wallet, a wallet of a keeper, an `AuthManager`, or anything with
-            `get_token()`. It stays the caller's: nothing here closes it.
+        source: A `Keeper` of one wallet, a wallet of a keeper, an `AuthManager`, or any object with
+            `get_token()`. It is never closed here.
 
     Raises:
         TypeError: The source has no `get_token()`.
 
-    Tasks of asyncio and of trio, of any number of event loops and threads, may share it, also in a forked
+    Tasks of asyncio and trio, of any number of event loops and threads, may share it, also in a forked
     child.
     """
 
@@ -47,19 +47,19 @@ class AsyncTokens:
         self._waiter = Waiter()
 
     async def get_token(self) -> str:
-        """Return what the source's `get_token()` returns, waiting for as long as that does.
+        """Return the source's token, waiting as long as the source's `get_token()` waits.
 
-        Cheap while the token is there: ask before every request instead of keeping it. A task that is
-        cancelled stops waiting at once, and leaves the others alone.
+        Cheap while a token is valid: call it before every request instead of storing the token. A cancelled
+        task stops waiting at once, and does not affect the others.
 
         Returns:
-            The token. Where it had to be waited for, the source was asked after this call.
+            The token. After a wait, it comes from a call to the source that began after this one.
 
         Raises:
-            AuthError: "manager_closed" after `aclose()`, or woken by it; and what the source raises.
-            RuntimeError: It must wait where no event loop runs, or no thread could be started.
-            NetworkError, OSError and others: What the source raises. Tasks that wait at once each get the
-                error with a traceback of their own.
+            AuthError: "manager_closed" after `aclose()`, or woken by it; and the errors of the source.
+            RuntimeError: It has to wait without a running event loop, or no thread could be started.
+            NetworkError, OSError and others: The errors of the source. Each waiting task gets its own copy,
+                with its own traceback.
         """
         if not self._closed:
             token = self._glance(self._source)
@@ -68,20 +68,20 @@ class AsyncTokens:
         return cast(str, await self._waiter.outcome_of(None, self._source.get_token))
 
     async def report_refused(self, token: str) -> bool:
-        """Tell the source that a server answered 401 to this token.
+        """Report to the source that a server answered 401 to this token.
 
-        Waits for as long as the source's `report_refused()` takes, with a keeper 10 seconds at most, and for
-        what the thread has to do before. Tasks that report the same token share a call.
+        Waits as long as the source's `report_refused()`, with a keeper 10 seconds at most, plus earlier
+        work of the thread. Tasks that report the same token share a call.
 
         Args:
-            token: What was sent with the request that was refused.
+            token: The token that was sent with the refused request.
 
         Returns:
-            Whether another token is to be had, so that the request may be repeated once. False where the
+            Whether a new token is available, so that the request may be repeated once. False if the
             source has no `report_refused()`.
 
         Raises:
-            AuthError: "manager_closed" after `aclose()`, or woken by it; and what the source raises.
+            AuthError: "manager_closed" after `aclose()`, or woken by it; and the errors of the source.
             RuntimeError: No event loop runs, or no thread could be started.
         """
         report: Callable[[str], object] | None = getattr(self._source, "report_refused", None)
@@ -90,9 +90,9 @@ class AsyncTokens:
         return bool(await self._waiter.outcome_of(token, partial(report, token)))
 
     async def aclose(self) -> None:
-        """Wake every waiting task with AuthError "manager_closed", which each further call raises too.
+        """Wake every waiting task with AuthError "manager_closed", which each later call raises too.
 
-        Waits for nothing: the thread ends once the source has answered. The source is not closed. May be
+        Waits for nothing: the thread ends after the source has returned. The source is not closed. May be
         called again, and from any task.
         """
         self._closed = True
@@ -108,7 +108,7 @@ class AsyncTokens:
         exc_value: BaseException | None,
         traceback: TracebackType | None,
     ) -> None:
-        """Close it. What was raised in the block goes on."""
+        """Close it. An exception in the block propagates."""
         await self.aclose()
 
 

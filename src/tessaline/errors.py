@@ -1,4 +1,4 @@
-"""The reasons and errors of a login as names: for `except`, for comparing, and for type checkers.
+"""The reasons and errors of a login as constants: for `except`, for comparisons, and for type checkers.
 
     from tessaline.errors import LOGIN_ERRORS, is_final
 
@@ -8,7 +8,7 @@
         if is_final(error):
             raise
 
-Importing it opens nothing and starts nothing; all of it may be used from any thread.
+Importing it opens nothing and starts nothing. Everything may be used from any thread.
 """
 
 from __future__ import annotations
@@ -85,13 +85,13 @@ Reason = Literal[
     "profile_unauthorized",
     "unexpected_auth_state",
 ]
-"""What `AuthError.reason` may be, where it is not the text of another error."""
+"""The values of `AuthError.reason`, apart from the messages of other errors."""
 
 RegistrationReason = Literal["invite_required", "invite_invalid", "invite_already_redeemed", "invite_revoked"]
-"""What `str(RegistrationError)` may be."""
+"""The values of `str(RegistrationError)`."""
 
 ProfileReason = Literal["validation_failed", "rate_limited"]
-"""What `ProfileError.reason` may be."""
+"""The values of `ProfileError.reason`."""
 
 FINAL_REASONS: Final[frozenset[str]] = frozenset(
     {
@@ -105,7 +105,7 @@ FINAL_REASONS: Final[frozenset[str]] = frozenset(
         UNEXPECTED_AUTH_STATE,
     }
 )
-"""The reasons of an `AuthError` that a further attempt would meet again."""
+"""The reasons of a permanent `AuthError`."""
 
 LOGIN_ERRORS: Final = (
     AuthError,
@@ -117,27 +117,27 @@ LOGIN_ERRORS: Final = (
     TypeError,
     ValueError,
 )
-"""What `authenticate()` may raise on account of the server or of the way to it, for `except`.
+"""For `except`: the errors of `authenticate()` that come from the server or the network.
 
-`OSError` holds TLS and proxies; the last four are answers that are not those of a login. `MemoryError`, and
-`RuntimeError` for a thread that could not be started, tell of this process and are not among them; nor is
-`InvalidKeyError`, which the making of a manager raises.
+`OSError` includes TLS and proxies; the last four are unexpected responses. Not included are `MemoryError` and
+`RuntimeError` (a thread could not be started), which come from this process, and `InvalidKeyError`, which
+creating a manager raises.
 """
 
 _REASONS: Final = frozenset(get_args(Reason))
 
 
 def reason_of(error: BaseException) -> Reason | None:
-    """The reason of an `AuthError` in a type of which a checker knows every value.
+    """The reason of an `AuthError` as a `Literal` type.
 
-    A checker then complains where it is compared with a text that no reason has, which it cannot do with
+    A type checker then reports a comparison with a string that is not a reason, which it cannot do for
     `error.reason`.
 
     Args:
-        error: What `authenticate()`, `get_token()` or a keeper has raised.
+        error: An error of `authenticate()`, `get_token()` or a keeper.
 
     Returns:
-        None for every other class, and for an `AuthError` whose reason is the text of another error.
+        None for every other class, and for an `AuthError` whose reason is the message of another error.
     """
     if isinstance(error, AuthError) and error.reason in _REASONS:
         return cast("Reason", error.reason)
@@ -145,16 +145,15 @@ def reason_of(error: BaseException) -> Reason | None:
 
 
 def is_final(error: BaseException) -> bool:
-    """Whether a further attempt would meet the same error, until somebody has changed something.
+    """Whether an error is permanent: it comes back at every attempt until somebody changes something.
 
     Args:
-        error: What `authenticate()`, `get_token()` or a keeper has raised.
+        error: An error of `authenticate()`, `get_token()` or a keeper.
 
     Returns:
         False for a transient error: `NetworkError`, an `OSError` of the connection or of a proxy, an
-        `AuthError` with another reason than those of `FINAL_REASONS`, a lack of memory or threads, a display
-        name that came too soon. True for every other: refusals, TLS, and answers that are not those of such a
-        server.
+        `AuthError` whose reason is not in `FINAL_REASONS`, a lack of memory or threads, a rate limit. True
+        for every other error: refusals, TLS errors, and unexpected responses.
     """
     if isinstance(error, AuthError):
         return error.reason in FINAL_REASONS

@@ -5,9 +5,9 @@
 
     manager = AuthManager(from_file("/etc/program/wallet.key"), "https://service.example")
 
-Each function reads the one place that it is told and no other, and gives back the key as 64 hexadecimal
-digits without prefix. No error of theirs holds any part of the key or of a password. All of them may be
-called from any thread.
+Each function reads only the place that you name, and returns the key as 64 hexadecimal
+digits without a prefix. No error contains any part of the key or of a password. You may call the functions
+from any thread.
 """
 
 from __future__ import annotations
@@ -19,7 +19,7 @@ from typing import Any, cast
 
 from tessaline._private_file import ReadableBy, bytes_of, holds_key, private_text, without_line_end
 
-# The manager's own judge, so that a key is good here exactly if it is good there.
+# The manager's own validation, so that both accept the same keys.
 from tessaline.auth import InvalidKeyError, _validate_private_key  # pyright: ignore[reportPrivateUsage]
 
 __all__ = ["ReadableBy", "from_environment", "from_file", "from_keystore"]
@@ -32,18 +32,18 @@ def from_environment(name: str, remove: bool = True) -> str:
     """Read a key from an environment variable.
 
     Args:
-        name: Name of the variable. One line end behind the key is left out.
-        remove: Take the variable out of the environment, whatever it holds, so that programs that are started
-            later do not inherit it. Then call it before there are threads: C libraries read the environment
-            without a lock.
+        name: Name of the variable. One newline after the key is ignored.
+        remove: Remove the variable from the environment, whatever its value, so that programs started
+            later do not inherit it. In that case call it before there are threads: C libraries read the
+            environment without a lock.
 
     Returns:
-        64 hexadecimal digits without prefix, in the case in which they were written.
+        64 hexadecimal digits without a prefix, in their original case.
 
     Raises:
         KeyError: There is no such variable.
-        InvalidKeyError: It is empty or holds something else than a key; a note names the variable.
-        ValueError: What was given as the name is a key.
+        InvalidKeyError: It is empty or does not contain a key; a note names the variable.
+        ValueError: A key was passed as the name.
     """
     return _judged(_variable(name, remove), f"the environment variable {name}")
 
@@ -53,22 +53,21 @@ def from_file(path: _Path, *, readable_by: ReadableBy = "owner") -> str:
 
     Args:
         path: A regular file or a pipe, such as `/dev/fd/63` of a shell's `<(...)`; symbolic links are
-            followed. One line end behind the key is left out. A pipe is waited for until its writer closes
-            it.
-        readable_by: Who may be able to read it: "owner" alone, its "group" too, or "all". For the secrets of
-            containers, whose files are mounted for everybody in a place where there is nobody else.
+            followed. One newline after the key is ignored. A pipe is read until its writer closes it.
+        readable_by: Who may be able to read it: "owner" only, also its "group", or "all". The latter two are
+            for container secrets, which are often mounted readable for everybody.
 
     Returns:
-        64 hexadecimal digits without prefix, in the case in which they were written.
+        64 hexadecimal digits without a prefix, in their original case.
 
     Raises:
-        PermissionError: Others may read or change the file; the text has its mode and the one that it should
-            have. Or it is neither root's nor the effective user's, where `readable_by` is "owner". Looked up
-            on the opened file, before anything is read. Also: this process may not read it.
+        PermissionError: Others can read or change the file; the message has its mode and the mode that it
+            should have. Or, with `readable_by` "owner", its owner is neither root nor the effective user.
+            Checked on the opened file, before reading. Also: this process may not read it.
         FileNotFoundError: There is no such file.
         OSError: It is a directory, a device or a socket, or cannot be read.
-        InvalidKeyError: It is empty or holds something else than a key; a note names the file.
-        ValueError: What was given as the path is a key; or `readable_by` is none of the three.
+        InvalidKeyError: It is empty or does not contain a key; a note names the file.
+        ValueError: A key was passed as the path; or `readable_by` is none of the three.
     """
     return _judged(private_text(path, readable_by), f"the file {os.fspath(path)}")
 
@@ -76,20 +75,20 @@ def from_file(path: _Path, *, readable_by: ReadableBy = "owner") -> str:
 def from_keystore(path: _Path, password: str) -> str:
     """Decrypt a key from a version 3 JSON keystore, with `eth-account`.
 
-    Deriving the key takes about a second of the processor, as long as the keystore's maker wanted it to.
+    Deriving the key takes about a second of processor time, by design of the format.
 
     Args:
-        path: The keystore. Others may read it: it is encrypted.
+        path: The keystore. Others may be able to read it, because it is encrypted.
         password: Its password.
 
     Returns:
-        64 hexadecimal digits without prefix, in lower case.
+        64 lowercase hexadecimal digits without a prefix.
 
     Raises:
-        ImportError: `eth-account` is missing: `pip install tessaline[keystore]`.
-        OSError: The file is not there, or cannot be read.
-        ValueError: It is no version 3 JSON keystore, or the password does not open it.
-        InvalidKeyError: What was in it is no key.
+        ImportError: `eth-account` is not installed: `pip install "tessaline[keystore]"`.
+        OSError: The file does not exist, or cannot be read.
+        ValueError: It is not a version 3 JSON keystore, or the password is wrong.
+        InvalidKeyError: It does not contain a valid key.
     """
     decrypt = _decrypter()
     return _judged(_decrypted(decrypt, path, password), f"the keystore {os.fspath(path)}")
@@ -102,7 +101,7 @@ def _judged(text: str, place: str) -> str:
         error.add_note(f"it was read from {place}" if text else f"{place} is empty")
         raise
     finally:
-        # What reports an error may show the variables of every frame that it passed.
+        # An error report may show the variables of every frame in the traceback.
         del text
 
 
@@ -133,7 +132,7 @@ def _keystore(path: _Path) -> dict[str, Any]:
 
 
 def _fields(text: bytes) -> dict[str, Any] | None:
-    # What is no keystore may be a key: nothing of it gets into an error.
+    # The file may contain a plain key, so errors must not quote it.
     try:
         store: object = json.loads(text)
     except (ValueError, RecursionError):
@@ -151,7 +150,7 @@ def _decrypted(decrypt: _Decrypt, path: _Path, password: str) -> str:
         return bytes(decrypt(store, password)).hex().zfill(64)
     except MemoryError:
         raise
-    except Exception:  # of many kinds where the file is damaged
+    except Exception:  # a damaged file raises many kinds
         pass
-    # Outside the handler, whose error's frames hold the password.
+    # Outside the handler, because its traceback holds the password.
     raise ValueError(f"{os.fspath(path)} cannot be decrypted: the password is wrong, or the file is damaged")

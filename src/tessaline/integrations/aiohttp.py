@@ -8,18 +8,18 @@
         async with aiohttp.ClientSession(middlewares=[middleware]) as session:
             await session.get("https://service.example/api/orders")
 
-Every request asks for the token, which costs little and always gives the right one. Other servers never see
-it: requests to them, redirects included, pass through untouched.
+Every request gets the current token from the source, at little cost. Other servers never see it: requests to
+them, including redirects, pass through unchanged.
 
-A request waits where the source of tokens waits. All requests of an event loop wait together on one thread
-(`tessaline.aio`), so the loop never stands still; the wait counts for aiohttp's `total` time-out, and a
-request that is cancelled stops waiting at once. Where there is no token to give, the source's error leaves
-`session.get()` as it is, and nothing has been sent.
+A request waits while the source waits. All requests of an event loop share one waiting thread
+(`tessaline.aio`), so the loop is never blocked; aiohttp's `total` time-out includes the wait, and a
+cancelled request stops waiting at once. An error of the source passes through `session.get()` unchanged, and
+nothing has been sent.
 
-An answer of 401 means that the service refuses a token which was held good, most often because a new era has
-begun whose announcement is still on its way. A keeper is told, and logs in again where that may help; the
-request is repeated once if there is another token then. Else the 401 is yours. A body that can be sent only
-once, such as a generator, is not repeated, nor is a request with `expect100`.
+A response with status 401 means that the service refuses a token that seemed valid, most often because a
+new era has begun and was not announced yet. The hook reports it to the keeper, which logs in again if that
+may help. If there is then a new token, the request is repeated once; otherwise you get the 401. A body that
+can be sent only once, such as a generator, is not repeated, nor is a request with `expect100`.
 """
 
 from __future__ import annotations
@@ -36,16 +36,16 @@ _SECURED_BY = {"ws": "http", "wss": "https"}
 
 
 class WalletMiddleware:
-    """A client middleware, of a session or of one request.
+    """A client middleware: `middlewares=` of a session or of one request.
 
     Args:
-        tokens: A `Keeper` of one wallet, a wallet of a fleet, an `AuthManager`, or what else has
+        tokens: A `Keeper` of one wallet, a wallet of a fleet, an `AuthManager`, or any object with
             `get_token()`. Or an `AsyncTokens` that you share and close.
         server_url: The service; only its origin counts. https, or http to this machine. WebSockets to it
             (wss, ws) belong to it.
 
     Raises:
-        ValueError: `server_url` is not fit to carry a token, or `tokens` is a keeper of several wallets.
+        ValueError: `server_url` cannot carry a token, or `tokens` is a keeper of several wallets.
 
     One serves any number of sessions and event loops.
     """

@@ -1,11 +1,11 @@
-"""A transport for `eventlet`: a request lets the other green threads run.
+"""A transport for `eventlet`: a request does not block the other green threads.
 
     from tessaline.integrations import eventlet as wallet_eventlet
 
     manager = AuthManager(key, "https://service.example", _transport=wallet_eventlet.transport())
 
-The default transport waits inside libcurl, and all green threads with it. This one has a native thread of
-`eventlet.tpool` make the request, while the hub goes on.
+The default transport waits inside libcurl and blocks all green threads. This one makes the request on a
+native thread of `eventlet.tpool`, while the hub keeps running.
 """
 
 from __future__ import annotations
@@ -28,22 +28,22 @@ _tpool: Any = tpool
 
 
 def transport(inner: HttpTransport | None = None) -> HttpTransport:
-    """Make a transport for `AuthManager(..., _transport=...)` that does not hold up the hub.
+    """Create a transport for `AuthManager(..., _transport=...)` that does not block the hub.
 
-    Any number of managers may share it. As many requests are made at one time as `eventlet.tpool` has
-    threads: 20, or `EVENTLET_THREADPOOL_SIZE`. A green thread that is killed or timed out stops waiting at
-    once; its request goes on in the pool until it ends, and nobody learns what came of it, but the program's
-    end waits for it.
+    Any number of managers may share it. The number of concurrent requests is that of the threads of
+    `eventlet.tpool`: 20, or `EVENTLET_THREADPOOL_SIZE`. A green thread that is killed or times out stops
+    waiting at once; its request continues in the pool and its response is dropped, but the end of the
+    program waits for it.
 
     Args:
-        inner: What makes the requests, on a thread of the pool; it may not use eventlet. None: a
-            `tessaline.http.transport()`. Pass one with settings of your own, whose `on_exchange` runs on
-            that thread as well.
+        inner: The transport that makes the requests, on a thread of the pool; it must not use eventlet.
+            None: a `tessaline.http.transport()`. Pass your own to change its settings; its `on_exchange`
+            runs on that thread too.
 
     Returns:
-        A callable with the parameters `method`, `url`, `headers=None`, `body=None`. What `inner` raises comes
-        out unchanged. It makes the request in place on a thread without a hub, and where the pool serves
-        another hub or is that of a forked child's parent: so let a program that forks make its first
+        A callable with the parameters `method`, `url`, `headers=None`, `body=None`. Errors of `inner` pass
+        through unchanged. It makes the request in place on a thread without a hub, and where the pool
+        serves another hub or is that of a forked child's parent: so let a program that forks make its first
         request in the child.
 
     Raises:

@@ -1,11 +1,11 @@
-"""A transport for `gevent`: a request lets the other greenlets run.
+"""A transport for `gevent`: a request does not block the other greenlets.
 
     from tessaline.integrations import gevent as wallet_gevent
 
     manager = AuthManager(key, "https://service.example", _transport=wallet_gevent.transport())
 
-The default transport waits inside libcurl, and all greenlets of the thread with it. This one has a native
-thread of gevent's pool make the request, while the hub goes on.
+The default transport waits inside libcurl and blocks all greenlets of the thread. This one makes the request
+on a native thread of gevent's pool, while the hub keeps running.
 """
 
 from __future__ import annotations
@@ -28,22 +28,23 @@ __all__ = ["transport"]
 
 
 def transport(inner: HttpTransport | None = None, *, pool: ThreadPool | None = None) -> HttpTransport:
-    """Make a transport for `AuthManager(..., _transport=...)` that does not hold up the hub.
+    """Create a transport for `AuthManager(..., _transport=...)` that does not block the hub.
 
-    Any number of managers may share it. A greenlet that is killed or timed out stops waiting at once; its
-    request goes on in the pool until it ends, and nobody learns what came of it.
+    Any number of managers may share it. A greenlet that is killed or times out stops waiting at once; its
+    request continues in the pool, and its response is dropped.
 
     Args:
-        inner: What makes the requests, on a thread of the pool; it may not use gevent. None: a
-            `tessaline.http.transport()`. Pass one with settings of your own, whose `on_exchange` runs on
-            that thread as well.
-        pool: A pool of the thread's hub, whose size bounds the requests at one time; the others wait. None:
-            the hub's own, of 10 threads, in which gevent also looks names up.
+        inner: The transport that makes the requests, on a thread of the pool; it must not use gevent. None:
+            a `tessaline.http.transport()`. Pass your own to change its settings; its `on_exchange` runs on
+            that thread too.
+        pool: A thread pool of the thread's hub; its size limits concurrent requests. None: the hub's own
+            pool of 10 threads, in which gevent also resolves names.
 
     Returns:
-        A callable with the parameters `method`, `url`, `headers=None`, `body=None`. What `inner` raises comes
-        out unchanged. It makes the request in place on a thread that has no hub, or not that of `pool`, and
-        in a forked child whose gevent does not know of the fork: patch `os.fork`, or call `gevent.reinit()`.
+        A callable with the parameters `method`, `url`, `headers=None`, `body=None`. Errors of `inner` pass
+        through unchanged. It makes the request in place on a thread that has no hub, or not that of `pool`,
+        and in a forked child whose gevent does not know of the fork: patch `os.fork`, or call
+        `gevent.reinit()`.
 
     Raises:
         TypeError: `inner` is not callable.

@@ -10,18 +10,18 @@
                 stub = OrdersStub(grpc.intercept_channel(channel, WalletInterceptor(wallet)))
                 stub.List(request, timeout=30)
 
-Every call asks for the token, which costs next to nothing and always gives the right one. gRPC sends it to
-the channel's server only, and refuses to send it over a channel without encryption
+Every call gets the current token from the source, at almost no cost. gRPC sends it only to
+the channel's server, and refuses to send it over an unencrypted channel
 (`grpc.local_channel_credentials` counts as safe).
 
-Where the source would have to wait it is asked on a thread of its own, once for all calls that wait, each no
-longer than its `timeout`; gRPC's threads do not. Where there is no token to give, the call fails with a
-`grpc.RpcError` whose `details()` name the reason, and nothing has been sent.
+If the source has to wait, one separate thread waits for all calls, each no longer than its `timeout`; gRPC's
+threads are not blocked. Without a token the call fails with a `grpc.RpcError` whose `details()` name the
+reason, and nothing has been sent.
 
-A status of UNAUTHENTICATED means that the service refuses a token which was held good, most often because a
-new era has begun whose announcement is still on its way. Credentials do not learn of it: that is what the two
-interceptors are for. They tell a keeper, which logs in again where that may help, and repeat a call of one
-request and one answer once if there is another token then. Streams are left alone: make the call anew.
+The status UNAUTHENTICATED means that the service refuses a token that seemed valid, most often because a new
+era has begun and was not announced yet. Credentials do not see the status, but the two interceptors do. They
+report it to the keeper, which logs in again if that may help, and repeat a unary call once if there is then a
+new token. They do not repeat streams: start the call again.
 """
 
 from __future__ import annotations
@@ -46,16 +46,16 @@ type _Metadata = tuple[tuple[str, str], ...]
 
 
 class WalletCallCredentials(grpc.AuthMetadataPlugin):
-    """What gRPC asks for credentials; a context manager, to be left after its channels.
+    """Call credentials for gRPC; a context manager. Close the channels before leaving it.
 
     Args:
-        tokens: A `Keeper` of one wallet, a wallet of a fleet, an `AuthManager`, or what else has
+        tokens: A `Keeper` of one wallet, a wallet of a fleet, an `AuthManager`, or any object with
             `get_token()`.
 
     Raises:
         ValueError: `tokens` is a keeper of several wallets.
 
-    One serves any number of channels, of `grpc` and of `grpc.aio`. In a forked child it begins anew.
+    One serves any number of channels of `grpc` and `grpc.aio`. In a forked child it starts fresh.
     """
 
     def __init__(self, tokens: TokenSource) -> None:
@@ -73,7 +73,7 @@ class WalletCallCredentials(grpc.AuthMetadataPlugin):
 
     @property
     def latest(self) -> str | None:
-        """The token that the latest call was given; None before the first."""
+        """The token of the latest call; None before the first call."""
         return self._latest
 
     def composed_with(self, channel: grpc.ChannelCredentials) -> grpc.ChannelCredentials:
@@ -111,9 +111,9 @@ class WalletCallCredentials(grpc.AuthMetadataPlugin):
         return self._asker
 
     def close(self) -> None:
-        """Let the thread go. Calls that wait get an error, but for those that it asks for just now.
+        """End the thread. Waiting calls get an error, except those whose token is being fetched.
 
-        Waits for these for a second at most. May be called again, and from any thread.
+        Waits for these a second at most. May be called again, and from any thread.
         """
         self._closed = True
         self._asker_here().close()

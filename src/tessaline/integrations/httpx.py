@@ -8,18 +8,18 @@
         with httpx.Client(auth=auth) as client: ...
         async with httpx.AsyncClient(auth=auth) as client: ...
 
-Every request asks for the token, which costs next to nothing and always gives the right one. Other servers
-never see it: requests to them go out as if there were no `auth`.
+Every request gets the current token from the source, at almost no cost. Other servers never see it:
+requests to them are sent as if there were no `auth`.
 
-A request waits where the source of tokens waits; that is not part of httpx's own time-outs. The requests of
-an `AsyncClient` wait together on one thread (`tessaline.aio`), so the event loop never stands still, and a
-request that is cancelled stops waiting at once. Where there is no token to give, the source's error leaves
-`client.get()` as it is, and nothing has been sent.
+A request waits while the source waits; the time-outs of httpx do not include that. The requests of an
+`AsyncClient` share one waiting thread (`tessaline.aio`), so the event loop is never blocked, and a
+cancelled request stops waiting at once. An error of the source passes through `client.get()` unchanged, and
+nothing has been sent.
 
-An answer of 401 means that the service refuses a token which was held good, most often because a new era has
-begun whose announcement is still on its way. A keeper is told, and logs in again where that may help; the
-request is repeated once if there is another token then. Else the 401 is yours. A body that can be sent only
-once, such as a generator, is not repeated.
+A response with status 401 means that the service refuses a token that seemed valid, most often because a
+new era has begun and was not announced yet. The hook reports it to the keeper, which logs in again if that
+may help. If there is then a new token, the request is repeated once; otherwise you get the 401. A body that
+can be sent only once, such as a generator, is not repeated.
 """
 
 from __future__ import annotations
@@ -34,15 +34,15 @@ from tessaline.integrations._tokens import Header, TokenSource, other_token, oth
 
 
 class WalletAuth(httpx.Auth):
-    """What `httpx` asks for credentials, of a client or of one request.
+    """Credentials for `httpx`: `auth=` of a client or of one request.
 
     Args:
-        tokens: A `Keeper` of one wallet, a wallet of a fleet, an `AuthManager`, or what else has
+        tokens: A `Keeper` of one wallet, a wallet of a fleet, an `AuthManager`, or any object with
             `get_token()`. Or an `AsyncTokens` that you share and close; it serves an `AsyncClient` only.
         server_url: The service; only its origin counts. https, or http to this machine.
 
     Raises:
-        ValueError: `server_url` is not fit to carry a token, or `tokens` is a keeper of several wallets.
+        ValueError: `server_url` cannot carry a token, or `tokens` is a keeper of several wallets.
 
     One serves any number of clients, threads and event loops.
     """

@@ -8,16 +8,16 @@
         session.auth = WalletAuth(keeper, "https://service.example")
         session.get("https://service.example/api/orders", timeout=30)
 
-Every request asks for the token, which costs next to nothing and always gives the right one. Other servers
-never see it: requests to them, redirects included, go out as if there were no `auth`.
+Every request gets the current token from the source, at almost no cost. Other servers never see it:
+requests to them, including redirects, are sent as if there were no `auth`.
 
-A request waits where the source of tokens waits; that is not part of requests' own `timeout`. Where there is
-no token to give, the source's error leaves `session.get()` as it is, and nothing has been sent.
+A request waits while the source waits; the `timeout` of requests does not include that. An error of the
+source passes through `session.get()` unchanged, and nothing has been sent.
 
-An answer of 401 means that the service refuses a token which was held good, most often because a new era has
-begun whose announcement is still on its way. A keeper is told, and logs in again where that may help; the
-request is repeated once if there is another token then. Else the 401 is yours. A body that can be sent only
-once, such as a file or a generator, is not repeated.
+A response with status 401 means that the service refuses a token that seemed valid, most often because a
+new era has begun and was not announced yet. The hook reports it to the keeper, which logs in again if that
+may help. If there is then a new token, the request is repeated once; otherwise you get the 401. A body that
+can be sent only once, such as a file or a generator, is not repeated.
 """
 
 from __future__ import annotations
@@ -38,15 +38,15 @@ _DIGITS_WORTH_READING = 5
 
 
 class WalletAuth(AuthBase):
-    """What `requests` asks for credentials: of a session, or of one request as `auth=WalletAuth(...)`.
+    """Credentials for `requests`: `session.auth = WalletAuth(...)`, or `auth=WalletAuth(...)` of one request.
 
     Args:
-        tokens: A `Keeper` of one wallet, a wallet of a fleet, an `AuthManager`, or what else has
+        tokens: A `Keeper` of one wallet, a wallet of a fleet, an `AuthManager`, or any object with
             `get_token()`.
         server_url: The service; only its origin counts. https, or http to this machine.
 
     Raises:
-        ValueError: `server_url` is not fit to carry a token, or `tokens` is a keeper of several wallets.
+        ValueError: `server_url` cannot carry a token, or `tokens` is a keeper of several wallets.
 
     One serves any number of sessions and threads.
     """

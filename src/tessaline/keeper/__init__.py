@@ -1,15 +1,16 @@
-"""The token of a process that lives for months: kept good through anything that is transient.
+"""Tokens for long-running processes: renewed early, retried after transient errors, valid through outages.
 
     from tessaline.auth import AuthManager
     from tessaline.keeper import Keeper
 
-    with Keeper(AuthManager(key, "https://service.example")) as keeper:
+    manager = AuthManager(key, "https://service.example")
+    with Keeper(manager) as keeper:
         keeper.start()
         headers = {"Authorization": f"Bearer {keeper.get_token()}"}
 
-An `AuthManager` ends its renewal when the server is away for a few seconds at the wrong moment. A `Keeper`
-holds one manager or a thousand, serves copies of their tokens of its own, and logs in again for as long as it
-takes. Importing it starts nothing.
+An `AuthManager` stops renewing if the server is down for a few seconds at the wrong moment. A `Keeper`
+holds one manager or a thousand, serves its own copies of their tokens, and retries without a limit.
+Importing it starts nothing.
 """
 
 from tessaline._native import EraBoard as EraBoard

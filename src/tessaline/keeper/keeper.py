@@ -1,4 +1,4 @@
-"""The keeper itself: one wallet or a thousand, as one thing to start, ask, tell and close."""
+"""The keeper itself: one wallet or a thousand behind one object."""
 
 from __future__ import annotations
 
@@ -21,31 +21,31 @@ from .wallet import Wallet
 
 @own_get_token
 class Keeper(Serving):
-    """Keeps the tokens of wallets good through anything that is transient, until it is closed.
+    """Keeps the tokens of wallets valid until it is closed, through all transient errors.
 
-    It serves copies of its own, so while one is good nobody waits, whatever server and manager do. It
-    renews each at `renew_at` of its lifetime, jittered by 5 % each way, and tries again after a transient
-    error with jittered back-off from 1 s to 5 min, without end. An error that a further attempt would meet
-    again stops the wallet concerned, and is logged as an error. One thread plans; as many as are busy log
-    in. Leaving it as a context manager closes it.
+    It serves its own copies, so nobody waits while a copy is valid, whatever server and manager do. It
+    renews each token at `renew_at` of its lifetime, with a jitter of 5 % each way. After a transient error it
+    retries with jittered back-off from 1 s to 5 min, without a limit. A permanent error stops the wallet
+    concerned and is logged as an error. One background thread schedules; up to `at_once` threads log in.
+    Leaving it as a context manager closes it.
 
     Args:
         managers: One manager, or several of different wallets. From `start()` on the keeper renews them, and
-            `close()` closes them. If one of an iterable cannot be made, those before it are closed.
+            `close()` closes them. If an iterable raises, the managers before the error are closed.
         at_once: How many wallets may log in at the same time.
         renew_at: The part of a token's lifetime after which it is renewed, between 0 and 1.
-        on_event: Called with each `KeeperEvent`, outside every lock, on the thread that made it happen,
-            which it should not hold up. What it raises is logged once.
-        era_board: Where announced eras stand; made before a fork and given to the keepers of all children,
-            an era that is announced in one reaches all. A keeper that is given none has one of its own,
-            which the children of a later fork share.
+        on_event: Called with each `KeeperEvent`, outside every lock, on the thread that caused it; it should
+            return soon. If it raises, that is logged once.
+        era_board: The board of announced eras. Create it before a fork and pass it to the keepers of all
+            children: an era that is announced in one process reaches all. By default a keeper has its own
+            board, which the children of a later fork share.
 
     Raises:
-        ValueError: No manager, two of one wallet, or a number out of its range.
-        TypeError: An argument of another type.
+        ValueError: No manager, two managers of one wallet, or a number out of range.
+        TypeError: An argument of the wrong type.
 
-    All methods may be called from any thread, and in a forked child, where the keeper goes on by itself.
-    Times are read from the managers' clocks.
+    All methods may be called from any thread, and in a forked child, where the keeper continues
+    independently. Times are read from the managers' clocks.
     """
 
     def __init__(
@@ -87,19 +87,18 @@ class Keeper(Serving):
         self._scheduler.add(wallet)
 
     def start(self, wait: bool = True) -> None:
-        """Log every wallet in, and keep them so.
+        """Log every wallet in, and keep it logged in.
 
-        A manager that is logged in already is taken as it is. Called again, it tries wallets that have
-        stopped once more.
+        A manager that is already logged in keeps its token. A second call retries stopped wallets once.
 
         Args:
             wait: Whether to return only when each wallet has a token or has stopped, however long the
-                server is away; else the first attempts are made in the background.
+                server is down; otherwise the first attempts run in the background.
 
         Raises:
-            AuthError, RegistrationError, ssl.SSLError and others: What has stopped the wallet; a note names
-                it. Also "manager_closed".
-            ExceptionGroup: Several wallets have stopped, each with an error of its own; `except*` handles
+            AuthError, RegistrationError, ssl.SSLError and others: The permanent error that has stopped the
+                wallet; a note names the wallet. Also "manager_closed".
+            ExceptionGroup: Several wallets have stopped, each with its own error; `except*` handles
                 one and several alike.
             RuntimeError: No thread could be started.
         """
@@ -135,18 +134,18 @@ class Keeper(Serving):
         return next(iter(self._wallets.values()))
 
     def notify_era_change(self, new_era_number: int) -> None:
-        """Require tokens of this era, of all wallets and in all processes that share the keeper's board.
+        """Require tokens of this era, for all wallets and in all processes that share the keeper's board.
 
-        Once it has returned no copy of an older era is served. The wallets log in anew, `at_once` at a
-        time, until the era is met. A lower number changes nothing; before `start()` it is remembered.
-        Returns at once.
+        After the call no copy of an older era is served. The wallets log in again, `at_once` at a
+        time, until each has a token of the era. A lower number changes nothing; before `start()` the number
+        is stored. Returns at once.
 
         Args:
             new_era_number: Lowest era, from 1, that tokens must carry.
 
         Raises:
-            ValueError: The number is not positive, or is as large as no era can be.
-            TypeError: It is no whole number.
+            ValueError: The number is not positive, or is too large.
+            TypeError: It is not an integer.
             AuthError: "manager_closed".
         """
         era = operator.index(new_era_number)
@@ -158,14 +157,14 @@ class Keeper(Serving):
             self._scheduler.look_at_board()
 
     def report_refused(self, token: str) -> bool:
-        """Tell that a server has answered 401 to this token, as `Wallet.report_refused()` does.
+        """Report that a server has answered 401 to this token, as `Wallet.report_refused()` does.
 
         Args:
-            token: As it was sent, of whichever wallet.
+            token: The token that was sent, of any wallet.
 
         Returns:
-            Whether another token is current now, so that it is worth repeating the request. False for a
-            token that is of no wallet here any more, where there are several.
+            Whether a new token is available, so that repeating the request makes sense. With several wallets,
+            False for a token that is no longer the current one of any of them.
         """
         if len(self._wallets) == 1:
             return self._only().report_refused(token)
@@ -175,7 +174,7 @@ class Keeper(Serving):
         return False
 
     def status(self) -> KeeperStatus:
-        """Return how the keeper stands, and each of its wallets. Never raises."""
+        """Return the status of the keeper and of each wallet. Never raises."""
         return summary({address: wallet.status() for address, wallet in self._wallets.items()})
 
     def __getitem__(self, address: str) -> Wallet:
@@ -194,10 +193,10 @@ class Keeper(Serving):
         return f"<Keeper of {len(self)}: {self.status().state}>"
 
     def close(self) -> None:
-        """Wake everybody who waits, with "manager_closed"; close every manager, and forget the tokens.
+        """Wake all waiting threads with "manager_closed", close every manager, and drop the tokens.
 
-        May be called again, from any thread and from `on_event`. Waits a second at most for the keeper's
-        threads; one that is in the midst of a request ends with it.
+        May be called again, from any thread and from `on_event`. Waits at most a second for the keeper's
+        threads; a thread in the middle of a request ends after it.
         """
         if not sys.is_finalizing():
             with self._scheduler.lock:

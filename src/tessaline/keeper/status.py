@@ -10,13 +10,12 @@ from typing import Literal, get_args
 WalletState = Literal[
     "closed", "stopped", "expired", "logging in", "not started", "retrying", "renewing", "good"
 ]
-"""The worst first.
+"""Worst first.
 
-"closed": the keeper is closed. "stopped": an attempt met what is final, nothing is tried any more.
-"expired": the token has expired, or is of an older era, and no other is there yet. "logging in": there was
-no token yet. "not started": `start()` has not been called. "retrying": the token is good, the last attempt
-to renew it has failed. "renewing": the token is good, another one is being fetched. "good": the token is
-good.
+"closed": the keeper is closed. "stopped": a permanent error, no more retries. "expired": the token has
+expired, or is of an older era, and there is no new one yet. "logging in": the first login is running. "not
+started": `start()` has not been called. "retrying": the token is valid, but the last attempt to renew it has
+failed. "renewing": the token is valid, and a renewal is running. "good": the token is valid.
 """
 
 STATES: tuple[WalletState, ...] = get_args(WalletState)
@@ -26,18 +25,18 @@ EventKind = Literal["logged in", "renewed", "era met", "attempt failed", "runnin
 
 @dataclass(frozen=True, slots=True, kw_only=True)
 class WalletStatus:
-    """One wallet at one moment. Times are seconds on the manager's clock: Unix time unless another was given.
+    """One wallet at one moment. Times are on the manager's clock, by default Unix timestamps.
 
     Attributes:
         address: The wallet.
-        state: In words.
-        expiry: When the token that is there expires; None for none.
-        seconds_left: Until then; 0.0 where no token may be served.
-        last_success: When the token that is there was fetched; None for never.
-        last_failure: When an attempt failed last, also before the last success; None for never.
-        reason: What it met, in words: the reason of an `AuthError`, the text of others; None for never.
-        failures: How many attempts have failed since the last success.
-        next_attempt: When the next one is planned; None where one is running or none is.
+        state: Its state.
+        expiry: When the current token expires; None without a token.
+        seconds_left: Remaining time of the token; 0.0 if no token may be served.
+        last_success: Time of the last successful attempt; None if there was none.
+        last_failure: Time of the last failed attempt, also before the last success; None if there was none.
+        reason: Why it failed: the reason of an `AuthError`, the message of other errors; None as above.
+        failures: Failed attempts since the last success.
+        next_attempt: When the next attempt is scheduled; None if one is running or none is scheduled.
     """
 
     address: str
@@ -53,18 +52,18 @@ class WalletStatus:
 
 @dataclass(frozen=True, slots=True, kw_only=True)
 class KeeperStatus:
-    """A keeper at one moment: of each field of its wallets the one that needs attention most.
+    """A keeper at one moment: the worst value of its wallets for each field.
 
     Attributes:
         state: The worst.
-        expiry: The earliest, of those wallets that have one.
-        seconds_left: The least.
+        expiry: The earliest, of the wallets that have a token.
+        seconds_left: The smallest.
         last_success: The earliest.
         last_failure: The latest.
-        reason: Of that failure.
-        failures: The most.
+        reason: The reason of that failure.
+        failures: The largest.
         next_attempt: The earliest.
-        wallets: Each wallet's own status by address.
+        wallets: The status of each wallet by address.
     """
 
     state: WalletState
@@ -83,18 +82,18 @@ class KeeperEvent:
     """Something that happened to a wallet. Times as in `WalletStatus`.
 
     Attributes:
-        kind: "logged in", "renewed", "era met"; "attempt failed"; "running out" (less than an hour is left,
-            or none at all, and renewing fails or hangs) or "stopped" (for good).
-        level: The level of `logging` at which it is logged.
-        message: The same as a sentence.
+        kind: "logged in", "renewed", "era met"; "attempt failed"; "running out" (an hour or less is left,
+            and renewals fail or hang) or "stopped" (a permanent error).
+        level: The `logging` level at which it is logged.
+        message: The event as a sentence.
         address: The wallet.
-        at: When.
-        seconds_left: How long the token that is there may still be served; 0.0 for none.
-        lasts: Seconds for which the new token lasts; None for kinds that tell of none.
-        reason: What an attempt met, in words; None for kinds that tell of none.
-        failures: How many attempts have failed in a row; with a new token, before it.
-        next_attempt: When the next one is planned; None for none.
-        era: The announced era that the new token has met; None for others.
+        at: When it happened.
+        seconds_left: Remaining time of the current token; 0.0 without a token.
+        lasts: Lifetime of the new token in seconds; None for other kinds.
+        reason: Why an attempt failed; None for other kinds.
+        failures: Failed attempts in a row; with a new token, those before it.
+        next_attempt: When the next attempt is scheduled; None if none is.
+        era: The announced era of the new token; None for other kinds.
     """
 
     kind: EventKind

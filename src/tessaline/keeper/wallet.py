@@ -33,7 +33,7 @@ LONGEST_WAIT = 1.0
 @final
 @own_get_token
 class Wallet(Serving):
-    """One wallet of a keeper: `keeper[address]`, and what a keeper of one wallet is itself.
+    """One wallet of a keeper: `keeper[address]`. A keeper of one wallet has the same methods.
 
     All methods may be called from any thread, and in a forked child.
     """
@@ -62,7 +62,7 @@ class Wallet(Serving):
         return f"<Wallet {self.address}: {self.status().state}>"
 
     def status(self) -> WalletStatus:
-        """Return how the wallet stands. Never raises; waits only for a lock that is held for moments."""
+        """Return the wallet's status. Never raises; waits only for a lock that is held briefly."""
         state: WalletState | None = None
         with self._scheduler.lock:
             if self._scheduler.is_closed:
@@ -72,17 +72,17 @@ class Wallet(Serving):
             return self.ledger.status(state)
 
     def report_refused(self, token: str) -> bool:
-        """Tell that a server has answered 401 to this token.
+        """Report that a server has answered 401 to this token.
 
-        If it is the current one, the wallet logs in again: once for all who report it, and at most once in
-        five minutes. The copy is served meanwhile. Waits for that login, at most 10 s of real time; in an
-        event loop, `tessaline.aio` waits elsewhere.
+        If it is the current token, the wallet logs in again: once for all threads that report it, and at
+        most once in five minutes. The copy is served meanwhile. Waits for that login, at most 10 s of real
+        time; in an event loop use `tessaline.aio`.
 
         Args:
-            token: As it was sent, without "Bearer".
+            token: The token that was sent, without "Bearer".
 
         Returns:
-            Whether another token is current now, so that it is worth repeating the request.
+            Whether a new token is available, so that repeating the request makes sense.
         """
         with self._scheduler.lock:
             if self.holds(token) and self._may_log_in_for_a_refusal():
@@ -100,11 +100,11 @@ class Wallet(Serving):
             return self._served.token not in (None, token)
 
     def holds(self, token: str) -> bool:
-        """Whether that is the wallet's current token, good or not."""
+        """Whether that is the wallet's current token, valid or not."""
         return self._served.token == token
 
     def _may_log_in_for_a_refusal(self) -> bool:
-        # A wallet whose attempts fail is being tried anyway, and one that has stopped is not to be.
+        # A wallet whose attempts fail is being retried anyway, and a stopped one must not be.
         if self._patience is None or self._scheduler.is_closed or self._must_log_in:
             return False
         if self.ledger.is_stopped or self.ledger.failures > 0:
@@ -112,7 +112,7 @@ class Wallet(Serving):
         return self._refused_at is None or abs(self.clock.now() - self._refused_at) >= REFUSALS_APART
 
     def _wait_for_token(self, timeout: float | None) -> str:
-        """What `get_token()` does where no copy is good."""
+        """What `get_token()` does without a valid copy."""
         if timeout is not None and math.isnan(timeout):
             raise ValueError("timeout must be a number of seconds, or None")
         if self._scheduler.is_on_own_thread():
@@ -149,7 +149,7 @@ class Wallet(Serving):
     # What follows is the keeper's. Under the scheduler's lock, except `attempt`.
 
     def begin(self) -> list[KeeperEvent]:
-        """Take the manager over, with the token that it may have; or try a wallet again that has stopped."""
+        """Take over the manager, with its token if it has one; or retry a stopped wallet."""
         if self._patience is not None:
             if self.ledger.is_stopped:
                 self.ledger.plan_now()
@@ -167,7 +167,7 @@ class Wallet(Serving):
         return told
 
     def await_first_token(self) -> Exception | None:
-        """Wait for a token, or for the end; return what has stopped the wallet, or None."""
+        """Wait until the wallet has a token or has stopped; return the error that stopped it, or None."""
         if self._scheduler.is_on_own_thread():
             return None
         self._wait_until(lambda: not self._is_reporting and self._is_settled(), None)
@@ -177,13 +177,13 @@ class Wallet(Serving):
         return self.ledger.is_stopped or (self._served.get() is not None and not self._is_resuming)
 
     def shift(self, seconds: float) -> None:
-        """Keep the age of everything when the clock has been set."""
+        """Keep the age of everything after the clock was set."""
         self.ledger.shift(seconds)
         if self._refused_at is not None:
             self._refused_at += seconds
 
     def require_era(self, era: int) -> None:
-        """Drop a copy that is older, and have another one fetched."""
+        """Drop a copy of an older era, and schedule a login."""
         if self._served.token is not None and self._served.era >= era:
             return
         self._served.drop()
@@ -191,7 +191,7 @@ class Wallet(Serving):
             self.ledger.plan_now()
 
     def attempt(self) -> list[KeeperEvent]:
-        """Log in on the calling thread; return what there is to tell. Called without the lock."""
+        """Log in on the calling thread; return the events to report. Called without the lock."""
         era = self._scheduler.board.era
         try:
             held = None if self._must_log_in else self._renewed_by_another(era)
@@ -219,7 +219,7 @@ class Wallet(Serving):
         return told
 
     def settle_failure(self, error: Exception) -> list[KeeperEvent]:
-        """Take in that an attempt has failed, or could not be made."""
+        """Record that an attempt has failed, or could not be made."""
         if self._scheduler.is_closed:
             return []
         self._is_reporting = True
@@ -228,14 +228,14 @@ class Wallet(Serving):
         return told
 
     def _renewed_by_another(self, era: int) -> Credentials | None:
-        """What somebody else has made the manager fetch, if that will do."""
+        """A newer token that another caller made the manager fetch, if it is young enough."""
         held = takeover.credentials_of(self.manager)
         if held is None or held.token == self._served.token or held.era < era:
             return None
         return held if self.ledger.is_young(held.expiry) else None
 
     def try_again(self) -> None:
-        """Do not wait for the end of a back-off, unless the server has asked for it."""
+        """Skip the rest of a back-off, unless the server has asked for it."""
         if self._patience is not None and self._patience.not_before is None and self.ledger.met_an_outage:
             self.ledger.plan_now()
 

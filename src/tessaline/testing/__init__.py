@@ -1,4 +1,4 @@
-"""Parts for the tests of programs that use a wallet: no network, no waiting, and a day passes in a moment.
+"""Test helpers for programs that use a wallet: no network, no waiting, and a day passes in a moment.
 
     from tessaline.auth import AuthManager
     from tessaline.testing import HOUR, KEY, URL, FakeClock, FakeService, claims_of
@@ -9,9 +9,9 @@
         clock.advance(21 * HOUR)
         assert claims_of(manager.get_token())["login"] == 2
 
-For pytest there are fixtures of them (`tessaline.testing.fixtures`), which no test sees unless asked for: by
-`tessaline_fixtures = true` among pytest's ini options, by `-p tessaline.testing.fixtures` on its command
-line, or by `pytest_plugins = ["tessaline.testing.fixtures"]` in the top `conftest.py`.
+There are opt-in pytest fixtures (`tessaline.testing.fixtures`). Enable them with
+`tessaline_fixtures = true` in pytest's ini options, with `-p tessaline.testing.fixtures` on its command
+line, or with `pytest_plugins = ["tessaline.testing.fixtures"]` in the top-level `conftest.py`.
 
 Importing this package imports neither pytest nor `tessaline.auth`.
 """

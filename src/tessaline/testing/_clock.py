@@ -4,19 +4,19 @@ from __future__ import annotations
 
 
 class FakeClock:
-    """A clock that is moved by hand, for the `clock` of an `AuthManager`.
+    """A clock that your test moves, for the `clock` of an `AuthManager`.
 
-    Back-off waits are measured with it too. A manager that finds it standing still gives such a wait up after
-    a second; with `step` the clock moves a little whenever it is read, and back-off costs next to nothing.
+    It also measures the back-off. If the clock stands still, a manager ends its back-off after a second of
+    real time; with `step` the clock moves a little at each reading, and back-off takes almost no time.
 
     Args:
         step: Seconds by which it moves at each reading.
 
     Attributes:
-        now: What it shows, in seconds; may be set, also back.
-        step: As given; may be changed.
+        now: Its time in seconds; may be set forward and back.
+        step: As above; may be changed.
 
-    Any thread may read it. A keeper or manager that waits for a time looks at it every 0.05 s of real time.
+    Any thread may read it. A waiting keeper or manager reads it every 0.05 s of real time.
     """
 
     def __init__(self, step: float = 0.0) -> None:

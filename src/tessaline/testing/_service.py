@@ -13,20 +13,19 @@ _ENDPOINTS = ("/auth/register", "/auth/challenge", "/auth/verify", "/api/profile
 
 
 class FakeService:
-    """The server without a network: a transport that answers by itself, for an `AuthManager`'s `_transport`.
+    """The server without a network: a transport for the `_transport` of an `AuthManager`.
 
-    Any number of wallets may log in at one, from any thread. It takes every signature.
+    Any number of wallets may log in, from any thread. It accepts every signature.
 
-    Attributes, all of which a test may set at any time:
-        away: True while nobody answers: every request raises `ConnectionError`.
-        era: The era of the tokens that it gives, 1 at first; None for tokens without one.
-        invite_only: True while new wallets need an invite code, whichever.
-        refuses: Addresses (lower case) of wallets that it does not let in: their logins end as
-            "unauthorized".
+    Attributes, which a test may set at any time:
+        away: True simulates an outage: every request raises `ConnectionError`.
+        era: The era of new tokens, 1 at first; None for tokens without an era.
+        invite_only: True if new wallets need an invite code; it accepts any.
+        refuses: Lowercase addresses of wallets that it refuses: their logins fail with "unauthorized".
 
-    And what it has seen:
-        logins: How many have succeeded.
-        requests: The paths that were asked for, in order; those while it was away as well.
+    What it has seen:
+        logins: The number of successful logins.
+        requests: The paths of all requests in order, including those during an outage.
         names: The display names by wallet address.
     """
 
@@ -53,11 +52,11 @@ class FakeService:
         return status, {}, json.dumps(answer).encode()
 
     def accepts(self, token: str) -> bool:
-        """Whether it would serve a request with this token: one that it gave, of the era that it is in."""
+        """Whether it accepts a request with this token: it issued the token, in its current era."""
         return token in self._given and claims_of(token).get("era_number") == self.era
 
     def forget_tokens(self) -> None:
-        """Refuse every token that was given so far, as a server does whose signing key was changed."""
+        """Refuse every token issued so far, like a server whose signing key was changed."""
         self._given.clear()
 
     def _answer(
@@ -100,10 +99,10 @@ class FakeService:
 
 
 def claims_of(token: str) -> dict[str, Any]:
-    """The claims of a token, which nobody has checked.
+    """The unverified claims of a token.
 
-    Those of a `FakeService`: "sub" (the wallet's address), "login" (the number of the login that it is from,
-    from 1 on, of all wallets together) and "era_number".
+    Those of a `FakeService`: "sub" (the wallet's address), "login" (the number of the login, counted from 1
+    over all wallets) and "era_number".
 
     Args:
         token: A JWT.
