@@ -2,11 +2,11 @@
 
     SERVICE_URL=https://service.example WALLET_KEY=... celery --app celery_app worker --concurrency 4
 
-Broker and results are named by a `celeryconfig.py` beside it. Each process of the pool has a keeper of its
-own, from its start to its end; programs that only send tasks make none and need no key. The board of eras is
-made when this file is read, which the worker does before it forks its pool: so it is shared by all processes
-of that worker, and an era that reaches one of them by the task `era` is met by every other. Celery gives a
-process four seconds to start, so the login is not waited for there: the first task does.
+A `celeryconfig.py` next to it names broker and results. Each process of the pool has its own keeper
+from start to end; programs that only send tasks create none and need no key. The board of eras is
+created at import, before the worker forks its pool, so all processes of that worker share it: an era that
+reaches one process by the task `era` reaches all. Celery gives a process four seconds to start, so the
+process does not wait for the login: the first task does.
 """
 
 from __future__ import annotations
@@ -28,7 +28,7 @@ URL = os.environ.get("SERVICE_URL", "https://service.example")
 
 app = Celery("wallet", config_source="celeryconfig")
 board = EraBoard()
-# Of the process that works, once it has begun.
+# Filled in the worker process when it starts.
 keepers: list[Keeper] = []
 
 
@@ -45,7 +45,7 @@ def end(**_: object) -> None:
 
 @app.task(bind=True, max_retries=10)
 def rename(self: Task[Any, Any], name: str) -> int:
-    """Give the wallet a display name; the status of the service's answer."""
+    """Give the wallet a display name; return the status of the response."""
     try:
         answer = requests.post(
             f"{URL}/api/profile/display_name",
@@ -62,5 +62,5 @@ def rename(self: Task[Any, Any], name: str) -> int:
 
 @app.task
 def era(number: int) -> None:
-    """Announce an era to all processes of the worker that gets this."""
+    """Announce an era to all processes of the worker that runs this."""
     keepers[0].notify_era_change(number)

@@ -2,9 +2,9 @@
 
     SERVICE_URL=https://service.example WALLET_KEY=... uvicorn fastapi_app:app
 
-It starts whether the service is there or not, and lives through its outages: while the token is good no
-request waits, and no thread is held while there is none. `GET /health` tells a load balancer whether the
-service can be called, and people why not, so it is for the inside only; `POST /name/Ada` calls it.
+It starts whether or not the service is up, and survives its outages: while the token is valid no
+request waits, and without a token no thread is blocked. `GET /health` tells a load balancer whether the
+service can be called, and operators why not, so keep it internal; `POST /name/Ada` calls the service.
 """
 
 from __future__ import annotations
@@ -30,7 +30,7 @@ logger = logging.getLogger(__name__)
 
 @dataclass
 class Service:
-    """What the endpoints need of the service."""
+    """What the endpoints use."""
 
     keeper: Keeper
     client: httpx.AsyncClient
@@ -73,7 +73,7 @@ async def rename(name: str, request: Request, response: Response) -> dict[str, s
             "/api/profile/display_name", json={"display_name": name}
         )
     except (*LOGIN_ERRORS, httpx.TransportError) as error:
-        # Its text may name hosts and proxies, which are not for everybody.
+        # Its message may name hosts and proxies, which are internal.
         logger.warning("the service was not called: %s", error)
         response.status_code = 503
         return {"error": type(error).__name__}

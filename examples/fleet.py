@@ -1,9 +1,9 @@
-"""Many wallets in one process: they log in eight at a time, renew themselves, and meet eras together.
+"""Many wallets in one process: eight log in at a time, and all share renewals and eras.
 
     python fleet.py https://service.example --keys FOLDER    # a file for each private key
 
-Each wallet is given its number for a name. A wallet that is refused for good is left out, and the keeper's
-log names it; what is transient is tried again, for as long as it takes.
+Each wallet gets its number as a name. A wallet with a permanent error is left out, and the keeper's
+log names it; transient errors are retried without a limit.
 """
 
 from __future__ import annotations
@@ -24,7 +24,7 @@ from tessaline.keys import from_file
 
 
 def run(keys: Iterable[str], url: str) -> int:
-    """Log all in and name them; how many are left out."""
+    """Log all in and name them; return how many are left out."""
     with Keeper([AuthManager(key, url) for key in keys], at_once=8) as keeper:
         try:
             keeper.start()

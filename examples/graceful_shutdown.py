@@ -1,4 +1,4 @@
-"""Ending well on SIGTERM and Ctrl-C: work in hand is finished, then the wallet's secrets are forgotten.
+"""Graceful shutdown on SIGTERM and Ctrl-C: finish the current work, then wipe the wallet's secrets.
 
     def work(keeper: Keeper, stopping: threading.Event) -> None:
         while not stopping.is_set():
@@ -7,9 +7,9 @@
     keeper = Keeper(AuthManager(private_key, "https://service.example"))
     sys.exit(run_until_stopped(keeper, work, threads=4, patience=20))
 
-On the signal the threads are asked to stop and get `patience` seconds for what they are doing. Then
-`close()` wipes the key and wakes whoever still waits for a token or a login with
-`AuthError("manager_closed")`. Choose a patience below that of whoever sends the signal (Kubernetes: 30 s,
+On the signal the threads are asked to stop and get `patience` seconds to finish. Then
+`close()` wipes the key and wakes every thread that still waits for a token or a login with
+`AuthError("manager_closed")`. Choose a shorter patience than the sender of the signal (Kubernetes: 30 s,
 systemd: 90 s, Docker: 10 s), who will kill.
 
 Nothing is done inside a signal handler: it would run on top of whatever the main thread was doing, locks
@@ -38,7 +38,7 @@ from tessaline.keeper import Keeper
 from tessaline.keys import from_environment
 
 STOP_SIGNALS = (signal.SIGTERM, signal.SIGINT)
-# For the threads that close() has woken to put their things in order.
+# For the threads that close() has woken to clean up.
 FAREWELL_SECONDS = 1.0
 
 
@@ -49,16 +49,16 @@ def run_until_stopped(
     threads: int = 1,
     patience: float = 10.0,
 ) -> int:
-    """Log in and run `work` until a signal; to be called on the main thread.
+    """Log in and run `work` until a signal; call it on the main thread.
 
     Args:
         keeper: Not started; closed at the end.
-        work: Called on every thread after the login; to return soon after the event is set.
-        threads: How many of them.
-        patience: Seconds that the threads get to finish once they have been asked to stop.
+        work: Called on every thread after the login; it should return soon after the event is set.
+        threads: The number of threads.
+        patience: Seconds that the threads get to finish after they were asked to stop.
 
     Returns:
-        The exit status: 0 after a signal, 1 when the login failed for good or a thread ended by itself.
+        The exit status: 0 after a signal, 1 after a permanent error of the login or if a thread ended early.
     """
     stopping = threading.Event()
     ended_early = threading.Event()
@@ -69,7 +69,7 @@ def run_until_stopped(
         try:
             call()
         except Exception:
-            # Once the keeper may have been closed under it, a failure is nothing new.
+            # After the keeper was closed, a failure is expected.
             if not stopping.is_set():
                 traceback.print_exc()
         finally:
@@ -83,13 +83,13 @@ def run_until_stopped(
             worker.start()
         work(keeper, stopping)
 
-    # Daemons, so that one which ignores all this cannot keep the program alive.
+    # Daemon threads, so that one which ignores the event cannot keep the program alive.
     calls = [begin, *[lambda: work(keeper, stopping)] * (threads - 1)]
     workers = [threading.Thread(target=watched, args=[call], daemon=True) for call in calls]
 
     with receiver, sender, _signals_as_bytes(sender), keeper:
         workers[0].start()
-        # Other signals that the program handles are told of as well.
+        # Other signals that the program handles arrive here too.
         while receiver.recv(1)[0] not in (0, *STOP_SIGNALS):
             pass
         stopping.set()

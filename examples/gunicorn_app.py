@@ -2,13 +2,13 @@
 
     SERVICE_URL=https://service.example WALLET_KEY=... gunicorn --preload --workers 4 gunicorn_app:app
 
-With `--preload` this file is read once, before gunicorn forks its workers. So one login is enough for all to
-begin with, and the board of eras that is made here is the same for all: an era that one worker is told of is
-met by every other, whose keepers serve no older token from that moment on. Without it each worker reads the
-file for itself, and has a board that no other looks at.
+With `--preload` this file is loaded once, before gunicorn forks its workers. So all workers start with the
+token of one login, and share the board of eras that is created here: an era announced in one worker
+reaches all others, whose keepers serve no older token from that moment on. Without `--preload` each worker
+loads the file itself and has its own board.
 
-`GET /` tells which worker answers and of which era its token is, `POST /era/7` announces one (in your
-application, whatever tells it of eras), and `POST /name/Ada` calls the service.
+`GET /` returns the worker that responds and the era of its token, `POST /era/7` announces an era (replace it
+by your own source of eras), and `POST /name/Ada` calls the service.
 """
 
 from __future__ import annotations
@@ -44,7 +44,7 @@ def app(environ: WSGIEnvironment, start_response: StartResponse) -> Iterable[byt
     try:
         status, told = answer(environ["REQUEST_METHOD"], environ["PATH_INFO"])
     except LOGIN_ERRORS as error:
-        # Its text may name hosts and proxies, which are not for everybody.
+        # Its message may name hosts and proxies, which are internal.
         logger.warning("the service was not called: %s", error)
         status, told = HTTPStatus.SERVICE_UNAVAILABLE, {"error": type(error).__name__}
     body = json.dumps(told).encode()
@@ -57,7 +57,7 @@ def answer(method: str, path: str) -> tuple[HTTPStatus, dict[str, Any]]:
     match method, path.split("/")[1:]:
         case "GET", [""]:
             return HTTPStatus.OK, {"worker": os.getpid(), "era": board.era, "state": keeper.status().state}
-        # To be reachable from this machine or the inside only: an era that does not come stops every worker.
+        # Keep it internal: an announced era that never comes stops every worker.
         case "POST", ["era", number] if number.isdecimal():
             keeper.notify_era_change(int(number))
             return HTTPStatus.OK, {"worker": os.getpid(), "era": board.era}

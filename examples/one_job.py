@@ -1,9 +1,9 @@
-"""A script that does one thing, such as a cron job: it gives up after about so long.
+"""A script that does one thing within a time limit, such as a cron job.
 
     WALLET_KEY=... python one_job.py https://service.example --within 60
 
-Exit status: 0 when it is done; 75 when it came to nothing in time, so that it is worth another run; 77 when
-the service refuses the wallet or the work.
+Exit status: 0 on success; 75 after a transient error, so that another run makes sense; 77 if
+the service refuses the wallet or the request.
 """
 
 from __future__ import annotations
@@ -24,16 +24,16 @@ DONE, LATER, REFUSED = 0, 75, 77
 
 
 def run(key: str, url: str, seconds: float) -> int:
-    """Log in and name the wallet; the exit status.
+    """Log in and name the wallet; return the exit status.
 
-    No login is waited for after so many seconds. The request may go on: its time-out bounds each wait for
-    the service, not their sum.
+    It waits for the login for at most so many seconds. The request may take longer: its time-out limits each
+    wait for the service, not their sum.
     """
     end = time.monotonic() + seconds
     with Keeper(AuthManager(key, url)) as keeper:
         keeper.start(wait=False)
         try:
-            # Waits through an outage, and ends at once where no waiting helps.
+            # Waits during an outage, and raises a permanent error at once.
             keeper.get_token(timeout=seconds)
             answer = requests.post(
                 f"{url}/api/profile/display_name",

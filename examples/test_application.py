@@ -1,10 +1,10 @@
-"""How to test an application that uses a wallet: no network, no waiting, and a day passes in a moment.
+"""Tests of an application that uses a wallet: no network, no waiting, and a day passes in a moment.
 
     python -m pytest test_application.py
 
-`tessaline.testing` has a clock that moves only when the test says so, a service with a switch for each thing
-that can go wrong, and fixtures that put them together. `Bot` stands for the application under test. It is
-given what hands out tokens, so that a test gives it a keeper on that clock and at that service.
+`tessaline.testing` has a clock that the test moves, a service with a switch for each kind of
+failure, and fixtures that combine them. `Bot` is the application under test. It gets its token source
+as an argument, so a test passes it a keeper with that clock and service.
 """
 
 from __future__ import annotations
@@ -22,7 +22,7 @@ pytest_plugins = ["tessaline.testing.fixtures"]
 
 
 class Bot:
-    """The application: it heads its requests with the wallet's token."""
+    """The application: it sends the wallet's token with its requests."""
 
     def __init__(self, keeper: Keeper) -> None:
         self.keeper = keeper
@@ -72,7 +72,7 @@ def test_when_the_day_is_over_the_bot_waits_for_the_service(
     tessaline_clock.advance(25 * HOUR)
     assert not bot.is_healthy()
     tessaline_service.away = False
-    # The keeper tries again after a pause, which is measured on the clock too.
+    # The keeper retries after a back-off, which is measured on the clock too.
     tessaline_clock.step = 1.0
     assert login_of(bot) == 2
 

@@ -11,17 +11,17 @@ def login() -> Canvas:
         "login",
         _WIDTH,
         "Login",
-        "The host calls authenticate. The manager posts to /auth/register, then to /auth/challenge, "
-        "signs the message that it got as a personal message, and posts challenge id and signature "
+        "The program calls authenticate. The manager posts to /auth/register, then to /auth/challenge, "
+        "signs the received message as a personal message, and posts challenge id and signature "
         "to /auth/verify. The server answers with a token and the wallet secret. The manager checks "
-        "and stores them, starts the renewal thread and returns to the host.",
+        "and stores them, starts the renewal thread and returns to the program.",
     )
-    actors = {"host": 40.0, "manager": 150.0, "server": 322.0}
+    actors = {"program": 40.0, "manager": 150.0, "server": 322.0}
     draw(
         canvas,
         actors,
         [
-            Message("host", "manager", "authenticate()"),
+            Message("program", "manager", "authenticate()"),
             Message("manager", "server", "POST /auth/register", "address, invite code if any"),
             Message("server", "manager", "200", answer=True),
             Message("manager", "server", "POST /auth/challenge", "address"),
@@ -34,7 +34,7 @@ def login() -> Canvas:
                 ("checks the token's wallet", "and era, stores it,", "starts the renewal thread"),
                 166,
             ),
-            Message("manager", "host", "returns", answer=True),
+            Message("manager", "program", "returns", answer=True),
         ],
     )
     return canvas
@@ -46,27 +46,27 @@ def renewal() -> Canvas:
         _WIDTH,
         "Renewal",
         "About 19 hours after the login the renewal thread wakes and sends the login's requests "
-        "again. The server answers 503, so the thread waits a second; a host thread that asks for a "
-        "token during that second gets the old one at once. The thread tries again; a host thread "
-        "that asks now waits. The server answers, the new token is stored, a new renewal thread "
-        "starts, and the waiting host thread gets the new token.",
+        "again. The server responds with 503, so the thread waits a second; a caller that asks for a "
+        "token during that second gets the old one at once. The thread retries; a caller "
+        "that asks now waits. The server responds, the new token is stored, a new renewal thread "
+        "starts, and the waiting caller gets the new token.",
     )
-    actors = {"host": 40.0, "renewal": 168.0, "server": 322.0}
+    actors = {"program": 40.0, "renewal": 168.0, "server": 322.0}
     draw(
         canvas,
         actors,
         [
             Act("renewal", ("sleeps until 80 % of", "the lifetime, ± 5 %"), 150),
             Message("renewal", "server", "POST /auth/…", "register, challenge, verify"),
-            Message("server", "renewal", "503, or no answer", answer=True),
+            Message("server", "renewal", "503, or no response", answer=True),
             Act("renewal", ("waits 1 s",)),
-            Message("host", "renewal", "get_token()", "meanwhile"),
-            Message("renewal", "host", "the old token", answer=True),
-            Message("renewal", "server", "POST /auth/…", "once more"),
-            Message("host", "renewal", "get_token()", "waits"),
+            Message("program", "renewal", "get_token()", "meanwhile"),
+            Message("renewal", "program", "the old token", answer=True),
+            Message("renewal", "server", "POST /auth/…", "retry"),
+            Message("program", "renewal", "get_token()", "waits"),
             Message("server", "renewal", "token, wallet secret", answer=True),
             Act("renewal", ("stores the new token,", "starts its successor"), 150),
-            Message("renewal", "host", "the new token", answer=True),
+            Message("renewal", "program", "the new token", answer=True),
         ],
     )
     return canvas
@@ -77,27 +77,27 @@ def era_change() -> Canvas:
         "era-change",
         _WIDTH,
         "Era change",
-        "The host announces era 7 with notify_era_change, which returns at once. From then on the "
+        "The program announces era 7 with notify_era_change, which returns at once. From then on the "
         "token of the older era is not served: get_token waits. A background thread logs in; if the "
         "token that it gets is of an older era it logs in once more. The token of era 7 is stored "
-        "and the waiting host thread gets it.",
+        "and the waiting caller gets it.",
     )
-    actors = {"host": 36.0, "manager": 190.0, "server": 322.0}
+    actors = {"program": 36.0, "manager": 190.0, "server": 322.0}
     draw(
         canvas,
         actors,
         [
-            Message("host", "manager", "notify_era_change(7)"),
-            Message("manager", "host", "returns at once", answer=True),
-            Act("manager", ("the old token is", "not served any more"), 140),
-            Message("host", "manager", "get_token()", "waits"),
-            Message("manager", "server", "POST /auth/…", "on a thread of its own"),
+            Message("program", "manager", "notify_era_change(7)"),
+            Message("manager", "program", "returns at once", answer=True),
+            Act("manager", ("the old token is", "no longer served"), 140),
+            Message("program", "manager", "get_token()", "waits"),
+            Message("manager", "server", "POST /auth/…", "on a background thread"),
             Message("server", "manager", "token of era 6", answer=True),
-            Act("manager", ("too old: once more",)),
+            Act("manager", ("too old: retry",)),
             Message("manager", "server", "POST /auth/…"),
             Message("server", "manager", "token of era 7", answer=True),
-            Act("manager", ("stores it,", "renewal starts anew"), 140),
-            Message("manager", "host", "the token of era 7", answer=True),
+            Act("manager", ("stores it,", "restarts the renewal"), 140),
+            Message("manager", "program", "the token of era 7", answer=True),
         ],
     )
     return canvas

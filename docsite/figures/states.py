@@ -19,9 +19,9 @@ def states() -> Canvas:
         "A new manager is UNINITIALIZED. authenticate() leads to AUTHENTICATING. From there a stored "
         "token leads to AUTHENTICATED, and so does a failure while an older token is held; a failure "
         "without one leads back to UNINITIALIZED. AUTHENTICATED leads back to AUTHENTICATING by "
-        "authenticate(), and to RE_AUTHENTICATING when the refresh is due or an era is announced. "
+        "authenticate(), and to RE_AUTHENTICATING when a renewal is due or an era is announced. "
         "From RE_AUTHENTICATING a stored token leads to AUTHENTICATED, and so does a failure with an "
-        "era pending; a failed refresh with no era pending leads to UNINITIALIZED. close() leads "
+        "era pending; a failed renewal with no era pending leads to UNINITIALIZED. close() leads "
         "from every state to CLOSED, and nothing leads out of it.",
     )
     x, width, height = _BOX
@@ -52,7 +52,7 @@ def states() -> Canvas:
     canvas.text(up + 8, 201, ("authenticate()", "again"), anchor="start", kind="code", size=small)
 
     both(authenticated, again)
-    canvas.text(down - 8, 292, ("refresh due, or", "era announced"), anchor="end", size=small)
+    canvas.text(down - 8, 292, ("renewal due, or", "era announced"), anchor="end", size=small)
     canvas.text(up + 8, 292, ("stored; or failed,", "an era is pending"), anchor="start", size=small)
 
     side = 10.0
@@ -60,7 +60,7 @@ def states() -> Canvas:
         [(x, again + 17), (side, again + 17), (side, uninitialised + 17), (x - 2, uninitialised + 17)],
         arrow=True,
     )
-    canvas.text(side + 6, again + 31, ("refresh", "failed, no", "era pending"), anchor="start", size=small)
+    canvas.text(side + 6, again + 31, ("renewal", "failed, no", "era pending"), anchor="start", size=small)
 
     edge = 350.0
     for top in (uninitialised, authenticating, authenticated, again):
