@@ -47,7 +47,7 @@ def end(**_: object) -> None:
 def rename(self: Task[Any, Any], name: str) -> int:
     """Give the wallet a display name; return the status of the response."""
     try:
-        answer = requests.post(
+        response = requests.post(
             f"{URL}/api/profile/display_name",
             json={"display_name": name},
             auth=WalletAuth(keepers[0], URL),
@@ -57,7 +57,7 @@ def rename(self: Task[Any, Any], name: str) -> int:
         if is_final(error):
             raise
         raise self.retry(exc=error, countdown=min(2**self.request.retries, 600)) from None
-    return answer.status_code
+    return response.status_code
 
 
 @app.task

@@ -34,13 +34,13 @@ def run(keys: Iterable[str], url: str) -> int:
         able = [address for address in keeper if wallets[address].state != "stopped"]
 
         def name(number: int, address: str) -> str:
-            answer = requests.post(
+            response = requests.post(
                 f"{url}/api/profile/display_name",
                 json={"display_name": f"Wallet {number}"},
                 auth=WalletAuth(keeper[address], url),
                 timeout=30,
             )
-            return f"{address} {answer.status_code}"
+            return f"{address} {response.status_code}"
 
         with ThreadPoolExecutor(8) as pool:
             for line in pool.map(name, range(1, len(able) + 1), able):

@@ -35,7 +35,7 @@ def run(key: str, url: str, seconds: float) -> int:
         try:
             # Waits during an outage, and raises a permanent error at once.
             keeper.get_token(timeout=seconds)
-            answer = requests.post(
+            response = requests.post(
                 f"{url}/api/profile/display_name",
                 json={"display_name": "Ada"},
                 auth=WalletAuth(keeper, url),
@@ -44,10 +44,10 @@ def run(key: str, url: str, seconds: float) -> int:
         except LOGIN_ERRORS as error:
             print(f"{url}: {error}", file=sys.stderr)
             return REFUSED if is_final(error) else LATER
-    print(f"{url}: {answer.status_code}")
-    if answer.ok:
+    print(f"{url}: {response.status_code}")
+    if response.ok:
         return DONE
-    return LATER if answer.status_code >= 500 else REFUSED
+    return LATER if response.status_code >= 500 else REFUSED
 
 
 if __name__ == "__main__":

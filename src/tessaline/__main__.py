@@ -13,8 +13,8 @@ from typing import NoReturn
 from tessaline import __version__
 
 _EPILOG = """
-exit codes: 0 logged in; 2 wrong use; 3 no key; 4 no way to the server; 5 TLS; 6 refused by the server; 7 an
-answer that is not a login's; 1 anything else; 130 interrupted. The page "Checking a login" tells more.
+exit codes: 0 logged in; 2 usage error; 3 no key; 4 server not reachable; 5 TLS; 6 refused by the server; 7
+unexpected response; 1 other error; 130 interrupted. Details: the page "Checking a login".
 """
 
 
@@ -62,14 +62,14 @@ _seconds.__name__ = "number of seconds"
 def _parser() -> argparse.ArgumentParser:
     about = "Tools for wallets that log in."
     parser = _Parser(prog="python -m tessaline", description=about, allow_abbrev=False)
-    version = "print the versions of the package and of what it works with"
+    version = "print the versions of the package and its libraries"
     parser.add_argument("--version", action=_Version, nargs=0, help=version)
     commands = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
     _add_check(
         commands.add_parser(
             "check",
-            help="log a wallet in, and tell of each step",
-            description="Log a wallet in, and tell of each step: the server's name, TLS, the exchanges, the "
+            help="log a wallet in, and report each step",
+            description="Log a wallet in, and report each step: the server's name, TLS, the requests, the "
             "token's expiry. A wallet that the server does not know yet is registered.",
             epilog=_EPILOG,
             allow_abbrev=False,
@@ -83,22 +83,22 @@ def _add_check(parser: argparse.ArgumentParser) -> None:
     add("url", metavar="URL", help="the server: https, or http to this machine")
     key = parser.add_mutually_exclusive_group(required=True)
     key.add_argument(
-        "--key-file", metavar="FILE", help="a file or pipe with the key, which others may not read"
+        "--key-file", metavar="FILE", help="a file or pipe with the key, which others cannot read"
     )
     key.add_argument("--key-variable", metavar="NAME", help="an environment variable with the key")
     key.add_argument(
-        "--keystore", metavar="FILE", help="a version 3 JSON keystore; its password is asked for"
+        "--keystore", metavar="FILE", help="a version 3 JSON keystore; you are asked for its password"
     )
-    password_help = "the keystore's password, in a file or pipe that others may not read"
+    password_help = "the keystore's password, in a file or pipe that others cannot read"
     add("--password-file", metavar="FILE", help=password_help)
     readable_help = "who may be able to read a file with a key or password (%(default)s)"
     add("--readable-by", choices=("owner", "group", "all"), default="owner", help=readable_help)
     add("--invite-code", metavar="CODE", help="sent with the registration")
-    add("--no-register", action="store_true", help="leave the registration out")
-    timeout_help = "how long each exchange, and each look at the way, may take (%(default)g)"
+    add("--no-register", action="store_true", help="skip the registration")
+    timeout_help = "time-out of each request and each connection test (%(default)g)"
     add("--timeout", type=_seconds, default=30.0, metavar="SECONDS", help=timeout_help)
     add("--json", action="store_true", help="print one JSON object")
-    add("--print-token", action="store_true", help="print the token too")
+    add("--print-token", action="store_true", help="also print the token")
     parser.set_defaults(refuse=parser.error)
 
 
