@@ -23,8 +23,8 @@ def set_event(event: threading.Event, /) -> None:
 class EraBoard:
     """The highest era that was announced, in memory shared with the children of a fork.
 
-    Made before the fork and given to the keepers of all children, it takes an era that one of them is told to
-    all. Any thread and process may use it; nothing waits.
+    Create it before the fork and pass it to the keepers of all children: an era that is announced in one
+    process reaches all. Any thread and process may use it; nothing waits.
 
     Raises:
         OSError: There is no memory to share.
@@ -38,7 +38,7 @@ class EraBoard:
         """Raise the board to this era, for every process that shares it; a lower one changes nothing.
 
         Raises:
-            ValueError: The number is not positive, or is as large as no era can be.
+            ValueError: The number is not positive, or is too large.
         """
 
 @final
@@ -69,26 +69,26 @@ def own_get_token[Subclass: type[Serving]](cls: Subclass, /) -> Subclass:
 
 @disjoint_base
 class Serving:
-    """Hands out a token: natively while it is good, else by `_wait_for_token(timeout)`."""
+    """Serves a token: natively while it is valid, otherwise by `_wait_for_token(timeout)`."""
 
     _copy: TokenCopy | None
     def get_token(self, timeout: float | None = 10.0) -> str:
-        """Return the wallet's token: the keeper's own copy, at once, while it is good.
+        """Return the wallet's token: the keeper's own copy, at once, while it is valid.
 
-        Good is a copy before its expiry and of no older era than announced. Cheap: ask before every request
-        instead of keeping the token. May be called from any thread.
+        A copy is valid until its expiry, unless a newer era was announced. Cheap: call it before every
+        request instead of storing the token. May be called from any thread.
 
         Args:
-            timeout: How long to wait where no copy is good, in seconds of real time; 0 not at all, None for
-                as long as it takes.
+            timeout: How long to wait without a valid copy, in seconds of real time; 0 does not wait, None
+                waits without a limit.
 
         Returns:
             The token, a JWT as str.
 
         Raises:
             AuthError: "not_authenticated" before start(), "manager_closed" after close() or woken by it, or
-                what the last attempt met; "token_expired" or "era_change_pending" where there was none yet.
-            NetworkError, RegistrationError, OSError and others: What the last attempt to log in met.
+                the error of the last attempt; "token_expired" or "era_change_pending" if there was none yet.
+            NetworkError, RegistrationError, OSError and others: The error of the last login attempt.
         """
 
 @final

@@ -97,7 +97,7 @@ class AuthError(Exception):
     Attributes:
         reason: lowercase snake_case text for programs to compare; also the error's text.
 
-    Where a manager raises it, a note tells what may help.
+    If a manager raises it, a note says what to do.
     """
 
     reason: str
@@ -127,7 +127,7 @@ class ProfileError(Exception):
 class NetworkError(Exception):
     """Raised when network is unreachable after retries.
 
-    Its text names the number of attempts, its note the last of them. It is safe to try again.
+    Its message has the number of attempts, its note the last of them. It is safe to retry.
     """
 
 def _default_http_transport(
@@ -136,7 +136,7 @@ def _default_http_transport(
     """Default HTTP transport using urllib. Returns (status, resp_headers, body_bytes).
 
     Keeps the conventions of urllib for redirects, trust and errors; connections are kept and reused by any
-    thread. The interpreter's lock is free during the exchange, and Ctrl-C ends it.
+    thread. The GIL is released during the request, and Ctrl-C ends it.
 
     Args:
         method: HTTP method, sent as given.
@@ -210,7 +210,7 @@ def notify_era_change(new_era_number: int) -> None:
 
     Raises:
         ValueError: The number is not positive.
-        TypeError: It is no number.
+        TypeError: It is not a number.
         AuthError: "manager_closed" or "not_authenticated".
         RuntimeError: The background thread could not be started.
     """
@@ -219,30 +219,28 @@ def notify_era_change(new_era_number: int) -> None:
 class AuthManager:
     """Client-side authentication manager with state machine and proactive refresh.
 
-    Logs one wallet in at one server, renews its bearer token on a background thread and hands it out to
-    any number of threads. Constructing makes no request and starts no thread; call authenticate(), then
-    get_token() before each request, and close() at the end (or use the manager as a context manager). A
-    renewal that fails at its three attempts ends the renewing, until authenticate() is called again.
+    Logs one wallet in at one server, renews its bearer token on a background thread and serves it to any
+    number of threads. The constructor makes no request and starts no thread; call authenticate(), then
+    get_token() before each request, and close() at the end (or use the manager as a context manager). If a
+    renewal fails at all three attempts, the manager stops renewing until authenticate() is called again.
 
     Args:
-        private_key: secp256k1 key, 64 hexadecimal digits, "0x" allowed. Kept in memory of its own, wiped on
+        private_key: secp256k1 key, 64 hexadecimal digits, "0x" allowed. Kept in locked memory, wiped on
             close.
         server_url: Base URL; https, or http to this machine.
-        invite_code: Sent with the registration; blanks around it and case do not matter.
+        invite_code: Sent with the registration; surrounding spaces and case do not matter.
         register_wallet: Whether each login begins with a registration.
-        clock: Callable without arguments returning seconds as a number; time.time() when None. Read on any
-            thread, also under the manager's lock: it may not call the manager.
+        clock: Callable without arguments returning seconds as a number; time.time() when None. Called on any
+            thread, also under the manager's lock: it must not call the manager.
         _transport: Callable (method, url, headers=None, body=None) returning (status, headers, body bytes).
-            Runs on several threads at once; raises ConnectionError or TimeoutError for what may be tried
-            again.
+            Runs on several threads at once; raises ConnectionError or TimeoutError for transient errors.
 
     Raises:
         InvalidKeyError: The key is not a valid private key.
-        ValueError: The URL is not fit to carry a bearer token.
-        TypeError: Key or URL is no str.
+        ValueError: The URL is not suitable for a bearer token.
+        TypeError: Key or URL is not a str.
 
-    All methods may be called from any thread, and in a forked child. What may help stands in an error's
-    notes.
+    All methods may be called from any thread, and in a forked child. The notes of an error say what to do.
     """
 
     _wallet_address: str
@@ -288,49 +286,49 @@ class AuthManager:
     def authenticate(self) -> None:
         """Full register -> challenge -> sign -> verify flow.
 
-        Of threads that call at once one runs the flow and the others wait for its outcome. An authenticated
-        manager authenticates again; when that fails it stays usable with the token that it has. Starts the
-        background renewal. Blocks for as long as the requests and their retries take: each is tried 3 times,
-        30 s long at most, with 1 s and 2 s between or what the server asks for. close() ends the retries.
+        If several threads call it at once, one runs the flow and the others wait for its outcome. A manager
+        that is logged in logs in again; if that fails, it keeps its token. Starts the background renewal.
+        Blocks until the requests and their retries have finished: at most 3 attempts per request, with a
+        time-out of 30 s each and a back-off of 1 s and 2 s, or the server's Retry-After. close() ends the
+        retries.
 
         Raises:
             AuthError: The server refused the wallet or its request ("invalid_address", "unauthorized",
-                "invalid_request", "signature_mismatch"), or its token or secret was refused here
-                ("wallet_mismatch", "wallet_secret_changed", "era_mismatch"). Also "manager_closed" and
-                "unexpected_auth_state".
+                "invalid_request", "signature_mismatch"), or the manager rejected the server's token or
+                secret ("wallet_mismatch", "wallet_secret_changed", "era_mismatch"). Also "manager_closed"
+                and "unexpected_auth_state".
             RegistrationError: The registration was refused for its invite code ("invite_required",
                 "invite_invalid", "invite_already_redeemed", "invite_revoked").
-            NetworkError: A request failed at all its attempts, or each challenge was stale.
-            ssl.SSLError: The server's certificate is not trusted, or TLS failed otherwise.
-            OSError, http.client.BadStatusLine: Another failure below HTTP that a further attempt would not
-                mend.
-            KeyError, TypeError, ValueError: The server's answer is not what a login needs.
-            RuntimeError: Called by code that the login runs itself, or no thread could be started.
+            NetworkError: A request failed at all attempts, or each challenge was stale.
+            ssl.SSLError: The server's certificate is not trusted, or TLS failed in another way.
+            OSError, http.client.BadStatusLine: Another failure below HTTP that is not retried.
+            KeyError, TypeError, ValueError: An unexpected response of the server.
+            RuntimeError: Called from a callback of the login, or no thread could be started.
 
-        To the threads that waited every failure is an AuthError, which tells one of another type by its text
-        in `reason`.
+        Threads that waited get every failure as an AuthError; for an error of another type, `reason` is its
+        message.
         """
     def get_token(self) -> str:
         """Return current valid JWT token, blocking during refresh.
 
-        Never logs in by itself. Cheap on a healthy manager: call it before each request instead of keeping
-        the token. Waits while a re-authentication runs; past the refresh point at most 10 s for the refresh,
-        past the expiry 3 s for one to begin. close() ends every wait.
+        Never logs in by itself. Cheap while the token is valid: call it before each request instead of
+        storing the token. Waits while a re-authentication runs: after the renewal point at most 10 s for the
+        renewal, after the expiry 3 s for one to begin. close() ends every wait.
 
         Returns:
             The token, a JWT as str.
 
         Raises:
             AuthError: "not_authenticated", "token_expired", "era_change_pending", "manager_closed", or the
-                error with which the last renewal failed, as the same object. A failure of another type is
-                told by its text in `reason`.
-            RuntimeError: Called by code that a login runs itself, which would wait for itself.
+                error with which the last renewal failed, as the same object. For a failure of another type,
+                `reason` is its message.
+            RuntimeError: Called from a callback of a login, which would wait for itself.
         """
     def get_wallet_secret(self) -> bytes:
         """Return 32-byte wallet_secret (base64-decoded).
 
-        Never waits. During a re-authentication the previous value is returned. The bytes are the host's to
-        forget.
+        Never waits. During a re-authentication it returns the previous value. The manager does not wipe the
+        returned bytes.
 
         Raises:
             AuthError: "not_authenticated" or "manager_closed".
@@ -338,12 +336,12 @@ class AuthManager:
     def get_wallet_address(self) -> str:
         """Return lowercase 0x-prefixed 42-char wallet address.
 
-        Answers in every state, after close() too. Never waits.
+        Works in every state, also after close(). Never waits.
         """
     def get_token_expiry(self) -> float:
         """Return token expiry as Unix timestamp.
 
-        In seconds on the manager's clock, counted locally from the moment the token was stored. Never waits.
+        On the manager's clock, in seconds, counted from the moment the token was stored. Never waits.
 
         Raises:
             AuthError: "not_authenticated" or "manager_closed".
@@ -351,30 +349,30 @@ class AuthManager:
     def notify_era_change(self, new_era_number: int) -> None:
         """Trigger non-blocking background re-authentication for era transitions.
 
-        Once it has returned, no thread is served a token of an older era. While an authentication runs it
-        only raises what that one must meet; a lower number never lowers it. Returns at once.
+        After the call no thread gets a token of an older era. During a login it only raises the required
+        era; a lower number changes nothing. Returns at once.
 
         Args:
             new_era_number: Lowest era, from 1, that the next token must carry.
 
         Raises:
             ValueError: The number is not positive.
-            TypeError: It is no number.
+            TypeError: It is not a number.
             AuthError: "manager_closed" or "not_authenticated".
-            RuntimeError: The background thread could not be started; nobody is left waiting for it.
+            RuntimeError: The background thread could not be started; no caller keeps waiting for it.
         """
     def set_display_name(self, display_name: str | None) -> dict[str, Any]:
         """Set or reset display name via profile endpoint.
 
-        Blocks like get_token(), and for the request and its retries: 3 attempts, 30 s long at most, with 1 s
-        and 2 s between.
+        Blocks like get_token(), and for the request and its retries: 3 attempts with a time-out of 30 s each
+        and a back-off of 1 s and 2 s.
 
         Args:
-            display_name: 3 to 32 letters, digits, blanks, "-" or "_" after blanks around it are removed; None
-                or "" resets the name.
+            display_name: 3 to 32 letters, digits, spaces, "-" or "_", after removing surrounding spaces;
+                None or "" resets the name.
 
         Returns:
-            The server's answer, or a dict of "wallet_address" and "display_name".
+            The server's response, or a dict of "wallet_address" and "display_name".
 
         Raises:
             ValueError: The name breaks the rule; nothing was sent.
@@ -382,25 +380,25 @@ class AuthManager:
             ProfileError: "validation_failed" (with `message`) or "rate_limited" (with `retry_after`,
                 seconds).
             AuthError: As get_token(), or "profile_unauthorized".
-            NetworkError: The request failed at all its attempts.
+            NetworkError: The request failed at all attempts.
         """
     def close(self) -> None:
         """Stop refresh, clear sensitive material, transition to CLOSED.
 
-        Wakes every waiter, wipes the private key, forgets token and wallet secret. Takes at most about one
-        second, for the refresh thread to end. May be called again, and from any thread; called by code that
-        the manager runs under its lock, it takes effect once the lock is free. Afterwards every other method
-        but get_wallet_address() raises AuthError "manager_closed".
+        Wakes all waiting threads, wipes the private key, drops token and wallet secret. Takes at most about
+        one second, for the background thread to end. May be called again, and from any thread; called from a
+        callback under the manager's lock, it takes effect when the lock is free. After it, every method
+        except get_wallet_address() raises AuthError "manager_closed".
         """
     def __enter__(self) -> Self:
-        """Return the manager; leaving the block closes it, also by an exception."""
+        """Return the manager; leaving the block closes it, also after an exception."""
     def __exit__(
         self,
         exc_type: type[BaseException] | None,
         exc_value: BaseException | None,
         traceback: TracebackType | None,
     ) -> Literal[False]:
-        """Close the manager. What was raised in the block goes on."""
+        """Close the manager. An exception in the block propagates."""
     def __reduce__(self) -> NoReturn: ...
     def __reduce_ex__(self, protocol: SupportsIndex, /) -> NoReturn: ...
     def _http_request(

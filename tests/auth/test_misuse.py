@@ -13,7 +13,7 @@ from tessaline import auth
 from .helpers.managers import KEY
 from .helpers.server import BASE, CHALLENGE, REGISTER, VERIFY, Answer, FakeServer
 
-URL_FORM = "write the address with scheme and host, as in https://service.example"
+URL_FORM = "write the URL with scheme and host, as in https://service.example"
 TRANSPORT_ANSWER = "a transport has to return status (int), headers (mapping) and body (bytes)"
 LOGIN_ANSWER = "the server's answer is not what a login needs: check that server_url names the right server"
 
@@ -199,7 +199,7 @@ def test_a_subclass_that_forgets_the_constructor() -> None:
 def test_a_manager_that_is_copied(manager: Any) -> None:
     error = failure(manager.__reduce__)
     assert notes(error) == [
-        "make a manager of its own where another one is needed; a forked child may use its parent's"
+        "create a new manager if you need another one; a forked child may use its parent's"
     ]
 
 
@@ -216,8 +216,8 @@ def test_a_clock_that_calls_its_manager(make_manager: Any) -> None:
     assert type(seen[0]) is RuntimeError
     assert str(seen[0]) == "AuthManager was called by code that it runs itself while it holds its lock"
     assert notes(seen[0]) == [
-        "the manager's clock, a finalizer or a signal handler may not call its methods but close(): "
-        "let it set a flag, and call from elsewhere"
+        "the manager's clock, a finalizer or a signal handler must not call its methods except "
+        "close(): set a flag there, and call from elsewhere"
     ]
 
 
@@ -231,8 +231,8 @@ def test_a_transport_that_waits_for_its_own_login(manager: Any, server: FakeServ
     manager.authenticate()
     assert str(seen[0]) == "AuthManager was asked to wait by code that its own authentication runs"
     assert notes(seen[0]) == [
-        "a transport, a log handler or a signal handler that runs during a login may not wait for its "
-        "outcome: ask for the token before or after it"
+        "a transport, a log handler or a signal handler that runs during a login must not wait "
+        "for its outcome: ask for the token before or after it"
     ]
 
 

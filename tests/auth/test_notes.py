@@ -106,13 +106,13 @@ AUTH_ERRORS: list[tuple[str, Provoke, str]] = [
     (
         "wallet_secret_changed",
         another_secret,
-        "the server gave this wallet another secret than before: "
-        "if that is expected, log in with a new AuthManager",
+        "the server sent a different secret for this wallet than before: if that is expected, "
+        "log in with a new AuthManager",
     ),
     (
         "unexpected_auth_state",
         unknown_state,
-        "something has set the manager's _state to what is no state: make a new AuthManager",
+        "some code has set the manager's _state to an invalid value: make a new AuthManager",
     ),
     (
         "invalid_address",
@@ -136,7 +136,8 @@ AUTH_ERRORS: list[tuple[str, Provoke, str]] = [
         "invalid_request",
         refused(CHALLENGE, 400),
         "the server did not understand the request (status 400): "
-        "check that server_url names the right server and that the two versions fit",
+        "check that server_url names the right server and that the versions of client and server "
+        "are compatible",
     ),
     (
         "signature_mismatch",
@@ -156,7 +157,7 @@ PROFILE_ERRORS: list[tuple[str, Provoke, dict[str, Any], str]] = [
         "validation_failed",
         refused(DISPLAY_NAME, 400, "taken"),
         {"message": "taken"},
-        "the server refused the display name: its words are in the attribute message",
+        "the server refused the display name: its explanation is in the attribute message",
     ),
     (
         "rate_limited",
@@ -297,7 +298,7 @@ def test_a_failure_that_another_thread_met_keeps_its_notes(manager: Any, server:
     assert (stored.args, vars(stored)) == (("invite_required",), {"reason": "invite_required"})
     assert notes(stored) == [
         REGISTRATION_ERRORS["invite_required"],
-        "another thread of the manager met tessaline.auth.RegistrationError: "
+        "another thread of the manager got tessaline.auth.RegistrationError: "
         "call authenticate() to try again",
     ]
 

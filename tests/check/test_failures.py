@@ -72,7 +72,7 @@ def test_nobody_listens(check: Check, unused_port: int) -> None:
         "failed: NetworkError: Server unreachable after 3 attempts",
         "  the last attempt, POST /auth/register, ended in ConnectionRefusedError: it is safe to try again",
         f"  caused by ConnectionRefusedError: [Errno 111] connection refused by 127.0.0.1:{unused_port}",
-        "  nobody listens there: check host and port, and whether the server runs",
+        "  nothing listens there: check host and port, and whether the server is running",
         f"  {MAY_HELP}",
     ]
     assert len(done.lines("register")) == 3
@@ -95,7 +95,7 @@ def test_a_name_that_nobody_knows(check: Check) -> None:
     assert report["name"]["addresses"] == [] and report["name"]["error"]
     assert report["tls"]["error"] == "not looked at: the name has no address"
     notes = [note for cause in report["error"]["causes"] for note in cause["notes"]]
-    assert "check how the host is spelt, and this machine's name service (DNS)" in notes
+    assert "check the spelling of the host, and this machine's DNS" in notes
 
 
 def test_a_server_that_is_silent(check: Check, raw: Callable[..., RawServer]) -> None:

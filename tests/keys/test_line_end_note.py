@@ -10,7 +10,7 @@ from tessaline import auth
 
 from .discretion import shows
 
-NOTE = "too long by as much as a line end that was read with it: strip the text, as tessaline.keys does"
+NOTE = "too long by exactly a newline: strip the text, as tessaline.keys does"
 URL = "https://service.example"
 
 

@@ -21,10 +21,10 @@ def notes(error: BaseException) -> list[str]:
     return list(getattr(error, "__notes__", []))
 
 
-REFUSED = "nobody listens there: check host and port, and whether the server runs"
+REFUSED = "nothing listens there: check host and port, and whether the server is running"
 ENDED = "the server, or something on the way to it, ended the connection: try again"
 REFUSED_BY_PROXY = "check the proxy's address, user and password, and whether it lets this host be reached"
-NO_SERVICE = "check host and port: something else than the service may answer there"
+NO_SERVICE = "check host and port: a different service may listen there"
 
 
 def test_refused(unused_port: int) -> None:
@@ -37,7 +37,7 @@ def test_unreachable() -> None:
 
 def test_a_name_that_cannot_be_resolved() -> None:
     error = failure("GET", f"http://{'a' * 64}.test:80/")
-    assert notes(error) == ["check how the host is spelt, and this machine's name service (DNS)"]
+    assert notes(error) == ["check the spelling of the host, and this machine's DNS"]
 
 
 @pytest.mark.parametrize(

@@ -75,7 +75,7 @@ PyMethodDef methods[] = {
      "announce($self, era, /)\n--\n\n"
      "Raise the board to this era, for every process that shares it; a lower one changes nothing.\n\n"
      "Raises:\n"
-     "    ValueError: The number is not positive, or is as large as no era can be."},
+     "    ValueError: The number is not positive, or is too large."},
     {nullptr, nullptr, 0, nullptr},
 };
 
@@ -93,8 +93,8 @@ PyType_Slot slots[] = {
      const_cast<char*>(
          "EraBoard()\n--\n\n"
          "The highest era that was announced, in memory shared with the children of a fork.\n\n"
-         "Made before the fork and given to the keepers of all children, it takes an era that one of\n"
-         "them is told to all. Any thread and process may use it; nothing waits.\n\n"
+         "Create it before the fork and pass it to the keepers of all children: an era that is announced\n"
+         "in one process reaches all. Any thread and process may use it; nothing waits.\n\n"
          "Raises:\n"
          "    OSError: There is no memory to share.")},
     {0, nullptr},

@@ -78,20 +78,19 @@ PyMethodDef methods[] = {
     {"get_token", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(get_token)),
      METH_FASTCALL | METH_KEYWORDS,
      "get_token($self, /, timeout=10.0)\n--\n\n"
-     "Return the wallet's token: the keeper's own copy, at once, while it is good.\n\n"
-     "Good is a copy before its expiry and of no older era than announced. Cheap: ask before every request\n"
-     "instead of keeping the token. May be called from any thread.\n\n"
+     "Return the wallet's token: the keeper's own copy, at once, while it is valid.\n\n"
+     "A copy is valid until its expiry, unless a newer era was announced. Cheap: call it before every\n"
+     "request instead of storing the token. May be called from any thread.\n\n"
      "Args:\n"
-     "    timeout: How long to wait where no copy is good, in seconds of real time; 0 not at all, None for "
-     "as\n"
-     "        long as it takes.\n\n"
+     "    timeout: How long to wait without a valid copy, in seconds of real time; 0 does not wait, None\n"
+     "        waits without a limit.\n\n"
      "Returns:\n"
      "    The token, a JWT as str.\n\n"
      "Raises:\n"
      "    AuthError: \"not_authenticated\" before start(), \"manager_closed\" after close() or woken by it, "
-     "or what\n"
-     "        the last attempt met; \"token_expired\" or \"era_change_pending\" where there was none yet.\n"
-     "    NetworkError, RegistrationError, OSError and others: What the last attempt to log in met."},
+     "or the\n"
+     "        error of the last attempt; \"token_expired\" or \"era_change_pending\" if there was none yet.\n"
+     "    NetworkError, RegistrationError, OSError and others: The error of the last login attempt."},
     {nullptr, nullptr, 0, nullptr},
 };
 
@@ -107,8 +106,8 @@ PyType_Slot slots[] = {
     {Py_tp_traverse, reinterpret_cast<void*>(traverse)},
     {Py_tp_methods, methods},
     {Py_tp_getset, properties},
-    {Py_tp_doc,
-     const_cast<char*>("Hands out a token: natively while it is good, else by `_wait_for_token(timeout)`.")},
+    {Py_tp_doc, const_cast<char*>(
+                    "Serves a token: natively while it is valid, otherwise by `_wait_for_token(timeout)`.")},
     {0, nullptr},
 };
 

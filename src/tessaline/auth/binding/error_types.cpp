@@ -73,7 +73,7 @@ void add_error_types(PyObject* module) {
                "Raised on authentication failures.\n\n"
                "Attributes:\n"
                "    reason: lowercase snake_case text for programs to compare; also the error's text.\n\n"
-               "Where a manager raises it, a note tells what may help.",
+               "If a manager raises it, a note says what to do.",
                initialise_auth_error);
   types.registration =
       add_type(module, "tessaline.auth.RegistrationError",
@@ -91,7 +91,7 @@ void add_error_types(PyObject* module) {
   types.network =
       add_type(module, "tessaline.auth.NetworkError",
                "Raised when network is unreachable after retries.\n\n"
-               "Its text names the number of attempts, its note the last of them. It is safe to try again.");
+               "Its message has the number of attempts, its note the last of them. It is safe to retry.");
   set_error_types(types);
 }
 

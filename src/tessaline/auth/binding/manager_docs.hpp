@@ -11,33 +11,31 @@ inline constexpr char kType[] =
     "\n"
     "Client-side authentication manager with state machine and proactive refresh.\n"
     "\n"
-    "Logs one wallet in at one server, renews its bearer token on a background thread and hands it out "
-    "to any\n"
-    "number of threads. Constructing makes no request and starts no thread; call authenticate(), then\n"
-    "get_token() before each request, and close() at the end (or use the manager as a context manager). A\n"
-    "renewal that fails at its three attempts ends the renewing, until authenticate() is called again.\n"
+    "Logs one wallet in at one server, renews its bearer token on a background thread and serves it\n"
+    "to any number of threads. The constructor makes no request and starts no thread; call\n"
+    "authenticate(), then get_token() before each request, and close() at the end (or use the\n"
+    "manager as a context manager). If a renewal fails at all three attempts, the manager stops\n"
+    "renewing until authenticate() is called again.\n"
     "\n"
     "Args:\n"
-    "    private_key: secp256k1 key, 64 hexadecimal digits, \"0x\" allowed. Kept in memory of its own, wiped "
-    "on close.\n"
+    "    private_key: secp256k1 key, 64 hexadecimal digits, \"0x\" allowed. Kept in locked memory,\n"
+    "        wiped on close.\n"
     "    server_url: Base URL; https, or http to this machine.\n"
-    "    invite_code: Sent with the registration; blanks around it and case do not matter.\n"
+    "    invite_code: Sent with the registration; surrounding spaces and case do not matter.\n"
     "    register_wallet: Whether each login begins with a registration.\n"
-    "    clock: Callable without arguments returning seconds as a number; time.time() when None. Read on "
-    "any\n"
-    "        thread, also under the manager's lock: it may not call the manager.\n"
-    "    _transport: Callable (method, url, headers=None, body=None) returning (status, headers, body "
-    "bytes).\n"
-    "        Runs on several threads at once; raises ConnectionError or TimeoutError for what may be tried "
-    "again.\n"
+    "    clock: Callable without arguments returning seconds as a number; time.time() when None.\n"
+    "        Called on any thread, also under the manager's lock: it must not call the manager.\n"
+    "    _transport: Callable (method, url, headers=None, body=None) returning (status, headers,\n"
+    "        body bytes). Runs on several threads at once; raises ConnectionError or TimeoutError\n"
+    "        for transient errors.\n"
     "\n"
     "Raises:\n"
     "    InvalidKeyError: The key is not a valid private key.\n"
-    "    ValueError: The URL is not fit to carry a bearer token.\n"
-    "    TypeError: Key or URL is no str.\n"
+    "    ValueError: The URL is not suitable for a bearer token.\n"
+    "    TypeError: Key or URL is not a str.\n"
     "\n"
-    "All methods may be called from any thread, and in a forked child. What may help stands in an error's "
-    "notes.";
+    "All methods may be called from any thread, and in a forked child. The notes of an error say\n"
+    "what to do.";
 
 inline constexpr char kAuthenticate[] =
     "authenticate($self)\n"
@@ -45,30 +43,27 @@ inline constexpr char kAuthenticate[] =
     "\n"
     "Full register -> challenge -> sign -> verify flow.\n"
     "\n"
-    "Of threads that call at once one runs the flow and the others wait for its outcome. An authenticated "
-    "manager\n"
-    "authenticates again; when that fails it stays usable with the token that it has. Starts the background\n"
-    "renewal. Blocks for as long as the requests and their retries take: each is tried 3 times, 30 s long "
-    "at\n"
-    "most, with 1 s and 2 s between or what the server asks for. close() ends the retries.\n"
+    "If several threads call it at once, one runs the flow and the others wait for its outcome. A\n"
+    "manager that is logged in logs in again; if that fails, it keeps its token. Starts the\n"
+    "background renewal. Blocks until the requests and their retries have finished: at most 3\n"
+    "attempts per request, with a time-out of 30 s each and a back-off of 1 s and 2 s, or the\n"
+    "server's Retry-After. close() ends the retries.\n"
     "\n"
     "Raises:\n"
-    "    AuthError: The server refused the wallet or its request (\"invalid_address\", \"unauthorized\",\n"
-    "        \"invalid_request\", \"signature_mismatch\"), or its token or secret was refused here "
-    "(\"wallet_mismatch\",\n"
-    "        \"wallet_secret_changed\", \"era_mismatch\"). Also \"manager_closed\" and "
-    "\"unexpected_auth_state\".\n"
+    "    AuthError: The server refused the wallet or its request (\"invalid_address\",\n"
+    "        \"unauthorized\", \"invalid_request\", \"signature_mismatch\"), or the manager rejected the\n"
+    "        server's token or secret (\"wallet_mismatch\", \"wallet_secret_changed\", \"era_mismatch\").\n"
+    "        Also \"manager_closed\" and \"unexpected_auth_state\".\n"
     "    RegistrationError: The registration was refused for its invite code (\"invite_required\",\n"
     "        \"invite_invalid\", \"invite_already_redeemed\", \"invite_revoked\").\n"
-    "    NetworkError: A request failed at all its attempts, or each challenge was stale.\n"
-    "    ssl.SSLError: The server's certificate is not trusted, or TLS failed otherwise.\n"
-    "    OSError, http.client.BadStatusLine: Another failure below HTTP that a further attempt would not "
-    "mend.\n"
-    "    KeyError, TypeError, ValueError: The server's answer is not what a login needs.\n"
-    "    RuntimeError: Called by code that the login runs itself, or no thread could be started.\n"
+    "    NetworkError: A request failed at all attempts, or each challenge was stale.\n"
+    "    ssl.SSLError: The server's certificate is not trusted, or TLS failed in another way.\n"
+    "    OSError, http.client.BadStatusLine: Another failure below HTTP that is not retried.\n"
+    "    KeyError, TypeError, ValueError: An unexpected response of the server.\n"
+    "    RuntimeError: Called from a callback of the login, or no thread could be started.\n"
     "\n"
-    "To the threads that waited every failure is an AuthError, which tells one of another type by its text "
-    "in `reason`.";
+    "Threads that waited get every failure as an AuthError; for an error of another type, `reason`\n"
+    "is its message.";
 
 inline constexpr char kHttpRequest[] =
     "_http_request($self, method, path, body_dict=None, headers=None)\n--\n\n"
@@ -129,22 +124,18 @@ inline constexpr char kGetToken[] =
     "\n"
     "Return current valid JWT token, blocking during refresh.\n"
     "\n"
-    "Never logs in by itself. Cheap on a healthy manager: call it before each request instead of keeping the "
-    "token.\n"
-    "Waits while a re-authentication runs; past the refresh point at most 10 s for the refresh, past the "
-    "expiry 3 s\n"
-    "for one to begin. close() ends every wait.\n"
+    "Never logs in by itself. Cheap while the token is valid: call it before each request instead\n"
+    "of storing the token. Waits while a re-authentication runs: after the renewal point at most 10\n"
+    "s for the renewal, after the expiry 3 s for one to begin. close() ends every wait.\n"
     "\n"
     "Returns:\n"
     "    The token, a JWT as str.\n"
     "\n"
     "Raises:\n"
-    "    AuthError: \"not_authenticated\", \"token_expired\", \"era_change_pending\", \"manager_closed\", or "
-    "the\n"
-    "        error with which the last renewal failed, as the same object. A failure of another type is told "
-    "by its\n"
-    "        text in `reason`.\n"
-    "    RuntimeError: Called by code that a login runs itself, which would wait for itself.";
+    "    AuthError: \"not_authenticated\", \"token_expired\", \"era_change_pending\", \"manager_closed\",\n"
+    "        or the error with which the last renewal failed, as the same object. For a failure of\n"
+    "        another type, `reason` is its message.\n"
+    "    RuntimeError: Called from a callback of a login, which would wait for itself.";
 
 inline constexpr char kPollForReauth[] =
     "_poll_for_reauth($self, fallback_to_current_token)\n--\n\n"
@@ -158,8 +149,8 @@ inline constexpr char kGetWalletSecret[] =
     "\n"
     "Return 32-byte wallet_secret (base64-decoded).\n"
     "\n"
-    "Never waits. During a re-authentication the previous value is returned. The bytes are\n"
-    "the host's to forget.\n"
+    "Never waits. During a re-authentication it returns the previous value. The manager does not\n"
+    "wipe the returned bytes.\n"
     "\n"
     "Raises:\n"
     "    AuthError: \"not_authenticated\" or \"manager_closed\".";
@@ -170,13 +161,16 @@ inline constexpr char kGetWalletAddress[] =
     "\n"
     "Return lowercase 0x-prefixed 42-char wallet address.\n"
     "\n"
-    "Answers in every state, after close() too. Never waits.";
+    "Works in every state, also after close(). Never waits.";
 
 inline constexpr char kGetTokenExpiry[] =
-    "get_token_expiry($self)\n--\n\n"
-    "Return token expiry as Unix timestamp.\n\n"
-    "In seconds on the manager's clock, counted locally from the moment the token was stored. Never "
-    "waits.\n\n"
+    "get_token_expiry($self)\n"
+    "--\n"
+    "\n"
+    "Return token expiry as Unix timestamp.\n"
+    "\n"
+    "On the manager's clock, in seconds, counted from the moment the token was stored. Never waits.\n"
+    "\n"
     "Raises:\n"
     "    AuthError: \"not_authenticated\" or \"manager_closed\".";
 
@@ -186,18 +180,17 @@ inline constexpr char kNotifyEraChange[] =
     "\n"
     "Trigger non-blocking background re-authentication for era transitions.\n"
     "\n"
-    "Once it has returned, no thread is served a token of an older era. While an authentication runs it only "
-    "raises\n"
-    "what that one must meet; a lower number never lowers it. Returns at once.\n"
+    "After the call no thread gets a token of an older era. During a login it only raises the\n"
+    "required era; a lower number changes nothing. Returns at once.\n"
     "\n"
     "Args:\n"
     "    new_era_number: Lowest era, from 1, that the next token must carry.\n"
     "\n"
     "Raises:\n"
     "    ValueError: The number is not positive.\n"
-    "    TypeError: It is no number.\n"
+    "    TypeError: It is not a number.\n"
     "    AuthError: \"manager_closed\" or \"not_authenticated\".\n"
-    "    RuntimeError: The background thread could not be started; nobody is left waiting for it.";
+    "    RuntimeError: The background thread could not be started; no caller keeps waiting for it.";
 
 inline constexpr char kBackgroundReauth[] =
     "_background_reauth($self)\n--\n\n"
@@ -209,17 +202,15 @@ inline constexpr char kSetDisplayName[] =
     "\n"
     "Set or reset display name via profile endpoint.\n"
     "\n"
-    "Blocks like get_token(), and for the request and its retries: 3 attempts, 30 s long at most, with 1 s "
-    "and\n"
-    "2 s between.\n"
+    "Blocks like get_token(), and for the request and its retries: 3 attempts with a time-out of 30\n"
+    "s each and a back-off of 1 s and 2 s.\n"
     "\n"
     "Args:\n"
-    "    display_name: 3 to 32 letters, digits, blanks, \"-\" or \"_\" after blanks around it are removed; "
-    "None or \"\"\n"
-    "        resets the name.\n"
+    "    display_name: 3 to 32 letters, digits, spaces, \"-\" or \"_\", after removing surrounding\n"
+    "        spaces; None or \"\" resets the name.\n"
     "\n"
     "Returns:\n"
-    "    The server's answer, or a dict of \"wallet_address\" and \"display_name\".\n"
+    "    The server's response, or a dict of \"wallet_address\" and \"display_name\".\n"
     "\n"
     "Raises:\n"
     "    ValueError: The name breaks the rule; nothing was sent.\n"
@@ -227,7 +218,7 @@ inline constexpr char kSetDisplayName[] =
     "    ProfileError: \"validation_failed\" (with `message`) or \"rate_limited\" (with `retry_after`, "
     "seconds).\n"
     "    AuthError: As get_token(), or \"profile_unauthorized\".\n"
-    "    NetworkError: The request failed at all its attempts.";
+    "    NetworkError: The request failed at all attempts.";
 
 inline constexpr char kClose[] =
     "close($self)\n"
@@ -235,23 +226,22 @@ inline constexpr char kClose[] =
     "\n"
     "Stop refresh, clear sensitive material, transition to CLOSED.\n"
     "\n"
-    "Wakes every waiter, wipes the private key, forgets token and wallet secret. Takes at most about one "
-    "second, for\n"
-    "the refresh thread to end. May be called again, and from any thread; called by code that the\n"
-    "manager runs under its lock, it takes effect once the lock is free. Afterwards every other method but\n"
-    "get_wallet_address() raises AuthError \"manager_closed\".";
+    "Wakes all waiting threads, wipes the private key, drops token and wallet secret. Takes at most\n"
+    "about one second, for the background thread to end. May be called again, and from any thread;\n"
+    "called from a callback under the manager's lock, it takes effect when the lock is free. After\n"
+    "it, every method except get_wallet_address() raises AuthError \"manager_closed\".";
 
 inline constexpr char kEnter[] =
     "__enter__($self)\n"
     "--\n"
     "\n"
-    "Return the manager; leaving the block closes it, also by an exception.";
+    "Return the manager; leaving the block closes it, also after an exception.";
 
 inline constexpr char kExit[] =
     "__exit__($self, exc_type, exc_value, traceback)\n"
     "--\n"
     "\n"
-    "Close the manager. What was raised in the block goes on.";
+    "Close the manager. An exception in the block propagates.";
 
 inline constexpr char kPrivateKey[] =
     "The signing key as 64 hexadecimal digits, or None once wiped. Reading makes a text that the host owns.";

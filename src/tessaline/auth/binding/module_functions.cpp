@@ -93,7 +93,7 @@ PyMethodDef functions[] = {
         "Default HTTP transport using urllib. Returns (status, resp_headers, body_bytes).\n\n"
         "Keeps the conventions of urllib for redirects, trust and errors; connections are kept and reused by "
         "any\n"
-        "thread. The interpreter's lock is free during the exchange, and Ctrl-C ends it.\n\n"
+        "thread. The GIL is released during the request, and Ctrl-C ends it.\n\n"
         "Args:\n"
         "    method: HTTP method, sent as given.\n"
         "    url: Absolute http or https URL, sent as given.\n"
@@ -164,7 +164,7 @@ PyMethodDef active_manager_functions[] = {
         "    new_era_number: Lowest era, from 1, that the next token must carry.\n\n"
         "Raises:\n"
         "    ValueError: The number is not positive.\n"
-        "    TypeError: It is no number.\n"
+        "    TypeError: It is not a number.\n"
         "    AuthError: \"manager_closed\" or \"not_authenticated\".\n"
         "    RuntimeError: The background thread could not be started."),
     {nullptr, nullptr, 0, nullptr},

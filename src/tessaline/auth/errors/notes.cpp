@@ -28,10 +28,10 @@ constexpr std::array kEntries{
           "the server's token cannot be read or is another wallet's: check that server_url names the right "
           "server"},
     Entry{reason::kWalletSecretChanged,
-          "the server gave this wallet another secret than before: if that is expected, log in with a new "
-          "AuthManager"},
+          "the server sent a different secret for this wallet than before: if that is expected, log in with "
+          "a new AuthManager"},
     Entry{reason::kUnexpectedAuthState,
-          "something has set the manager's _state to what is no state: make a new AuthManager"},
+          "some code has set the manager's _state to an invalid value: make a new AuthManager"},
     Entry{reason::kInvalidAddress,
           "the server refused to register this wallet (status 400): check that server_url names the right "
           "server"},
@@ -40,14 +40,14 @@ constexpr std::array kEntries{
           "or ask its operator"},
     Entry{reason::kInvalidRequest,
           "the server did not understand the request (status 400): check that server_url names the right "
-          "server and that the two versions fit"},
+          "server and that the versions of client and server are compatible"},
     Entry{reason::kSignatureMismatch,
           "the server refused the wallet's signature (status 401): check that server_url names the right "
           "server, then call authenticate()"},
     Entry{reason::kProfileUnauthorized,
           "the server refused the token (status 401): call authenticate(), then try again"},
     Entry{reason::kValidationFailed,
-          "the server refused the display name: its words are in the attribute message"},
+          "the server refused the display name: its explanation is in the attribute message"},
     Entry{reason::kRateLimited, "wait for the seconds in the attribute retry_after, then try again"},
     Entry{kInviteReasons[0],
           "the server does not know this invite code: check how it was typed and pass it as invite_code"},
@@ -69,11 +69,11 @@ std::string_view for_reason(std::string_view reason) noexcept {
 std::string_view for_failure(http::FailureKind kind) noexcept {
   switch (kind) {
     case http::FailureKind::kUnresolvable:
-      return "check how the host is spelt, and this machine's name service (DNS)";
+      return "check the spelling of the host, and this machine's DNS";
     case http::FailureKind::kUnreachable:
       return "check this machine's network";
     case http::FailureKind::kRefused:
-      return "nobody listens there: check host and port, and whether the server runs";
+      return "nothing listens there: check host and port, and whether the server is running";
     case http::FailureKind::kReset:
     case http::FailureKind::kTruncated:
       return "the server, or something on the way to it, ended the connection: try again";
@@ -82,7 +82,7 @@ std::string_view for_failure(http::FailureKind kind) noexcept {
     case http::FailureKind::kTls:
       return "check that TLS 1.2 or later is spoken at that port";
     case http::FailureKind::kMalformedResponse:
-      return "check host and port: something else than the service may answer there";
+      return "check host and port: a different service may listen there";
     case http::FailureKind::kProxyUnavailable:
       return "the proxy cannot reach the server now: try again";
     case http::FailureKind::kProxyRefused:

@@ -20,9 +20,9 @@ inline constexpr std::string_view kKeyRange =
     "a private key is a number above 0 and below the order of the curve secp256k1";
 inline constexpr std::string_view kKeyText = "pass the key as text: key.hex() makes it from 32 bytes";
 inline constexpr std::string_view kKeyLineEnd =
-    "too long by as much as a line end that was read with it: strip the text, as tessaline.keys does";
+    "too long by exactly a newline: strip the text, as tessaline.keys does";
 inline constexpr std::string_view kUrlForm =
-    "write the address with scheme and host, as in https://service.example";
+    "write the URL with scheme and host, as in https://service.example";
 inline constexpr std::string_view kDisplayNameType = "a display name is a str, and None resets it";
 inline constexpr std::string_view kEraNumberType = "an era number is an int from 1";
 
@@ -35,12 +35,12 @@ inline constexpr std::string_view kTransportAnswer =
 inline constexpr std::string_view kNotConstructed =
     "a subclass has to call AuthManager.__init__ before anything else";
 inline constexpr std::string_view kNoCopies =
-    "make a manager of its own where another one is needed; a forked child may use its parent's";
+    "create a new manager if you need another one; a forked child may use its parent's";
 inline constexpr std::string_view kCalledUnderLock =
-    "the manager's clock, a finalizer or a signal handler may not call its methods but close(): let it set "
-    "a flag, and call from elsewhere";
+    "the manager's clock, a finalizer or a signal handler must not call its methods except close(): set a "
+    "flag there, and call from elsewhere";
 inline constexpr std::string_view kWaitInLogin =
-    "a transport, a log handler or a signal handler that runs during a login may not wait for its outcome: "
+    "a transport, a log handler or a signal handler that runs during a login must not wait for its outcome: "
     "ask for the token before or after it";
 inline constexpr std::string_view kOneInterpreter =
     "import it in one interpreter only, and start a process for each other one";
@@ -69,6 +69,6 @@ inline constexpr const char* kLastStatus =
 inline constexpr const char* kLastOddStatus =
     "the last answer, to %U %U, had status %ld: check that server_url names the right server";
 inline constexpr const char* kRecorded =
-    "another thread of the manager met %s: call authenticate() to try again";
+    "another thread of the manager got %s: call authenticate() to try again";
 
 }  // namespace tessaline::auth::notes
