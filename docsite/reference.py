@@ -14,7 +14,7 @@ _MEMBER = re.compile(r"^        - (\w+)$", re.MULTILINE)
 
 def places() -> dict[str, str]:
     """The page and anchor of each name that a reference page lists."""
-    found = {}
+    found: dict[str, str] = {}
     for page in ("reference", "modules"):
         text = (_DOCS / f"{page}.md").read_text()
         parts = _MODULE.split(text)
