@@ -30,7 +30,7 @@ build: ## set up what is missing, build, install into .venv
 devserver: build ## run the development server
 	@.venv/bin/python -m devserver $(ARGS)
 
-bench: build ## measure it beside its peers, into docs/benchmarks (8 minutes)
+bench: wheel ## measure it beside its peers, and its wheel, into docs/benchmarks (10 minutes after the wheel's)
 	@tools/bench $(ARGS)
 
 docs: build ## build the documentation into build/docs; ARGS=--browser also looks at it in Chromium (1 min)

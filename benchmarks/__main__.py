@@ -21,6 +21,7 @@ from . import (  # noqa: E402  they import the build that was just chosen
     network,
     network_era,
     network_fleets,
+    wheel,
 )
 from .micro_figures import micro_group  # noqa: E402
 from .ratios import Figure, Group  # noqa: E402
@@ -82,6 +83,8 @@ def main() -> int:
         "network crowd": network_fleets.crowd_at_one_server,
         "network memory": network_fleets.crowd_memory,
         "network era": network_era.era_of_a_fleet,
+        "wheel import": wheel.importing,
+        "wheel first": alone(wheel.first_login),
     }
     begin = time.monotonic()
     groups = []
