@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test real types fuzz leaks exits build devserver bench docs check format warnings tidy coverage ctime chaos model mutants sanitize torture wheel test-wheel wheel-sources systems pins clean
+.PHONY: help demo test real types fuzz leaks exits build devserver bench docs check format warnings tidy coverage ctime chaos model mutants sanitize torture wheel test-wheel test-wheels wheel-sources systems pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -80,6 +80,9 @@ wheel: build ## dist/: a wheel that needs nothing but glibc, and the source arch
 
 test-wheel: wheel ## install that wheel into fresh environments, and run the tests against it (6 min)
 	@tools/test-wheel $(ARGS)
+
+test-wheels: build ## try the wheels of dist/ in Debian 11, 12, 13, sid and on an emulated aarch64, which it makes first (as root; 1 h)
+	@tools/test-wheels $(ARGS)
 
 systems: build ## make demo and make test in Debian 12, 13, sid and an emulated aarch64, which it makes first (as root; hours)
 	@tools/systems $(ARGS)
