@@ -12,7 +12,7 @@ import pytest
 
 from tests.process import runs
 from tools.chroots import facts
-from tools.wheels import interpreter, login, report, trial
+from tools.wheels import login, report, trial
 
 from .project import ROOT, run
 from .test_systems import APART, cells, namespaces
@@ -113,11 +113,6 @@ def test_programs_that_end_are_run_by_the_python_that_is_named(tmp_path: Path) -
     elsewhere = str(tmp_path / "python")
     told = run(sys.executable, "-c", program, environment={"TESSALINE_EXIT_PYTHON": elsewhere})
     assert (told.stdout, runs.PYTHON) == (f"{elsewhere}\n", sys.executable)
-
-
-def test_the_record_of_a_source_names_its_file() -> None:
-    record = "Package: python3.99\nVersion: 2:3.99.1-2+deb99u1\n"
-    assert interpreter.description("python3.99", record) == "python3.99_3.99.1-2+deb99u1.dsc"
 
 
 @pytest.mark.parametrize(

@@ -33,8 +33,9 @@ PYTHON = f"{VENV}/bin/python"
 PIP = (PYTHON, "-m", "pip", "--no-input", "--disable-pip-version-check", "install", "--no-index")
 CLEAN = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "HOME": "/srv"}
 ENDS = ("exit", "slow_exit", "fork", "fork_while", "unclosed")
-# Of each scenario of these, on this machine's processor and on an emulated one.
-RUNS, RUNS_EMULATED = 3, 1
+# How often each scenario of these runs, and how much slower, on this machine's processor and on an emulated one.
+RUNS, SLOWER = 3, 1
+RUNS_EMULATED, SLOWER_EMULATED = 1, 10
 SECONDS = 3600
 # Runs a program where it was started, in there.
 INTERPRETER = '#!/bin/sh\nexec chroot {root} env -C "$PWD" {python} "$@"\n'
@@ -108,12 +109,13 @@ class Trial:
             interpreter.chmod(0o755)
             if (said := self.run([str(interpreter), "-c", "import sys; print(sys.prefix)"])) != f"{VENV}\n":
                 raise Failed(f"the programs would be run by that of {said}")
-            runs = RUNS if self.machine == platform.machine() else RUNS_EMULATED
+            own = self.machine == platform.machine()
             environment = {
                 **CLEAN,
                 "TMPDIR": str(folder),
                 "TESSALINE_EXIT_PYTHON": str(interpreter),
-                "TESSALINE_EXIT_RUNS": str(runs),
+                "TESSALINE_EXIT_RUNS": str(RUNS if own else RUNS_EMULATED),
+                "TESSALINE_SLOWER": str(SLOWER if own else SLOWER_EMULATED),
                 "TESSALINE_EXIT_RESULTS": str(results),
             }
             tests = [f"tests/process/test_{name}.py" for name in ENDS]
