@@ -33,7 +33,7 @@ PYTHON = f"{VENV}/bin/python"
 PIP = (PYTHON, "-m", "pip", "--no-input", "--disable-pip-version-check", "install", "--no-index")
 CLEAN = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "HOME": "/srv"}
 ENDS = ("exit", "slow_exit", "fork", "fork_while", "unclosed")
-# How often each scenario of these runs, and how much slower, on this machine's processor and on an emulated one.
+# How often each scenario of these runs, and how much slower: on this machine's processor, and emulated.
 RUNS, SLOWER = 3, 1
 RUNS_EMULATED, SLOWER_EMULATED = 1, 10
 SECONDS = 3600
