@@ -135,8 +135,10 @@ def scratch(name: str) -> Iterator[Path]:
     folder = SCRATCH / name
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir(parents=True)
-    yield folder
-    shutil.rmtree(folder)
+    try:
+        yield folder
+    finally:
+        shutil.rmtree(folder)
 
 
 def machine_of(wheel: Path) -> str:
