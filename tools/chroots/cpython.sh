@@ -20,11 +20,12 @@ build_python() {
           -o Dir::State::Lists="$PWD/lists" -o APT::Sandbox::User= $step
       done
       cd "$2"-*/
-      ./configure --prefix="$1" --disable-test-modules --with-ensurepip=install
+      # Debian keeps pip out of such a Python itself, not out of its environments.
+      ./configure --prefix="$1" --disable-test-modules --with-ensurepip=no
       make -j"$(nproc)"
       make install
       # What there was no library for, or no shared memory, is left out without a word.
-      "$1/bin/$2" -c "import bz2, ctypes, lzma, multiprocessing.synchronize, ssl, zlib"' \
+      "$1/bin/$2" -c "import bz2, ctypes, ensurepip, lzma, multiprocessing.synchronize, ssl, zlib"' \
     sh "$prefix" "$name" "$newer_suite" || return 1
   rm -rf "$root$prefix"
   mkdir -p "$root${prefix%/*}"
