@@ -51,6 +51,8 @@ def test_a_row_says_what_was_tried_where() -> None:
     (row,) = cells(report.WHEELS.text([result()]))
     assert row[:5] == ["Debian 99, aarch64", "2.99", "3.99.1", "ok", "ok"]
     assert row[5:] == ["240", "1,234", "60", "2026-01-02"]
+    (row,) = cells(report.WHEELS.text([result(sample=True)]))
+    assert row[5] == "240 (a sample)"
 
 
 def test_a_row_does_not_hide_what_failed() -> None:

@@ -25,7 +25,8 @@ def key(result: Result) -> tuple[str, tuple[int, int]]:
 
 def ends(result: Result) -> str:
     outcome = step(result, "ends")
-    return outcome if outcome == "not run" else passed(result.get("tests", {}), outcome)
+    text = outcome if outcome == "not run" else passed(result.get("tests", {}), outcome)
+    return f"{text} (a sample)" if result.get("sample") else text
 
 
 def row(result: Result) -> tuple[str, ...]:

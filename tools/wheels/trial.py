@@ -31,8 +31,20 @@ SCRATCH = PROJECT / "build/wheel-trials"
 VENV = "/srv/venv"
 PYTHON = f"{VENV}/bin/python"
 PIP = (PYTHON, "-m", "pip", "--no-input", "--disable-pip-version-check", "install", "--no-index")
-CLEAN = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "HOME": "/srv"}
-ENDS = ("exit", "slow_exit", "fork", "fork_while", "unclosed")
+CLEAN = {
+    "PATH": "/usr/sbin:/usr/bin:/sbin:/bin",
+    "LC_ALL": "C.UTF-8",
+    "HOME": "/srv",
+    # Python does so at the first import, and compiles nothing that is not imported.
+    "PIP_NO_COMPILE": "1",
+}
+ENDS = [f"tests/process/test_{name}.py" for name in ("exit", "slow_exit", "fork", "fork_while", "unclosed")]
+# A program takes an emulator seconds to start.
+SAMPLE = [
+    "tests/process/test_exit.py::test_a_program_that_calls_exit",
+    "tests/process/test_exit.py::test_a_program_that_is_ended_in_the_middle_of_a_call",
+    "tests/process/test_slow_exit.py",
+]
 # How often each scenario of these runs, and how much slower: on this machine's processor, and emulated.
 RUNS, SLOWER = 3, 1
 RUNS_EMULATED, SLOWER_EMULATED = 1, 10
@@ -118,7 +130,7 @@ class Trial:
                 "TESSALINE_SLOWER": str(SLOWER if own else SLOWER_EMULATED),
                 "TESSALINE_EXIT_RESULTS": str(results),
             }
-            tests = [f"tests/process/test_{name}.py" for name in ENDS]
+            tests = ENDS if own else SAMPLE
             try:
                 said = self.run(
                     [sys.executable, "-m", "pytest", "-p", "no:cacheprovider", *tests], environment
@@ -127,7 +139,7 @@ class Trial:
                 self.found["tests"] = counts(str(failure))
                 raise
             told = [json.loads(line) for line in results.read_text().splitlines()]
-        self.found |= {"tests": counts(said), "runs": sum(one[1] for one in told)}
+        self.found |= {"tests": counts(said), "runs": sum(one[1] for one in told), "sample": not own}
 
 
 @contextmanager
