@@ -109,7 +109,7 @@ def test_each_wheel_is_checked_though_the_first_has_failed(
 @pytest.mark.parametrize("place", ["/build", str(Path.cwd())])
 def test_debug_information_that_tells_where_it_was_built_is_refused(place: str, tmp_path: Path) -> None:
     source, library = tmp_path / "a.cpp", tmp_path / "a.so"
-    source.write_text("#include <cstdio>\nint f() { return std::puts(\"\"); }\n")
+    source.write_text('#include <cstdio>\nint f() { return std::puts(""); }\n')
     told = ["-g", f"-fdebug-prefix-map={tmp_path}={place}", "-Wl,--build-id=sha1"]
     compiler = os.environ.get("CXX", "g++")
     for command in (

@@ -44,7 +44,6 @@ def test_a_python_or_machine_without_a_wheel_is_told_what_there_is(python: str, 
 
 def test_each_python_has_its_headers_pinned_for_each_machine() -> None:
     pinned = {pin.python: pin for pin in pins.headers()}
-    assert tuple(pinned) == targets.PYTHONS
     for target in targets.TARGETS:
         pin = pinned[target.python]
         assert pin.name == target.interpreter

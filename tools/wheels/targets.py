@@ -10,8 +10,9 @@ import sys
 from dataclasses import dataclass
 
 from .outside import GLIBC
+from .pins import headers
 
-PYTHONS = ("3.13", "3.14", "3.15")
+PYTHONS = tuple(pin.python for pin in headers())
 # Machines, with Debian's names for them.
 ARCHITECTURES = {"x86_64": "amd64", "aarch64": "arm64"}
 
