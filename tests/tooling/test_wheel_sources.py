@@ -8,7 +8,7 @@ from pathlib import Path
 
 import pytest
 
-from tools.wheels import archive, pins, renew, sources
+from tools.wheels import archive, pins, renew, sources, targets
 
 pytestmark = pytest.mark.process
 
@@ -152,14 +152,17 @@ def test_what_has_other_checksums_is_refused(tmp_path: Path, monkeypatch: pytest
         sources.fetch(Scripted(), pin)
 
 
+@pytest.mark.parametrize("platform", targets.PLATFORMS, ids=str)
 def test_the_headers_of_a_machine_and_of_all_become_one_folder(
-    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+    platform: targets.Platform, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
+    own = f"usr/include/{platform.triplet}/python3.15/pyconfig.h"
     package = tmp_path / "package"
     for name in (
         "usr/include/python3.15/Python.h",
         "usr/include/python3.15/cpython/object.h",
-        "usr/include/aarch64-linux-gnu/python3.15/pyconfig.h",
+        "usr/include/python3.15/pyconfig.h",
+        own,
         "usr/lib/python3.15/config.c",
         "DEBIAN/control",
     ):
@@ -168,14 +171,14 @@ def test_the_headers_of_a_machine_and_of_all_become_one_folder(
     control = "Package: headers\nVersion: 1\nArchitecture: all\nMaintainer: a <a@b.example>\nDescription: c\n"
     (package / "DEBIAN/control").write_text(control)
     monkeypatch.setattr(pins, "PLACE", tmp_path)
-    pin = pins.Headers("cp315", "sid", "3.15.2-1", {"headers_3.15.2-1_arm64.deb": ""})
-    build = ["dpkg-deb", "--root-owner-group", "--build", str(package), str(pin.file("arm64"))]
+    pin = pins.Headers("cp315", "sid", "3.15.2-1", {f"headers_3.15.2-1_{platform.architecture}.deb": ""})
+    build = ["dpkg-deb", "--root-owner-group", "--build", str(package), str(pin.file(platform.architecture))]
     subprocess.run(build, check=True, capture_output=True, timeout=60)
-    sources.unpack_headers(pin, "arm64")
-    folder = pin.folder("arm64")
+    sources.unpack_headers(pin, platform.architecture)
+    folder = pin.folder(platform.architecture)
     found = {str(path.relative_to(folder)): path.read_text() for path in folder.rglob("*.*")}
     assert found == {
         "Python.h": "usr/include/python3.15/Python.h",
         "cpython/object.h": "usr/include/python3.15/cpython/object.h",
-        "pyconfig.h": "usr/include/aarch64-linux-gnu/python3.15/pyconfig.h",
+        "pyconfig.h": own,
     }

@@ -40,7 +40,7 @@ def unpack_source(source: Source) -> None:
 
 
 def unpack_headers(pin: Headers, architecture: str) -> None:
-    """Into one folder, the one that is for the machine among them."""
+    """Into one folder, those that are for the machine among them."""
     folder = pin.folder(architecture)
     new = folder.with_suffix(".new")
     for old in (new, folder):
@@ -51,7 +51,9 @@ def unpack_headers(pin: Headers, architecture: str) -> None:
     with tarfile.open(fileobj=io.BytesIO(packed.stdout)) as archive:
         for member in archive:
             place, _, inside = member.name.partition(f"/python{pin.python}/")
-            if member.isfile() and place.startswith("./usr/include"):
+            # It would include the machine's, which takes its place.
+            chooses = (place, inside) == ("./usr/include", "pyconfig.h")
+            if member.isfile() and place.startswith("./usr/include") and not chooses:
                 target = new / inside
                 target.parent.mkdir(parents=True, exist_ok=True)
                 file = archive.extractfile(member)
