@@ -1,6 +1,6 @@
 # One command per intent. Each does first whatever set-up is missing.
 .DEFAULT_GOAL := help
-.PHONY: help demo test real types fuzz leaks exits build devserver bench docs check format warnings tidy coverage ctime chaos model mutants sanitize torture wheel test-wheel wheel-sources systems pins clean
+.PHONY: help demo test real types fuzz leaks exits build devserver bench docs check format warnings tidy coverage ctime chaos model mutants sanitize torture wheel wheels test-wheel test-wheels wheel-sources systems pins clean
 .NOTPARALLEL:
 
 # Extra arguments: make test ARGS="-k login", make devserver ARGS="--port 8080"
@@ -78,14 +78,20 @@ torture: build ## fail every allocation and library call in turn (about 7 min); 
 wheel: build ## dist/: a wheel that needs nothing but glibc, and the source archive (10 min; 1 min when it built before)
 	@tools/wheel
 
+wheels: build ## dist/: one for each CPython (3.13, 3.14, 3.15) on x86-64 and aarch64 (15 min on two idle cores, an hour on busy ones)
+	@tools/wheel --all
+
 test-wheel: wheel ## install that wheel into fresh environments, and run the tests against it (6 min)
 	@tools/test-wheel $(ARGS)
+
+test-wheels: build ## try the wheels of dist/ in Debian 11, 12, 13, sid and on an emulated aarch64, which it makes first (as root; 1 h)
+	@tools/test-wheels $(ARGS)
 
 systems: build ## make demo and make test in Debian 12, 13, sid and an emulated aarch64, which it makes first (as root; hours)
 	@tools/systems $(ARGS)
 
-wheel-sources: build ## pin the newest OpenSSL, libcurl and libsecp256k1 that Debian has for `make wheel`
-	@.venv/bin/python -m tools.wheels.sources --renew
+wheel-sources: build ## pin the newest OpenSSL, libcurl, libsecp256k1 and Python headers that Debian has for wheels
+	@.venv/bin/python -m tools.wheels.renew
 
 pins: ## renew the pinned Python packages
 	@tools/pins

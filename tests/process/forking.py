@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import sys
 import textwrap
 
 from . import runs
@@ -71,5 +70,5 @@ token = manager.get_token()
 def check(name: str, program: str) -> None:
     """Run it, once unless asked for more; parent and children must end well and say nothing."""
     text = PRELUDE + textwrap.dedent(program) + "\nmanager.close()\nprint(time.monotonic(), flush=True)\n"
-    command = [sys.executable, "-X", "faulthandler", "-c", text]
+    command = [runs.PYTHON, "-X", "faulthandler", "-c", text]
     runs.check(f"fork: {name}", command, runs=runs.how_many(1))

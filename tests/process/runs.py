@@ -1,4 +1,7 @@
-"""Runs a program again and again, as many times as TESSALINE_EXIT_RUNS says: each must end as it should."""
+"""Runs a program again and again, as many times as TESSALINE_EXIT_RUNS says: each must end as it should.
+
+TESSALINE_EXIT_PYTHON: the interpreter to run it, where it is not to be this one.
+"""
 
 from __future__ import annotations
 
@@ -6,6 +9,7 @@ import json
 import os
 import re
 import subprocess
+import sys
 import time
 from collections.abc import Mapping, Sequence
 from concurrent.futures import ThreadPoolExecutor
@@ -17,6 +21,7 @@ import pytest
 from tests.sanitized import patience
 
 ROOT = Path(__file__).resolve().parents[2]
+PYTHON = os.environ.get("TESSALINE_EXIT_PYTHON", sys.executable)
 AT_ONCE = 4
 MOST_SECONDS = patience(2.0)
 DEADLINE = patience(60.0)

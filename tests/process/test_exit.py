@@ -7,7 +7,6 @@ from __future__ import annotations
 
 import json
 import re
-import sys
 
 import pytest
 
@@ -54,7 +53,7 @@ def check_runs(
 ) -> None:
     assert https.ca_file is not None
     config = json.dumps({"http": http.url, "https": https.url, "ca": https.ca_file})
-    command = [sys.executable, "-X", "faulthandler", "-m", "tests.process.endings", scenario, ending, config]
+    command = [runs.PYTHON, "-X", "faulthandler", "-m", "tests.process.endings", scenario, ending, config]
     environment = {"SSL_CERT_FILE": https.ca_file}
     runs.check(f"{scenario}, {ending}", command, runs=RUNS, end=end, environment=environment)
 

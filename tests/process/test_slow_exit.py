@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import sys
 import textwrap
 from collections.abc import Callable
 
@@ -52,7 +51,7 @@ Check = Callable[[str], None]
 def exits_cleanly(request: pytest.FixtureRequest) -> Check:
     def check(program: str) -> None:
         text = textwrap.dedent(PRELUDE) + textwrap.dedent(program) + "\nprint(time.monotonic(), flush=True)\n"
-        runs.check(request.node.name, [sys.executable, "-X", "faulthandler", "-c", text], runs=RUNS)
+        runs.check(request.node.name, [runs.PYTHON, "-X", "faulthandler", "-c", text], runs=RUNS)
 
     return check
 

@@ -4,12 +4,13 @@ from __future__ import annotations
 
 import re
 import subprocess
-import sys
 import textwrap
 
 import pytest
 
 from tests.sanitized import patience
+
+from . import runs
 
 pytestmark = pytest.mark.process
 
@@ -25,7 +26,7 @@ LEFT_OPEN = WARNING + r"(ResourceWarning: Enable tracemalloc .*\n)?"
 
 def said_by(program: str, *options: str) -> str:
     done = subprocess.run(
-        [sys.executable, *options, "-c", BEGIN + textwrap.dedent(program)],
+        [runs.PYTHON, *options, "-c", BEGIN + textwrap.dedent(program)],
         stdin=subprocess.DEVNULL,
         capture_output=True,
         text=True,

@@ -12,6 +12,7 @@ from pathlib import Path
 import pytest
 
 from tests.shared.pythons import NEWEST_TRIED
+from tools.wheels import targets
 
 from .project import ROOT, run
 from .test_tools import program, shell
@@ -106,6 +107,7 @@ def test_every_place_names_the_same_pythons() -> None:
     source = (ROOT / "src/tessaline/auth/python/interior.cpp").read_text()
     assert re.findall(r"kNewestTried = (\d+);", source) == [shown[-1].split(".")[1]]
     assert shown[-1] == "{}.{}".format(*NEWEST_TRIED)
+    assert list(targets.PYTHONS) == shown
 
 
 @pytest.mark.parametrize("kind", ["Py_GIL_DISABLED", "PYPY_VERSION"])

@@ -72,7 +72,7 @@ def test_a_system_that_is_not_known_is_answered_with_those_that_are() -> None:
 
 
 def test_a_row_says_what_ran_where() -> None:
-    (row,) = cells(report.table([result()]))
+    (row,) = cells(report.SYSTEMS.text([result()]))
     assert row[:5] == ["Debian 99, riscv64", "3.13.5", "8.1.2", "3.0.1", "g++ 99.1.0"]
     assert row[5:] == ["ok", "5,417, 5 skipped", "3", "2026-01-02"]
 
@@ -88,14 +88,14 @@ def test_a_row_says_what_ran_where() -> None:
 )
 def test_a_row_does_not_hide_what_failed(log: str, outcome: str, sample: list[str], said: str) -> None:
     steps = {"build": {"outcome": "ok", "seconds": 1}, "test": {"outcome": outcome, "seconds": 1}}
-    (row,) = cells(report.table([result(steps=steps, tests=facts.counts(log), sample=sample)]))
+    (row,) = cells(report.SYSTEMS.text([result(steps=steps, tests=facts.counts(log), sample=sample)]))
     assert row[5:7] == ["not run", said]
 
 
 def test_a_new_result_takes_the_place_of_the_old_one_of_that_system_and_python(tmp_path: Path) -> None:
     before = [result(date="2025-01-01"), result(python="3.14.2", date="2025-01-02")]
     (tmp_path / "systems.json").write_text(json.dumps(before))
-    (tmp_path / "where-it-runs.md").write_text(f"above\n{report.BEGIN}{report.END}below\n")
+    (tmp_path / "where-it-runs.md").write_text(f"above\n{report.SYSTEMS.begin}{report.SYSTEMS.end}below\n")
     (tmp_path / "new.json").write_text(json.dumps(result(python="3.13.6")))
     told = run(sys.executable, "tools/chroots/report.py", str(tmp_path), str(tmp_path / "new.json"))
     assert (told.returncode, told.stderr) == (0, "")
@@ -104,13 +104,13 @@ def test_a_new_result_takes_the_place_of_the_old_one_of_that_system_and_python(t
         ("3.14.2", "2025-01-02"),
     ]
     page = (tmp_path / "where-it-runs.md").read_text()
-    assert page == f"above\n{report.BEGIN}\n{told.stdout}\n{report.END}below\n"
+    assert page == f"above\n{report.SYSTEMS.begin}\n{told.stdout}\n{report.SYSTEMS.end}below\n"
 
 
 def test_the_page_shows_the_results_that_are_kept() -> None:
     page = (ROOT / "docs/where-it-runs.md").read_text()
     kept = json.loads((ROOT / "docs/systems.json").read_text())
-    assert report.with_table(page, report.table(kept)) == page
+    assert report.SYSTEMS.put_into(page, report.SYSTEMS.text(kept)) == page
 
 
 def namespaces() -> list[str]:

@@ -1,5 +1,8 @@
 """What `make wheel` looks at, it sees."""
 
+import os
+import subprocess
+import sys
 import zipfile
 from dataclasses import replace
 from pathlib import Path
@@ -7,7 +10,7 @@ from pathlib import Path
 import pytest
 
 from tessaline import auth
-from tools.wheels import check, elf
+from tools.wheels import check, elf, targets
 
 pytestmark = pytest.mark.process
 
@@ -60,26 +63,24 @@ def test_a_wheel_for_another_platform_is_refused(
     tag: str, tmp_path: Path, capsys: pytest.CaptureFixture[str]
 ) -> None:
     wheel = tmp_path / f"tessaline-0.1.0-{tag}.whl"
-    assert check.main(wheel, tmp_path) == 1
+    assert check.main(tmp_path, [wheel]) == 1
     assert capsys.readouterr().err == f"{wheel.name}: is tagged for another platform\n"
 
 
 def test_a_wheel_of_what_the_system_has_is_refused(
     tmp_path: Path, capsys: pytest.CaptureFixture[str]
 ) -> None:
-    module = Path(auth.__file__).name
-    _, soabi, _ = module.split(".")
-    _, python, machine, *_ = soabi.split("-")
-    wheel = tmp_path / f"tessaline-0.1.0-cp{python}-cp{python}-manylinux_2_28_{machine}.whl"
+    target = targets.here("{}.{}".format(*sys.version_info), os.uname().machine)
+    wheel = tmp_path / f"tessaline-0.1.0-{target}.whl"
     with zipfile.ZipFile(wheel, "w") as archive:
         archive.writestr("tessaline-0.1.0.dist-info/METADATA", "Name: tessaline\n")
-        archive.writestr("tessaline-0.1.0.dist-info/WHEEL", f"Tag: cp{python}-cp{python}-linux_{machine}\n")
+        archive.writestr("tessaline-0.1.0.dist-info/WHEEL", "Tag: py3-none-any\n")
         archive.writestr("tessaline.libs/libz.so.1", "")
         archive.writestr("tessaline/note", f"built in {Path.cwd()}")
         archive.writestr("tessaline/zeros", bytes(check.MOST_INSTALLED))
         for path in PACKAGE.glob("*.so"):
             archive.write(path, f"tessaline/{path.name}")
-    assert check.main(wheel, tmp_path) == 1
+    assert check.main(tmp_path, [wheel]) == 1
     told = capsys.readouterr().err.replace(f"{wheel.name}: ", "").splitlines()
     assert set(told) >= {
         "tessaline/auth.pyi is missing",
@@ -93,3 +94,29 @@ def test_a_wheel_of_what_the_system_has_is_refused(
         "says another tag inside",
     }
     assert any("bytes when it is installed" in line for line in told)
+
+
+def test_each_wheel_is_checked_though_the_first_has_failed(
+    tmp_path: Path, capsys: pytest.CaptureFixture[str]
+) -> None:
+    wheels = [tmp_path / f"tessaline-0.1.0-{tag}.whl" for tag in ("py3-none-any", "py2-none-any")]
+    assert check.main(tmp_path, wheels) == 1
+    assert [line.split(":")[0] for line in capsys.readouterr().err.splitlines()] == [
+        wheel.name for wheel in wheels
+    ]
+
+
+@pytest.mark.parametrize("place", ["/build", str(Path.cwd())])
+def test_debug_information_that_tells_where_it_was_built_is_refused(place: str, tmp_path: Path) -> None:
+    source, library = tmp_path / "a.cpp", tmp_path / "a.so"
+    source.write_text('#include <cstdio>\nint f() { return std::puts(""); }\n')
+    told = ["-g", f"-fdebug-prefix-map={tmp_path}={place}", "-Wl,--build-id=sha1"]
+    compiler = os.environ.get("CXX", "g++")
+    for command in (
+        [compiler, "-shared", "-fPIC", *told, str(source), "-o", str(library)],
+        ["objcopy", "--only-keep-debug", str(library), f"{library}.debug"],
+        ["objcopy", "--strip-unneeded", f"--add-gnu-debuglink={library}.debug", str(library)],
+    ):
+        subprocess.run(command, check=True, cwd=tmp_path, timeout=60)
+    faults = check.faults_of_debug(elf.read(library), tmp_path)
+    assert faults == ([] if place == "/build" else ["has a debug file that tells where it was built"])

@@ -1,15 +1,25 @@
 # shellcheck shell=bash
 # The systems, and what is done in each.
-# shellcheck disable=SC2034  # read by tools/systems
+# shellcheck disable=SC2034  # read by tools/systems and tools/test-wheels
 
+# Those in which the project is built, and those in which its wheels are tried.
 systems=(debian-12 debian-13 debian-sid debian-13-aarch64)
+wheel_systems=(debian-11 debian-12 debian-13 debian-sid debian-13-aarch64 debian-sid-aarch64)
 
 # describe NAME: sets suite and architecture (by their Debian names), machine (by the kernel's), own_pythons (the
-# system's own commands; none: one of the host's is brought along), tests (none: all) and minutes for each step.
+# system's own commands; none: one of the host's is brought along), linked (what such a Python is linked with),
+# tests (none: all) and minutes for each step. A Python with a path is to be built in there.
 describe() {
-  architecture=amd64 machine=x86_64 own_pythons=() tests=() minutes=60
+  architecture=amd64 machine=x86_64 own_pythons=() linked=() tests=() minutes=60
   case $1 in
-    debian-12) suite=bookworm ;;
+    debian-11)
+      suite=bullseye own_pythons=(/opt/python/bin/python3.13)
+      linked=(libbz2-1.0 libffi7 liblzma5 libssl1.1 zlib1g)
+      ;;
+    debian-12)
+      suite=bookworm
+      linked=(libbz2-1.0 libffi8 liblzma5 libreadline8 libsqlite3-0 libssl3 zlib1g)
+      ;;
     debian-13) suite=trixie own_pythons=(python3.13) ;;
     debian-sid) suite=sid own_pythons=(python3.13 python3.14 python3.15) ;;
     debian-13-aarch64)
@@ -17,8 +27,23 @@ describe() {
       # What is close to the processor: ends of processes, forks, sockets, arithmetic.
       tests=(tests/process tests/transport tests/vectors)
       ;;
+    debian-sid-aarch64) suite=sid architecture=arm64 machine=aarch64 own_pythons=(python3.14 python3.15) ;;
     *) return 1 ;;
   esac
+}
+
+# check_names NAME... -- KNOWN...
+check_names() {
+  local -a names=()
+  local name
+  while [[ $1 != -- ]]; do
+    names+=("$1")
+    shift
+  done
+  shift
+  for name in "${names[@]}"; do
+    [[ " $* " == *" $name "* ]] || fail "no system is called $name; there are: $*"
+  done
 }
 
 emulated() { [[ $machine != "$(uname -m)" ]]; }

@@ -5,13 +5,50 @@ FOLDER/where-it-runs.md, and prints that table.
 import json
 import re
 import sys
+from collections.abc import Callable
+from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
 Result = dict[str, Any]
 
-BEGIN, END = "<!-- systems -->\n", "<!-- end of systems -->\n"
-COLUMNS = ("system", "Python", "libcurl", "OpenSSL", "compiler", "demo", "tests", "minutes", "on")
+PAGE = "where-it-runs.md"
+
+
+@dataclass(frozen=True)
+class Table:
+    """One of the page's, and the file that it is made from.
+
+    key: two results of the same are one of the earlier and one of the later.
+    """
+
+    name: str
+    columns: tuple[str, ...]
+    row: Callable[[Result], tuple[str, ...]]
+    key: Callable[[Result], tuple[Any, ...]]
+
+    @property
+    def facts(self) -> str:
+        return f"{self.name}.json"
+
+    @property
+    def begin(self) -> str:
+        return f"<!-- {self.name} -->\n"
+
+    @property
+    def end(self) -> str:
+        return f"<!-- end of {self.name} -->\n"
+
+    def text(self, results: list[Result]) -> str:
+        rows = [self.columns, ("---",) * len(self.columns), *map(self.row, results)]
+        return "".join(f"| {' | '.join(cells)} |\n" for cells in rows)
+
+    def put_into(self, page: str, text: str) -> str:
+        before, begin, rest = page.partition(self.begin)
+        _, end, after = rest.partition(self.end)
+        if not begin or not end:
+            sys.exit("report: the page has no place for the table")
+        return f"{before}{begin}\n{text}\n{end}{after}"
 
 
 def key(result: Result) -> tuple[str, tuple[int, ...]]:
@@ -29,18 +66,23 @@ def demo(result: Result) -> str:
 
 
 def tests(result: Result) -> str:
-    found, outcome = result["tests"], step(result, "test")
+    text = passed(result["tests"], step(result, "test"))
+    return f"{text} (a sample)" if result["sample"] else text
+
+
+def passed(found: dict[str, int], outcome: str) -> str:
     failed = found.get("failed", 0) + found.get("error", 0) + found.get("native failed", 0)
     text = f"{found.get('passed', 0) + found.get('native', 0) - found.get('native failed', 0):,}"
     text += f", {found['skipped']} skipped" if found.get("skipped") else ""
     text += f", **{failed} failed**" if failed else ""
-    if outcome != "ok" and not failed:
-        text = f"**{outcome}**"
-    return f"{text} (a sample)" if result["sample"] else text
+    return f"**{outcome}**" if outcome != "ok" and not failed else text
+
+
+def seconds(result: Result) -> int:
+    return sum(taken["seconds"] for taken in result["steps"].values())
 
 
 def row(result: Result) -> tuple[str, ...]:
-    seconds = sum(taken["seconds"] for taken in result["steps"].values())
     return (
         f"{result['called']}, {result['machine']}",
         str(result["python"]),
@@ -49,36 +91,31 @@ def row(result: Result) -> tuple[str, ...]:
         str(result["compiler"]),
         demo(result),
         tests(result),
-        f"{seconds / 60:.0f}",
+        f"{seconds(result) / 60:.0f}",
         str(result["date"]),
     )
 
 
-def table(results: list[Result]) -> str:
-    rows = [COLUMNS, ("---",) * len(COLUMNS), *(row(result) for result in results)]
-    return "".join(f"| {' | '.join(cells)} |\n" for cells in rows)
+SYSTEMS = Table(
+    "systems",
+    ("system", "Python", "libcurl", "OpenSSL", "compiler", "demo", "tests", "minutes", "on"),
+    row,
+    key,
+)
 
 
-def with_table(page: str, text: str) -> str:
-    before, begin, rest = page.partition(BEGIN)
-    _, end, after = rest.partition(END)
-    if not begin or not end:
-        sys.exit("report: the page has no place for the table")
-    return f"{before}{begin}\n{text}\n{end}{after}"
-
-
-def main(folder: Path, files: list[Path]) -> None:
-    facts, page = folder / "systems.json", folder / "where-it-runs.md"
-    results = {key(result): result for result in json.loads(facts.read_text())}
+def renew(table: Table, folder: Path, files: list[Path]) -> None:
+    facts, page = folder / table.facts, folder / PAGE
+    results = {table.key(result): result for result in json.loads(facts.read_text())}
     for file in files:
         result = json.loads(file.read_text())
-        results[key(result)] = result
+        results[table.key(result)] = result
     ordered = [results[name] for name in sorted(results)]
     facts.write_text(json.dumps(ordered, indent=2) + "\n")
-    text = table(ordered)
-    page.write_text(with_table(page.read_text(), text))
+    text = table.text(ordered)
+    page.write_text(table.put_into(page.read_text(), text))
     print(text, end="")
 
 
 if __name__ == "__main__":
-    main(Path(sys.argv[1]), [Path(name) for name in sys.argv[2:]])
+    renew(SYSTEMS, Path(sys.argv[1]), [Path(name) for name in sys.argv[2:]])

@@ -50,6 +50,8 @@ has_package() {
     ninja-build) tool ninja 1.10 ;;
     pkg-config) tool pkg-config 0 ;;
     dpkg-dev) tool dpkg-source 1.20 ;;
+    binutils-aarch64-linux-gnu) tool aarch64-linux-gnu-objcopy 2.35 ;;
+    binutils-x86-64-linux-gnu) tool x86_64-linux-gnu-objcopy 2.35 ;;
     libcurl4-openssl-dev) has_module 'libcurl >= 7.88' "$1" ;;
     libsecp256k1-dev) has_module libsecp256k1 "$1" ;;
     libssl-dev) has_module openssl "$1" ;;

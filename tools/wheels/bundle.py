@@ -1,14 +1,10 @@
-"""Puts into an unpacked wheel the licences of what is linked into it, and a CycloneDX list of that.
-
-python -m tools.wheels.bundle UNPACKED_WHEEL
-"""
+"""Puts into an unpacked wheel its tag, licences of what is linked into it, and a CycloneDX list of that."""
 
 from __future__ import annotations
 
 import os
 import re
 import shutil
-import sys
 from datetime import UTC, datetime
 from importlib.metadata import version
 from pathlib import Path
@@ -23,6 +19,7 @@ from packageurl import PackageURL
 
 from .compiler import zig
 from .pins import Source, pinned
+from .targets import Target
 
 FOLDER = "bundled"
 RUNTIME_LICENCE = "Apache-2.0 WITH LLVM-exception"
@@ -96,12 +93,15 @@ def put_licences(information: Path) -> None:
     metadata.write_text(head + lines + separator + body)
 
 
-def main(wheel: Path) -> None:
+def put_tag(information: Path, target: Target) -> None:
+    """The build took the wheel for one of the Python that ran it."""
+    file = information / "WHEEL"
+    file.write_text(re.sub(r"^Tag: .+$", f"Tag: {target}", file.read_text(), flags=re.MULTILINE))
+
+
+def bundle(wheel: Path, target: Target) -> None:
     (information,) = wheel.glob("*.dist-info")
     put_licences(information)
     (information / "sboms").mkdir()
     (information / "sboms/bundled.cdx.json").write_text(list_of_parts(information.stem))
-
-
-if __name__ == "__main__":
-    main(Path(sys.argv[1]))
+    put_tag(information, target)

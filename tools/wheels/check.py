@@ -1,6 +1,6 @@
-"""Checks a wheel, and says in one line what it is.
+"""Checks wheels, and says in one line each what they are.
 
-python -m tools.wheels.check WHEEL FOLDER_OF_DEBUG_FILES
+python -m tools.wheels.check FOLDER_OF_DEBUG_FILES WHEEL...
 """
 
 from __future__ import annotations
@@ -15,18 +15,27 @@ from pathlib import Path
 from . import elf
 from .outside import GLIBC, OUTSIDE
 from .pins import pinned
+from .targets import TARGETS, Target
 
-TAG = re.compile(rf"-cp(3[0-9]+)-cp\1-manylinux_{GLIBC[0]}_{GLIBC[1]}_(x86_64|aarch64)\.whl$")
 MODULES = {"_native": "PyInit__native", "auth": "PyInit_auth"}
 LIBRARY = "libtessaline_http.so"
 MOST_PACKED, MOST_INSTALLED = 3_000_000, 7_000_000
 RUNTIME = "libc++"
 
 
-def exports_of(tag: re.Match[str]) -> dict[str, str]:
+def target_of(wheel: Path) -> Target | None:
+    return next((known for known in TARGETS if wheel.name.endswith(f"-{known}.whl")), None)
+
+
+def exports_of(target: Target) -> dict[str, str]:
     """What each library of the wheel exports, by its file's name."""
-    modules = {f"{name}.cpython-{tag[1]}-{tag[2]}-linux-gnu.so": export for name, export in MODULES.items()}
+    modules = {f"{name}.{target.soabi}.so": export for name, export in MODULES.items()}
     return modules | {LIBRARY: "tessaline_http_library"}
+
+
+def tells_where(file: Path) -> bool:
+    """Whether it has a path of this checkout in it."""
+    return str(Path.cwd()).encode() in file.read_bytes()
 
 
 def faults_of_library(library: elf.Library, machine: str, export: str) -> list[str]:
@@ -45,14 +54,16 @@ def faults_of_library(library: elf.Library, machine: str, export: str) -> list[s
 
 def faults_of_debug(library: elf.Library, debug: Path) -> list[str]:
     file = debug / f"{library.path.name}.debug"
-    return [] if file.exists() and library.debugged_by(file) else ["has no debug file"]
+    if not (file.exists() and library.debugged_by(file)):
+        return ["has no debug file"]
+    return ["has a debug file that tells where it was built"] if tells_where(file) else []
 
 
-def faults_of_files(root: Path, tag: re.Match[str]) -> list[str]:
+def faults_of_files(root: Path, target: Target) -> list[str]:
     (information,) = root.glob("*.dist-info")
     licences = ["LICENSE", *(f"bundled/{source.package}" for source in pinned()), f"bundled/{RUNTIME}"]
     wanted = [root / "tessaline/auth.pyi", root / "tessaline/py.typed"]
-    wanted += [root / "tessaline" / name for name in exports_of(tag)]
+    wanted += [root / "tessaline" / name for name in exports_of(target)]
     wanted += [information / "licenses" / name for name in licences]
     found = [f"{path.relative_to(root)} is missing" for path in wanted if not path.is_file()]
     found += [
@@ -61,9 +72,8 @@ def faults_of_files(root: Path, tag: re.Match[str]) -> list[str]:
         if path.name not in ("tessaline", information.name)
     ]
     found += [f"{path.name} is in the wheel" for path in root.glob("tessaline/*.so*") if path not in wanted]
-    here = str(Path.cwd()).encode()
     files = [path for path in root.rglob("*") if path.is_file()]
-    found += [f"{path.name} tells where it was built" for path in files if here in path.read_bytes()]
+    found += [f"{path.name} tells where it was built" for path in files if tells_where(path)]
     if (size := sum(path.stat().st_size for path in files)) > MOST_INSTALLED:
         found.append(f"takes {size} bytes when it is installed")
     return found + faults_of_list(information)
@@ -89,40 +99,44 @@ def faults_of_list(information: Path) -> list[str]:
 
 
 def faults_of(wheel: Path, debug: Path) -> list[str]:
-    tag = TAG.search(wheel.name)
-    if tag is None:
+    target = target_of(wheel)
+    if target is None:
         return ["is tagged for another platform"]
     size = wheel.stat().st_size
     faults = [f"takes {size} bytes"] if size > MOST_PACKED else []
     with tempfile.TemporaryDirectory() as folder, zipfile.ZipFile(wheel) as archive:
         archive.extractall(folder)
         root = Path(folder)
-        faults += faults_of_files(root, tag)
+        faults += faults_of_files(root, target)
         (information,) = root.glob("*.dist-info/WHEEL")
-        if re.findall(r"^Tag: (.+)$", information.read_text(), re.MULTILINE) != [
-            tag[0].strip("-").removesuffix(".whl")
-        ]:
+        if re.findall(r"^Tag: (.+)$", information.read_text(), re.MULTILINE) != [str(target)]:
             faults.append("says another tag inside")
-        for name, export in exports_of(tag).items():
+        for name, export in exports_of(target).items():
             if (path := root / "tessaline" / name).is_file():
                 library = elf.read(path)
-                found = faults_of_library(library, tag[2], export) + faults_of_debug(library, debug)
+                found = faults_of_library(library, target.platform.machine, export)
+                found += faults_of_debug(library, debug)
                 faults += [f"{name} {fault}" for fault in found]
     return faults
 
 
-def main(wheel: Path, debug: Path) -> int:
-    faults = faults_of(wheel, debug)
+def passes(wheel: Path, debug: Path) -> bool:
+    faults = faults_of(wheel, debug / wheel.stem)
     for fault in faults:
         print(f"{wheel.name}: {fault}", file=sys.stderr)
     if faults:
-        return 1
+        return False
     with zipfile.ZipFile(wheel) as archive:
         installed = sum(member.file_size for member in archive.infolist())
     sizes = f"{wheel.stat().st_size / 1e6:.1f} MB, {installed / 1e6:.1f} MB installed"
     print(f"{wheel}: {sizes}; only glibc and its libgcc_s are left outside")
-    return 0
+    return True
+
+
+def main(debug: Path, wheels: list[Path]) -> int:
+    passed = [passes(wheel, debug) for wheel in wheels]
+    return 0 if all(passed) else 1
 
 
 if __name__ == "__main__":
-    sys.exit(main(Path(sys.argv[1]), Path(sys.argv[2])))
+    sys.exit(main(Path(sys.argv[1]), [Path(name) for name in sys.argv[2:]]))

@@ -3,13 +3,12 @@
 from __future__ import annotations
 
 import importlib.util
-import os
 from pathlib import Path
 
-from .outside import GLIBC
+from .targets import Platform
 
 FLAGS = "-fno-sanitize=all -ffunction-sections -fdata-sections -fvisibility=hidden"
-HERE = Path(__file__).parent
+TOOLCHAIN = Path(__file__).with_name("toolchain.cmake.in")
 
 
 def zig() -> Path:
@@ -25,20 +24,32 @@ def _written(path: Path, text: str) -> None:
         path.write_text(text)
 
 
-def put_into(place: Path, machine: str) -> None:
+def put_into(place: Path, platform: Platform) -> None:
     """The programs in `bin`, and a toolchain file that builds with them against `prefix`."""
     root, place = Path.cwd(), place.resolve()
-    cache = f"{root}/build/bundled/zig"
-    head = f"#!/bin/sh\nexport ZIG_GLOBAL_CACHE_DIR={cache} ZIG_LOCAL_CACHE_DIR={cache}\n"
+    cache = place / "zig"
+    # What Zig compiles unasked, its C++ runtime, takes options from nowhere else. Debug information would say
+    # where it was.
+    everywhere = f"# +-ffile-prefix-map={root}/=/ +-ffile-compilation-dir=/"
+    head = f"""\
+#!/bin/sh
+export ZIG_GLOBAL_CACHE_DIR={cache} ZIG_LOCAL_CACHE_DIR={cache}
+export CCC_OVERRIDE_OPTIONS='{everywhere}'
+"""
     folder = place / "bin"
     folder.mkdir(parents=True, exist_ok=True)
-    target = f"-target {machine}-linux-gnu.{GLIBC[0]}.{GLIBC[1]} {FLAGS} -ffile-prefix-map={root}/="
+    target = f"-target {platform.compiled} {FLAGS}"
     for name, options in {"cc": target, "c++": target, "ar": "", "ranlib": ""}.items():
         program = folder / f"zig-{name}"
         _written(program, f'{head}exec {zig()}/zig {name} {options} "$@"\n')
         program.chmod(0o755)
-    text = (HERE / "toolchain.cmake.in").read_text()
-    text = text.replace("@BIN@", str(folder)).replace("@PREFIX@", str(place / "prefix"))
-    if machine != os.uname().machine:
-        text = f"set(CMAKE_SYSTEM_NAME Linux)\nset(CMAKE_SYSTEM_PROCESSOR {machine})\n{text}"
+    text = TOOLCHAIN.read_text()
+    told = {
+        "BIN": folder,
+        "PREFIX": place / "prefix",
+        "MACHINE": platform.machine,
+        "TRIPLET": platform.triplet,
+    }
+    for name, value in told.items():
+        text = text.replace(f"@{name}@", str(value))
     _written(place / "toolchain.cmake", text)

@@ -1,6 +1,6 @@
 """Builds the static libraries that go into a wheel, once for what they are made from.
 
-python -m tools.wheels.libraries MACHINE
+python -m tools.wheels.libraries PLATFORM
 """
 
 from __future__ import annotations
@@ -14,8 +14,9 @@ import tomllib
 from importlib.metadata import version
 from pathlib import Path
 
-from . import compiler
+from . import compiler, targets
 from .pins import PINS, Source, pinned
+from .targets import Platform
 
 HERE = Path(__file__).resolve().parent
 OPTIONS = HERE / "options.toml"
@@ -23,8 +24,8 @@ OPTIMISED = ["-O2", "-g0", "-fPIC"]
 
 
 class Build:
-    def __init__(self, place: Path, machine: str) -> None:
-        self._place, self._machine = place.resolve(), machine
+    def __init__(self, place: Path, platform: Platform) -> None:
+        self._place, self._platform = place.resolve(), platform
         self._prefix = self._place / "prefix"
         self._options = tomllib.loads(OPTIONS.read_text())
         self._environment = os.environ | {
@@ -59,7 +60,7 @@ class Build:
         self.run(
             # This path goes into the objects as it is.
             *("perl", Path(os.path.relpath(source.folder.resolve(), folder), "Configure")),
-            *(f"linux-{self._machine}", *programs, *options["options"].split(), *places, *OPTIMISED),
+            *(f"linux-{self._platform.machine}", *programs, *options["options"].split(), *places, *OPTIMISED),
             folder=folder,
         )
         parallel = os.environ.get("CMAKE_BUILD_PARALLEL_LEVEL", "2")
@@ -85,22 +86,27 @@ class Build:
 
 def stamp() -> str:
     """What the libraries are made from."""
-    files = [PINS, OPTIONS, Path(__file__), Path(compiler.__file__), *sorted(HERE.glob("unwinder.*"))]
+    files = [PINS, OPTIONS, Path(__file__), Path(compiler.__file__), compiler.TOOLCHAIN]
+    files += sorted(HERE.glob("unwinder.*"))
     digest = hashlib.sha256(b"".join(path.read_bytes() for path in files)).hexdigest()
     return f"{Path.cwd()} {version('ziglang')} {digest}"
 
 
-def main(machine: str) -> None:
-    place = Path("build/bundled", machine)
+def place_of(platform: Platform) -> Path:
+    return Path("build/bundled", str(platform))
+
+
+def main(platform: Platform) -> None:
+    place = place_of(platform)
     done = place / "stamp"
     if not (done.exists() and done.read_text() == stamp()):
-        for old in (place, Path("build/portable")):
+        for old in (place, *Path("build/portable").glob(f"*-{platform}")):
             shutil.rmtree(old, ignore_errors=True)
-        compiler.put_into(place, machine)
-        Build(place, machine).everything()
+        compiler.put_into(place, platform)
+        Build(place, platform).everything()
         done.write_text(stamp())
-    compiler.put_into(place, machine)
+    compiler.put_into(place, platform)
 
 
 if __name__ == "__main__":
-    main(sys.argv[1])
+    main(targets.platform(sys.argv[1]))

@@ -1,51 +1,80 @@
-"""Logs in over TLS, and once more, where there is nothing but the wheel.
+"""Lets a program of a user's live where there is nothing but the wheel: program.py, over TLS.
 
-python -m tools.wheels.login PYTHON... (as in `/venv/bin/python`, or `chroot /system /venv/bin/python`)
+python -m tools.wheels.login PYTHON...
+
+PYTHON: as in `/venv/bin/python`, or `chroot /system /venv/bin/python`.
 """
 
 from __future__ import annotations
 
 import json
+import os
 import subprocess
 import sys
+from collections.abc import Callable, Mapping, Sequence
 from pathlib import Path
+from typing import NamedTuple
 
 from devserver.testing import DevServer
 
-PROGRAM = """
-import json, os, secrets, sys, tempfile
-from tessaline import _native
-from tessaline.auth import AuthManager
-url, authority = sys.argv[1:]
-manager = AuthManager(secrets.token_hex(32), url)
-with tempfile.NamedTemporaryFile("w", suffix=".pem") as file, manager:
-    file.write(authority)
-    file.flush()
-    os.environ["SSL_CERT_FILE"] = file.name
-    for _ in range(2):
-        manager.authenticate()
-        assert manager.get_token()
-print(json.dumps([_native.bundled, sys.version.split()[0], os.confstr("CS_GNU_LIBC_VERSION")]))
-"""
+PROGRAM = Path(__file__).with_name("program.py")
+# One by hand, a renewal, an era's.
+LOGINS = 3
+DEADLINE = 300.0
+
+
+class LoginError(Exception):
+    """The program has not lived as it should; says how."""
+
+
+class Facts(NamedTuple):
+    python: str
+    libc: str
+
+
+def run(python: Sequence[str], url: str, environment: Mapping[str, str]) -> subprocess.CompletedProcess[str]:
+    return subprocess.run(
+        [*python, "-I", "-c", PROGRAM.read_text(), url],
+        env=os.environ | environment,
+        stdin=subprocess.DEVNULL,
+        capture_output=True,
+        text=True,
+        timeout=DEADLINE,
+    )
+
+
+def log_in(python: Sequence[str], trust: Callable[[Path], Mapping[str, str]]) -> Facts:
+    """trust: has that file's authority trusted from now on; gives back what the environment is to say for it.
+
+    Before, the program may not log in.
+    """
+    with DevServer(tls=True) as server:
+        assert server.ca_file is not None
+        done = run(python, server.url, {})
+        if done.returncode == 0 or "SSLCertVerificationError" not in done.stderr:
+            raise LoginError(f"logs in where nobody trusts the server, or fails otherwise: {done.stderr}")
+        server.reset()
+        done = run(python, server.url, trust(Path(server.ca_file)))
+        if done.returncode != 0:
+            raise LoginError(done.stderr)
+        logins = server.state()["counts"].get("verify", 0)
+    bundled, version, libc = json.loads(done.stdout)
+    if not bundled or logins != LOGINS:
+        raise LoginError(f"bundled libraries: {bundled}; logins: {logins}")
+    return Facts(version, libc)
+
+
+def by_environment(authority: Path) -> Mapping[str, str]:
+    return {"SSL_CERT_FILE": str(authority)}
 
 
 def main(python: list[str]) -> int:
-    with DevServer(tls=True) as server:
-        assert server.ca_file is not None
-        done = subprocess.run(
-            [*python, "-I", "-c", PROGRAM, server.url, Path(server.ca_file).read_text()],
-            stdout=subprocess.PIPE,
-            text=True,
-            timeout=60,
-        )
-        logins = server.state()["counts"].get("verify", 0)
-    if done.returncode != 0:
-        return done.returncode
-    bundled, version, libc = json.loads(done.stdout)
-    if not bundled or logins != 2:
-        print(f"bundled libraries: {bundled}; logins: {logins}", file=sys.stderr)
+    try:
+        facts = log_in(python, by_environment)
+    except LoginError as error:
+        print(error, file=sys.stderr)
         return 1
-    print(f"logged in twice over TLS with nothing but the wheel: CPython {version}, {libc}")
+    print(f"logged in over TLS and renewed with nothing but the wheel: CPython {facts.python}, {facts.libc}")
     return 0
 
 

@@ -1,0 +1,67 @@
+"""For which Pythons and machines there are wheels."""
+
+import platform
+import re
+import sysconfig
+from pathlib import Path
+
+import pytest
+
+from tools.wheels import compiler, outside, pins, targets
+
+pytestmark = pytest.mark.process
+
+RUNNING = ".".join(platform.python_version_tuple()[:2])
+
+
+def test_there_is_a_wheel_for_each_python_on_each_machine() -> None:
+    assert {str(target) for target in targets.TARGETS} == {
+        f"cp3{minor}-cp3{minor}-manylinux_2_28_{machine}"
+        for minor in (13, 14, 15)
+        for machine in ("x86_64", "aarch64")
+    }
+    assert all(targets.target(str(target)) == target for target in targets.TARGETS)
+    assert all(targets.platform(str(known)) == known for known in targets.PLATFORMS)
+
+
+def test_without_being_told_it_is_the_one_for_this_python_and_machine(
+    capsys: pytest.CaptureFixture[str],
+) -> None:
+    targets.main([])
+    (name,) = capsys.readouterr().out.split()
+    assert targets.target(name).python == RUNNING
+    assert targets.target(name).soabi == sysconfig.get_config_var("SOABI")
+    targets.main(["--all"])
+    assert capsys.readouterr().out.split() == list(map(str, targets.TARGETS))
+
+
+@pytest.mark.parametrize(("python", "machine"), [("3.16", "x86_64"), ("3.13", "riscv64")])
+def test_a_python_or_machine_without_a_wheel_is_told_what_there_is(python: str, machine: str) -> None:
+    told = f"Wheels are for .*3.13, 3.14, 3.15 .*x86_64 and aarch64, not for {re.escape(python)} on {machine}"
+    with pytest.raises(SystemExit, match=told):
+        targets.here(python, machine)
+
+
+def test_each_python_has_its_headers_pinned_for_each_machine() -> None:
+    pinned = {pin.python: pin for pin in pins.headers()}
+    for target in targets.TARGETS:
+        pin = pinned[target.python]
+        assert pin.name == target.interpreter
+        assert pin.version.startswith(f"{target.python}.")
+        file = pin.file(target.platform.architecture)
+        assert file.name == f"{pin.package}_{pin.version}_{target.platform.architecture}.deb"
+        assert re.fullmatch("[0-9a-f]{64}", pin.sha256[file.name])
+
+
+@pytest.mark.parametrize("known", targets.PLATFORMS, ids=str)
+def test_what_compiles_for_a_platform_knows_it_and_tells_no_path(
+    known: targets.Platform, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setattr(compiler, "zig", lambda: Path("/zig"))
+    compiler.put_into(tmp_path, known)
+    program = (tmp_path / "bin/zig-c++").read_text()
+    assert f"-target {known.machine}-linux-gnu.{outside.GLIBC[0]}.{outside.GLIBC[1]} " in program
+    assert f"+-ffile-prefix-map={Path.cwd()}/=/" in program
+    toolchain = (tmp_path / "toolchain.cmake").read_text()
+    assert f"set(CMAKE_SYSTEM_PROCESSOR {known.machine})" in toolchain
+    assert "@" not in toolchain

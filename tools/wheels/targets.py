@@ -1,0 +1,90 @@
+"""What wheels are built for, by the names that tools/wheel goes through.
+
+python -m tools.wheels.targets [--all]
+"""
+
+from __future__ import annotations
+
+import os
+import sys
+from dataclasses import dataclass
+
+from .outside import GLIBC
+from .pins import headers
+
+PYTHONS = tuple(pin.python for pin in headers())
+# Machines, with Debian's names for them.
+ARCHITECTURES = {"x86_64": "amd64", "aarch64": "arm64"}
+
+
+@dataclass(frozen=True)
+class Platform:
+    machine: str
+
+    def __str__(self) -> str:
+        """The tag of its wheels."""
+        return f"manylinux_{GLIBC[0]}_{GLIBC[1]}_{self.machine}"
+
+    @property
+    def triplet(self) -> str:
+        return f"{self.machine}-linux-gnu"
+
+    @property
+    def compiled(self) -> str:
+        """For Zig."""
+        return f"{self.triplet}.{GLIBC[0]}.{GLIBC[1]}"
+
+    @property
+    def architecture(self) -> str:
+        return ARCHITECTURES[self.machine]
+
+
+@dataclass(frozen=True)
+class Target:
+    python: str
+    platform: Platform
+
+    def __str__(self) -> str:
+        """As in the name of its wheel."""
+        return f"{self.interpreter}-{self.interpreter}-{self.platform}"
+
+    @property
+    def interpreter(self) -> str:
+        return f"cp{self.python.replace('.', '')}"
+
+    @property
+    def soabi(self) -> str:
+        """What the names of its modules say."""
+        return f"cpython-{self.interpreter.removeprefix('cp')}-{self.platform.triplet}"
+
+
+PLATFORMS = tuple(map(Platform, ARCHITECTURES))
+TARGETS = tuple(Target(python, platform) for platform in PLATFORMS for python in PYTHONS)
+
+
+def platform(name: str) -> Platform:
+    return next(known for known in PLATFORMS if str(known) == name)
+
+
+def target(name: str) -> Target:
+    return next(known for known in TARGETS if str(known) == name)
+
+
+def here(python: str, machine: str) -> Target:
+    """For the Python that runs this."""
+    if python not in PYTHONS or machine not in ARCHITECTURES:
+        sys.exit(
+            f"Wheels are for CPython {', '.join(PYTHONS)} on {' and '.join(ARCHITECTURES)}, not for "
+            f"{python} on {machine}: make PYTHON=..., or pip install . without a wheel"
+        )
+    return Target(python, Platform(machine))
+
+
+def main(arguments: list[str]) -> None:
+    running = "{}.{}".format(*sys.version_info)
+    wanted = TARGETS if arguments == ["--all"] else [here(running, os.uname().machine)]
+    print("\n".join(map(str, wanted)))
+
+
+if __name__ == "__main__":
+    main(sys.argv[1:])
