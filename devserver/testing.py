@@ -17,8 +17,11 @@ from typing import IO, Any, Self
 from urllib.parse import urlsplit
 
 _ROOT = Path(__file__).resolve().parent.parent
-_CONTROL_SECONDS = 10.0
-_STOP_SECONDS = 4.0
+# How many times as long as usual programs take here; they do where they are emulated.
+_SLOWER = float(os.environ.get("DEVSERVER_SLOWER", "1"))
+_START_SECONDS = 20.0 * _SLOWER
+_CONTROL_SECONDS = 10.0 * _SLOWER
+_STOP_SECONDS = 4.0 * _SLOWER
 
 
 class DevServerError(Exception):
@@ -49,7 +52,7 @@ class DevServer:
         era: int | None = 1,
         claims: Mapping[str, Any] | None = None,
         options: Sequence[str] = (),
-        start_timeout: float = 20.0,
+        start_timeout: float = _START_SECONDS,
         keep_control: bool = False,
     ) -> None:
         self._arguments = ["--exit-with-stdin", f"--era={'none' if era is None else era}"]

@@ -21,7 +21,7 @@ describe() {
       linked=(libbz2-1.0 libffi8 liblzma5 libreadline8 libsqlite3-0 libssl3 zlib1g)
       ;;
     debian-13) suite=trixie own_pythons=(python3.13) ;;
-    debian-sid) suite=sid own_pythons=(python3.13 python3.14 python3.15) ;;
+    debian-sid) suite=sid own_pythons=(python3.15 python3.14 python3.13) ;;
     debian-13-aarch64)
       suite=trixie architecture=arm64 machine=aarch64 own_pythons=(python3.13) minutes=120
       # What is close to the processor: ends of processes, forks, sockets, arithmetic.
