@@ -66,6 +66,15 @@ INSIDES = {
 # Never used: what begins like this may go with any release of Python.
 PRIVATE_TO_HOST = re.compile(r"\b(?:_Py[A-Z]\w*|PyUnstable_\w+|Py_BUILD_CORE)\b")
 
+# Names that one C library has and another has not.
+OF_ONE_LIBC = re.compile(
+    r"\bPTHREAD_\w+_NP\b|\b__GLIBC(?:_MINOR)?__\b|\bgnu_get_libc_\w+|<(?:execinfo|malloc|error|gnu/[\w-]+)\.h>"
+    r"|\b__forced_unwind\b|\bpthread_(?!setname_np|getname_np|getattr_np)\w+_np\b|\bstrerror\w*_np\b"
+    r"|\b(?:RTLD_DEEPBIND|dlmopen|dlvsym|mallinfo2?|mallopt)\b"
+)
+# Where they differ and nothing is in both.
+FACES_LIBC = f"src/{AUTH}/python/stack.cpp"
+
 COMMENTS_AND_TEXTS = re.compile(r'//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"', re.DOTALL)
 
 
@@ -131,6 +140,13 @@ def test_the_interpreters_inside_is_looked_at_in_one_place(inside: str) -> None:
 
 def test_nothing_of_the_interpreters_private_interface_is_used() -> None:
     assert places(PRIVATE_TO_HOST, own_sources(".cpp", ".hpp", under="src"), code_only=True) == []
+
+
+def test_nothing_is_taken_that_only_one_c_library_has() -> None:
+    sources = own_sources(".cpp", ".hpp", under="src")
+    assert ROOT / FACES_LIBC in sources
+    elsewhere = [path for path in sources if path != ROOT / FACES_LIBC]
+    assert places(OF_ONE_LIBC, elsewhere, code_only=True) == []
 
 
 def test_no_handler_catches_everything() -> None:
@@ -219,6 +235,9 @@ def test_the_rules_find_what_they_forbid() -> None:
     assert METHODS.search("const PyType_Slot slots[] = {")
     assert not METHODS.search("const PyMethodDef* definition")
     assert PRIVATE_TO_HOST.search("_PyType_Lookup(type, name)")
+    assert OF_ONE_LIBC.search("#ifdef __GLIBC__")
+    assert OF_ONE_LIBC.search("PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP")
+    assert not OF_ONE_LIBC.search("pthread_setname_np(thread, name)")
     assert CATCH_ALL.search("catch (...) {")
     assert HOST_HANDLERS.search("catch (python::Error& error) {")
     assert TEXT_FORMS.search('PyUnicode_FromFormat("%S", object)')

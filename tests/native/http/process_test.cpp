@@ -131,6 +131,32 @@ TEST(Fork, WhileOtherThreadsAreBusy) {
   for (std::thread& thread : threads) thread.join();
 }
 
+// Of the two threads one is always inside, unless the other is kept from coming in.
+TEST(Fork, ComesBeforeWhoGoesInLater) {
+  std::atomic<bool> stop = false;
+  std::atomic<int> inside = 0;
+  std::atomic<int> entries = 0;
+  const auto take_turns = [&] {
+    while (!stop) {
+      const process::Inside here;
+      ++inside;
+      const int mine = ++entries;
+      const auto end = std::chrono::steady_clock::now() + 50ms;
+      while (entries == mine && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+      --inside;
+    }
+  };
+  std::thread one(take_turns);
+  std::thread other(take_turns);
+  while (entries < 3) std::this_thread::yield();
+  process::before_fork();
+  EXPECT_EQ(inside, 0);
+  process::after_fork_in_parent();
+  stop = true;
+  one.join();
+  other.join();
+}
+
 #ifndef TESSALINE_UNDER_TSAN
 
 class Exit : public ::testing::Test {

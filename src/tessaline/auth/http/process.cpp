@@ -25,9 +25,13 @@ constinit std::atomic<int> inside_count = 0;
 constinit std::atomic<unsigned long> fork_count = 0;
 constinit pthread_t exit_thread{};
 
-// Shared by those inside; a fork takes it alone, and comes first, or busy threads would keep it waiting.
-constinit pthread_rwlock_t fork_gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+// Shared by those inside; a fork takes it alone.
+constinit pthread_rwlock_t fork_gate = PTHREAD_RWLOCK_INITIALIZER;
 constinit bool gate_closed = false;
+
+// On the way in, and held by a fork, or busy threads, which pass a gate that is merely waited for, would keep
+// it waiting.
+constinit std::mutex fork_turnstile;
 
 // Of the fork that is under way, and holds the process mutex.
 constinit std::atomic<pthread_t> fork_thread{};
@@ -81,7 +85,10 @@ void leave() noexcept {
 }
 
 void enter() noexcept {
-  pthread_rwlock_rdlock(&fork_gate);
+  {
+    const std::lock_guard turn(fork_turnstile);
+    pthread_rwlock_rdlock(&fork_gate);
+  }
   inside_count.fetch_add(1);
   // Only now: a thread that does not see the exit is seen by it.
   if (!exiting.load()) return;
@@ -100,6 +107,7 @@ void before_fork() noexcept {
     ++fork_depth;
     return;
   }
+  fork_turnstile.lock();
   timespec end{};
   clock_gettime(CLOCK_REALTIME, &end);
   end.tv_sec += kForkWaitSeconds;
@@ -115,13 +123,14 @@ void after_fork_in_parent() noexcept {
   const bool closed = gate_closed;
   process_mutex.unlock();
   if (closed) pthread_rwlock_unlock(&fork_gate);
+  fork_turnstile.unlock();
 }
 
 void after_fork_in_child() noexcept {
   if (!is_last_of_fork()) return;
   if (gate_closed) pthread_rwlock_unlock(&fork_gate);
   // Made anew all the same: it may count threads that waited at it, and they are gone.
-  fork_gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+  fork_gate = PTHREAD_RWLOCK_INITIALIZER;
   inside_count.store(0);
   exiting.store(false);  // that is another thread's business, which is not here
   fork_count.fetch_add(1);
@@ -129,6 +138,7 @@ void after_fork_in_child() noexcept {
   Trust::forget_all();
   idle_reaper::forget();
   process_mutex.unlock();
+  fork_turnstile.unlock();
 }
 
 unsigned long generation() noexcept {

@@ -30,7 +30,8 @@ class ParkedUnlessDone {
 /// Python 3.14 and later, which comes to the same. Python 3.13 ends it by pthread_exit, which unwinds through
 /// every frame below it. Passing our frames would run destructors that drop references without the lock, and
 /// a noexcept function or a catch-all on the way aborts the process. Parking keeps the frames as they are
-/// until the process ends. `body` must own nothing, and throw nothing.
+/// until the process ends. musl's pthread_exit unwinds nothing, and what it leaves of a thread that Python
+/// made is its stack, which nobody joins. `body` must own nothing, and throw nothing.
 ///
 /// The interpreter throws no C++ exception, and only some C++ runtimes have a name to catch its unwinding by:
 /// all run destructors.
