@@ -167,8 +167,70 @@ def test_a_bad_script_is_refused_and_changes_nothing(
 def test_control_refuses_what_it_does_not_know(server: DevServer, client: Client) -> None:
     assert client.post("/_control/nonsense", {}).status == 404
     assert client.post("/_control/state", {}).status == 405
-    assert client.request("POST", "/_control/settings", b"{}").error == "invalid_content_type"
+    assert client.request("POST", "/_control/settings", b"settings").error == "invalid_json"
     assert client.post("/_control/wait", {"endpoint": "verify"}).status == 400
+
+
+@pytest.mark.parametrize("headers", [{}, {"Content-Type": "application/x-www-form-urlencoded"}])
+def test_control_takes_json_of_any_media_type(
+    server: DevServer, client: Client, headers: dict[str, str]
+) -> None:
+    faults = client.request("POST", "/_control/faults", b'{"register": [{"kind": "reset"}]}', headers)
+    assert faults.json == {"register": [{"kind": "reset", "times": 1}]}
+    assert client.request("POST", "/_control/settings", b'{"era": 7}', headers).json["era"] == 7
+    wait = b'{"endpoint": "verify", "count": 0, "timeout": 1}'
+    assert client.request("POST", "/_control/wait", wait, headers).json == {"count": 0}
+    assert client.request("POST", "/_control/release", None, headers).status == 200
+    assert client.request("POST", "/_control/reset", None, headers).status == 200
+    assert server.state()["faults"] == {}
+
+
+def test_a_script_goes_by_the_endpoint_or_by_its_path(server: DevServer, client: Client) -> None:
+    server.faults("/auth/register", [{"kind": "status", "status": 503}])
+    assert (client.register().status, client.register().status) == (503, 200)
+
+
+@pytest.mark.parametrize("name", ["verfy", "", "auth/verify", "/späť", "/\n", "/\ud800"])
+def test_a_script_for_what_is_no_endpoint_is_refused(server: DevServer, name: str) -> None:
+    with pytest.raises(DevServerError, match="none of: register, challenge"):
+        server.faults(name, [{"kind": "reset"}])
+
+
+@pytest.mark.parametrize(
+    ("name", "asked"),
+    [
+        ("settings", b'{"claims": {"\\ud800": 1}}'),
+        ("settings", b'{"clock_skew": 1e10, "token_lifetime": 1e10, "challenge_lifetime": -1e10}'),
+        ("settings", b'{"clock_skew": -1e10, "era": 1' + 100 * b"0" + b"}"),
+        ("wait", b'{"endpoint": "verify", "count": 1' + 400 * b"0" + b', "timeout": -1' + 400 * b"0" + b"}"),
+        ("wait", b'{"endpoint": "/", "count": -1, "timeout": 1e308}'),
+    ],
+)
+def test_what_is_odd_but_right_breaks_nothing(
+    server: DevServer, client: Client, name: str, asked: bytes
+) -> None:
+    assert client.request("POST", f"/_control/{name}", asked).status == 200
+    assert server.state()["wallets"] == 0
+    assert client.register().status == 200
+    assert client.challenge().status == 200
+
+
+@pytest.mark.parametrize(
+    ("name", "asked"),
+    [
+        ("settings", b'{"clock_skew": 1e300}'),
+        ("settings", b'{"clock_skew": 1' + 400 * b"0" + b"}"),
+        ("settings", b'{"token_lifetime": NaN}'),
+        ("settings", b'{"invites": ["\\ud800"]}'),
+        ("wait", b'{"endpoint": "verify", "count": 1, "timeout": Infinity}'),
+        ("wait", b'{"endpoint": "verify", "count": true, "timeout": 1}'),
+        ("faults", b'{"verify": [{"kind": "garbage", "body": "\\ud800"}]}'),
+        ("faults", b'{"verify": [{"kind": "delay", "seconds": 1' + 400 * b"0" + b"}]}"),
+        ("faults", b'{"verify": [{"kind": "stale_challenge", "status": 404.0}]}'),
+    ],
+)
+def test_what_cannot_be_kept_is_refused(client: Client, name: str, asked: bytes) -> None:
+    assert client.request("POST", f"/_control/{name}", asked).status == 400
 
 
 def test_waiting_ends_when_the_requests_have_come(server: DevServer) -> None:
