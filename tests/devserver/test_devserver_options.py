@@ -108,6 +108,7 @@ def test_the_access_log_has_a_line_for_each_request(tls: bool) -> None:
             client.verify()
         client.request("GET", f"/{'x' * 300}?token=abc")
         server.state()
+        server.stop()
         first, *lines = server.stderr.splitlines()
         trusted = f"; clients trust it with {server.ca_file}" if tls else ""
         assert first == f"serving {server.url} and, behind the gate, {server.gate_url}{trusted}"
