@@ -13,7 +13,7 @@ from .journal import Journal
 from .plan import Plan
 from .protocol import Connections
 from .refusal import Refusal
-from .rules import TEXTS, is_integer, is_number, is_text
+from .rules import TEXTS, is_number, is_text, is_whole
 from .service import Service
 
 LONGEST_WAIT = 60
@@ -94,7 +94,7 @@ class Control:
         """Answer with the count once "endpoint" has had "count" requests or "timeout" seconds have passed."""
         asked = await object_in(request)
         endpoint, count, timeout = asked.get("endpoint"), asked.get("count"), asked.get("timeout")
-        if not (is_text(endpoint) and is_integer(count) and is_number(timeout)):
+        if not (is_text(endpoint) and is_whole(count) and is_number(timeout)):
             raise Refusal(400, "endpoint, count and timeout are needed")
         arrived = await self.journal.wait(endpoint, count, float(max(0, min(timeout, LONGEST_WAIT))))
         return Json({"count": arrived})

@@ -4,6 +4,7 @@ import asyncio
 import traceback
 from dataclasses import dataclass
 
+from starlette.requests import ClientDisconnect
 from starlette.types import ASGIApp, Message, Receive, Scope, Send
 
 from .accesslog import tell_request
@@ -40,6 +41,9 @@ class FaultLayer:
     async def __call__(self, scope: Scope, receive: Receive, send: Send) -> None:
         try:
             await self._dispatch(scope, receive, send)
+        except ClientDisconnect:
+            # It left before its request's end.
+            return
         except Exception:
             # uvicorn is kept silent, so this is the only place where a mistake of our own shows.
             traceback.print_exc()

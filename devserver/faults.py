@@ -158,7 +158,8 @@ def parse_fault(endpoint: str, value: Any) -> tuple[Fault, int | None]:
     missing = KINDS[name].required - fields.keys()
     if missing:
         raise ValueError(f"fault {name!r} needs {', '.join(sorted(missing))}")
-    return Fault(name, fields), fields.get("times", 1)
+    taken = {key: rules[key].take(item) for key, item in fields.items()}
+    return Fault(name, taken), taken.get("times", 1)
 
 
 def parse_scripts(scripts: Mapping[str, Any]) -> Scripts:

@@ -60,7 +60,7 @@ class Journal:
         self._grown.set()
         self._grown = asyncio.Event()
 
-    async def wait(self, endpoint: str, count: int, timeout: float) -> int:
+    async def wait(self, endpoint: str, count: float, timeout: float) -> int:
         """Wait at most `timeout` seconds for `count` requests at `endpoint`; returns how many there are."""
         try:
             async with asyncio.timeout(timeout):

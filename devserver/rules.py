@@ -21,11 +21,15 @@ _BASE64 = r"(?:[A-Za-z0-9+/]{4})*(?:[A-Za-z0-9+/]{2}==|[A-Za-z0-9+/]{3}=)?"
 
 @dataclass(frozen=True)
 class Rule:
-    """A condition on JSON values: `fits` decides, `words` and `schema` say what does."""
+    """A condition on JSON values: `fits` decides, `words` and `schema` say what does.
+
+    take: makes of a value that fits what is used.
+    """
 
     fits: Callable[[Any], bool]
     words: str
     schema: Schema
+    take: Callable[[Any], Any] = lambda value: value
 
 
 def is_number(value: Any) -> TypeGuard[float]:
@@ -34,6 +38,15 @@ def is_number(value: Any) -> TypeGuard[float]:
 
 def is_integer(value: Any) -> TypeGuard[int]:
     return isinstance(value, int) and not isinstance(value, bool)
+
+
+def is_whole(value: Any) -> TypeGuard[float]:
+    """Whether JSON calls it an integer: 2.0 is one, too."""
+    return is_integer(value) or (isinstance(value, float) and value.is_integer())
+
+
+def _as_integer(value: Any) -> Any:
+    return int(value) if isinstance(value, float) else value
 
 
 def is_text(value: Any) -> TypeGuard[str]:
@@ -79,7 +92,7 @@ def number(low: float, high: float, words: str) -> Rule:
 def integer(low: int, high: int, words: str) -> Rule:
     """An integer from `low` to `high`."""
     schema: Schema = {"type": "integer", "minimum": low, "maximum": high}
-    return Rule(_between(low, high, is_integer), words, schema)
+    return Rule(_between(low, high, is_whole), words, schema, _as_integer)
 
 
 def one_of(*values: Any) -> Rule:
@@ -101,7 +114,10 @@ FLAG = Rule(lambda value: isinstance(value, bool), "true or false", {"type": "bo
 OBJECT = Rule(lambda value: isinstance(value, dict), "an object", {"type": "object"})
 TEXTS = Rule(_is_texts, "a list of texts", {"type": "array", "items": {"type": "string"}})
 INTEGER_OR_NULL = Rule(
-    lambda value: value is None or is_integer(value), "an integer or null", {"type": ["integer", "null"]}
+    lambda value: value is None or is_whole(value),
+    "an integer or null",
+    {"type": ["integer", "null"]},
+    _as_integer,
 )
 SECONDS = number(-_FARTHEST, _FARTHEST, "a number of seconds")
 LIFETIME = Rule(
@@ -113,9 +129,10 @@ DELAY = number(0, _LONGEST_DELAY, f"a number of seconds, {_LONGEST_DELAY} at mos
 STATUS = integer(200, 599, "a status from 200 to 599")
 SIZE = integer(0, _LARGEST_BODY, "a number of bytes")
 TIMES = Rule(
-    lambda value: value is None or (is_integer(value) and value > 0),
+    lambda value: value is None or (is_whole(value) and value > 0),
     "a number of requests, or null",
     {"type": ["integer", "null"], "minimum": 1, "default": 1},
+    _as_integer,
 )
 BASE64 = Rule(
     _is_base64, "base64", {"type": "string", "contentEncoding": "base64", "pattern": f"^{_BASE64}$"}

@@ -51,7 +51,7 @@ class Settings:
             if not RULES[name].fits(value):
                 raise ValueError(f"setting {name!r} must be {RULES[name].words}")
         for name, value in changes.items():
-            setattr(self, name, value)
+            setattr(self, name, RULES[name].take(value))
 
     def as_json(self) -> dict[str, Any]:
         """The settings by name, with the names of the extra claims in place of their values."""

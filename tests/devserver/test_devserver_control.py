@@ -2,12 +2,13 @@
 
 import base64
 import json
+import socket
 import threading
 from concurrent.futures import ThreadPoolExecutor
 from typing import Any
 
 import pytest
-from devserver_client import REGISTER, Client, claims_of
+from devserver_client import REGISTER, SECONDS, Client, claims_of
 
 from devserver.testing import DevServer, DevServerError
 
@@ -203,7 +204,9 @@ def test_a_script_for_what_is_no_endpoint_is_refused(server: DevServer, name: st
         ("settings", b'{"clock_skew": 1e10, "token_lifetime": 1e10, "challenge_lifetime": -1e10}'),
         ("settings", b'{"clock_skew": -1e10, "era": 1' + 100 * b"0" + b"}"),
         ("wait", b'{"endpoint": "verify", "count": 1' + 400 * b"0" + b', "timeout": -1' + 400 * b"0" + b"}"),
-        ("wait", b'{"endpoint": "/", "count": -1, "timeout": 1e308}'),
+        ("wait", b'{"endpoint": "/", "count": -1.0, "timeout": 1e308}'),
+        ("settings", b'{"era": 7.0}'),
+        ("faults", b'{"verify": [{"kind": "cut_body", "sent": 1.0, "times": 2.0}]}'),
     ],
 )
 def test_what_is_odd_but_right_breaks_nothing(
@@ -267,3 +270,11 @@ def test_many_wallets_log_in_at_once(server: DevServer) -> None:
     with ThreadPoolExecutor(16) as pool:
         assert list(pool.map(log_in, range(16), timeout=10)) == [200] * 16
     assert server.state()["counts"]["verify"] == 16
+
+
+def test_a_client_that_leaves_within_a_control_request_is_let_go(server: DevServer) -> None:
+    with socket.create_connection(("127.0.0.1", server.port), SECONDS) as connection:
+        connection.sendall(b"POST /_control/faults HTTP/1.1\r\nHost: x\r\nContent-Length: 9\r\n\r\n{")
+    with socket.create_connection(("127.0.0.1", server.port), SECONDS) as connection:
+        connection.sendall(b"POST /_control/faults HTTP/1.1\r\nHost: x\r\nContent-Length: 2\r\n\r\n{}")
+        assert connection.recv(12) == b"HTTP/1.1 200"
