@@ -8,7 +8,7 @@ from .endpoints import endpoint_name
 from .faults import KINDS, fields_at, parse_scripts
 
 _FORM = re.compile(
-    r"(?P<kind>[a-z][a-z_]*?|[0-9]{3})(?::(?P<value>.+?))?(?:x(?P<times>[0-9]+|all))?", re.DOTALL
+    r"(?P<kind>[a-z][a-z_0-9]*?|[0-9]{3})(?::(?P<value>.+?))?(?:x(?P<times>[0-9]+|all))?", re.DOTALL
 )
 
 Script = list[dict[str, Any]]
