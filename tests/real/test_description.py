@@ -26,6 +26,16 @@ def before_call(context, case, kwargs):
         if isinstance(case.body["timeout"], float | int):
             case.body["timeout"] = min(case.body["timeout"], 0)
 """
+WELL_FORMED = """
+import json, sys
+import jsonschema_rs
+
+with open(sys.argv[1]) as file:
+    schemas = json.load(file)["components"]["schemas"]
+assert schemas
+for schema in schemas.values():
+    jsonschema_rs.meta.validate({"$schema": "https://json-schema.org/draft/2020-12/schema", **schema})
+"""
 PROGRAM = """
 import sys
 from client import AuthenticatedClient, Client
@@ -72,9 +82,9 @@ def description(server: DevServer, tmp_path: Path) -> Path:
     return file
 
 
-def test_it_is_well_formed(description: Path) -> None:
-    ended = run(description.parent, "-m", "openapi_spec_validator", str(description))
-    assert (ended.returncode, ended.stdout) == (0, f"{description}: OK\n"), ended.stdout + ended.stderr
+def test_its_schemas_are_well_formed(description: Path) -> None:
+    ended = run(description.parent, "-c", WELL_FORMED, str(description))
+    assert ended.returncode == 0, ended.stderr
 
 
 def test_a_client_that_is_generated_from_it_talks_to_the_server(server: DevServer, description: Path) -> None:
