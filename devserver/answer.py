@@ -6,7 +6,7 @@ from dataclasses import dataclass, replace
 from http import HTTPStatus
 from typing import Any
 
-type Headers = tuple[tuple[str, str], ...]
+Headers = tuple[tuple[str, str], ...]
 
 
 @dataclass(frozen=True)

@@ -4,19 +4,19 @@ from dataclasses import dataclass
 from typing import Any
 
 from starlette.requests import Request
-from starlette.responses import JSONResponse
 from starlette.routing import BaseRoute, Route
 
-from .app import json_object
-from .faultlayer import CONTROL_PREFIX
-from .faults import Plan
+from .app import Json, object_in
+from .endpoints import CONTROL_PREFIX
 from .gate import Gate
 from .journal import Journal
+from .plan import Plan
 from .protocol import Connections
 from .refusal import Refusal
+from .rules import TEXTS, is_number, is_text, is_whole
 from .service import Service
 
-_LONGEST_WAIT = 60.0
+LONGEST_WAIT = 60
 
 
 @dataclass
@@ -39,9 +39,9 @@ class Control:
             Route(CONTROL_PREFIX + "wait", self.wait, methods=["POST"]),
         ]
 
-    async def state(self, _request: Request) -> JSONResponse:
+    async def state(self, _request: Request) -> Json:
         """Counters, requests, connections, settings and what is left of the scripts."""
-        return JSONResponse(
+        return Json(
             {
                 **self.journal.as_json(),
                 "connections": self.connections.as_json(),
@@ -53,19 +53,19 @@ class Control:
             }
         )
 
-    async def reset(self, _request: Request) -> JSONResponse:
+    async def reset(self, _request: Request) -> Json:
         """Back to the state of the start; what is held goes on."""
         self.service.reset()
-        self.plan.clear()
+        self.plan.reset()
         self.journal.clear()
         self.connections.clear()
         if self.gate is not None:
             self.gate.clear()
-        return JSONResponse({})
+        return Json({})
 
-    async def settings(self, request: Request) -> JSONResponse:
+    async def settings(self, request: Request) -> Json:
         """Change settings by name; "invites" and "revoke_invites" are lists of codes to add and to revoke."""
-        changes = await json_object(request)
+        changes = await object_in(request)
         added = _codes(changes, "invites")
         revoked = _codes(changes, "revoke_invites")
         try:
@@ -74,34 +74,34 @@ class Control:
             raise Refusal(400, str(error)) from None
         self.service.invites.add(added)
         self.service.invites.revoke(revoked)
-        return JSONResponse(self.service.settings.as_json())
+        return Json(self.service.settings.as_json())
 
-    async def faults(self, request: Request) -> JSONResponse:
+    async def faults(self, request: Request) -> Json:
         """Replace the scripts of the endpoints named; an empty list takes a script away."""
-        scripts = await json_object(request)
+        scripts = await object_in(request)
         try:
             self.plan.replace(scripts)
         except ValueError as error:
             raise Refusal(400, str(error)) from None
-        return JSONResponse(self.plan.as_json())
+        return Json(self.plan.as_json())
 
-    async def release(self, _request: Request) -> JSONResponse:
+    async def release(self, _request: Request) -> Json:
         """Let the requests that are held now go on."""
         self.plan.release()
-        return JSONResponse({})
+        return Json({})
 
-    async def wait(self, request: Request) -> JSONResponse:
+    async def wait(self, request: Request) -> Json:
         """Answer with the count once "endpoint" has had "count" requests or "timeout" seconds have passed."""
-        asked = await json_object(request)
+        asked = await object_in(request)
         endpoint, count, timeout = asked.get("endpoint"), asked.get("count"), asked.get("timeout")
-        if not (isinstance(endpoint, str) and isinstance(count, int) and isinstance(timeout, int | float)):
+        if not (is_text(endpoint) and is_whole(count) and is_number(timeout)):
             raise Refusal(400, "endpoint, count and timeout are needed")
-        arrived = await self.journal.wait(endpoint, count, min(float(timeout), _LONGEST_WAIT))
-        return JSONResponse({"count": arrived})
+        arrived = await self.journal.wait(endpoint, count, float(max(0, min(timeout, LONGEST_WAIT))))
+        return Json({"count": arrived})
 
 
 def _codes(changes: dict[str, Any], name: str) -> list[str]:
-    codes = changes.pop(name, [])
-    if not isinstance(codes, list) or not all(isinstance(code, str) for code in codes):
-        raise Refusal(400, f"setting {name!r} must be a list of texts")
+    codes: list[str] = changes.pop(name, [])
+    if not TEXTS.fits(codes):
+        raise Refusal(400, f"setting {name!r} must be {TEXTS.words}")
     return codes

@@ -9,7 +9,7 @@ from .faults import Fault
 from .protocol import Connection
 from .spoil import scripted_bytes
 
-type Pause = Callable[[float], Awaitable[bool]]
+Pause = Callable[[float], Awaitable[bool]]
 
 _GARBAGE = b"this is \x00 not HTTP \xff at all\r\n\r\n"
 _BAD_CHUNK = b"\r\nno size\r\n"

@@ -4,17 +4,19 @@ import asyncio
 import traceback
 from dataclasses import dataclass
 
+from starlette.requests import ClientDisconnect
 from starlette.types import ASGIApp, Message, Receive, Scope, Send
 
+from .accesslog import tell_request
 from .answer import Answer
 from .delivery import break_connection, breaks_connection, send_answer, send_in_halves, send_with_more
-from .faults import Fault, Plan
-from .journal import Entry, Journal, Stopwatch, endpoint_name, known_keys
+from .endpoints import CONTROL_PREFIX, DESCRIPTION_PATH, endpoint_name
+from .faults import Fault
+from .journal import Entry, Journal, Stopwatch, known_keys
+from .plan import Plan
 from .protocol import CONNECTION, Connection, Connections
 from .service import Service
 from .spoil import spoil
-
-CONTROL_PREFIX = "/_control/"
 
 _LARGEST_REQUEST = 1 << 20
 _FRAMING = frozenset({"content-length", "transfer-encoding"})
@@ -25,6 +27,7 @@ class FaultLayer:
     """The whole server as one ASGI application over `app`.
 
     stopping: set when the server ends; whatever waits here then goes on at once.
+    access_log: whether each request is told on standard error.
     """
 
     app: ASGIApp
@@ -33,10 +36,14 @@ class FaultLayer:
     journal: Journal
     connections: Connections
     stopping: asyncio.Event
+    access_log: bool
 
     async def __call__(self, scope: Scope, receive: Receive, send: Send) -> None:
         try:
             await self._dispatch(scope, receive, send)
+        except ClientDisconnect:
+            # It left before its request's end.
+            return
         except Exception:
             # uvicorn is kept silent, so this is the only place where a mistake of our own shows.
             traceback.print_exc()
@@ -45,11 +52,12 @@ class FaultLayer:
     async def _dispatch(self, scope: Scope, receive: Receive, send: Send) -> None:
         connection: Connection = scope["state"][CONNECTION]
         path = scope["raw_path"].decode("latin-1")
-        if path.startswith(CONTROL_PREFIX):
-            self.connections.leave_out(connection.number)
-            await self.app(scope, receive, send)
-            return
         watch = Stopwatch()
+        if path.startswith(CONTROL_PREFIX) or path == DESCRIPTION_PATH:
+            self.connections.leave_out(connection.number)
+            status = await self._unspoilt(scope, receive, send)
+            self._tell(watch, scope, status)
+            return
         body = await _read_body(receive)
         if body is None:
             return
@@ -77,6 +85,25 @@ class FaultLayer:
                 await self._faulty(fault, held_until, scope, receive, send, body, entry)
         finally:
             entry.duration = watch.elapsed()
+            self._tell(watch, scope, entry.status, entry.fault)
+
+    async def _unspoilt(self, scope: Scope, receive: Receive, send: Send) -> int | None:
+        """Let the application answer by itself; returns the status."""
+        status = None
+
+        async def watched(message: Message) -> None:
+            nonlocal status
+            status = message.get("status", status)
+            await send(message)
+
+        await self.app(scope, receive, watched)
+        return status
+
+    def _tell(self, watch: Stopwatch, scope: Scope, status: int | None, fault: str | None = None) -> None:
+        if self.access_log:
+            path = scope["raw_path"].decode("latin-1")
+            number = scope["state"][CONNECTION].number
+            tell_request(watch.started_at, scope["method"], path, status, fault, watch.elapsed(), number)
 
     async def _faulty(
         self,

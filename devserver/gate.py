@@ -9,10 +9,11 @@ from collections import deque
 from collections.abc import Callable, Mapping
 from typing import Any
 
-from .faults import CONNECT, Fault, Plan
+from .faults import CONNECT, Fault
+from .plan import Plan
 from .spoil import scripted_bytes
 
-type MakeProtocol = Callable[[], asyncio.Protocol]
+MakeProtocol = Callable[[], asyncio.Protocol]
 
 _IN_THE_CLEAR = b"HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"
 _HELLO = 65536

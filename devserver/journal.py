@@ -6,20 +6,11 @@ from collections import Counter, deque
 from dataclasses import asdict, dataclass
 from typing import Any
 
-_NAMES = {
-    "/auth/register": "register",
-    "/auth/challenge": "challenge",
-    "/auth/verify": "verify",
-    "/api/profile/display_name": "display_name",
-}
+from .endpoints import ENDPOINTS
+
 # A server that somebody leaves running must not grow for ever.
 _REMEMBERED = 10_000
 _BODY_KEYS = frozenset({"wallet_address", "invite_code", "challenge_id", "signature", "display_name"})
-
-
-def endpoint_name(path: str) -> str:
-    """The short name of the endpoint at `path`, or the path itself where it has none."""
-    return _NAMES.get(path, path)
 
 
 def known_keys(body: dict[str, Any] | None) -> list[str] | None:
@@ -69,7 +60,7 @@ class Journal:
         self._grown.set()
         self._grown = asyncio.Event()
 
-    async def wait(self, endpoint: str, count: int, timeout: float) -> int:
+    async def wait(self, endpoint: str, count: float, timeout: float) -> int:
         """Wait at most `timeout` seconds for `count` requests at `endpoint`; returns how many there are."""
         try:
             async with asyncio.timeout(timeout):
@@ -82,7 +73,7 @@ class Journal:
     def as_json(self) -> dict[str, Any]:
         """The counters by endpoint and the requests, oldest first."""
         return {
-            "counts": {name: self._counts[name] for name in (*_NAMES.values(), *self._counts)},
+            "counts": {name: self._counts[name] for name in (*ENDPOINTS.values(), *self._counts)},
             "requests": [asdict(entry) for entry in self._entries],
         }
 

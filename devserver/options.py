@@ -2,11 +2,15 @@
 
 import argparse
 import json
+import sys
 from collections.abc import Sequence
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any
+from typing import Any, NoReturn
 
+from . import __version__
+from .faultoption import Script, parse_option
+from .faults import CONNECT
 from .settings import Settings
 
 DEFAULT_TLS_NAMES = ("localhost", "127.0.0.1", "::1")
@@ -15,7 +19,7 @@ MINIMUM_SECRET_BYTES = 32
 
 @dataclass(frozen=True)
 class Options:
-    """How to start; `settings` and `invites` are what a reset returns to."""
+    """How to start; `settings`, `invites` and `scripts` are what a reset returns to."""
 
     host: str
     port: int
@@ -29,6 +33,15 @@ class Options:
     exit_with_stdin: bool
     settings: Settings
     invites: tuple[str, ...]
+    scripts: dict[str, Script]
+    access_log: bool
+
+
+class _Parser(argparse.ArgumentParser):
+    """A parser whose complaints are one sentence, without the usage before them."""
+
+    def error(self, message: str) -> NoReturn:
+        self.exit(2, f"{self.prog}: {message} (--help shows all options)\n")
 
 
 def _era(text: str) -> int | None:
@@ -49,20 +62,37 @@ def _secret(text: str) -> bytes:
     return secret
 
 
+def _fault(text: str) -> tuple[str, Script]:
+    try:
+        return parse_option(text)
+    except ValueError as error:
+        raise argparse.ArgumentTypeError(str(error)) from None
+
+
+def _scripts(faults: Sequence[tuple[str, Script]]) -> dict[str, Script]:
+    """The faults of each endpoint in their order."""
+    scripts: dict[str, Script] = {}
+    for endpoint, script in faults:
+        scripts.setdefault(endpoint, []).extend(script)
+    return scripts
+
+
 # argparse names a converter in its error messages.
 _era.__name__ = "era number"
 _claims.__name__ = "JSON object"
 
 
 def _parser() -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(
-        prog="python -m devserver",
+    name = Path(sys.argv[0]).name
+    parser = _Parser(
+        prog="python -m devserver" if name == "__main__.py" else name,
         description="Play the service that a wallet logs in to. "
         "One JSON line on standard output tells the URL once the server listens.",
         epilog="While it runs it is asked and told more as JSON: GET /_control/state; "
-        "POST to settings, faults, release, wait, reset; devserver/faults.py tells the form of faults.",
+        "POST to settings, faults, release, wait, reset. GET /openapi.json describes all of it.",
         allow_abbrev=False,
     )
+    parser.add_argument("--version", action="version", version=f"tessaline-devserver {__version__}")
     _add_listening(parser.add_argument_group("listening"))
     _add_service(parser.add_argument_group("service"))
     return parser
@@ -83,6 +113,8 @@ def _add_listening(group: argparse._ArgumentGroup) -> None:
     add("--ca-file", type=Path, metavar="PATH", help=ca_help)
     keep_help = "when to close an idle connection (%(default)s)"
     add("--keep-alive", type=int, default=75, metavar="SECONDS", help=keep_help)
+    log_help = "a line on standard error for each request, and where the server is at the start"
+    add("--access-log", action="store_true", help=log_help)
     add("--exit-with-stdin", action="store_true", help="end when standard input is closed")
 
 
@@ -104,6 +136,13 @@ def _add_service(group: argparse._ArgumentGroup) -> None:
     add("--challenge-lifetime", type=float, default=lifetime, metavar="SECONDS", help=challenge_help)
     skew_help = "how far the server's clock is ahead (%(default)s)"
     add("--clock-skew", type=float, default=0.0, metavar="SECONDS", help=skew_help)
+    fault_help = (
+        "a fault for the next requests at an endpoint, repeatable: verify=503x2, challenge=reset, "
+        "verify=delay:2.5, '*=503xall' (for ever), or ENDPOINT=JSON"
+    )
+    add(
+        "--fault", type=_fault, action="append", default=[], metavar="ENDPOINT=FAULT[xTIMES]", help=fault_help
+    )
     secret_help = "signs tokens and derives wallet secrets, so that both outlive the server (default: random)"
     add("--jwt-secret", type=_secret, metavar="TEXT", help=secret_help)
 
@@ -127,6 +166,9 @@ def parse(arguments: Sequence[str] | None = None) -> Options:
         )
     except ValueError as error:
         parser.error(str(error))
+    scripts = _scripts(given.fault)
+    if CONNECT in scripts and not given.gate:
+        parser.error(f"--fault: the endpoint {CONNECT!r} is there with --gate only")
     if given.ca_file is not None and not given.ca_file.parent.is_dir():
         parser.error(f"--ca-file: there is no directory {given.ca_file.parent}")
     return Options(
@@ -142,4 +184,6 @@ def parse(arguments: Sequence[str] | None = None) -> Options:
         exit_with_stdin=given.exit_with_stdin,
         settings=settings,
         invites=tuple(given.invite),
+        scripts=scripts,
+        access_log=given.access_log,
     )

@@ -7,27 +7,31 @@ import logging
 import os
 import socket
 import ssl
+import sys
 import tempfile
 import threading
-from collections.abc import Callable
+from collections.abc import Callable, Mapping
 from pathlib import Path
 from types import FrameType
 from typing import cast
 
 import uvicorn
 
+from .accesslog import tell
 from .app import Endpoints, make_app
 from .control import Control
 from .faultlayer import FaultLayer
-from .faults import Plan
 from .gate import Gate
 from .journal import Journal
+from .openapi import description_route
 from .options import Options
+from .plan import Plan
 from .protocol import Connections, connection_class
 from .service import Service
 from .tls import make_context, make_flawed_contexts
 
 _GRACE_SECONDS = 1
+_FRAMES = 1000
 
 
 class _Server(uvicorn.Server):
@@ -39,8 +43,10 @@ class _Server(uvicorn.Server):
         announcement: dict[str, object],
         stopping: asyncio.Event,
         gate: Gate | None,
+        access_log: bool,
     ) -> None:
         super().__init__(config)
+        self._access_log = access_log
         self._announcement = announcement
         self._stopping = stopping
         self._gate = gate
@@ -50,6 +56,8 @@ class _Server(uvicorn.Server):
         if self._gate is not None:
             self._gate.open(self._make_protocol)
         print(json.dumps(self._announcement), flush=True)
+        if self._access_log:
+            tell(_told(self._announcement))
 
     async def shutdown(self, sockets: list[socket.socket] | None = None) -> None:
         self._stopping.set()
@@ -72,6 +80,8 @@ def run(options: Options, listener: socket.socket, gate_listener: socket.socket 
     gate_listener: the same service behind `devserver.gate`.
     OSError: the authority's certificate cannot be written.
     """
+    # An import of eth_account's raises it to where deeply nested JSON overflows the stack of Python 3.11.
+    sys.setrecursionlimit(_FRAMES)
     with contextlib.ExitStack() as stack:
         context = None
         ca_file = None
@@ -84,7 +94,7 @@ def run(options: Options, listener: socket.socket, gate_listener: socket.socket 
         flawed = (
             {} if ca_file is None or not options.gate else make_flawed_contexts(ca_file, options.tls_names)
         )
-        plan = Plan()
+        plan = Plan(options.scripts)
         gate = None if gate_listener is None else Gate(gate_listener, plan, context, flawed)
         scheme = "https" if options.tls else "http"
         announcement: dict[str, object] = {
@@ -124,7 +134,7 @@ async def _serve(
     )
     # A broken connection is what this server is for; asyncio's remarks about it are no news.
     logging.getLogger("asyncio").setLevel(logging.ERROR)
-    server = _Server(config, announcement, stopping, gate)
+    server = _Server(config, announcement, stopping, gate, options.access_log)
     if options.exit_with_stdin:
         threading.Thread(target=_end_with_stdin, args=(server,), daemon=True).start()
     await server.serve([listener])
@@ -136,8 +146,18 @@ def _application(
     service = Service(options.settings, options.invites, options.secret)
     journal = Journal()
     control = Control(service, plan, journal, connections, gate)
-    app = make_app([*Endpoints(service).routes(), *control.routes()])
-    return FaultLayer(app, service, plan, journal, connections, stopping)
+    app = make_app([*Endpoints(service).routes(), *control.routes(), description_route()])
+    return FaultLayer(app, service, plan, journal, connections, stopping, options.access_log)
+
+
+def _told(announcement: Mapping[str, object]) -> str:
+    """The announcement for people."""
+    line = f"serving {announcement['url']}"
+    if "gate_url" in announcement:
+        line += f" and, behind the gate, {announcement['gate_url']}"
+    if announcement["ca_file"] is not None:
+        line += f"; clients trust it with {announcement['ca_file']}"
+    return line
 
 
 def _url(listener: socket.socket, scheme: str) -> str:

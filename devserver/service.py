@@ -37,7 +37,7 @@ class Service:
         self.wallets.clear()
         self.challenges.clear()
 
-    def register(self, address: str, invite_code: object) -> None:
+    def register(self, address: str, invite_code: str | None) -> None:
         """Register the checksum `address`, spending the invite where a new wallet needs one."""
         if address in self.wallets:
             return

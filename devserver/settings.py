@@ -1,46 +1,20 @@
 """What the server can be told at start and changed in while it runs."""
 
-import math
 import time
-from collections.abc import Callable, Mapping
+from collections.abc import Mapping
 from dataclasses import dataclass, field, fields
 from typing import Any
 
-type Check = Callable[[Any], bool]
+from .rules import FLAG, INTEGER_OR_NULL, LIFETIME, OBJECT, SECONDS, Rule
 
-
-def is_number(value: Any) -> bool:
-    return isinstance(value, int | float) and not isinstance(value, bool) and math.isfinite(value)
-
-
-def is_integer(value: Any) -> bool:
-    return isinstance(value, int) and not isinstance(value, bool)
-
-
-def is_text(value: Any) -> bool:
-    return isinstance(value, str)
-
-
-def is_flag(value: Any) -> bool:
-    return isinstance(value, bool)
-
-
-def is_object(value: Any) -> bool:
-    return isinstance(value, dict)
-
-
-def is_positive_number(value: Any) -> bool:
-    return is_number(value) and value > 0
-
-
-_CHECKS: dict[str, tuple[Check, str]] = {
-    "era": (lambda value: value is None or is_integer(value), "an integer or null"),
-    "claims": (is_object, "an object"),
-    "invite_only": (is_flag, "true or false"),
-    "allow_unregistered": (is_flag, "true or false"),
-    "clock_skew": (is_number, "a number of seconds"),
-    "challenge_lifetime": (is_number, "a number of seconds"),
-    "token_lifetime": (is_positive_number, "a positive number of seconds"),
+RULES: dict[str, Rule] = {
+    "era": INTEGER_OR_NULL,
+    "claims": OBJECT,
+    "invite_only": FLAG,
+    "allow_unregistered": FLAG,
+    "clock_skew": SECONDS,
+    "challenge_lifetime": SECONDS,
+    "token_lifetime": LIFETIME,
 }
 
 
@@ -72,13 +46,12 @@ class Settings:
     def update(self, changes: Mapping[str, Any]) -> None:
         """Apply `changes` by field name, all or none; ValueError names the first that is unknown or unfit."""
         for name, value in changes.items():
-            if name not in _CHECKS:
+            if name not in RULES:
                 raise ValueError(f"unknown setting {name!r}")
-            check, expected = _CHECKS[name]
-            if not check(value):
-                raise ValueError(f"setting {name!r} must be {expected}")
+            if not RULES[name].fits(value):
+                raise ValueError(f"setting {name!r} must be {RULES[name].words}")
         for name, value in changes.items():
-            setattr(self, name, value)
+            setattr(self, name, RULES[name].take(value))
 
     def as_json(self) -> dict[str, Any]:
         """The settings by name, with the names of the extra claims in place of their values."""

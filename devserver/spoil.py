@@ -10,8 +10,8 @@ from .answer import Answer
 from .faults import Fault
 from .service import Service
 
-type Fields = Mapping[str, Any]
-type Spoiler = Callable[[Answer, Fields, Service], Answer]
+Fields = Mapping[str, Any]
+Spoiler = Callable[[Answer, Fields, Service], Answer]
 
 _STALE = {404: "challenge_unknown", 409: "challenge_used", 410: "challenge_expired"}
 _STRANGER = "0x000000000000000000000000000000000000dEaD"

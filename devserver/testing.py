@@ -172,7 +172,7 @@ class DevServer:
         return entries
 
     def faults(self, endpoint: str, script: Sequence[Mapping[str, Any]]) -> None:
-        """Replace the script of `endpoint`; ``devserver.faults`` tells its form.
+        """Replace the script of `endpoint`; docs/devserver.md tells its form.
 
         endpoint: "register", "challenge", "verify", "display_name", a path, "*", or "connect".
         """

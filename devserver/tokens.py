@@ -8,7 +8,8 @@ from typing import Any
 import jwt
 
 from .refusal import Refusal
-from .settings import Settings, is_number
+from .rules import is_number
+from .settings import Settings
 
 ALGORITHM = "HS256"
 

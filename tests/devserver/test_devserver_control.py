@@ -2,12 +2,13 @@
 
 import base64
 import json
+import socket
 import threading
 from concurrent.futures import ThreadPoolExecutor
 from typing import Any
 
 import pytest
-from devserver_client import REGISTER, Client, claims_of
+from devserver_client import REGISTER, SECONDS, Client, claims_of
 
 from devserver.testing import DevServer, DevServerError
 
@@ -167,8 +168,72 @@ def test_a_bad_script_is_refused_and_changes_nothing(
 def test_control_refuses_what_it_does_not_know(server: DevServer, client: Client) -> None:
     assert client.post("/_control/nonsense", {}).status == 404
     assert client.post("/_control/state", {}).status == 405
-    assert client.request("POST", "/_control/settings", b"{}").error == "invalid_content_type"
+    assert client.request("POST", "/_control/settings", b"settings").error == "invalid_json"
     assert client.post("/_control/wait", {"endpoint": "verify"}).status == 400
+
+
+@pytest.mark.parametrize("headers", [{}, {"Content-Type": "application/x-www-form-urlencoded"}])
+def test_control_takes_json_of_any_media_type(
+    server: DevServer, client: Client, headers: dict[str, str]
+) -> None:
+    faults = client.request("POST", "/_control/faults", b'{"register": [{"kind": "reset"}]}', headers)
+    assert faults.json == {"register": [{"kind": "reset", "times": 1}]}
+    assert client.request("POST", "/_control/settings", b'{"era": 7}', headers).json["era"] == 7
+    wait = b'{"endpoint": "verify", "count": 0, "timeout": 1}'
+    assert client.request("POST", "/_control/wait", wait, headers).json == {"count": 0}
+    assert client.request("POST", "/_control/release", None, headers).status == 200
+    assert client.request("POST", "/_control/reset", None, headers).status == 200
+    assert server.state()["faults"] == {}
+
+
+def test_a_script_goes_by_the_endpoint_or_by_its_path(server: DevServer, client: Client) -> None:
+    server.faults("/auth/register", [{"kind": "status", "status": 503}])
+    assert (client.register().status, client.register().status) == (503, 200)
+
+
+@pytest.mark.parametrize("name", ["verfy", "", "auth/verify", "/späť", "/\n", "/\ud800"])
+def test_a_script_for_what_is_no_endpoint_is_refused(server: DevServer, name: str) -> None:
+    with pytest.raises(DevServerError, match="none of: register, challenge"):
+        server.faults(name, [{"kind": "reset"}])
+
+
+@pytest.mark.parametrize(
+    ("name", "asked"),
+    [
+        ("settings", b'{"claims": {"\\ud800": 1}}'),
+        ("settings", b'{"clock_skew": 1e10, "token_lifetime": 1e10, "challenge_lifetime": -1e10}'),
+        ("settings", b'{"clock_skew": -1e10, "era": 1' + 100 * b"0" + b"}"),
+        ("wait", b'{"endpoint": "verify", "count": 1' + 400 * b"0" + b', "timeout": -1' + 400 * b"0" + b"}"),
+        ("wait", b'{"endpoint": "/", "count": -1.0, "timeout": 1e308}'),
+        ("settings", b'{"era": 7.0}'),
+        ("faults", b'{"verify": [{"kind": "cut_body", "sent": 1.0, "times": 2.0}]}'),
+    ],
+)
+def test_what_is_odd_but_right_breaks_nothing(
+    server: DevServer, client: Client, name: str, asked: bytes
+) -> None:
+    assert client.request("POST", f"/_control/{name}", asked).status == 200
+    assert server.state()["wallets"] == 0
+    assert client.register().status == 200
+    assert client.challenge().status == 200
+
+
+@pytest.mark.parametrize(
+    ("name", "asked"),
+    [
+        ("settings", b'{"clock_skew": 1e300}'),
+        ("settings", b'{"clock_skew": 1' + 400 * b"0" + b"}"),
+        ("settings", b'{"token_lifetime": NaN}'),
+        ("settings", b'{"invites": ["\\ud800"]}'),
+        ("wait", b'{"endpoint": "verify", "count": 1, "timeout": Infinity}'),
+        ("wait", b'{"endpoint": "verify", "count": true, "timeout": 1}'),
+        ("faults", b'{"verify": [{"kind": "garbage", "body": "\\ud800"}]}'),
+        ("faults", b'{"verify": [{"kind": "delay", "seconds": 1' + 400 * b"0" + b"}]}"),
+        ("faults", b'{"verify": [{"kind": "stale_challenge", "status": 404.0}]}'),
+    ],
+)
+def test_what_cannot_be_kept_is_refused(client: Client, name: str, asked: bytes) -> None:
+    assert client.request("POST", f"/_control/{name}", asked).status == 400
 
 
 def test_waiting_ends_when_the_requests_have_come(server: DevServer) -> None:
@@ -205,3 +270,11 @@ def test_many_wallets_log_in_at_once(server: DevServer) -> None:
     with ThreadPoolExecutor(16) as pool:
         assert list(pool.map(log_in, range(16), timeout=10)) == [200] * 16
     assert server.state()["counts"]["verify"] == 16
+
+
+def test_a_client_that_leaves_within_a_control_request_is_let_go(server: DevServer) -> None:
+    with socket.create_connection(("127.0.0.1", server.port), SECONDS) as connection:
+        connection.sendall(b"POST /_control/faults HTTP/1.1\r\nHost: x\r\nContent-Length: 9\r\n\r\n{")
+    with socket.create_connection(("127.0.0.1", server.port), SECONDS) as connection:
+        connection.sendall(b"POST /_control/faults HTTP/1.1\r\nHost: x\r\nContent-Length: 2\r\n\r\n{}")
+        assert connection.recv(12) == b"HTTP/1.1 200"

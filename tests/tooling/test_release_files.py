@@ -7,6 +7,7 @@ from typing import Any
 
 import pytest
 
+import devserver
 import tessaline
 from tessaline import auth
 from transport.raw import RawServer
@@ -42,6 +43,7 @@ def only(pattern: str, text: str) -> str:
 def test_every_file_names_the_same_version() -> None:
     version = pyproject()["project"]["version"]
     assert tessaline.__version__ == version
+    assert devserver.__version__ == version
     assert only(r"^project\(tessaline VERSION (\S+) ", read("CMakeLists.txt")) == version
     assert RELEASE.findall(read("CHANGELOG.md"))[0] == version
 

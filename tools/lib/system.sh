@@ -67,6 +67,8 @@ has_package() {
     haproxy) at_least 2.6 "$(version_of haproxy -v)" ;;
     squid-openssl) squid -v | grep -e --with-openssl ;;
     tinyproxy) at_least 1.11 "$(version_of tinyproxy -v)" ;;
+    # fetch is there from 18 on.
+    nodejs) tool node 18 ;;
     nginx) type -P nginx || [[ -x /usr/sbin/nginx ]] ;;
     shellcheck) tool shellcheck 0.9 ;;
     chromium) type -P chromium ;;

@@ -1,0 +1,33 @@
+"""The access log: a line for each request, on standard error."""
+
+import contextlib
+import sys
+from datetime import UTC, datetime
+
+# In a path nobody but a client chooses what stands, and it goes to a terminal.
+_LONGEST_PATH = 200
+
+
+def tell(line: str) -> None:
+    """Write a line, which appears at once; where nobody reads any more, nothing happens."""
+    with contextlib.suppress(OSError):
+        print(line, file=sys.stderr, flush=True)
+
+
+def tell_request(
+    time: float,
+    method: str,
+    path: str,
+    status: int | None,
+    fault: str | None,
+    duration: float,
+    connection: int,
+) -> None:
+    """Write the line of a request.
+
+    time: Unix seconds of its arrival. status: of the answer, None where there was none. fault: its kind.
+    """
+    when = datetime.fromtimestamp(time, UTC).isoformat(timespec="milliseconds").replace("+00:00", "Z")
+    shown = path if len(path) <= _LONGEST_PATH else f"{path[:_LONGEST_PATH]}..."
+    line = f"{when} {method} {shown} {'-' if status is None else status} {duration * 1000:.1f} ms"
+    tell(f"{line} connection {connection}" + (f" fault {fault}" if fault is not None else ""))
