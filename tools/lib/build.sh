@@ -13,18 +13,19 @@ warnings_are_errors() {
   if [[ ${CI:-} == true ]] || grep -qs ' werror=ON ' .venv/.built; then echo ON; else echo OFF; fi
 }
 
+# need_build TESTS: ON builds the native test programs too; a tree that has them goes on having them.
 need_build() {
-  local wanted werror
+  local wanted werror tests=$1
   werror=$(warnings_are_errors)
-  wanted="$PWD $CXX $("$CXX" -dumpversion) werror=$werror $(build_inputs | xargs -0 sha256sum | sha256sum)"
+  if grep -qs ' tests=ON ' .venv/.built; then tests=ON; fi
+  wanted="$PWD $CXX $("$CXX" -dumpversion) werror=$werror tests=$tests $(build_inputs | xargs -0 sha256sum | sha256sum)"
   [[ -e build/release/CMakeCache.txt ]] && is_done .venv/.built "$wanted" && return
 
-  say "building"
   # Everything is compiled once: the wheel is built in the tree of the `release` preset, which so also holds
   # the native test programs and, for work without installing, an importable package.
-  logged build .venv/bin/python -m pip install --no-input --disable-pip-version-check --no-deps \
+  step "compiling" build .venv/bin/python -m pip install --no-input --disable-pip-version-check --no-deps \
     --no-build-isolation --verbose . \
-    -C build-dir=build/release -C cmake.build-type=Release -C cmake.define.TESSALINE_TESTS=ON \
-    -C cmake.define.TESSALINE_WERROR="$werror"
+    -C build-dir=build/release -C cmake.build-type=Release -C cmake.define.TESSALINE_PRECOMPILE=ON \
+    -C cmake.define.TESSALINE_TESTS="$tests" -C cmake.define.TESSALINE_WERROR="$werror"
   mark_done .venv/.built "$wanted"
 }

@@ -23,6 +23,35 @@ logged() {
   fail "that failed; the whole log is in $log"
 }
 
+# how_far LOG: what of it is done, as far as a build or an installation tells.
+how_far() {
+  local count
+  count=$(tail -n 5 "$1" | grep -oE '\[[0-9]+/[0-9]+\]' | tail -n 1) ||
+    count=$(grep -c '^Collecting ' "$1") || return 0
+  printf '%s ' "$count"
+}
+
+# step WHAT NAME COMMAND...: as `logged`, and tells what it does, how far it is and how long it took.
+step() {
+  local what="${number-}$1" log=build/logs/$2.log begin=$SECONDS watcher=
+  say "$what"
+  mkdir -p build/logs
+  : >"$log"
+  if [[ -t 1 ]]; then
+    # Ctrl-C does not reach a background process, so it looks whether this shell is still there.
+    while sleep 0.5 && kill -0 $$ 2>/dev/null; do
+      printf '\r       %s%d s' "$(how_far "$log")" $((SECONDS - begin))
+    done &
+    watcher=$!
+  fi
+  logged "${@:2}"
+  if [[ -n $watcher ]]; then
+    kill "$watcher"
+    wait "$watcher" 2>/dev/null || printf '\r\033[K'
+  fi
+  say "$what: $((SECONDS - begin)) s"
+}
+
 # at_least WANTED FOUND: compares versions.
 at_least() { [[ $(printf '%s\n' "$1" "$2" | sort -V | head -n 1) == "$1" ]]; }
 

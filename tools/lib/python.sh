@@ -45,29 +45,32 @@ find_python() {
     "run: uv python install 3.15 (or: pyenv install 3.15), or say where one is: make PYTHON=..."
 }
 
-need_venv() {
-  local wanted
-  wanted="$PWD $(sha256sum <requirements/dev.txt)"
-  if [[ -n ${PYTHON:-} ]]; then
-    wanted+=" $(find_python)"
-  elif [[ -x .venv/bin/python ]]; then
-    wanted+=" $(python_behind .venv/bin/python || true)"
-  fi
-  is_done .venv/.set-up "$wanted" && return
+venv_mark() { printf '%s\n' "$PWD $1 $(sha256sum <"requirements/$1.txt") $2"; }
 
-  # One that is made anew for other packages keeps its Python.
-  local python=
-  [[ -n ${PYTHON:-} ]] || python=$(python_behind .venv/bin/python) || true
-  [[ -n $python ]] || python=$(find_python)
-  say "creating .venv with $("$python" --version), $python"
-  logged venv "$python" -m venv --clear .venv
-  # A tree that was configured for another Python does not find this one.
-  find build -name CMakeCache.txt -delete
+# need_venv LIST: .venv with what requirements/LIST.txt pins, or with more.
+need_venv() {
+  local list=$1 python=
+  if [[ -n ${PYTHON:-} ]]; then
+    python=$(find_python)
+  elif [[ -x .venv/bin/python ]]; then
+    # One that is made anew for other packages keeps its Python.
+    python=$(python_behind .venv/bin/python) || true
+  fi
+  is_done .venv/.set-up "$(venv_mark dev "$python")" && return
+  is_done .venv/.set-up "$(venv_mark "$list" "$python")" && return
+
+  if ! is_done .venv/.set-up "$(venv_mark demo "$python")"; then
+    [[ -n $python ]] || python=$(find_python)
+    say "creating .venv with $("$python" --version), $python"
+    logged venv "$python" -m venv --clear .venv
+    # A tree that was configured for another Python does not find this one.
+    find build -name CMakeCache.txt -delete
+  fi
   # The list is complete, so nothing that it does not pin gets in.
-  logged packages .venv/bin/python -m pip install --quiet --no-input --disable-pip-version-check --no-deps \
-    --requirement requirements/dev.txt
+  step "$(grep -c == "requirements/$list.txt") Python packages" packages .venv/bin/python -m pip install --no-input \
+    --disable-pip-version-check --no-deps --requirement "requirements/$list.txt"
   logged packages-check .venv/bin/python -m pip check
-  mark_done .venv/.set-up "$PWD $(sha256sum <requirements/dev.txt) $python"
+  mark_done .venv/.set-up "$(venv_mark "$list" "$python")"
 }
 
 # need_pinned NAME: what requirements/NAME.txt adds to .venv, in a place of its own, because only one tool needs it.

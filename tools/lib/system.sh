@@ -118,14 +118,13 @@ need_packages() {
   fi
   command -v apt-get >/dev/null || fail "missing system packages (by their Debian names): ${wanted[*]}"
 
-  say "installing system packages: ${wanted[*]}"
   local -a apt=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -q -o DPkg::Lock::Timeout=300)
   # Stale lists may still do, so only the installation decides.
   mkdir -p build/logs
   "${apt[@]}" update >build/logs/apt-update.log 2>&1 </dev/null || true
   local -a offered
   read -r -a offered <<<"$(on_offer "${wanted[@]}")"
-  logged apt-install "${apt[@]}" install -y --no-install-recommends "${offered[@]}"
+  step "system packages: ${offered[*]}" apt-install "${apt[@]}" install -y --no-install-recommends "${offered[@]}"
 
   read -r -a wanted <<<"$(missing "${wanted[@]}")"
   ((${#wanted[@]} == 0)) || fail "installed, but still not usable: ${wanted[*]}"
