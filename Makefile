@@ -79,8 +79,9 @@ torture: build ## fail every allocation and library call in turn (about 7 min); 
 wheel: build ## dist/: a wheel that needs nothing but glibc, and the source archive (10 min; 1 min when it built before)
 	@tools/wheel
 
-wheels: build ## dist/: one for each CPython (3.13, 3.14, 3.15) on x86-64 and aarch64 (15 min on two idle cores, an hour on busy ones)
+wheels: build ## dist/: one for each CPython (3.13, 3.14, 3.15) on x86-64 and aarch64, and the development server's (15 min)
 	@tools/wheel --all
+	@tools/devserver-wheel
 
 test-wheel: wheel ## install that wheel into fresh environments, and run the tests against it (6 min)
 	@tools/test-wheel $(ARGS)
