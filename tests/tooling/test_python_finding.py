@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 import re
+import shutil
 import sys
 import sysconfig
 import tomllib
@@ -43,7 +44,9 @@ def found_among(tmp_path: Path, *candidates: str) -> str:
         answer = f"cat >/dev/null; echo found {version}" if version in candidates else "exit 1"
         program(tmp_path / f"bin/python{version}", answer)
     program(tmp_path / "bin/uv", "exit 1")
-    path = os.pathsep.join([str(tmp_path / "bin"), "/usr/bin", "/bin"])
+    for name in ("bash", "cat", "dirname", "env"):
+        (tmp_path / "bin" / name).symlink_to(shutil.which(name) or name)
+    path = str(tmp_path / "bin")
     nothing = str(tmp_path / "no-pyenv")
     ended = shell("find_python", PATH=path, PYENV_ROOT=nothing, PYTHON="")
     assert ended.returncode == 0, ended.stderr

@@ -117,8 +117,9 @@ def namespaces() -> list[str]:
     """What gives a shell the right to namespaces; skips where nobody has it."""
     prefix = [] if os.geteuid() == 0 else ["unshare", "--user", "--map-root-user"]
     probe = [*prefix, "unshare", "--mount", "--pid", "--fork", "--mount-proc", "true"]
-    if not shutil.which("unshare") or subprocess.run(probe, capture_output=True, timeout=DEADLINE).returncode:
-        pytest.skip("this user may not have namespaces")
+    missing = [name for name in ("unshare", "setpriv", "pivot_root") if not shutil.which(name)]
+    if missing or subprocess.run(probe, capture_output=True, timeout=DEADLINE).returncode:
+        pytest.skip(f"no {missing}" if missing else "this user may not have namespaces")
     return prefix
 
 

@@ -73,6 +73,8 @@ has_package() {
     shellcheck) tool shellcheck 0.9 ;;
     chromium) type -P chromium ;;
     debootstrap) type -P debootstrap ;;
+    # Where newer releases have it.
+    util-linux-extra) type -P pivot_root ;;
     qemu-user-static) compgen -G '/usr/lib/binfmt.d/qemu-*.conf' ;;
     spin) spin -V 2>/dev/null | grep '^Spin Version' ;;
     *) fail "has_package: no rule for $1" ;;
