@@ -266,7 +266,7 @@ def test_the_import_starts_no_thread_and_opens_nothing() -> None:
         print(json.dumps([first, seen()]))
     """)
     assert after == before
-    assert before["threads"] == 1
+    assert before["python threads"] == 1
 
 
 def test_the_import_loads_only_what_it_names() -> None:

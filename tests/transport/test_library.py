@@ -110,7 +110,8 @@ def test_a_fork_while_it_is_loaded_leaves_the_child_no_lock(
     source.write_text(SLOW)
     found = ["-Wl,--no-as-needed", "-L", str(PACKAGE), f"-l:{LIBRARY}", f"-Wl,-rpath,{PACKAGE}"]
     place = str(package / LIBRARY)
-    command = ["gcc", "-shared", "-fPIC", f'-DFIFO="{fifo}"', str(source), "-o", place, *found]
+    compiler = os.environ.get("CXX", "g++")
+    command = [compiler, "-x", "c", "-shared", "-fPIC", f'-DFIFO="{fifo}"', str(source), "-o", place, *found]
     subprocess.run(command, check=True, timeout=60)
     with subprocess.Popen(
         [sys.executable, "-c", FORKING, str(unused_port)],

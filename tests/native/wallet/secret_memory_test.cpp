@@ -1,6 +1,7 @@
 #include "tessaline/auth/wallet/secret_memory.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -58,6 +59,22 @@ std::string mapping_flags(const void* address) {
     if (inside && line.starts_with("VmFlags:")) return line + " ";
   }
   return {};
+}
+
+/// A page of its own; null where there is no memory.
+void* map_page() {
+  void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  return page == MAP_FAILED ? nullptr : page;
+}
+
+/// Whether the kernel shows of a page that it stays out of core dumps. An emulator of processors does not ask
+/// for it.
+bool shows_what_is_not_dumped() {
+  void* page = map_page();
+  madvise(page, 4096, MADV_DONTDUMP);
+  const bool shown = mapping_flags(page).find(" dd ") != std::string::npos;
+  munmap(page, 4096);
+  return shown;
 }
 
 /// Ends the calling child with 0 when it can acquire, use and release; by a signal when that hangs.
@@ -173,7 +190,7 @@ TEST(SecretSlotTest, MovedFromTakesAnotherSlot) {
 TEST(SecretSlotTest, PagesStayOutOfCoreDumps) {
   const SecretSlot slot = SecretSlot::acquire();
   const std::string flags = mapping_flags(slot.bytes().data());
-  if (flags.empty()) GTEST_SKIP() << "the kernel shows no mapping flags";
+  if (!shows_what_is_not_dumped()) GTEST_SKIP() << "nothing shows here what stays out of core dumps";
   EXPECT_NE(flags.find(" dd "), std::string::npos) << flags;
 }
 
@@ -239,6 +256,8 @@ TEST(SecretSlotTest, ForkedChildAcquiresWhileOtherThreadsAreAtWork) {
   for (std::thread& thread : threads) thread.join();
 }
 
+constexpr int kNoLimits = 2;
+
 TEST(SecretSlotTest, ThrowsWhenTheSystemHasNoMemory) {
 #if defined(TESSALINE_ADDRESS_SANITIZER) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the sanitizer needs address space of its own";
@@ -249,6 +268,7 @@ TEST(SecretSlotTest, ThrowsWhenTheSystemHasNoMemory) {
     slots.reserve(1000);
     const rlimit none = {0, 0};
     setrlimit(RLIMIT_AS, &none);
+    if (map_page() != nullptr) std::_Exit(kNoLimits);
     try {
       while (slots.size() < slots.capacity()) slots.push_back(SecretSlot::acquire());
     } catch (const std::bad_alloc&) {
@@ -256,7 +276,10 @@ TEST(SecretSlotTest, ThrowsWhenTheSystemHasNoMemory) {
     }
     std::_Exit(1);
   }
-  EXPECT_EQ(wait_for(child), 0);
+  const int status = wait_for(child);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == kNoLimits)
+    GTEST_SKIP() << "an emulator of processors keeps no limit of memory";
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace
