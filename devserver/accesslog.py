@@ -1,6 +1,6 @@
 """The access log: a line for each request, on standard error."""
 
-import contextlib
+import os
 import sys
 from datetime import UTC, datetime
 
@@ -10,8 +10,12 @@ _LONGEST_PATH = 200
 
 def tell(line: str) -> None:
     """Write a line, which appears at once; where nobody reads any more, nothing happens."""
-    with contextlib.suppress(OSError):
+    try:
         print(line, file=sys.stderr, flush=True)
+    except OSError:
+        # What is still to be written would fail again when the program ends, and be its exit code.
+        with open(os.devnull, "wb") as nothing:
+            os.dup2(nothing.fileno(), sys.stderr.fileno())
 
 
 def tell_request(
