@@ -43,11 +43,9 @@ def printed_by(module: str, *arguments: str, **environment: str) -> list[str]:
 def importing(rounds: int) -> Group:
     """The import after the host's own modules that it needs, in fresh processes with warm file caches."""
     modules = printed_by("import_time")[1].split()
-    milliseconds = [
-        seconds * 1000
-        for seconds in in_turns({"": lambda: float(printed_by("import_time", *modules)[0])}, rounds)[""]
-    ]
-    figure = Figure("import, standard library already loaded", "ms", Ratio.around(milliseconds), 3.0)
+    samples = in_turns({"import": lambda: float(printed_by("import_time", *modules)[0])}, rounds)["import"]
+    milliseconds = Ratio.around([sample * 1000 for sample in samples])
+    figure = Figure("import, standard library already loaded", "ms", milliseconds, 3.0)
     return Group("Import", [figure], {"import": figure.ratio.median / 1000})
 
 

@@ -7,6 +7,8 @@ from typing import Any
 
 from docsite.figures.bars import CHARTS, FOLDER, measured
 
+from .ratios import Figure, Ratio
+
 UNITS = ("µs", "ms", "KiB", "MiB")
 SMALL = 0.1
 
@@ -18,21 +20,24 @@ def amount(value: float, unit: str) -> str:
     return f"1/{1 / value:,.0f}" if value < SMALL else f"{value:.3g}"
 
 
-def row(figure: Mapping[str, Any]) -> str:
-    unit, target = figure["unit"], figure["target"]
-    sign = "≤" if figure["at_most"] else "≥"
+def figure_of(told: Mapping[str, Any]) -> Figure:
+    ratio = Ratio(told["median"], told["low"], told["high"])
+    return Figure(told["subject"], told["unit"], ratio, told["target"], told["at_most"], told["note"])
+
+
+def row(figure: Figure) -> str:
+    unit, target = figure.unit, figure.target
+    sign = "≤" if figure.at_most else "≥"
     bound = "" if target is None else f"{sign} {amount(target, unit)}"
-    reached = target is None or (
-        figure["median"] <= target if figure["at_most"] else figure["median"] >= target
-    )
-    verdict = "" if reached else " **missed**"
+    verdict = "" if figure.reached else " **missed**"
     beside = "" if unit in UNITS else unit
-    return f"| {figure['subject']} | {beside} | {amount(figure['median'], unit)} | {bound}{verdict} |"
+    return f"| {figure.subject} | {beside} | {amount(figure.ratio.median, unit)} | {bound}{verdict} |"
 
 
 def page(content: Mapping[str, Any]) -> str:
     charts = [f"![{chart.title}]({chart.name}.svg)\n" for chart in CHARTS]
-    notes = [f"- {figure['subject']}: {figure['note']}." for figure in content["figures"] if figure["note"]]
+    figures = [figure_of(told) for told in content["figures"]]
+    notes = [f"- {figure.subject}: {figure.note}." for figure in figures if figure.note]
     lines = [
         "# Benchmarks",
         "",
@@ -50,7 +55,7 @@ def page(content: Mapping[str, Any]) -> str:
         "",
         "| what | compared with | result | limit |",
         "|---|---|---|---|",
-        *map(row, content["figures"]),
+        *map(row, figures),
         "",
         *notes,
     ]

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import statistics
 import sys
 import tempfile
@@ -10,6 +11,8 @@ from collections.abc import Iterator, Mapping, Sequence
 from contextlib import contextmanager
 from functools import partial
 from pathlib import Path
+
+from tools.wheels.targets import here
 
 from .footprint import printed_by, search_path
 from .network_trust import trusted_beside_the_system
@@ -24,11 +27,11 @@ WHEEL, BUILD = "tessaline, wheel", "tessaline, built here"
 @contextmanager
 def unpacked_wheel() -> Iterator[Path]:
     """A folder to import from, with what the wheel for this interpreter holds."""
-    tag = f"cp{sys.version_info.major}{sys.version_info.minor}"
-    found = sorted((ROOT / "dist").glob(f"*-{tag}-{tag}-manylinux*_x86_64.whl"))
-    if len(found) != 1:
-        sys.exit(f"dist holds {len(found)} wheels for {tag}, not one: make wheel")
-    with tempfile.TemporaryDirectory() as folder, zipfile.ZipFile(found[0]) as archive:
+    target = here("{}.{}".format(*sys.version_info), os.uname().machine)
+    found = next((ROOT / "dist").glob(f"*-{target}.whl"), None)
+    if found is None:
+        sys.exit(f"dist has no wheel for {target}: make wheel")
+    with tempfile.TemporaryDirectory() as folder, zipfile.ZipFile(found) as archive:
         archive.extractall(folder)
         yield Path(folder)
 

@@ -4,7 +4,7 @@ import os
 import sys
 from datetime import UTC, datetime
 
-# In a path nobody but a client chooses what stands, and it goes to a terminal.
+# A client chooses the path, and it goes to a terminal.
 _LONGEST_PATH = 200
 
 

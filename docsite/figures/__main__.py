@@ -15,8 +15,8 @@ def drawn() -> dict[Path, str]:
     by_folder = {FOLDER: [draw() for draw in DRAWINGS], bars.FOLDER: bars.charts()}
     return {
         folder / f"{canvas.name}.svg": canvas.svg()
-        for folder, all_of in by_folder.items()
-        for canvas in all_of
+        for folder, canvases in by_folder.items()
+        for canvas in canvases
     }
 
 

@@ -129,10 +129,12 @@ def test_a_log_that_nobody_reads_ends_nothing() -> None:
     reading, writing = os.pipe()
     os.close(reading)
     command = [sys.executable, "-m", "devserver", "--access-log", "--exit-with-stdin"]
-    process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=writing)
+    ended = subprocess.run(
+        command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=writing, timeout=20
+    )
     os.close(writing)
-    assert process.communicate(timeout=20)[0].startswith(b'{"url"')
-    assert process.returncode == 0
+    assert ended.stdout.startswith(b'{"url"')
+    assert ended.returncode == 0
 
 
 def test_errors_of_the_helper_carry_the_sentence() -> None:

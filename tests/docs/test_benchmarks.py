@@ -7,6 +7,7 @@ import re
 import pytest
 
 from benchmarks import page
+from benchmarks.ratios import Figure, Ratio
 from docsite.figures import bars
 
 pytestmark = pytest.mark.process
@@ -54,7 +55,7 @@ def test_a_ratio_is_told_as_a_person_would(value: float, unit: str, text: str) -
 
 @pytest.mark.parametrize(("at_most", "missed"), [(True, False), (False, True)])
 def test_a_missed_limit_is_marked(at_most: bool, missed: bool) -> None:
-    figure = {"subject": "a", "unit": "b", "median": 1.0, "target": 1.5, "at_most": at_most}
+    figure = Figure("a", "b", Ratio.around([1.0]), 1.5, at_most)
     assert ("**missed**" in page.row(figure)) == missed
 
 

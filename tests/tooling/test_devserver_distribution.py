@@ -43,20 +43,18 @@ def test_the_checkout_pins_what_it_requires() -> None:
     assert [name for name in required() if not re.search(rf"(?im)^{name}==", pinned)] == []
 
 
+def pythons(folder: str = "devserver") -> list[str]:
+    """Those that it names, the oldest first."""
+    entries = pyproject(folder)["project"]["classifiers"]
+    return [entry.rpartition(" ")[2] for entry in entries if " :: 3." in entry]
+
+
 def test_it_runs_on_the_pythons_that_it_names() -> None:
     told = pyproject()
     oldest = told["project"]["requires-python"].removeprefix(">=")
-    named = [entry.rpartition(" ")[2] for entry in told["project"]["classifiers"] if " :: 3." in entry]
-    assert named[0] == oldest
+    assert pythons()[0] == oldest
     assert told["tool"]["ruff"]["target-version"] == f"py{oldest.replace('.', '')}"
-    assert (
-        named[-1]
-        == [
-            entry.rpartition(" ")[2]
-            for entry in pyproject(".")["project"]["classifiers"]
-            if " :: 3." in entry
-        ][-1]
-    )
+    assert pythons()[-1] == pythons(".")[-1]
 
 
 def test_its_licence_is_that_of_the_project() -> None:

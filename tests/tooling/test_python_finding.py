@@ -97,7 +97,7 @@ def test_an_environment_that_is_made_anew_keeps_its_python(tmp_path: Path, there
         f"python_behind() {{ {str(there).lower()} && echo {old}; }}; find_python() {{ echo {new}; }}; "
         "is_done() { false; }; logged() { :; }; mark_done() { :; }; find() { :; }"
     )
-    made = shell(f"{circumstances}; step() {{ :; }}; need_venv dev", PYTHON="")
+    made = shell(f"{circumstances}; watched() {{ :; }}; need_venv dev", PYTHON="")
     assert made.stdout == f"setup: creating .venv with Python of the {taken}, {tmp_path / taken}\n"
 
 

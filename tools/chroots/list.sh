@@ -32,17 +32,12 @@ describe() {
   esac
 }
 
-# check_names NAME... -- KNOWN...
+# check_names LIST NAME...: LIST is the variable that has the known ones.
 check_names() {
-  local -a names=()
+  local -n known=$1
   local name
-  while [[ $1 != -- ]]; do
-    names+=("$1")
-    shift
-  done
-  shift
-  for name in "${names[@]}"; do
-    [[ " $* " == *" $name "* ]] || fail "no system is called $name; there are: $*"
+  for name in "${@:2}"; do
+    [[ " ${known[*]} " == *" $name "* ]] || fail "no system is called $name; there are: ${known[*]}"
   done
 }
 

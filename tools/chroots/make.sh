@@ -2,6 +2,17 @@
 # Makes a system, or brings one up to date that is there already.
 # shellcheck disable=SC2154  # `describe` of list.sh sets suite, machine and architecture
 
+# need_for_systems NAME...: installs what this machine needs to make them and to run programs in them.
+need_for_systems() {
+  local -a packages=(debootstrap util-linux-extra)
+  local name
+  for name in "$@"; do
+    describe "$name"
+    ! emulated || packages+=("qemu-user-static")
+  done
+  need_packages "${packages[@]}"
+}
+
 # The place from which this system has its own packages; none (then debootstrap's own) where apt has no list of them.
 mirror() {
   # shellcheck disable=SC2016  # apt's own variables

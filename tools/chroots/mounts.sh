@@ -1,14 +1,14 @@
 # shellcheck shell=bash
 # What a root shows of this machine. For a mount namespace of its own.
 
-# show_in ROOT FOLDER...: devices, processes, and these folders, read-only.
+# show_in ROOT [FOLDER...] -- ...: devices, processes, and these folders, read-only.
 show_in() {
   local root=$1
   shift
   mount --rbind /dev "$root/dev"
   # With what is mounted in it: an emulator's registration ends with the last mount of its kind.
   mount --rbind /proc "$root/proc"
-  while (($#)); do
+  while [[ $1 != -- ]]; do
     mkdir -p "$root$1"
     mount --bind "$1" "$root$1"
     mount -o remount,bind,ro "$root$1"

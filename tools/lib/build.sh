@@ -13,7 +13,7 @@ warnings_are_errors() {
   if [[ ${CI:-} == true ]] || grep -qs ' werror=ON ' .venv/.built; then echo ON; else echo OFF; fi
 }
 
-# need_build TESTS: ON builds the native test programs too; a tree that has them goes on having them.
+# need_build TESTS: ON builds the native test programs too; a tree that has them keeps them.
 need_build() {
   local wanted werror tests=$1
   werror=$(warnings_are_errors)
@@ -23,7 +23,7 @@ need_build() {
 
   # Everything is compiled once: the wheel is built in the tree of the `release` preset, which so also holds
   # the native test programs and, for work without installing, an importable package.
-  step "compiling" build .venv/bin/python -m pip install --no-input --disable-pip-version-check --no-deps \
+  watched "compiling" build .venv/bin/python -m pip install --no-input --disable-pip-version-check --no-deps \
     --no-build-isolation --verbose . \
     -C build-dir=build/release -C cmake.build-type=Release -C cmake.define.TESSALINE_PRECOMPILE=ON \
     -C cmake.define.TESSALINE_TESTS="$tests" -C cmake.define.TESSALINE_WERROR="$werror"

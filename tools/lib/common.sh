@@ -23,7 +23,7 @@ logged() {
   fail "that failed; the whole log is in $log"
 }
 
-# how_far LOG: what of it is done, as far as a build or an installation tells.
+# how_far LOG: how much is done, as far as the log of a build or an installation shows it.
 how_far() {
   local count
   count=$(tail -n 5 "$1" | grep -oE '\[[0-9]+/[0-9]+\]' | tail -n 1) ||
@@ -31,14 +31,16 @@ how_far() {
   printf '%s ' "$count"
 }
 
-# step WHAT NAME COMMAND...: as `logged`, and tells what it does, how far it is and how long it took.
-step() {
-  local what="${number-}$1" log=build/logs/$2.log begin=$SECONDS watcher=
+# watched WHAT NAME COMMAND...: as `logged`, and says what is done, how far it is and how long it took. `progress` stands
+# before it: which step of how many.
+progress=
+watched() {
+  local what="$progress$1" log=build/logs/$2.log begin=$SECONDS watcher=
   say "$what"
   mkdir -p build/logs
   : >"$log"
   if [[ -t 1 ]]; then
-    # Ctrl-C does not reach a background process, so it looks whether this shell is still there.
+    # A background process ignores Ctrl-C, so it looks whether this shell is still there.
     while sleep 0.5 && kill -0 $$ 2>/dev/null; do
       printf '\r       %s%d s' "$(how_far "$log")" $((SECONDS - begin))
     done &
@@ -47,9 +49,15 @@ step() {
   logged "${@:2}"
   if [[ -n $watcher ]]; then
     kill "$watcher"
-    wait "$watcher" 2>/dev/null || printf '\r\033[K'
+    wait "$watcher" 2>/dev/null || true
+    printf '\r\033[K'
   fi
   say "$what: $((SECONDS - begin)) s"
+}
+
+# Equal sources make equal archives.
+set_source_date() {
+  export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/null || echo 315532800)}
 }
 
 # at_least WANTED FOUND: compares versions.

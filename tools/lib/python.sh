@@ -67,7 +67,7 @@ need_venv() {
     find build -name CMakeCache.txt -delete
   fi
   # The list is complete, so nothing that it does not pin gets in.
-  step "$(grep -c == "requirements/$list.txt") Python packages" packages .venv/bin/python -m pip install --no-input \
+  watched "$(grep -c == "requirements/$list.txt") Python packages" packages .venv/bin/python -m pip install --no-input \
     --disable-pip-version-check --no-deps --requirement "requirements/$list.txt"
   logged packages-check .venv/bin/python -m pip check
   mark_done .venv/.set-up "$(venv_mark "$list" "$python")"

@@ -126,7 +126,7 @@ need_packages() {
   "${apt[@]}" update >build/logs/apt-update.log 2>&1 </dev/null || true
   local -a offered
   read -r -a offered <<<"$(on_offer "${wanted[@]}")"
-  step "system packages: ${offered[*]}" apt-install "${apt[@]}" install -y --no-install-recommends "${offered[@]}"
+  watched "system packages: ${offered[*]}" apt-install "${apt[@]}" install -y --no-install-recommends "${offered[@]}"
 
   read -r -a wanted <<<"$(missing "${wanted[@]}")"
   ((${#wanted[@]} == 0)) || fail "installed, but still not usable: ${wanted[*]}"

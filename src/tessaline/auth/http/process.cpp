@@ -29,8 +29,8 @@ constinit pthread_t exit_thread{};
 constinit pthread_rwlock_t fork_gate = PTHREAD_RWLOCK_INITIALIZER;
 constinit bool gate_closed = false;
 
-// On the way in, and held by a fork, or busy threads, which pass a gate that is merely waited for, would keep
-// it waiting.
+// Passed on the way in, and kept by a fork: a writer that waits for the gate holds no reader back, so busy
+// threads would never let it through.
 constinit std::mutex fork_turnstile;
 
 // Of the fork that is under way, and holds the process mutex.
