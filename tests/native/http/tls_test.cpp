@@ -1,3 +1,5 @@
+#include <curl/curl.h>
+#include <linux/tcp.h>
 #include <sys/wait.h>
 
 #include <future>
@@ -33,6 +35,20 @@ class Tls : public ::testing::Test {
     Request request = request_for("https://" + server.peer() + "/private");
     request.trust.ca_file = trusted_.file();
     return request;
+  }
+
+  static bool alerts_are_visible() {
+    return std::string_view(curl_version_info(CURLVERSION_NOW)->ssl_version).starts_with("OpenSSL");
+  }
+
+  // qemu-user answers TCP_INFO with four bytes.
+  static bool received_bytes_are_counted() {
+    const int descriptor = socket(AF_INET, SOCK_STREAM, 0);
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &size);
+    close(descriptor);
+    return size >= offsetof(tcp_info, tcpi_bytes_received) + sizeof info.tcpi_bytes_received;
   }
 
   const Identity authority_ = make_identity("authority", "", nullptr);
@@ -94,6 +110,9 @@ TEST_F(Tls, ExpiredCertificate) {
 }
 
 TEST_F(Tls, OldVersionIsRefused) {
+  if (!alerts_are_visible() && !received_bytes_are_counted()) {
+    GTEST_SKIP() << "an alert cannot be told from a hang-up here, which is a reset";
+  }
   LoopbackServer old(answering(good_, TLS1_1_VERSION));
   EXPECT_EQ(failure_of(request_to(old)).kind, FailureKind::kTls);
   LoopbackServer recent(answering(good_, TLS1_2_VERSION));

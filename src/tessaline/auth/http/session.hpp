@@ -15,7 +15,7 @@ namespace tessaline::auth::http {
 /// version.
 struct Remains {
   bool ended = false;                ///< by the peer, with nothing left to read
-  std::uint64_t received_bytes = 0;  ///< over the whole of its life; the end of it counts as one
+  std::uint64_t received_bytes = 0;  ///< over the whole of its life; the end of it counts as one; 0 where unknown
 
   bool said_nothing() const noexcept { return received_bytes <= 1; }
 };
