@@ -7,8 +7,9 @@ from dataclasses import dataclass
 from datetime import UTC, datetime
 from typing import Any
 
-from eth_account import Account
-from eth_account.messages import encode_defunct
+# Not from eth-account, whose import takes longer than the whole server's.
+from eth_keys.datatypes import Signature
+from eth_utils.crypto import keccak
 
 from .refusal import Refusal
 from .settings import Settings
@@ -79,8 +80,13 @@ class Challenges:
 def _signer(message: str, signature: str) -> str | None:
     if not _SIGNATURE.fullmatch(signature):
         return None
+    text = message.encode()
+    *r_and_s, v = bytes.fromhex(signature[2:])
     try:
-        return str(Account.recover_message(encode_defunct(text=message), signature=signature))
+        # EIP-191, version 0x45: a personal message.
+        digest = keccak(b"\x19Ethereum Signed Message:\n%d%b" % (len(text), text))
+        recovered = Signature(bytes([*r_and_s, v - 27 if v >= 27 else v]))
+        return recovered.recover_public_key_from_msg_hash(digest).to_checksum_address()
     except Exception:
         # The library raises several unrelated types for numbers that are no signature.
         return None

@@ -7,7 +7,6 @@ import logging
 import os
 import socket
 import ssl
-import sys
 import tempfile
 import threading
 from collections.abc import Callable, Mapping
@@ -31,7 +30,6 @@ from .service import Service
 from .tls import make_context, make_flawed_contexts
 
 _GRACE_SECONDS = 1
-_FRAMES = 1000
 
 
 class _Server(uvicorn.Server):
@@ -80,8 +78,6 @@ def run(options: Options, listener: socket.socket, gate_listener: socket.socket 
     gate_listener: the same service behind `devserver.gate`.
     OSError: the authority's certificate cannot be written.
     """
-    # An import of eth_account's raises it to where deeply nested JSON overflows the stack of Python 3.11.
-    sys.setrecursionlimit(_FRAMES)
     with contextlib.ExitStack() as stack:
         context = None
         ca_file = None
