@@ -35,6 +35,7 @@ KEPT_IN_LIBRARIES = (KeyError, IndexError, AttributeError, UnicodeDecodeError)
 LIBRARIES = (sysconfig.get_path("stdlib"), sysconfig.get_path("purelib"), "<frozen")
 
 _examined = itertools.count()
+_examined_by_workers = 0
 _test = "outside any test"
 
 
@@ -181,12 +182,24 @@ def pytest_runtest_logreport(report: pytest.TestReport) -> None:
 
 
 def pytest_sessionfinish(session: pytest.Session) -> None:
-    if registry.findings:
+    told: dict[str, Any] | None = getattr(session.config, "workeroutput", None)
+    if told is not None:
+        told["secrets"] = next(_examined), registry.findings
+    elif registry.findings:
         session.exitstatus = pytest.ExitCode.TESTS_FAILED
 
 
+@pytest.hookimpl(optionalhook=True)
+def pytest_testnodedown(node: Any) -> None:
+    """Take in what one of pytest-xdist's workers has found; one that has crashed is an error anyway."""
+    global _examined_by_workers
+    examined, findings = getattr(node, "workeroutput", {}).get("secrets", (0, []))
+    _examined_by_workers += examined
+    registry.findings.extend(findings)
+
+
 def pytest_terminal_summary(terminalreporter: pytest.TerminalReporter) -> None:
-    examined = next(_examined)
+    examined = next(_examined) + _examined_by_workers
     for finding in dict.fromkeys(registry.findings):
         terminalreporter.write_line(finding, red=True)
     terminalreporter.write_line(

@@ -77,14 +77,14 @@ def test_a_nudge_by_a_caller_renews_at_once(server: DevServer, harness: Make) ->
 
 def test_renewals_leave_nothing_open(one: Harness, either: DevServer) -> None:
     manager = one.manager
+    others = set(threading.enumerate()) - {manager._refresh_thread}
     counts = []
     for _ in range(5):
         token = manager._token
         one.trigger_refresh()
         until(lambda token=token: manager._token != token)  # type: ignore[misc]
         until(lambda: manager._refresh_thread.is_alive())
-        threads = [thread for thread in threading.enumerate() if thread is not threading.main_thread()]
-        until(lambda: sum(thread.is_alive() for thread in threading.enumerate()) <= 2)
-        assert len(threads) <= 2
+        assert len(set(threading.enumerate()) - others) <= 2
+        until(lambda: len(set(threading.enumerate()) - others) == 1)
         counts.append(descriptors())
     assert counts[-1] <= counts[0]

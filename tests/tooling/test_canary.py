@@ -206,14 +206,14 @@ def test_found_again():
 """
 
 
-def run(folder: Path, program: str) -> subprocess.CompletedProcess[str]:
+def run(folder: Path, program: str, *more: str) -> subprocess.CompletedProcess[str]:
     script = folder / "test_leaks.py"
     script.write_text(program)
     (folder / "test_leaks.py.key").write_text(secrets.token_hex(32))
     paths = [str(ROOT / "tests"), str(ROOT), *filter(None, [os.environ.get("PYTHONPATH")])]
     options = ["-p", "canary.plugin", "-p", "no:cacheprovider", "-c", os.devnull, "--rootdir", str(folder)]
     return subprocess.run(
-        [sys.executable, "-m", "pytest", "-v", *options, str(script)],
+        [sys.executable, "-m", "pytest", "-v", *options, *more, str(script)],
         cwd=folder,
         env=os.environ | {"PYTHONPATH": os.pathsep.join(paths)},
         capture_output=True,
@@ -223,17 +223,32 @@ def run(folder: Path, program: str) -> subprocess.CompletedProcess[str]:
     )
 
 
-def test_every_kind_of_leak_is_found_and_fails_the_run(tmp_path: Path) -> None:
+@pytest.mark.parametrize("workers", [0, 2])
+def test_every_kind_of_leak_is_found_and_fails_the_run(tmp_path: Path, workers: int) -> None:
     with canary.overheard():
-        ended = run(tmp_path, LEAKS)
+        ended = run(tmp_path, LEAKS, "-n", str(workers))
     assert ended.returncode == 1
-    ran = set(re.findall(r"^(test_leaks\.py::.+?) (?:PASSED|FAILED)", ended.stdout, re.MULTILINE))
+    told = r"^(?:\[gw.*(?:PASSED|FAILED) )?(test_leaks\.py::\w+(?:\[.+?\])?)(?: PASSED.*| FAILED.*| *)$"
+    ran = set(re.findall(told, ended.stdout, re.MULTILINE))
     assert len(ran) > 30
     found = set(re.findall(r"^(test_leaks\.py::.+?): a ", ended.stdout, re.MULTILINE))
     assert {name for name in ran if "quiet" not in name} == found
     assert re.search(
         r"^secrets: [1-9][0-9]* texts examined, [1-9][0-9]* with a secret$", ended.stdout, re.MULTILINE
     )
+
+
+def test_a_leak_in_a_worker_fails_a_run_in_which_every_test_passes(tmp_path: Path) -> None:
+    program = """if True:
+        import canary, pytest
+        KEY = open(__file__ + ".key").read()
+        canary.plant("key", KEY)
+        def test_it():
+            pytest.raises(OSError, exec, f"raise OSError({KEY!r})")
+    """
+    with canary.overheard():
+        ended = run(tmp_path, program, "-n", "1")
+    assert (ended.returncode, "1 passed" in ended.stdout) == (1, True), ended.stdout
 
 
 def test_a_run_without_a_leak_passes_and_says_how_much_was_examined(tmp_path: Path) -> None:

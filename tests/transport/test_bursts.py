@@ -36,7 +36,10 @@ def test_answers_that_come_at_once(either_raw: Raw) -> None:
     )
     assert len(server.requests) == THREADS
     # How many begin while none is free is the machine's affair.
-    assert server.connections < THREADS
+    opened = server.connections
+    assert opened <= THREADS
+    assert transport("GET", server.url)[0] == 200
+    assert server.connections == opened
 
 
 def test_answers_that_come_when_all_have_asked(either_raw: Raw) -> None:
