@@ -9,7 +9,7 @@ from collections.abc import Callable, Hashable, Sequence
 from types import TracebackType
 from typing import Any
 
-from tessaline._signals import new_signal, wake_all
+from tessaline._event_loops import new_signal, wake_all
 from tessaline._twins import twin_of
 
 

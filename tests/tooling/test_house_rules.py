@@ -23,7 +23,7 @@ ROOMS = ["binding", "manager", "steps", "transport", "errors", "python", "http",
 LOWEST = {"python", "http", "wallet"}
 SHARED_BY_ROOMS = ["CMakeLists.txt", "constants.hpp", "exports.map", "names.hpp"]
 # Of rooms that know the interpreter, what does not.
-PURE = ("steps/verdict", "transport/trust_places")
+PURE = ("steps/retry_policy", "transport/trust_places")
 # What of the component the native parts beside it may use: the doors, and what every transport has in common.
 SHARED = rf"{AUTH}/(?:python/(?:python|ref)|transport/(?:default_trust|exchange|http_library|proxy_\w+))\.hpp"
 

@@ -109,7 +109,7 @@ def test_a_version_is_pinned_and_nothing_else_changes(tmp_path: Path) -> None:
 
 
 def test_headers_are_pinned_in_the_same_way(tmp_path: Path) -> None:
-    after = tmp_path / "headers.toml"
+    after = tmp_path / "pythons.toml"
     after.write_text(renew.renewed(pins.HEADERS.read_text(), "cp314", "3.14.99-1", {"a": "1", "b": "2"}))
     before = pins.headers()
     assert pins.headers(after) == [

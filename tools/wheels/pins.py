@@ -10,7 +10,7 @@ from typing import Any
 
 PLACE = Path("build/bundled/sources")
 PINS = Path(__file__).with_name("sources.toml")
-HEADERS = Path(__file__).with_name("headers.toml")
+HEADERS = Path(__file__).with_name("pythons.toml")
 
 
 @dataclass(frozen=True)

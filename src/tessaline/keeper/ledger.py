@@ -8,10 +8,11 @@ from types import TracebackType
 from typing import TYPE_CHECKING
 
 from tessaline._twins import twin_of
-from tessaline.auth import AuthError, NetworkError, RegistrationError
+from tessaline.auth import AuthError, NetworkError
 from tessaline.errors import ERA_CHANGE_PENDING, NOT_AUTHENTICATED, TOKEN_EXPIRED, is_final
 
 from . import schedule, takeover
+from .permanent_errors import stops_wallet
 from .reports import detail_of, duration, words_of
 from .status import EventKind, KeeperEvent, WalletState, WalletStatus
 
@@ -134,7 +135,7 @@ class Ledger:
         self._reason, self._detail = words_of(error), detail_of(error)
         now = self._clock.now()
         self._last_failure = now
-        if self._is_hopeless(error):
+        if stops_wallet(error, has_succeeded=self.last_success is not None):
             self.is_stopped = True
             self.due = None
             self._alarm = _alarm_at(self.seconds_left())
@@ -149,11 +150,6 @@ class Ledger:
         )
         level = logging.ERROR if is_final(error) else logging.WARNING
         return [self._event("attempt failed", level, message, reason=self._reason)]
-
-    def _is_hopeless(self, error: Exception) -> bool:
-        # Where a login has succeeded once, an expired certificate or a maintenance page is a passing thing.
-        of_the_wallet = isinstance(error, AuthError | RegistrationError)
-        return is_final(error) and (of_the_wallet or self.last_success is None)
 
     def running_out(self, now: float) -> list[KeeperEvent]:
         """Events for less than an hour left and for nothing left, where renewing fails or hangs."""

@@ -4,7 +4,7 @@
 
 #include "tessaline/auth/binding/manager_docs.hpp"
 #include "tessaline/auth/binding/unclosed.hpp"
-#include "tessaline/auth/errors/notes.hpp"
+#include "tessaline/auth/errors/note_texts.hpp"
 #include "tessaline/auth/manager/manager.hpp"
 #include "tessaline/auth/manager/process_generation.hpp"
 #include "tessaline/auth/names.hpp"

@@ -7,7 +7,7 @@
 #include "tessaline/auth/binding/manager_type.hpp"
 #include "tessaline/auth/binding/module_constants.hpp"
 #include "tessaline/auth/binding/module_functions.hpp"
-#include "tessaline/auth/errors/notes.hpp"
+#include "tessaline/auth/errors/note_texts.hpp"
 #include "tessaline/auth/manager/manager.hpp"
 #include "tessaline/auth/manager/process_generation.hpp"
 #include "tessaline/auth/names.hpp"

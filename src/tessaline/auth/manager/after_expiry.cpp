@@ -2,14 +2,12 @@
 
 #include "tessaline/auth/errors/errors.hpp"
 #include "tessaline/auth/manager/held_lock.hpp"
+#include "tessaline/auth/manager/limits.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
 namespace tessaline::auth {
 namespace {
-
-constexpr int kLooks = 30;
-constexpr double kLookSeconds = 0.1;  // between two of them
 
 /// What a look finds.
 struct Sighting {

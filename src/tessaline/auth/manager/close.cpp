@@ -3,13 +3,12 @@
 
 #include "tessaline/auth/errors/errors.hpp"
 #include "tessaline/auth/manager/held_lock.hpp"
+#include "tessaline/auth/manager/limits.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
 namespace tessaline::auth {
 namespace {
-
-constexpr double kJoinSeconds = 1.0;
 
 /// False when the manager is closed already.
 bool enter_closed(AuthManager& manager) {

@@ -1,6 +1,6 @@
 #include "tessaline/auth/manager/fields.hpp"
 
-#include "tessaline/auth/errors/notes.hpp"
+#include "tessaline/auth/errors/note_texts.hpp"
 #include "tessaline/auth/manager/manager.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"

@@ -2,14 +2,13 @@
 
 #include "tessaline/auth/errors/errors.hpp"
 #include "tessaline/auth/manager/held_lock.hpp"
+#include "tessaline/auth/manager/limits.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/steps/clock.hpp"
 
 namespace tessaline::auth {
 namespace {
-
-constexpr double kRefreshDoneSeconds = 10.0;
 
 /// The fields on which a call of `get_token` decides, read at one go.
 struct Snapshot {

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "tessaline/auth/errors/errors.hpp"
-#include "tessaline/auth/errors/notes.hpp"
+#include "tessaline/auth/errors/note_texts.hpp"
 #include "tessaline/auth/python/python.hpp"
 
 namespace tessaline::auth {

@@ -2,7 +2,7 @@
 #include <utility>
 
 #include "tessaline/auth/errors/errors.hpp"
-#include "tessaline/auth/errors/notes.hpp"
+#include "tessaline/auth/errors/note_texts.hpp"
 #include "tessaline/auth/manager/held_lock.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"

@@ -5,14 +5,12 @@
 #include <utility>
 
 #include "tessaline/auth/manager/held_lock.hpp"
+#include "tessaline/auth/manager/limits.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
 namespace tessaline::auth {
 namespace {
-
-constexpr double kSleepSeconds = 1.0;           // at least, between two looks
-constexpr double kInjectedSleepSeconds = 0.05;  // an injected clock may move at any time
 
 Ref this_thread() {
   return python::call_method(python::global(names::threading).get(), names::current_thread);

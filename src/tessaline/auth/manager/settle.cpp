@@ -2,8 +2,9 @@
 #include <utility>
 
 #include "tessaline/auth/errors/errors.hpp"
-#include "tessaline/auth/errors/notes.hpp"
+#include "tessaline/auth/errors/note_texts.hpp"
 #include "tessaline/auth/manager/held_lock.hpp"
+#include "tessaline/auth/manager/limits.hpp"
 #include "tessaline/auth/manager/process_generation.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
@@ -12,10 +13,6 @@
 
 namespace tessaline::auth {
 namespace {
-
-/// Between two looks at what may have happened to a runner that says nothing: its thread ended before its
-/// first line, or this is the child of a fork.
-constexpr double kLostRunnerSeconds = 1.0;
 
 /// `str(error)`, or the name of its type where it has no text form.
 Ref text_or_name_of(PyObject* error) {

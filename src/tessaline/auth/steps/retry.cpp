@@ -6,11 +6,11 @@
 
 #include "tessaline/auth/constants.hpp"
 #include "tessaline/auth/errors/errors.hpp"
-#include "tessaline/auth/errors/notes.hpp"
+#include "tessaline/auth/errors/note_texts.hpp"
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/steps/closing.hpp"
-#include "tessaline/auth/steps/verdict.hpp"
+#include "tessaline/auth/steps/retry_policy.hpp"
 
 namespace tessaline::auth {
 namespace {

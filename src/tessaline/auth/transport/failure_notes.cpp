@@ -1,6 +1,6 @@
 #include "tessaline/auth/transport/failure_notes.hpp"
 
-#include "tessaline/auth/errors/notes.hpp"
+#include "tessaline/auth/errors/note_texts.hpp"
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/transport/proxy_environment.hpp"
 

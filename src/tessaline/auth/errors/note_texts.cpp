@@ -1,4 +1,4 @@
-#include "tessaline/auth/errors/notes.hpp"
+#include "tessaline/auth/errors/note_texts.hpp"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "tessaline/native/serving.hpp"
+#include "tessaline/native/get_token.hpp"
 
 #include <utility>
 

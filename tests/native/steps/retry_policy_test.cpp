@@ -1,4 +1,4 @@
-#include "tessaline/auth/steps/verdict.hpp"
+#include "tessaline/auth/steps/retry_policy.hpp"
 
 #include <gtest/gtest.h>
 
