@@ -266,7 +266,7 @@ class Machine(RuleBasedStateMachine):
         starting = Worker(self.keeper.start, wait=wait)
         if not wait:
             starting.result()
-            until(lambda: not self.has_stopped(), "a new attempt")
+        until(lambda: not self.has_stopped(), "a new attempt")
         self.come_to_rest()
         if wait:
             self.clock.now += LONGEST_PAUSE + 1.0
