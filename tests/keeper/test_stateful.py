@@ -316,4 +316,4 @@ WORTH_SEEING = [
 
 
 def test_random_histories() -> None:
-    histories.play(Machine, 120, 30, WORTH_SEEING)
+    histories.play(Machine, 120, 30, 6, WORTH_SEEING)
