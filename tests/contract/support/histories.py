@@ -12,7 +12,7 @@ from hypothesis.stateful import run_state_machine_as_test
 def play(machine: Any, histories: int, steps: int, number: int, worth_seeing: Iterable[str]) -> None:
     """Each of those things must have been seen a few times: `machine.seen` counts them.
 
-    number: of the series of histories, chosen so that all is seen often, or a change in the machine's text changed it.
+    number: of the series of histories. Without one, the machine's text would decide what is seen.
     """
     machine.seen.clear()
     run_state_machine_as_test(
