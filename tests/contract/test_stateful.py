@@ -495,4 +495,4 @@ class Machine(RuleBasedStateMachine):
 
 
 def test_random_histories() -> None:
-    histories.play(Machine, 240, 50, WORTH_SEEING)
+    histories.play(Machine, 240, 50, 1, WORTH_SEEING)

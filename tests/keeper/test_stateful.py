@@ -266,7 +266,7 @@ class Machine(RuleBasedStateMachine):
         starting = Worker(self.keeper.start, wait=wait)
         if not wait:
             starting.result()
-            until(lambda: not self.has_stopped(), "a new attempt")
+        until(lambda: not self.has_stopped(), "a new attempt")
         self.come_to_rest()
         if wait:
             self.clock.now += LONGEST_PAUSE + 1.0
@@ -316,4 +316,4 @@ WORTH_SEEING = [
 
 
 def test_random_histories() -> None:
-    histories.play(Machine, 120, 30, WORTH_SEEING)
+    histories.play(Machine, 120, 30, 6, WORTH_SEEING)

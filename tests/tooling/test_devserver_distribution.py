@@ -34,7 +34,7 @@ def test_it_requires_what_it_imports() -> None:
             elif isinstance(node, ast.ImportFrom) and node.level == 0 and node.module is not None:
                 imported.add(node.module)
     foreign = {name.partition(".")[0] for name in imported} - sys.stdlib_module_names - {"devserver"}
-    # uvicorn's connections, which those of the server derive from, are made of h11; eth-utils' Keccak is eth-hash's.
+    # uvicorn's connections, which those of the server derive from, are made of h11, and Keccak is eth-hash's.
     assert foreign | {"h11", "eth_hash"} == {
         IMPORTED_AS.get(name, name).replace("-", "_") for name in required()
     }

@@ -5,15 +5,18 @@ from __future__ import annotations
 from collections.abc import Iterable
 from typing import Any
 
-from hypothesis import HealthCheck, settings
+from hypothesis import HealthCheck, seed, settings
 from hypothesis.stateful import run_state_machine_as_test
 
 
-def play(machine: Any, histories: int, steps: int, worth_seeing: Iterable[str]) -> None:
-    """Each of those things must have been seen a few times: `machine.seen` counts them."""
+def play(machine: Any, histories: int, steps: int, number: int, worth_seeing: Iterable[str]) -> None:
+    """Each of those things must have been seen a few times: `machine.seen` counts them.
+
+    number: of the series of histories. Without one, the machine's text would decide what is seen.
+    """
     machine.seen.clear()
     run_state_machine_as_test(
-        machine,
+        seed(number)(machine),
         settings=settings(
             max_examples=histories,
             stateful_step_count=steps,
