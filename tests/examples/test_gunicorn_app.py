@@ -1,4 +1,4 @@
-"""The WSGI application under gunicorn: workers that begin with one login and share what they know of eras."""
+"""The WSGI application under gunicorn: workers that begin with one login and share announced eras."""
 
 from __future__ import annotations
 
