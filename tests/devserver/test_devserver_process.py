@@ -67,7 +67,7 @@ def test_a_signal_ends_it_cleanly_with_requests_under_way(how: signal.Signals, t
         assert_ends(server, lambda pid: os.kill(pid, how))
         if server.ca_file is not None:
             assert not Path(server.ca_file).exists()
-        with pytest.raises(DevServerError, match="no answer to state"):
+        with pytest.raises(DevServerError, match="no response to state"):
             server.state()
 
 
