@@ -137,7 +137,7 @@ class Wallet(Serving):
         return self.ledger.failure()
 
     def _wait_until[Outcome](self, look: Callable[[], Outcome], timeout: float | None) -> Outcome:
-        """Wait until `look` returns something, the keeper is closed or time is over; return the result."""
+        """Wait until `look` returns something, the keeper closes or the time is over; return the result."""
         deadline = math.inf if timeout is None else time.monotonic() + timeout
         while not ((outcome := look()) or self._scheduler.is_closed):
             left = deadline - time.monotonic()
