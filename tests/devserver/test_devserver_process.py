@@ -1,4 +1,4 @@
-"""Starting, announcing and ending."""
+"""Start, announcement and shutdown."""
 
 import http.client
 import json
@@ -30,7 +30,7 @@ KEY = "k" * 32
 
 @contextmanager
 def running(*options: str) -> Iterator[tuple[subprocess.Popen[bytes], dict[str, Any]]]:
-    """The server as a shell would start it, and what it announced."""
+    """The server as a shell would start it, and its announcement."""
     process = subprocess.Popen(
         [sys.executable, "-m", "devserver", *options],
         cwd=ROOT,

@@ -94,7 +94,7 @@ void run(Input input) {
   auto answers = answers_in(input);
   std::size_t most_bytes = 0;
   for (const auto& answer : answers) {
-    // Otherwise the server could find out what it must not know.
+    // The server must not know the hidden text, or finding it would prove nothing.
     if (answer.bytes.find(kHidden) != std::string::npos) return;
     most_bytes += answer.bytes.size();
   }
