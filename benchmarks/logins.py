@@ -69,7 +69,7 @@ def through_urllib(base: str, context: ssl.SSLContext) -> None:
 
 
 def login_over_https(rounds: int) -> Group:
-    """Register, challenge, verify over new TLS connections, compared with the same three calls of urllib."""
+    """Register, challenge, verify over a new TLS connection, compared with the same three calls of urllib."""
     authority = trustme.CA()
     certificate = authority.issue_cert("127.0.0.1")
     with tempfile.TemporaryDirectory() as folder:

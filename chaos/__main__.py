@@ -1,4 +1,4 @@
-"""`python -m chaos`: flows in several processes, lives and a keeper in one each; prints figures at the end."""
+"""`python -m chaos`: flows in several processes, lives and a keeper in one each; figures at the end."""
 
 from __future__ import annotations
 
