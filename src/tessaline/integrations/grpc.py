@@ -128,14 +128,14 @@ class WalletCallCredentials(grpc.AuthMetadataPlugin):
 
 
 class WalletInterceptor(grpc.UnaryUnaryClientInterceptor):
-    """Repeats a refused call of one request and one answer, for `grpc.intercept_channel`.
+    """Repeats a refused unary call, for `grpc.intercept_channel`.
 
     Args:
         wallet: The credentials of the channel.
 
-    The repetition has the call's `timeout` anew. What `.future()` starts is not waited for: unless it has
-    ended by then it is neither repeated nor told to the source. Which token a call carried only gRPC knows:
-    the one that is told is the latest that was given out.
+    The repeated call gets the whole `timeout` again. A call started by `.future()` is not waited for: unless
+    it has ended by then, it is neither repeated nor reported to the source. Only gRPC knows which token a call
+    had, so the latest one is reported.
     """
 
     def __init__(self, wallet: WalletCallCredentials) -> None:
