@@ -134,8 +134,8 @@ class WalletInterceptor(grpc.UnaryUnaryClientInterceptor):
         wallet: The credentials of the channel.
 
     The repeated call gets the whole `timeout` again. A call started by `.future()` is not waited for: unless
-    it has ended by then, it is neither repeated nor reported to the source. Only gRPC knows which token a call
-    had, so the latest one is reported.
+    it has ended by then, it is neither repeated nor reported to the source. Only gRPC knows which token a
+    call had, so the latest one is reported.
     """
 
     def __init__(self, wallet: WalletCallCredentials) -> None:
