@@ -1,6 +1,6 @@
-"""nginx of the system on loopback, which logs one wallet in with answers kept ready, over TLS 1.3.
+"""The system's nginx on the loopback, which logs one wallet in with prepared responses, over TLS 1.3.
 
-One worker process. Tickets are on and connections are kept, unless said otherwise.
+One worker process. By default, tickets are on and connections are kept.
 """
 
 from __future__ import annotations
@@ -58,7 +58,7 @@ http {{
 
 
 def verified_answer() -> str:
-    """What verify answers to the wallet of the benchmarks."""
+    """The response of verify for the wallet of the benchmarks."""
     token = jwt.encode({"sub": Account.from_key(KEY).address}, "x" * 32)
     return json.dumps({"token": token, "expires_at": 4102444800, "wallet_secret": "c2VjcmV0"})
 
@@ -71,9 +71,9 @@ class Nginx:
     log: Path
 
     def connections(self, path: str, requests: int) -> tuple[int, int]:
-        """How many connections brought the requests of paths that begin so, and how many of those resumed.
+        """How many connections had requests to paths with this prefix, and how many of them were resumed.
 
-        It writes a line after the answer has left, so that some are waited for.
+        nginx logs a line after it has sent the response, so this waits for some.
         """
         deadline = time.monotonic() + PATIENCE
         while True:
@@ -103,7 +103,7 @@ def _program() -> str:
 def _start(folder: Path, configuration: str) -> subprocess.Popen[bytes]:
     path = folder / "nginx.conf"
     path.write_text(configuration)
-    # A worker of root would become another user, to whom the folder is closed.
+    # Root's workers would become another user, which cannot access the folder.
     user = f"user {pwd.getpwuid(0).pw_name};" if os.geteuid() == 0 else ""
     errors = folder / "error.log"
     command = [_program(), "-p", str(folder), "-c", str(path), "-e", str(errors)]
@@ -145,7 +145,7 @@ def running_nginx(
     """
     with tempfile.TemporaryDirectory() as name:
         folder = Path(name)
-        # Somebody else may take a port before nginx does.
+        # Another program may take a port before nginx does.
         for _ in range(3):
             ports = _free_ports(origins)
             configuration = _MAIN.format(

@@ -1,4 +1,4 @@
-"""What the site does besides: pages that come and go, and links that lead out of it."""
+"""Hooks of the site generator: optional pages, and links to files outside the site."""
 
 from __future__ import annotations
 
@@ -33,9 +33,9 @@ def on_config(config: MkDocsConfig) -> MkDocsConfig:
 
 
 def without_links_out(markdown: str, folder: Path, docs: Path, shown: Container[str] = ()) -> str:
-    """The text with links to files of the project that are no pages turned into plain text.
+    """The text with links to files of the project that are not pages replaced by plain text.
 
-    shown: names of files that have a section of their own on the page, to which such links then lead.
+    shown: names of files that have a section on the page, to which such links then point.
     """
 
     def plain(link: re.Match[str]) -> str:
@@ -48,7 +48,7 @@ def without_links_out(markdown: str, folder: Path, docs: Path, shown: Container[
 
 
 def with_drawings(markdown: str, folder: Path) -> str:
-    """The text with drawings in place of the links to them, so that they follow the page's own colours."""
+    """The text with drawings embedded in place of the links to them, so that they use the page's colours."""
 
     def inline(link: re.Match[str]) -> str:
         svg = (folder / link[1]).read_text()
@@ -58,7 +58,7 @@ def with_drawings(markdown: str, folder: Path) -> str:
 
 
 def with_included(markdown: str, docs: Path) -> str:
-    """The text with files of the project in place of the lines that ask for them, as text or as code."""
+    """The text with files of the project in place of the lines that include them, as text or as code."""
     shown = _HEADING.findall(markdown)
 
     def text(line: re.Match[str]) -> str:
@@ -78,12 +78,12 @@ def on_page_markdown(markdown: str, *, page: Page, config: MkDocsConfig, **_: An
 
 
 def with_breaks(html: str) -> str:
-    """The page with places where a narrow table may break a name."""
+    """The page with break opportunities in names in narrow tables."""
     return _INLINE_CODE.sub(lambda name: _BREAKS.sub("<wbr>", name[0]), html)
 
 
 def with_labels(html: str) -> str:
-    """The page with the header of its column at each cell of a table that is too wide for a phone."""
+    """The page with the header of its column in each cell of a table that is too wide for a phone."""
 
     def labelled(table: re.Match[str]) -> str:
         names = [_TAG.sub("", name) for name in _HEADER.findall(table[0])]

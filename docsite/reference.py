@@ -1,4 +1,4 @@
-"""Where the reference has each public name, and what the search has to know to find it there."""
+"""Where the reference has each public name, and the search's data for finding it there."""
 
 from __future__ import annotations
 
@@ -25,12 +25,12 @@ def places() -> dict[str, str]:
 
 
 def sought() -> dict[str, str]:
-    """The same of names that somebody looks for; constants such as KEY are common words."""
+    """The same of names that people search for; constants such as KEY are common words."""
     return {name: place for name, place in places().items() if not name.isupper()}
 
 
 def tag_index(index: Path) -> None:
-    """Tag the sections of the search's index that are references: a tag counts for more than any text."""
+    """Tag the sections of the search's index that are references: a tag has more weight than text."""
     content = json.loads(index.read_text())
     names = {place: name for name, place in sought().items()}
     tagged = [entry for entry in content["docs"] if entry["location"] in names]
@@ -40,7 +40,7 @@ def tag_index(index: Path) -> None:
     for entry in tagged:
         name = names[entry["location"]]
         entry["tags"] = [name]
-        # The search takes what is typed for a beginning too: Keeper comes before KeeperStatus.
+        # The search also matches prefixes: Keeper comes before KeeperStatus.
         if any(other != name and other.startswith(name) for other in names.values()):
             entry["boost"] = 4
     index.write_text(json.dumps(content))

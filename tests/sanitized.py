@@ -1,6 +1,6 @@
-"""What a sanitizer changes for tests; `make sanitize` names the one at work in TESSALINE_SANITIZER.
+"""What a sanitizer changes for tests; `make sanitize` sets TESSALINE_SANITIZER to the active one.
 
-TESSALINE_SLOWER: how many times as long as usual programs take, where they are emulated.
+TESSALINE_SLOWER: how much slower programs run under an emulator.
 """
 
 from __future__ import annotations
@@ -14,7 +14,7 @@ SLOWER = float(os.environ.get("TESSALINE_SLOWER", "6" if SANITIZER else "1"))
 
 
 def patience(seconds: float) -> float:
-    """A bound on time that holds as it stands where nothing is slowed down, and is farther off elsewhere."""
+    """A time limit that applies as it is in a normal build, and is longer under a sanitizer."""
     return seconds * SLOWER
 
 

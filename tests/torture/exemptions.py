@@ -1,7 +1,7 @@
-"""Findings that are not the component's: each by name, with how it is known again and why it stays.
+"""Findings that are not the component's: each by name, with how to recognise it and why it is exempt.
 
-All are of CPython 3.13.0. Each was read off the native frames of the place where memory was refused, and of
-the crash where there is one; the same frames decide here.
+All are of CPython 3.13.0. Each was derived from the native frames of the place where the allocation failed,
+and of the crash if there is one; the same frames are matched here.
 """
 
 from __future__ import annotations
@@ -17,9 +17,9 @@ from .kinds import Mode, Run
 class Exemption:
     name: str
     problem: str  # found in the text of the problem
-    frames: str  # found in the frames, "innermost < its caller < …", of a refusal or of the crash
+    frames: str  # matched in the frames, "innermost < its caller < …", of a failure or the crash
     reason: str
-    scenarios: tuple[str, ...] = ()  # none: all
+    scenarios: tuple[str, ...] = ()  # empty: all
     modes: tuple[Mode, ...] = tuple(Mode)
 
     def covers(self, run: Run, problem: str, chains: Iterable[str]) -> bool:
@@ -35,7 +35,7 @@ AFTERMATH = (
     r"still referred to|is kept by the host|threads are left|slots are taken|unraisable|thread ended with"
 )
 
-# A thread that waits in its own start, and what it keeps.
+# A thread that waits in its own start, and what it refers to.
 STILLBORN = re.compile(r"threads are left: \['(?:(?!\brun\b)[^'])*_bootstrap_inner < _bootstrap'\]")
 KEPT = re.compile(r"still referred to|is kept by the host")
 
@@ -139,7 +139,7 @@ EXEMPTIONS = (
 
 
 def exemptions_of(run: Run, problems: Iterable[str], chains: list[str]) -> list[Exemption] | None:
-    """Those that cover the problems, or None where one is left uncovered."""
+    """Those that cover the problems, or None if one is not covered."""
     found = []
     for problem in problems:
         covering = next((e for e in EXEMPTIONS if e.covers(run, problem, chains)), None)

@@ -1,4 +1,4 @@
-"""A server that writes what it is told over TLS, and tells how each handshake went."""
+"""A server that sends scripted bytes over TLS, and reports the result of each handshake."""
 
 from __future__ import annotations
 
@@ -24,9 +24,9 @@ def context_of(
     tickets: bool = True,
     **certificate: Any,
 ) -> ssl.SSLContext:
-    """A server context with a fresh certificate.
+    """A server context with a new certificate.
 
-    names: what the certificate is for; this machine if there are none. version: the only one that is spoken.
+    names: those in the certificate; by default this machine's. version: the only one that is accepted.
     certificate: further arguments for trustme.
     """
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
@@ -42,8 +42,8 @@ def context_of(
 class TlsServer(RawServer):
     """RawServer behind TLS.
 
-    Attributes: context (for the connections to come), resumed (for each handshake that succeeded, whether it
-    resumed a session).
+    Attributes: context (for new connections), resumed (for each successful handshake, whether it resumed a
+    session).
     """
 
     def __init__(self, context: ssl.SSLContext, *answers: Any, **options: Any) -> None:
@@ -54,12 +54,12 @@ class TlsServer(RawServer):
 
     def _serve(self, connection: socket.socket) -> None:
         connection.settimeout(DEADLINE)
-        # Else an answer waits for the client to acknowledge the tickets.
+        # Otherwise a response waits for the client to acknowledge the tickets.
         connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         try:
             secured = self.context.wrap_socket(connection, server_side=True, do_handshake_on_connect=False)
         except OSError:
-            # Gone before it began.
+            # Closed before it began.
             with self._lock:
                 self._open.remove(connection)
             return

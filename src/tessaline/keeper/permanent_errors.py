@@ -9,7 +9,7 @@ from tessaline.errors import is_final
 def stops_wallet(error: Exception, has_succeeded: bool) -> bool:
     """Whether no further attempt would help.
 
-    Where a login has succeeded once, an expired certificate or a maintenance page is transient: only what
+    After a successful login, an expired certificate or a maintenance page is a transient error: only what
     concerns the wallet itself stops it.
     """
     return is_final(error) and (isinstance(error, AuthError | RegistrationError) or not has_succeeded)

@@ -25,7 +25,7 @@ KEY: Final = f"{1:064x}"
 """A private key for tests. Everybody knows it: nothing of worth may ever belong to its wallet."""
 
 URL: Final = "https://service.example"
-"""A server URL for tests; nobody can be there."""
+"""A server URL for tests, at which there can be no server."""
 
 HOUR: Final = 3600.0
 """Seconds of an hour."""

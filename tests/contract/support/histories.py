@@ -10,9 +10,9 @@ from hypothesis.stateful import run_state_machine_as_test
 
 
 def play(machine: Any, histories: int, steps: int, number: int, worth_seeing: Iterable[str]) -> None:
-    """Each of those things must have been seen a few times: `machine.seen` counts them.
+    """Each of those things must have occurred a few times: `machine.seen` counts them.
 
-    number: of the series of histories. Without one, the machine's text would decide what is seen.
+    number: of the series of histories. Without one, the machine's source code would decide what occurs.
     """
     machine.seen.clear()
     run_state_machine_as_test(

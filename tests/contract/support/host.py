@@ -1,4 +1,4 @@
-"""Stand-ins for the host's modules: a `time` that does not sleep, a `threading` that does not start."""
+"""Replacements of modules: a `time` that does not sleep, a `threading` that does not start threads."""
 
 from __future__ import annotations
 
@@ -11,8 +11,8 @@ from tests.shared.modules import StandIn
 
 
 class ShortSleeps:
-    """A `time` whose sleeps end at once and whose monotonic time leaps, so that a clock that stands still is
-    found to be stuck at the first look: no wait of the component moves the hand clock."""
+    """A `time` whose sleeps end at once and whose monotonic time jumps, so that a clock that does not move
+    counts as stuck at the first poll: no wait of the component advances the hand clock."""
 
     def __init__(self, on_sleep: Callable[[float], None] | None = None) -> None:
         self.on_sleep = on_sleep
@@ -35,7 +35,7 @@ class ShortSleeps:
 
 
 def unstartable_threads(*refused: Callable[..., Any], error: BaseException | None = None) -> StandIn:
-    """A `threading` whose threads with one of these bodies cannot be started (none given: no thread can)."""
+    """A `threading` whose threads with one of these targets cannot be started (none given: no thread can)."""
 
     class Thread(threading.Thread):
         def start(self) -> None:

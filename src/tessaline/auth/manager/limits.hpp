@@ -1,25 +1,24 @@
 #pragma once
 
-// How long a manager waits for what is bound to come. Those of the contract are in constants.hpp.
+// How long a manager waits and how often it polls. The contract's own times are in constants.hpp.
 
 namespace tessaline::auth {
 
-/// For the renewal that a caller's `get_token` has asked for.
+/// How long `get_token` waits for the renewal that it has asked for.
 inline constexpr double kRefreshDoneSeconds = 10.0;
 
-/// After the token's expiry `get_token` looks so often, so far apart, for a new one.
+/// How often `get_token` polls for a new token after the expiry, and the polling interval.
 inline constexpr int kLooks = 30;
 inline constexpr double kLookSeconds = 0.1;
 
-/// The background thread's sleep between two looks at the clock, at least; an injected clock may move at any time.
+/// The shortest sleep of the background thread between two checks; an injected clock may move at any time.
 inline constexpr double kSleepSeconds = 1.0;
 inline constexpr double kInjectedSleepSeconds = 0.05;
 
-/// `close` for the background thread.
+/// How long `close` waits for the background thread.
 inline constexpr double kJoinSeconds = 1.0;
 
-/// Between two looks at what may have happened to a runner that says nothing: its thread ended before its
-/// first line, or this is the child of a fork.
+/// How often to check whether a runner is lost: its thread ended before its first line, or this is a forked child.
 inline constexpr double kLostRunnerSeconds = 1.0;
 
 }  // namespace tessaline::auth
