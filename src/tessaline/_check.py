@@ -14,10 +14,11 @@ from collections.abc import Callable, Mapping
 from typing import Final
 from urllib.parse import urlsplit
 
+from tessaline import _check_lines as lines
 from tessaline import auth, keys
-from tessaline._check_network import Resolution, Tls, look_at_tls, resolve
+from tessaline._check_network import look_at_tls, resolve
 from tessaline._check_proxy import proxy_for
-from tessaline._check_report import Exchange, Failure, Report, moment, shown
+from tessaline._check_report import Exchange, Failure, Report, shown
 from tessaline._http_settings import LONGEST_TIMEOUT
 from tessaline.errors import ERA_MISMATCH, WALLET_MISMATCH
 from tessaline.http import transport
@@ -31,10 +32,6 @@ TLS: Final = 5
 REFUSED: Final = 6
 NO_LOGIN: Final = 7
 INTERRUPTED: Final = 130
-
-_HOUR: Final = 3600.0
-
-type _Say = Callable[[str, str], None]
 
 
 class _Watched:
@@ -67,7 +64,7 @@ def run(given: Namespace) -> int:
         given: The options, parsed by `tessaline.__main__`.
     """
     report = Report(given.url)
-    token = _checked(report, given, _silent if given.json else _say)
+    token = _checked(report, given, lines.silent if given.json else lines.say)
     if given.json:
         told = report.as_json()
         if given.print_token:
@@ -82,7 +79,7 @@ def run(given: Namespace) -> int:
     return report.exit_code
 
 
-def _checked(report: Report, given: Namespace, say: _Say) -> str | None:
+def _checked(report: Report, given: Namespace, say: lines.Say) -> str | None:
     """Add one step after the other to the report; return the token if the login succeeds."""
     say("url", given.url)
     try:
@@ -107,8 +104,7 @@ def _checked(report: Report, given: Namespace, say: _Say) -> str | None:
             report.failure = Failure("login", error, code, _is_elsewhere(report.exchanges))
             return None
         report.expiry = manager.get_token_expiry()
-        hours = (report.expiry - time.time()) / _HOUR
-        say("token", f"valid for {hours:.1f} hours, until {moment(report.expiry)}")
+        say("token", lines.token_text(report.expiry))
         return manager.get_token()
 
 
@@ -120,42 +116,26 @@ def _key(given: Namespace) -> str:
     return keys.from_keystore(given.keystore, given.password())
 
 
-def _look_at_the_way(report: Report, given: Namespace, say: _Say) -> None:
+def _look_at_the_way(report: Report, given: Namespace, say: lines.Say) -> None:
     """For information: only the login decides whether the check fails."""
     report.proxy = proxy = proxy_for(given.url)
     if proxy is not None:
-        say("proxy", f"{proxy.address}, from the environment variable {proxy.variable}")
+        say("proxy", lines.proxy_text(proxy))
     if proxy is None or not proxy.resolves_names:
         report.name = resolve(given.url, given.timeout)
-        say("name", _name_text(report.name))
+        say("name", lines.name_text(report.name))
     else:
         say("name", "resolved by the proxy")
     report.tls = look_at_tls(given.url, proxy, given.timeout, report.name)
     if report.tls is not None:
-        say("tls", _tls_text(report.tls))
+        say("tls", lines.tls_text(report.tls))
     if report.tls is not None and report.tls.certificate is not None:
-        certificate = report.tls.certificate
-        validity = f"{certificate.days_left:.1f} days, until {moment(certificate.not_after)}"
-        say("certificate", f"issued by {certificate.issuer}; valid for {validity}")
+        say("certificate", lines.certificate_text(report.tls.certificate))
 
 
-def _name_text(name: Resolution) -> str:
-    return f"{name.host}: {name.error or ', '.join(name.addresses)} ({_milliseconds(name.seconds)})"
-
-
-def _tls_text(tls: Tls) -> str:
-    return f"{tls.error or f'{tls.version}, {tls.cipher}'} ({_milliseconds(tls.seconds)})"
-
-
-def _note(report: Report, exchange: Exchange, say: _Say) -> None:
+def _note(report: Report, exchange: Exchange, say: lines.Say) -> None:
     report.exchanges.append(exchange)
-    outcome = exchange.error or str(exchange.status)
-    said = f"{exchange.method} {exchange.path}: {outcome} ({_milliseconds(exchange.seconds)})"
-    say(exchange.path.rpartition("/")[2], said)
-
-
-def _milliseconds(seconds: float) -> str:
-    return f"{seconds * 1000:.1f} ms"
+    say(exchange.path.rpartition("/")[2], lines.exchange_text(exchange))
 
 
 def _exit_code(error: Exception, exchanges: list[Exchange]) -> int:
@@ -179,12 +159,3 @@ def _is_elsewhere(exchanges: list[Exchange]) -> bool:
     """Whether the last status is not that of a transient error, so that the URL may be another service's."""
     status = exchanges[-1].status if exchanges else None
     return status is not None and status != 429 and status < 500
-
-
-def _say(label: str, text: str) -> None:
-    # Flushed, because the next step may take long.
-    print(f"{label:<12}{shown(text)}", flush=True)
-
-
-def _silent(label: str, text: str) -> None:
-    pass
