@@ -128,14 +128,14 @@ class WalletCallCredentials(grpc.AuthMetadataPlugin):
 
 
 class WalletInterceptor(grpc.UnaryUnaryClientInterceptor):
-    """Repeats a refused call of one request and one answer, for `grpc.intercept_channel`.
+    """Repeats a refused unary call once, for `grpc.intercept_channel`.
 
     Args:
         wallet: The credentials of the channel.
 
-    The repetition has the call's `timeout` anew. What `.future()` starts is not waited for: unless it has
-    ended by then it is neither repeated nor told to the source. Which token a call carried only gRPC knows:
-    the one that is told is the latest that was given out.
+    The repeated call has the full `timeout` again. A call started with `.future()` is neither repeated nor
+    reported to the source, unless it has already ended. Only gRPC knows which token a call carried, so the
+    token of the latest call is reported.
     """
 
     def __init__(self, wallet: WalletCallCredentials) -> None:
@@ -162,7 +162,7 @@ class WalletAioInterceptor(grpc.aio.UnaryUnaryClientInterceptor):
     Args:
         wallet: The credentials of the channel.
 
-    The event loop does not stand still while the source finds out whether another token comes of it.
+    The event loop keeps running while the source logs in again.
     """
 
     def __init__(self, wallet: WalletCallCredentials) -> None:
