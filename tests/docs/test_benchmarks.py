@@ -44,7 +44,8 @@ def test_a_chart_shows_what_was_measured(chart: bars.Chart) -> None:
     ("value", "unit", "text"),
     [
         (0.00449, "botocore", "1/223"),
-        (0.371, "urllib", "0.371"),
+        (0.371, "urllib", "1/2.7"),
+        (0.954, "http.client", "0.954"),
         (2.7, "a call", "2.7"),
         (113.0, "µs", "113 µs"),
     ],
