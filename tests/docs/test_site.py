@@ -46,6 +46,8 @@ def test_a_drawing_can_be_read_aloud_and_by_day_and_night(path: Path) -> None:
 def test_the_words_of_a_drawing_are_large_enough_on_a_phone(path: Path) -> None:
     root = ElementTree.fromstring(path.read_text())
     width = float(root.get("viewBox", "").split()[2])
+    # Where no style says more, such as in the README, it is as wide as it was drawn.
+    assert float(root.get("width", "0")) == width
     sizes = [float(text.get("font-size", "0")) for text in root.iter(f"{SVG}text")]
     assert sizes and min(sizes) * min(1, 358 / width) >= 10
 
