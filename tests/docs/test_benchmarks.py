@@ -10,6 +10,8 @@ from benchmarks import page
 from benchmarks.ratios import Figure, Ratio
 from docsite.figures import bars
 
+from .pages import DOCS
+
 pytestmark = pytest.mark.process
 
 README = bars.FOLDER / "README.md"
@@ -38,6 +40,16 @@ def test_a_chart_shows_what_was_measured(chart: bars.Chart) -> None:
         value = MEASURED["groups"][group]["medians"][name]
         assert f">{label}</text>" in drawn
         assert f">{bars.readable(value, 's')}</text>" in drawn
+
+
+def test_the_pages_tell_the_overhead_in_an_event_loop() -> None:
+    figures = [figure for figure in MEASURED["figures"] if figure["subject"].startswith("httpx request")]
+    *hooks, pool = [round(100 * (figure["median"] - 1)) for figure in figures]
+    assert len(hooks) == 3
+    text = " ".join((DOCS / "asyncio.md").read_text().split())
+    assert f"takes {min(hooks)} to {max(hooks)} % longer" in text
+    assert f"loop's pool takes {pool} % longer" in text
+    assert f"`httpx.AsyncClient`, {min(hooks)} to {max(hooks)} %" in (DOCS / "integrations.md").read_text()
 
 
 @pytest.mark.parametrize(

@@ -96,7 +96,7 @@ class KeeperEvent:
         lasts: Lifetime of the new token in seconds; None for other kinds.
         reason: Why an attempt failed; None for other kinds.
         failures: Failed attempts in a row; with a new token, those before it.
-        next_attempt: When the next attempt is scheduled; None if none is.
+        next_attempt: When the next attempt is scheduled; None without one.
         era: The announced era of the new token; None for other kinds.
     """
 
