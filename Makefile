@@ -9,7 +9,7 @@ ARGS ?=
 help: ## this page
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1\t\2/p' Makefile | expand -t 20
 
-demo: ## log a wallet in against the development server and tell what happens
+demo: ## log a wallet in against the development server, and print each step
 	@tools/setup demo
 	@.venv/bin/python examples/demo.py $(ARGS)
 

@@ -1,1 +1,1 @@
-"""How fast the component is, beside what people would use instead (make bench)."""
+"""How fast the component is, compared with alternatives (make bench)."""

@@ -1,4 +1,4 @@
-"""Requests of an event loop that ask for the token, beside requests with a constant header."""
+"""Requests in an event loop that get the token, compared with requests with a constant header."""
 
 from __future__ import annotations
 
@@ -99,7 +99,7 @@ def requests_of_a_loop(rounds: int) -> Group:
             return lambda: runner.run(_burst(request))
 
         for subject, asking, beside, fixed, target in comparisons:
-            # Many short turns: the pace of a shared machine changes within a second.
+            # Many short rounds: the speed of a shared machine changes within a second.
             samples = in_turns({subject: measure(asking), beside: measure(fixed)}, TURNS * rounds)
             ratio = Ratio.of(samples[subject], samples[beside])
             figures.append(Figure(f"httpx request, {subject}", beside, ratio, target))

@@ -1,4 +1,4 @@
-"""Many callers and many managers at once."""
+"""Many concurrent callers and managers."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ ERAS = itertools.count(2)
 
 
 class Crowd:
-    """Threads that do one thing at the same moment; tells when each ended."""
+    """Threads that do one thing at the same time; returns when each has ended."""
 
     def __init__(self, people: int, errand: Callable[[], Any]) -> None:
         self.ended: list[float] = []
@@ -38,7 +38,7 @@ class Crowd:
         self.ended.append(time.perf_counter())
 
     def released(self) -> float:
-        """The seconds until the slowest had ended."""
+        """The seconds until the slowest has ended."""
         begin = time.perf_counter()
         self._barrier.wait(30)
         for thread in self._threads:
@@ -113,7 +113,7 @@ def woken_waiters(rounds: int) -> Group:
 
 
 def threads_at_once(rounds: int) -> Group:
-    """get_token() from 8 threads together, beside the same number of calls from one."""
+    """Concurrent get_token() from 8 threads, compared with the same number of calls from one."""
     calls = 400_000
     with new_manager("https://auth.example.test", _transport=canned_answers()) as manager:
         manager.authenticate()
@@ -137,7 +137,7 @@ def threads_at_once(rounds: int) -> Group:
 
 
 def era_of_a_fleet(rounds: int) -> Group:
-    """1,000 managers of one process told of an era at once, beside the same exchanges by bare libcurl."""
+    """An announcement to 1,000 managers of one process, compared with the same exchanges by bare libcurl."""
 
     with running_server(delay_milliseconds=5) as server:
         fleet = [auth.AuthManager(f"{number + 1:064x}", server.base) for number in range(WALLETS)]

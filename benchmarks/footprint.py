@@ -1,4 +1,4 @@
-"""What the component takes: time to import, memory per manager, and growth with what a server sends."""
+"""The component's costs: time to import, memory per manager, and growth with the size of responses."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ LINEAR = 1.5
 
 
 def search_path(package: Path = PACKAGE) -> str:
-    """From which a program imports the component of that folder, and the benchmarks."""
+    """The environment in which a program imports the component of that folder, and the benchmarks."""
     return os.pathsep.join(map(str, (package, PROGRAMS, ROOT)))
 
 
@@ -41,7 +41,7 @@ def printed_by(module: str, *arguments: str, **environment: str) -> list[str]:
 
 
 def importing(rounds: int) -> Group:
-    """The import after the host's own modules that it needs, in fresh processes with warm file caches."""
+    """The import after Python's own modules that it needs, in new processes with warm file caches."""
     modules = printed_by("import_time")[1].split()
     samples = in_turns({"import": lambda: float(printed_by("import_time", *modules)[0])}, rounds)["import"]
     milliseconds = Ratio.around([sample * 1000 for sample in samples])
@@ -50,7 +50,7 @@ def importing(rounds: int) -> Group:
 
 
 def memory(rounds: int) -> Group:
-    """Heap of a logged-in manager besides that of host objects alone, and whether logins get slower."""
+    """Heap of a logged-in manager without that of Python objects, and whether logins get slower."""
     slower = []
 
     def manager() -> float:
@@ -72,7 +72,7 @@ def memory(rounds: int) -> Group:
 
 
 def growth(rounds: int) -> Group:
-    """Time by size of the token's payload and of the server's answer."""
+    """Time by size of the token's payload and of the server's response."""
     figures: list[Figure] = []
     medians: dict[str, float] = {}
     for name, sizes, measure in (
@@ -110,6 +110,6 @@ def body_seconds(sizes: tuple[int, ...], rounds: int) -> dict[int, list[float]]:
             url = f"{server.base}/body/{size}"
             return fastest(lambda: auth._default_http_transport("POST", url))
 
-        # glibc adapts to the largest block that it was given back; before, each size pays for fresh pages.
+        # glibc adapts to the largest freed block; before that, each size pays for new pages.
         fetched(max(sizes))
         return {size: [fetched(size) for _ in range(rounds)] for size in sizes}

@@ -30,7 +30,7 @@ _USAGE_FIELDS = [
 
 
 class _Usage(ctypes.Structure):
-    """struct mallinfo2 of glibc."""
+    """glibc's struct mallinfo2."""
 
     _fields_ = [(name, ctypes.c_size_t) for name in _USAGE_FIELDS]
 
@@ -44,7 +44,7 @@ def heap() -> int:
 
 
 class HostObjects:
-    """The lock, events and waiting thread that any class of that contract has."""
+    """The lock, events and waiting thread that any class with that contract has."""
 
     def __init__(self) -> None:
         self.lock = threading.Lock()

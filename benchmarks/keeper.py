@@ -1,4 +1,4 @@
-"""A keeper of many wallets, beside as many managers that are left to themselves."""
+"""A keeper of many wallets, compared with as many managers without a keeper."""
 
 from __future__ import annotations
 

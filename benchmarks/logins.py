@@ -23,7 +23,7 @@ from tessaline import auth
 from .places import CHALLENGE, KEY, REGISTER, VERIFY, running_server
 from .ratios import Figure, Group, Ratio, in_turns, medians_of
 
-# What a login sends, in form and length; the benchmarks' server looks at nothing of it.
+# What a login sends, in form and length; the benchmarks' server ignores it.
 _WALLET = json.dumps({"wallet_address": "0x" + "ab" * 20})
 LOGIN_BODIES = (
     _WALLET,
@@ -39,7 +39,7 @@ def seconds(operation: Callable[[], Any]) -> float:
 
 
 def swallowed(operation: Callable[[], Any]) -> None:
-    """Calls it; a refusal by the server is as good an end as any."""
+    """Calls it; an error of the server is accepted."""
     try:
         operation()
     except Exception as error:
@@ -69,7 +69,7 @@ def through_urllib(base: str, context: ssl.SSLContext) -> None:
 
 
 def login_over_https(rounds: int) -> Group:
-    """Register, challenge, verify over TLS from nothing, beside the same three calls of urllib."""
+    """Register, challenge, verify over a new TLS connection, compared with the same three calls of urllib."""
     authority = trustme.CA()
     certificate = authority.issue_cert("127.0.0.1")
     with tempfile.TemporaryDirectory() as folder:
@@ -86,7 +86,7 @@ def login_over_https(rounds: int) -> Group:
             return spent
 
         def on_a_new_server(login: Callable[[str], float]) -> float:
-            """With what was used a moment ago in the caches, but no connection that was."""
+            """With recently used data in the CPU's caches, but no used connection."""
             with running_server(0, (chain, key)) as before, running_server(0, (chain, key)) as server:
                 login(before.base)
                 return login(server.base)
@@ -120,7 +120,7 @@ def login_over_https(rounds: int) -> Group:
 
 
 def server_connections(base: str, context: ssl.SSLContext) -> int:
-    """Connections that were accepted before this question's own."""
+    """Connections accepted before that of this request."""
     with urllib.request.urlopen(base + "/count", timeout=30, context=context) as response:
         return json.load(response)["connections"] - 1
 
@@ -143,7 +143,7 @@ class _trusting:
 
 
 def canned_answers() -> Callable[..., Any]:
-    """A transport that costs next to nothing."""
+    """A transport that costs almost nothing."""
     token = jwt.encode({"sub": Account.from_key(KEY).address}, "x" * 32)
     verified = json.dumps({"token": token, "expires_at": 0, "wallet_secret": "c2VjcmV0"}).encode()
     challenge = b'{"challenge_id": "c", "message": "Sign in to the benchmark, nonce 0123456789abcdef"}'
@@ -156,7 +156,7 @@ def canned_answers() -> Callable[..., Any]:
 
 
 def login_in_memory(rounds: int) -> Group:
-    """What a login costs besides its transport, the start of its thread included."""
+    """The cost of a login without its transport, including the start of its thread."""
     transport = canned_answers()
     microseconds = []
     for _ in range(rounds):

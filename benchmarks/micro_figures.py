@@ -1,4 +1,4 @@
-"""What the cases of `micro` have to reach beside each other."""
+"""The limits of the cases of `micro` relative to each other."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""Runs the cases of `micro` in turns, each time in processes of their own, and gathers their figures."""
+"""Runs the cases of `micro` alternately, each time in separate processes, and collects their figures."""
 
 from __future__ import annotations
 

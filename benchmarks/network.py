@@ -18,7 +18,7 @@ Report = Mapping[str, float]
 
 
 def reported_by(trust: Trust, *arguments: str) -> Report:
-    """What the worker measures in a process of its own."""
+    """The worker's measurement in a separate process."""
     return json.loads(printed_by("network_worker", *arguments, **trust.environment)[0])
 
 
@@ -83,7 +83,7 @@ def first_connection(rounds: int) -> Group:
     with trusted_beside_the_system() as trust, running_nginx(trust, kept=False, tickets=False) as server:
 
         def measured(client: str) -> float:
-            # Short, so that one may be spoilt by whatever else the machine does.
+            # Short, because other programs on the machine may disturb one.
             return statistics.median(
                 reported_by(trust, "first", client, server.origins[0])["cpu"] for _ in range(3)
             )
@@ -106,7 +106,7 @@ def first_connection(rounds: int) -> Group:
 
 
 def resumed_connection(rounds: int) -> Group:
-    """Processor time of a connection to a server that lets sessions be resumed, beside a full handshake."""
+    """Processor time of a connection to a server that resumes sessions, compared with a full handshake."""
     with (
         trusted_beside_the_system() as trust,
         running_nginx(trust, kept=False, tickets=False) as full,

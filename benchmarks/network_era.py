@@ -21,7 +21,7 @@ PATIENCE = 120.0
 
 
 def era_of_a_fleet(rounds: int) -> Group:
-    """1,000 managers of one process told of an era at once, beside the same exchanges by bare libcurl."""
+    """An announcement to 1,000 managers of one process, compared with the same exchanges by bare libcurl."""
     with (
         trusted_beside_the_system() as trust,
         trusted_here(trust),
@@ -46,7 +46,7 @@ def era_of_a_fleet(rounds: int) -> Group:
                 event = manager._auth_event
                 assert event is None or event.wait(max(0.0, begin + PATIENCE - time.perf_counter()))
             spent = time.perf_counter() - begin
-            opened.append(server.count()[0] - before - 1)  # without that of the question
+            opened.append(server.count()[0] - before - 1)  # without that of this request
             for manager in fleet:
                 manager.get_token()
             return spent

@@ -1,4 +1,4 @@
-"""Many managers that log in over TLS: at as many servers, or all at one."""
+"""Many managers that log in over TLS: to as many servers, or all to one."""
 
 from __future__ import annotations
 
@@ -53,7 +53,7 @@ def medians_by_kind(samples: Samples) -> dict[str, float]:
 
 
 def logins_at_origins(case: str, rounds: int) -> tuple[Samples, str]:
-    """What was measured, and a note."""
+    """The measurement, and a note."""
     with (
         trusted_beside_the_system() as trust,
         running_nginx(trust, ORIGINS) as servers,
@@ -83,14 +83,14 @@ def origins_one_by_one(rounds: int) -> Group:
 
 
 def origins_at_once(rounds: int) -> Group:
-    """A manager for each of 100 servers; they log in at the same moment, on a thread each."""
+    """A manager for each of 100 servers; they log in at the same time, each on its own thread."""
     samples, note = logins_at_origins("at-once", rounds)
     figures = compared(f"{ORIGINS} logins at {ORIGINS} servers at once", samples, 1.2, 1.5, note)
     return Group(f"{ORIGINS} servers at once", figures, medians_by_kind(samples))
 
 
 def crowd_at_one_server(rounds: int) -> Group:
-    """200 managers that log in at one server at the same moment."""
+    """200 managers that log in to one server at the same time."""
     runs = 0
     with (
         trusted_beside_the_system() as trust,
@@ -128,7 +128,7 @@ def crowd_at_one_server(rounds: int) -> Group:
 
 
 def crowd_memory(rounds: int) -> Group:
-    """What a process grows by when 200 managers log in at one server at once."""
+    """The growth of a process when 200 managers log in to one server at the same time."""
     clients = (*CLIENTS, IN_MEMORY)
     with trusted_beside_the_system() as trust, running_nginx(trust) as server:
         argument = errand([server.origins[0]] * CROWD, server.origins[0])

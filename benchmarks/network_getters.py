@@ -1,4 +1,4 @@
-"""One GET over a connection of its own, by each client that the network benchmarks compare.
+"""One GET over a separate connection, by each client that the network benchmarks compare.
 
 Imports next to nothing, and each client what it needs when it is asked for: that is part of a first
 connection.
@@ -89,7 +89,7 @@ GETTERS: dict[str, Callable[[str], Callable[[], object]]] = {
 
 
 def connections_cpu(client: str, url: str, times: int) -> float:
-    """Seconds of processor time that as many connections take, after one that does not count."""
+    """Seconds of processor time for that many connections, after a warm-up."""
     if client in (BARE, BARE_SHARING):
         import floors
 

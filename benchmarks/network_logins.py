@@ -1,4 +1,4 @@
-"""A login, made ready for a base URL, by each client that the network benchmarks compare."""
+"""A login, prepared for a base URL, by each client that the network benchmarks compare."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ MODULES = {
 
 @dataclass(frozen=True)
 class Errand:
-    """A login for each base URL, after one to warm up; what is sent and, in memory, answered."""
+    """A login for each base URL, after a warm-up; requests and responses are prepared in memory."""
 
     bases: Sequence[str]
     warm_up: str
@@ -38,7 +38,7 @@ class Errand:
 def by_tessaline(errand: Errand) -> Prepare:
     from tessaline import auth
 
-    # The bound method keeps the manager.
+    # The bound method keeps the manager alive.
     return lambda base: auth.AuthManager(errand.key, base).authenticate
 
 
@@ -56,7 +56,7 @@ def in_memory(errand: Errand) -> Prepare:
 
 
 def by_urllib3(errand: Errand) -> Prepare:
-    """One pool with the defaults, but as large as the origins and the threads of each ask for."""
+    """One pool with the defaults, but as large as the number of origins and threads requires."""
     import urllib3
 
     origins = {base.split("/")[2] for base in errand.bases}

@@ -58,7 +58,7 @@ http {{
 
 
 def verified_answer() -> str:
-    """What verify answers to the wallet of the benchmarks."""
+    """The response of verify for the wallet of the benchmarks."""
     token = jwt.encode({"sub": Account.from_key(KEY).address}, "x" * 32)
     return json.dumps({"token": token, "expires_at": 4102444800, "wallet_secret": "c2VjcmV0"})
 
@@ -103,7 +103,7 @@ def _program() -> str:
 def _start(folder: Path, configuration: str) -> subprocess.Popen[bytes]:
     path = folder / "nginx.conf"
     path.write_text(configuration)
-    # A worker of root would become another user, to whom the folder is closed.
+    # Root's workers would become another user, which cannot access the folder.
     user = f"user {pwd.getpwuid(0).pw_name};" if os.geteuid() == 0 else ""
     errors = folder / "error.log"
     command = [_program(), "-p", str(folder), "-c", str(path), "-e", str(errors)]
@@ -145,7 +145,7 @@ def running_nginx(
     """
     with tempfile.TemporaryDirectory() as name:
         folder = Path(name)
-        # Somebody else may take a port before nginx does.
+        # Another program may take a port before nginx does.
         for _ in range(3):
             ports = _free_ports(origins)
             configuration = _MAIN.format(

@@ -1,4 +1,4 @@
-"""A certificate for this machine that is trusted beside the system's roots, which all stay in force."""
+"""A certificate for this machine that is trusted in addition to the system's roots."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ class Trust:
     chain: Path
     key: Path
     environment: Mapping[str, str]
-    roots: int  # certificates in the file, the one of the benchmarks included
+    roots: int  # certificates in the file, including that of the benchmarks
 
     @property
     def note(self) -> str:

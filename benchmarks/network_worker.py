@@ -45,7 +45,7 @@ def one_by_one(calls: Sequence[Call]) -> dict[str, float]:
 
 
 def at_once(calls: Sequence[Call]) -> dict[str, float]:
-    """Each on a thread of its own, from a common start until the last has ended."""
+    """Each on its own thread, from a common start until the last has ended."""
     import threading
 
     barrier = threading.Barrier(len(calls) + 1)
@@ -71,7 +71,7 @@ def at_once(calls: Sequence[Call]) -> dict[str, float]:
 def warm(
     measure: Callable[[Sequence[Call]], dict[str, float]], client: str, errand: Errand
 ) -> dict[str, float]:
-    """In a process that has spoken to another server before."""
+    """In a process that has connected to another server before."""
     from .network_logins import LOGINS
 
     prepare = LOGINS[client](errand)
@@ -97,7 +97,7 @@ def memory(client: str, errand: Errand) -> dict[str, float]:
     importlib.import_module(MODULES[client])
     gc.collect()
     with open("/proc/self/clear_refs", "w") as marks:
-        marks.write("5")  # the peak begins anew
+        marks.write("5")  # resets the peak
     before = of_this_process("VmRSS")
     prepare = LOGINS[client](errand)
     prepare(errand.warm_up)()

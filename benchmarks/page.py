@@ -1,4 +1,4 @@
-"""The page of figures, made of what was measured: charts first, then every figure, then what they mean."""
+"""The page of figures, generated from the measurements: charts first, then all figures, then explanations."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ SMALL = 0.5
 
 
 def amount(value: float, unit: str) -> str:
-    """A ratio as a person says it, or a value in its own unit."""
+    """A ratio in words, or a value in its own unit."""
     if unit in UNITS:
         return f"{value:.3g} {unit}"
     if value > SMALL:

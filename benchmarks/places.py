@@ -1,4 +1,4 @@
-"""Where the build of the benchmarks is, and what it holds: the component, the floors, the server."""
+"""The build of the benchmarks, and its parts: the component, the floors, the server."""
 
 from __future__ import annotations
 
@@ -36,13 +36,13 @@ class Server:
     base: str
 
     def _ask(self, request: urllib.request.Request) -> bytes:
-        # A context of its own: the URL library would keep the first one, with the roots of that time.
+        # A new context: the URL library would keep the first one, with the roots of that time.
         context = ssl.create_default_context() if self.base.startswith("https:") else None
         with urllib.request.urlopen(request, timeout=30, context=context) as response:
             return bytes(response.read())
 
     def count(self) -> tuple[int, int]:
-        """Connections accepted and exchanges answered so far; the question itself is not among the latter."""
+        """Connections accepted and exchanges completed so far, without the exchange of this request."""
         counted = json.loads(self._ask(urllib.request.Request(self.base + "/count")))
         return counted["connections"], counted["exchanges"]
 
@@ -69,7 +69,7 @@ def on_one_core() -> Iterator[None]:
 def running_server(
     delay_milliseconds: int = 0, certificate: tuple[Path, Path] | None = None
 ) -> Iterator[Server]:
-    """A server that answers after that delay; over TLS with that certificate and key."""
+    """A server that responds after that delay; over TLS with that certificate and key."""
     command = [str(PROGRAMS / "bench_server"), str(delay_milliseconds), *map(str, certificate or ())]
     with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as process:
         assert process.stdin is not None and process.stdout is not None

@@ -1,4 +1,4 @@
-"""Figures as ratios of what was measured in turns in one run."""
+"""Figures as ratios of alternating measurements in one run."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ Samples = Mapping[str, Sequence[float]]
 
 
 def in_turns(measures: Mapping[str, Callable[[], float]], rounds: int) -> dict[str, list[float]]:
-    """Measures each in turn, `rounds` times over, after one turn that does not count."""
+    """Measures each in turn, `rounds` times, after a warm-up round."""
     samples: dict[str, list[float]] = {name: [] for name in measures}
     for turn in range(rounds + 1):
         for name, measure in measures.items():
@@ -42,12 +42,12 @@ class Ratio:
 
 @dataclass(frozen=True)
 class Figure:
-    """One line of the report: what was measured, against what, and what it had to reach."""
+    """One line of the report: what was measured, against what, and its limit."""
 
     subject: str
     unit: str
     ratio: Ratio
-    target: float | None  # none: only to tell the other figures by
+    target: float | None  # none: only for comparison with the other figures
     at_most: bool = True
     note: str = ""
 
@@ -60,7 +60,7 @@ class Figure:
 
 @dataclass(frozen=True)
 class Group:
-    """Figures that were measured together, with the medians of all that took part (seconds unless said)."""
+    """Figures that were measured together, with the medians of all measurements (in seconds by default)."""
 
     title: str
     figures: Sequence[Figure]

@@ -1,4 +1,4 @@
-"""Writes what was measured, and the page and charts made of it."""
+"""Writes the measurements, and the page and charts generated from them."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""A wheel beside the build from source: the import, and the first login of a process."""
+"""A wheel compared with the build from source: the import, and the first login of a process."""
 
 from __future__ import annotations
 
@@ -19,14 +19,14 @@ from .network_trust import trusted_beside_the_system
 from .places import PACKAGE, ROOT, running_server
 from .ratios import Figure, Group, Ratio, in_turns, medians_of
 
-# Not worse; two builds of the same sources are often that much apart.
+# Not slower; two builds of the same sources often differ this much.
 NOISE = 1.05
 WHEEL, BUILD = "tessaline, wheel", "tessaline, built here"
 
 
 @contextmanager
 def unpacked_wheel() -> Iterator[Path]:
-    """A folder to import from, with what the wheel for this interpreter holds."""
+    """A folder to import from, with the content of the wheel for this interpreter."""
     target = here("{}.{}".format(*sys.version_info), os.uname().machine)
     found = next((ROOT / "dist").glob(f"*-{target}.whl"), None)
     if found is None:
@@ -37,11 +37,11 @@ def unpacked_wheel() -> Iterator[Path]:
 
 
 def beside_build(title: str, rounds: int, program: Sequence[str], environment: Mapping[str, str]) -> Group:
-    """The seconds that the program prints with the wheel, beside those with the build."""
+    """The seconds that the program prints with the wheel, and those with the build."""
 
     def measured(package: Path) -> float:
         there = {**environment, "PYTHONPATH": search_path(package)}
-        # Short, so that one may be spoilt by whatever else the machine does.
+        # Short, because other programs on the machine may disturb one.
         return statistics.median(float(printed_by(*program, **there)[0]) for _ in range(3))
 
     with unpacked_wheel() as wheel:

@@ -1,4 +1,4 @@
-"""`python -m chaos`: flows in some processes, lives and a keeper in one each; the last line has figures."""
+"""`python -m chaos`: flows in several processes, lives and a keeper in one each; figures at the end."""
 
 from __future__ import annotations
 
@@ -43,7 +43,7 @@ def _arguments() -> argparse.Namespace:
 
 
 def main() -> int:
-    """Run what the command line asks for; returns the process's exit code."""
+    """Run the command line; returns the process's exit code."""
     given = _arguments()
     if given.flow is not None:
         return _play([given.flow])
@@ -100,7 +100,7 @@ def _run_all(given: argparse.Namespace) -> int:
         output = child.communicate()[0].decode()
         lines = output.splitlines()
         if not (lines and lines[-1].startswith(_FIGURES)):
-            # A part that says nothing at the end has not been seen to pass.
+            # A part without a final line has not passed.
             hangs += child.returncode == HUNG
             failures += 1
             print(f"part {part} ended with {child.returncode}:\n{output}", file=sys.stderr)

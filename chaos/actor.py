@@ -1,4 +1,4 @@
-"""A manager over real sockets on a clock of its own, everything it does noted down."""
+"""A manager over real sockets on its own clock, with a record of everything it does."""
 
 from __future__ import annotations
 
@@ -46,7 +46,7 @@ class Actor:
         self.manager._wait_with_clock = self.wait
 
     def plan(self, plan: Plan) -> None:
-        """Let the next requests meet `plan`, and note down from the start."""
+        """Apply `plan` to the next requests, and start a new record."""
         self._plan = {endpoint: list(faults) for endpoint, faults in plan.items()}
         self.attempts: Counter[str] = Counter()
         self.asked: list[Any] = []
@@ -59,12 +59,12 @@ class Actor:
             self.server.script(scripts)
 
     def forget_plan(self) -> None:
-        """Let everything that is left of the plan be."""
+        """Discard the rest of the plan."""
         if self._plan:
             self.server.script({endpoint: [] for endpoint in self._plan})
         self.plan({})
 
-    # What the manager is given
+    # Injected into the manager
 
     def clock(self) -> float:
         return self.now + self._ahead.get(threading.get_ident(), 0.0)
@@ -83,7 +83,7 @@ class Actor:
         return auth._default_http_transport(method, url, headers=headers, body=body)
 
     def _way(self, fault: Fault, url: str, headers: Any) -> tuple[str, Any]:
-        """Where the request goes: a connection that meets a fault is one of its own."""
+        """The URL of the request: a connection with a fault is a separate one."""
         address = urlsplit(url)
         if fault.refused:
             return f"{address.scheme}://127.0.0.1:{self._stage.refused_port}{address.path}", headers
@@ -93,7 +93,7 @@ class Actor:
         return f"{self.server.gate_url}{address.path}", {**headers, "Connection": "close"}
 
     def wait(self, seconds: Any) -> None:
-        """The manager's own wait, in which the clock moves instead of the process sleeping."""
+        """The manager's own wait, which advances the clock instead of sleeping."""
         self.asked.append(seconds)
         if self.on_wait is not None:
             self.on_wait()
@@ -107,10 +107,10 @@ class Actor:
 
     def _pass_time(self, step: float, until: float) -> None:
         assert step == _BACKOFF_STEP
-        # Of steps that a float can hold exactly.
+        # In steps that a float can represent exactly.
         self.now += max(0.25, (until - self.now) // 4)
 
-    # Callers with a clock of their own
+    # Callers with their own clock
 
     def get_token_ahead(self, seconds: float) -> str:
         """`get_token` of a caller whose clock is ahead, and whose poll lasts until `polls_go_on`."""

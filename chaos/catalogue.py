@@ -1,4 +1,4 @@
-"""The faults by the phase of the exchange that they meet, each with what it does to the client."""
+"""The faults by the phase of the exchange that they affect, each with its effect on the client."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ LONG = 600
 NOT_HTTP = Broken(http.client.BadStatusLine, "is not HTTP/1")
 _ALERT = base64.b64encode(b"\x15\x03\x03\x00\x02\x02\x28").decode()
 _HTTPS = ("https",)
-# Over a kept connection the request would be sent once more.
+# Over a kept connection the request would be sent again.
 _NEW = {"kind": "pass"}
 _OFF_REGISTER = (CHALLENGE, VERIFY, RENAME)
 _OFF_RENAME = LOGIN
@@ -68,7 +68,7 @@ def _handshakes() -> Iterator[Fault]:
 
 
 def _scripted(name: str, phase: str, effect: Callable[[Answer], Exchange], kind: str, **fields: Any) -> Fault:
-    """A fault of the server's own.
+    """A fault of the server itself.
 
     `at`, `processed` and `schemes` are the catalogue's, the rest is the script's.
     """
@@ -120,7 +120,7 @@ def _limits() -> Iterator[Fault]:
     yield _status(429, "limited")
     for after in ("0", "7", "-5", "+3", "1_0", "120", "soon", "1.5", "7 days"):
         yield _status(429, f"limited_{after}", after=after)
-    # Longer than what is left of the token when it is renewed.
+    # Longer than the rest of the token's lifetime at its renewal.
     yield _status(429, "limited_for_hours", after="20000")
 
 
@@ -176,7 +176,7 @@ def _without(key: str) -> Callable[[Answer], Exchange]:
 
 
 def _with(key: str, change: Callable[[Any], Any]) -> Callable[[Answer], Exchange]:
-    """A refusal stays a refusal: only an answer that has the key is changed."""
+    """An error response has no such key, and is not changed."""
 
     def effect(answer: Answer) -> Exchange:
         assert isinstance(answer.body, Mapping)
@@ -247,5 +247,5 @@ PHASES = ("connect", "tls", "headers", "body", "close")
 
 
 def fitting(endpoint: str, scheme: str) -> list[Fault]:
-    """The faults that a request at `endpoint` can meet."""
+    """The possible faults of a request to `endpoint`."""
     return [fault for fault in FAULTS if endpoint in fault.at and scheme in fault.schemes]

@@ -25,13 +25,13 @@ INVITE_REASONS = frozenset({"invite_invalid", "invite_already_redeemed", "invite
 PERMANENT = frozenset({"signature_mismatch", "invalid_address"})
 STALE = (404, 410, 409)
 
-# The fields of a body by their meaning only.
+# The fields of a body by their meaning.
 type Body = Mapping[str, Any] | str | None
 
 
 @dataclass(frozen=True)
 class Token:
-    """What can be told of a bearer token. era: None for none; "odd" for a claim that is no number."""
+    """The visible properties of a bearer token. era: None for none; "odd" for one that is not a number."""
 
     era: int | str | None
     readable: bool = True
@@ -40,7 +40,7 @@ class Token:
 
 @dataclass(frozen=True)
 class Answer:
-    """An HTTP answer as the client takes it; a body that is no JSON object is its text, or None."""
+    """An HTTP response as the client decodes it; a body that is not a JSON object is its text, or None."""
 
     status: int = 200
     body: Body = None
@@ -49,14 +49,14 @@ class Answer:
 
 @dataclass(frozen=True)
 class Lost:
-    """A failure of the network, which is waited out; an error of this type."""
+    """A failure of the network, which is retried after back-off; an error of this type."""
 
     kind: type[BaseException]
 
 
 @dataclass(frozen=True)
 class Broken:
-    """A failure that goes to the caller as it is, with these words in it."""
+    """A failure that is raised to the caller unchanged, with this text in it."""
 
     kind: type[BaseException]
     words: str
@@ -67,7 +67,7 @@ type Exchange = Answer | Lost | Broken
 
 @dataclass(frozen=True)
 class Fault:
-    """What one request meets.
+    """The fault or response of one request.
 
     phase: of the exchange. effect: from the service's answer to what the client gets.
     script: the development server's fault for the request; None where there is none, or HTTP is not reached.
@@ -98,7 +98,7 @@ type Plan = Mapping[str, Sequence[Fault]]
 
 
 class Refused(Exception):
-    """The error that a caller must get: its type, its text (or words in it) and its further attributes."""
+    """The error that a caller must get: its type, its text (or a part of it) and its other attributes."""
 
     def __init__(
         self,
@@ -119,7 +119,7 @@ class Refused(Exception):
 
 @dataclass
 class Record:
-    """What must be seen from outside of one flow."""
+    """The expected visible results of one flow."""
 
     attempts: Counter[str] = field(default_factory=Counter)
     journal: list[tuple[str, str | None]] = field(default_factory=list)
@@ -129,7 +129,7 @@ class Record:
 
 
 class Service:
-    """The server's part, as far as a client can tell."""
+    """The server's part, as visible to a client."""
 
     def __init__(self, era: int) -> None:
         self.era = era
@@ -156,7 +156,7 @@ class Service:
 
 
 class Manager:
-    """One manager's part. `now` is its clock, which moves only as it waits."""
+    """One manager's part. `now` is its clock, which only its waits advance."""
 
     def __init__(self, service: Service, now: float) -> None:
         self.service = service
@@ -182,7 +182,7 @@ class Manager:
         return self.auth_time + (LIFETIME * REFRESH_RATIO) * (1 + jitter)
 
     def plan(self, plan: Plan) -> Record:
-        """Begin a new record, of what comes of `plan`."""
+        """Start a new record, of the results of `plan`."""
         self._plan = {endpoint: list(faults) for endpoint, faults in plan.items()}
         self.record = Record()
         return self.record
@@ -314,7 +314,7 @@ class Manager:
         return failure
 
     def refresh(self, announced: int | None = None) -> Refused | None:
-        """The refresh that has become due; an era may be announced meanwhile."""
+        """The refresh that is due; an era may be announced meanwhile."""
         self._announce(announced)
         failure = self._run(self._matching_flow)
         if failure is not None:
@@ -323,7 +323,7 @@ class Manager:
         return failure
 
     def change_era(self, era: int) -> Refused | None:
-        """An announcement while nothing else is under way."""
+        """An announcement while nothing else is running."""
         self._announce(era)
         failure = self._run(self._matching_flow)
         if failure is not None:
@@ -345,11 +345,11 @@ class Manager:
     # Callers
 
     def recorded(self) -> str | None:
-        """The reason that those who waited for the flow are given."""
+        """The reason that waiters of the flow get."""
         return None if self.failure is None else self.failure.text
 
     def serves(self) -> str | None:
-        """What `get_token` says now that nothing is under way: None for the token, else the reason."""
+        """The result of `get_token` when nothing is running: None for the token, else the reason."""
         if self.state != "AUTHENTICATED":
             return "not_authenticated"
         if self.pending is not None:
@@ -357,7 +357,7 @@ class Manager:
         return "token_expired" if self.permanent else None
 
     def tells_late_caller(self) -> str | None:
-        """The same for a caller who saw the old token's age before the refresh began and waited for it."""
+        """The same for a caller that saw the old token's age before the refresh began and waited for it."""
         if self.pending is not None:
             return self.recorded() or "era_change_pending"
         return "token_expired" if self.permanent else None

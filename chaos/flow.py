@@ -1,4 +1,4 @@
-"""One flow from the first request to the last thread: played, and compared with what the model foretells."""
+"""One flow from the first request to the last thread: run, and compared with the model."""
 
 from __future__ import annotations
 
@@ -20,14 +20,14 @@ from .scenario import FIRST_LOGIN, LOGIN_AGAIN, NAMING, REFRESH, Scenario
 from .stage import ERA, Stage
 
 NAME = "Ada Lovelace"
-# What the connection pool may keep for two requests at once and a few places: a connection and its waker.
+# What the connection pool may keep for two requests at a time and a few origins: a connection and its waker.
 _KEPT_DESCRIPTORS = 24
 _SECONDS = 20.0
 _LONGEST_TEXT = 1000
 
 
 class Violation(Exception):
-    """Something is not as the contract has it."""
+    """Something differs from the contract."""
 
 
 def same(what: str, seen: Any, expected: Any) -> None:
@@ -106,7 +106,7 @@ class Flow:
             same("the token served after a rename", self._manager.get_token(), self._old_token)
 
     def _begin(self, expiry: float | None) -> list[tuple[str, Worker]]:
-        """Set it off; gives back the callers that came before it."""
+        """Start it; returns the callers that came before it."""
         scenario, manager, actor = self._scenario, self._manager, self._actor
         self._runner: Worker | None = None
         early: list[tuple[str, Worker]] = []
@@ -143,7 +143,7 @@ class Flow:
         return model.change_era(ERA + 1)
 
     def _await_background(self) -> None:
-        """Wait until the refresh or the re-authentication has come to its end, thread and all."""
+        """Wait until the refresh or the re-authentication has ended, including its thread."""
         manager = self._manager
         before = self._refresh_thread_before = manager._refresh_thread
 
@@ -157,10 +157,10 @@ class Flow:
 
         until(over, "the end of what runs in the background", _SECONDS)
 
-    # Those who wait
+    # Waiters
 
     def _come_early(self) -> list[tuple[str, Worker]]:
-        """Callers who find the token due, or expired, before the refresh thread does."""
+        """Callers that find the token due, or expired, before the refresh thread does."""
         scenario, manager, actor = self._scenario, self._manager, self._actor
         due, expired = 80_000.0, 90_000.0
         came = [("due", Worker(actor.get_token_ahead, due)) for _ in range(scenario.early)]
@@ -170,7 +170,7 @@ class Flow:
         return came
 
     def _enter_callers(self) -> None:
-        """On the thread of the flow, before its first request goes out."""
+        """On the thread of the flow, before it sends its first request."""
         try:
             self._enter()
         except BaseException as trouble:
@@ -208,7 +208,7 @@ class Flow:
         return self._scenario.kind in (REFRESH, ERA_CHANGE)
 
     def _check_accessors(self) -> None:
-        """They never wait."""
+        """These never wait."""
         manager = self._manager
         if self._scenario.kind in (FIRST_LOGIN, LOGIN_AGAIN):
             for accessor in (manager.get_token_expiry, manager.get_wallet_secret):
@@ -218,7 +218,7 @@ class Flow:
             same("the length of the wallet secret meanwhile", len(manager.get_wallet_secret()), 32)
 
     def _look_during_back_off(self, expiry: float) -> None:
-        """A caller while the refresh backs off: served while the token is good, else one more who waits."""
+        """A caller during the refresh's back-off: it gets the token while it is valid, else it waits too."""
         manager = self._manager
         if threading.current_thread() is not manager._refresh_thread:
             return
@@ -233,7 +233,7 @@ class Flow:
             self._told.append(("getter", caller, None))
             until(lambda: waiters(self._event) == before + 1, "one more caller waits", _SECONDS)
 
-    # What is compared
+    # The comparison
 
     def _check_end(self, failure: Refused | None, tokens_before: int) -> None:
         manager, model = self._manager, self._model
@@ -275,7 +275,7 @@ class Flow:
         elif expected is None:
             same(f"the result of {who}", worker.result(_SECONDS), None)
         else:
-            # The service writes the address with its checksum, the component in lower case.
+            # The service writes the address with its checksum, the component in lowercase.
             address = self._manager.get_wallet_address()
             wallet = to_checksum_address(address) if expected else address
             named = {"wallet_address": wallet, "display_name": NAME}
@@ -291,7 +291,7 @@ class Flow:
             same(f"the reason of a {who}", error.reason, self._manager._auth_error.reason)
 
     def _compare(self, when: str, record: Record, failure: Refused | None) -> None:
-        """The requests on the wire in their order, the delays, and what the manager holds."""
+        """The requests on the wire in their order, the delays, and the manager's fields."""
         manager, model, actor = self._manager, self._model, self._actor
         same(f"{when}: attempts", actor.attempts, record.attempts)
         same(f"{when}: delays asked for", actor.asked, record.delays)
@@ -313,12 +313,12 @@ class Flow:
             same(f"{when}: refresh point", manager._refresh_at, model.refresh_at(self._scenario.jitter))
 
     def _check_records(self) -> None:
-        """What the server has seen since the beginning."""
+        """The requests at the server since the beginning."""
         journal = [request for record in self._records for request in record.journal]
         limit = time.monotonic() + _SECONDS
         while True:
             state = self._server.state()
-            # A request whose client has given it up may be entered late.
+            # A request that its client has abandoned may be recorded late.
             if len(state["requests"]) >= len(journal) or time.monotonic() > limit:
                 break
         came = [(entry["endpoint"], entry["fault"]) for entry in state["requests"]]
@@ -345,7 +345,7 @@ class Flow:
             same("whether a refresh thread lives", alive, model.tokens > 0)
 
     def _recover(self) -> None:
-        """The server is well again, and so is the manager after one login."""
+        """The server works again, and so does the manager after one login."""
         model, actor, manager = self._model, self._actor, self._manager
         actor.forget_plan()
         record = model.plan({})

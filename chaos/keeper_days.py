@@ -1,4 +1,4 @@
-"""The days of a keeper: a host that asks all the time, and what must hold whatever the weather.
+"""The days of a keeper: a program that calls it continuously, and what must hold in every outage.
 
 Simulated are time and the server; the keeper, its managers and threads are the real ones. The driver moves
 the clock in steps and waits after each until no wallet is due. Tokens are asked for after each step by the
@@ -26,14 +26,14 @@ START = 1_700_000_000.0
 WALLETS = 4
 AT_ONCE = 2
 DEADLINE = 20.0
-# The longest pause between two attempts, and a step of the clock on top.
+# The longest delay between two attempts, plus a step of the clock.
 BACK_WITHIN = 5 * MINUTE + 1.0
 STEPS = {"away": 4 * MINUTE, "back": 12 * MINUTE}
 
 
 @dataclass(frozen=True)
 class Held:
-    """The token that a wallet must hold.
+    """The token that a wallet must have.
 
     expiry: when it is good no longer, on the clock. surely_good_until: earlier by what the clock was set back
         meanwhile, since the keeper may take that off, as the server's time has gone on.
@@ -46,7 +46,7 @@ class Held:
 
 
 class Days:
-    """One keeper from its start on.
+    """One keeper from its start.
 
     trouble: what was seen and must not be. counted: what came about.
     """
@@ -123,7 +123,7 @@ class Days:
             time.sleep(0.0001)
         self._keep_books()
 
-    # What happens
+    # Events
 
     def _happen(self, change: Change) -> None:
         self.counted[change.kind] += 1
@@ -190,7 +190,7 @@ class Days:
         if changed != (self._held[address].token != held.token):
             self._complain(f"a report said {changed}, and the token has not gone with it")
 
-    # What must hold
+    # Invariants
 
     def _keep_books(self) -> None:
         granted = self.service.granted
@@ -210,7 +210,7 @@ class Days:
         return token == held.token and self.clock.now < held.expiry and held.era >= self.announced
 
     def _look(self) -> None:
-        """With nothing under way each wallet serves the last token that it was given, while that is good."""
+        """If nothing is running, each wallet serves the last token that it got, while that is valid."""
         for address in self.keeper:
             good = self._good(address)
             served = self._ask(address)
@@ -234,7 +234,7 @@ class Days:
         return str(token)
 
     def _ask_meanwhile(self, asked: Asked) -> None:
-        """In the middle of a login, on its thread."""
+        """During a login, on its thread."""
         good = self._good(asked.address) if asked.address in self._held else None
         if good is not None and self._ask(asked.address) != good.token:
             self._complain(f"not the good token during a login: {asked.address}")

@@ -1,4 +1,4 @@
-"""What a keeper has to live through: outages of a third of the time, eras, and a clock that is set."""
+"""The environment of a keeper: outages for a third of the time, eras, and a clock that is set."""
 
 from __future__ import annotations
 
@@ -16,9 +16,9 @@ MINUTE = 60.0
 HOUR = 3600.0
 DAY = 86400.0
 
-# Lengths of outages, how often each kind comes: blinks, the usual ones, and those that outlive tokens.
+# Lengths of outages and their frequencies: short, usual, and longer than the life of tokens.
 LENGTHS = ((5.0, 2 * MINUTE, 5), (5 * MINUTE, 3 * HOUR, 4), (4 * HOUR, 40 * HOUR, 1))
-# A third of the time is twice as much good weather as bad.
+# With outages a third of the time, the intervals between them are twice as long.
 GOOD_TO_BAD = 2.0
 FAULTS: tuple[Fault, ...] = (
     *(fault for fault, _ in TRANSIENT.values()),
@@ -59,7 +59,7 @@ def outages(chance: random.Random) -> Iterator[Change]:
 
 
 def every(chance: random.Random, mean: float, kind: Kind, numbers: list[float]) -> Iterator[Change]:
-    """Changes of one kind at random times."""
+    """Events of one kind at random times."""
     now = 0.0
     while True:
         now += chance.expovariate(1 / mean)
@@ -67,7 +67,7 @@ def every(chance: random.Random, mean: float, kind: Kind, numbers: list[float]) 
 
 
 def drawn(seed: str, days: float) -> list[Change]:
-    """All that happens in so many days."""
+    """All events in that many days."""
     chance = random.Random(seed)
     # The server reaches an era before or after it is announced.
     late = [0.0, 0.0, 0.0, 20.0, 10 * MINUTE, 3 * HOUR]

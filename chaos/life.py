@@ -1,4 +1,4 @@
-"""The life of one manager: a host that uses it, day after day, and what must hold meanwhile.
+"""The life of one manager: a program that uses it, day after day, and what must hold meanwhile.
 
 Simulated are time and the server. The manager, its locks, its threads and its signatures are the real ones.
 Each manager has a clock of its own, which moves in two ways: the driver moves it from one event of the day to
@@ -30,7 +30,7 @@ from .world import DAY, World, era_of
 START = 1_700_000_000.0
 LIFETIME = 86400.0
 MOST_ATTEMPTS = 3
-# Three for the registration; three cycles of three for the challenge and three for the answer.
+# Three for the registration; three cycles of three for the challenge and three for the verification.
 MOST_REQUESTS_OF_A_FLOW = 21
 _BACKOFF_STEP = 0.05
 _NETWORK = (auth.AuthError, auth.NetworkError, auth.RegistrationError, KeyError, TypeError, ValueError)
@@ -39,11 +39,11 @@ type Ask = Callable[["Life"], str]
 
 
 class Broken(Exception):
-    """Something that must hold does not."""
+    """An invariant is violated."""
 
 
 class Simulated(auth.AuthManager):
-    """A manager whose waits move its own clock."""
+    """A manager whose waits advance its own clock."""
 
     life: Life
 
@@ -69,7 +69,7 @@ class Simulated(auth.AuthManager):
 
 
 class _Wait:
-    """One back-off wait, on the thread that backs off."""
+    """One back-off, on the thread that waits."""
 
     def __init__(self, life: Life, seconds: float) -> None:
         self._life = life
@@ -86,7 +86,7 @@ class _Wait:
 
 
 class Sleeper(threading.local):
-    """What stands in for `time.sleep` and `random.uniform`, by thread."""
+    """Replaces `time.sleep` and `random.uniform`, by thread."""
 
     at_sleep: Callable[[float], None] | None = None
     chance: random.Random
@@ -100,7 +100,7 @@ class Sleeper(threading.local):
 
 
 class Life:
-    """One manager, its world and its host.
+    """One manager, its server and its program.
 
     seed: of everything that happens to it. sleeper: see there. ask: has another thread call `get_token`.
     """
@@ -138,12 +138,12 @@ class Life:
         self.world.address = manager.get_wallet_address()
 
     def insist(self, condition: bool, what: str) -> None:
-        """Note down what must hold and does not; a thread of the manager's would keep it to itself."""
+        """Record a violated invariant; a thread of the manager's would not report it."""
         if not condition:
             self.trouble.append(f"day {self.now / DAY:.3f}: {what}")
             raise Broken(what)
 
-    # What the manager is given
+    # Injected into the manager
 
     def clock(self) -> float:
         return START + self.now + self._offset
@@ -154,7 +154,7 @@ class Life:
             bearer = headers["Authorization"].removeprefix("Bearer ")
             self.insist(bearer in self._expiries, "a name asked for with a token from long ago")
         else:
-            # No earlier than the manager was told, and no oftener than a flow may.
+            # No earlier than the manager was told, and no more often than a flow may.
             self.insist(self.clock() >= self._latest, "a request during back-off")
             sent = self.world.requests - self._requests_before_flow
             self.insist(sent < MOST_REQUESTS_OF_A_FLOW, "too many requests in a flow")
@@ -188,11 +188,11 @@ class Life:
         self._let_reader_wait()
         refreshing = manager._state == "RE_AUTHENTICATING" and manager._reauth_mode == "PROACTIVE"
         if refreshing and manager._token_expiry > self.clock() and self.chance.random() < 0.3:
-            # Served at once, or this never comes back and the watchdog bites.
+            # Served at once, or this never returns and the watchdog acts.
             self._check(self._ask(self), self.clock())
 
     def _let_reader_wait(self) -> None:
-        """A host that has asked for a token is to wait before time goes on."""
+        """Wait for a caller that needs a token before the time advances."""
         event = self.manager._auth_event
         while self._reading and self._refresh_done.due() is None and not event._cond._waiters:  # type: ignore[attr-defined]
             time.sleep(0.0002)
@@ -206,10 +206,10 @@ class Life:
         self._pass(left if chance.random() < 0.8 else chance.uniform(0, left))
 
     def _pass(self, seconds: float) -> None:
-        """Let time pass on a thread that backs off."""
+        """Advance the time on a thread in back-off."""
         until = self.now + max(_BACKOFF_STEP, seconds)
         while (due := self._refresh_done.due()) is not None and due <= until:
-            # The host's own thread has waited long enough for the refresh.
+            # The program's own thread has waited long enough for the refresh.
             self.now = max(self.now, due)
             self._looked.clear()
             self._refresh_done.expire()
@@ -218,11 +218,11 @@ class Life:
 
     def _jump(self) -> None:
         minutes = self.chance.choice((-30, -5, -1, 1, 5, 30))
-        # The clock was never so far off that a token's age could not be told.
+        # The clock was never so wrong that a token's age was unknown.
         if abs(self._offset + 60 * minutes) < 7200:
             self._offset += 60 * minutes
 
-    # The host
+    # The program
 
     def be_born(self) -> None:
         """The first login, repeated until it succeeds."""
@@ -249,7 +249,7 @@ class Life:
         self.insist(world.requests <= most, "more requests than flows and names account for")
 
     def wait_for_good_weather(self) -> None:
-        """Let time pass until the server is well and the manager has a token."""
+        """Advance the time until the server works and the manager has a token."""
         while not self.world.is_well():
             self._run_until(self.now + 600)
         self._read()
@@ -259,14 +259,14 @@ class Life:
         self.activity.wait_until_quiet()
 
     def _run_until(self, when: float) -> None:
-        """Let time pass while the host sleeps."""
+        """Advance the time while the program sleeps."""
         manager = self.manager
         while manager._state == "AUTHENTICATED":
             refresh_at = manager._refresh_at
             due = refresh_at - START - self._offset
             if due > when:
                 break
-            # One that rounding leaves just short of the point would never come to it.
+            # Rounding could leave it just short of the point for ever.
             self.now = max(self.now, due + 1e-6)
             refreshes, spoiled = self.refreshes, self.world.spoiled
             if self.chance.random() < 0.1:
@@ -279,7 +279,7 @@ class Life:
         self.now = max(self.now, when)
 
     def _wake(self) -> None:
-        """The refresh loop sees the clock, and does what is due."""
+        """The refresh loop reads the clock, and does what is due."""
         self.manager._refresh_event.set()
         self.activity.wait_until_quiet()
 
@@ -289,7 +289,7 @@ class Life:
         self._wake()
 
     def _read(self) -> None:
-        """The host needs a token, and logs in where it gets none."""
+        """The program needs a token, and logs in if it gets none."""
         unspoiled = not self.world.spoiled and self._announced <= self.world.era
         try:
             token = self._get_token()
@@ -307,7 +307,7 @@ class Life:
             self._looked.set()
 
     def _get_token(self) -> str:
-        # A poll for an expired token lets the refresh loop see the time.
+        # A poll for an expired token lets the refresh loop read the time.
         self.sleeper.at_sleep = lambda _step: self.manager._refresh_event.set()
         self._reading = True
         try:
@@ -336,13 +336,13 @@ class Life:
         return True
 
     def _change_era(self) -> None:
-        """The era ends; the host hears of it, now and then before the server has noticed."""
+        """The era ends; the program learns of it, sometimes before the server has noticed."""
         world, manager = self.world, self.manager
         early = self.chance.random() < 0.1
         if not early:
             world.era += 1
         era = world.era + int(early)
-        # An announcement that comes too early is refused by the manager, as it must be.
+        # The manager rejects an announcement that comes too early, as it must.
         world.spoiled = world.spoiled or early
         if manager._state == "AUTHENTICATED":
             self.allowed_flows += 2

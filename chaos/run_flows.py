@@ -20,7 +20,7 @@ _REPORTED = 500
 
 @dataclass
 class Figures:
-    """What came of the flows."""
+    """The results of the flows."""
 
     flows: int = 0
     requests: int = 0
@@ -28,7 +28,7 @@ class Figures:
 
 
 def run(scenarios: Iterable[Scenario], stage: Stage, watchdog: Watchdog) -> Figures:
-    """Play the scenarios; each violation is told on standard error with the command that repeats it."""
+    """Run the scenarios; prints each violation on standard error with the command that repeats it."""
     figures = Figures()
     before = descriptors()
     for scenario in scenarios:
@@ -55,5 +55,5 @@ def run(scenarios: Iterable[Scenario], stage: Stage, watchdog: Watchdog) -> Figu
 
 
 def command(scenario: Scenario) -> str:
-    """What repeats the flow."""
+    """The command that repeats the flow."""
     return f'make chaos ARGS="--flow {scenario.seed}"'

@@ -1,4 +1,4 @@
-"""Days of keepers, and what came of them."""
+"""Days of keepers, and their results."""
 
 from __future__ import annotations
 
@@ -19,7 +19,7 @@ from .watchdog import Watchdog
 
 @dataclass
 class Figures:
-    """What came of the days. hours_away: without a server. refused: calls while no token was good."""
+    """The results of the days. hours_away: of outages. refused: calls without a valid token."""
 
     keeper_days: int = 0
     outages: int = 0
@@ -33,13 +33,13 @@ class Figures:
 
 
 def run(seed: str, days: int, watchdog: Watchdog) -> Figures:
-    """Live so many days; what breaks is told on standard error with the command that repeats it."""
+    """Simulate that many days; prints violations on standard error with the command that repeats them."""
     figures = Figures(keeper_days=days)
     watchdog.watch(f"the keeper's days {seed}\n{command(seed, days)}")
     life = Days(seed)
     threads = threading.active_count()
     genuine, auth._time = auth._time, Sleepless()  # type: ignore[assignment]
-    # Told are a hundred thousand failures.
+    # A hundred thousand failures would be logged.
     logging.disable(logging.CRITICAL)
     try:
         with quick_looks():
@@ -67,5 +67,5 @@ def run(seed: str, days: int, watchdog: Watchdog) -> Figures:
 
 
 def command(seed: str, days: int) -> str:
-    """What repeats them."""
+    """The command that repeats them."""
     return f'make chaos ARGS="--keeper {seed} --keeper-days {days}"'

@@ -1,4 +1,4 @@
-"""Many lives in one process, day by day, and what the process has become by the last day."""
+"""Many lives in one process, day by day, and the size of the process on the last day."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ from .watchdog import Watchdog
 
 _SETTLED_BY = 0.1
 _REPORTED = 100
-# Per manager: a tenth of what one object kept from each refresh would come to.
+# Per manager: a tenth of what one leaked object per refresh would add up to.
 _MOST_BLOCKS = 40
 _MOST_NATIVE_BYTES = 2048
 _MOST_RESIDENT = 16 << 20
@@ -33,7 +33,7 @@ _MOST_RESIDENT = 16 << 20
 
 @dataclass
 class Figures:
-    """What came of the lives."""
+    """The results of the lives."""
 
     days: int = 0
     requests: int = 0
@@ -46,7 +46,7 @@ class Figures:
 
 @dataclass(frozen=True)
 class Size:
-    """What the process holds."""
+    """What the process has allocated."""
 
     blocks: int
     native: int
@@ -75,7 +75,7 @@ class _MallInfo(ctypes.Structure):
 
 
 def _native_bytes() -> int:
-    """What malloc has given out."""
+    """The memory that malloc has allocated."""
     libc = ctypes.CDLL(None)
     libc.mallinfo2.restype = _MallInfo
     info = libc.mallinfo2()
@@ -83,7 +83,7 @@ def _native_bytes() -> int:
 
 
 class Asker:
-    """A thread of the host's that asks for tokens when told to."""
+    """A thread of the program that requests tokens on demand."""
 
     def __init__(self) -> None:
         self._asked: queue.SimpleQueue[Life | None] = queue.SimpleQueue()
@@ -138,7 +138,7 @@ class _Run:
     figures: Figures = field(default_factory=Figures)
 
     def day(self, lives: Sequence[Life], day: int) -> list[Life]:
-        """One day of each; gives back the lives that go on."""
+        """One day of each; returns the lives that continue."""
         return [life for life in lives if self._one_day(life, day)]
 
     def _one_day(self, life: Life, day: int) -> bool:
@@ -177,7 +177,7 @@ class _Run:
 
 
 def run(seeds: Sequence[str], days: int, watchdog: Watchdog) -> Figures:
-    """Live the lives of `seeds`; what breaks is told on standard error with the command that repeats it."""
+    """Run the lives of `seeds`; prints violations on standard error with the command that repeats them."""
     run = _Run(days, watchdog)
     sleeper = Sleeper()
     asker = Asker()
@@ -197,7 +197,7 @@ def run(seeds: Sequence[str], days: int, watchdog: Watchdog) -> Figures:
         if early is not None and len(lives) == len(everyone):
             run.compare(early, late, len(lives))
         for life in everyone:
-            # One that is broken may not be able to.
+            # After a violation it may not be able to.
             with contextlib.suppress(Exception):
                 life.die()
     run.watchdog.rest()
@@ -214,12 +214,12 @@ def run(seeds: Sequence[str], days: int, watchdog: Watchdog) -> Figures:
 
 
 def _with_every_loop_running(lives: Sequence[Life], whole: bool) -> Size:
-    """The size of the process with one refresh thread to each manager, where there is the `whole` of them."""
+    """The size of the process with one refresh thread per manager, when all of the `whole` are running."""
     for life in lives:
         life.wait_for_good_weather()
     if not whole:
         return Size.now()
-    # A thread that has ended its work takes a moment to be gone.
+    # A thread that has finished its work takes a moment to disappear.
     limit = time.monotonic() + 10
     alive = 0
     while time.monotonic() < limit:

@@ -1,4 +1,4 @@
-"""What one flow is made of, drawn from a seed: the same number always draws the same flow."""
+"""The parameters of one flow, drawn from a seed: the same number always draws the same flow."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ from functools import cache
 from .catalogue import fitting
 from .contract import GOOD, LOGIN, MOST_ATTEMPTS, REGISTER, RENAME, Fault, Plan
 
-# Which faults can be met by whom: a login alone, one that an announcement overtakes, and so on.
+# Which faults can affect which flow: a login alone, one during which an era is announced, and so on.
 FIRST_LOGIN, LOGIN_AGAIN, REFRESH, ERA, NAMING = (
     "first login",
     "login again",
@@ -21,13 +21,13 @@ FIRST_LOGIN, LOGIN_AGAIN, REFRESH, ERA, NAMING = (
 KINDS = (FIRST_LOGIN, LOGIN_AGAIN, REFRESH, ERA, NAMING)
 SCHEMES = ("http", "https")
 
-# Each stall takes its time.
+# Each stall takes real time.
 _STALLING_SHARE = 0.1
 
 
 @dataclass(frozen=True)
 class Scenario:
-    """One flow: what runs, what its requests meet, and who waits for it.
+    """One flow: what runs, the faults of its requests, and its waiters.
 
     overtaken: an era is announced while the first request is out. late: seconds by which a refresh is late.
     getters, logins, renamers: callers that come while it runs. early, expired: callers of `get_token` that
@@ -62,7 +62,7 @@ def endpoints_of(kind: str) -> tuple[str, ...]:
 
 @cache
 def _products() -> tuple[tuple[str, str, str, Fault, int], ...]:
-    """Every fault at every endpoint in every kind of flow: once, and until nothing is left to try."""
+    """Every fault at every endpoint in every kind of flow: once, and until all tries have failed."""
     return tuple(_combinations())
 
 
@@ -72,7 +72,7 @@ def _combinations() -> Iterator[tuple[str, str, str, Fault, int]]:
             for scheme in SCHEMES:
                 for fault in fitting(endpoint, scheme):
                     if fault.resent:
-                        # No connection is kept for sure before the first request, nor after other faults.
+                        # A connection is not certainly kept before the first request, nor after other faults.
                         if (kind, endpoint) != (FIRST_LOGIN, REGISTER):
                             yield kind, scheme, endpoint, fault, 1
                         continue
@@ -85,7 +85,7 @@ def product_size() -> int:
 
 
 def draw(seed: int, number: int) -> Scenario:
-    """Flow `number` of `seed`: first the whole product in an order of the seed's, then at random."""
+    """Flow `number` of `seed`: first the whole product in a random order, then random ones."""
     chance = random.Random(f"{seed}:{number}")
     if number < product_size():
         order = _order(seed)
@@ -120,7 +120,7 @@ def _order(seed: int) -> tuple[int, ...]:
 
 
 def _script(chance: random.Random, endpoint: str, scheme: str) -> tuple[Fault, ...]:
-    """Some faults and good answers in a row: transient ones most often, so that the others are reached."""
+    """Some faults and successful responses in a row: mostly transient ones, so the others are reached."""
     length = chance.choice((0, 0, 1, 1, 2, 2, 3, 4, 6))
     return tuple(_pick(chance, endpoint, scheme) for _ in range(length))
 

@@ -1,4 +1,4 @@
-"""Where flows take place: the development server over both schemes, and the component's seams to time."""
+"""The environment of flows: the development server over both schemes, and the component's access to time."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ ERA = 5
 
 
 class Seams:
-    """What the component asks the process for, by thread: sleep, jitter, time-out and logging.
+    """Replaces process-wide functions of the component, by thread: sleep, jitter, time-out and logging.
 
     sleep: called on a thread in place of `time.sleep`, where one is set.
     """
@@ -70,7 +70,7 @@ class Seams:
 
 
 class Stage(AbstractContextManager["Stage"]):
-    """The servers by scheme, a port where nobody listens, and the seams, for one process."""
+    """The servers by scheme, a port where nothing listens, and the replaced functions, for one process."""
 
     def __init__(self) -> None:
         self._stack = contextlib.ExitStack()

@@ -11,7 +11,7 @@ DEADLINE = 60.0
 
 
 class Activity:
-    """How many threads of one manager do something; a driver waits until none does."""
+    """How many threads of one manager are active; a driver waits until none is."""
 
     def __init__(self) -> None:
         self.lock = allocate_lock()
@@ -38,7 +38,7 @@ class Activity:
             self._waiter = None
 
     def wait_until_quiet(self) -> None:
-        """Wait until no thread does anything; a watchdog is to end the process if that never comes."""
+        """Wait until no thread is active; a watchdog ends the process if that never happens."""
         with self.lock:
             if self._active == 0:
                 return
@@ -87,7 +87,7 @@ class ParkingEvent:
 
 
 class TimedEvent:
-    """An event whose time-out passes on simulated time: `due` tells, and `expire` ends the wait."""
+    """An event whose time-out passes in simulated time: `due` returns when, and `expire` ends the wait."""
 
     def __init__(self, now: Callable[[], float]) -> None:
         self._now = now
@@ -119,12 +119,12 @@ class TimedEvent:
         return self._flag
 
     def due(self) -> float | None:
-        """When the first wait runs out."""
+        """When the first wait times out."""
         with self._lock:
             return min((when for when, _ in self._waits), default=None)
 
     def expire(self) -> None:
-        """End the wait that runs out first."""
+        """End the wait that times out first."""
         with self._lock:
             first = min(self._waits, key=lambda wait: wait[0])
             self._waits.remove(first)
@@ -132,7 +132,7 @@ class TimedEvent:
 
 
 class CountedThread(threading.Thread):
-    """A thread of a manager, active in its life from the start on until its end."""
+    """A thread of a manager, active in its life from its start to its end."""
 
     def __init__(self, *, target: Any, daemon: bool) -> None:
         super().__init__(target=target, daemon=daemon)

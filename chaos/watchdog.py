@@ -1,4 +1,4 @@
-"""Ends the process with every stack on standard error when something does not come to its end in time."""
+"""Ends the process with every stack on standard error if something does not end in time."""
 
 from __future__ import annotations
 
@@ -8,10 +8,10 @@ import threading
 import time
 
 HUNG = 70
-# Where not even a thread of Python's gets to run.
+# For hangs in which not even a Python thread can run.
 _GRACE_SECONDS = 15.0
 _ARMED_SECONDS = 5.0
-# By number, since who captures `sys.stderr` may give no descriptor.
+# By number, since a captured `sys.stderr` may have no descriptor.
 _STDERR = 2
 
 
@@ -30,19 +30,19 @@ class Watchdog:
         threading.Thread(target=self._watch, name="watchdog", daemon=True).start()
 
     def watch(self, what: str) -> None:
-        """From now on it is `what`: printed with the stacks if it hangs."""
+        """From now on it watches `what`, which is printed with the stacks if it hangs."""
         now = time.monotonic()
         with self._lock:
             self._what = what
             self._limit = now + self._seconds
-        # It takes a thread each time.
+        # It starts a thread each time.
         if self._armed is not None and now < self._armed + _ARMED_SECONDS:
             return
         self._armed = now
         faulthandler.dump_traceback_later(self._seconds + _GRACE_SECONDS, exit=True, file=_STDERR)
 
     def rest(self) -> None:
-        """Nothing is under way."""
+        """Nothing is running."""
         with self._lock:
             self._limit = None
         self._armed = None

@@ -1,4 +1,4 @@
-"""A server in memory, with weather: what one manager meets in the years of its life."""
+"""A simulated server with outages: the environment of one manager for years."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ WELL = "well"
 
 type Triple = tuple[int, dict[str, str], bytes]
 
-# Every so many signatures, who signed is worked out.
+# Every so many signatures, the signer is verified.
 _PROVED = 400
 _NETWORK_ERRORS = (ConnectionRefusedError, ConnectionResetError, ConnectionError, BrokenPipeError)
 _BODIES = (b"", b"<html>no</html>", b"\xc3\x28", b"[]", b"{}", b'{"token": 1}', b"nul")
@@ -27,7 +27,7 @@ _REFRESHED_AFTER = ("1", "7", "60", "600", "3600", "soon", "")
 
 @dataclass
 class Spell:
-    """Bad weather from `begins` until `ends`."""
+    """An outage from `begins` until `ends`."""
 
     kind: str
     begins: float
@@ -36,7 +36,7 @@ class Spell:
 
 
 class World:
-    """The service as one wallet knows it.
+    """The service as seen by one wallet.
 
     now: true time, in seconds since the start. address: of the wallet.
     faults: how many requests met one. spoiled: whether one was met since it was last set to False.
@@ -57,7 +57,7 @@ class World:
         self._secret = base64.b64encode(secret).decode()
 
     def is_well(self) -> bool:
-        """Whether a request now meets nothing."""
+        """Whether a request now meets no fault."""
         return self._weather() is None
 
     def _next_spell(self, after: float) -> Spell:
@@ -73,7 +73,7 @@ class World:
         return self._spell if self._spell.begins <= now else None
 
     def answer(self, path: str, body: str) -> Triple:
-        """The answer to one request; raises what a transport would."""
+        """The response to one request; raises what a transport would."""
         self.requests += 1
         spell = self._weather()
         if spell is not None:
@@ -85,7 +85,7 @@ class World:
         return self._serve(path, json.loads(body))
 
     def _spoil(self, spell: Spell, path: str) -> Triple | None:
-        """What bad weather makes of a request; None where it comes through."""
+        """The effect of an outage on a request; None if it succeeds."""
         chance, kind = self._chance, spell.kind
         if kind == "flaky":
             if chance.random() < 0.5:
@@ -138,7 +138,7 @@ class World:
 
 
 def era_of(token: str) -> int:
-    """The era in a token of a World's."""
+    """The era in a token of this server."""
     payload = token.split(".")[1]
     era: int = json.loads(base64.urlsafe_b64decode(payload + "=" * (-len(payload) % 4)))["era_number"]
     return era

@@ -8,11 +8,11 @@ from .options import Options, parse
 
 
 def main() -> int:
-    """Serve until told to end; returns the process's exit code."""
+    """Serve until stopped; returns the process's exit code."""
     options = parse()
     try:
         with _listen(options, options.port) as listener, _listen_at_gate(options) as gate_listener:
-            # Not before: the imports take most of a second, and what is wrong so far is told at once.
+            # Imported late, because it takes most of a second: errors so far are reported at once.
             from .server import run
 
             run(options, listener, gate_listener)

@@ -9,11 +9,11 @@ _LONGEST_PATH = 200
 
 
 def tell(line: str) -> None:
-    """Write a line, which appears at once; where nobody reads any more, nothing happens."""
+    """Write a line and flush it; ignores a closed reader."""
     try:
         print(line, file=sys.stderr, flush=True)
     except OSError:
-        # What is still to be written would fail again when the program ends, and be its exit code.
+        # Otherwise the flush at exit would fail too, and change the exit code.
         with open(os.devnull, "wb") as nothing:
             os.dup2(nothing.fileno(), sys.stderr.fileno())
 
@@ -29,7 +29,7 @@ def tell_request(
 ) -> None:
     """Write the line of a request.
 
-    time: Unix seconds of its arrival. status: of the answer, None where there was none. fault: its kind.
+    time: Unix seconds of its arrival. status: of the response, None if there was none. fault: its kind.
     """
     when = datetime.fromtimestamp(time, UTC).isoformat(timespec="milliseconds").replace("+00:00", "Z")
     shown = path if len(path) <= _LONGEST_PATH else f"{path[:_LONGEST_PATH]}..."

@@ -1,4 +1,4 @@
-"""An HTTP answer as a value that can be changed before it is sent."""
+"""An HTTP response as a value that can be changed before it is sent."""
 
 import json
 from collections.abc import Iterable
@@ -18,7 +18,7 @@ class Answer:
     body: bytes = b""
 
     def json_object(self) -> dict[str, Any] | None:
-        """The body's JSON object, or None where the body is something else."""
+        """The body's JSON object, or None if the body is anything else."""
         try:
             value = json.loads(self.body)
         except (ValueError, RecursionError):
@@ -26,15 +26,15 @@ class Answer:
         return value if isinstance(value, dict) else None
 
     def with_json(self, value: Any) -> "Answer":
-        """The same answer with the JSON text of `value` as its body."""
+        """The same response with `value` as its JSON body."""
         return self.with_body(json.dumps(value).encode(), "application/json")
 
     def with_body(self, body: bytes, content_type: str) -> "Answer":
-        """The same answer with another body."""
+        """The same response with another body."""
         return replace(self.with_headers([("Content-Type", content_type)]), body=body)
 
     def with_headers(self, headers: Iterable[tuple[str, str]]) -> "Answer":
-        """The same answer with `headers` in place of its own of the same names."""
+        """The same response with `headers`, which replace those of the same names."""
         added = tuple(headers)
         names = {name.lower() for name, _ in added}
         kept = tuple((name, value) for name, value in self.headers if name.lower() not in names)
@@ -42,7 +42,7 @@ class Answer:
 
     @property
     def has_body(self) -> bool:
-        """Whether HTTP lets this status carry a body."""
+        """Whether HTTP allows a body for this status."""
         return self.status not in (204, 304)
 
     def head(self, *framing: tuple[str, str]) -> bytes:

@@ -18,7 +18,7 @@ _METHODS = ["DELETE", "GET", "HEAD", "OPTIONS", "PATCH", "POST", "PUT"]
 
 
 class Json(JSONResponse):
-    """JSON in ASCII: no encoding takes the halves of characters that a request may have escaped."""
+    """JSON in ASCII: a request may have escaped lone surrogates, which cannot be encoded."""
 
     def render(self, content: Any) -> bytes:
         return json.dumps(content, separators=(",", ":")).encode()
@@ -33,7 +33,7 @@ async def json_object(request: Request) -> dict[str, Any]:
 
 
 async def object_in(request: Request) -> dict[str, Any]:
-    """The JSON object in the request's body, of whatever media type; Refusal 400 for anything else."""
+    """The JSON object in the request's body, of any media type; Refusal 400 for anything else."""
     try:
         value = json.loads(await request.body())
     except (ValueError, RecursionError):
@@ -93,7 +93,7 @@ class Endpoints:
 
 
 async def echo(request: Request) -> Json:
-    """Tell the caller what it sent; the header names come in lower case."""
+    """Return the request; header names are in lowercase."""
     headers = [[name.decode("latin-1"), value.decode("latin-1")] for name, value in request.headers.raw]
     return Json(
         {
@@ -122,7 +122,7 @@ async def _broken(_request: Request, _error: Exception) -> Json:
 
 
 def make_app(routes: list[BaseRoute]) -> Starlette:
-    """The application of `routes`, in which every error answer is a JSON object with the key "error"."""
+    """The application of `routes`, in which every error response is a JSON object with the key "error"."""
     handlers: dict[Any, Any] = {Refusal: _refused, HTTPException: _http_error, Exception: _broken}
     app = Starlette(routes=routes, exception_handlers=handlers)
     app.router.redirect_slashes = False

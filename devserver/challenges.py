@@ -13,7 +13,7 @@ from eth_account.messages import encode_defunct
 from .refusal import Refusal
 from .settings import Settings
 
-# Spent and expired challenges stay known, so that they are told apart from unknown ones.
+# Used and expired challenges are kept, to distinguish them from unknown ones.
 _REMEMBERED = 10_000
 _SIGNATURE = re.compile(r"0x[0-9a-fA-F]{130}")
 
@@ -55,11 +55,11 @@ class Challenges:
         return challenge_id, message
 
     def answer(self, challenge_id: Any, signature: Any) -> str:
-        """Spend the challenge and return the checksum address of the wallet that it proves.
+        """Use up the challenge and return the checksum address of the wallet that has signed it.
 
         signature: "0x" and 130 hex digits (r, s, v) over the challenge's text as a personal message.
-        Refusal: 400 wrong types, 404 unknown, 409 used, 410 expired, 401 signed by nobody or another wallet.
-        A challenge is spent by the first answer that is looked at, a wrong one included.
+        Refusal: 400 wrong types, 404 unknown, 409 used, 410 expired, 401 bad signature.
+        The first well-formed request uses up the challenge, even with a wrong signature.
         """
         if not isinstance(challenge_id, str) or not isinstance(signature, str):
             raise Refusal(400, "invalid_request")
@@ -82,5 +82,5 @@ def _signer(message: str, signature: str) -> str | None:
     try:
         return str(Account.recover_message(encode_defunct(text=message), signature=signature))
     except Exception:
-        # The library raises several unrelated types for numbers that are no signature.
+        # The library raises several unrelated types for an invalid signature.
         return None

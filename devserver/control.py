@@ -1,4 +1,4 @@
-"""The control endpoint: what tests and people ask of the server itself."""
+"""The control endpoint, by which tests and people control the server itself."""
 
 from dataclasses import dataclass
 from typing import Any
@@ -40,7 +40,7 @@ class Control:
         ]
 
     async def state(self, _request: Request) -> Json:
-        """Counters, requests, connections, settings and what is left of the scripts."""
+        """Counters, requests, connections, settings and the remaining faults."""
         return Json(
             {
                 **self.journal.as_json(),
@@ -54,7 +54,7 @@ class Control:
         )
 
     async def reset(self, _request: Request) -> Json:
-        """Back to the state of the start; what is held goes on."""
+        """Restore the initial state; held requests resume."""
         self.service.reset()
         self.plan.reset()
         self.journal.clear()
@@ -77,7 +77,7 @@ class Control:
         return Json(self.service.settings.as_json())
 
     async def faults(self, request: Request) -> Json:
-        """Replace the scripts of the endpoints named; an empty list takes a script away."""
+        """Replace the scripts of the endpoints named; an empty list removes a script."""
         scripts = await object_in(request)
         try:
             self.plan.replace(scripts)
@@ -86,12 +86,12 @@ class Control:
         return Json(self.plan.as_json())
 
     async def release(self, _request: Request) -> Json:
-        """Let the requests that are held now go on."""
+        """Resume the requests that are held now."""
         self.plan.release()
         return Json({})
 
     async def wait(self, request: Request) -> Json:
-        """Answer with the count once "endpoint" has had "count" requests or "timeout" seconds have passed."""
+        """Return the count once "endpoint" has had "count" requests or "timeout" seconds have passed."""
         asked = await object_in(request)
         endpoint, count, timeout = asked.get("endpoint"), asked.get("count"), asked.get("timeout")
         if not (is_text(endpoint) and is_whole(count) and is_number(timeout)):

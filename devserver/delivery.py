@@ -1,4 +1,4 @@
-"""Faults that are a manner of answering: how the bytes of an answer reach the socket, or do not."""
+"""Faults in sending a response: which of its bytes reach the socket, when and how."""
 
 from collections.abc import Awaitable, Callable
 
@@ -18,12 +18,12 @@ _BREAKING = frozenset({"close", "reset", "garbage", "cut_body", "cut_chunked", "
 
 
 def breaks_connection(fault: Fault) -> bool:
-    """Whether the client gets no whole answer."""
+    """Whether the client gets no complete response."""
     return fault.kind in _BREAKING
 
 
 async def send_answer(answer: Answer, send: Send) -> None:
-    """Send the whole answer."""
+    """Send the whole response."""
     body = answer.body if answer.has_body else b""
     await _send_head(answer, send, chunked=False)
     await send({"type": "http.response.body", "body": body, "more_body": False})
@@ -32,7 +32,7 @@ async def send_answer(answer: Answer, send: Send) -> None:
 async def send_in_halves(
     answer: Answer, send: Send, *, chunked: bool = False, delay: float = 0.0, pause: Pause
 ) -> None:
-    """Send the whole answer, its body in two parts with `delay` seconds of `pause` between them."""
+    """Send the whole response, its body in two parts with `delay` seconds of `pause` between them."""
     if not answer.has_body:
         await send_answer(answer, send)
         return
@@ -46,7 +46,7 @@ async def send_in_halves(
 
 async def _send_head(answer: Answer, send: Send, *, chunked: bool) -> None:
     headers = answer.headers
-    # Without a length the HTTP layer uses chunks.
+    # Without a length the HTTP layer uses the chunked coding.
     if answer.has_body and not chunked:
         headers += (("Content-Length", str(len(answer.body))),)
     raw = [(name.encode("latin-1"), value.encode("latin-1")) for name, value in headers]
@@ -54,7 +54,7 @@ async def _send_head(answer: Answer, send: Send, *, chunked: bool) -> None:
 
 
 def break_connection(fault: Fault, answer: Answer, connection: Connection) -> None:
-    """Send what the fault lets through of `answer`, then end the connection."""
+    """Send the part of `answer` that the fault allows, then end the connection."""
     if fault.kind == "reset":
         connection.reset()
         return
@@ -81,7 +81,7 @@ def _cut_body(fault: Fault, answer: Answer) -> bytes:
 
 def _cut_chunked(fault: Fault, answer: Answer) -> bytes:
     sent = answer.body[: fault.fields.get("sent", len(answer.body) // 2)]
-    # The chunk announces one byte more than will come.
+    # The chunk announces one byte more than is sent.
     return _chunked(answer, sent, len(sent) + 1)
 
 
@@ -90,9 +90,9 @@ def _chunked(answer: Answer, sent: bytes, announced: int) -> bytes:
 
 
 def send_with_more(fault: Fault, answer: Answer, connection: Connection) -> None:
-    """Send the whole answer and at one go with it what nobody asked for; the connection is of no use then.
+    """Send the whole response together with unrequested bytes; the connection is unusable afterwards.
 
-    At one go, since no client can tell what comes later from the answer to its next request.
+    Together, since a client could not distinguish later bytes from the response to its next request.
     """
     whole = answer.head(("Content-Length", str(len(answer.body)))) + answer.body
     connection.write(whole + scripted_bytes(fault.fields, _UNASKED))

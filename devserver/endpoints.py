@@ -1,6 +1,6 @@
 """The paths of the server, and the names of the service's endpoints."""
 
-# Here nothing is counted, and no fault happens.
+# Requests to these are not counted and get no faults.
 CONTROL_PREFIX = "/_control/"
 DESCRIPTION_PATH = "/openapi.json"
 
@@ -13,5 +13,5 @@ ENDPOINTS = {
 
 
 def endpoint_name(path: str) -> str:
-    """The short name of the endpoint at `path`, or the path itself where it has none."""
+    """The short name of the endpoint at `path`, or the path itself if it has none."""
     return ENDPOINTS.get(path, path)

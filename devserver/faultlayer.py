@@ -26,8 +26,8 @@ _FRAMING = frozenset({"content-length", "transfer-encoding"})
 class FaultLayer:
     """The whole server as one ASGI application over `app`.
 
-    stopping: set when the server ends; whatever waits here then goes on at once.
-    access_log: whether each request is told on standard error.
+    stopping: set when the server shuts down; ends every wait here.
+    access_log: whether each request is logged to standard error.
     """
 
     app: ASGIApp
@@ -42,10 +42,10 @@ class FaultLayer:
         try:
             await self._dispatch(scope, receive, send)
         except ClientDisconnect:
-            # It left before its request's end.
+            # The client closed the connection before the end of its request.
             return
         except Exception:
-            # uvicorn is kept silent, so this is the only place where a mistake of our own shows.
+            # uvicorn's log is off, so this is the only place that reports our own bugs.
             traceback.print_exc()
             raise
 
@@ -73,7 +73,7 @@ class FaultLayer:
         )
         fault = self.plan.take(entry.endpoint)
         held_until = self.plan.released
-        # From here on a waiting test may act; whether this request is held must be settled by now.
+        # This wakes a waiting test, so it must be decided before whether the request is held.
         self.journal.add(entry)
         try:
             if fault is None:
@@ -88,7 +88,7 @@ class FaultLayer:
             self._tell(watch, scope, entry.status, entry.fault)
 
     async def _unspoilt(self, scope: Scope, receive: Receive, send: Send) -> int | None:
-        """Let the application answer by itself; returns the status."""
+        """Run the application without faults; returns the status."""
         status = None
 
         async def watched(message: Message) -> None:
@@ -143,7 +143,7 @@ class FaultLayer:
             connection.close(close_notify=fault.fields.get("close_notify", True))
 
     async def _genuine(self, scope: Scope, body: bytes) -> Answer:
-        """What the service answers, nothing of it sent."""
+        """The service's response, not sent."""
         if len(body) > _LARGEST_REQUEST:
             return Answer(413).with_json({"error": "request_too_large"})
         status = 500
@@ -167,13 +167,13 @@ class FaultLayer:
         try:
             await self.app(scope, receive, send)
         except Exception:
-            # The application has answered 500 before it raised.
+            # The application has sent status 500 before it raised.
             traceback.print_exc()
         return Answer(status, tuple(headers), b"".join(chunks))
 
 
 async def _read_body(receive: Receive) -> bytes | None:
-    """The request's body, or None when the client left before its end."""
+    """The request's body, or None if the client disconnected before its end."""
     chunks: list[bytes] = []
     while True:
         message = await receive()
@@ -187,7 +187,7 @@ async def _read_body(receive: Receive) -> bytes | None:
 async def _pause(
     receive: Receive, stopping: asyncio.Event, seconds: float | None, until: asyncio.Event | None = None
 ) -> bool:
-    """Wait for the time or the event, whichever ends first; False when the client has left meanwhile."""
+    """Wait for the time or the event, whichever is first; False if the client has disconnected meanwhile."""
     left = asyncio.ensure_future(receive())
     waits = [left, asyncio.ensure_future(stopping.wait())]
     if until is not None:

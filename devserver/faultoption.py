@@ -1,4 +1,4 @@
-"""Faults as a command line tells them: ``verify=503x2``."""
+"""Faults on the command line: ``verify=503x2``."""
 
 import json
 import re
@@ -15,10 +15,10 @@ Script = list[dict[str, Any]]
 
 
 def parse_option(text: str) -> tuple[str, Script]:
-    """The endpoint and its script of `text`; ValueError says in a sentence what is wrong.
+    """The endpoint and the script in `text`; a ValueError has one sentence.
 
     ENDPOINT=FAULT[xTIMES], where FAULT is a status, KIND or KIND:VALUE, or ENDPOINT=JSON with the object of a
-    fault or a list of them. TIMES is a number, or "all" for every request from there on.
+    fault or a list of them. TIMES is a number, or "all" for all further requests.
     """
     endpoint, equals, form = text.partition("=")
     if not endpoint or not equals or not form:
@@ -57,7 +57,7 @@ def _from_words(endpoint: str, form: str) -> dict[str, Any]:
 
 
 def _value(text: str, fits: Any) -> Any:
-    """The JSON value of `text` where it is one that fits, else the text."""
+    """The JSON value of `text` if it is one that fits, else the text."""
     try:
         value = json.loads(text)
     except (ValueError, RecursionError):

@@ -1,4 +1,4 @@
-"""The kinds of faults and the JSON form of one; docs/devserver.md tells what each does."""
+"""The kinds of faults and their JSON form; docs/devserver.md describes each."""
 
 import re
 from collections.abc import Mapping
@@ -25,7 +25,7 @@ from .rules import (
 
 CONNECT = "connect"
 FLAWS = ("untrusted", "misnamed", "expired")
-# Any other name of a script is a mistake that would never show.
+# Rejects other names of scripts, which would silently have no effect.
 SCRIPT_NAME = rf"{'|'.join(ENDPOINTS.values())}|{CONNECT}|\*|/[!-~]*"
 
 Rules = Mapping[str, Rule]
@@ -40,10 +40,10 @@ _COMMON: Rules = {"times": TIMES, "delay": DELAY, "hold": FLAG, "processed": FLA
 
 @dataclass(frozen=True)
 class Kind:
-    """Fields that a kind of fault takes, and whether its answer starts from the service's own.
+    """The fields of a kind of fault, and whether it modifies the service's own response.
 
-    required: fields that must be there. only_at: the one endpoint at which it makes sense.
-    main: the field that a command line can set.
+    required: mandatory fields. only_at: the only endpoint for which it is valid.
+    main: the field of KIND:VALUE on the command line.
     """
 
     fields: Rules = field(default_factory=dict)
@@ -98,9 +98,9 @@ KINDS: dict[str, Kind] = {
 
 
 def fields_at(endpoint: str, name: str) -> Rules:
-    """The fields of the kind `name` at `endpoint`; ValueError where it makes no sense there."""
+    """The fields of the kind `name` at `endpoint`; ValueError if it is not valid there."""
     kind = KINDS[name]
-    # "*" may stand for "verify", but for no connection.
+    # "*" includes "verify", but not connections.
     if kind.only_at not in (None, endpoint) and (kind.only_at, endpoint) != ("verify", "*"):
         raise ValueError(f"fault {name!r} is for the endpoint {kind.only_at!r}")
     if endpoint != CONNECT:
@@ -119,7 +119,7 @@ class Fault:
 
     @property
     def delay(self) -> float:
-        """Seconds to wait before anything is done with the request."""
+        """Seconds to wait before the request is processed."""
         at_headers = self.kind == "delay" and self.fields.get("at") != "body"
         return float(self.fields["seconds"] if at_headers else self.fields.get("delay", 0.0))
 
@@ -136,7 +136,7 @@ class Fault:
 
     @property
     def runs_service(self) -> bool:
-        """Whether the service acts on the request."""
+        """Whether the service processes the request."""
         return KINDS[self.kind].uses_service or bool(self.fields.get("processed"))
 
 
@@ -144,7 +144,7 @@ Scripts = dict[str, list[tuple[Fault, int | None]]]
 
 
 def parse_fault(endpoint: str, value: Any) -> tuple[Fault, int | None]:
-    """The fault of the JSON `value` and how many requests it meets; ValueError says what is wrong with it."""
+    """The fault in the JSON `value` and how many requests get it; ValueError if it is invalid."""
     name = value.get("kind") if isinstance(value, dict) else None
     if not isinstance(name, str) or name not in KINDS:
         raise ValueError(f"a fault is an object whose kind is one of: {', '.join(KINDS)}")
@@ -163,7 +163,7 @@ def parse_fault(endpoint: str, value: Any) -> tuple[Fault, int | None]:
 
 
 def parse_scripts(scripts: Mapping[str, Any]) -> Scripts:
-    """The scripts of the JSON `scripts`, by endpoint; ValueError says what is wrong with them."""
+    """The scripts in the JSON `scripts`, by endpoint; ValueError if one is invalid."""
     parsed: Scripts = {}
     for name, script in scripts.items():
         if not re.fullmatch(SCRIPT_NAME, name):

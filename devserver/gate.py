@@ -1,4 +1,4 @@
-"""A second port of the same service, whose connections meet faults before a byte of HTTP is read."""
+"""A second port of the same service, whose connections get faults before any HTTP is read."""
 
 import asyncio
 import contextlib
@@ -18,12 +18,12 @@ MakeProtocol = Callable[[], asyncio.Protocol]
 _IN_THE_CLEAR = b"HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"
 _HELLO = 65536
 _HANDSHAKE_SECONDS = 10.0
-# A server that somebody leaves running must not grow for ever.
+# Limits the memory of a server that is left running.
 _REMEMBERED = 10_000
 
 
 class Gate:
-    """Takes connections from `listener` and hands those that come through to the service.
+    """Accepts connections from `listener` and passes those without a fault to the service.
 
     context: of the handshake, None for plain HTTP. flawed: contexts by the flaw of their certificate.
     """
@@ -44,13 +44,13 @@ class Gate:
         self._met: deque[str] = deque(maxlen=_REMEMBERED)
 
     def open(self, make_protocol: MakeProtocol) -> None:
-        """Take connections from now on."""
+        """Start to accept connections."""
         self._make_protocol = make_protocol
         self._listener.setblocking(False)
         self._begin(self._accept())
 
     def close(self) -> None:
-        """Take no more connections and end those that have not come through."""
+        """Stop accepting connections and close those that have not been passed on."""
         for task in self._tasks:
             task.cancel()
 
@@ -59,7 +59,7 @@ class Gate:
         self._met.clear()
 
     def as_json(self) -> list[str]:
-        """The kinds of the faults that the connections have met, oldest first; "pass" for none."""
+        """The kinds of the connections' faults, oldest first; "pass" for none."""
         return list(self._met)
 
     def _begin(self, work: Any) -> None:
@@ -78,7 +78,7 @@ class Gate:
     async def _serve(self, sock: socket.socket, fault: Fault) -> None:
         sock.setblocking(False)
         try:
-            # A client that leaves in the middle of it is what most of these faults are for.
+            # Most of these faults make the client disconnect.
             with contextlib.suppress(OSError):
                 if fault.kind in ("pass", "certificate"):
                     await self._hand_over(sock, self._flawed.get(fault.fields.get("flaw", ""), self._context))
@@ -111,7 +111,7 @@ class Gate:
             sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
 
     def _first_flight(self, hello: bytes) -> bytes:
-        """What the TLS server says to `hello`; nothing where there is no TLS."""
+        """The TLS server's response to `hello`; empty without TLS."""
         if self._context is None:
             return b""
         received, answer = ssl.MemoryBIO(), ssl.MemoryBIO()

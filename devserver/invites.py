@@ -10,7 +10,7 @@ def _canonical(code: str) -> str:
 
 
 class Invites:
-    """Invite codes without regard to case or outer blanks; each is redeemed by one wallet."""
+    """Invite codes, ignoring case and surrounding spaces; each is for one wallet."""
 
     def __init__(self, codes: Iterable[str] = ()) -> None:
         self._redeemed_by: dict[str, str | None] = {}
@@ -18,19 +18,19 @@ class Invites:
         self.add(codes)
 
     def add(self, codes: Iterable[str]) -> None:
-        """Make `codes` good for one redemption each, revoked and redeemed ones again."""
+        """Make `codes` valid for one redemption each, including revoked and redeemed ones."""
         for code in map(_canonical, codes):
             self._redeemed_by[code] = None
             self._revoked.discard(code)
 
     def revoke(self, codes: Iterable[str]) -> None:
-        """Make `codes` refuse as revoked."""
+        """Revoke `codes`."""
         for code in map(_canonical, codes):
             self._redeemed_by.setdefault(code, None)
             self._revoked.add(code)
 
     def redeem(self, code: str | None, address: str) -> None:
-        """Spend `code` on `address`; Refusal 403 says why it cannot be."""
+        """Redeem `code` for `address`; Refusal 403 has the reason if it is not valid."""
         code = _canonical(code or "")
         if not code:
             raise Refusal(403, "invite_required")
@@ -43,6 +43,6 @@ class Invites:
         self._redeemed_by[code] = address
 
     def as_json(self) -> dict[str, int]:
-        """How many codes are known, redeemed and revoked; the codes themselves are not told."""
+        """How many codes are known, redeemed and revoked; not the codes themselves."""
         redeemed = sum(address is not None for address in self._redeemed_by.values())
         return {"known": len(self._redeemed_by), "redeemed": redeemed, "revoked": len(self._revoked)}

@@ -1,4 +1,4 @@
-"""What was asked of the server, without anything secret in it."""
+"""The requests to the server, without secrets."""
 
 import asyncio
 import time
@@ -8,23 +8,23 @@ from typing import Any
 
 from .endpoints import ENDPOINTS
 
-# A server that somebody leaves running must not grow for ever.
+# Limits the memory of a server that is left running.
 _REMEMBERED = 10_000
 _BODY_KEYS = frozenset({"wallet_address", "invite_code", "challenge_id", "signature", "display_name"})
 
 
 def known_keys(body: dict[str, Any] | None) -> list[str] | None:
-    """The keys of a request's JSON object, in order; those that are no part of the protocol as "?"."""
+    """The keys of a request's JSON object, in order; those that are not in the protocol as "?"."""
     return None if body is None else [key if key in _BODY_KEYS else "?" for key in body]
 
 
 @dataclass
 class Entry:
-    """One request, as the control endpoint tells it.
+    """One request, as the control endpoint returns it.
 
-    time: Unix seconds of its arrival. duration: seconds until its answer was sent or its connection
-    ended, None while it is being answered. status: of the answer, None where there is none (yet).
-    header_names: in lower case, in the order of arrival. body_keys: see `known_keys`.
+    time: Unix seconds of its arrival. duration: seconds until its response was sent or its connection
+    ended, None before that. status: of the response, None if there is none (yet).
+    header_names: in lowercase, in the order of arrival. body_keys: see `known_keys`.
     """
 
     endpoint: str
@@ -49,7 +49,7 @@ class Journal:
         self._grown = asyncio.Event()
 
     def clear(self) -> None:
-        """Forget every request; those being answered stay forgotten."""
+        """Forget every request, including those in progress."""
         self._entries.clear()
         self._counts.clear()
 
@@ -79,7 +79,7 @@ class Journal:
 
 
 class Stopwatch:
-    """When a request arrived, and how long ago that is."""
+    """When a request arrived, and the time since then."""
 
     def __init__(self) -> None:
         self.started_at = time.time()

@@ -1,4 +1,4 @@
-"""The description of the server that machines read: OpenAPI 3.1 at GET /openapi.json."""
+"""The machine-readable description of the server: OpenAPI 3.1 at GET /openapi.json."""
 
 from typing import Any
 
@@ -19,9 +19,9 @@ _ADDRESS = {
 _CHECKSUM_ADDRESS = {
     "type": "string",
     "pattern": "^0x[0-9a-fA-F]{40}$",
-    "description": "The wallet's address, its letters' case being a checksum (EIP-55).",
+    "description": "The wallet's address with its checksum (EIP-55).",
 }
-_CHALLENGE_ID = {"type": "string", "description": "Goes back as it came."}
+_CHALLENGE_ID = {"type": "string", "description": "Opaque: to be sent back unchanged."}
 
 
 def _object(required: dict[str, Any], optional: dict[str, Any] | None = None) -> dict[str, Any]:
@@ -34,7 +34,7 @@ _SCHEMAS: dict[str, Any] = {
         {
             "invite_code": {
                 "type": ["string", "null"],
-                "description": "What a new wallet needs where invites are asked for.",
+                "description": "Required for a new wallet if the server is invite-only.",
             }
         },
     ),
@@ -72,7 +72,7 @@ _SCHEMAS: dict[str, Any] = {
             "display_name": {
                 "type": ["string", "null"],
                 "pattern": "^[a-zA-Z0-9_\\- ]{3,32}$",
-                "description": "null takes the name away.",
+                "description": "null removes the name.",
             }
         }
     ),
@@ -88,7 +88,7 @@ _PATHS: dict[str, Any] = {
         "post": operation(
             "register",
             "login",
-            "Register a wallet; nothing happens where it is registered.",
+            "Register a wallet; has no effect if it is registered.",
             sent("Registration"),
             responded("Registered"),
             refusals("400", "403", "413"),
@@ -99,7 +99,7 @@ _PATHS: dict[str, Any] = {
         "post": operation(
             "challenge",
             "login",
-            "Ask for a challenge, which is good once.",
+            "Request a challenge, which can be used once.",
             sent("ChallengeRequest"),
             responded("Challenge"),
             refusals("400", "401", "413"),
@@ -110,7 +110,7 @@ _PATHS: dict[str, Any] = {
         "post": operation(
             "verify",
             "login",
-            "Answer the challenge with the wallet's signature, and take the token.",
+            "Send the wallet's signature of the challenge; returns the token.",
             sent("ChallengeAnswer"),
             responded("Login"),
             refusals("400", "401", "404", "409", "410", "413"),
@@ -141,7 +141,7 @@ _PATHS: dict[str, Any] = {
 }
 
 _LATER_ANSWER = {
-    "description": "Later: in so many seconds. Only a fault brings it about.",
+    "description": "Retry after that many seconds. Only as a fault.",
     "headers": {"Retry-After": {"schema": {"type": "string"}}},
     "content": json_content(reference("Refusal")),
 }
@@ -151,7 +151,7 @@ DESCRIPTION: dict[str, Any] = {
     "info": {
         "title": "tessaline-devserver",
         "version": __version__,
-        "description": "A login with a wallet, and what the development server does on request.",
+        "description": "A login with a wallet, and control of the development server.",
         "license": {"name": "MIT", "identifier": "MIT"},
     },
     "servers": [{"url": "/"}],

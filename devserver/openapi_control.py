@@ -1,4 +1,4 @@
-"""The control requests in the OpenAPI description; the faults in it are made from their kinds."""
+"""The control requests in the OpenAPI description; the schemas of faults are generated from their kinds."""
 
 from typing import Any
 
@@ -15,7 +15,7 @@ _TEXT_OR_NULL = {"type": ["string", "null"]}
 
 
 def _closed(properties: dict[str, Any]) -> dict[str, Any]:
-    """An object of exactly these keys."""
+    """An object with exactly these keys."""
     return {
         "type": "object",
         "required": list(properties),
@@ -66,7 +66,7 @@ def _scripts() -> dict[str, Any]:
     by_endpoint |= {"verify": "VerifyFault", "*": "VerifyFault", CONNECT: "ConnectFault"}
     return {
         "type": "object",
-        "description": "Lists of faults by endpoint or path; an empty one takes a script away.",
+        "description": "Lists of faults by endpoint or path; an empty list removes a script.",
         "properties": {name: _list(reference(fault)) for name, fault in by_endpoint.items()},
         "propertyNames": {"pattern": f"^(?:{SCRIPT_NAME})$"},
         "additionalProperties": _list(reference("Fault")),
@@ -76,7 +76,7 @@ def _scripts() -> dict[str, Any]:
 _SETTINGS = {name: rule.schema for name, rule in RULES.items()}
 _REQUEST = _closed(
     {
-        "endpoint": {"type": "string", "description": "The endpoint's name, or the path where it has none."},
+        "endpoint": {"type": "string", "description": "The endpoint's name, or the path if it has none."},
         "method": _TEXT,
         "path": _TEXT,
         "time": {"type": "number", "description": "Unix seconds."},
@@ -84,8 +84,8 @@ _REQUEST = _closed(
         "header_names": _list(_TEXT),
         "body_bytes": _COUNT,
         "body_keys": {"type": ["array", "null"], "items": _TEXT},
-        "status": {"type": ["integer", "null"], "description": "null where there is no answer, or none yet."},
-        "fault": {"type": ["string", "null"], "description": "The kind of the fault that it met."},
+        "status": {"type": ["integer", "null"], "description": "null if there is no response, or none yet."},
+        "fault": {"type": ["string", "null"], "description": "The kind of its fault."},
         "duration": {"type": ["number", "null"], "description": "Seconds, null until it ends."},
     }
 )
@@ -118,7 +118,7 @@ CONTROL_SCHEMAS: dict[str, Any] = {
         "properties": {
             "endpoint": _TEXT,
             "count": {"type": "integer"},
-            "timeout": {"type": "number", "description": f"Seconds; {LONGEST_WAIT} are the most."},
+            "timeout": {"type": "number", "description": f"Seconds; at most {LONGEST_WAIT}."},
         },
     },
     "Count": _closed({"count": _COUNT}),
@@ -128,10 +128,10 @@ CONTROL_SCHEMAS: dict[str, Any] = {
 
 CONTROL_PATHS: dict[str, Any] = {
     f"{CONTROL_PREFIX}state": {
-        "get": operation("state", "control", "What was asked, and what is still to come.", responded("State"))
+        "get": operation("state", "control", "Requests so far, and remaining faults.", responded("State"))
     },
     f"{CONTROL_PREFIX}reset": {
-        "post": operation("reset", "control", "Back to the state of the start.", responded("Nothing"))
+        "post": operation("reset", "control", "Restore the initial state.", responded("Nothing"))
     },
     f"{CONTROL_PREFIX}settings": {
         "post": operation(
@@ -154,11 +154,18 @@ CONTROL_PATHS: dict[str, Any] = {
         )
     },
     f"{CONTROL_PREFIX}release": {
-        "post": operation("release", "control", "Let go on what a fault holds.", responded("Nothing"))
+        "post": operation(
+            "release", "control", "Resume the requests that a fault holds.", responded("Nothing")
+        )
     },
     f"{CONTROL_PREFIX}wait": {
         "post": operation(
-            "wait", "control", "Wait for so many requests.", sent("Wait"), responded("Count"), refusals("400")
+            "wait",
+            "control",
+            "Wait for a number of requests.",
+            sent("Wait"),
+            responded("Count"),
+            refusals("400"),
         )
     },
 }

@@ -1,17 +1,17 @@
-"""What the parts of the OpenAPI description have in common."""
+"""Common parts of the OpenAPI description."""
 
 from typing import Any
 
 Part = dict[str, Any]
 
 _MEANINGS = {
-    "400": "The request is not understood.",
+    "400": "The request is invalid.",
     "401": "The wallet, its signature or its token is not accepted.",
-    "403": "The invite code is missing or no longer good.",
+    "403": "The invite code is missing or not valid.",
     "404": "There is no such challenge.",
-    "409": "The challenge was answered before.",
+    "409": "The challenge has been used.",
     "410": "The challenge has expired.",
-    "413": "The request is longer than a mebibyte.",
+    "413": "The request is longer than 1 MiB.",
 }
 
 
@@ -29,12 +29,12 @@ def sent(schema: str) -> Part:
 
 
 def responded(schema: str, meaning: str = "Done.") -> Part:
-    """The answer where all went well."""
+    """The response on success."""
     return {"200": {"description": meaning, "content": json_content(reference(schema))}}
 
 
 def refusals(*statuses: str) -> Part:
-    """The answers that refuse."""
+    """Error responses."""
     return {
         status: {"description": _MEANINGS[status], "content": json_content(reference("Refusal"))}
         for status in statuses
@@ -42,7 +42,7 @@ def refusals(*statuses: str) -> Part:
 
 
 def operation(name: str, tag: str, summary: str, *parts: Part) -> Part:
-    """One method of one path, with what is `sent` and the answers of `parts`."""
+    """One method of one path, with the request and the responses in `parts`."""
     described: Part = {"operationId": name, "tags": [tag], "summary": summary, "responses": {}}
     for part in parts:
         target = described if "requestBody" in part else described["responses"]

@@ -19,7 +19,7 @@ MINIMUM_SECRET_BYTES = 32
 
 @dataclass(frozen=True)
 class Options:
-    """How to start; `settings`, `invites` and `scripts` are what a reset returns to."""
+    """The command line; a reset restores `settings`, `invites` and `scripts`."""
 
     host: str
     port: int
@@ -38,7 +38,7 @@ class Options:
 
 
 class _Parser(argparse.ArgumentParser):
-    """A parser whose complaints are one sentence, without the usage before them."""
+    """A parser whose error messages are one sentence, without the usage."""
 
     def error(self, message: str) -> NoReturn:
         self.exit(2, f"{self.prog}: {message} (--help shows all options)\n")
@@ -86,9 +86,9 @@ def _parser() -> argparse.ArgumentParser:
     name = Path(sys.argv[0]).name
     parser = _Parser(
         prog="python -m devserver" if name == "__main__.py" else name,
-        description="Play the service that a wallet logs in to. "
-        "One JSON line on standard output tells the URL once the server listens.",
-        epilog="While it runs it is asked and told more as JSON: GET /_control/state; "
+        description="Simulate the service that a wallet logs in to. "
+        "When it is ready, it prints one JSON line with its URL on standard output.",
+        epilog="Control it at run time with JSON: GET /_control/state; "
         "POST to settings, faults, release, wait, reset. GET /openapi.json describes all of it.",
         allow_abbrev=False,
     )
@@ -100,55 +100,55 @@ def _parser() -> argparse.ArgumentParser:
 
 def _add_listening(group: argparse._ArgumentGroup) -> None:
     add = group.add_argument
-    add("--host", default="127.0.0.1", help="address to listen on (%(default)s)")
-    add("--port", type=int, default=0, help="port to listen on; 0 takes a free one (%(default)s)")
-    add("--tls", action="store_true", help="serve HTTPS with a certificate made at the start")
+    add("--host", default="127.0.0.1", help="the address to listen on (%(default)s)")
+    add("--port", type=int, default=0, help="the port to listen on; 0 for a free one (%(default)s)")
+    add("--tls", action="store_true", help="serve HTTPS with a new certificate")
     names_help = (
-        f"host name or address in the certificate, repeatable (default: {', '.join(DEFAULT_TLS_NAMES)})"
+        f"a host name or address in the certificate, repeatable (default: {', '.join(DEFAULT_TLS_NAMES)})"
     )
     add("--tls-name", action="append", metavar="NAME", help=names_help)
-    add("--tls-expired", action="store_true", help="let the certificate have expired")
-    add("--gate", action="store_true", help="listen on a second port, whose connections take faults")
-    ca_help = "where to write the authority's certificate (default: a temporary file)"
+    add("--tls-expired", action="store_true", help="use an expired certificate")
+    add("--gate", action="store_true", help="also listen on a second port, whose connections get faults")
+    ca_help = "where to write the CA certificate (default: a temporary file)"
     add("--ca-file", type=Path, metavar="PATH", help=ca_help)
-    keep_help = "when to close an idle connection (%(default)s)"
+    keep_help = "how long to keep an idle connection open (%(default)s)"
     add("--keep-alive", type=int, default=75, metavar="SECONDS", help=keep_help)
-    log_help = "a line on standard error for each request, and where the server is at the start"
+    log_help = "log each request to standard error, and first the URL"
     add("--access-log", action="store_true", help=log_help)
-    add("--exit-with-stdin", action="store_true", help="end when standard input is closed")
+    add("--exit-with-stdin", action="store_true", help="exit when standard input is closed")
 
 
 def _add_service(group: argparse._ArgumentGroup) -> None:
     defaults = Settings()
     add = group.add_argument
     add("--invite-only", action="store_true", help="new wallets need an invite")
-    invite_help = "an invite that is good for one wallet, repeatable"
+    invite_help = "an invite code for one wallet, repeatable"
     add("--invite", action="append", metavar="CODE", default=[], help=invite_help)
-    open_help = "let wallets log in that never registered (they are refused with 401 otherwise)"
+    open_help = "let unregistered wallets log in (otherwise they get status 401)"
     add("--allow-unregistered", action="store_true", help=open_help)
-    era_help = 'era number put into tokens, or "none" (%(default)s)'
+    era_help = 'the era number in tokens, or "none" (%(default)s)'
     add("--era", type=_era, default=defaults.era, metavar="N", help=era_help)
-    add("--claims", type=_claims, default={}, metavar="JSON", help="object of extra token claims")
-    token_help = "time from a token's issue to its expiry (%(default)s)"
+    add("--claims", type=_claims, default={}, metavar="JSON", help="additional token claims")
+    token_help = "the lifetime of tokens (%(default)s)"
     add("--token-lifetime", type=float, default=defaults.token_lifetime, metavar="SECONDS", help=token_help)
-    challenge_help = "time for which a challenge can be answered (%(default)s)"
+    challenge_help = "the lifetime of challenges (%(default)s)"
     lifetime = defaults.challenge_lifetime
     add("--challenge-lifetime", type=float, default=lifetime, metavar="SECONDS", help=challenge_help)
     skew_help = "how far the server's clock is ahead (%(default)s)"
     add("--clock-skew", type=float, default=0.0, metavar="SECONDS", help=skew_help)
     fault_help = (
-        "a fault for the next requests at an endpoint, repeatable: verify=503x2, challenge=reset, "
+        "a fault for the next requests to an endpoint, repeatable: verify=503x2, challenge=reset, "
         "verify=delay:2.5, '*=503xall' (for ever), or ENDPOINT=JSON"
     )
     add(
         "--fault", type=_fault, action="append", default=[], metavar="ENDPOINT=FAULT[xTIMES]", help=fault_help
     )
-    secret_help = "signs tokens and derives wallet secrets, so that both outlive the server (default: random)"
+    secret_help = "signs tokens and derives wallet secrets; the same text keeps both valid (default: random)"
     add("--jwt-secret", type=_secret, metavar="TEXT", help=secret_help)
 
 
 def parse(arguments: Sequence[str] | None = None) -> Options:
-    """The options in `arguments`, or of the process; ends the process with a message when they are wrong."""
+    """The options in `arguments`, or of the process; exits with a message if they are invalid."""
     parser = _parser()
     given = parser.parse_args(arguments)
     settings = Settings()

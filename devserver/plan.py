@@ -1,4 +1,4 @@
-"""Scripts of faults: which fault the next request meets."""
+"""Scripts of faults: which fault the next request gets."""
 
 import asyncio
 from collections import deque
@@ -9,9 +9,9 @@ from .faults import CONNECT, Fault, parse_scripts
 
 
 class Plan:
-    """The scripts of all endpoints, used up from the front.
+    """The scripts of all endpoints, each a queue.
 
-    initial: the scripts of the start, to which a reset returns.
+    initial: the scripts that a reset restores.
     """
 
     def __init__(self, initial: Mapping[str, Any]) -> None:
@@ -21,18 +21,18 @@ class Plan:
         self.replace(initial)
 
     def reset(self) -> None:
-        """Return to the scripts of the start and release what is held."""
+        """Restore the initial scripts and resume held requests."""
         self._scripts.clear()
         self.replace(self._initial)
         self.release()
 
     def replace(self, scripts: Mapping[str, Any]) -> None:
-        """Replace the scripts of the endpoints named, all or none; ValueError says what is wrong."""
+        """Replace the scripts of the endpoints named, all or none; ValueError if one is invalid."""
         parsed = parse_scripts(scripts)
         self._scripts.update((endpoint, deque(script)) for endpoint, script in parsed.items())
 
     def take(self, endpoint: str) -> Fault | None:
-        """The fault that the next request at `endpoint` meets, or None for a genuine answer."""
+        """The fault for the next request to `endpoint`, or None for a genuine response."""
         script = self._scripts.get(endpoint) or (endpoint != CONNECT and self._scripts.get("*"))
         if not script:
             return None
@@ -45,16 +45,16 @@ class Plan:
 
     @property
     def released(self) -> asyncio.Event:
-        """Set at the next release; to be read by a request when its hold begins."""
+        """Set at the next release; a request reads it when its hold begins."""
         return self._released
 
     def release(self) -> None:
-        """Let every request that is held now go on."""
+        """Resume every request that is held now."""
         self._released.set()
         self._released = asyncio.Event()
 
     def as_json(self) -> dict[str, list[dict[str, Any]]]:
-        """What is still to come, by endpoint: kind and times."""
+        """The remaining faults, by endpoint: kind and times."""
         return {
             endpoint: [{"kind": fault.kind, "times": times} for fault, times in script]
             for endpoint, script in self._scripts.items()

@@ -1,4 +1,4 @@
-"""Connections that can be counted, written to directly and broken."""
+"""Connections that are counted, can be written to directly, and broken."""
 
 import asyncio
 import json
@@ -16,7 +16,7 @@ _FAREWELL_SECONDS = 0.1
 
 
 class Connections:
-    """The connections accepted since the start or the last reset, control connections left out."""
+    """The connections accepted since the start or the last reset, without control connections."""
 
     def __init__(self) -> None:
         self._last = 0
@@ -38,7 +38,7 @@ class Connections:
         self._open.discard(number)
 
     def leave_out(self, number: int) -> None:
-        """Take a connection that serves control out of the count."""
+        """Exclude a control connection from the count."""
         self._accepted.discard(number)
         self._open.discard(number)
 
@@ -63,8 +63,8 @@ class Connection(H11Protocol):
 
     def connection_made(self, transport: asyncio.Transport) -> None:  # type: ignore[override]
         self.number = self.tally.opened()
-        # asyncio leaves it off for a listener made without a protocol number, and every answer then waits
-        # for a delayed acknowledgement.
+        # asyncio does not set it for a listener made without a protocol number; every response would then
+        # wait for a delayed acknowledgement.
         transport.get_extra_info("socket").setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         super().connection_made(transport)
 
@@ -83,15 +83,15 @@ class Connection(H11Protocol):
 
     def shutdown(self) -> None:
         super().shutdown()
-        # A TLS client that does not answer the farewell would keep the server from ending.
+        # A TLS client that never sends its close_notify would keep the server from exiting.
         self.loop.call_later(_FAREWELL_SECONDS, self.transport.abort)
 
     def write(self, data: bytes) -> None:
-        """Send `data` as it is, past the HTTP layer, which takes no note of it."""
+        """Send `data` as it is, bypassing the HTTP layer."""
         self.transport.write(data)
 
     def close(self, *, close_notify: bool = True) -> None:
-        """End the connection after what was written; without `close_notify`, TLS is not told."""
+        """Close the connection after what was written; TLS may omit `close_notify`."""
         self.forget_answer()
         if close_notify:
             self.transport.close()
@@ -106,8 +106,8 @@ class Connection(H11Protocol):
         self.transport.abort()
 
     def forget_answer(self) -> None:
-        """Let the HTTP layer send nothing more."""
-        # Otherwise uvicorn would send an error answer for the request that got none.
+        """Keep the HTTP layer from sending anything more."""
+        # Otherwise uvicorn would send an error response for the request that got none.
         self.cycle.disconnected = True
 
 

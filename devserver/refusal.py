@@ -1,8 +1,8 @@
-"""The one way in which the service says no."""
+"""The service's error responses."""
 
 
 class Refusal(Exception):
-    """An error answer: HTTP `status` and the text of its "error" key."""
+    """An error response: HTTP `status` and the text of its "error" key."""
 
     def __init__(self, status: int, error: str) -> None:
         super().__init__(error)

@@ -1,4 +1,4 @@
-"""What values may be: as a check, in words, and as a JSON schema, each said once."""
+"""Rules for values, each with its check, its text and its JSON schema."""
 
 import base64
 import binascii
@@ -21,9 +21,9 @@ _BASE64 = r"(?:[A-Za-z0-9+/]{4})*(?:[A-Za-z0-9+/]{2}==|[A-Za-z0-9+/]{3}=)?"
 
 @dataclass(frozen=True)
 class Rule:
-    """A condition on JSON values: `fits` decides, `words` and `schema` say what does.
+    """A condition on JSON values: the check `fits`, and `words` and `schema` that describe it.
 
-    take: makes of a value that fits what is used.
+    take: converts a value that fits.
     """
 
     fits: Callable[[Any], bool]
@@ -41,7 +41,7 @@ def is_integer(value: Any) -> TypeGuard[int]:
 
 
 def is_whole(value: Any) -> TypeGuard[float]:
-    """Whether JSON calls it an integer: 2.0 is one, too."""
+    """Whether it is an integer in JSON, such as 2.0."""
     return is_integer(value) or (isinstance(value, float) and value.is_integer())
 
 
@@ -50,7 +50,7 @@ def _as_integer(value: Any) -> Any:
 
 
 def is_text(value: Any) -> TypeGuard[str]:
-    # JSON can escape halves of characters, which no encoding takes.
+    # JSON can escape lone surrogates, which cannot be encoded.
     return isinstance(value, str) and not re.search("[\ud800-\udfff]", value)
 
 

@@ -1,4 +1,4 @@
-"""Listening, announcing and ending."""
+"""Start, announcement and shutdown."""
 
 import asyncio
 import contextlib
@@ -35,7 +35,7 @@ _FRAMES = 1000
 
 
 class _Server(uvicorn.Server):
-    """uvicorn's server, which tells when it listens and takes a signal as a wish to end well."""
+    """uvicorn's server, which announces when it listens, and exits with status 0 on a signal."""
 
     def __init__(
         self,
@@ -66,7 +66,7 @@ class _Server(uvicorn.Server):
         await super().shutdown(sockets)
 
     def handle_exit(self, sig: int, frame: FrameType | None) -> None:
-        # The inherited handler would raise the signal again at the end, and the process would die of it.
+        # The inherited handler would raise the signal again at the end, and kill the process.
         self.should_exit = True
 
     def _make_protocol(self) -> asyncio.Protocol:
@@ -75,12 +75,12 @@ class _Server(uvicorn.Server):
 
 
 def run(options: Options, listener: socket.socket, gate_listener: socket.socket | None) -> None:
-    """Serve on `listener` until SIGTERM, SIGINT or, where asked for, the end of standard input.
+    """Serve on `listener` until SIGTERM, SIGINT or, as an option, the end of standard input.
 
     gate_listener: the same service behind `devserver.gate`.
-    OSError: the authority's certificate cannot be written.
+    OSError: the CA certificate cannot be written.
     """
-    # An import of eth_account's raises it to where deeply nested JSON overflows the stack of Python 3.11.
+    # eth_account raises the limit so far that deeply nested JSON overflows the stack of Python 3.11.
     sys.setrecursionlimit(_FRAMES)
     with contextlib.ExitStack() as stack:
         context = None
@@ -132,7 +132,7 @@ async def _serve(
         timeout_graceful_shutdown=_GRACE_SECONDS,
         ssl_context_factory=None if context is None else lambda _config, _default: context,
     )
-    # A broken connection is what this server is for; asyncio's remarks about it are no news.
+    # Broken connections are intended here; asyncio's warnings about them are noise.
     logging.getLogger("asyncio").setLevel(logging.ERROR)
     server = _Server(config, announcement, stopping, gate, options.access_log)
     if options.exit_with_stdin:

@@ -1,4 +1,4 @@
-"""The service's whole memory in one object."""
+"""The service's state."""
 
 import secrets
 from collections.abc import Iterable
@@ -15,9 +15,9 @@ from .wallets import Wallets
 class Service:
     """Wallets, invites, challenges and tokens under one set of settings.
 
-    settings: as the server was started with; a reset returns to them.
-    invites: codes that are good at the start and after a reset.
-    secret: signs tokens and derives wallet secrets; None makes a random one.
+    settings: the initial ones; a reset restores them.
+    invites: codes that are valid at the start and after a reset.
+    secret: signs tokens and derives wallet secrets; None for a random one.
     """
 
     def __init__(self, settings: Settings, invites: Iterable[str] = (), secret: bytes | None = None) -> None:
@@ -31,14 +31,14 @@ class Service:
         self.tokens = Tokens(secret, settings)
 
     def reset(self) -> None:
-        """Return to the state of the start; wallet secrets and the token key stay the same."""
+        """Restore the initial state; wallet secrets and the token key stay the same."""
         self.settings.update(asdict(self._initial))
         self.invites = Invites(self._initial_invites)
         self.wallets.clear()
         self.challenges.clear()
 
     def register(self, address: str, invite_code: str | None) -> None:
-        """Register the checksum `address`, spending the invite where a new wallet needs one."""
+        """Register the checksum `address`; redeems the invite if a new wallet needs one."""
         if address in self.wallets:
             return
         if self.settings.invite_only:

@@ -1,4 +1,4 @@
-"""What the server can be told at start and changed in while it runs."""
+"""Settings, from the command line and changed at run time."""
 
 import time
 from collections.abc import Mapping
@@ -22,13 +22,13 @@ RULES: dict[str, Rule] = {
 class Settings:
     """The adjustable behaviour of the service.
 
-    era: era number put into tokens and demanded of them; None puts none in and demands none.
+    era: the era number in tokens, which they must have; None for tokens without one.
     claims: extra token claims; one with the name of a standard claim replaces it.
     invite_only: whether a new wallet needs an invite to register.
-    allow_unregistered: whether a wallet that never registered gets challenges.
+    allow_unregistered: whether an unregistered wallet gets challenges.
     clock_skew: seconds by which the service's clock is ahead of the machine's.
-    challenge_lifetime: seconds for which a challenge can be answered.
-    token_lifetime: seconds from a token's issue to its expiry.
+    challenge_lifetime: seconds until a challenge expires.
+    token_lifetime: seconds until a token expires.
     """
 
     era: int | None = 1
@@ -44,7 +44,7 @@ class Settings:
         return time.time() + self.clock_skew
 
     def update(self, changes: Mapping[str, Any]) -> None:
-        """Apply `changes` by field name, all or none; ValueError names the first that is unknown or unfit."""
+        """Apply `changes` by field name, all or none; ValueError names the first invalid one."""
         for name, value in changes.items():
             if name not in RULES:
                 raise ValueError(f"unknown setting {name!r}")

@@ -1,4 +1,4 @@
-"""Faults that are a change of what is answered: from the service's answer to the one that goes out."""
+"""Faults in the content of a response: from the service's response to the one that is sent."""
 
 import base64
 import secrets
@@ -20,13 +20,13 @@ _HUGE = 8 << 20
 
 
 def spoil(fault: Fault, genuine: Answer, service: Service) -> Answer:
-    """The answer that goes out where the service would answer `genuine`."""
+    """The response to send instead of the service's `genuine` one."""
     spoiler = _SPOILERS.get(fault.kind)
     return genuine if spoiler is None else spoiler(genuine, fault.fields, service)
 
 
 def scripted_bytes(fields: Fields, default: bytes) -> bytes:
-    """The bytes that "body" or "body_base64" asks for."""
+    """The bytes in "body" or "body_base64"."""
     if "body" in fields:
         return str(fields["body"]).encode()
     if "body_base64" in fields:
@@ -86,7 +86,7 @@ def _missing_key(answer: Answer, fields: Fields, _service: Service) -> Answer:
 
 def _set_key(answer: Answer, key: str, item: Any) -> Answer:
     value = answer.json_object()
-    # A refusal stays a refusal: only an answer that has the key is changed.
+    # An error response has no such key, and is not changed.
     if value is None or key not in value:
         return answer
     return answer.with_json(value | {key: item})

@@ -1,4 +1,4 @@
-"""The development server for tests: a subprocess that is started, scripted and ended with deadlines."""
+"""The development server for tests: a subprocess that is started, controlled and stopped with deadlines."""
 
 import contextlib
 import http.client
@@ -17,7 +17,7 @@ from typing import IO, Any, Self
 from urllib.parse import urlsplit
 
 _ROOT = Path(__file__).resolve().parent.parent
-# How many times as long as usual programs take here; they do where they are emulated.
+# How much slower programs run here, such as under an emulator.
 _SLOWER = float(os.environ.get("DEVSERVER_SLOWER", "1"))
 _START_SECONDS = 20.0 * _SLOWER
 _CONTROL_SECONDS = 10.0 * _SLOWER
@@ -25,20 +25,20 @@ _STOP_SECONDS = 4.0 * _SLOWER
 
 
 class DevServerError(Exception):
-    """The server did not start, is gone, or refused what was asked of it."""
+    """The server did not start, has ended, or rejected a control request."""
 
 
 class DevServer:
     """``python -m devserver`` in a subprocess of this interpreter; a context manager.
 
     tls: serve HTTPS. tls_names: names in the certificate, by default those of the loopback.
-    gate: listen on a second port besides, whose connections meet the faults of the endpoint "connect".
+    gate: also listen on a second port, whose connections get the faults of the endpoint "connect".
     invite_only, invites, claims: see ``python -m devserver --help``. era: None for tokens without an era.
     options: further command-line options. start_timeout: seconds that the start may take.
-    keep_control: keep one connection for what is asked of the server itself; for one thread at a time.
+    keep_control: keep one connection for control requests; for one thread at a time.
 
-    Attributes: url and gate_url (without a trailing slash), ca_file (path of the authority to trust, None
-    without TLS), pid, port, returncode, stderr.
+    Attributes: url and gate_url (without a trailing slash), ca_file (path of the CA certificate to trust,
+    None without TLS), pid, port, returncode, stderr.
     """
 
     def __init__(
@@ -110,7 +110,7 @@ class DevServer:
         return self._stderr_text
 
     def start(self) -> None:
-        """Start the server and wait until it listens; DevServerError says why it does not."""
+        """Start the server and wait until it listens; DevServerError says why it failed."""
         search_path = [str(_ROOT), *filter(None, [os.environ.get("PYTHONPATH")])]
         self._stderr = tempfile.TemporaryFile()  # noqa: SIM115
         self._process = subprocess.Popen(
@@ -129,7 +129,7 @@ class DevServer:
             raise
 
     def stop(self) -> None:
-        """End the server, by force when it does not end by itself; nothing happens when it has ended."""
+        """Stop the server, and kill it if it does not stop; has no effect if it has ended."""
         process = self._process
         if process is None:
             return
@@ -153,14 +153,14 @@ class DevServer:
             self._stderr = None
 
     def reset(self) -> None:
-        """Return the server to the state of its start: no wallets, no requests, no faults, first settings."""
+        """Restore the initial state: no wallets, no requests, no faults, the initial settings."""
         self._control("POST", "reset", {})
 
     def state(self) -> dict[str, Any]:
-        """What the server tells of itself.
+        """The server's state.
 
         "counts" (requests by endpoint), "requests", "connections" ("accepted" since the last reset, "open"),
-        "gate" (what its connections have met), "faults" (still to come, by endpoint), "settings", "invites",
+        "gate" (the faults of its connections), "faults" (remaining, by endpoint), "settings", "invites",
         "wallets" (how many).
         """
         return self._control("GET", "state")
@@ -172,21 +172,21 @@ class DevServer:
         return entries
 
     def faults(self, endpoint: str, script: Sequence[Mapping[str, Any]]) -> None:
-        """Replace the script of `endpoint`; docs/devserver.md tells its form.
+        """Replace the script of `endpoint`; docs/devserver.md has its form.
 
         endpoint: "register", "challenge", "verify", "display_name", a path, "*", or "connect".
         """
         self.script({endpoint: script})
 
     def script(self, scripts: Mapping[str, Sequence[Mapping[str, Any]]]) -> None:
-        """Replace the scripts of several endpoints at one go."""
+        """Replace the scripts of several endpoints together."""
         self._control("POST", "faults", {endpoint: list(script) for endpoint, script in scripts.items()})
 
     def settings(self, **changes: Any) -> dict[str, Any]:
         """Change settings by name and return all of them.
 
         Names are the fields of ``devserver.settings.Settings``, and "invites" and "revoke_invites" (lists of
-        codes to make good and to revoke).
+        codes to add and to revoke).
         """
         return self._control("POST", "settings", changes)
 
@@ -198,7 +198,7 @@ class DevServer:
             raise DevServerError(f"{endpoint}: {arrived} of {count} requests within {timeout} s")
 
     def release(self) -> None:
-        """Let the requests go on that a fault holds now."""
+        """Resume the requests that a fault holds now."""
         self._control("POST", "release", {})
 
     def _control(
@@ -215,7 +215,7 @@ class DevServer:
         kept, self._kept = self._kept, None
         if kept is not None and kept.sock is not None:
             kept.sock.settimeout(timeout)
-            # The server may have closed it, being long idle.
+            # The server may have closed it as idle.
             with contextlib.suppress(DevServerError):
                 return self._ask(kept, method, name, body)
         return self._ask(self._connect(timeout), method, name, body)
@@ -230,7 +230,7 @@ class DevServer:
             answer: dict[str, Any] = json.loads(response.read())
         except (OSError, http.client.HTTPException, ValueError) as error:
             connection.close()
-            raise DevServerError(f"no answer to {name}: {error}{self._remains()}") from error
+            raise DevServerError(f"no response to {name}: {error}{self._remains()}") from error
         if self._keep_control:
             self._kept = connection
         else:
@@ -242,7 +242,7 @@ class DevServer:
         assert address.hostname is not None
         if address.scheme == "http":
             return http.client.HTTPConnection(address.hostname, address.port, timeout=timeout)
-        # The certificate may be the wrong one on purpose, and control is to work all the same.
+        # The certificate may be invalid on purpose; control requests must work nevertheless.
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
         context.check_hostname = False
         context.verify_mode = ssl.CERT_NONE

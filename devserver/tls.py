@@ -1,4 +1,4 @@
-"""A certificate authority of the server's own and a certificate from it."""
+"""The server's own CA and its certificates."""
 
 import ssl
 from collections.abc import Mapping, Sequence
@@ -12,7 +12,7 @@ _LESS_LONG_AGO = datetime(2002, 1, 1, tzinfo=UTC)
 
 
 def make_context(ca_file: Path, names: Sequence[str], *, expired: bool = False) -> ssl.SSLContext:
-    """A server context with a fresh certificate, whose authority's certificate goes to `ca_file`.
+    """A server context with a new certificate; writes the CA certificate to `ca_file`.
 
     names: host names and addresses that the certificate is for. expired: it ended long ago.
     """
@@ -22,9 +22,9 @@ def make_context(ca_file: Path, names: Sequence[str], *, expired: bool = False) 
 
 
 def make_flawed_contexts(ca_file: Path, names: Sequence[str]) -> Mapping[str, ssl.SSLContext]:
-    """For each flaw a server context whose certificate has it.
+    """For each flaw, a server context with such a certificate.
 
-    Their authority's certificate is added to `ca_file`; "untrusted" is of another authority.
+    Appends their CA certificate to `ca_file`; "untrusted" is of another CA.
     """
     authority = trustme.CA()
     with ca_file.open("ab") as file:

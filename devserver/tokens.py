@@ -35,12 +35,12 @@ class Tokens:
         return self.sign(claims | self._settings.claims), expires_at
 
     def sign(self, claims: Mapping[str, Any]) -> str:
-        """A token that carries exactly `claims`."""
-        # Through the signature layer: the claims layer refuses the odd claims that a script may ask for.
+        """A token with exactly these `claims`."""
+        # Through the signature layer: the claims layer rejects invalid claims, which a script may have.
         return jwt.PyJWS().encode(_compact(claims), self._key, algorithm=ALGORITHM)
 
     def claims(self, token: str) -> dict[str, Any]:
-        """The claims of a token of our own, its times and era unchecked; Refusal 401 for any other text."""
+        """The claims of one of our tokens, without checking times and era; Refusal 401 for any other text."""
         unchecked = {f"verify_{name}": False for name in ("exp", "nbf", "iat", "aud", "iss", "sub", "jti")}
         try:
             return jwt.decode(token, self._key, algorithms=[ALGORITHM], options=unchecked)  # type: ignore[arg-type]
@@ -48,9 +48,9 @@ class Tokens:
             raise Refusal(401, "unauthorized") from None
 
     def bearer(self, authorization: str | None) -> str:
-        """The wallet that the "Authorization" value stands for; Refusal 401 unless its token is good.
+        """The wallet of the token in the "Authorization" value; Refusal 401 unless the token is valid.
 
-        Good is a token of our own, unexpired by the service's clock, of the current era where there is one.
+        Valid is a token of ours, unexpired by the service's clock, of the current era if there is one.
         """
         scheme, _, token = (authorization or "").partition(" ")
         if scheme.lower() != "bearer" or not token:

@@ -48,11 +48,11 @@ class Wallets:
         return address in self._display_names
 
     def add(self, address: str) -> None:
-        """Register `address`; nothing happens when it is registered."""
+        """Register `address`; has no effect if it is registered."""
         self._display_names.setdefault(address, None)
 
     def rename(self, address: str, display_name: Any) -> None:
-        """Give `address` a display name, or none; Refusal 400 when the name breaks the rule."""
+        """Give `address` a display name, or none; Refusal 400 if the name is invalid."""
         if display_name is not None and not (
             isinstance(display_name, str) and _DISPLAY_NAME.fullmatch(display_name)
         ):
@@ -60,6 +60,6 @@ class Wallets:
         self._display_names[address] = display_name
 
     def secret_of(self, address: str) -> str:
-        """The 32 secret bytes of `address` in standard base64, the same at every call."""
+        """The 32 secret bytes of `address` in standard base64, always the same."""
         digest = hmac.digest(self._secret, b"wallet secret of " + address.encode(), hashlib.sha256)
         return base64.b64encode(digest).decode()

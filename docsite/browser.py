@@ -1,4 +1,4 @@
-"""Headless Chromium, as far as a look at the documentation needs it, spoken to over its DevTools protocol."""
+"""Headless Chromium, controlled over its DevTools protocol, as needed to check the documentation."""
 
 from __future__ import annotations
 
@@ -36,7 +36,7 @@ class _Quiet(http.server.SimpleHTTPRequestHandler):
 
 @contextlib.contextmanager
 def served(folder: Path) -> Generator[str]:
-    """The folder over HTTP on this machine, which search needs."""
+    """The folder over HTTP on this machine, as search requires."""
     handler = functools.partial(_Quiet, directory=str(folder))
     with http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler) as server:
         threading.Thread(target=server.serve_forever, daemon=True).start()
@@ -67,7 +67,7 @@ class Tab:
                 return result
 
     async def ask(self, script: str) -> Any:
-        """What a script ends in; a promise is awaited."""
+        """The result of a script; a promise is awaited."""
         answer = await self.call("Runtime.evaluate", expression=script, awaitPromise=True, returnByValue=True)
         if "exceptionDetails" in answer:
             raise RuntimeError(answer["exceptionDetails"]["exception"]["description"])
@@ -91,7 +91,7 @@ class Tab:
 
 @contextlib.asynccontextmanager
 async def chromium(program: str) -> AsyncGenerator[Tab]:
-    """A browser of its own, with nothing of the user's."""
+    """A separate browser, without the user's data."""
     with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as folder:
         process = await asyncio.create_subprocess_exec(
             program,

@@ -1,4 +1,4 @@
-"""What the site does besides: pages that come and go, and links that lead out of it."""
+"""Hooks of the site generator: optional pages, and links to files outside the site."""
 
 from __future__ import annotations
 
@@ -49,7 +49,7 @@ def without_links_out(markdown: str, folder: Path, docs: Path, shown: Container[
 
 
 def with_drawings(markdown: str, folder: Path) -> str:
-    """The text with drawings in place of the links to them, so that they follow the page's own colours."""
+    """The text with drawings embedded in place of the links to them, so that they use the page's colours."""
 
     def inline(link: re.Match[str]) -> str:
         svg = (folder / link[1]).read_text()
@@ -59,7 +59,7 @@ def with_drawings(markdown: str, folder: Path) -> str:
 
 
 def with_included(markdown: str, docs: Path) -> str:
-    """The text with files of the project in place of the lines that ask for them, as text or as code."""
+    """The text with files of the project in place of the lines that include them, as text or as code."""
     shown = _HEADING.findall(markdown)
 
     def text(line: re.Match[str]) -> str:
@@ -79,7 +79,7 @@ def on_page_markdown(markdown: str, *, page: Page, config: MkDocsConfig, **_: An
 
 
 def with_breaks(html: str) -> str:
-    """The page with places where a narrow table may break a name. Other text does not break a short one."""
+    """The page with break opportunities in names in tables, and without breaks in short names elsewhere."""
     parts = re.split(f"({_TABLE.pattern})", html, flags=_TABLE.flags)
     parts[::2] = [_SHORT_CODE.sub('<code class="whole">', part) for part in parts[::2]]
     parts[1::2] = [_INLINE_CODE.sub(lambda name: _BREAKS.sub("<wbr>", name[0]), part) for part in parts[1::2]]
@@ -87,7 +87,7 @@ def with_breaks(html: str) -> str:
 
 
 def with_labels(html: str) -> str:
-    """The page with the header of its column at each cell of a table that is too wide for a phone."""
+    """The page with the header of its column in each cell of a table that is too wide for a phone."""
 
     def labelled(table: re.Match[str]) -> str:
         names = [_TAG.sub("", name) for name in _HEADER.findall(table[0])]

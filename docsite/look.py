@@ -1,4 +1,4 @@
-"""Looks at the built documentation in headless Chromium, on a screen and on a phone, light and dark.
+"""Checks the built documentation in headless Chromium, on a screen and on a phone, light and dark.
 
     python -m docsite.look build/docs
 
@@ -28,12 +28,12 @@ def script(name: str) -> str:
 
 
 async def wrong_on(tab: Tab, base: str, page: str) -> list[str]:
-    """What is wrong with a page, on each screen and in each scheme."""
+    """The faults of a page, on each screen and in each scheme."""
     await tab.open(f"{base}/{page}")
     await tab.ask(script("still"))
     wrong = []
     for scheme in SCHEMES:
-        # As the reader's switch does it.
+        # As the page's switch does it.
         await tab.ask(f"document.body.setAttribute('data-md-color-scheme', {scheme!r})")
         for width in WIDTHS:
             await tab.be_wide(width)
@@ -47,7 +47,7 @@ async def wrong_in_search(tab: Tab, base: str, places: dict[str, str]) -> list[s
     await tab.open(f"{base}/index.html")
     wrong = []
     for name, place in places.items():
-        # The first is the page, the second the best place on it.
+        # The first is the page, the second the best match on it.
         found = await tab.ask(f"{script('search')}({name!r})")
         if place not in [link.removeprefix(f"{base}/").partition("?")[0] for link in found[:2]]:
             wrong.append(f"search for {name}: {found[:2]} come first, not {place}")

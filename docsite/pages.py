@@ -1,4 +1,4 @@
-"""Counts the pages of a built site, after a look for what a reader's browser would fetch elsewhere."""
+"""Counts the pages of a built site, after a check for files that a browser would load from elsewhere."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ _STYLE_LOADS = re.compile(r"""(?:url\(|@import)\s*["']?\s*((?:https?:)?//[^"')\s
 
 
 class _Loads(HTMLParser):
-    """Collects what a page loads from another site; what it only links to is the reader's choice."""
+    """Collects what a page loads from another site; mere links are not included."""
 
     def __init__(self) -> None:
         super().__init__()
@@ -31,7 +31,7 @@ class _Loads(HTMLParser):
 
 
 def loads_of(page: str) -> list[str]:
-    """The addresses on other sites from which a page of HTML loads something."""
+    """The URLs on other sites from which an HTML page loads something."""
     parser = _Loads()
     parser.feed(page)
     return parser.found

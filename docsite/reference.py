@@ -1,4 +1,4 @@
-"""Where the reference has each public name, and what the search has to know to find it there."""
+"""Where the reference has each public name, and the search's data for finding it there."""
 
 from __future__ import annotations
 
@@ -29,12 +29,12 @@ def places() -> dict[str, str]:
 
 
 def sought() -> dict[str, str]:
-    """The same of names that somebody looks for; constants such as KEY are common words."""
+    """The same of names that people search for; constants such as KEY are common words."""
     return {name: place for name, place in places().items() if not name.isupper()}
 
 
 def with_members(names: dict[str, str], locations: list[str]) -> dict[str, str]:
-    """The names by their places, and those of the classes' members; of the same names the first."""
+    """The names by their places, with the members of classes; of equal names only the first."""
     found = {place: name for name, place in names.items()}
     for location in locations:
         owner, _, name = location.rpartition(".")
@@ -44,7 +44,7 @@ def with_members(names: dict[str, str], locations: list[str]) -> dict[str, str]:
 
 
 def tag_index(index: Path) -> None:
-    """Tag the sections of the search's index that are references: a tag counts for more than any text."""
+    """Tag the sections of the search's index that are references: a tag has more weight than text."""
     content = json.loads(index.read_text())
     entries = {entry["location"]: entry for entry in content["docs"]}
     if missing := set(sought().values()) - set(entries):
@@ -52,7 +52,7 @@ def tag_index(index: Path) -> None:
     names = with_members(sought(), list(entries))
     for place, name in names.items():
         entries[place]["tags"] = [name]
-        # The search takes what is typed for a beginning too: Keeper comes before KeeperStatus.
+        # The search also matches prefixes: Keeper comes before KeeperStatus.
         if any(other.lower().startswith(name.lower()) for other in names.values() if other != name):
             entries[place]["boost"] = 4
     index.write_text(json.dumps(content))

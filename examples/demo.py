@@ -1,10 +1,10 @@
-"""A wallet logs in against the development server, and each step tells what happened.
+"""Logs a wallet in against the development server, and prints what happens at each step.
 
-Run it with `make demo`; `make demo ARGS=--help` shows the steps. It ends with status 1, and says why, as
-soon as something is not as it should be. Keys and secrets are never shown, tokens by their beginning.
+Run it with `make demo`; `make demo ARGS=--help` shows the steps. It exits with status 1, and prints why, as
+soon as a check fails. Keys and secrets are never shown, and only the beginning of a token.
 """
 
-# It looks at fields that an application has no business with.
+# It reads private fields, which an application should not.
 # pyright: reportPrivateUsage=false
 
 import argparse
@@ -34,7 +34,7 @@ HOUR = 3600.0
 
 
 class DemoFailure(Exception):
-    """Something was not as it should be."""
+    """A check has failed."""
 
 
 def expect(condition: object, failure: str) -> None:
@@ -45,12 +45,12 @@ def expect(condition: object, failure: str) -> None:
 def held[T](value: T | None) -> T:
     """A field of a manager that has logged in."""
     if value is None:
-        raise DemoFailure("the manager lacks what a login brings")
+        raise DemoFailure("a field of the manager is missing after the login")
     return value
 
 
 class Page:
-    """What the reader sees: coloured on a terminal, plain elsewhere."""
+    """The output: coloured on a terminal, plain elsewhere."""
 
     def __init__(self) -> None:
         self._colour = (
@@ -75,7 +75,7 @@ class Page:
 
 
 class TimedTransport:
-    """A manager's own transport, with the client's time of every exchange."""
+    """A manager's own transport, with the duration of every exchange in the client."""
 
     def __init__(self, transport: Callable[..., Any]) -> None:
         self._transport = transport
@@ -90,7 +90,7 @@ class TimedTransport:
 
 
 class FastClock:
-    """The wall clock, twenty times as fast, that can also leap ahead."""
+    """A wall clock that is twenty times as fast, and can be set forward."""
 
     def __init__(self) -> None:
         self._start = time.time()
@@ -122,16 +122,16 @@ class Demo:
             yield manager
 
     def next_era(self) -> int:
-        """Moves the server on to its next era."""
+        """Starts the server's next era."""
         era: int = self.server.settings()["era"] + 1
         self.server.settings(era=era)
         return era
 
     def answered_requests(self) -> list[dict[str, Any]]:
-        """The server's log, once it has noted the end of every request."""
+        """The server's log, once every request in it is complete."""
         wait_until(
             lambda: all(entry["duration"] is not None for entry in self.server.requests),
-            "the server did not finish its answers",
+            "the server did not complete its responses",
         )
         return self.server.requests
 
@@ -168,7 +168,7 @@ def date(seconds: float) -> str:
 
 
 def instant(seconds: float) -> str:
-    """A moment to come, as a date and as a distance."""
+    """A future time, as a date and relative to now."""
     hours, minutes = divmod(round((seconds - time.time()) / 60), 60)
     return f"{date(seconds)} (in {hours} h {minutes:02} min)"
 
@@ -178,24 +178,24 @@ def log_in(demo: Demo) -> None:
     page = demo.page
     manager = demo.new_manager()
     address = manager._wallet_address
-    # The transport is the default one; the manager only passes a stopwatch on its way to it.
+    # The default transport, with the duration of each exchange.
     manager._transport = transport = TimedTransport(manager._transport)
     page.line("server", f"{demo.server.url} (development server, process {demo.server.pid})")
     page.line("wallet", f"{address} (new, its key is random)")
 
     started = time.monotonic()
     manager.authenticate()
-    page.line("authenticate", f"returned after {milliseconds(time.monotonic() - started)}")
+    page.line("authenticate", f"took {milliseconds(time.monotonic() - started)}")
 
     requests = demo.answered_requests()
     paths = [entry["path"] for entry in requests]
-    expect(paths == LOGIN_PATHS, f"the server saw other requests than those of a login: {paths}")
+    expect(paths == LOGIN_PATHS, f"the server received other requests than those of a login: {paths}")
     expect([path for path, _ in transport.exchanges] == paths, "client and server disagree on the requests")
     for entry, (path, duration) in zip(requests, transport.exchanges, strict=True):
         arrival = time.strftime("%H:%M:%S", time.localtime(entry["time"]))
         times = f"client {milliseconds(duration)}, server {milliseconds(entry['duration'])}"
         page.line("request", f"{arrival}  {entry['method']} {path:<16} {entry['status']}  {times}")
-        expect(entry["status"] == 200, f"{path} was answered with {entry['status']}")
+        expect(entry["status"] == 200, f"the response to {path} had status {entry['status']}")
 
     expect(manager._state == "AUTHENTICATED", f"the manager's state is {manager._state}")
     token = held(manager._token)
@@ -214,15 +214,15 @@ def log_in(demo: Demo) -> None:
     page.line("local expiry", instant(expiry))
     page.line("next refresh", f"{instant(refresh)}, after {share:.1%} of the lifetime")
     expect(lifetime == 86400, f"the token's local lifetime is {lifetime} s, not a day")
-    expect(0.76 <= share <= 0.84, "the refresh should come at 80 % of the lifetime, give or take 4 %")
+    expect(0.76 <= share <= 0.84, "the refresh should be due after 80 % of the lifetime, ± 4 %")
 
     page.line("threads", ", ".join(thread.name for thread in threading.enumerate()))
     expect(held(manager._refresh_thread).is_alive(), "no refresh thread is running")
-    page.good("the wallet holds a token, and a thread waits to renew it")
+    page.good("the wallet has a token, and a background thread will renew it")
 
 
 class Taker(threading.Thread):
-    """Takes tokens, as a host does before its requests, until it is stopped."""
+    """Calls `get_token`, as a program does before its requests, until it is stopped."""
 
     def __init__(self, manager: auth.AuthManager, stop: threading.Event) -> None:
         super().__init__(daemon=True)
@@ -245,7 +245,7 @@ class Taker(threading.Thread):
 
 
 def renew(demo: Demo) -> None:
-    """eight threads take tokens while the token is renewed"""
+    """eight threads get tokens while the token is renewed"""
     page = demo.page
     clock = FastClock()
     with demo.logged_in(clock=clock) as manager:
@@ -259,22 +259,24 @@ def renew(demo: Demo) -> None:
             return all(taker.error is not None or good(taker) for taker in takers)
 
         wait_until(lambda: all_have(lambda taker: taker.taken > 20), "the threads got no tokens")
-        page.line("before", f"{sum(taker.taken for taker in takers)} tokens taken, all {shortened(old)}")
+        page.line("before", f"{sum(taker.taken for taker in takers)} calls, all returned {shortened(old)}")
         clock.leap_to(held(manager._refresh_at))
-        page.line("clock", "moved past the refresh point")
+        page.line("clock", "set to the refresh point")
         wait_until(lambda: all_have(lambda taker: taker.last != old), "the threads got no new token")
         stop.set()
         for taker in takers:
             taker.join(PATIENCE)
             expect(taker.error is None, f"a thread got no token: {taker.error!r}")
-        page.line("after", f"{sum(taker.taken for taker in takers)} tokens taken, none refused")
+        page.line("after", f"{sum(taker.taken for taker in takers)} calls, none failed")
         page.line("longest wait", milliseconds(max(taker.longest for taker in takers)))
-        expect(demo.count("verify") == 2, f"{demo.count('verify')} logins, not the first and one renewal")
-        page.good("one renewal, and every thread has its token")
+        expect(
+            demo.count("verify") == 2, f"{demo.count('verify')} logins instead of the first and one renewal"
+        )
+        page.good("one renewal, and every thread has the new token")
 
 
 def change_era(demo: Demo) -> None:
-    """an era is announced, and the next token carries it"""
+    """an era is announced, and the next token is of that era"""
     page = demo.page
     with demo.logged_in(clock=FastClock()) as manager:
         page.line("before", f"token of era {claims_of(manager.get_token())['era_number']}")
@@ -285,39 +287,39 @@ def change_era(demo: Demo) -> None:
         carried = claims_of(manager.get_token())["era_number"]
         page.line("after", f"token of era {carried}, {milliseconds(time.monotonic() - started)} later")
         expect(carried == era, f"the token is of era {carried}, not {era}")
-        page.good("the token belongs to the new era")
+        page.good("the token is of the new era")
 
 
 def survive_outage(demo: Demo) -> None:
-    """the server goes away and comes back"""
+    """logins during and after an outage"""
     page = demo.page
     with demo.logged_in(clock=FastClock()) as manager:
         token = manager.get_token()
         demo.server.faults("*", [{"kind": "close", "times": None}])
-        page.line("away", "the server drops every connection")
+        page.line("outage", "the server closes every connection")
         try:
             manager.authenticate()
         except auth.NetworkError as error:
             page.line("authenticate", f"NetworkError: {error}")
         else:
             raise DemoFailure("a login succeeded without a server")
-        expect(manager.get_token() == token, "the token that was held is lost")
-        page.line("token", "the one held before is still served")
+        expect(manager.get_token() == token, "the current token is lost")
+        page.line("token", "the current one is still served")
 
         demo.server.faults("*", [])
         demo.server.faults("challenge", [{"kind": "status", "status": 503, "times": 2}])
-        page.line("back", "after two answers of 503")
+        page.line("outage ends", "after two responses with status 503")
         before = demo.count("challenge")
         manager.authenticate()
         attempts = demo.count("challenge") - before
-        page.line("authenticate", f"got through at attempt {attempts}")
-        expect(attempts == 3, f"{attempts} attempts, not 3")
-        expect(manager.get_token() != token, "the new login brought no new token")
+        page.line("authenticate", f"succeeded at try {attempts}")
+        expect(attempts == 3, f"{attempts} tries, not 3")
+        expect(manager.get_token() != token, "the new login returned no new token")
         page.good("logged in again")
 
 
 def name_wallet(demo: Demo) -> None:
-    """a display name is set, and two are refused"""
+    """a display name is set, and two are rejected"""
     page = demo.page
     with demo.logged_in() as manager:
         answer = manager.set_display_name("  Ada Lovelace ")
@@ -328,7 +330,7 @@ def name_wallet(demo: Demo) -> None:
         try:
             manager.set_display_name("no!")
         except ValueError as error:
-            page.line("refused here", f"{error}")
+            page.line("not sent", f"{error}")
         else:
             raise DemoFailure("a name with a forbidden character was accepted")
         expect(demo.count("display_name") == before, "the bad name was sent to the server")
@@ -339,11 +341,11 @@ def name_wallet(demo: Demo) -> None:
         try:
             manager.set_display_name("Grace Hopper")
         except auth.ProfileError as error:
-            page.line("refused there", f"{error.reason}, again in {error.retry_after} s")
-            expect(error.reason == "rate_limited" and error.retry_after == 7, f"another refusal: {error!r}")
+            page.line("rejected", f"{error.reason}, retry after {error.retry_after} s")
+            expect(error.reason == "rate_limited" and error.retry_after == 7, f"another error: {error!r}")
         else:
-            raise DemoFailure("the server's refusal went unnoticed")
-        page.good("one name set, two refused")
+            raise DemoFailure("the server's error was not raised")
+        page.good("one name set, two rejected")
 
 
 def close_under_waiter(demo: Demo) -> None:
@@ -366,32 +368,32 @@ def close_under_waiter(demo: Demo) -> None:
         waiter = threading.Thread(target=take, daemon=True)
         waiter.start()
         waiter.join(0.2)
-        expect(waiter.is_alive(), "the thread did not wait for the login under way")
-        page.line("waiting", "a thread waits for a token while the server holds the login back")
+        expect(waiter.is_alive(), "the thread did not wait for the current login")
+        page.line("waiting", "a thread waits for a token while the server delays the login")
 
         closed = time.monotonic()
         manager.close()
         waiter.join(PATIENCE)
         expect(not waiter.is_alive(), "close() left the thread waiting")
         woken, outcome = ended[0]
-        expect(outcome == "manager_closed", "the thread got something else than manager_closed")
+        expect(outcome == "manager_closed", "the thread did not get manager_closed")
         page.line("woken", f"{milliseconds(woken - closed)} after close(), with {outcome}")
         expect(manager._token is None and manager._private_key is None, "the closed manager kept a secret")
         demo.server.release()
-        page.good("the thread is free, and key, token and secret are gone")
+        page.good("the thread has ended its wait, and key, token and secret are wiped")
 
 
 def outlive_day(demo: Demo) -> None:
-    """a keeper outlives a server that is away for a day"""
+    """a keeper survives an outage of a day"""
     page = demo.page
     clock = FastClock()
-    # Its warnings would stand between the lines.
+    # Its warnings would appear between the lines.
     logging.getLogger("tessaline.keeper").addHandler(logging.NullHandler())
     with Keeper(demo.new_manager(clock=clock)) as keeper:
         keeper.start()
         began, token = clock(), keeper.get_token()
         demo.server.faults("*", [{"kind": "close", "times": None}])
-        page.line("away", "the server drops every connection from now on")
+        page.line("outage", "the server closes every connection from now on")
 
         def is_planned_ahead() -> bool:
             planned = keeper.status().next_attempt
@@ -399,27 +401,27 @@ def outlive_day(demo: Demo) -> None:
 
         for hour in range(1, 24):
             clock.leap_to(began + hour * HOUR)
-            expect(keeper.get_token(timeout=0) == token, f"no token {hour} hours on")
+            expect(keeper.get_token(timeout=0) == token, f"no token after {hour} hours")
             wait_until(is_planned_ahead, "the keeper has stopped trying")
         status = keeper.status()
         expect(status.state == "retrying", f"the keeper is {status.state}")
-        page.line("23 hours on", f"every call served, {status.failures} attempts have failed")
+        page.line("after 23 h", f"every call returned the token; {status.failures} attempts have failed")
         clock.leap_to(began + 25 * HOUR)
         try:
             keeper.get_token(timeout=0)
         except auth.NetworkError as error:
-            page.line("25 hours on", f"the token has expired, NetworkError: {error}")
+            page.line("after 25 h", f"the token has expired, NetworkError: {error}")
         else:
             raise DemoFailure("an expired token was served")
 
         wait_until(is_planned_ahead, "the keeper has stopped trying")
         demo.server.faults("*", [])
         ahead = held(keeper.status().next_attempt) - clock()
-        page.line("back", f"the next attempt is {ahead:.0f} s away")
-        expect(ahead <= 300, "the next attempt is more than five minutes away")
+        page.line("outage ends", f"the next attempt is in {ahead:.0f} s")
+        expect(ahead <= 300, "the next attempt is in more than five minutes")
         clock.leap_to(clock() + ahead)
         expect(keeper.get_token() != token, "the old token was served")
-        page.good("logged in again, and nobody had to restart anything")
+        page.good("logged in again, without a restart")
 
 
 Step = Callable[[Demo], None]
@@ -433,7 +435,7 @@ STEPS: dict[str, Step] = {
     "name-wallet": name_wallet,
     "close": close_under_waiter,
 }
-# Those that `make demo` runs.
+# The steps that `make demo` runs.
 ENABLED = list(STEPS)
 
 

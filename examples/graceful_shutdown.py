@@ -10,7 +10,7 @@
 On the signal the threads are asked to stop and get `patience` seconds to finish. Then
 `close()` wipes the key and wakes every thread that still waits for a token or a login with
 `AuthError("manager_closed")`. Choose a shorter patience than the sender of the signal (Kubernetes: 30 s,
-systemd: 90 s, Docker: 10 s), who will kill.
+systemd: 90 s, Docker: 10 s), which then kills the process.
 
 Nothing is done inside a signal handler: it would run on top of whatever the main thread was doing, locks
 included. The signals arrive as bytes in a socket that the main thread reads. In asyncio,

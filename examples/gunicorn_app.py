@@ -1,4 +1,4 @@
-"""A WSGI application under gunicorn, whose workers share what they know of eras.
+"""A WSGI application under gunicorn, whose workers share announced eras.
 
     SERVICE_URL=https://service.example WALLET_KEY=... gunicorn --preload --workers 4 gunicorn_app:app
 

@@ -1,4 +1,4 @@
-"""Tests of an application that uses a wallet: no network, no waiting, and a day passes in a moment.
+"""Tests of an application that uses a wallet: no network and no waiting, even for a token to expire.
 
     python -m pytest test_application.py
 

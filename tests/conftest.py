@@ -1,4 +1,4 @@
-"""What holds for every test."""
+"""Rules for all tests."""
 
 from __future__ import annotations
 
@@ -9,11 +9,11 @@ import pytest
 
 pytest_plugins = ["canary.plugin"]
 
-# Folders whose every test runs programs and servers, which take a while.
+# Folders whose every test runs programs and servers, which are slow.
 OF_PROGRAMS = ("tests/examples/", "tests/integrations/")
 
 
-@pytest.hookimpl(tryfirst=True)  # before those who choose by the marks
+@pytest.hookimpl(tryfirst=True)  # before plugins that select by the marks
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
     for item in items:
         if any(folder in item.path.as_posix() for folder in OF_PROGRAMS):
@@ -31,7 +31,7 @@ def _errors_in(value: Any) -> Iterator[BaseException]:
 
 @pytest.fixture(autouse=True)
 def parameters_forget(request: pytest.FixtureRequest) -> Iterator[None]:
-    """An error that is a parameter would otherwise keep all frames that it passed through."""
+    """An error that is a parameter would otherwise keep all frames that it was raised through."""
     yield
     call = getattr(request.node, "callspec", None)
     for error in _errors_in(list(call.params.values()) if call else []):

@@ -14,7 +14,7 @@ SLOWER = float(os.environ.get("TESSALINE_SLOWER", "6" if SANITIZER else "1"))
 
 
 def patience(seconds: float) -> float:
-    """A bound on time that holds as it stands where nothing is slowed down, and is farther off elsewhere."""
+    """A time limit that applies as it is in a normal build, and is longer under a sanitizer."""
     return seconds * SLOWER
 
 

@@ -22,7 +22,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::string_view kKeyDigits = "4c0883a69102937d6231471b5dbb6204fe5129617082792ae468d01a3f362318";
 
-// The optimizer must not drop a result that nobody reads.
+// The optimizer must not remove an unused result.
 template <typename Value>
 void keep(const Value& value) {
   asm volatile("" : : "g"(&value) : "memory");

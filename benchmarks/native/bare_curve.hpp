@@ -4,8 +4,8 @@
 
 namespace tessaline::benchmarks {
 
-/// Each runs one operation `loops` times and gives the seconds (monotonic clock) that all of them took.
-/// Throws std::runtime_error where libsecp256k1 refuses.
+/// Each runs one operation `loops` times and returns the total seconds (monotonic clock). Throws
+/// std::runtime_error if libsecp256k1 fails.
 
 /// Keccak-256 over the prefixed message of `message_bytes`, and a recoverable signature; nothing else.
 double time_bare_signing(std::size_t loops, std::size_t message_bytes);

@@ -6,7 +6,7 @@
 namespace tessaline::benchmarks {
 
 /// The definition of a module with these functions and a heap type `Empty`, whose method `get_token` does
-/// nothing. The texts and the array have to outlive it.
+/// nothing. The texts and the array must outlive it.
 PyModuleDef with_empty_type(const char* name, const char* doc, PyMethodDef* functions);
 
 }  // namespace tessaline::benchmarks

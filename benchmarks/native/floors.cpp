@@ -1,4 +1,4 @@
-// The module `floors`: what nothing on this machine can be faster than, timed in C++ or as an empty call.
+// The module `floors`: the lower bounds on this machine, timed in C++ or as an empty call.
 
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
@@ -110,7 +110,7 @@ PyObject* root_store(PyObject* /*module*/, PyObject* args) {
   }
 }
 
-/// What `root_store` gave, or null for None; false with an exception set for anything else.
+/// The result of `root_store`, or null for None; false with an exception set for anything else.
 bool roots_from(PyObject* capsule, X509_STORE*& roots) {
   if (capsule == nullptr || capsule == Py_None) return true;
   roots = static_cast<X509_STORE*>(PyCapsule_GetPointer(capsule, kRoots));

@@ -1,10 +1,10 @@
-// A server that logs anybody in and costs little: one thread per connection, answers kept ready.
+// A server that accepts every login at little cost: one thread per connection, prepared responses.
 //
 //   bench_server DELAY_MILLISECONDS [CERTIFICATE_PEM KEY_PEM]
 //
-// Prints its port on the first line, serves until its standard input ends. Every answer comes after the
-// delay. GET /count tells how many connections were accepted and exchanges answered; POST /era/N makes later
-// tokens of era N; POST /body/N answers with N bytes; /refuse as a prefix makes verify answer 401.
+// Prints its port on the first line, serves until its standard input ends. Every response is sent after the
+// delay. GET /count returns how many connections were accepted and exchanges completed; POST /era/N makes
+// later tokens of era N; POST /body/N returns N bytes; with the prefix /refuse, verify returns 401.
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -90,7 +90,7 @@ std::string base64url(std::string_view bytes) {
   return text;
 }
 
-// The text of the first member of that name; nothing here needs more of JSON.
+// The text of the first member of that name; no more JSON is needed here.
 std::string text_member(const std::string& body, const std::string& name) {
   const std::size_t label = body.find("\"" + name + "\"");
   if (label == std::string::npos) return {};
@@ -113,7 +113,7 @@ std::string answer(std::string path, const std::string& body) {
   const bool refusing = path.starts_with("/refuse");
   if (refusing) path.erase(0, std::strlen("/refuse"));
   if (path == "/auth/challenge") {
-    // The challenge names its wallet, so that the verification needs no memory of it.
+    // The challenge contains its wallet, so that the verification needs no state.
     return with_head("200 OK", R"({"challenge_id":")" + text_member(body, "wallet_address") +
                                    R"(","message":"Sign in to the benchmark, nonce 0123456789abcdef"})");
   }
@@ -130,7 +130,8 @@ std::string answer(std::string path, const std::string& body) {
   return with_head("200 OK", "{}");
 }
 
-// Made once for each connection and size, so that asking again costs the client's part and the copy.
+// Made once for each connection and size, so that a repeated request costs only the client's part and the
+// copy.
 const std::string& large_answer(std::size_t size) {
   thread_local std::size_t made = 0;
   thread_local std::string answer;
@@ -149,7 +150,7 @@ std::size_t content_length(std::string_view head) {
   return static_cast<std::size_t>(std::atol(&*found + kName.size()));
 }
 
-// Reads one request off the front of `text`; false when the peer is gone.
+// Takes one request from the front of `text`; false if the peer has disconnected.
 bool read_request(Stream& stream, std::string& text, std::string& path, std::string& body) {
   std::size_t head = std::string::npos;
   while ((head = text.find("\r\n\r\n")) == std::string::npos) {

@@ -1,1 +1,1 @@
-"""The drawings of the documentation, as SVG whose text stays text."""
+"""The drawings of the documentation, as SVG with real text."""

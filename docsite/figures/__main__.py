@@ -1,4 +1,4 @@
-"""Writes the drawings and charts of docs; with --check, names those that are not up to date."""
+"""Writes the drawings and charts of docs; with --check, lists those that are out of date."""
 
 import argparse
 import sys
@@ -21,7 +21,7 @@ def drawn() -> dict[Path, str]:
 
 
 def outdated() -> list[Path]:
-    """Files that are missing, not as drawn, or drawn by nobody."""
+    """Files that are missing, out of date, or not drawn by this program."""
     expected = drawn()
     strange = {*FOLDER.glob("*.svg"), *bars.FOLDER.glob("*.svg")} - expected.keys()
     changed = (path for path, text in expected.items() if not path.exists() or path.read_text() != text)

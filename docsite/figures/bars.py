@@ -1,4 +1,4 @@
-"""The bar charts of docs/benchmarks, from what `make bench` measured. Each compares one thing."""
+"""The bar charts of docs/benchmarks, from the measurements of `make bench`. Each compares one thing."""
 
 import json
 from dataclasses import dataclass
@@ -144,7 +144,7 @@ def drawn(chart: Chart, content: dict[str, Any]) -> Canvas:
 
 
 def charts() -> list[Canvas]:
-    """All of them; none where nothing was measured."""
+    """All of them; none without measurements."""
     if not MEASURED.exists():
         return []
     content = measured()

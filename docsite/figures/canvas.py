@@ -1,4 +1,4 @@
-"""What every drawing is made of: boxes, arrows and lines of text, light or dark as the reader's page is."""
+"""The elements of every drawing: boxes, arrows and lines of text, light or dark like the page."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ from xml.sax.saxutils import escape
 type Anchor = Literal["start", "middle", "end"]
 type Point = tuple[float, float]
 
-# A page that has a switch of its own sets these variables on .fig itself.
+# A page with its own switch sets these variables on .fig itself.
 STYLE = """
 .fig{--ink:#1f2328;--soft:#57606a;--line:#6e7781;--face:#f6f8fa;--mark:#0b6b88;--tint:#d7ecf3;--warn:#9a4a00}
 @media (prefers-color-scheme:dark){.fig{--ink:#e6edf3;--soft:#a3adb8;--line:#8b949e;--face:#21262d;\
@@ -42,7 +42,7 @@ def _number(value: float) -> str:
 
 @dataclass
 class Canvas:
-    """A drawing of one size. `name` keeps its identifiers apart from those of others on the same page."""
+    """A drawing of one size. `name` distinguishes its identifiers from those of others on the same page."""
 
     name: str
     width: float
@@ -81,13 +81,13 @@ class Canvas:
         self._parts.append(f'<rect class="{kind}" {place}/>')
 
     def line(self, points: Sequence[Point], *, arrow: bool = False, dashed: bool = False) -> None:
-        """A line through `points`, with a head at its end when it is an arrow."""
+        """A line through `points`, with a head at its end if it is an arrow."""
         path = "M" + " ".join(f"{_number(x)} {_number(y)}" for x, y in points)
         head = f' marker-end="url(#{self.name}-head)"' if arrow else ""
         self._parts.append(f'<path class="line{" dashed" if dashed else ""}" d="{path}"{head}/>')
 
     def svg(self) -> str:
-        """The drawing as a file; it may also stand within a page."""
+        """The drawing as a file; it may also be embedded in a page."""
         width, height = _number(self.width), _number(self.height)
         frame = (
             f'<svg xmlns="http://www.w3.org/2000/svg" class="fig" role="img" '

@@ -1,4 +1,4 @@
-"""One token's life against the hours, for a page with little room."""
+"""The life of one token over the hours, for a page with little space."""
 
 from .canvas import Canvas
 

@@ -1,4 +1,4 @@
-"""Sequence diagrams: who says what to whom, from top to bottom."""
+"""Sequence diagrams: messages between actors, from top to bottom."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ _LINE = 15.0
 
 @dataclass(frozen=True)
 class Message:
-    """An arrow; an answer is dashed. `note` is a second, quieter line below it."""
+    """An arrow; a response is dashed. `note` is a second, lighter line below it."""
 
     sender: str
     receiver: str
@@ -25,7 +25,7 @@ class Message:
 
 @dataclass(frozen=True)
 class Act:
-    """What one of them does by itself."""
+    """An action of one of them."""
 
     actor: str
     lines: tuple[str, ...]
@@ -36,7 +36,7 @@ type Event = Message | Act
 
 
 def draw(canvas: Canvas, actors: dict[str, float], events: Sequence[Event]) -> None:
-    """Draws `events` between `actors`, given by name and the place of their life line."""
+    """Draws `events` between `actors`, given by name and the position of their lifeline."""
     y = _TOP + 22
     heights = [_height(event) for event in events]
     bottom = y + sum(heights) + 4

@@ -6,7 +6,7 @@ __version__ = "0.1.0"
 
 if (
     sys.implementation.name != "cpython"
-    # Whoever puts the package on the path of another Python is told, too.
+    # Also for a package that was put on the path of another Python.
     or sys.version_info < (3, 13)
     or sys.platform != "linux"
     or "t" in sys.abiflags

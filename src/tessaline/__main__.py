@@ -19,7 +19,7 @@ unexpected response; 1 other error; 130 interrupted. Details: the page "Checking
 
 
 class _Parser(argparse.ArgumentParser):
-    """Says what is wrong without repeating what may be a key."""
+    """Reports errors without repeating what may be a key."""
 
     def error(self, message: str) -> NoReturn:
         from tessaline._check_report import shown
@@ -28,7 +28,7 @@ class _Parser(argparse.ArgumentParser):
 
 
 class _Version(argparse.Action):
-    """Prints them when it is asked to: to know them takes the library that makes requests."""
+    """Prints the versions; only then, because this loads the HTTP library."""
 
     def __call__(self, parser: argparse.ArgumentParser, *_: object) -> NoReturn:
         print(_versions())
@@ -36,7 +36,7 @@ class _Version(argparse.Action):
 
 
 def _versions() -> str:
-    # Here, so that a command line that is wrong needs none of it.
+    # Imported here: a usage error does not need it.
     import platform
 
     from tessaline import _native
@@ -80,7 +80,7 @@ def _parser() -> argparse.ArgumentParser:
 
 def _add_check(parser: argparse.ArgumentParser) -> None:
     add = parser.add_argument
-    add("url", metavar="URL", help="the server: https, or http to this machine")
+    add("url", metavar="URL", help="the server's URL: https, or http to this machine")
     key = parser.add_mutually_exclusive_group(required=True)
     key.add_argument(
         "--key-file", metavar="FILE", help="a file or pipe with the key, which others cannot read"
@@ -103,28 +103,28 @@ def _add_check(parser: argparse.ArgumentParser) -> None:
 
 
 def _complaint(given: argparse.Namespace) -> str | None:
-    """What is wrong with options that are well-formed each."""
+    """What is wrong with the URL, or with a combination of options."""
     from tessaline._transport_security import validate_bearer_transport_url
 
     try:
-        # Not the manager's words: they repeat a text that is no URL, and which may be anything.
+        # The manager's message would repeat the text, which may be a secret.
         if "://" not in given.url:
-            return "URL is no address with scheme and host, such as https://service.example"
+            return "URL needs a scheme and a host, such as https://service.example"
         validate_bearer_transport_url(given.url)
     except ValueError as error:
         return str(error)
     if given.password_file is not None and given.keystore is None:
         return "--password-file is for a keystore"
     if given.keystore is not None and given.password_file is None and not sys.stdin.isatty():
-        return "where nobody can be asked, a keystore needs --password-file"
+        return "without a terminal, a keystore needs --password-file"
     return None
 
 
 def main(arguments: Sequence[str] | None = None) -> int:
-    """Do what the arguments (those of the process by default) ask for, and return the exit code.
+    """Run the command in the arguments (those of the process by default), and return the exit code.
 
     Raises:
-        SystemExit: The arguments are wrong (2), or ask for help (0).
+        SystemExit: A usage error (2), or --help or --version (0).
     """
     given = _parser().parse_args(arguments)
     if (complaint := _complaint(given)) is not None:
@@ -148,13 +148,13 @@ def main(arguments: Sequence[str] | None = None) -> int:
         return _check.INTERRUPTED
 
 
-def _print_every_letter() -> None:
-    # The name of an authority may have letters that the terminal has not.
+def _escape_unprintable() -> None:
+    # The name of a CA may have characters that the terminal's encoding lacks.
     for stream in (sys.stdout, sys.stderr):
         if isinstance(stream, io.TextIOWrapper):
             stream.reconfigure(errors="backslashreplace")
 
 
 if __name__ == "__main__":
-    _print_every_letter()
+    _escape_unprintable()
     sys.exit(main())

@@ -1,4 +1,4 @@
-"""`python -m tessaline check`: one login, looked at step by step."""
+"""`python -m tessaline check`: one login, reported step by step."""
 
 # pyright: reportPrivateUsage=false
 
@@ -38,9 +38,9 @@ type _Say = Callable[[str, str], None]
 
 
 class _Watched:
-    """The default transport with a time-out of its own, and a note of each exchange.
+    """The default transport with its own time-out, which reports each exchange.
 
-    `Retry-After` is left out of the answers: a check tries again after the usual pause of a second or two.
+    Removes `Retry-After` from responses, so that a check retries after the usual back-off of a second or two.
     """
 
     def __init__(self, timeout: float, noted: Callable[[Exchange], None]) -> None:
@@ -61,10 +61,10 @@ class _Watched:
 
 
 def run(given: Namespace) -> int:
-    """Do what the command line asks for, and return the exit code.
+    """Run the check with the options of the command line, and return the exit code.
 
     Args:
-        given: The options that `tessaline.__main__` has read.
+        given: The options, parsed by `tessaline.__main__`.
     """
     report = Report(given.url)
     token = _checked(report, given, _silent if given.json else _say)
@@ -83,7 +83,7 @@ def run(given: Namespace) -> int:
 
 
 def _checked(report: Report, given: Namespace, say: _Say) -> str | None:
-    """Take one step after the other into the report; the token where the last one succeeds."""
+    """Add one step after the other to the report; return the token if the login succeeds."""
     say("url", given.url)
     try:
         manager = auth.AuthManager(
@@ -108,7 +108,7 @@ def _checked(report: Report, given: Namespace, say: _Say) -> str | None:
             return None
         report.expiry = manager.get_token_expiry()
         hours = (report.expiry - time.time()) / _HOUR
-        say("token", f"good for {hours:.1f} hours, until {moment(report.expiry)}")
+        say("token", f"valid for {hours:.1f} hours, until {moment(report.expiry)}")
         return manager.get_token()
 
 
@@ -121,7 +121,7 @@ def _key(given: Namespace) -> str:
 
 
 def _look_at_the_way(report: Report, given: Namespace, say: _Say) -> None:
-    """Whatever is found here is for the report alone: the verdict is the login's."""
+    """For information: only the login decides whether the check fails."""
     report.proxy = proxy = proxy_for(given.url)
     if proxy is not None:
         say("proxy", f"{proxy.address}, from the environment variable {proxy.variable}")
@@ -129,14 +129,14 @@ def _look_at_the_way(report: Report, given: Namespace, say: _Say) -> None:
         report.name = resolve(given.url, given.timeout)
         say("name", _name_text(report.name))
     else:
-        say("name", "looked up by the proxy")
+        say("name", "resolved by the proxy")
     report.tls = look_at_tls(given.url, proxy, given.timeout, report.name)
     if report.tls is not None:
         say("tls", _tls_text(report.tls))
     if report.tls is not None and report.tls.certificate is not None:
         certificate = report.tls.certificate
-        lasts = f"{certificate.days_left:.1f} days more, until {moment(certificate.not_after)}"
-        say("certificate", f"by {certificate.issuer}; lasts {lasts}")
+        validity = f"{certificate.days_left:.1f} days, until {moment(certificate.not_after)}"
+        say("certificate", f"issued by {certificate.issuer}; valid for {validity}")
 
 
 def _name_text(name: Resolution) -> str:
@@ -176,13 +176,13 @@ def _exit_code(error: Exception, exchanges: list[Exchange]) -> int:
 
 
 def _is_elsewhere(exchanges: list[Exchange]) -> bool:
-    """Whether the last status is none that passes, so that the URL may be another service's."""
+    """Whether the last status is not that of a transient error, so that the URL may be another service's."""
     status = exchanges[-1].status if exchanges else None
     return status is not None and status != 429 and status < 500
 
 
 def _say(label: str, text: str) -> None:
-    # At once: the next step may take its time.
+    # Flushed, because the next step may take long.
     print(f"{label:<12}{shown(text)}", flush=True)
 
 

@@ -1,4 +1,4 @@
-"""The way to the server as a report tells it: its addresses, and what its certificate says."""
+"""The server's addresses and its certificate, for the report of a check."""
 
 from __future__ import annotations
 
@@ -19,7 +19,7 @@ from tessaline._check_proxy import Proxy, port_of
 
 __all__ = ["Certificate", "Resolution", "Tls", "look_at_tls", "resolve"]
 
-# As in the default transport, which looks there where Python's own places hold nothing.
+# As in the default transport, if Python's own locations have no certificates.
 _SYSTEM_FILES = (
     "/etc/ssl/certs/ca-certificates.crt",
     "/etc/pki/tls/certs/ca-bundle.crt",
@@ -28,13 +28,13 @@ _SYSTEM_FILES = (
     "/etc/ssl/cert.pem",
 )
 _DAY = 86400.0
-# The proxy chooses the words behind the status, and may repeat the credentials there.
+# The proxy chooses the text after the status, which may repeat the credentials.
 _TUNNEL_FAILURE = re.compile(r"Tunnel connection failed: \d+")
 
 
 @dataclass(frozen=True)
 class Resolution:
-    """What became of the server's name: its addresses, or an error; seconds that it took."""
+    """The result of resolving the server's name: its addresses, or an error; the seconds it took."""
 
     host: str
     addresses: tuple[str, ...]
@@ -44,7 +44,7 @@ class Resolution:
 
 @dataclass(frozen=True)
 class Certificate:
-    """A server's certificate, which is trusted: who issued it, and when it ends (Unix time, and in days)."""
+    """A server's trusted certificate: its issuer and its expiry (Unix time, and in days)."""
 
     issuer: str
     not_after: float
@@ -53,7 +53,7 @@ class Certificate:
 
 @dataclass(frozen=True)
 class Tls:
-    """What became of a TLS handshake; seconds from the first packet of the connection on."""
+    """The result of a TLS handshake; the seconds include the connection."""
 
     version: str | None
     cipher: str | None
@@ -63,7 +63,7 @@ class Tls:
 
 
 def resolve(url: str, timeout: float) -> Resolution:
-    """Ask the system for the addresses of the server that a URL names, for `timeout` seconds at most."""
+    """Resolve the host name of a URL, for at most `timeout` seconds."""
     server = urlsplit(url)
     host = server.hostname or ""
     found: list[tuple[str, ...] | OSError] = []
@@ -73,16 +73,16 @@ def resolve(url: str, timeout: float) -> Resolution:
             asked = socket.getaddrinfo(host, port_of(server), type=socket.SOCK_STREAM)
             found.append(tuple(dict.fromkeys(str(address[0]) for *_, address in asked)))
         except (OSError, UnicodeError) as error:
-            found.append(error if isinstance(error, OSError) else OSError("it cannot be a host's name"))
+            found.append(error if isinstance(error, OSError) else OSError("invalid host name"))
 
     started = time.monotonic()
-    # The system's resolver cannot be told how long it may take.
-    asker = threading.Thread(target=ask, name="tessaline-check", daemon=True)
-    asker.start()
-    asker.join(timeout)
+    # The system's resolver has no time-out.
+    thread = threading.Thread(target=ask, name="tessaline-check", daemon=True)
+    thread.start()
+    thread.join(timeout)
     seconds = time.monotonic() - started
     if not found:
-        return Resolution(host, (), seconds, f"no answer within {timeout:g} seconds")
+        return Resolution(host, (), seconds, f"timed out after {timeout:g} seconds")
     if isinstance(outcome := found[0], OSError):
         return Resolution(host, (), seconds, outcome.strerror or str(outcome))
     return Resolution(host, outcome, seconds)
@@ -92,33 +92,31 @@ def look_at_tls(url: str, proxy: Proxy | None, timeout: float, name: Resolution 
     """Make a TLS handshake with the server of an https URL, for `timeout` seconds at most.
 
     Returns:
-        None for http. Nothing but an error where the name has no address, and behind a proxy through which
-        Python's own client cannot go.
+        None for http. Only an error if the name was not resolved, or for a proxy that Python's own client
+        does not support.
     """
     server = urlsplit(url)
     if server.scheme != "https":
         return None
     if name is not None and name.error is not None:
-        return Tls(None, None, None, 0.0, "not looked at: the name has no address")
+        return Tls(None, None, None, 0.0, "skipped: the name was not resolved")
     if proxy is not None and proxy.scheme != "http":
-        return Tls(
-            None, None, None, 0.0, f"not looked at: behind a proxy of the kind {proxy.scheme or 'unknown'}"
-        )
+        return Tls(None, None, None, 0.0, f"skipped: the proxy's type is {proxy.scheme or 'unknown'}")
     host, port, started = server.hostname or "", port_of(server), time.monotonic()
     found: list[Tls] = []
 
     def look() -> None:
         try:
             found.append(_handshake(_connection(host, port, proxy, timeout), started))
-        except Exception as error:  # of many kinds, and none of them ends the check
+        except Exception as error:  # of many types, none of which ends the check
             found.append(Tls(None, None, None, time.monotonic() - started, _failure_text(error)))
 
-    # A socket's time-out is for each of its bytes.
-    looker = threading.Thread(target=look, name="tessaline-check", daemon=True)
-    looker.start()
-    looker.join(timeout)
+    # A socket's time-out starts anew with each byte.
+    thread = threading.Thread(target=look, name="tessaline-check", daemon=True)
+    thread.start()
+    thread.join(timeout)
     if not found:
-        return Tls(None, None, None, time.monotonic() - started, f"no answer within {timeout:g} seconds")
+        return Tls(None, None, None, time.monotonic() - started, f"timed out after {timeout:g} seconds")
     return found[0]
 
 
@@ -134,7 +132,7 @@ def _failure_text(error: Exception) -> str:
     if isinstance(error, ssl.SSLCertVerificationError):
         return error.verify_message
     if not isinstance(error, OSError):
-        # What a proxy or the environment has said may be in its text.
+        # Its text may quote a proxy or the environment.
         return type(error).__name__
     text = error.strerror or str(error) or type(error).__name__
     tunnel = _TUNNEL_FAILURE.match(text)
@@ -159,8 +157,8 @@ def _connection(host: str, port: int, proxy: Proxy | None, timeout: float) -> ht
 def _proxy_headers(proxy: Proxy) -> dict[str, str]:
     if proxy.user is None:
         return {}
-    told = base64.b64encode(f"{proxy.user}:{proxy.password or ''}".encode(errors="surrogateescape")).decode()
-    return {"Proxy-Authorization": f"Basic {told}"}
+    login = f"{proxy.user}:{proxy.password or ''}".encode(errors="surrogateescape")
+    return {"Proxy-Authorization": f"Basic {base64.b64encode(login).decode()}"}
 
 
 def _system_roots() -> str | None:

@@ -1,4 +1,4 @@
-"""Whether a request goes through a proxy, by the rules of the default transport: for a report alone."""
+"""Which proxy a request uses, by the rules of the default transport; for the report of a check only."""
 
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ from urllib.parse import SplitResult, unquote, urlsplit
 __all__ = ["Proxy", "port_of", "proxy_for"]
 
 _VARIABLES = {
-    # In capitals it would be the header "Proxy" of a request to a CGI program.
+    # HTTP_PROXY is ignored: in a CGI program, it is the header "Proxy" of a request.
     "http": ("http_proxy", "all_proxy", "ALL_PROXY"),
     "https": ("https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"),
 }
@@ -25,11 +25,11 @@ class Proxy:
 
     Attributes:
         variable: The environment variable.
-        scheme: "http", "https", "socks4", "socks4a", "socks5" or "socks5h"; "" where what it is set to is
-            not understood.
+        scheme: "http", "https", "socks4", "socks4a", "socks5" or "socks5h"; "" if the variable has
+            no valid URL.
         host: Its name or address.
         port: Its port.
-        user: For its own login, or None. Not for a report.
+        user: For the proxy's own login, or None. Never reported.
         password: The same.
     """
 
@@ -42,18 +42,18 @@ class Proxy:
 
     @property
     def resolves_names(self) -> bool:
-        """Whether the proxy is told the server's name, and looks up its addresses."""
+        """Whether the proxy resolves the server's name."""
         return self.scheme not in ("socks4", "socks5")
 
     @property
     def address(self) -> str:
-        """Scheme, host and port, all that a report may say of it."""
+        """Scheme, host and port, the only parts that a report may show."""
         host = f"[{self.host}]" if ":" in self.host else self.host
-        return f"{self.scheme}://{host}:{self.port}" if host else "not understood"
+        return f"{self.scheme}://{host}:{self.port}" if host else "invalid URL"
 
 
 def proxy_for(url: str) -> Proxy | None:
-    """The proxy that a request to that URL goes through, if any."""
+    """The proxy that a request to that URL uses, if any."""
     server = urlsplit(url)
     variable = next((name for name in _VARIABLES[server.scheme] if os.environ.get(name)), None)
     if variable is None or _is_exempt(server, os.environ.get("no_proxy") or os.environ.get("NO_PROXY", "")):
@@ -64,7 +64,7 @@ def proxy_for(url: str) -> Proxy | None:
         port = parts.port or (443 if parts.scheme == "https" else 1080)
     except ValueError:
         return Proxy(variable, "", "", 0)
-    # A password with an unescaped "/", "?" or "#" in it: what looks like the host is the user.
+    # A password with an unescaped "/", "?" or "#": the user would be taken for the host.
     if not parts.hostname or "@" in parts.path + parts.query + parts.fragment:
         return Proxy(variable, "", "", 0)
     user, password = (
@@ -75,7 +75,7 @@ def proxy_for(url: str) -> Proxy | None:
 
 
 def port_of(server: SplitResult) -> int:
-    """The port that a URL names, or its scheme's own."""
+    """The port of a URL, or its scheme's default."""
     return server.port or (443 if server.scheme == "https" else 80)
 
 

@@ -1,4 +1,4 @@
-"""What a check has found, as JSON and as a failure's sentences."""
+"""The results of a check, as JSON and as the text of a failure."""
 
 from __future__ import annotations
 
@@ -16,16 +16,16 @@ __all__ = ["Exchange", "Failure", "Report", "moment", "shown"]
 
 SCHEMA: Final = 1
 
-# What a server sends back of a request, or a user has taken for a path or an option.
+# A server may send it back, or a user may pass it as a path or an option.
 _SECRET = re.compile(r"(?:0[xX])?[0-9a-fA-F]{60,}|eyJ[\w-]{8,}(?:\.[\w-]*)*")
 
-# To this command's user, parameters of Python's are options.
+# To the user of this command, Python's parameters are options.
 _PARAMETER = re.compile(r"(?<![\w./-])(readable_by|invite_code)(?![\w./-])")
 
 
 @dataclass(frozen=True)
 class Exchange:
-    """A request of the login: the status of its answer, or the class of the error that it ended in."""
+    """A request of the login: the status of its response, or the class of its error."""
 
     method: str
     path: str
@@ -36,9 +36,9 @@ class Exchange:
 
 @dataclass(frozen=True)
 class Failure:
-    """What ended the check: at which step ("key" or "login"), how, and the process's exit code.
+    """Why the check failed: the step ("key" or "login"), the error, and the process's exit code.
 
-    `wrong_server`: the URL may be another service's, so that nothing is said for another attempt.
+    `wrong_server`: the URL may be another service's, so that a retry is not suggested.
     """
 
     step: str
@@ -53,21 +53,20 @@ class Failure:
         return {"step": self.step, "reason": reason, **first, "causes": others, "final": final}
 
     def sentences(self) -> Iterator[str]:
-        """What a person is told, in lines: the error, what to do about it, and whether to try again."""
+        """The lines of the text: the error, what to do about it, and whether a retry may help."""
         for number, link in enumerate(_chain(self.error)):
             yield f"{'caused by ' if number else ''}{type(link).__name__}: {link}"
             yield from _notes(link)
         if self.step == "login":
-            same = "another attempt would end in the same, until something has changed"
             if is_final(self.error):
-                yield same
+                yield "permanent error: a retry fails until something is changed"
             elif not self.wrong_server:
-                yield "another attempt may help"
+                yield "transient error: a retry may help"
 
 
 @dataclass
 class Report:
-    """Everything that a check has found so far."""
+    """The results of a check so far."""
 
     url: str
     address: str | None = None
@@ -83,7 +82,7 @@ class Report:
         return 0 if self.failure is None else self.failure.exit_code
 
     def as_json(self) -> dict[str, Any]:
-        """The object that `--json` prints, but for the token; `docs/check.md` has its fields."""
+        """The object that `--json` prints, without the token; `docs/check.md` has its fields."""
         told = {
             "schema": SCHEMA,
             "ok": self.failure is None,
@@ -103,7 +102,7 @@ class Report:
 
 
 def shown(text: str) -> str:
-    """The text without what looks like a key or token, or would control a terminal."""
+    """The text without what looks like a key or token, and without control characters."""
     bare = _SECRET.sub("…", text)
     return "".join(unit if unit.isprintable() else ascii(unit)[1:-1] for unit in bare)
 

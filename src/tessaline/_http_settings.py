@@ -1,4 +1,4 @@
-"""What the settings of a transport may be."""
+"""Validation of the settings of a transport."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ _YEAR = 31_536_000  # seconds
 
 _NAME = re.compile(r"[!-~](?:[ -~]*[!-~])?")
 _PROXY_SCHEMES = ("http", "https", "socks4", "socks4a", "socks5", "socks5h")
-# Less than the client itself understands: what passes here never fails there.
+# Stricter than the HTTP client: what is accepted here never fails there.
 _PROXY = re.compile(
     r"(?:(?P<scheme>[a-z][a-z0-9+.-]*)://)?"
     r"(?:(?P<user>(?:[a-z0-9._~!$&'()*+,;=:-]|%[2-9a-f][0-9a-f])*)@)?"
@@ -37,7 +37,7 @@ class Checked(NamedTuple):
 def checked(
     timeout: object, ca_file: object, proxy: object, user_agent: object, longest_retry_after: object
 ) -> Checked:
-    """The settings, or ValueError or TypeError with a text that repeats none of them."""
+    """The validated settings, or ValueError or TypeError with a text that shows none of them."""
     values = (
         _timeout(timeout),
         None if ca_file is None else _path(ca_file),
@@ -112,7 +112,7 @@ def _proxy(proxy: object) -> str:
 
 
 def _without_user(proxy: str) -> str:
-    """The URL of a checked proxy as it may be shown."""
+    """The URL of a validated proxy without its credentials."""
     if not proxy:
         return ""
     scheme, _, rest = proxy.rpartition("://")
@@ -126,7 +126,7 @@ def _is_host(host: str) -> bool:
         if host.startswith("["):
             ipaddress.IPv6Address(host[1:-1])
         elif last.isdigit() or last.startswith("0x"):
-            # What resolvers would take for an address in another notation.
+            # Resolvers would parse it as an address in another notation.
             ipaddress.IPv4Address(host)
     except ValueError:
         return False

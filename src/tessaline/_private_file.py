@@ -1,4 +1,4 @@
-"""Files that others may not read."""
+"""Files that other users must not read."""
 
 from __future__ import annotations
 
@@ -26,43 +26,43 @@ type _Path = str | os.PathLike[str]
 
 
 def holds_key(text: str) -> bool:
-    """Whether a key may have been given where a name was asked for, which is then not to be repeated."""
+    """Whether a key may have been passed in place of a name, so that messages must not show it."""
     return _KEY.search(text) is not None
 
 
 def private_text(path: _Path, readable_by: ReadableBy) -> str:
-    """What a file holds that is closed to others, without one line end; errors as of `bytes_of`."""
+    """The content of a private file, without one line end; errors as of `bytes_of`."""
     if readable_by not in _TOO_MUCH:
         raise ValueError('readable_by is "owner", "group" or "all"')
     return without_line_end(bytes_of(path, readable_by).decode("utf-8", "replace"))
 
 
 def without_line_end(text: str) -> str:
-    """The text without one line end behind it."""
+    """The text without one trailing line end."""
     return text.removesuffix("\n").removesuffix("\r")
 
 
 def bytes_of(path: _Path, readable_by: ReadableBy | None) -> bytes:
-    """What a regular file or a pipe holds, up to 64 KiB.
+    """The content of a regular file or a pipe, up to 64 KiB.
 
     Args:
         path: Of the file.
         readable_by: Who may be able to read it; None for anybody.
 
     Raises:
-        PermissionError: Others may read or change it, or it is another user's.
-        OSError: It is of another kind, or cannot be read.
-        ValueError: What was given as the path is a key.
+        PermissionError: Others may read or change it, or another user owns it.
+        OSError: It is another type of file, or cannot be read.
+        ValueError: A key was passed as the path.
     """
     with _opened(path) as file:
-        # The opened file and not its path, behind which another one may be put at any moment.
+        # Of the open file, since the path may be replaced at any time.
         found = os.fstat(file.fileno())
         mode = found.st_mode
         if not (stat.S_ISREG(mode) or stat.S_ISFIFO(mode)):
             raise OSError(errno.EINVAL, "neither a regular file nor a pipe", os.fspath(path))
         if readable_by is not None and mode & _TOO_MUCH[readable_by]:
             raise _too_open(stat.S_IMODE(mode), path, readable_by)
-        # What comes out of a pipe is its writer's business.
+        # The owner of a pipe does not matter, only its writer.
         if readable_by == "owner" and stat.S_ISREG(mode) and found.st_uid not in (0, os.geteuid()):
             raise _foreign(found.st_uid, path)
         return file.read(_MOST_BYTES)
@@ -70,11 +70,11 @@ def bytes_of(path: _Path, readable_by: ReadableBy | None) -> bytes:
 
 def _opened(path: _Path) -> IO[bytes]:
     name = os.fspath(path)
-    # The system's own error would repeat it.
+    # The system's error would show it.
     if holds_key(name) and "/" not in name and not os.access(name, os.F_OK):
         del name, path
         raise ValueError("a key was given in place of the path of a file")
-    # A terminal that is opened by mistake is not to become the process's own.
+    # A terminal opened by mistake must not become the controlling terminal.
     try:
         return open(path, "rb", opener=lambda name, flags: os.open(name, flags | os.O_NOCTTY))
     except FileNotFoundError as error:

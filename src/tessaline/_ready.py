@@ -1,4 +1,4 @@
-"""Whether a source would give its token at once: asked by those that must not wait, such as event loops."""
+"""The token of a source if available at once, for callers that must not block, such as event loops."""
 
 from __future__ import annotations
 
@@ -12,21 +12,21 @@ from tessaline.auth import AuthManager
 _get_token = AuthManager.get_token
 _get_time = AuthManager._get_time
 _era_guard = AuthManager._raise_if_pending_era_locked
-# What a program may replace, so that only `get_token()` itself knows what it would do.
+# If a program replaces one of these, only calling `get_token()` shows what it does.
 _STEPS = ("get_token", "_get_time", "_raise_if_pending_era_locked")
 
 
 class TokenSource(Protocol):
-    """What hands out tokens: a keeper, a wallet of a keeper, an `AuthManager`, or the like."""
+    """A keeper, a wallet of a keeper, an `AuthManager`, or another object with `get_token()`."""
 
     def get_token(self) -> str: ...
 
 
 def of_one_wallet[Source: TokenSource](source: Source) -> Source:
-    """The source, unless it is a keeper of several wallets, which has no token of its own.
+    """Return the source, unless it is a keeper of several wallets, which has no token of its own.
 
     Raises:
-        ValueError: It is one.
+        ValueError: It is such a keeper.
     """
     if isinstance(source, Serving) and source._copy is None:
         raise ValueError("this keeper has several wallets: give keeper[address]")
@@ -34,23 +34,23 @@ def of_one_wallet[Source: TokenSource](source: Source) -> Source:
 
 
 def ready_token(source: TokenSource) -> str | None:
-    """The token that `source.get_token()` would give at once.
+    """The token, if `source.get_token()` would return it at once.
 
-    Takes no lock and never waits, but for a clock that does. May be called from any thread, and in a forked
-    child, where it makes a manager go on as any of its methods does.
+    Takes no lock and never blocks, unless the clock does. May be called from any thread, and in a forked
+    child, where it restarts a manager as any of its methods does.
 
     Args:
-        source: Whatever has `get_token()`.
+        source: An object with `get_token()`.
 
     Returns:
-        The token; None where `get_token()` may wait or raise, or where that is not known: of other sources
-        than managers, keepers and their wallets, and of one whose methods a program has replaced.
+        The token; None if `get_token()` may block or raise, or if that is unknown: for other sources
+        than managers, keepers and their wallets, and for one whose methods a program has replaced.
     """
     return glance_for(source)(source)
 
 
 def glance_for(source: TokenSource) -> Callable[[Any], str | None]:
-    """What `ready_token()` does for this source, for who asks often."""
+    """The implementation of `ready_token()` for this source, for frequent callers."""
     if isinstance(source, Serving):
         return _of_keeper
     if isinstance(source, AuthManager):
@@ -64,7 +64,7 @@ def _of_other(source: object) -> None:
 
 def _of_keeper(keeper: Serving) -> str | None:
     copy = keeper._copy
-    # Neither the class nor the program has put another one in its place.
+    # Neither a subclass nor the program has replaced it.
     if copy is None or type(keeper.get_token) is not BuiltinMethodType:
         return None
     try:
@@ -75,7 +75,7 @@ def _of_keeper(keeper: Serving) -> str | None:
 
 def _of_manager(manager: AuthManager) -> str | None:
     kind, own = type(manager), manager.__dict__
-    # As in the manager itself, where these are what decides.
+    # The methods that determine the result of the manager's `get_token()`.
     if (
         kind.get_token is not _get_token
         or kind._get_time is not _get_time
@@ -86,9 +86,9 @@ def _of_manager(manager: AuthManager) -> str | None:
     token, refresh_at, expiry = manager._token, manager._refresh_at, manager._token_expiry
     if token is None or refresh_at is None or expiry is None:
         return None
-    # Without the lock, which a signal handler might need that interrupts whoever holds it here. A login that
-    # ends meanwhile is told by its token, and close() sets the state before it forgets what was announced.
-    # The time comes first: in a forked child, asking for it makes the manager's fields those of the child.
+    # Without the lock, which a signal handler on this thread might need. A login that ends meanwhile changes
+    # the token, and close() sets the state before it clears the pending era. The time is read first: in a
+    # forked child, that re-creates the manager's fields.
     try:
         if (
             _get_time(manager) < min(refresh_at, expiry)
@@ -100,6 +100,6 @@ def _of_manager(manager: AuthManager) -> str | None:
         ):
             return token
     except Exception:
-        # A clock that raises, or tells no number.
+        # A clock that raises, or returns no number.
         return None
     return None

@@ -1,4 +1,4 @@
-"""A bound on how long a server may silence a manager."""
+"""A limit on the `Retry-After` of a server."""
 
 from __future__ import annotations
 
@@ -10,22 +10,22 @@ __all__ = ["bounded_answer"]
 _FIELD = "retry-after"
 _LENGTH = len(_FIELD)
 _ANSWERS: tuple[type[Any], ...] = (tuple, list)
-# What `int` would read, were it not for its bound on the number of digits. No step of it is tried twice.
+# What `int` parses, without its limit on the number of digits. The pattern never backtracks.
 _WHOLE_NUMBER = re.compile(r"\s*+\+?0*+((?:_?\d++)*+)\s*+")
 
 
 def bounded_answer(answer: Any, seconds: int) -> Any:
-    """A transport's answer that asks to wait for `seconds` at most.
+    """A transport's response with a `Retry-After` of at most `seconds`.
 
     Args:
         answer: Status, headers and body.
-        seconds: The longest `Retry-After` that is let through. Anything but a larger whole number passes as
-            it is: dates and garbage, which a manager ignores, too.
+        seconds: The longest `Retry-After`. Only a larger integer is replaced; dates and invalid values, which
+            a manager ignores, stay.
 
     Returns:
-        The same object where there is nothing to bound.
+        The same object if nothing is replaced.
     """
-    # What is none is for the manager to refuse.
+    # The manager itself rejects what is not a response.
     if isinstance(answer, _ANSWERS) and len(answer) == 3 and hasattr(answer[1], "items"):
         for name in answer[1]:
             if isinstance(name, str) and len(name) == _LENGTH and name.lower() == _FIELD:
@@ -38,7 +38,7 @@ def _bounded(answer: Any, seconds: int) -> Any:
     long = [name for name, value in headers.items() if _is_field(name) and _is_longer(value, seconds)]
     if not long:
         return answer
-    # A mapping that ignores case, or holds a name twice, goes on doing so.
+    # Preserves the type: a mapping may be case-insensitive, or have a name twice.
     copied = headers.copy() if hasattr(headers, "copy") else dict(headers.items())
     for name in long:
         copied[name] = str(seconds)

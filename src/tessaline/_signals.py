@@ -1,4 +1,4 @@
-"""How a task of asyncio or of trio waits, and how another thread lets it go on."""
+"""How a task of asyncio or trio waits, and how another thread wakes it."""
 
 from __future__ import annotations
 
@@ -10,18 +10,18 @@ from typing import Protocol
 
 
 class Signal(Protocol):
-    """Made and waited for by one task."""
+    """Created and awaited by one task."""
 
     @property
     def loop(self) -> object:
-        """What identifies the event loop of the task."""
+        """Identifies the event loop of the task."""
 
     async def wait(self) -> None: ...
     def wake(self) -> None:
-        """On the thread of the loop: let the task go on, if it still waits."""
+        """On the thread of the loop: wake the task, if it still waits."""
 
     def post(self, call: Callable[[Iterable[Signal]], None], signals: Iterable[Signal]) -> None:
-        """On any thread: have the call made by the loop. RuntimeError where that has ended."""
+        """On any thread: have the loop make the call. RuntimeError if the loop has ended."""
 
 
 class _OfAsyncio:
@@ -54,12 +54,12 @@ class _OfTrio:
 
 
 def new_signal() -> Signal:
-    """One for the task that runs here.
+    """A signal for the current task.
 
     Raises:
         RuntimeError: No event loop runs here.
     """
-    # Whoever runs it has imported it.
+    # A program that runs trio has imported it.
     if "trio" in sys.modules and _in_trio_task():
         return _OfTrio()
     return _OfAsyncio(asyncio.get_running_loop())
@@ -70,7 +70,7 @@ def _in_trio_task() -> bool:
 
     if not trio.lowlevel.in_trio_task():
         return False
-    # Either of the two may run on top of the other; the inner one has a task of its own.
+    # Each may run as a guest of the other; the current task is that of the inner one.
     try:
         return asyncio.current_task() is None
     except RuntimeError:
@@ -78,13 +78,13 @@ def _in_trio_task() -> bool:
 
 
 def wake_all(signals: Iterable[Signal]) -> bool:
-    """Let the tasks go on, from any thread, by one call for each loop; whether a loop was still there."""
+    """Wake the tasks, from any thread, by one call per loop; returns whether any loop still runs."""
     by_loop: dict[object, list[Signal]] = {}
     for signal in signals:
         by_loop.setdefault(signal.loop, []).append(signal)
     woken = False
     for together in by_loop.values():
-        # In a loop that has ended nobody waits any more.
+        # No task waits in a loop that has ended.
         with contextlib.suppress(RuntimeError):
             together[0].post(_wake_here, together)
             woken = True

@@ -27,9 +27,9 @@ def validate_bearer_transport_url(url: str) -> str:
         The same text.
 
     Raises:
-        ValueError: Another scheme, no or a malformed host, a bad port, user info, query, fragment, blanks,
-            control characters or characters outside ASCII, or http to another machine. The message repeats
-            no credentials.
+        ValueError: Another scheme, no or a malformed host, a bad port, user info, query, fragment, spaces,
+            control characters or non-ASCII characters, or http to another machine. The message shows no
+            credentials.
     """
     if _BLANK_OR_CONTROL.search(url) or not url.isascii():
         raise ValueError("server URL must not contain blanks, control characters or characters outside ASCII")
@@ -40,7 +40,7 @@ def validate_bearer_transport_url(url: str) -> str:
         raise ValueError("server URL must use https, or http to this machine")
     if "@" in parts.netloc:
         raise ValueError("server URL must not contain user info")
-    # An empty query or fragment leaves no trace in the parts.
+    # The parts do not show an empty query or fragment.
     if "?" in url:
         raise ValueError("server URL must not contain a query")
     if "#" in url:
@@ -57,14 +57,14 @@ def _split(url: str) -> SplitResult:
         return urlsplit(url)
     except ValueError:
         pass
-    # Raised outside the handler: the parser's own message may quote user info.
+    # Raised outside the handler: the parser's own message may show user info.
     raise ValueError("server URL has a malformed host")
 
 
 def _host(parts: SplitResult) -> str:
     host = parts.hostname or ""
     if "[" in parts.netloc or "]" in parts.netloc:
-        # The parser takes the host from between the brackets, wherever in the text they stand.
+        # The parser takes the host from the brackets, wherever they are.
         bracketed = _BRACKETED.fullmatch(parts.netloc) is not None
         valid = bracketed and "%" not in host and _address(host) is not None
     elif ":" in host or _looks_numeric(host):
@@ -78,7 +78,7 @@ def _host(parts: SplitResult) -> str:
 
 
 def _looks_numeric(host: str) -> bool:
-    """Whether resolvers may take the host for an IPv4 address, in whatever notation."""
+    """Whether resolvers may parse the host as an IPv4 address, in any notation."""
     last = host.removesuffix(".").rpartition(".")[2]
     return last.isdigit() or last.lower().startswith("0x")
 
@@ -101,7 +101,7 @@ def _check_port(parts: SplitResult) -> None:
 def _is_loopback(host: str) -> bool:
     address = _address(host)
     if address is None:
-        # A name with a final dot goes to the resolver, which may send it anywhere.
+        # A name with a trailing dot goes to DNS, which may resolve it to any address.
         name = host.lower()
         return name == "localhost" or name.endswith(".localhost")
     if address.version == 6:

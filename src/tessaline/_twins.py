@@ -1,4 +1,4 @@
-"""Errors that are raised to many."""
+"""Errors that are raised in several threads or tasks."""
 
 from __future__ import annotations
 
@@ -6,9 +6,9 @@ import copy
 
 
 def twin_of[E: BaseException](error: E) -> E:
-    """An equal error with a traceback and notes of its own; the same one where it cannot be copied.
+    """A copy of the error with its own traceback and notes; the error itself if it cannot be copied.
 
-    One object raised to many would gather the frames, contexts and notes of all of them.
+    One object raised several times would accumulate the frames, contexts and notes of all callers.
     """
     try:
         twin = copy.copy(error)
@@ -16,7 +16,7 @@ def twin_of[E: BaseException](error: E) -> E:
             return error
         notes = getattr(error, "__notes__", None)
         if notes is not None:
-            # The copy has the same list.
+            # The copy shares the list.
             twin.__notes__ = list(notes)
     except Exception:
         return error

@@ -1,4 +1,4 @@
-"""One thread that makes calls which block, for any number of tasks of any number of event loops."""
+"""One thread that makes blocking calls for the tasks of any number of event loops."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ from tessaline._twins import twin_of
 
 
 class _Ticket:
-    """A waiting task, and what it is to get."""
+    """A waiting task, and its result."""
 
     __slots__ = ("error", "signal", "trace", "value")
 
@@ -28,22 +28,22 @@ class _Ticket:
         if self.error is None:
             return self.value
         try:
-            # An error that could not be copied would gather the tracebacks of all tasks.
+            # An error that cannot be copied would accumulate the tracebacks of all tasks.
             raise self.error.with_traceback(self.trace)
         finally:
             self.error = self.trace = None
 
 
 class _Call:
-    """A call that is to come or is under way, and who waits for it."""
+    """A pending or running call, and the tasks that wait for it."""
 
     __slots__ = ("key", "tickets", "work")
 
     def __init__(self, key: Hashable, work: Callable[[], object]) -> None:
         self.key = key
         self.work = work
-        # A task takes its own out without the lock, since it may be the garbage collector that ends the
-        # task, at any moment and on any thread. Single operations on a dict need none.
+        # A task removes its own without the lock, since the garbage collector may end the task at any time
+        # and on any thread. Single operations on a dict are atomic.
         self.tickets: dict[_Ticket, None] = {}
 
     def take(self) -> list[_Ticket]:
@@ -53,9 +53,9 @@ class _Call:
 
 
 class Waiter:
-    """Makes the calls one after another on a daemon thread, which lives while there are calls to make.
+    """Makes the calls one after another on a daemon thread, which ends when there are no more.
 
-    Usable from any thread, and in a forked child, which has no part in the calls of its parent.
+    Usable from any thread, and in a forked child, which does not share its parent's calls.
     """
 
     def __init__(self) -> None:
@@ -75,10 +75,9 @@ class Waiter:
         self._refusal = refusal
 
     async def outcome_of(self, key: Hashable, work: Callable[[], object]) -> Any:
-        """What a call returns or raises that begins after this one; tasks with the same key share it.
+        """The result or error of a call that begins later than this one; tasks with the same key share it.
 
-        An error is shared by the tasks that have come while the call ran, so that none waits twice as long as
-        a call takes.
+        Tasks that arrive during a call share its error, so that none waits for two calls.
 
         Raises:
             RuntimeError: No event loop runs here, or no thread could be started.
@@ -92,7 +91,7 @@ class Waiter:
         return ticket.redeem()
 
     def close(self, refusal: Callable[[], BaseException]) -> None:
-        """Make this error for whoever waits, and for each who comes later. Waits for nothing."""
+        """Raise this error in all tasks that wait, now or later. Does not block."""
         self._refusal = refusal
         self._fail_all(refusal())
 
@@ -100,7 +99,7 @@ class Waiter:
         with self._lock:
             if self._refusal is not None:
                 raise self._refusal()
-            # Not the call that runs: what it returns may be older than what this task already knows of.
+            # Not the running call: its result may be older than what this task already knows.
             call = self._coming.get(key)
             if call is None:
                 call = self._coming[key] = _Call(key, work)
@@ -115,7 +114,7 @@ class Waiter:
             thread.start()
         except BaseException:
             call.tickets.pop(ticket, None)
-            # Ctrl-C may end the start after the thread has begun.
+            # Ctrl-C may interrupt the start after the thread has begun.
             if thread.ident is None:
                 self._thread = None
             raise
@@ -125,7 +124,7 @@ class Waiter:
             while (call := self._next()) is not None:
                 self._make(call)
         except BaseException as error:
-            # KeyboardInterrupt and SystemExit end the loop by its tasks; where there are none, the thread.
+            # KeyboardInterrupt and SystemExit are raised in the tasks and end the loop, or else the thread.
             if not self._fail_all(error):
                 raise
 
@@ -157,7 +156,7 @@ class Waiter:
             wake_all(ticket.signal for ticket in tickets)
 
     def _fail_all(self, error: BaseException) -> bool:
-        """Give the error to whoever waits; whether there was anybody."""
+        """Raise the error in all waiting tasks; returns whether there was one."""
         with self._lock:
             calls = list(self._coming.values())
             self._coming.clear()
@@ -171,7 +170,7 @@ class Waiter:
 
 def _give_error(tickets: Sequence[_Ticket], error: BaseException) -> bool:
     trace = error.__traceback__
-    # The frames here would keep all that waited.
+    # Without the frames of this module, which refer to all waiting tasks.
     while trace is not None and trace.tb_frame.f_globals is globals():
         trace = trace.tb_next
     for place, ticket in enumerate(tickets):
@@ -184,7 +183,7 @@ _living: weakref.WeakSet[Waiter] = weakref.WeakSet()
 
 
 def _begin_in_child() -> None:
-    # The thread, the tasks that waited, and whoever held the lock are in the parent.
+    # The thread, the waiting tasks and the owner of the lock are in the parent.
     for waiter in _living:
         waiter.begin_in_child()
 

@@ -93,7 +93,7 @@ class _Complaint:
     __slots__ = ("_unlogged",)
 
     def __init__(self) -> None:
-        # Taken out by the one thread that logs.
+        # Removed by the thread that logs.
         self._unlogged = [True]
 
     def __call__(self) -> None:

@@ -150,7 +150,7 @@ def _decrypted(decrypt: _Decrypt, path: _Path, password: str) -> str:
         return bytes(decrypt(store, password)).hex().zfill(64)
     except MemoryError:
         raise
-    except Exception:  # a damaged file raises many kinds
+    except Exception:  # a damaged file raises errors of many types
         pass
     # Outside the handler, because its traceback holds the password.
     raise ValueError(f"{os.fspath(path)} cannot be decrypted: the password is wrong, or the file is damaged")

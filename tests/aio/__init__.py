@@ -1,1 +1,1 @@
-"""Tokens in event loops: who waits where, what wakes it, and what is served without waiting."""
+"""Tokens in event loops: which tasks wait where, what wakes them, and what is served without waiting."""

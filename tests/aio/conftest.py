@@ -1,4 +1,4 @@
-"""No thread may be left, and nothing may be raised where nobody sees it."""
+"""No thread may be left, and no exception may be raised where it is lost."""
 
 from __future__ import annotations
 
@@ -24,13 +24,13 @@ def library(request: pytest.FixtureRequest) -> str:
 
 @pytest.fixture(autouse=True)
 def no_thread_left() -> Iterator[None]:
-    # Those of trio's cache and of a loop's default pool are theirs.
+    # The threads of trio's cache and of a loop's default pool belong to these libraries.
     yield from none_left("Trio thread", "asyncio_")
 
 
 @pytest.fixture(autouse=True)
 def escaped(monkeypatch: pytest.MonkeyPatch) -> Iterator[list[Any]]:
-    """What threads raised to nobody; a test that expects some takes it out."""
+    """Exceptions that ended threads; a test that expects some removes them."""
     seen: list[Any] = []
     monkeypatch.setattr(threading, "excepthook", lambda given: seen.append(given.exc_value))
     monkeypatch.setattr(sys, "unraisablehook", lambda given: seen.append(given.exc_value))

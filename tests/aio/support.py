@@ -1,4 +1,4 @@
-"""Sources that wait until they are told, and many tasks at once."""
+"""Sources whose calls wait until released, and many concurrent tasks."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ WAITER = "tessaline-waiter"
 
 
 class Source:
-    """Calls wait until they are let go; each takes the next of `outcomes`, or gives a token of its own."""
+    """Calls wait until released; each takes the next of `outcomes`, or returns a new token."""
 
     def __init__(self, *outcomes: Any) -> None:
         self.outcomes = list(outcomes)
@@ -30,7 +30,7 @@ class Source:
         self._gate.release(calls)
 
     def open(self) -> None:
-        """From now on nobody waits."""
+        """From now on no call waits."""
         self._is_open = True
         self._gate.release(1000)
 
@@ -58,7 +58,7 @@ def waiter_threads() -> list[threading.Thread]:
 
 
 async def eventually(condition: Callable[[], Any], what: str) -> None:
-    """Let the loop go on until it is true."""
+    """Run the loop until it is true."""
     limit = time.monotonic() + DEADLINE
     while not condition():
         assert time.monotonic() < limit, f"{what} did not come true"
@@ -66,7 +66,7 @@ async def eventually(condition: Callable[[], Any], what: str) -> None:
 
 
 class Crowd:
-    """A group of tasks, and what came of each, errors included; cancelled ones leave nothing."""
+    """A group of tasks and their results, including errors; cancelled ones have none."""
 
     def __init__(self) -> None:
         self._group = anyio.create_task_group()
@@ -84,7 +84,7 @@ class Crowd:
         self._group.cancel_scope.cancel()
 
     async def add(self, call: Callable[[], Awaitable[Any]], count: int = 1) -> None:
-        """Start them; each has begun to wait when this returns, if it does not return at once."""
+        """Start them; when this returns, each has returned or begun to wait."""
         target = self.begun + count
         for _ in range(count):
             self._group.start_soon(self._one, call)
@@ -103,7 +103,7 @@ class Crowd:
 
 
 async def leave_waiting(tokens: AsyncTokens, source: Source) -> None:
-    """A call that is under way for a task that was cancelled."""
+    """A running call for a task that was cancelled."""
     before = len(source.calls)
     async with Crowd() as leaving:
         await leaving.add(tokens.get_token)
@@ -112,7 +112,7 @@ async def leave_waiting(tokens: AsyncTokens, source: Source) -> None:
 
 
 def run(library: str, main: Callable[[], Awaitable[Any]]) -> Any:
-    """In a loop of that library, with a deadline."""
+    """Run it in a loop of that library, with a deadline."""
 
     async def bounded() -> Any:
         with anyio.fail_after(patience(30.0)):

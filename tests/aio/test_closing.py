@@ -1,4 +1,4 @@
-"""aclose(): who waits is woken, the source is left alone."""
+"""aclose(): waiting tasks are woken, and the source is not changed."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""What the source raises: every waiting task is told, each with an error of its own."""
+"""Errors of the source: every waiting task gets one, each its own copy."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ def refusal() -> AuthError:
 
 
 class Odd(Exception):
-    """One that `copy` cannot make another of."""
+    """An error that `copy` cannot copy."""
 
     def __init__(self, *, why: str) -> None:
         super().__init__(why)

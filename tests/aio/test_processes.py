@@ -1,4 +1,4 @@
-"""Programs of their own: what an import brings, forks, and an end while somebody waits."""
+"""Separate programs: what an import loads, forks, and an exit while tasks wait."""
 
 from __future__ import annotations
 

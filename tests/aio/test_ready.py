@@ -1,4 +1,4 @@
-"""ready_token(): the token that get_token() would give at once, and None in every other case."""
+"""ready_token(): the token if get_token() would return it at once, and None in every other case."""
 
 from __future__ import annotations
 
@@ -184,7 +184,7 @@ def test_what_happens_during_the_look_is_seen(
 
 
 class GatedEvent(threading.Event):
-    """One whose setting waits."""
+    """An event whose setting waits."""
 
     def __init__(self) -> None:
         super().__init__()
@@ -197,7 +197,7 @@ class GatedEvent(threading.Event):
 
 
 def look_with(happens: Callable[[], None], *, at: int, manager: AuthManager) -> tuple[str | None, bool]:
-    """What the look gives where this happens before one of its steps; and whether there was such a step."""
+    """The result if this happens before one of the steps; and whether there was such a step."""
     steps = 0
 
     def trace(frame: FrameType, event: str, argument: Any) -> Any:
@@ -233,7 +233,7 @@ def test_an_old_token_stays_back_whenever_the_manager_is_closed(make_manager: Ma
         def close(
             manager: AuthManager = manager, event: Any = event, closing: list[Worker] = closing
         ) -> None:
-            """Half way: what was announced is forgotten, and the token is still there."""
+            """Half-way: the pending era is cleared, and the token is still present."""
             closing.append(Worker(manager.close))
             assert event.reached.wait(20)
             assert (manager._pending_era_number, manager._token is None) == (None, False)

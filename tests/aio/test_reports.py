@@ -1,4 +1,4 @@
-"""report_refused(): passed on by the one thread, once for all who report the same token."""
+"""report_refused(): passed on by the one thread, once for all tasks that report the same token."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""Tasks that wait for a source: one thread for all, and each task by itself."""
+"""Tasks that wait for a source: one thread for all, and each task independently."""
 
 from __future__ import annotations
 
@@ -40,7 +40,7 @@ def test_a_thousand_tasks_wait_on_one_thread_and_hold_nobody_up(library: str) ->
                 begun = time.monotonic()
                 await anyio.getaddrinfo("127.0.0.1", 443)
                 looks.append(time.monotonic() - begun)
-            # The look-ups have brought one of the loop's own.
+            # DNS lookups have started one of the loop's own.
             assert native_threads() - before <= MOST_THREADS
             assert len(waiter_threads()) == 1
             assert min(looks) <= LOOK_UP_SECONDS
@@ -95,7 +95,7 @@ def test_a_task_that_is_cancelled_when_its_token_is_on_the_way_leaves_the_others
         tasks = [asyncio.create_task(tokens.get_token()) for _ in range(3)]
         await asyncio.sleep(0)
         source.open()
-        # The loop stands still, so that what the thread has posted is not there yet.
+        # The loop is blocked, so that what the thread has posted has not arrived yet.
         join(thread)
         tasks[0].cancel()
         return await asyncio.gather(*tasks, return_exceptions=True)
@@ -173,7 +173,7 @@ def abandoned_loop(call: Callable[[], Awaitable[Any]]) -> asyncio.AbstractEventL
     async def forget(task: list[asyncio.Task[Any]]) -> None:
         task.append(asyncio.ensure_future(call()))
         await asyncio.sleep(0)
-        # Else it would be told to the log.
+        # Otherwise the log would have an error about it.
         task[0]._log_destroy_pending = False  # type: ignore[attr-defined]
 
     loop = asyncio.new_event_loop()
@@ -222,7 +222,7 @@ def test_trio_on_top_of_asyncio_is_trio() -> None:
 
 
 def driven_by_hand(coroutine: Coroutine[Any, Any, Any]) -> Any:
-    """What it returns without waiting; waiting fails."""
+    """Its result without waiting; waiting fails."""
     returned = []
 
     def drive() -> Generator[Any]:

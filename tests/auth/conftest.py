@@ -16,7 +16,7 @@ from .helpers.server import FakeServer
 
 @pytest.fixture(autouse=True)
 def no_thread_left() -> Iterator[None]:
-    """Fail the test that leaves a thread behind."""
+    """Fail a test that leaves a thread behind."""
     manager_helpers.mark_baseline()
     yield from none_left()
 

@@ -157,7 +157,7 @@ def test_a_lock_of_the_host_that_fails_at_its_end_is_told_to_the_host(
     plain, failing = manager._lock, LockThatFailsAtItsEnd()
 
     def hear(what: Any) -> None:
-        # What is told is not kept: the collector cannot see a cycle that goes through it.
+        # The result is not kept: the garbage collector cannot see a cycle through it.
         told.add((type(what.exc_value), str(what.exc_value), what.object is failing))
 
     monkeypatch.setattr(sys, "unraisablehook", hear)

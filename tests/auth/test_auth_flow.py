@@ -339,7 +339,7 @@ def test_the_challenge_is_read_before_the_key(manager: Any, server: FakeServer) 
         manager._do_auth_flow()
 
 
-# Missing and malformed answers
+# Missing and malformed responses
 
 
 @pytest.mark.parametrize(
@@ -592,7 +592,7 @@ def test_the_key_field_is_what_signs(manager: Any, server: FakeServer) -> None:
     assert server.last(VERIFY).body["signature"] == oracle("1".zfill(64), "fixed")[1]
 
 
-# What a flow leaves alone
+# Side effects that a flow must not have
 
 
 def test_a_flow_changes_no_field_but_the_acknowledgement(manager: Any) -> None:

@@ -1,4 +1,4 @@
-"""`authenticate`: one runner, any number of waiters, a consistent state whatever ends it."""
+"""`authenticate`: one runner, any number of waiters, a consistent state however it ends."""
 
 from __future__ import annotations
 
@@ -33,7 +33,7 @@ class OwnAuthError(auth.AuthError):
 
 
 def held_runner(manager: Any, server: FakeServer, waiting: int) -> tuple[Worker, list[Worker], Any]:
-    """A runner held inside its challenge request, with this many callers waiting for it."""
+    """A runner held in its challenge request, with this many callers waiting for it."""
     gate = server.hold(CHALLENGE)
     runner = Worker(manager.authenticate)
     gate.reached()
@@ -481,7 +481,7 @@ def test_an_auth_error_of_start_refresh_is_recorded_and_raised_with_the_result_i
     assert manager._auth_event.is_set()
 
 
-# Whatever ends it
+# However it ends
 
 
 @pytest.mark.parametrize("error", FATAL, ids=repr)

@@ -1,4 +1,4 @@
-"""Reading the clock, and waiting for a span of it."""
+"""Reading the clock, and waiting by it."""
 
 from __future__ import annotations
 
@@ -107,7 +107,7 @@ def test_a_reading_just_below_the_deadline_goes_on(
 def test_every_pass_begins_with_a_fresh_reading(
     make_manager: Callable[..., Any], fake_time: FakeTime
 ) -> None:
-    # Start, first look, after the sleep; the fresh look after it has reached the deadline.
+    # Start, first poll, after the sleep; the next poll has reached the deadline.
     clock = ScriptedClock(0.0, 0.0, 1.0, 9.0)
     make_manager(clock=clock)._wait_with_clock(5)
     assert len(fake_time.sleeps) == 1
@@ -117,7 +117,7 @@ def test_every_pass_begins_with_a_fresh_reading(
 def test_a_reading_after_the_sleep_does_not_end_the_wait_by_itself(
     make_manager: Callable[..., Any], fake_time: FakeTime
 ) -> None:
-    # The reading after the sleep is past the deadline, the fresh one is not: the wait goes on.
+    # The reading after the sleep is past the deadline, the next is not: the wait continues.
     clock = ScriptedClock(0.0, 0.0, 9.0, 1.0, 9.0, 9.0)
     make_manager(clock=clock)._wait_with_clock(5)
     assert len(fake_time.sleeps) == 2
@@ -185,7 +185,7 @@ def test_a_clock_that_goes_backwards_is_moving(manager: Any, fake_time: FakeTime
 def test_the_first_reading_is_the_one_compared_with(
     make_manager: Callable[..., Any], fake_time: FakeTime
 ) -> None:
-    # 0 at the start, 1 at the first look, 0 after every sleep: never moved as far as the wait can tell.
+    # 0 at the start, 1 at the first poll, 0 after every sleep: it never moves as far as the wait can see.
     readings = [0.0] + [1.0, 0.0] * 30
     fake_time.step = 0.25
     make_manager(clock=ScriptedClock(*readings))._wait_with_clock(60)

@@ -1,4 +1,4 @@
-"""Closing: what it clears, whom it wakes, how long it takes, and that it is final."""
+"""Closing: what it clears, whom it wakes, how long it takes, and that it cannot be undone."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ PROMPT = patience(0.5)
 
 
 class FakeThread:
-    """A thread that only writes down how it is joined."""
+    """A thread that only records how it is joined."""
 
     def __init__(self, on_join: Callable[[], None] | None = None) -> None:
         self.joins: list[Any] = []

@@ -1,4 +1,4 @@
-"""The constructor: what it checks, what it stores, and what it leaves alone."""
+"""The constructor: what it validates, what it stores, and its side effects."""
 
 from __future__ import annotations
 

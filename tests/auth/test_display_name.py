@@ -238,7 +238,7 @@ def test_a_name_of_another_type_is_an_error_before_any_request(
     assert server.calls == []
 
 
-# Replies
+# Responses
 
 
 @pytest.mark.parametrize("reply", [{}, {"display_name": "Ada", "more": [1]}])

@@ -24,7 +24,7 @@ class OwnAuthError(auth.AuthError):
 
 @pytest.fixture
 def refreshing(manager: Any, server: FakeServer) -> Any:
-    """A manager with a token and no refresh thread; starting one is only counted."""
+    """A manager with a token and no refresh thread; starts of one are only counted."""
     manager._start_refresh = lambda: None
     manager.authenticate()
     manager.starts = []

@@ -1,4 +1,4 @@
-"""Era announcements to a manager and the background re-authentication that they start."""
+"""Era announcements to a manager, and the background re-authentication that they start."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ class OwnAuthError(auth.AuthError):
 
 @pytest.fixture
 def idle(manager: Any) -> Any:
-    """A logged-in manager without a refresh thread; starting one is only counted."""
+    """A logged-in manager without a refresh thread; starts of one are only counted."""
     manager._start_refresh = lambda: None
     manager.authenticate()
     manager.starts = []
@@ -35,7 +35,7 @@ def idle(manager: Any) -> Any:
 
 
 class NoThread:
-    """A thread that is only written down."""
+    """A thread that is only recorded."""
 
     made: list[NoThread]
 

@@ -1,4 +1,4 @@
-"""Notes of the errors: added once, kept apart from what an error carries, and never in an error's way."""
+"""Notes of the errors: added once, separate from what an error carries, and never in place of an error."""
 
 from __future__ import annotations
 
@@ -132,7 +132,7 @@ def test_a_copy_of_an_error_without_notes_has_none(name: str, copied: Callable[[
 
 
 class Both(auth.AuthError, auth.NetworkError, OSError):
-    """Every base may stand beside every other."""
+    """Every base class can be combined with every other."""
 
 
 def test_a_class_over_several_of_them_copies_as_its_other_bases_do() -> None:

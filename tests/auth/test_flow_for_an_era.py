@@ -1,4 +1,4 @@
-"""The flow that insists on an announced era."""
+"""The flow that requires an announced era."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ FULL_LOGIN = [REGISTER, CHALLENGE, VERIFY]
 
 
 class Flows:
-    """Replaces the flow of one manager by prepared triples, one per run."""
+    """Replaces the flow of one manager by prepared results, one per run."""
 
     def __init__(self, manager: Any, *eras: Any) -> None:
         self.manager = manager

@@ -1,4 +1,4 @@
-"""`get_token`: whom it asks, what it touches, and its callers. Its rules are in tests/contract/serving.py."""
+"""`get_token`: what it calls and changes, and its callers. Its rules are in tests/contract/serving.py."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ TOKEN = "the token in place"
 
 @pytest.fixture
 def serving(manager: Any) -> Any:
-    """A manager with a good token, a refresh far away and no thread."""
+    """A manager with a valid token, a distant refresh point and no thread."""
     manager._state = "AUTHENTICATED"
     manager._token = TOKEN
     manager._token_expiry = NOW + 86400

@@ -1,4 +1,4 @@
-"""A caller that waited for a login looks at its outcome only after another one has begun."""
+"""A caller that waited for a login reads its outcome only after another one has begun."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ from .helpers.server import CHALLENGE, VERIFY, Answer, FakeServer
 
 
 class LateEvent(threading.Event):
-    """An event whose waiters come back only after what happens meanwhile has happened."""
+    """An event whose waiters return only after something else has happened."""
 
     def __init__(self) -> None:
         super().__init__()

@@ -1,4 +1,4 @@
-"""Calls that succeed and calls that fail leave nothing allocated behind."""
+"""Successful and failed calls leave nothing allocated."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ TOKEN = issued(ADDRESS, 5)
 
 
 def growth(call: Callable[[], Any]) -> int:
-    """Blocks still allocated after many rounds, beyond those of a few."""
+    """Blocks still allocated after many rounds, compared with a few."""
     with canary.resting():
         for _ in range(40):
             call()

@@ -1,4 +1,4 @@
-"""Arguments, clocks and transports of the wrong kind: the error names the kind, and a note the right one."""
+"""Arguments, clocks and transports of the wrong type: the error names the type, and a note the right one."""
 
 from __future__ import annotations
 

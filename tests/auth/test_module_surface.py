@@ -1,4 +1,4 @@
-"""The module as the interpreter sees it: names, signatures, docstrings, imports, refusals."""
+"""The module as the interpreter sees it: names, signatures, docstrings, imports, errors."""
 
 from __future__ import annotations
 
@@ -161,7 +161,7 @@ DEFINITION_ORDER = [
 
 
 def run_python(program: str) -> str:
-    """Run a program in a fresh interpreter: exit code 0, nothing on stderr, its output given back."""
+    """Run a program in a new interpreter: exit code 0, nothing on stderr; returns its output."""
     result = subprocess.run(
         [sys.executable, "-c", textwrap.dedent(program)],
         capture_output=True,

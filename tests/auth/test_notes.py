@@ -1,4 +1,4 @@
-"""Each reason comes with a sentence of what to do about it; text, `args` and attributes are as without."""
+"""Each reason has a sentence of advice; text, `args` and attributes are the same as without it."""
 
 from __future__ import annotations
 
@@ -287,7 +287,7 @@ def test_challenges_that_are_stale(manager: Any, server: FakeServer) -> None:
     ]
 
 
-# What another thread met
+# Failures of other threads
 
 
 def test_a_failure_that_another_thread_met_keeps_its_notes(manager: Any, server: FakeServer) -> None:

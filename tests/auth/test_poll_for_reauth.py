@@ -1,4 +1,4 @@
-"""The short wait, past expiry, for a re-authentication to begin."""
+"""The short wait after expiry for a re-authentication to begin."""
 
 from __future__ import annotations
 
@@ -80,7 +80,7 @@ def test_fallback_without_a_token_is_token_expired(expired: Any, fake_time: Fake
 
 
 def test_fallback_returns_the_token_in_place_at_the_end(expired: Any, fake_time: FakeTime) -> None:
-    # Still past its expiry, so that it does not count as a renewal.
+    # Still expired, so that it does not count as a renewal.
     fake_time.on_sleep = at_pass(30, lambda: setattr(expired, "_token", "exchanged"))
     assert expired._poll_for_reauth(True) == "exchanged"
 
@@ -277,7 +277,7 @@ def test_closing_during_the_wait_wakes_it_with_manager_closed(expired: Any, fake
     assert reason_of(worker.failure(1.0)) == "manager_closed"
 
 
-# A renewal that has come and gone between two looks
+# A renewal that begins and ends between two polls
 
 
 def test_a_renewal_finished_between_two_looks_is_returned_at_once(

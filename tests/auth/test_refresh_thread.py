@@ -1,4 +1,4 @@
-"""The proactive refresh: starting its thread, and its loop's passes."""
+"""The proactive refresh: starting its thread, and the passes of its loop."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ FULL_LOGIN = [REGISTER, CHALLENGE, VERIFY]
 
 
 class FakeThread:
-    """Stands in for a thread: writes down how it was made and started."""
+    """Replaces a thread: records how it was made and started."""
 
     made: list[FakeThread]
     manager: Any = None
@@ -158,7 +158,7 @@ def test_the_real_thread_is_a_daemon_of_the_host(manager: Any) -> None:
 
 @pytest.fixture
 def looping(manager: Any, clock: HandClock) -> Any:
-    """A manager whose loop can be run on the test's own thread, its waits scripted."""
+    """A manager whose loop can run on the test's own thread, with scripted waits."""
     manager._state = "AUTHENTICATED"
     manager._refresh_at = 2000.0
     manager._refresh_thread = threading.current_thread()

@@ -1,4 +1,4 @@
-"""One exchange with the server: what goes to the transport and what its answer becomes."""
+"""One exchange with the server: what the transport gets, and how its response is decoded."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ PROPERTY = settings(deadline=None, database=None, derandomize=True, max_examples
 
 
 class Recorder:
-    """A transport that keeps its calls as they came and gives back one prepared result."""
+    """A transport that records its calls and returns one prepared result."""
 
     def __init__(self, result: Any = (200, {}, b"")) -> None:
         self.result = result

@@ -26,7 +26,7 @@ PATHS = (REGISTER, CHALLENGE, VERIFY, DISPLAY_NAME, "/somewhere/else")
 
 
 class Harness:
-    """A manager whose exchanges are scripted and whose waits are only written down."""
+    """A manager with scripted exchanges whose waits are only recorded."""
 
     def __init__(self, manager: Any, *answers: Any) -> None:
         self.manager = manager
@@ -97,7 +97,7 @@ BODIES: tuple[Any, ...] = (
 
 
 def model(status: int, path: str, is_verify: bool, body: Any, hint: int) -> tuple[Any, ...]:
-    """What must come of one answer, followed by two 503s, with at most three attempts."""
+    """The expected result of one response, followed by two 503s, with at most three tries."""
     register, profile = path == REGISTER, path == DISPLAY_NAME
     gave_up = "Server unreachable after 3 attempts"
     if status in (400, 403) and register:
@@ -642,7 +642,7 @@ def test_any_retry_after_text_is_an_integer_or_the_default(text: str) -> None:
     assert hints == ((60, 1) if wanted is None else (wanted, wanted))
 
 
-# What is handed on
+# What is passed on
 
 
 def test_arguments_are_handed_to_the_request_unchanged(harness: Callable[..., Harness]) -> None:

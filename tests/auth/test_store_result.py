@@ -32,7 +32,7 @@ def store(manager: Any, token: Any, secret: Any = SECRET) -> Any:
 
 
 def refusal(manager: Any, token: Any, secret: Any = SECRET) -> str:
-    """The reason of the refusal; asserts that nothing was changed."""
+    """The reason of the error; asserts that nothing has changed."""
     before = snapshot(manager)
     with pytest.raises(auth.AuthError) as caught:
         store(manager, token, secret)
@@ -42,7 +42,7 @@ def refusal(manager: Any, token: Any, secret: Any = SECRET) -> str:
 
 @pytest.fixture
 def jitter(monkeypatch: pytest.MonkeyPatch) -> dict[str, Any]:
-    """Controls the jitter: `value` is what the generator gives, `asked` the bounds it was asked for."""
+    """Controls the jitter: `value` is what the generator returns, `asked` has the bounds of its calls."""
     control: dict[str, Any] = {"value": 0.0, "asked": []}
 
     def uniform(*args: Any, **kwargs: Any) -> float:

@@ -1,4 +1,4 @@
-"""The manager as an ordinary class: subclasses, weak references, cycles, half-made and damaged instances."""
+"""The manager as an ordinary class: subclasses, weak references, cycles, incomplete and damaged instances."""
 
 from __future__ import annotations
 
@@ -215,7 +215,7 @@ def test_constructing_many_managers_leaves_no_object_behind() -> None:
     assert len(gc.get_objects()) - before < 100
 
 
-# Half-made and damaged instances
+# Incomplete and damaged instances
 
 
 @pytest.mark.parametrize(
@@ -266,7 +266,7 @@ def run_python(program: str, timeout: float = 60.0) -> subprocess.CompletedProce
 
 @pytest.mark.parametrize("damage", ["deleted", "replaced"])
 def test_no_damaged_field_crashes_a_method(damage: str) -> None:
-    """Every method, with each field in turn deleted or of a foreign type: an exception at worst."""
+    """Every method, with each field in turn deleted or of a wrong type: it may at worst raise."""
     result = run_python(f"""
         import json, threading, types
         import tessaline.auth as auth

@@ -1,4 +1,4 @@
-"""Reading claims out of a token without verifying it."""
+"""Reading claims of a token without verifying it."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ def failure(call: Any, *args: Any) -> str:
 
 
 def expected_payload(token: Any) -> dict[str, Any] | None:
-    """The payload by the host's own decoders; None where it must be refused."""
+    """The payload by Python's own decoders; None if it must be refused."""
     try:
         segments = token.split(".")
         if len(segments) != 3:

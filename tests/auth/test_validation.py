@@ -1,4 +1,4 @@
-"""What the host may hand to the constructor: key, server address, invite code."""
+"""Arguments of the constructor: key, server URL, invite code."""
 
 from __future__ import annotations
 
@@ -90,7 +90,7 @@ def test_key_with_the_letter_g_contains_non_hex_characters() -> None:
 @pytest.mark.parametrize("place", [0, 31, 63])
 def test_any_non_hex_character_anywhere_is_refused(bad: str, place: int) -> None:
     if bad == "-" and place == 0:
-        # The host's parser reads a sign there: the number is negative.
+        # Python's parser accepts a sign there: the number is negative.
         assert str(refusal(bad + GOOD[1:])) in (NON_HEX, BAD_SCALAR)
         return
     assert str(refusal(GOOD[:place] + bad + GOOD[place + 1 :])) == NON_HEX
@@ -171,7 +171,7 @@ def test_64_hex_digits_are_judged_by_their_value_alone(text: str) -> None:
         assert str(refusal(text)) == BAD_SCALAR
 
 
-# Server address
+# Server URL
 
 
 def url_refusal(url: Any) -> str:

@@ -1,4 +1,4 @@
-"""Secrets of the whole suite, looked for in every text that the suite gives rise to."""
+"""Secrets of the whole suite, searched for in every text that the suite produces."""
 
 from .registry import overheard, plant, resting, watch
 

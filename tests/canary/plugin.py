@@ -24,13 +24,13 @@ from tessaline import auth
 
 from . import registry, sources, telling
 
-# The others are taken by debuggers, coverage, profilers and hypothesis.
+# The other tool IDs are used by debuggers, coverage, profilers and hypothesis.
 MONITOR = 4
 
-# A value that a generator returns, and what there may be no room to speak about.
+# A value that a generator returns, and errors for lack of memory or stack.
 WITHOUT_MESSAGE = (StopIteration, StopAsyncIteration, MemoryError, RecursionError)
-# By these libraries find out that something is not there or cannot be read, and go on; they hold what was
-# looked up or read. Of interest only where they come out of the libraries, also as another error's context.
+# These libraries raise errors internally to find out that something is missing or invalid; the errors contain
+# what was looked up or parsed. They matter only if they leave the libraries, also as another error's context.
 KEPT_IN_LIBRARIES = (KeyError, IndexError, AttributeError, UnicodeDecodeError)
 LIBRARIES = (sysconfig.get_path("stdlib"), sysconfig.get_path("purelib"), "<frozen")
 
@@ -79,7 +79,7 @@ def _raised(code: Any, offset: int, error: BaseException) -> None:
     if kind in WITHOUT_MESSAGE:
         return
     if kind is json.JSONDecodeError:
-        # Its attribute holds what could not be read, which counts once the error comes to somebody.
+        # Its attribute contains what could not be parsed, which matters once the error reaches a caller.
         examine("a raised JSONDecodeError", str(error))
         return
     if kind in KEPT_IN_LIBRARIES:
@@ -88,7 +88,7 @@ def _raised(code: Any, offset: int, error: BaseException) -> None:
     else:
         trace = error.__traceback__
         if trace is not None and trace.tb_next is not None:
-            return  # on its way through the frames, and examined in the first
+            return  # passing through further frames, and examined in the first
     try:
         examine_error("a raised", error)
     except RecursionError:
@@ -148,7 +148,7 @@ def pytest_configure(config: pytest.Config) -> None:
 
 
 def pytest_sessionstart(session: pytest.Session) -> None:
-    # After pytest itself has put its own there.
+    # After pytest has set its own.
     sources.tap(sys, "unraisablehook", _written_off)
     sources.tap(threading, "excepthook", _written_off)
     sources.tap(sys, "excepthook", lambda result, kind, error, trace: examine_rendered("an unhandled", error))
@@ -168,7 +168,7 @@ def pytest_runtest_teardown(item: pytest.Item) -> Iterator[None]:
     managers |= {id(value): value for value in values if isinstance(value, auth.AuthManager)}
     for manager in managers.values():
         examine_manager(manager)
-    # A frame that waits in here would keep them for as long as the test's end takes.
+    # A waiting frame here would keep them until the end of the test.
     del values, managers
     manager = None
     return (yield)

@@ -1,4 +1,4 @@
-"""What must not show: every key, token, signature and wallet secret that the suite is known to use."""
+"""What must not appear: every key, token, signature and wallet secret that the suite is known to use."""
 
 from __future__ import annotations
 
@@ -9,9 +9,9 @@ import weakref
 from collections.abc import Iterator
 from typing import Any
 
-# So many characters of a secret, from its begin or its end, are a finding.
+# That many characters from the beginning or end of a secret are a finding.
 WINDOW = 16
-# Keys like "1" * 64 are in the suite for their looks; so few different characters are nobody's secret.
+# The suite uses keys like "1" * 64 for readability; with so few different characters they are no secrets.
 FEWEST_DIFFERENT = 5
 
 HEX = re.compile(r"(?:0[xX])?([0-9a-fA-F]{64,})")
@@ -28,7 +28,7 @@ _seen: set[int] = set()
 
 
 def plant(kind: str, secret: object) -> None:
-    """Look for `secret` (text or bytes) in all its notations from now on; anything else is ignored."""
+    """Search for `secret` (text or bytes) in all its notations from now on; ignores anything else."""
     if at_rest or not isinstance(secret, str | bytes) or secret in _planted:
         return
     _planted.add(secret)
@@ -45,7 +45,7 @@ def plant(kind: str, secret: object) -> None:
 
 @contextlib.contextmanager
 def resting() -> Iterator[None]:
-    """Nothing is planted or looked for in here, where a test counts the memory in use."""
+    """Nothing is planted or searched for inside, where a test counts the memory in use."""
     global at_rest
     before, at_rest = at_rest, True
     try:
@@ -55,8 +55,8 @@ def resting() -> Iterator[None]:
 
 
 def watch(manager: Any) -> Any:
-    """Look at what `manager` shows of itself when the test ends, if it is still there; gives it back."""
-    # Without those that are gone: a test may count what its managers leave behind.
+    """At the end of the test, examine what `manager` shows, if it still exists; returns it."""
+    # Without dead ones: a test may count what its managers leave behind.
     _watched[:] = [weakref.ref(manager), *(other for other in _watched if other() is not None)]
     return manager
 
@@ -69,14 +69,14 @@ def watched() -> list[Any]:
 
 @contextlib.contextmanager
 def overheard() -> Iterator[list[str]]:
-    """What is found in here is meant to be: it goes to the list, not to the run's findings."""
+    """Expected findings: they are added to the list, not to the run's findings."""
     global findings
     kept, findings = findings, []
     try:
         yield findings
     finally:
         findings = kept
-        # Found once does not count as found again.
+        # The same text is not found again.
         _seen.clear()
 
 
@@ -86,7 +86,7 @@ def known(secret: str) -> bool:
 
 
 def found_in(text: str) -> str | None:
-    """What kind of secret the text holds a part of."""
+    """The kind of secret of which the text has a part."""
     mark = hash(text)
     if mark in _seen:
         return None

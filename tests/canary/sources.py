@@ -1,4 +1,4 @@
-"""Where secrets of the suite come from: each is planted where it is made, before anything can show it."""
+"""Where secrets of the suite are created: each is planted there, before anything can show it."""
 
 from __future__ import annotations
 
@@ -19,14 +19,14 @@ WRITTEN_KEY = re.compile(r"(?<![0-9a-fA-F])(?:0x)?[0-9a-fA-F]{64}(?![0-9a-fA-F])
 
 
 def plant_written_keys() -> None:
-    """Every number of 32 bytes that a test has in its text."""
+    """Every number of 32 bytes in the text of a test."""
     for path in TESTS.rglob("*.py"):
         for number in WRITTEN_KEY.findall(path.read_text()):
             plant("key", number)
 
 
 def tap(owner: Any, name: str, note: Callable[..., None]) -> None:
-    """Call `note` with what comes out of a function, and with what went in."""
+    """Call `note` with a function's results and arguments."""
     original = getattr(owner, name)
 
     @functools.wraps(original)

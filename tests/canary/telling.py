@@ -1,4 +1,4 @@
-"""What an error or another object says, without running code of the tests, which may count or act on it."""
+"""The texts of an error or another object, without running code of tests, which may have effects."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ NATIVE = (WrapperDescriptorType, MethodDescriptorType)
 
 
 def chain(error: BaseException) -> Iterator[BaseException]:
-    """The error and what it came from."""
+    """The error, its causes and contexts."""
     if error.__context__ is None and error.__cause__ is None:
         yield error
         return
@@ -28,7 +28,7 @@ def chain(error: BaseException) -> Iterator[BaseException]:
 
 
 def text_of(error: BaseException) -> str:
-    """Everything that the error says: its text, its arguments, its attributes, its notes."""
+    """All texts of the error: its message, arguments, attributes, notes."""
     said = [type(error).__name__, *_plain(error.args, 0), *_plain(error.__dict__, 0)]
     if type(type(error).__str__) in NATIVE and all(map(_is_harmless, error.args)):
         said.append(str(error))
@@ -36,7 +36,7 @@ def text_of(error: BaseException) -> str:
 
 
 def rendered(error: BaseException) -> str:
-    """The error as an unhandled one would be printed."""
+    """The error as it would be printed if unhandled."""
     if all(type(type(link).__str__) in NATIVE and all(map(_is_harmless, link.args)) for link in chain(error)):
         return "".join(traceback.format_exception(error))
     return ""
@@ -56,7 +56,7 @@ def _plain(value: Any, depth: int) -> Iterator[str]:
     if kind is str:
         yield value
     elif kind is int:
-        # Decimal only as far as the interpreter allows it.
+        # In decimal only within the interpreter's limit.
         yield str(value) if value.bit_length() < 4096 else hex(value)
     elif kind in (tuple, list, set, frozenset, dict):
         if depth < DEEPEST:

@@ -1,1 +1,1 @@
-"""`python -m tessaline check`: its report, its exit codes, and what it keeps to itself."""
+"""`python -m tessaline check`: its report and exit codes, and that it shows no secret."""

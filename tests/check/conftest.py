@@ -40,7 +40,7 @@ __all__ = [
 
 @dataclass(frozen=True)
 class Outcome:
-    """What the command left behind."""
+    """The result of the command."""
 
     code: int | str | None
     output: str
@@ -53,7 +53,7 @@ class Outcome:
         return told
 
     def lines(self, label: str) -> list[str]:
-        """What the report has behind that label."""
+        """The report's lines with that label."""
         split = [line.partition(" ") for line in self.output.splitlines()]
         return [rest.strip() for first, _, rest in split if first == label]
 
@@ -76,7 +76,7 @@ def key_file(tmp_path: Path, key: str) -> Path:
 
 @pytest.fixture
 def run(capsys: pytest.CaptureFixture[str]) -> Check:
-    """The command with these arguments."""
+    """Runs the command with these arguments."""
 
     def call(*arguments: object) -> Outcome:
         capsys.readouterr()
@@ -99,5 +99,5 @@ def check(run: Check, key_file: Path) -> Check:
 
 @pytest.fixture(autouse=True)
 def no_pauses(no_proxy: None, monkeypatch: pytest.MonkeyPatch) -> None:
-    """Between attempts."""
+    """No back-off between attempts."""
     monkeypatch.setattr(auth, "_BACKOFF_BASE", 0)

@@ -1,4 +1,4 @@
-"""Arguments that are wrong: exit code 2, and no key that was put there is repeated."""
+"""Usage errors: exit code 2, and a key in the arguments is not repeated."""
 
 from __future__ import annotations
 
@@ -27,7 +27,7 @@ URL = "https://service.example"
 
 
 class Terminal(io.StringIO):
-    """A standard input at which somebody may be asked."""
+    """An interactive standard input."""
 
     def isatty(self) -> bool:
         return True
@@ -58,7 +58,7 @@ class Terminal(io.StringIO):
     ],
 )
 def test_it_is_refused_without_the_key(run: Check, arguments: list[str]) -> None:
-    # The parser's own errors have it on their way to the message.
+    # The parser's own exceptions contain it.
     with canary.overheard():
         done = run(*arguments)
     assert (done.code, done.output) == (2, "")

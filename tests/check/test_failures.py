@@ -1,4 +1,4 @@
-"""Where a check ends: its exit code, and the sentences that it leaves behind."""
+"""Failed checks: the exit code, and the text on standard error."""
 
 from __future__ import annotations
 
@@ -15,8 +15,8 @@ from tests.transport.raw import RawServer, keep_silent
 
 from .conftest import Check
 
-SAME = "another attempt would end in the same, until something has changed"
-MAY_HELP = "another attempt may help"
+PERMANENT = "permanent error: a retry fails until something is changed"
+TRANSIENT = "transient error: a retry may help"
 
 
 # 3: the key
@@ -62,7 +62,7 @@ def test_a_file_without_a_key(check: Check, server: DevServer, key_file: Path, k
     assert done.report["address"] is None
 
 
-# 4: the way to the server
+# 4: the network
 
 
 def test_nobody_listens(check: Check, unused_port: int) -> None:
@@ -73,7 +73,7 @@ def test_nobody_listens(check: Check, unused_port: int) -> None:
         "  the last attempt, POST /auth/register, ended in ConnectionRefusedError: it is safe to try again",
         f"  caused by ConnectionRefusedError: [Errno 111] connection refused by 127.0.0.1:{unused_port}",
         "  nothing listens there: check host and port, and whether the server is running",
-        f"  {MAY_HELP}",
+        f"  {TRANSIENT}",
     ]
     assert len(done.lines("register")) == 3
 
@@ -89,11 +89,11 @@ def test_the_same_failure_as_json(check: Check, unused_port: int) -> None:
 
 
 def test_a_name_that_nobody_knows(check: Check) -> None:
-    # Answered by the resolver itself (RFC 6761), so nothing leaves the machine.
+    # The resolver itself rejects this name (RFC 6761), so nothing leaves the machine.
     report = check("https://nobody.invalid", "--json").report
     assert report["exit_code"] == 4
     assert report["name"]["addresses"] == [] and report["name"]["error"]
-    assert report["tls"]["error"] == "not looked at: the name has no address"
+    assert report["tls"]["error"] == "skipped: the name was not resolved"
     notes = [note for cause in report["error"]["causes"] for note in cause["notes"]]
     assert "check the spelling of the host, and this machine's DNS" in notes
 
@@ -112,7 +112,7 @@ def test_an_authority_that_is_not_trusted(check: Check, https_server: DevServer)
     assert done.code == 5
     assert done.errors.startswith("failed: SSLCertVerificationError: ")
     assert "trusted were the roots in " in done.errors
-    assert SAME in done.errors
+    assert PERMANENT in done.errors
     assert done.lines("certificate") == []
     (line,) = done.lines("tls")
     assert "unable to get local issuer certificate" in line
@@ -149,7 +149,7 @@ def test_a_refusal(check: Check, server: DevServer, endpoint: str, status: int, 
     assert done.report["exchanges"][-1]["status"] == status
     plain = check(server.url)
     assert plain.errors.splitlines()[0] == f"failed: AuthError: {reason}"
-    assert plain.errors.splitlines()[-1] == f"  {SAME}"
+    assert plain.errors.splitlines()[-1] == f"  {PERMANENT}"
 
 
 def test_an_invitation_is_missing(check: Check, server: DevServer) -> None:
@@ -161,7 +161,7 @@ def test_an_invitation_is_missing(check: Check, server: DevServer) -> None:
     assert "as --invite-code" in check(server.url, "--json").report["error"]["notes"][0]
 
 
-# 7: no login's answer
+# 7: unexpected responses
 
 
 @pytest.mark.parametrize(
@@ -188,7 +188,7 @@ def test_an_address_that_may_be_wrong_is_not_worth_another_attempt(check: Check,
     done = check(server.url)
     assert done.code == 7
     assert done.errors.splitlines()[-1].endswith("check that server_url names the right server")
-    assert MAY_HELP not in done.errors
+    assert TRANSIENT not in done.errors
 
 
 @pytest.mark.parametrize("fault", [{"kind": "wrong_subject"}, {"kind": "bad_token"}])
@@ -221,7 +221,7 @@ def test_ctrl_c(check: Check, server: DevServer, monkeypatch: pytest.MonkeyPatch
     assert (done.code, done.errors) == (130, "interrupted\n")
 
 
-# What a server says
+# Texts of the server
 
 
 def test_a_server_that_gives_secrets_and_controls_back_is_not_repeated(

@@ -1,4 +1,4 @@
-"""A check that goes through a proxy, and whether the report and the transport agree on which."""
+"""A check through a proxy, and whether the report and the transport use the same one."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ SECRET = "s3cretOfTheProxy"
 
 @pytest.fixture
 def tunnel(trusted: DevServer, raw: Callable[..., RawServer]) -> RawServer:
-    """A proxy that connects whatever it is asked for to the HTTPS server."""
+    """A proxy that connects every request to the HTTPS server."""
     return raw(tunnel_to(trusted.port))
 
 
@@ -30,16 +30,16 @@ def test_name_and_tls_go_through_it(
     check: Check, trusted: DevServer, tunnel: RawServer, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.setenv("https_proxy", f"http://user:{SECRET}@{tunnel.peer}")
-    # This machine could not look it up: the proxy does.
+    # Only the proxy can resolve it.
     url = f"https://127.0.0.1:{trusted.port}"
     done = check(url)
     assert (done.code, done.errors) == (0, "")
     assert done.lines("proxy") == [f"http://{tunnel.peer}, from the environment variable https_proxy"]
-    assert done.lines("name") == ["looked up by the proxy"]
+    assert done.lines("name") == ["resolved by the proxy"]
     assert len(done.lines("certificate")) == 1
     asked = [request.partition(b"\r\n")[0] for request in tunnel.requests]
     assert set(asked) == {f"CONNECT 127.0.0.1:{trusted.port} HTTP/1.1".encode()}
-    # One by the look at TLS, one by the login, each with the proxy's own credentials.
+    # One by the TLS handshake, one by the login, each with the proxy's credentials.
     assert len(asked) == 2
     assert all(b"proxy-authorization: basic " in request.lower() for request in tunnel.requests)
     assert SECRET not in done.output
@@ -77,16 +77,16 @@ def test_one_that_python_cannot_go_through(
     monkeypatch.setenv("https_proxy", setting.format(unused_port))
     done = check("https://service.example")
     assert done.code == 4
-    assert done.lines("name") == ["looked up by the proxy"]
+    assert done.lines("name") == ["resolved by the proxy"]
     (line,) = done.lines("tls")
-    assert line.startswith(f"not looked at: behind a proxy of the kind {urlsplit(setting).scheme} ")
+    assert line.startswith(f"skipped: the proxy's type is {urlsplit(setting).scheme} ")
 
 
-def test_one_that_is_not_understood(check: Check, monkeypatch: pytest.MonkeyPatch) -> None:
+def test_one_whose_url_is_invalid(check: Check, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setenv("https_proxy", f"http://user:{SECRET}/@proxy:x")
     done = check("https://service.example")
     assert done.code == 4
-    assert done.lines("proxy") == ["not understood, from the environment variable https_proxy"]
+    assert done.lines("proxy") == ["invalid URL, from the environment variable https_proxy"]
     assert SECRET not in done.output + done.errors
 
 
@@ -97,11 +97,11 @@ def test_one_whose_answer_never_ends(
     monkeypatch.setenv("https_proxy", proxy.url)
     begun = time.monotonic()
     done = check("https://service.example", "--timeout", "0.2")
-    # One look and three attempts.
+    # One handshake and three tries.
     assert time.monotonic() - begun < 10
     assert done.code == 4
     (line,) = done.lines("tls")
-    assert line.startswith("no answer within 0.2 seconds ")
+    assert line.startswith("timed out after 0.2 seconds ")
 
 
 @pytest.mark.parametrize("answer", ["HTTP/1.1 407 {}\r\nContent-Length: 0\r\n\r\n", "{}\r\n\r\n"])
@@ -229,7 +229,7 @@ def test_hosts_that_are_exempt_are_the_same_to_the_transport(
     monkeypatch.setenv("no_proxy", exempt.format(port=server.port))
     report = check(f"http://{host}:{server.port}", "--json").report
     assert (report["proxy"] is None) == directly
-    # Whoever goes to the proxy finds nobody there.
+    # Nothing listens at the proxy.
     assert report["ok"] == directly
 
 

@@ -1,4 +1,4 @@
-"""What is told of a login that succeeds."""
+"""The report of a successful login."""
 
 from __future__ import annotations
 
@@ -37,7 +37,7 @@ def test_each_step_has_its_line(check: Check, either: DevServer, key: str) -> No
         (line,) = done.lines(path.rpartition("/")[2])
         assert re.fullmatch(rf"POST {path}: 200 \(\d+\.\d ms\)", line)
     (line,) = done.lines("token")
-    assert re.fullmatch(r"good for 24\.0 hours, until \d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", line)
+    assert re.fullmatch(r"valid for 24\.0 hours, until \d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", line)
     secured = either.url.startswith("https")
     assert (len(done.lines("tls")), len(done.lines("certificate"))) == (secured, secured)
     assert [entry["path"] for entry in either.requests] == PATHS
@@ -87,7 +87,7 @@ def test_the_token_only_where_it_is_asked_for(check: Check, server: DevServer) -
         plain = check(server.url, "--print-token").output
         as_json = check(server.url, "--print-token", "--json").report["token"]
     tokens = [plain.splitlines()[-1].strip(), as_json]
-    # In pieces, so that a failure shows none.
+    # So that a failure shows no token.
     assert [TOKEN.fullmatch(token) is not None for token in tokens] == [True, True]
 
 

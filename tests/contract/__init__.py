@@ -1,1 +1,1 @@
-"""The contract as a whole: both serving paths, every wait, every race, and what may never be seen outside."""
+"""The contract as a whole: both serving paths, every wait, every race, and what must never be visible."""

@@ -1,4 +1,4 @@
-"""Every manager is closed and every thread gone at the end of each test."""
+"""At the end of each test every manager is closed and every thread has ended."""
 
 from __future__ import annotations
 
@@ -57,14 +57,14 @@ def manager(make_manager: Callable[..., Any]) -> Any:
 
 @pytest.fixture
 def logged_in(manager: Any) -> Any:
-    """A manager that has logged in; its refresh thread lives."""
+    """A manager that has logged in; its refresh thread is alive."""
     manager.authenticate()
     return manager
 
 
 @pytest.fixture
 def eager_switching() -> Iterator[None]:
-    """Threads take turns a hundred times as often, so that more of their orders are seen."""
+    """Switches threads a hundred times as often, so that more interleavings occur."""
     usual = sys.getswitchinterval()
     sys.setswitchinterval(5e-5)
     yield
@@ -73,7 +73,7 @@ def eager_switching() -> Iterator[None]:
 
 @pytest.fixture
 def no_collection() -> Iterator[None]:
-    """Counts of objects and timings that a collection in the middle would disturb."""
+    """Disables the garbage collector, which would disturb counts of objects and timings."""
     gc.collect()
     gc.disable()
     yield
@@ -82,7 +82,7 @@ def no_collection() -> Iterator[None]:
 
 @pytest.fixture
 def stopwatch() -> Callable[[], float]:
-    """Seconds since the fixture or the stopwatch was last asked."""
+    """Seconds since the fixture or the stopwatch was last read."""
     last = time.monotonic()
 
     def lap() -> float:

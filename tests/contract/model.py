@@ -1,4 +1,4 @@
-"""What a manager owes its callers over time; the machine that drives the real one plays the service."""
+"""What a manager must do for its callers over time; the machine driving the real one plays the service."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ AUTH = "AuthError"
 
 @dataclass(frozen=True)
 class Failure:
-    """An error by the name of its type and its text."""
+    """An error, as the name of its type and its text."""
 
     kind: str
     text: str
@@ -26,7 +26,7 @@ NOT_AUTHENTICATED = Failure(AUTH, "not_authenticated")
 
 
 class Contract:
-    """What one manager must hold and answer once everything that was set off has come to its end."""
+    """The expected state and results of one manager, once everything that was started has ended."""
 
     def __init__(self, now: float) -> None:
         self.now = now
@@ -66,7 +66,7 @@ class Contract:
     # Flows
 
     def _flow(self, matching: bool) -> Failure | None:
-        """One flow and, where it must match an era and does not, another; None when a token came of it."""
+        """One flow and, if its token does not meet a required era, another; None if it yields a token."""
         for _ in range(2 if matching else 1):
             self.flows += 1
             if self.fault is not None:
@@ -98,7 +98,7 @@ class Contract:
         if background and failure.kind == AUTH and failure.text in PERMANENT:
             self.permanent = True
 
-    # A flow is begun, and ended later: in between, the service holds it.
+    # A flow is begun first and ended later: in between, the service holds it.
 
     def begin_login(self) -> None:
         self.was_authenticated = self.state == "AUTHENTICATED"
@@ -118,7 +118,7 @@ class Contract:
         self.mode = "ERA_CHANGE"
 
     def end_flight(self) -> Failure | None:
-        """What the one who ran it gets."""
+        """The result of the caller that ran it."""
         flight, self.flight, self.backing_off = self.flight, None, False
         failure = self._flow(matching=flight != "login")
         if failure is None:
@@ -187,7 +187,7 @@ class Contract:
         return serve(self.fields(), self.now).way != "old token during back-off"
 
     def after_the_wait(self) -> int | Failure:
-        """What a caller gets who waited for the flow that has just ended."""
+        """The result of a caller that waited for the flow that has just ended."""
         return self._as_result(serve(self.fields(), self.now, after_a_wait=True))
 
     def authenticate_after_the_wait(self) -> Failure | None:
@@ -203,7 +203,7 @@ class Contract:
         return answer.token
 
     def credential(self) -> Failure | None:
-        """Why expiry and wallet secret are refused; None when they are not."""
+        """Why expiry and wallet secret are refused; None if they are not."""
         if self.state == "CLOSED":
             return CLOSED
         if self.state in ("UNINITIALIZED", "AUTHENTICATING"):

@@ -1,4 +1,4 @@
-"""What `get_token` owes its callers, in plain Python and without threads."""
+"""What `get_token` must return, in plain Python and without threads."""
 
 from __future__ import annotations
 
@@ -8,7 +8,7 @@ from typing import TYPE_CHECKING, Any
 
 
 class Refused(Exception):
-    """Stands for a new error of this reason."""
+    """Represents a new error with this reason."""
 
     def __init__(self, reason: str) -> None:
         super().__init__(reason)
@@ -16,7 +16,7 @@ class Refused(Exception):
 
 
 class Stored(Exception):
-    """Stands for a stored error that is raised again."""
+    """Represents a stored error that is raised again."""
 
     def __init__(self, error: Any) -> None:
         super().__init__()
@@ -24,7 +24,7 @@ class Stored(Exception):
 
 
 class GetToken:
-    """One call, over the same fields that the manager has; they may change wherever it waits or reads.
+    """One call, over the same fields as the manager's; they may change wherever it waits or reads.
 
     way: how it came to its end. renewed: the token that was in place when the poll would begin, if a new one.
     """
@@ -104,7 +104,7 @@ class GetToken:
         return self.after_the_wait()
 
     def after_the_wait(self) -> Any:
-        """What a caller gets whose flow has ended."""
+        """The result of a caller whose flow has ended."""
         self._leave_if_closed()
         self._guard("running")
         if self._auth_error is not None:
@@ -166,7 +166,7 @@ class GetToken:
             raise self._refuse("meanwhile gone", "not_authenticated")
 
 
-# On a manager in which nothing else moves: a wait ends, and everything is as before.
+# On a manager in which nothing else happens: a wait ends, and everything is as before.
 
 
 @dataclass
@@ -187,7 +187,7 @@ class Fields:
 
 @dataclass(frozen=True)
 class Answer:
-    """A token, an error that must be that very object, or a reason; and what was done to get there."""
+    """A token, an error that must be that very object, or a reason; and the steps that led to it."""
 
     way: str
     token: Any = None
@@ -197,7 +197,7 @@ class Answer:
 
 
 class PassingEvent(threading.Event):
-    """Nobody waits for it: a wait ends at once and leaves everything as it is."""
+    """No thread waits for it: a wait ends at once and changes nothing."""
 
     def wait(self, timeout: float | None = None) -> bool:
         return self.is_set()
@@ -207,7 +207,7 @@ EVENTS = ("_refresh_stop", "_refresh_event", "_close_event", "_refresh_pending",
 
 
 def write(target: Any, fields: Fields) -> None:
-    """Give a manager, or its model, these fields, and events that nobody waits for."""
+    """Give a manager, or its model, these fields, and events without waiters."""
     target._state = fields.state
     target._token = fields.token
     target._token_expiry = fields.token_expiry
@@ -226,7 +226,7 @@ def write(target: Any, fields: Fields) -> None:
 
 
 class _Still(GetToken):
-    """The poll too sees nothing new."""
+    """The poll sees nothing new either."""
 
     def __init__(self, fields: Fields, now: Any) -> None:
         super().__init__()

@@ -1,4 +1,4 @@
-"""Code that the manager runs itself calls the manager: it is told so, and nobody waits for himself."""
+"""Code that the manager runs calls the manager: it gets an error, and does not wait for itself."""
 
 from __future__ import annotations
 
@@ -35,7 +35,7 @@ def alarm() -> Iterator[None]:
 
 
 def called_at_a_reading(clock: HandClock, call: Callable[[], Any]) -> list[Any]:
-    """What comes of a call that the clock makes when the time is read next."""
+    """The result of a call that the clock makes at its next reading."""
     seen: list[Any] = []
 
     def before() -> None:
@@ -98,7 +98,7 @@ def test_a_signal_handler_that_closes_while_a_result_is_stored(
 
 
 def errors_at_the_challenge(service: Service, call: Callable[[], object]) -> list[BaseException]:
-    """What the call raises when the transport makes it while it asks for a challenge, the first time."""
+    """What the call raises if the transport makes it during its first request for a challenge."""
     seen: list[BaseException] = []
 
     def fault(path: str) -> None:
@@ -187,7 +187,7 @@ def test_the_finalizer_of_what_is_replaced_may_call_the_manager(manager: Any) ->
     assert [reason(error) for error in seen] == ["not_authenticated"]
 
 
-# Secrets in what is raised
+# Secrets in the errors
 
 
 def test_a_secret_that_cannot_be_decoded_is_not_in_the_error(manager: Any, service: Service) -> None:
@@ -218,7 +218,7 @@ def test_a_stored_error_of_a_foreign_type_is_a_type_error(logged_in: Any) -> Non
 
 
 class Joining:
-    """Asks the manager on another thread when it is let go, and waits for the answer."""
+    """Calls the manager on another thread when released, and waits for the result."""
 
     def __init__(self, manager: Any) -> None:
         self.manager, self.workers = manager, manager.__dict__.setdefault("workers", [])

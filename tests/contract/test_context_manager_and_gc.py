@@ -1,4 +1,4 @@
-"""The end of a manager: the block that closes it, the collector, and nothing that grows with use."""
+"""The end of a manager: the `with` block that closes it, the garbage collector, and no growth with use."""
 
 from __future__ import annotations
 
@@ -151,7 +151,7 @@ def test_the_block_wakes_who_waits(service: Service) -> None:
 
 
 class Host:
-    """Whatever a host keeps beside a manager."""
+    """Whatever a program keeps with a manager."""
 
     manager: Any = None
     other: Any = None
@@ -269,7 +269,7 @@ def test_a_closed_manager_goes_with_its_last_reference(
 def test_a_manager_whose_refresh_failed_goes_with_its_last_reference(
     service: Service, clock: HandClock, census: ThreadCensus, no_collection: None
 ) -> None:
-    # Its thread has ended with the failure, and nothing else of the manager holds on to it.
+    # Its thread has ended with the failure, and nothing else refers to the manager.
     manager = build(service, clock)
     manager.authenticate()
     service.fault = always_answers(CHALLENGE, 401)
@@ -293,7 +293,7 @@ def test_the_active_manager_is_held_and_let_go(service: Service, no_collection: 
 def test_a_manager_dropped_by_its_own_refresh_thread(
     service: Service, clock: HandClock, census: ThreadCensus
 ) -> None:
-    # The last reference goes on the background thread itself.
+    # The last reference is released on the background thread itself.
     host = Host()
     host.manager = build(service, clock)
     host.manager.authenticate()
@@ -315,7 +315,7 @@ def test_a_manager_dropped_by_its_own_refresh_thread(
 
 
 def once(service: Service, clock: HandClock, round_number: int) -> None:
-    """A whole life, good and bad."""
+    """A whole life, with successes and failures."""
     service.era, service.fault = 1, None
     manager = build(service, clock)
     manager.authenticate()
@@ -373,7 +373,7 @@ def mapped_regions() -> int:
 
 @pytest.fixture
 def untraced_threads() -> Iterator[None]:
-    """What measures lines of Python keeps something of every thread that it traces."""
+    """Line coverage keeps something of every thread that it traces."""
     tracer = threading.gettrace()
     threading.settrace(None)
     yield
@@ -405,13 +405,13 @@ def test_nothing_grows_with_use(
     live()
     live()
     grown = sys.getallocatedblocks() - blocks
-    # One block for each life would make 50; the interpreter's own caches breathe a little.
+    # One block per life would make 50; the interpreter's own caches vary a little.
     assert grown < 2 * rounds
     assert len(gc.get_objects()) - objects < 2 * rounds
-    # Kept connections of other tests may end meanwhile.
+    # Pooled connections of other tests may be closed meanwhile.
     assert open_descriptors() <= descriptors
     assert threading.active_count() == 1 + len([t for t in census._known if t is not threading.main_thread()])
-    # A sanitizer keeps blocks that were freed.
+    # A sanitizer keeps freed blocks.
     assert SANITIZER or resident_kilobytes() - resident < 4096
     assert mapped_regions() - regions < 16
 

@@ -1,4 +1,4 @@
-"""Announcements by the thousand: one re-authentication at a time, the highest era, one refresh loop."""
+"""Thousands of announcements: one re-authentication at a time, the highest era, one refresh loop."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ EACH = 500
 
 
 class FlowCount:
-    """How many re-authentications run at once, and on how many threads they ever ran."""
+    """How many re-authentications run concurrently, and on how many threads they have run."""
 
     def __init__(self, manager: Any) -> None:
         self.running = 0
@@ -47,7 +47,7 @@ class FlowCount:
 
 
 class RisingService(Service):
-    """Its era is the highest that anybody has been told of."""
+    """Its era is the highest that was announced."""
 
     def __init__(self) -> None:
         super().__init__(era=1)
@@ -77,7 +77,7 @@ def storm(
     before: Callable[[int], None] = lambda era: None,
     pause: Callable[[], Any] = lambda: None,
 ) -> int:
-    """Announce from many threads at once, with a pause now and then; gives back the highest number."""
+    """Announce from many threads concurrently, with a delay now and then; returns the highest number."""
     together = threading.Barrier(ANNOUNCERS)
     plans = [numbers(seed) for seed in range(ANNOUNCERS)]
 
@@ -96,7 +96,7 @@ def storm(
 
 
 def until_a_flow_ends(manager: Any) -> Callable[[], Any]:
-    """A pause that lets the re-authentications run between the announcements."""
+    """A delay that lets the re-authentications run between the announcements."""
     return lambda: manager._auth_event.wait(DEADLINE)
 
 
@@ -129,7 +129,7 @@ def test_a_storm_over_running_reauthentications(
     manager.authenticate()
     flows = FlowCount(manager)
     highest = storm(manager.notify_era_change, rising.reach, until_a_flow_ends(manager))
-    # The last flow may have missed an era announced behind its back; a lower number then leads to it.
+    # The last flow may have missed an era announced meanwhile; announcing a lower number then fetches it.
     until(lambda: manager._state == "AUTHENTICATED", "the end of the last flow")
     manager.notify_era_change(1)
     until(lambda: manager._state == "AUTHENTICATED", "the end of the very last flow")
@@ -262,7 +262,7 @@ def test_logins_and_announcements_at_once_leave_one_refresh_loop(
 def test_one_refresh_loop_on_the_machines_clock(
     make_manager: Callable[..., Any], service: Service, census: ThreadCensus, change: str
 ) -> None:
-    # There a loop sleeps for hours, and one that has been replaced must not sleep them out.
+    # In that case a loop sleeps for hours, and a superseded one must not do so.
     manager = make_manager(default_clock=True)
     manager.authenticate()
     for era in range(1, 21):

@@ -1,4 +1,4 @@
-"""`get_token` has a short way for a healthy manager; it may never answer otherwise than the long way."""
+"""`get_token` has a fast path for a healthy manager; its result must always equal that of the full path."""
 
 from __future__ import annotations
 
@@ -44,7 +44,7 @@ ERAS = (None, None, None, 0, 1, 9)
 
 
 def odd_or(usual: Any, odd: tuple[Any, ...], chance: random.Random) -> Any:
-    """Mostly the usual value: states in which everything is odd say little about the common ways."""
+    """Mostly the usual value: states in which everything is odd hardly test the usual paths."""
     return chance.choice(odd) if chance.random() < 0.35 else usual
 
 
@@ -83,7 +83,7 @@ def fill(manager: Any, fields: Fields, chance: random.Random) -> None:
 def contents(manager: Any) -> dict[str, Any]:
     names = [name for name in vars(auth.AuthManager) if name.startswith("_") and hasattr(manager, name)]
     held = {name: getattr(manager, name) for name in names if not callable(getattr(manager, name))}
-    held.pop("_private_key")  # made anew at every reading
+    held.pop("_private_key")  # created at every reading
     return held
 
 
@@ -112,7 +112,7 @@ def check(manager: Any, expected: Answer, shown: Any) -> None:
 
 @pytest.fixture(autouse=True)
 def shared_errors_forget() -> Iterator[None]:
-    """They have been through thousands of calls, and would keep the frames of them all."""
+    """They have been raised in thousands of calls, and would keep the frames of all of them."""
     yield
     for error in filter(None, ERRORS):
         error.__traceback__ = error.__context__ = None
@@ -127,7 +127,7 @@ def no_sleep(monkeypatch: pytest.MonkeyPatch) -> ShortSleeps:
 
 @pytest.fixture
 def plain(no_sleep: ShortSleeps) -> Iterator[Any]:
-    """A manager on the machine's clock, which alone may be served the short way."""
+    """A manager on the wall clock, the only one that the fast path may serve."""
     manager = build(Service(), default_clock=True)
     yield manager
     manager._state, manager._auth_event, manager._refresh_thread = "AUTHENTICATED", None, None
@@ -174,7 +174,7 @@ def test_both_ways_answer_as_the_contract_says(plain: Any, seed: int) -> None:
 
 @looks_inside
 def test_the_short_way_is_taken_and_can_be_left(plain: Any) -> None:
-    # Only the long way reads `_auth_event`, and it fails where the field is gone.
+    # Only the full path reads `_auth_event`, and it fails if the field is missing.
     healthy(plain)
     del plain._auth_event
     assert plain.get_token() == "a.b.c"
@@ -236,7 +236,7 @@ def test_a_held_lock_is_respected(plain: Any) -> None:
     assert plain.get_token() == "a.b.c"
     with plain._lock:
         caller = Worker(plain.get_token)
-        # The caller cannot be seen to wait for a lock; that it does not answer is all there is to see.
+        # A caller that waits for a lock is not observable, only that it does not return.
         caller.thread.join(0.2)
         assert caller.alive
         plain._state = "CLOSED"
@@ -324,7 +324,7 @@ def test_the_host_clock_handed_in_is_served_alike(no_sleep: ShortSleeps) -> None
 
 
 def test_no_call_straddles_an_announcement_or_a_close(no_sleep: ShortSleeps) -> None:
-    # A host's call after `close()` or the announcement begins with the new state in every field it looks at.
+    # A call after `close()` or the announcement sees the new state in every field.
     for ending in ("close", "era"):
         manager = build(Service(), default_clock=True)
         healthy(manager)

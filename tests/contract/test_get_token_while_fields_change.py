@@ -1,4 +1,4 @@
-"""`get_token` while its fields change wherever it waits or reads, against the model of what it gives."""
+"""`get_token` while its fields change wherever it waits or reads, compared with the model of its results."""
 
 from __future__ import annotations
 
@@ -19,7 +19,7 @@ NOW = 1000.0
 
 
 class OtherLock:
-    """A lock that is not the host's own: whoever looks for a short cut finds none."""
+    """A lock that is not the interpreter's own, which disables the fast path."""
 
     def __init__(self) -> None:
         self._inner = threading.Lock()
@@ -56,7 +56,7 @@ CHOICES: dict[str, list[Any]] = {
     "_refresh_at": [NOW + 5, NOW + 0.001, NOW, NOW - 0.001],
 }
 EVENTS = [None, "clear", "clear", "set"]
-# Seldom drawn, and most of what can change then makes the caller wait.
+# Rarely drawn, and most possible changes then make the caller wait.
 OLD_TOKEN_DURING_BACK_OFF: dict[str, Any] = {
     "_state": "RE_AUTHENTICATING",
     "_token": "token one",
@@ -70,7 +70,7 @@ OLD_TOKEN_DURING_BACK_OFF: dict[str, Any] = {
 
 
 class World:
-    """One generated situation: the fields at the start, and what changes at each wait or reading."""
+    """One generated scenario: the fields at the start, and what changes at each wait or reading."""
 
     def __init__(self, seed: int) -> None:
         source = random.Random(seed)
@@ -103,7 +103,7 @@ class World:
         return change
 
     def install(self, target: Any) -> dict[str, list[Any]]:
-        """Set the target up; gives back the record of its waits, nudges and polls."""
+        """Set the target up; returns the record of its waits, nudges and polls."""
         record: dict[str, list[Any]] = {"event": [], "done": [], "nudge": [], "clock": []}
 
         def apply(place: str, what: Any = None) -> None:
@@ -192,12 +192,12 @@ def test_generated_states_are_served_as_the_model_says(lock: Callable[[], Any], 
         world = World(seed)
         manager._lock = lock()
         (want, renewed), got = wanted(world), observed(world, manager)
-        # A renewal that is in place when the poll would begin may be served without it.
+        # A renewed token that is present when the poll begins may be served without it.
         if want != got and (renewed is None or got[:2] != ("token", renewed)):
             wrong.append((seed, world.start, world.event, want, got))
     manager._state = "UNINITIALIZED"
     for error in STORED:
-        # It has been through the frames of thousands of calls, and would keep them all.
+        # It has been raised through the frames of thousands of calls, and would keep all of them.
         error.__traceback__ = None
     assert wrong == []
 

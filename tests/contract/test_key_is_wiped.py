@@ -1,4 +1,4 @@
-"""A manager that has ended leaves no trace of its key in the memory of the process."""
+"""A manager that has ended leaves no copy of its key in the memory of the process."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""An attempt that ends late leaves alone what another has begun."""
+"""An attempt that ends late does not affect a newer one."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ def test_a_login_that_fails_after_its_store_does_not_undo_the_next_one(
     make_manager: Any, service: Service
 ) -> None:
     class Slow(auth.AuthManager):
-        """Stops between the store of a login and the start of its refresh thread."""
+        """Blocks between the store of a login and the start of its refresh thread."""
 
         def _start_refresh(self) -> None:
             if threading.current_thread() is first.thread:
@@ -52,7 +52,7 @@ def test_a_login_that_fails_after_its_store_does_not_undo_the_next_one(
         event = manager._auth_event
         go_on.set()
         assert str(first.failure()) == "too late"
-        # The second login is still the one that runs, and an announcement leaves the era to it.
+        # The second login is still running, and an announcement leaves the era to it.
         assert manager._state == "AUTHENTICATING"
         assert manager._auth_event is event and not event.is_set()
         assert manager._auth_error is None
@@ -71,7 +71,7 @@ def test_a_re_authentication_that_fails_late_does_not_undo_the_next_login(
     logins: list[Worker] = []
 
     def flow() -> Any:
-        # Meanwhile the host gives it up and logs in itself.
+        # Meanwhile the program gives it up and logs in itself.
         logged_in._state = "AUTHENTICATED"
         gate = service.hold(CHALLENGE)
         logins.append(Worker(logged_in.authenticate))
@@ -81,7 +81,7 @@ def test_a_re_authentication_that_fails_late_does_not_undo_the_next_login(
     logged_in._state, logged_in._auth_event = "RE_AUTHENTICATING", own
     logged_in._do_auth_flow_matching_pending_era = flow
     logged_in._background_reauth()
-    # Those who wait for it are woken; the login is still the one that runs.
+    # Its waiters are woken; the login is still the one that runs.
     assert own.is_set()
     assert logged_in._state == "AUTHENTICATING"
     assert not logged_in._auth_event.is_set()
@@ -141,7 +141,7 @@ def test_an_announcement_about_to_start_its_thread_is_not_taken_for_an_orphan(
 
 
 class Impatient(threading.Event):
-    """A wait that looks now and then whether it still has an end has its first looks at once."""
+    """A wait that polls for lost runners does its first polls at once."""
 
     looks = 0
 
@@ -215,7 +215,7 @@ def test_a_failed_refresh_that_is_yet_to_be_settled_is_not_taken_for_an_orphan(
     seen: list[tuple[str, bool]] = []
 
     class Failure(Exception):
-        """Its text is asked for between the flow and the settlement."""
+        """Its text is requested between the flow and the settlement."""
 
         def __str__(self) -> str:
             with monkeypatch.context() as patched:

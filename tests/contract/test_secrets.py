@@ -53,13 +53,13 @@ def forms_of(secret: bytes) -> set[str]:
 
 
 def secrets_of(service: Service) -> set[str]:
-    """Whatever a reader could make use of; parts of 20 characters count as well."""
+    """Whatever a reader could use; parts of 20 characters count too."""
     whole = forms_of(bytes.fromhex(KEY)) | forms_of(service.secret)
     whole |= set(service.tokens) | set(service.signatures)
     parts = set()
     for text in whole:
         parts |= {text[:20], text[-20:]} if len(text) > 20 else {text}
-    # Every token begins alike, with a header that says nothing.
+    # All tokens begin with the same header, which is no secret.
     return {part for part in parts if part and not part.startswith("eyJhbGciOiJub25lIn0")}
 
 
@@ -69,7 +69,7 @@ def assert_nothing_secret(text: str, service: Service) -> None:
 
 
 def everything_shown_of(error: BaseException) -> str:
-    """The error as a person or a crash report would see it, without what the host's own frames hold."""
+    """The error as a person or a crash report would see it, without the locals of other packages' frames."""
     shown = [
         repr(error),
         str(error),
@@ -367,7 +367,7 @@ def test_the_log_holds_what_is_documented_and_no_more(
     error = caught(logged_in.set_display_name, "Ada")
     assert type(error) is auth.ProfileError and error.retry_after == 60
     assert len(calls) == 1
-    # The header came from the service and held a token; the log does not repeat it.
+    # The header came from the service and had a token in it; the log does not repeat it.
     assert_nothing_secret(repr(calls) + everything_shown_of(error), service)
 
 
@@ -394,7 +394,7 @@ def test_errors_after_close_tell_nothing(logged_in: Any, service: Service) -> No
 
 
 def test_a_trace_with_the_locals_of_the_component_holds_nothing(logged_in: Any, service: Service) -> None:
-    # Native frames have no locals; a component frame in the trace would show them in crash reports.
+    # Native frames have no locals; a component frame in the traceback would show them in crash reports.
     service.fault = always_answers(VERIFY, 401)
     error = caught(logged_in.authenticate)
     frames = list(traceback.walk_tb(error.__traceback__))

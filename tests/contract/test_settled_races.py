@@ -1,4 +1,4 @@
-"""Races, each provoked where it hurts."""
+"""Races, each provoked at its critical point."""
 
 from __future__ import annotations
 
@@ -50,7 +50,7 @@ def test_an_announcement_whose_thread_cannot_be_started(
     assert logged_in._reauth_mode is None
     assert logged_in._auth_event.is_set()
     assert reason(logged_in._auth_error) == str(error)
-    # The era was announced all the same.
+    # The era was announced nevertheless.
     assert logged_in._pending_era_number == 5
     with pytest.raises(auth.AuthError) as served:
         logged_in.get_token()
@@ -179,7 +179,7 @@ def test_a_thread_that_cannot_be_started_leaves_a_newer_reauthentication_alone(
         patch.setattr(auth, "threading", StandIn(threading, Thread=Thread))
         with pytest.raises(RuntimeError, match=NO_THREAD):
             manager.authenticate()
-    # One is at work for era 6; whoever announces the next must not start another beside it.
+    # A re-authentication for era 6 is running; another announcement must not start a second one.
     manager.notify_era_change(7)
     assert len([thread for thread in census.newcomers() if thread is not manager._refresh_thread]) == 1
     service.era = 7
@@ -246,7 +246,7 @@ def test_whatever_ends_an_era_change_is_recorded(
 def test_a_clock_that_fails_while_the_result_is_stored(
     logged_in: Any, service: Service, clock: HandClock, background: str, ending: Any, words: str
 ) -> None:
-    # The clock is read under the lock there; the lock must be free again afterwards.
+    # The clock is read under the lock there; the lock must be released afterwards.
     def fail_from_now_on(path: str) -> None:
         if path == VERIFY:
             clock.error = ending
@@ -285,7 +285,7 @@ def test_a_clock_that_fails_under_the_refresh_loop(
     until(lambda: len(failures) >= 3, "three failed readings")
     assert logged_in._state == "AUTHENTICATED"
     assert logged_in.get_token() == service.tokens[0]
-    # A clock that works again finds renewal alive.
+    # Renewal is still alive when the clock works again.
     logged_in._clock = clock
     clock.now += 0.9 * DAY
     until(lambda: len(service.tokens) == 2, "the renewal")
@@ -311,7 +311,7 @@ def test_a_flow_interrupted_on_the_hosts_thread_leaves_nobody_waiting(
 
 
 def without_refresh_loop(manager: Any, service: Service, census: ThreadCensus) -> None:
-    """Logged in, an era pending, and the refresh loop gone with its failed attempt."""
+    """Logged in, with an era pending, and the refresh loop ended by its failed attempt."""
     manager.authenticate()
     service.fault = always_answers(CHALLENGE, 401)
     manager.notify_era_change(9)
@@ -325,7 +325,7 @@ def test_a_failed_login_starts_renewal_where_none_lives(
     manager: Any, service: Service, clock: HandClock, census: ThreadCensus
 ) -> None:
     without_refresh_loop(manager, service, census)
-    # Far enough from the refresh point that the revived loop does not attempt at once.
+    # Far enough from the refresh point that the restarted loop does not refresh at once.
     manager._refresh_at = clock.now + DAY
     with pytest.raises(auth.AuthError):
         manager.authenticate()
@@ -392,7 +392,7 @@ def test_a_failed_login_whose_refresh_loop_ended_meanwhile(
     gate = service.hold(CHALLENGE)
     login = Worker(logged_in.authenticate)
     gate.reached()
-    # The refresh finds a login under way, does nothing, and its thread ends.
+    # The refresh finds a login in progress, does nothing, and its thread ends.
     go_on.set()
     census.settle(0)
     logged_in._refresh_at = clock.now + DAY
@@ -424,7 +424,7 @@ def test_a_failed_login_whose_refresh_loop_is_about_to_end(
     gate.reached()
     go_on.set()
     assert idle.wait(DEADLINE)
-    # The thread lives still, but its last look at the manager is behind it.
+    # The thread is still alive, but has checked the manager for the last time.
     logged_in._refresh_at = clock.now + DAY
     service.fault = always_answers(CHALLENGE, 401)
     service.let_go()
@@ -438,7 +438,7 @@ def test_a_failed_login_whose_refresh_loop_is_about_to_end(
 
 
 class Nudge(threading.Event):
-    """A refresh event at whose setting a whole refresh takes place."""
+    """A refresh event whose setting performs a whole refresh."""
 
     def __init__(self, refresh: Callable[[], Any]) -> None:
         super().__init__()
@@ -461,7 +461,7 @@ def test_a_refresh_between_the_nudge_and_the_wait_costs_nothing(
 ) -> None:
     manager = make_manager()
     manager.authenticate()
-    # The loop would take the refresh for itself.
+    # The loop would do the refresh itself.
     manager._refresh_stop.set()
     manager._refresh_event.set()
     manager._refresh_thread.join(DEADLINE)
@@ -509,18 +509,18 @@ def test_a_refresh_between_the_last_look_and_the_wait_costs_nothing(
     stopwatch()
     assert manager.get_token() == service.tokens[1]
     assert stopwatch() < 5.0
-    # The next caller past a refresh point has a signal of his own to wait for.
+    # The next caller past a refresh point waits for a new signal.
     assert not manager._refresh_done.is_set()
 
 
-# After a suspended laptop
+# After the suspension of a laptop
 
 
 @pytest.fixture
 def asleep(
     make_manager: Callable[..., Any], clock: HandClock, monkeypatch: pytest.MonkeyPatch
 ) -> tuple[Any, HandClock]:
-    """On the machine's clock (as far as the manager knows), its refresh loop in a wait of many hours."""
+    """On the wall clock (as far as the manager knows), with its refresh loop in a wait of many hours."""
     monkeypatch.setattr(auth, "threading", StandIn(threading, Event=WatchedEvent))
     manager = make_manager(default_clock=True)
     manager._clock = clock
@@ -563,7 +563,7 @@ def test_a_lid_opened_past_the_refresh_point_only(asleep: tuple[Any, HandClock],
 
 
 def expired(manager: Any, clock: HandClock) -> Any:
-    """Logged in and expired, with no refresh loop that could interfere."""
+    """Logged in and expired, without a refresh loop that could interfere."""
     manager.authenticate()
     manager._refresh_stop.set()
     manager._refresh_event.set()
@@ -646,7 +646,7 @@ def test_a_poll_serves_no_new_token_that_has_expired_too(
             manager._do_refresh()
             stop_loop(manager)
             manager._refresh_thread.join(DEADLINE)
-            # Starting the next loop has cleared what the fallback looks at.
+            # Starting the next loop has reset the field for the fallback.
             clock.now += 2 * DAY
 
     sleeps = ShortSleeps(refresh_then_sleep_again)
@@ -657,7 +657,7 @@ def test_a_poll_serves_no_new_token_that_has_expired_too(
     assert len(sleeps.sleeps) == 30
 
 
-# close() against what is being started
+# close() during a start
 
 
 def closing_at_start(manager_of: Callable[[], Any]) -> StandIn:

@@ -78,7 +78,7 @@ NAMES = {
 
 
 def outcome(call: Callable[..., Any], *args: Any) -> Any:
-    """The call's value or its failure."""
+    """The call's result or its error."""
     try:
         return call(*args)
     except BaseException as error:
@@ -143,7 +143,7 @@ def has_room_for_waiters(machine: Machine) -> bool:
 
 
 class Machine(RuleBasedStateMachine):
-    """A rule sets the same thing off on both sides, waits until it has come to its end, and compares."""
+    """A rule starts the same thing on both sides, waits until it has ended, and compares."""
 
     seen: ClassVar[Counter[str]] = Counter()
 
@@ -206,7 +206,7 @@ class Machine(RuleBasedStateMachine):
         if gate is not None:
             gate.open()
 
-    # Waiting for what was set off
+    # Waiting for what was started
 
     def has_settled(self) -> bool:
         manager, model = self.manager, self.model
@@ -230,7 +230,7 @@ class Machine(RuleBasedStateMachine):
                 f"not settled: {self.manager!r}, flows {self.flows} for {self.model.flows}, "
                 f"threads {self.census.newcomers()!r} for {self.model.loop}"
             )
-            # Only to save the loop's twentieth of a second; it would look by itself.
+            # Only to save the loop's twentieth of a second; it would wake by itself.
             self.manager._refresh_event.set()
             time.sleep(0.0002)
 
@@ -367,7 +367,7 @@ class Machine(RuleBasedStateMachine):
     @precondition(is_open)
     @rule(earnest=st.integers(0, 5))
     def close(self, earnest: int) -> None:
-        # A history should not end before it has begun.
+        # Prevents histories that end at once.
         if earnest:
             return
         self.saw("close in the middle" if self.model.flight else "close")
@@ -380,7 +380,7 @@ class Machine(RuleBasedStateMachine):
         self.open_gates()
         closing.result()
         if self.runner is not None:
-            # Whether its request failed or went through, the manager is closed before anything comes of it.
+            # Whether its request failed or succeeded, the manager is closed before the result is stored.
             assert came_of(self.runner) in (Failure(AUTH, "manager_closed"), self.model.fault)
             self.runner = None
         self.census.settle(0)

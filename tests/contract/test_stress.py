@@ -1,4 +1,4 @@
-"""Everything at once, for as long as TESSALINE_STRESS_SECONDS says."""
+"""Everything concurrently, for TESSALINE_STRESS_SECONDS."""
 
 from __future__ import annotations
 
@@ -31,7 +31,7 @@ from .support.service import (
 from .support.threads import ThreadCensus
 
 SECONDS = float(os.environ.get("TESSALINE_STRESS_SECONDS", "20"))
-LONGEST_CALL = 14.0  # ten seconds of one wait, three of another, and some for a busy machine
+LONGEST_CALL = 14.0  # ten seconds of one wait, three of another, and a margin for a busy machine
 HOUR = 3600.0
 DAY = 24 * HOUR
 
@@ -72,12 +72,12 @@ FAULTS: list[Callable[[str], Any] | None] = [
 
 UNREACHABLE = "Server unreachable after 3 attempts"
 STALE = "stale authentication challenge after 3 attempts"
-# A failure of another type is passed on to waiters under its text.
+# Waiters get a failure of another type as its text.
 RECORDED = REASONS | {UNREACHABLE, STALE, CABLE, "invite_revoked", "'token'"}
 
 
 class RunningClock:
-    """Runs a thousand times as fast as time does, and leaps."""
+    """Runs a thousand times as fast as real time, and jumps."""
 
     def __init__(self) -> None:
         self.offset = 1_000_000.0
@@ -125,7 +125,7 @@ class Stress:
             except Exception as error:
                 self.check_error(role, error)
             else:
-                # The clock and the service may be moved at any time; a closed manager does nothing.
+                # The clock and the service may be changed at any time; a closed manager does nothing.
                 assert not over or role in ("move the clock", "break the service", "close", "look"), role
                 self.counts[role] += 1
             seconds = time.monotonic() - begun
@@ -191,7 +191,7 @@ class Stress:
         generation.service.fault = chance.choice(FAULTS)
         self.stop.wait(chance.uniform(0.0, 0.1))
         generation.service.fault = None
-        # The service learns of every era in the end.
+        # The service eventually learns of every era.
         with generation.lock:
             generation.service.era = max(generation.service.era or 1, generation.announced)
         self.stop.wait(chance.uniform(0.0, 0.15))
@@ -224,7 +224,7 @@ def test_everything_at_once(census: ThreadCensus) -> None:
     assert len(workers) == 32
     limit = time.monotonic() + SECONDS
     most = 0
-    # A worker that has ended before its time has found a fault.
+    # A worker that has ended early has found a bug.
     while time.monotonic() < limit and all(caller.alive for _, caller in workers):
         most = max(most, len(census.newcomers()))
         time.sleep(0.02)
@@ -232,7 +232,7 @@ def test_everything_at_once(census: ThreadCensus) -> None:
     for role, caller in workers:
         if role == "move the clock":
             caller.result(LONGEST_CALL + 5.0)
-    # A back-off that the clock has leapt back in lasts until the clock is there again.
+    # If the clock is set back during a back-off, that lasts until the clock has caught up.
     stress.generation.clock.offset += DAY
     for _, caller in workers:
         caller.result(LONGEST_CALL + 5.0)
@@ -245,12 +245,12 @@ def test_everything_at_once(census: ThreadCensus) -> None:
         last.service.era = 10_000
     manager.authenticate()
     assert era_of(manager.get_token()) >= last.announced
-    # Refresh loops that have been replaced see it in their next wait.
+    # Superseded refresh loops notice it in their next wait.
     census.settle(1, "refresh loops in steady state")
     manager.close()
     census.settle(0)
 
-    # It was no idle time.
+    # The run was not idle.
     assert most < 100
     counts = stress.counts
     assert min(counts[role] for role in ROLES) >= 3, counts

@@ -1,4 +1,4 @@
-"""A refresh loop that a newer one has superseded ends, wherever it is when it is told to."""
+"""A refresh loop that a newer one has superseded ends, wherever it is at that time."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ from .support.service import Gate, Service
 
 
 class HeldEvent(threading.Event):
-    """The first thread that is about to wait for it stops before it does."""
+    """The first thread that is about to wait for it blocks before that."""
 
     def __init__(self) -> None:
         super().__init__()
@@ -27,7 +27,7 @@ class HeldEvent(threading.Event):
 
 
 class CountedEvent(threading.Event):
-    """Tells who has come to wait for it."""
+    """Reports which threads wait for it."""
 
     def __init__(self) -> None:
         super().__init__()

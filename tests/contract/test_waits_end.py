@@ -1,4 +1,4 @@
-"""Nobody waits for ever: what is waited for fails, is closed, or never comes."""
+"""No wait is endless: whatever is waited for fails, is closed, or never happens."""
 
 from __future__ import annotations
 
@@ -28,8 +28,8 @@ from .support.service import (
 )
 from .support.threads import ThreadCensus, WatchedEvent
 
-WAKE = 0.1  # within which a closed manager's waiters are awake
-PASS = 0.1  # of the poll, which sleeps for real
+WAKE = 0.1  # within which a closed manager's waiters wake
+PASS = 0.1  # of the poll, which really sleeps
 JOIN = 1.0  # for which close() waits for the refresh thread
 SLACK = 0.05
 TRIES = 5
@@ -44,7 +44,7 @@ def watched_events(monkeypatch: pytest.MonkeyPatch) -> None:
 
 
 def as_if_logged_in(manager: Any, now: float, *, expiry: float = DAY, refresh_at: float = DAY) -> Any:
-    """Fields as a login leaves them, without the refresh thread."""
+    """The fields after a login, without the refresh thread."""
     manager._state = "AUTHENTICATED"
     manager._token, manager._wallet_secret = "h.old.s", b"s" * 32
     manager._auth_time = manager._token_iat = now
@@ -52,7 +52,7 @@ def as_if_logged_in(manager: Any, now: float, *, expiry: float = DAY, refresh_at
     return manager
 
 
-# Each scene leaves one caller blocked in one wait and gives it back.
+# Each scenario leaves one caller blocked in one wait, and returns it.
 
 Scene = Callable[[Service, HandClock], tuple[Any, Worker]]
 
@@ -212,7 +212,7 @@ def test_close_wakes_who_waits(scene: Scene, census: ThreadCensus) -> None:
     census.settle(0)
 
 
-# What is waited for fails.
+# Whatever is waited for fails.
 
 FAILURES = [
     pytest.param(lambda: auth.AuthError(reason="unauthorized"), "unauthorized", id="AuthError"),
@@ -251,7 +251,7 @@ def test_a_failed_refresh_wakes_the_caller_past_the_refresh_point(service: Servi
     service.fault = always_answers(CHALLENGE, 401)
     begun = time.monotonic()
     manager._do_refresh()
-    # The old token stands and is good for another day.
+    # The old token stays, and is valid for another day.
     assert caller.result() == "h.old.s"
     assert caller.ended_at is not None and caller.ended_at - begun < 5.0
     manager.close()
@@ -277,11 +277,11 @@ def test_a_refresh_refused_for_good_ends_the_poll(service: Service, clock: HandC
     manager.close()
 
 
-# What is waited for never comes.
+# Whatever is waited for never happens.
 
 
 class NeverSetInTime(WatchedEvent):
-    """A wait with a time-out runs it out at once."""
+    """The time-out of a wait passes at once."""
 
     def wait(self, timeout: float | None = None) -> bool:
         if timeout is None:

@@ -1,4 +1,4 @@
-"""Says what was reached, from what gcovr and coverage.py have written; fails below the bound."""
+"""Prints the coverage from the reports of gcovr and coverage.py; fails below the limit."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ ROOM = "src/tessaline/auth/"
 
 
 def report(tally: Tally, listed: dict[str, dict[str, str]]) -> int:
-    """Prints what is not reached; how many functions of it are not listed."""
+    """Prints what is not reached; returns how many of its functions are not listed."""
     unlisted = 0
     for (file, function), lines in sorted(tally.unreached.items()):
         reasons = listed.get(file.removeprefix(ROOM), {}).items()

@@ -41,7 +41,7 @@ def native_tally(report: dict[str, Any]) -> Tally:
 
 
 def _count(tally: Tally, file: str, number: int, instances: list[dict[str, Any]]) -> None:
-    """A line of a template is there once for each instance; one that reaches it is enough."""
+    """A line of a template occurs once for each instance; one that reaches it is enough."""
     tally.lines += 1
     if any(line["count"] for line in instances):
         tally.lines_reached += 1

@@ -1,4 +1,4 @@
-"""Watches every build: python -m tests.ctime [another build tree with the wallet room's programs]..."""
+"""Checks every build: python -m tests.ctime [another build tree with the programs of `wallet/`]..."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""What is watched: the programs of the wallet room at two levels of optimisation, and the Python module."""
+"""The checked builds: the programs of `wallet/` at two levels of optimisation, and the Python module."""
 
 from __future__ import annotations
 
@@ -18,19 +18,19 @@ LIFE = Path(__file__).with_name("manager_life.py")
 
 
 def watch_room(level: str, tree: Path = RELEASE) -> Watched:
-    """The wallet room, compiled at this level of optimisation."""
+    """`wallet/`, compiled at this level of optimisation."""
     with tempfile.TemporaryDirectory() as folder:
         program = tree / PROGRAMS / f"ctime_{level}"
         return watch([str(program)], public.by_lines(), Path(folder))
 
 
 def watch_manager(tree: Path = RELEASE) -> Watched:
-    """A manager's life in the interpreter, over the module that a release consists of."""
+    """A manager's life in the interpreter, with the module of a release."""
     marks = tree / PROGRAMS / "libctime_marks.so"
     environment = {
         "LD_PRELOAD": str(marks),
         "PYTHONPATH": os.pathsep.join([str(tree / "package"), str(public.ROOT)]),
-        # Each object in memory of its own, of which the checker knows the bounds.
+        # Each object in a separate allocation, whose bounds the checker knows.
         "PYTHONMALLOC": "malloc",
         "PYTHONDONTWRITEBYTECODE": "1",
         "PYTHONHASHSEED": "0",
@@ -55,7 +55,7 @@ def objects(target: str, tree: Path = RELEASE) -> dict[str, Path]:
 
 
 def differing_objects(tree: Path = RELEASE) -> list[str]:
-    """Sources of which what is watched at -O3 is other code than what a release holds."""
+    """Sources for which the code checked at -O3 differs from that in a release."""
     released, watched = objects("tessaline_wallet", tree), objects("ctime_wallet_O3", tree)
     if not released or set(released) != set(watched):
         raise LookupError(f"{sorted(released)} is not {sorted(watched)}")

@@ -25,7 +25,7 @@ MARKS.ctime_count_secret.restype = ctypes.c_size_t
 MARKS.ctime_reports.restype = ctypes.c_uint
 MARKS.ctime_is_watched.restype = ctypes.c_bool
 
-# Where the interpreter keeps the characters of an ASCII text, which it hands out without copying.
+# Where the interpreter stores the characters of an ASCII text, which it exposes without copying.
 characters_of = ctypes.pythonapi.PyUnicode_AsUTF8
 characters_of.argtypes = [ctypes.py_object]
 characters_of.restype = ctypes.c_void_p
@@ -34,7 +34,7 @@ marked = 0
 
 
 def secret(text: str) -> str:
-    """A text of its own with these characters, marked."""
+    """A new text with these characters, marked."""
     global marked
     made = "".join([text[:1], text[1:]])
     assert made is not text
@@ -44,7 +44,7 @@ def secret(text: str) -> str:
 
 
 def made_public(text: str) -> str:
-    """The text, which has to be a secret from end to end, as one that may be looked at."""
+    """The text, which must be a secret from end to end, as one that may be read."""
     assert MARKS.ctime_count_secret(characters_of(text), len(text)) == len(text)
     MARKS.ctime_mark_public(characters_of(text), len(text))
     return text
@@ -100,7 +100,7 @@ def refuse() -> None:
         raise AssertionError("a key that is none was taken")
 
 
-# What the interpreter does when it is made to read the text: the component does not make it.
+# The interpreter's own accesses to the text, which the component does not cause.
 
 
 def fromhex() -> None:

@@ -25,7 +25,7 @@ class Outcome:
 
 @dataclass(frozen=True)
 class Watched:
-    """What a program counted, how often each public place was met, and all that the checker wrote."""
+    """The counts of a program, how often each public place was met, and the whole output of the checker."""
 
     outcomes: tuple[Outcome, ...]
     met: Mapping[str, int]
@@ -40,7 +40,7 @@ def watch(
 ) -> Watched:
     listed = folder / "public.supp"
     listed.write_text(suppressions)
-    # Not even a sanitizer's or a tracer's library goes in before the checker's.
+    # No library of a sanitizer or tracer may be loaded before the checker's.
     base = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
     ended = subprocess.run(
         ["valgrind", *OPTIONS, f"--suppressions={listed}", *command],

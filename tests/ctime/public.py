@@ -1,4 +1,4 @@
-"""What may be known although it is computed from key text: each place with the reason."""
+"""What may be public although it is computed from key text: each place with the reason."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ PARSE = "parse"
 
 @dataclass(frozen=True)
 class Place:
-    """One source line, by how it begins, whose branch may be taken on what it decides."""
+    """One source line, by its beginning, whose branch may depend on a secret."""
 
     name: str
     file: str
@@ -22,7 +22,7 @@ class Place:
     why: str
 
     def number(self) -> int:
-        """Where the line stands; it must stand in one place, so that nothing else is excused."""
+        """The number of the line, which must be unique, so that nothing else is excused."""
         lines = (WALLET / self.file).read_text().splitlines()
         found = [number for number, text in enumerate(lines, 1) if text.strip().startswith(self.line)]
         if len(found) != 1:
@@ -74,6 +74,6 @@ def by_lines() -> str:
 
 
 def by_functions() -> str:
-    """For a release, which has no line numbers: the one function that holds all the places."""
+    """For a release, which has no line numbers: the one function that contains all the places."""
     parse = "fun:_ZN9tessaline4auth6wallet9WalletKey5parseENS1_7KeyTextE"
     return suppression(PARSE, parse) + of_the_library()

@@ -1,4 +1,4 @@
-"""No branch and no address depends on key bytes, as valgrind sees it; `make ctime` tells more."""
+"""No branch and no address depends on key bytes, according to valgrind; `make ctime` checks more."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""What is wrong with what was watched, and the figures."""
+"""What is wrong with the checked builds, and the figures."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ def faults(watched: Watched, places: set[str]) -> list[str]:
         f"control {control.name}: not seen" for control in watched.of_kind("control") if not control.reports
     ]
     found += [f"public place {name}: never met, drop it" for name in sorted(places - set(watched.met))]
-    # Twice on one text would be a branch on a part of it.
+    # Two on one text would be a branch on a part of it.
     once = {name: watched.met[name] for name in public.ONCE_PER_TEXT if name in watched.met}
     if len(set(once.values())) > 1:
         found.append(f"decided once for each text, but not equally often: {once}")

@@ -108,11 +108,11 @@ class Client:
         return self.post(VERIFY, {"challenge_id": challenge["challenge_id"], "signature": signature})
 
     def verify(self) -> Reply:
-        """Take a challenge and answer it."""
+        """Request a challenge and verify it."""
         return self.answer(self.challenge().json)
 
     def log_in(self) -> Reply:
-        """Register, take a challenge and answer it."""
+        """Register, request a challenge and verify it."""
         assert self.register().status == 200
         return self.verify()
 
@@ -122,7 +122,7 @@ class Client:
 
 
 def end_of(connection: socket.socket) -> tuple[bytes, str]:
-    """The bytes that still come, and "closed" or "reset"."""
+    """The remaining bytes, and "closed" or "reset"."""
     received = b""
     while True:
         try:
@@ -135,7 +135,7 @@ def end_of(connection: socket.socket) -> tuple[bytes, str]:
 
 
 def raw_exchange(server: DevServer, path: str = REGISTER, body: bytes = b"{}") -> tuple[bytes, str]:
-    """Send one POST over a bare socket; the bytes that came back, and "closed" or "reset"."""
+    """Send one POST over a bare socket; returns the response's bytes, and "closed" or "reset"."""
     with socket.create_connection(("127.0.0.1", server.port), SECONDS) as connection:
         head = f"POST {path} HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
         connection.sendall(f"{head}Content-Length: {len(body)}\r\n\r\n".encode() + body)

@@ -1,4 +1,4 @@
-"""Settings, counters and what the control endpoint does not tell."""
+"""Settings, counters and what the control endpoint does not show."""
 
 import base64
 import json

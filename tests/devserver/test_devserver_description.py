@@ -1,4 +1,4 @@
-"""The description that the server gives of itself is that of the server."""
+"""The server's OpenAPI description matches the server."""
 
 import json
 from collections.abc import Iterator
@@ -48,7 +48,7 @@ def references(value: Any) -> Iterator[dict[str, Any]]:
 
 
 def assert_fits(value: Any, schema: dict[str, Any]) -> None:
-    """A value is of the types of its schema, with all keys and no others."""
+    """A value has the types of its schema, all its keys and no others."""
     schema = resolved(schema)
     kinds = schema["type"] if isinstance(schema["type"], list) else [schema["type"]]
     assert any(isinstance(value, TYPES[kind]) for kind in kinds)

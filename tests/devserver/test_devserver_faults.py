@@ -1,4 +1,4 @@
-"""Each kind of fault as the client sees it, and the recovery from it."""
+"""Each kind of fault as seen by the client, and the recovery from it."""
 
 import base64
 import socket

@@ -1,4 +1,4 @@
-"""The second port: what its connections meet, as plain sockets and the standard TLS see it."""
+"""The second port: the faults of its connections, as seen by plain sockets and Python's TLS."""
 
 import base64
 import http.client
@@ -45,7 +45,7 @@ def connected(server: DevServer) -> Iterator[socket.socket]:
 
 
 def register(server: DevServer) -> int:
-    """One request at the gate on a connection of its own."""
+    """One request at the gate on a separate connection."""
     assert server.gate_url is not None
     address = urlsplit(server.gate_url)
     assert address.hostname is not None
@@ -98,7 +98,7 @@ def test_hang_up_after_the_connection(plain_gate: DevServer, reset: bool, end: s
         with connected(plain_gate) as connection:
             assert end_of(connection) == (b"", end)
     except ConnectionResetError:
-        # It may come before the client has looked at its new connection.
+        # It may arrive before the client has used its new connection.
         assert reset
 
 

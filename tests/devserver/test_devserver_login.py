@@ -1,4 +1,4 @@
-"""The way of a wallet from registration to its display name."""
+"""A wallet from registration to its display name."""
 
 import base64
 import http.client

@@ -33,7 +33,7 @@ LINE = re.compile(
         ("/x=redirect:http://a/?b=c", "/x", [{"kind": "redirect", "location": "http://a/?b=c"}]),
         ("verify=missing_key:token", "verify", [{"kind": "missing_key", "key": "token"}]),
         ("verify=not_utf8x2", "verify", [{"kind": "not_utf8", "times": 2}]),
-        # A text stays one although it looks like a number.
+        # A text stays a text even if it looks like a number.
         ("verify=missing_key:12", "verify", [{"kind": "missing_key", "key": "12"}]),
         ("verify=wrong_subject:null", "verify", [{"kind": "wrong_subject", "subject": None}]),
         (

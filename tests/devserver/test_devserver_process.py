@@ -1,4 +1,4 @@
-"""Starting, announcing and ending."""
+"""Start, announcement and shutdown."""
 
 import http.client
 import json
@@ -30,7 +30,7 @@ KEY = "k" * 32
 
 @contextmanager
 def running(*options: str) -> Iterator[tuple[subprocess.Popen[bytes], dict[str, Any]]]:
-    """The server as a shell would start it, and what it announced."""
+    """The server as a shell would start it, and its announcement."""
     process = subprocess.Popen(
         [sys.executable, "-m", "devserver", *options],
         cwd=ROOT,
@@ -67,7 +67,7 @@ def test_a_signal_ends_it_cleanly_with_requests_under_way(how: signal.Signals, t
         assert_ends(server, lambda pid: os.kill(pid, how))
         if server.ca_file is not None:
             assert not Path(server.ca_file).exists()
-        with pytest.raises(DevServerError, match="no answer to state"):
+        with pytest.raises(DevServerError, match="no response to state"):
             server.state()
 
 

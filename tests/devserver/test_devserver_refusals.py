@@ -1,4 +1,4 @@
-"""What the service refuses, and how."""
+"""What the service rejects, and how."""
 
 import json
 from typing import Any

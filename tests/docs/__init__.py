@@ -1,1 +1,1 @@
-"""What the documentation says, done and compared with what the component does."""
+"""Runs the documentation's examples, and compares its statements with the component."""

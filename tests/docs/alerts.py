@@ -1,4 +1,4 @@
-"""Alert rules as Prometheus would judge them, in the few forms that the documentation uses."""
+"""Evaluates alert rules as Prometheus does, in the few forms that the documentation uses."""
 
 from __future__ import annotations
 
@@ -21,7 +21,7 @@ _UNITS = {"s": 1.0, "m": 60.0, "h": 3600.0}
 
 @dataclass
 class Rule:
-    """An alerting rule; remembers since when its expression has been true of each series."""
+    """An alerting rule; remembers for how long its expression has been true for each series."""
 
     name: str
     expression: str

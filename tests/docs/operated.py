@@ -1,4 +1,4 @@
-"""A keeper as the page on operating it has it: a stepped clock, and a service that can be made to fail."""
+"""A keeper as on the page about operating it: a stepped clock, and a service with faults."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ def block_with(text: str) -> Block:
 
 
 class Service(FakeService):
-    """Besides: `error` is raised by each request, `forged` signatures are refused, and held requests wait."""
+    """`error` is raised by each request, `forged` signatures are rejected, and held requests wait."""
 
     def __init__(self) -> None:
         super().__init__()
@@ -56,7 +56,7 @@ class Service(FakeService):
 
 
 class Operated:
-    """A keeper that is not started, with what happens to it. Leaving it closes it."""
+    """A keeper that is not started, with its events. Leaving it closes it."""
 
     def __init__(self, wallets: int = 1) -> None:
         self.clock, self.service = FakeClock(), Service()
@@ -81,8 +81,8 @@ class Operated:
         return [event.kind for event in self.events]
 
     def step(self, seconds: float) -> None:
-        """Let time pass, and what is due happen, told included."""
-        # A manager makes its pauses between two attempts by this clock too.
+        """Advance the time, and wait until everything due has happened and been reported."""
+        # A manager's back-off between two tries follows this clock too.
         self.clock.step = 1.0 if self.service.away else 0.0
         self.clock.advance(seconds)
         until(lambda: all(map(self._is_settled, self.keeper.status().wallets.values())), "an idle keeper")

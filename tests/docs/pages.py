@@ -19,7 +19,7 @@ _CODE = re.compile(r"`([^`]+)`")
 
 @dataclass(frozen=True)
 class Block:
-    """A fenced block: its language, what stands behind that, and where its first line is."""
+    """A fenced block: its language, the text after that, and the number of its first line."""
 
     page: Path
     language: str
@@ -45,7 +45,7 @@ def code_blocks(page: Path) -> list[Block]:
 
 
 def run(block: Block, names: dict[str, Any], text: str | None = None) -> str:
-    """Runs a block, or `text` in its place, among `names`, and gives back what it printed."""
+    """Runs a block, or `text` in its place, with `names` as globals, and returns its output."""
     program = "\n" * (block.line - 1) + (block.text if text is None else text)
     printed = io.StringIO()
     with contextlib.redirect_stdout(printed):
@@ -59,7 +59,7 @@ def section(page: Path, heading: str) -> str:
 
 
 def rows(page: Path, heading: str) -> list[list[str]]:
-    """The cells of every table row in that section, header and ruler left out."""
+    """The cells of every table row in that section, without header and ruler."""
     lines = [line for line in section(page, heading).splitlines() if line.startswith("|")]
     return [[cell.strip() for cell in line.strip("|").split("|")] for line in lines[2:]]
 

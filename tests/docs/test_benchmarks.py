@@ -1,4 +1,4 @@
-"""The page of figures: it is what was measured, and each chart compares things that differ."""
+"""The page of figures shows what was measured, and each chart compares different things."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""`make docs` itself: it needs packages that nothing else needs, so it runs where slow tests do."""
+"""`make docs` itself: it needs packages that nothing else needs, so it runs with the slow tests."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ pytestmark = [
 
 @pytest.fixture
 def project(tmp_path: Path) -> Path:
-    """A copy of what the documentation is made of, with the project's own environment."""
+    """A copy of the inputs of the documentation, with the project's own environment."""
     for name in ("docs", "docsite", "tools", "requirements", "src", "examples"):
         shutil.copytree(ROOT / name, tmp_path / name, ignore=shutil.ignore_patterns("__pycache__"))
     for name in ("CONTRIBUTING.md", "CHANGELOG.md"):

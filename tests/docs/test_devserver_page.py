@@ -18,7 +18,7 @@ from .pages import DOCS, code_in, rows
 pytestmark = pytest.mark.process
 
 PAGE = DOCS / "devserver.md"
-SHORT = {"*answer*": ["status", "headers", "json", "body", "body_base64"], "*end*": ["close_notify"]}
+SHORT = {"*response*": ["status", "headers", "json", "body", "body_base64"], "*end*": ["close_notify"]}
 VALUES = re.compile(r"\([^)]*\)")
 
 

@@ -18,14 +18,14 @@ PROFILE_REASONS = {"validation_failed", "rate_limited"}
 
 
 def own_reasons() -> set[str]:
-    """The reasons that the component itself gives."""
+    """The reasons of the component's own errors."""
     text = (SOURCES / "constants.hpp").read_text()
     (room,) = re.findall(r"^namespace reason \{$(.*?)^\}", text, re.MULTILINE | re.DOTALL)
     return set(re.findall(r'= "(\w+)";', room))
 
 
 def named(section: str) -> list[str]:
-    """What the first column of a section's table names."""
+    """The names in the first column of a section's table."""
     return [code for row in rows(PAGE, section) for code in code_in(row[0])]
 
 
@@ -52,7 +52,7 @@ def test_every_reason_has_one_row_and_no_other_has_any() -> None:
 
 
 def test_the_code_takes_its_reasons_from_one_place() -> None:
-    # So that the list above is all of them.
+    # This ensures that the list above is complete.
     elsewhere = re.compile(r'\b(?:raise_auth_error|new_auth_error|refuse)\(\s*"')
     files = sorted(path for path in SOURCES.rglob("*.cpp") if path.parent.name != "http")
     assert files

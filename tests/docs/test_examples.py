@@ -1,4 +1,4 @@
-"""The examples of the other pages run too, against the development server where they name a service."""
+"""The examples of the other pages run too, against the development server if they name a service."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ from .pages import DOCS, PAGES, Block, code_blocks, run
 pytestmark = pytest.mark.process
 
 ELSEWHERE = "https://service.example"
-# Pages whose blocks need more than a manager to run are run by the tests below.
+# Pages whose blocks need more than a manager have their own tests below.
 PLAIN = ["reference.md", "security.md", "time.md", "token-life.md"]
 OTHERS = [
     "asyncio.md",
@@ -120,7 +120,7 @@ def test_the_example_for_coroutines(manager: auth.AuthManager) -> None:
 
 
 class Played:
-    """A manager whose calls end as told, one after the other."""
+    """A manager whose calls end as scripted, one after the other."""
 
     def __init__(self, *endings: Any) -> None:
         self.endings = list(endings)
@@ -204,7 +204,7 @@ def test_the_wrapper_gives_up_when_its_patience_ends(token_or_login: Callable[..
     played = Played(*[refusal, away] * 100)
     with pytest.raises(auth.NetworkError):
         token_or_login(played, patience=45.0)
-    # Pauses of 1, 2, 4, 8 and 16 seconds, a fifth more or less, fit; one of 32 more does not.
+    # Delays of 1, 2, 4, 8 and 16 seconds, with 20 % jitter, fit; one of 32 more does not.
     assert played.calls.count("authenticate") == 6
 
 

@@ -1,4 +1,4 @@
-"""The look at the documentation in a browser finds what is wrong with a page."""
+"""The check of the documentation in a browser finds faults of a page."""
 
 from __future__ import annotations
 

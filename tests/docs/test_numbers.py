@@ -1,4 +1,4 @@
-"""The numbers that the pages tell are those of the code."""
+"""The numbers on the pages are those of the code."""
 
 from __future__ import annotations
 

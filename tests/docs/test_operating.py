@@ -1,4 +1,4 @@
-"""Operating it: what the page says of log and states, and each of its blocks, on a stepped clock."""
+"""Operating it: the statements of the page on log and states, and each of its blocks, on a stepped clock."""
 
 from __future__ import annotations
 
@@ -33,7 +33,7 @@ def operated() -> Iterator[Operated]:
 
 
 def names_of(keeper: Keeper, *texts: str) -> dict[str, Any]:
-    """The names that these blocks make."""
+    """The names that these blocks define."""
     names: dict[str, Any] = {"keeper": keeper, "logging": logging}
     for text in texts:
         run(block_with(text), names)
@@ -51,7 +51,7 @@ def test_every_block_is_run_here() -> None:
 
 
 def lead_a_life(operated: Operated) -> None:
-    """Everything happens that is told."""
+    """Causes every event of the page."""
     operated.keeper.start()
     operated.step(16 * HOUR)
     operated.service.era = 2
@@ -68,7 +68,7 @@ def lead_a_life(operated: Operated) -> None:
 
 
 def pattern(message: str) -> re.Pattern[str]:
-    """A message of the page, whatever its numbers."""
+    """A message of the page, with any numbers."""
     return re.compile(re.sub(r"\d+(\\\.\d+)?", r"\\d+(\\.\\d+)?", re.escape(message)))
 
 
@@ -89,7 +89,7 @@ def test_the_log_is_as_told(operated: Operated, caplog: pytest.LogCaptureFixture
         text = record.getMessage().removeprefix(f"{ADDRESS}: ")
         assert pattern(heads[event.kind]).match(text) or text.startswith(NOTHING_LEFT)
     assert f"`{NOTHING_LEFT}`" in PAGE.read_text()
-    # The rest of a message depends on what has been met; that of the page has been met once.
+    # The rest of a message depends on the cause; that of the page has occurred once.
     texts = [record.getMessage().removeprefix(f"{ADDRESS}: ") for record in caplog.records]
     for kind in ("logged in", "renewed", "era met", "attempt failed", "running out"):
         assert any(pattern(told[kind][1]).fullmatch(text) for text in texts), kind

@@ -1,4 +1,4 @@
-"""The alerts of the page, judged by what its exporter exports, while days pass on a stepped clock."""
+"""The alerts of the page, evaluated on the metrics of its exporter, while days pass on a stepped clock."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ STEP = HOUR / 4
 
 
 class Watched(Operated):
-    """An operated keeper, and Prometheus beside it."""
+    """An operated keeper, and a Prometheus for it."""
 
     def __init__(self, registry: CollectorRegistry) -> None:
         super().__init__()
@@ -34,7 +34,7 @@ class Watched(Operated):
         self.firing: set[str] = set()
 
     def watch(self, seconds: float) -> None:
-        """Let time pass and judge the rules; remember what begins to fire, with how much left."""
+        """Advance the time and evaluate the rules; record which begin to fire, and how much is left."""
         for _ in range(round(seconds / STEP)):
             self.step(STEP)
             self.judge()
@@ -119,7 +119,7 @@ def test_a_process_that_is_gone_is_told() -> None:
 
 def test_the_thresholds_are_those_told() -> None:
     rules = rules_of(yaml.safe_load(block_with("alert: NoToken").text))
-    # A renewal that is due, and half an hour of attempts, lie before the first alert.
+    # A due renewal and half an hour of attempts come before the first alert.
     assert rules["TokenNotRenewed"].threshold + HOUR / 2 < LIFETIME - LAST_RENEWAL
     assert rules["TokenNotRenewed"].threshold - rules["TokenNotRenewed"].seconds > 7 * HOUR
     assert f"{1 + schedule.RENEWAL_JITTER} \N{MULTIPLICATION SIGN} `renew_at`" in section(PAGE, "Alerts")

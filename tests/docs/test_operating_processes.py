@@ -1,4 +1,4 @@
-"""What the page says of threads, memory and forks, and the numbers on top of it."""
+"""The page's statements on threads, memory and forks, and the numbers at its top."""
 
 from __future__ import annotations
 
@@ -55,7 +55,7 @@ def test_threads_are_as_told() -> None:
     with Operated(wallets=20) as operated:
         operated.service.hold()
         operated.keeper.start(wait=False)
-        # As many as may log in at once, unless told otherwise.
+        # By default, as many as may log in at once.
         until(lambda: own_threads(before) == ["tessaline-keeper"] + ["tessaline-login"] * 8, "busy threads")
         operated.service.let_go()
         until(lambda: own_threads(before) == ["tessaline-keeper"], "an idle keeper")
@@ -78,7 +78,7 @@ def test_memory_is_as_told() -> None:
                 used, _ = tracemalloc.get_traced_memory()
         finally:
             tracemalloc.stop()
-    # What is native in a manager, its key for one, is not traced: 2 KiB at most.
+    # The native memory of a manager, such as its key, is not traced: at most 2 KiB.
     assert used / WALLETS / 1024 + 2 < float(told)
 
 
@@ -123,7 +123,7 @@ if (child := os.fork()) == 0:
     os.read(ended, 1)
     os._exit(0)
 assert os.read(told, 1) == b"!"
-# The child's token is the younger one.
+# The child's token is the newer one.
 print(soonest() - began)
 renew()
 limit = time.monotonic() + 10

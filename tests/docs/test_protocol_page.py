@@ -28,7 +28,7 @@ BASE = "https://service.example"
 
 @dataclass(frozen=True)
 class Message:
-    """An HTTP request or answer of the page."""
+    """An HTTP request or response of the page."""
 
     first: str
     headers: Mapping[str, str]
@@ -180,7 +180,7 @@ def test_the_example_holds_together() -> None:
     assert len(base64.b64decode(VERIFIED.body["wallet_secret"], validate=True)) == 32
 
 
-# What the tables of the page say about refusals, by endpoint, status and reason.
+# The errors in the page's tables, by endpoint, status and reason.
 TOLD = [
     ("register", 400, None, auth.AuthError, "invalid_address"),
     ("register", 400, "invite_invalid", auth.RegistrationError, "invite_invalid"),

@@ -1,4 +1,4 @@
-"""What the README shows: its example runs, and its figures are those that were measured last."""
+"""The README's example runs, and its figures are those that were measured last."""
 
 from __future__ import annotations
 

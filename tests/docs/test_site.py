@@ -1,4 +1,4 @@
-"""What the built site is made of: drawings, the reference, includes and the look for foreign files."""
+"""The parts of the built site: drawings, the reference, includes and the check for foreign files."""
 
 from __future__ import annotations
 
@@ -38,7 +38,7 @@ def test_a_drawing_can_be_read_aloud_and_by_day_and_night(path: Path) -> None:
         *("svg", "title", "desc", "style", "defs", "marker", "path", "rect", "text")
     }
     assert "prefers-color-scheme:dark" in path.read_text()
-    # Another drawing on the same page has identifiers of its own.
+    # Another drawing on the same page has its own identifiers.
     assert all(str(name).startswith(f"{path.stem}-") for name in named)
 
 

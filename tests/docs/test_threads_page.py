@@ -1,4 +1,4 @@
-"""The page on threads: its example runs under gevent and eventlet, and what it tells of other code is so."""
+"""The page on threads: its example runs under gevent and eventlet, and its other statements are true."""
 
 from __future__ import annotations
 
@@ -73,7 +73,7 @@ def test_the_longest_stop_is_told() -> None:
 
 
 def left_when_dropped(kept: bool) -> AuthManager | None:
-    """A manager that has logged in, alone or in a keeper, once nobody holds it any more."""
+    """A manager that has logged in, alone or in a keeper, after its last reference was released."""
     manager = AuthManager(KEY, URL, clock=FakeClock(), _transport=FakeService())
     if kept:
         Keeper(manager).start()

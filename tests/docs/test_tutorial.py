@@ -1,4 +1,4 @@
-"""The tutorial works as it stands: its blocks run in order and print what it shows."""
+"""The tutorial works: its blocks run in order and print what it shows."""
 
 from __future__ import annotations
 
@@ -27,7 +27,7 @@ def session() -> Iterator[dict[str, Any]]:
 
 
 def steps() -> list[tuple[Block, str]]:
-    """Every block of code with what the page says that it prints."""
+    """Every block of code with its output according to the page."""
     found: list[tuple[Block, str]] = []
     for block in blocks(TUTORIAL):
         if block.language == "python":
@@ -47,7 +47,7 @@ def test_every_block_prints_what_is_shown_below_it(session: dict[str, Any]) -> N
 
 
 def test_what_it_tells_is_not_left_out(session: dict[str, Any]) -> None:
-    # A page whose blocks were not found would pass as well.
+    # The test must not pass if no blocks are found.
     code = "".join(block.text for block, _ in steps())
     for name in ("authenticate", "get_token", "notify_era_change", "set_display_name", "close"):
         assert f".{name}(" in code

@@ -1,1 +1,1 @@
-"""`tessaline.errors` beside the page of errors and the type checker."""
+"""`tessaline.errors`, compared with the page of errors and the type checker."""

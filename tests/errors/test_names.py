@@ -1,4 +1,4 @@
-"""Names, types and classes of `tessaline.errors` agree with each other and with the component's own."""
+"""Names, types and classes of `tessaline.errors` are consistent with each other and with the component's."""
 
 from __future__ import annotations
 

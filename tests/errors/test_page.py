@@ -1,4 +1,4 @@
-"""The page of errors and `tessaline.errors` say the same of each error, and neither knows one more."""
+"""The page of errors and `tessaline.errors` describe the same errors in the same way."""
 
 from __future__ import annotations
 
@@ -38,13 +38,13 @@ OTHERS: dict[str, BaseException] = {
     "RuntimeError": RuntimeError("no"),
     "KeyboardInterrupt": KeyboardInterrupt(),
 }
-# Where an exception comes from, in the words of the page.
+# Where an exception comes from, as the page calls it.
 OF_A_LOGIN = ("authenticate()", "the same", "anything")
 OF_THE_PROCESS = {"MemoryError", "RuntimeError", "KeyboardInterrupt"}
 
 
 def made(section: str, name: str) -> BaseException:
-    """The error of which a row tells."""
+    """The error that a row describes."""
     if section == "Other exceptions":
         return OTHERS[name]
     error: BaseException = getattr(auth, section)(name)
@@ -52,7 +52,7 @@ def made(section: str, name: str) -> BaseException:
 
 
 def told() -> Iterator[tuple[str, str, str]]:
-    """The section, the name and what is said of being final, for each name in a first column."""
+    """The section, the name and whether it is permanent, for each name in a first column."""
     for section in SECTIONS:
         for first, final, *_ in rows(PAGE, section):
             for name in code_in(first) or [first]:
@@ -105,7 +105,7 @@ def test_what_a_login_raises_can_be_excepted_by_one_name() -> None:
     kinds = [type(OTHERS[name]) for name in of_a_login]
     kinds += [auth.AuthError, auth.RegistrationError, auth.NetworkError]
     assert [kind for kind in kinds if not issubclass(kind, errors.LOGIN_ERRORS)] == []
-    # And none of them is there for nothing.
+    # And all of them are needed.
     assert [one for one in errors.LOGIN_ERRORS if not any(issubclass(kind, one) for kind in kinds)] == []
 
 

@@ -1,4 +1,4 @@
-"""Programs of their own process, with the key of a new wallet in their environment."""
+"""Programs in separate processes, with the key of a new wallet in their environment."""
 
 from __future__ import annotations
 
@@ -36,12 +36,12 @@ def program(*arguments: str, **variables: str) -> Iterator[subprocess.Popen[str]
 
 
 def line_of(process: subprocess.Popen[str]) -> str:
-    """What it prints next; the test's own time-out bounds the wait."""
+    """Its next line of output; the test's own time-out limits the wait."""
     assert process.stdout is not None
     return process.stdout.readline().rstrip("\n")
 
 
 def ended(process: subprocess.Popen[str]) -> tuple[int, str, str]:
-    """Its exit status, and the rest of its output and of its complaints."""
+    """Its exit status, and the rest of its output and its errors."""
     output, complaints = process.communicate(timeout=SECONDS)
     return process.returncode, output, complaints

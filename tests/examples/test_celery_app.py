@@ -1,4 +1,4 @@
-"""Celery's own worker with a pool of processes, over a broker in a folder: each has a keeper, all one era."""
+"""Celery's worker with a pool of processes, over a broker in a folder: each has a keeper, all one era."""
 
 from __future__ import annotations
 
@@ -56,14 +56,14 @@ def search_path(tmp_path: Path) -> str:
 def test_every_process_has_a_keeper_and_all_meet_an_era(server: DevServer, search_path: str) -> None:
     variables = {"SERVICE_URL": server.url, "PYTHONPATH": search_path}
     with program(*WORKER, **variables) as worker:
-        # The programs that send have no keeper, and need no key.
+        # The programs that send tasks have no keeper, and need no key.
         with program("-c", SENDER, **variables | {"WALLET_KEY": ""}) as sender:
             assert ended(sender) == (0, f"{[200] * 6} []\n", "")
         server.wait_for("verify", PROCESSES)
         server.settings(era=2)
         with program("-c", SENDER, "era", **variables | {"WALLET_KEY": ""}) as sender:
             assert ended(sender) == (0, f"[None] {[200] * 6} []\n", "")
-        # Gently it would take seconds until it looks for signals again.
+        # A warm shutdown would take seconds until it checks for signals again.
         children = Path(f"/proc/{worker.pid}/task/{worker.pid}/children").read_text().split()
         worker.send_signal(signal.SIGKILL)
         ended(worker)

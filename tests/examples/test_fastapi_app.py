@@ -1,4 +1,4 @@
-"""The FastAPI application under uvicorn: what it answers while the service is there, and while it is away."""
+"""The FastAPI application under uvicorn: its responses with and without the service."""
 
 from __future__ import annotations
 
@@ -38,14 +38,14 @@ class Running(NamedTuple):
 
 @pytest.fixture
 def server() -> Iterator[DevServer]:
-    """One of its own, which may go away."""
+    """A separate one, which may be stopped."""
     with DevServer() as server:
         yield server
 
 
 @pytest.fixture
 def running(server: DevServer) -> Iterator[Running]:
-    # The service is in trouble when it starts.
+    # The service fails when the application starts.
     server.faults("register", [{"kind": "status", "status": 503}])
     with program(*UVICORN, SERVICE_URL=server.url) as process:
         assert process.stderr is not None
@@ -62,7 +62,8 @@ def test_it_starts_without_the_service_and_outlives_it(server: DevServer, runnin
     assert running.ask("/name/Ada", "POST") == (200, {"name": "Ada"})
     assert running.ask("/name/no!", "POST")[0] == 400
 
-    # The era begins before anybody has told the application, which learns of it by an answer of 401.
+    # The era begins before it is announced to the application, which learns of it by a response with status
+    # 401.
     server.settings(era=2)
     assert running.ask("/name/Grace", "POST") == (200, {"name": "Grace"})
     assert server.state()["counts"]["verify"] == 2
@@ -72,5 +73,5 @@ def test_it_starts_without_the_service_and_outlives_it(server: DevServer, runnin
     assert running.ask("/name/Joan", "POST")[0] == 503
 
     running.process.send_signal(signal.SIGTERM)
-    # uvicorn ends itself by the same signal once it is done.
+    # After its shutdown, uvicorn ends itself by the same signal.
     assert ended(running.process)[0] in (0, -signal.SIGTERM)

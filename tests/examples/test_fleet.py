@@ -16,7 +16,7 @@ WALLETS = 12
 
 @pytest.fixture
 def keys(tmp_path: Path) -> Path:
-    """A folder with the keys of so many wallets."""
+    """A folder with the keys of that many wallets."""
     for number in range(WALLETS):
         file = tmp_path / f"wallet-{number:02}"
         file.write_text(secrets.token_hex(32) + "\n")
@@ -50,7 +50,7 @@ def test_who_is_refused_is_left_out(server: DevServer, keys: Path, refused: int)
 
 
 def test_an_outage_at_the_start_is_waited_for(server: DevServer, keys: Path) -> None:
-    # The first request meets it.
+    # The first request gets it.
     server.faults("register", [{"kind": "status", "status": 503}])
     with program(str(PROGRAM), server.url, "--keys", str(keys)) as process:
         status, output, _ = ended(process)

@@ -1,4 +1,4 @@
-"""A program that is told to end: what it still does, what it does not wait for, and its exit status."""
+"""A program that gets a signal to end: what it finishes, what it does not wait for, and its exit status."""
 
 from __future__ import annotations
 
@@ -53,7 +53,7 @@ WAITS_FOR_A_TOKEN = written("""
         try:
             keeper.get_token(timeout=None)
         except AuthError as error:
-            # In one piece, beside those of the other threads.
+            # In one write, because other threads print too.
             os.write(1, f"woken {error.reason}\\n".encode())
     graceful_shutdown.FAREWELL_SECONDS = 20
     run(work, threads=3, patience=0.1)
@@ -78,7 +78,7 @@ def test_work_in_hand_is_finished(server: DevServer, number: signal.Signals) -> 
         assert line_of(process) == "Ada"
         server.wait_for("display_name", 2)
         process.send_signal(number)
-        # Both signals may come; the second changes nothing.
+        # Both signals may arrive; the second has no effect.
         process.send_signal(signal.SIGTERM)
         assert line_of(process) == "asked to stop"
         server.release()

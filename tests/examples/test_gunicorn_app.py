@@ -1,4 +1,4 @@
-"""The WSGI application under gunicorn: workers that begin with one login and share what they know of eras."""
+"""The WSGI application under gunicorn: workers that begin with one login and share announced eras."""
 
 from __future__ import annotations
 
@@ -44,7 +44,7 @@ class Running:
             return told
 
     def ask_all(self, path: str, method: str = "GET") -> dict[int, dict[str, Any]]:
-        """What each worker has answered."""
+        """The responses of each worker."""
         answers: dict[int, dict[str, Any]] = {}
 
         def asked() -> bool:
@@ -57,7 +57,7 @@ class Running:
         return answers
 
     def all_are_good(self) -> dict[int, dict[str, Any]]:
-        """What each worker has answered once all have a token; nothing before."""
+        """The responses of each worker once all have a token; empty before."""
         answers = self.ask_all("/")
         return answers if {told["state"] for told in answers.values()} == {"good"} else {}
 
@@ -81,7 +81,7 @@ def test_workers_share_a_login_and_eras(server: DevServer, running: Running) -> 
 
     server.settings(era=2)
     announced = running.ask("/era/2", "POST")
-    # Whoever asks now is served with no older token, also by the worker that nobody has told.
+    # From now on no call gets an older token, even in the worker without the announcement.
     for told in running.ask_all("/name/Ada", "POST").values():
         assert told["display_name"] == "Ada"
     assert {told["era"] for told in running.ask_all("/").values()} == {2}

@@ -1,4 +1,4 @@
-"""The example of an application's tests passes, in a run of its own as a user would start it."""
+"""The example of an application's tests passes, in a separate run as a user would start it."""
 
 from __future__ import annotations
 

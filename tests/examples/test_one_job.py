@@ -1,4 +1,4 @@
-"""The script with a time limit: what its exit status says."""
+"""The script with a time limit: its exit status."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ def test_refused_at_the_login_it_does_not_wait(server: DevServer) -> None:
     server.faults("register", [{"kind": "status", "status": 403}])
     status, output, complaints = outcome(server.url, "1000")
     assert (status, output) == (77, "")
-    # Before or after it is what the keeper logged, on a thread of its own.
+    # The keeper's log, from its own thread, may come before or after it.
     assert f"{server.url}: unauthorized" in complaints.splitlines()
 
 
@@ -39,7 +39,7 @@ def test_where_the_service_is_in_trouble_it_is_worth_another_run(server: DevServ
 
 def test_nobody_there_it_gives_up_in_time() -> None:
     with socket.socket() as taken:
-        # Bound, but nobody listens.
+        # Bound, but nothing listens.
         taken.bind(("127.0.0.1", 0))
         url = f"http://127.0.0.1:{taken.getsockname()[1]}"
         begun = time.monotonic()

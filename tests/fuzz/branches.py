@@ -1,4 +1,4 @@
-"""Tells a fuzzer which branches of Python code an input takes."""
+"""Reports to a fuzzer which branches of Python code an input takes."""
 
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ TOOL = 4
 
 
 def code_of(module: ModuleType) -> Iterator[CodeType]:
-    """The code of every function and method that a module defines itself."""
+    """The code of every function and method that a module itself defines."""
     owners = [module, *(value for value in vars(module).values() if isinstance(value, type))]
     for owner in owners:
         for member in vars(owner).values():
@@ -21,7 +21,7 @@ def code_of(module: ModuleType) -> Iterator[CodeType]:
 
 
 def count(target: ModuleType, callback: Callable[[CodeType, int, int], None]) -> None:
-    """Have the branches of the modules that the target names in TRACED counted."""
+    """Count the branches of the modules that the target names in TRACED."""
     monitoring = sys.monitoring
     monitoring.use_tool_id(TOOL, "fuzz")
     monitoring.register_callback(TOOL, monitoring.events.BRANCH, callback)

@@ -1,4 +1,4 @@
-// Challenge messages: whatever a server asks to have signed, the signature is valid and is this wallet's.
+// Challenge messages: whatever a server sends to sign, the signature is valid and is this wallet's.
 
 #include <secp256k1_recovery.h>
 
@@ -53,7 +53,7 @@ std::array<std::uint8_t, 65> decoded(const std::string& signature) {
   return bytes;
 }
 
-/// The digest, taken in pieces of `step` bytes.
+/// The digest, computed in pieces of `step` bytes.
 Digest digest_in_pieces(std::string_view text, std::size_t step) {
   Keccak256 hash;
   for (; !text.empty(); text.remove_prefix(std::min(step, text.size()))) {

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-// Ends the process where a property does not hold; libFuzzer then keeps the input.
+// Ends the process if a property does not hold; libFuzzer then keeps the input.
 #define CHECK(condition)                                                                  \
   do {                                                                                    \
     if (!(condition)) {                                                                   \

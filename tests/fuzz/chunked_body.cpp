@@ -1,4 +1,4 @@
-// Bodies in the chunked transfer coding, in pieces as the connection happens to give them.
+// Bodies in the chunked transfer coding, in arbitrary pieces, as from a connection.
 
 #include "tessaline/auth/http/chunked_body.hpp"
 

@@ -1,6 +1,6 @@
-// A hostile server against the HTTP client: the first byte chooses the request, what follows are the bytes of
-// the answers, each ended by 0x01 (the connection stays) or 0x02 (it is closed). Every connection, wherever
-// to, leads to one server on the loopback device.
+// A hostile server against the HTTP client: the first byte selects the request, the rest are the bytes of the
+// responses, each ended by 0x01 (the connection stays) or 0x02 (it is closed). Every connection, to any host,
+// leads to one server on the loopback device.
 
 #include <dlfcn.h>
 #include <netdb.h>
@@ -94,7 +94,7 @@ void run(Input input) {
   auto answers = answers_in(input);
   std::size_t most_bytes = 0;
   for (const auto& answer : answers) {
-    // Else the server could tell by itself what it is not told.
+    // The server must not know the hidden text, or finding it would prove nothing.
     if (answer.bytes.find(kHidden) != std::string::npos) return;
     most_bytes += answer.bytes.size();
   }
@@ -118,7 +118,7 @@ Function* next_of(const char* name, Function*) {
 }  // namespace
 }  // namespace tessaline::fuzz
 
-// The HTTP library calls these in the place of the system's, so that nothing leaves this machine.
+// The HTTP library calls these instead of the system's, so that nothing leaves this machine.
 
 extern "C" [[gnu::visibility("default")]] int connect(int descriptor, const sockaddr* address,
                                                       socklen_t size) {

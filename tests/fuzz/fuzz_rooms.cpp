@@ -1,4 +1,4 @@
-// The pure rooms as a Python module, for targets that compare them with the host's libraries.
+// `http/` and `wallet/` as a Python module, for targets that compare them with Python's libraries.
 
 #include <Python.h>
 

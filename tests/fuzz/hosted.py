@@ -1,4 +1,4 @@
-"""What several targets need of the host's side."""
+"""Used by several targets on the Python side."""
 
 from __future__ import annotations
 
@@ -16,12 +16,12 @@ KEY = "8f2a55949038a9610f50fb23b5883af3b4ecb3c3bb792cbcefbd1542c692be63"
 
 
 def text_of(data: bytes) -> str:
-    """Any bytes as a text; what is not UTF-8 becomes lone surrogates."""
+    """Any bytes as a text; invalid UTF-8 becomes lone surrogates."""
     return data.decode("utf-8", "surrogateescape")
 
 
 def outcome(call: Callable[..., Any], *args: Any, **kwargs: Any) -> Any:
-    """What a call returns, or its exception."""
+    """The result of a call, or its exception."""
     try:
         return call(*args, **kwargs)
     except Exception as error:
@@ -29,7 +29,7 @@ def outcome(call: Callable[..., Any], *args: Any, **kwargs: Any) -> Any:
 
 
 def chain(error: BaseException) -> Iterator[BaseException]:
-    """An exception and all that hang on it."""
+    """An exception with its causes and contexts."""
     waiting, seen = [error], set()
     while waiting:
         one = waiting.pop()
@@ -46,13 +46,13 @@ def words_of(error: BaseException) -> str:
     for one in chain(error):
         shown += [str(one), repr(one), repr(one.args), *getattr(one, "__notes__", ())]
         shown += [f"{value!r}" for name, value in vars(one).items() if name != "message"]
-        # What the host's parsers carry along.
+        # Attributes of Python's parser errors.
         shown += [f"{getattr(one, name, '')!r}" for name in ("doc", "object")]
     return "\n".join(shown)
 
 
 def load_rooms() -> Any:
-    """The pure rooms as a module, out of the build tree that the component is from."""
+    """`http/` and `wallet/` as a module, from the build tree of the component."""
     package = Path(auth.__file__).resolve().parents[1]
     tree = package.parent if package.name == "package" else ROOT / "build/release"
     folder = str(tree / "tests/fuzz")
@@ -68,7 +68,7 @@ def manager_over(transport: Callable[..., Any], **options: Any) -> Any:
 
 
 def decoded(body: bytes) -> Any:
-    """The value of a body; a text where it is no JSON."""
+    """The value of a body; a text if it is not JSON."""
     if not body:
         return None
     try:

@@ -1,4 +1,4 @@
-"""A server that answers as a script says, and well where the script is silent."""
+"""A server with scripted responses, and successful ones otherwise."""
 
 from __future__ import annotations
 
@@ -96,7 +96,7 @@ class Hostile:
         return base64.b64encode(secret).decode()
 
     def filled_in(self, body: str) -> bytes:
-        """The body, with what the server knows in the place of the marks."""
+        """The body, with the marks replaced by what the server knows."""
         for mark, make in {
             "$TOKEN": self.grant,
             "$OLD": lambda: self.grant(era=max(1, self.era or 1) - 1),

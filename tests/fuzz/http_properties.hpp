@@ -14,7 +14,7 @@ inline bool is_visible_ascii(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < '\x7f'; });
 }
 
-/// What holds for every URL that a request may be sent to.
+/// Properties of every URL to which a request may be sent.
 inline void check_url(const auth::http::Url& url) {
   CHECK(is_visible_ascii(url.text));
   CHECK(url.scheme == "http" || url.scheme == "https");

@@ -25,7 +25,7 @@ class Input {
     return taken;
   }
 
-  /// Up to the next `separator`, which is passed over.
+  /// Up to the next `separator`, which is skipped.
   std::string_view until(char separator) {
     const auto taken = take(std::min(left_.find(separator), left_.size()));
     take(1);

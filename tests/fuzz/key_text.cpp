@@ -1,4 +1,4 @@
-// Key texts of every width, against a reading of the same rules that does not care about time or traces.
+// Key texts of every width, compared with a parser of the same rules that is not constant-time.
 
 #include <array>
 #include <cstdint>
@@ -24,7 +24,7 @@ using auth::wallet::WalletKey;
 constexpr std::string_view kOrder = "fffffffffffffffffffffffffffffffebaaedce6af48a03bbfd25e8cd0364141";
 constexpr std::size_t kDigits = 64;
 
-/// Code units as the host stores them.
+/// Code units in the interpreter's representation.
 struct Units {
   std::vector<std::uint32_t> values;
   std::vector<std::uint8_t> stored;

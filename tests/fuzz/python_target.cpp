@@ -1,6 +1,6 @@
-// libFuzzer around a target written in Python: the module tests.fuzz.targets.<name>, with <name> from the
-// file name of this program. The interpreter is this program's own, the module under test is instrumented and
-// reports to it, and so do the branches of the Python code that a target names.
+// libFuzzer for a target written in Python: the module tests.fuzz.targets.<name>, with <name> from the file
+// name of this program. The interpreter is embedded; the module under test is instrumented and reports to it,
+// and so do the branches of the Python code that a target names.
 
 #include <Python.h>
 
@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::size_t kBranches = 1U << 14U;
 
-// libFuzzer takes these for counters like those of the instrumented code.
+// For libFuzzer these are counters like those of the instrumented code.
 [[gnu::section("__libfuzzer_extra_counters"), gnu::used]] std::array<std::uint8_t, kBranches> branch_counters;
 
 /// A callback of sys.monitoring: code, offset, destination.
@@ -40,7 +40,7 @@ PyMethodDef count_branch_method = {"count_branch",
 
 PyObject* one_input = nullptr;
 
-/// The lines that a target's module offers for mutations; empty where its inputs are not made of lines.
+/// The lines of a target's module for mutations; empty if its inputs do not consist of lines.
 std::vector<std::string> vocabulary;
 
 [[noreturn]] void give_up() {
@@ -60,7 +60,7 @@ void start_interpreter(const char* program) {
   config.install_signal_handlers = 0;
   config.parse_argv = 0;
   config.write_bytecode = 0;
-  // The environment that the packages are installed in.
+  // The environment in which the packages are installed.
   PyConfig_SetBytesString(&config, &config.program_name, TESSALINE_FUZZ_PYTHON);
   PyConfig_SetBytesArgv(&config, 1, const_cast<char* const*>(&program));
   const PyStatus status = Py_InitializeFromConfig(&config);

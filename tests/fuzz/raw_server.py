@@ -1,4 +1,4 @@
-"""A loopback server that answers byte by byte as told; one for the whole process."""
+"""A loopback server with scripted bytes; one for the whole process."""
 
 from __future__ import annotations
 
@@ -9,13 +9,13 @@ import socket
 import threading
 from collections.abc import Callable, Iterator
 
-# The bytes, and whether the connection stays.
+# The bytes, and whether the connection stays open.
 type Answer = Callable[[bytes, bytes], tuple[bytes, bool] | None]
 
 
 @contextlib.contextmanager
 def kept_on_loopback(url: str) -> Iterator[None]:
-    """Names elsewhere are asked of this server too, so that nothing leaves the machine."""
+    """Other names resolve to this server too, so that nothing leaves the machine."""
     proxies = ("http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY")
     usual = os.environ.copy()
     os.environ.update(dict.fromkeys(proxies, url) | {"no_proxy": "127.0.0.1", "NO_PROXY": "127.0.0.1"})
@@ -33,12 +33,12 @@ STOP = b"s"
 
 
 class RawServer:
-    """Answers with the bytes that it is told to, and ends the connection where it is told to.
+    """Sends scripted responses, and closes the connection after those that say so.
 
     An answer is made of the head and the body of the request; None ends the connection.
     """
 
-    # Seconds after which a connection is closed on a peer that an answer has left waiting.
+    # Seconds after which a connection is closed whose peer still waits for the rest of a response.
     SILENCE = 0.01
 
     def __init__(self) -> None:
@@ -66,7 +66,7 @@ class RawServer:
         self._fault = None
 
     def end(self) -> list[bytes]:
-        """Close every connection; the heads of the requests since `begin`."""
+        """Close every connection; returns the heads of the requests since `begin`."""
         self._ended.clear()
         self._wake.send(b"x")
         assert self._ended.wait(20.0)

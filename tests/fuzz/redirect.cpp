@@ -1,4 +1,4 @@
-// Redirects: after a method and a URL, each line is a status, a blank and a reference.
+// Redirects: after a method and a URL, each line is a status, a space and a reference.
 
 #include "tessaline/auth/http/redirect.hpp"
 
@@ -46,14 +46,14 @@ std::optional<Url> parsed(std::string_view text) {
   }
 }
 
-/// An address spelt with escapes is brought into its usual form only when it is read again.
+/// An address with escapes is only normalised when it is parsed again.
 std::string server_of(const Url& url) {
   const auto again = parsed(url.origin() + "/");
   CHECK(again);
   return again->origin();
 }
 
-/// A reference without a scheme and without an authority of its own cannot leave the server.
+/// A relative reference without an authority cannot leave the server.
 bool stays_by_its_form(std::string_view reference) {
   std::string kept;
   for (const char c : reference) {

@@ -1,4 +1,4 @@
-// Runs a target over the files of a folder, in the place of libFuzzer: replay FOLDER LEAST_FILES.
+// Runs a target over the files of a folder, instead of libFuzzer: replay FOLDER LEAST_FILES.
 
 #include <algorithm>
 #include <cstdint>
@@ -30,7 +30,7 @@ int main(int count, char** arguments) {
   for (const auto& entry : std::filesystem::directory_iterator(arguments[1])) paths.push_back(entry.path());
   std::sort(paths.begin(), paths.end());
   for (const auto& path : paths) {
-    // Told before, so that the last line names the input that ends the process.
+    // Printed before, so that the last line names an input that ends the process.
     std::printf("%s\n", path.filename().c_str());
     std::fflush(stdout);
     const auto bytes = bytes_of(path);

@@ -1,4 +1,4 @@
-// Heads and trailers of answers, line by line as libcurl hands them over.
+// Heads and trailers of responses, line by line as libcurl passes them on.
 
 #include "tessaline/auth/http/response_head.hpp"
 
@@ -29,12 +29,12 @@ void check_fields(const Headers& fields) {
     CHECK(name.find_first_of(":\n") == std::string::npos && value.find('\n') == std::string::npos);
     if (!auth::http::equal_without_case(name, "content-length")) continue;
     const auto digits = value.find_first_not_of("0123456789");
-    // A continuation line may follow what was judged.
+    // A continuation line may follow a validated one.
     CHECK(!value.empty() && (digits == std::string::npos || value.at(digits) == ' '));
   }
 }
 
-/// What was read, written and read again, is the same.
+/// What was parsed, written and parsed again is the same.
 void check_round_trip(const Headers& fields) {
   ResponseHead head;
   CHECK(head.add_line("HTTP/1.1 200 OK\r\n"));

@@ -24,7 +24,7 @@ CRASHES = TREE / "crashes"
 
 PROCESSORS = os.process_cpu_count() or 2
 LONGEST = 2048
-# Allowed beyond its time: building up, and a last input that takes long.
+# Allowed beyond the time limit: the start, and a slow last input.
 GRACE = 180
 PYTHON_TARGETS = {path.stem for path in (HERE / "targets").glob("[a-z]*.py")}
 NATIVE_TARGETS = {path.stem for path in HERE.glob("*.cpp")} - {"replay", "python_target", "fuzz_rooms"}
@@ -60,7 +60,7 @@ def environment(target: str) -> dict[str, str]:
     return os.environ | {
         "ASAN_OPTIONS": f"detect_leaks={leaks}:allocator_may_return_null=1",
         "UBSAN_OPTIONS": "print_stacktrace=1",
-        # So that the sanitizer sees every object of the interpreter.
+        # So that the sanitizer sees every allocation of the interpreter.
         "PYTHONMALLOC": "malloc",
         "PYTHONHASHSEED": "0",
     }
@@ -71,7 +71,7 @@ def command(target: str, *options: str) -> list[str]:
 
 
 def number(pattern: str, text: str) -> int:
-    """The last number that the log has for it; 0 for none."""
+    """Its last number in the log; 0 for none."""
     found = re.findall(pattern, text)
     return int(found[-1]) if found else 0
 
@@ -126,7 +126,7 @@ def show(result: Result, told: str) -> None:
 
 
 def keep(target: str) -> int:
-    """Add to the corpus those new inputs that reach code that none of it reaches."""
+    """Add to the corpus those new inputs that reach new code."""
     corpus = HERE / "corpus" / target
     before = len(list(corpus.iterdir()))
     options = ["-merge=1", "-use_counters=0", "-use_value_profile=0", f"-max_len={LONGEST}"]

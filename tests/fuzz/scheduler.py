@@ -11,7 +11,7 @@ import time
 from collections.abc import Callable, Iterable, Iterator
 from typing import Any
 
-# Virtual seconds. Every wait is stretched and cut, so that a poll takes few turns and nothing takes many.
+# Virtual seconds. Every wait is within these limits, so that a poll takes few turns and nothing takes many.
 STRETCH = 6.0
 LONGEST_WAIT = 12.0
 PATIENCE = 100.0
@@ -19,11 +19,11 @@ REAL_PATIENCE = 25.0
 
 
 class Hang(BaseException):
-    """Somebody waits for what cannot come."""
+    """A thread waits for what cannot happen."""
 
 
 class Task:
-    """A call on a thread of its own, which runs when it has its turn."""
+    """A call on a separate thread, which runs when it has its turn."""
 
     def __init__(self, turns: Turns, call: Callable[[], Any] | None) -> None:
         self.turns = turns
@@ -54,7 +54,7 @@ class Task:
 
 
 class Turns:
-    """Whose turn it is."""
+    """The thread whose turn it is."""
 
     def __init__(self, choices: Iterable[int] = ()) -> None:
         self.now = 0.0
@@ -68,7 +68,7 @@ class Turns:
         self._choices: Iterator[int] = iter(choices)
 
     def hand_over(self) -> Task:
-        """Give the turn to one who can go on; where nobody can, time passes to the end of the next wait."""
+        """Give the turn to a thread that can continue; if none can, advance to the end of the next wait."""
         able = [task for task in self.tasks if task.ready()]
         if able:
             chosen = able[next(self._choices, 0) % len(able)]
@@ -91,7 +91,7 @@ class Turns:
         me.until = None if seconds is None else self.now + min(max(seconds, 0.0) * STRETCH, LONGEST_WAIT)
         begun = self.now
         while True:
-            # To the end of the queue, so that without choices everybody gets a turn.
+            # To the end of the queue, so that without choices every thread gets a turn.
             self.tasks.remove(me)
             self.tasks.append(me)
             self.hand_over()
@@ -106,14 +106,14 @@ class Turns:
         return ready()
 
     def pause(self) -> None:
-        """Let others run, where there are any who can."""
+        """Let others run, if any can."""
         self.wait(lambda: True, 0.0)
 
     def others_rest(self) -> bool:
         return not any(task.ready() for task in self.tasks if task is not self.main)
 
     def settle(self, quiet: Callable[[], bool]) -> None:
-        """Go on when all others rest and it is quiet."""
+        """Continue when all others rest and it is quiet."""
         self.wait(lambda: quiet() and self.others_rest(), None)
 
     def run(self, call: Callable[[], Any]) -> Task:
@@ -122,7 +122,7 @@ class Turns:
         return task
 
     def threading(self) -> Any:
-        """A `threading` whose threads and events keep to the turns."""
+        """A `threading` whose threads and events take turns."""
         return _Threading(self)
 
     def time(self) -> Any:

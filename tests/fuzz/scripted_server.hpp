@@ -26,8 +26,8 @@ struct ScriptedAnswer {
   bool ends_connection = true;
 };
 
-/// A loopback server on one thread that gives the answers in turn, whoever asks, and then closes on
-/// everybody. Lives as long as the process.
+/// A loopback server on one thread that sends the responses in turn, whatever the request, and then closes
+/// all connections. Lives as long as the process.
 class ScriptedServer {
  public:
   ScriptedServer() {
@@ -50,7 +50,7 @@ class ScriptedServer {
     heads_.clear();
   }
 
-  /// Closes every connection, and gives back the heads of the requests since begin().
+  /// Closes every connection, and returns the heads of the requests since begin().
   std::vector<std::string> end() {
     std::unique_lock lock(mutex_);
     ending_ = true;
@@ -63,10 +63,10 @@ class ScriptedServer {
   struct Peer {
     int descriptor;
     std::string pending;
-    bool left_waiting = false;  // by an answer that may not have been whole
+    bool left_waiting = false;  // by a response that may have been incomplete
   };
 
-  // An answer that leaves the peer waiting is cut off after this.
+  // A response that leaves the peer waiting is cut off after this time.
   static constexpr int kLongestSilence = 10;
 
   void serve() {
@@ -106,7 +106,7 @@ class ScriptedServer {
     ended_.notify_all();
   }
 
-  /// False when the connection is to end.
+  /// False if the connection must be closed.
   bool hear(Peer& peer) {
     char bytes[16384];
     const ssize_t count = recv(peer.descriptor, bytes, sizeof bytes, 0);
@@ -162,7 +162,7 @@ class ScriptedServer {
   int listener_ = -1;
   int wake_[2] = {-1, -1};
   sockaddr_in address_{};
-  std::vector<Peer> peers_;  // the thread's own
+  std::vector<Peer> peers_;  // used by the thread only
   std::mutex mutex_;
   std::condition_variable ended_;
   std::deque<ScriptedAnswer> answers_;

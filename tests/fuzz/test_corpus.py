@@ -1,4 +1,4 @@
-"""Every input in the corpora still holds. Those of the native targets are replayed by ctest."""
+"""The properties hold for every input in the corpora. Those of the native targets are replayed by ctest."""
 
 from __future__ import annotations
 

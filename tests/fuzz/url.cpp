@@ -1,4 +1,4 @@
-// Server URLs as the HTTP client reads them: what is accepted names one server, and always the same.
+// Server URLs in the HTTP client: what is accepted names one server, and always the same.
 
 #include "tessaline/auth/http/url.hpp"
 
@@ -22,7 +22,7 @@ std::string_view authority_of(std::string_view text) {
   return text.substr(0, text.find_first_of("/?#"));
 }
 
-/// Where the authority is plain, it is read as it stands.
+/// A plain authority is parsed as it is.
 void check_plain_authority(const Url& url, std::string_view authority) {
   const auto is_plain = [](char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.';
@@ -46,13 +46,13 @@ void check_accepted(const Url& url, const std::string& text) {
   CHECK(authority.find('@') == std::string_view::npos);
   check_plain_authority(url, authority);
 
-  // An address spelt with escapes is brought into its usual form only when it is read again.
+  // An address with escapes is only normalised when it is parsed again.
   if (authority.find('%') != std::string_view::npos) return;
   const Url again = auth::http::parse_url(url.origin() + "/");
   CHECK(again.origin() == url.origin());
 }
 
-/// The messages are fixed texts, so none repeats anything of the URL.
+/// The messages are fixed texts, so none shows anything of the URL.
 void check_refused(const auth::http::TransportFailure& failure) {
   static const std::set<std::string_view> kMessages = {
       "URL has no valid host or port",

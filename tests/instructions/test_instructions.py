@@ -1,4 +1,4 @@
-"""How many instructions the hot paths take, as callgrind counts them: a slow-down is seen without a clock."""
+"""How many instructions the hot paths take, as callgrind counts them: detects a slow-down without a clock."""
 
 from __future__ import annotations
 
@@ -20,9 +20,9 @@ ROOT = Path(__file__).resolve().parents[2]
 RELEASE = ROOT / "build/release/package"
 MODULE = ROOT / "build/release/tests/native/instructions"
 
-# Above what an empty native method of the same kind of type takes; 247 were counted when this was written.
+# Above those of an empty native method of a similar type; 247 were counted when this was written.
 MOST_TO_SERVE = 260
-# Beside the digest and libsecp256k1's recoverable signature alone; 1.044 and 1.011 were counted.
+# Relative to the digest and libsecp256k1's recoverable signature alone; 1.044 and 1.011 were counted.
 MOST_TO_SIGN = {32: 1.10, 16384: 1.05}
 
 

@@ -32,7 +32,7 @@ def no_thread_left() -> Iterator[None]:
 
 @pytest.fixture
 def harness(no_thread_left: None, caplog: pytest.LogCaptureFixture) -> Iterator[Callable[..., Harness]]:
-    """Makes managers with their surroundings; closes them, and looks for secrets in the log and in `repr`."""
+    """Makes managers with their environment; closes them, and searches log and `repr` for secrets."""
     caplog.set_level(1)
     made: list[Harness] = []
 

@@ -1,4 +1,4 @@
-"""What tests over real sockets share: a manager with its surroundings, and counts."""
+"""Common to tests over real sockets: a manager with its environment, and counts."""
 
 from __future__ import annotations
 
@@ -29,12 +29,12 @@ ENDPOINTS = {
 
 
 def descriptors() -> int:
-    """How many descriptors the process has open."""
+    """The number of open descriptors of the process."""
     return len(os.listdir("/proc/self/fd"))
 
 
 class Spy:
-    """The default transport, with the attempts counted and everything secret that passes remembered."""
+    """The default transport, which counts requests and records all secrets in them."""
 
     def __init__(self, headers: dict[str, str] | None = None) -> None:
         self.headers = headers or {}
@@ -69,7 +69,7 @@ class Spy:
 
 
 class Harness:
-    """A manager over real HTTP whose back-off waits only note the delay; `delays` has them."""
+    """A manager over real HTTP whose back-off delays are only recorded, in `delays`."""
 
     def __init__(self, url: str, *, close_connections: bool = False, **options: Any) -> None:
         self.key = secrets.token_hex(32)
@@ -81,12 +81,12 @@ class Harness:
         self.manager._wait_with_clock = self.delays.append  # type: ignore[assignment]
 
     def forget(self) -> None:
-        """Forget the attempts and the delays so far."""
+        """Forget the requests and the delays so far."""
         self.spy.attempts.clear()
         self.delays.clear()
 
     def secrets(self) -> set[str]:
-        """Every text that must not show, in each notation in which it might."""
+        """Every text that must not appear, in each possible notation."""
         held = self.manager._wallet_secret
         texts = {self.key, self.key.upper(), *self.spy.secrets}
         for text in list(self.spy.secrets):
@@ -97,14 +97,14 @@ class Harness:
         return {text for text in texts if len(text) >= 16}
 
     def discreet(self, error: BaseException) -> BaseException:
-        """The error itself, after a look at everything that it says."""
+        """The error itself, after a search of all its texts."""
         for link in chain(error):
             said = "".join(traceback.format_exception(link)) + repr(link) + str(link) + repr(vars(link))
             self.assert_nothing_secret_in(said)
         return error
 
     def assert_nothing_secret_in(self, text: str) -> None:
-        # Not a plain assertion, which would print what must not show.
+        # Not a plain assertion, which would print the secret.
         if any(secret in text for secret in self.secrets()):
             raise AssertionError("something secret shows")
 
@@ -117,12 +117,12 @@ class Harness:
         raise AssertionError(f"the call has not failed but returned {type(value)}")
 
     def trigger_refresh(self) -> None:
-        """Let the refresh point pass; the refresh thread sees it within 0.05 s."""
+        """Advance past the refresh point; the refresh thread sees it within 0.05 s."""
         self.clock.now += PAST_REFRESH
 
 
 def wire(server: DevServer) -> dict[str, int]:
-    """How many requests came to each endpoint that had any."""
+    """The number of requests to each endpoint that had any."""
     return {name: count for name, count in server.state()["counts"].items() if count}
 
 

@@ -1,4 +1,4 @@
-"""Closing a manager while it is busy with the server: waiters wake, nothing is stored, nothing starts."""
+"""Closing a manager during its requests: waiters wake, nothing is stored, nothing starts."""
 
 from __future__ import annotations
 
@@ -19,7 +19,7 @@ CLOSE_AT_MOST = 1.5
 
 
 def close(one: Harness) -> tuple[float, float]:
-    """When closing began and ended; the credentials are gone after it."""
+    """When closing began and ended; afterwards there are no credentials."""
     begun = time.monotonic()
     Worker(one.manager.close).result(timeout=5.0)
     ended = time.monotonic()
@@ -92,7 +92,7 @@ def test_during_a_refresh(either: DevServer, harness: Make) -> None:
     until(lambda: waiters(event) == len(waiting))
     begun, ended = close(one)
     assert_woken(one, waiting, begun)
-    # The one wait that closing has: for a thread that is inside a request.
+    # The only wait of close(): for a thread that is inside a request.
     assert ended - begun >= 1.0
     assert thread.is_alive()
     came = wire(either)

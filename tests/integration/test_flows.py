@@ -1,4 +1,4 @@
-"""Every fault of the server at every endpoint, played as `make chaos` does: all goes as its model foretells.
+"""Every fault of the server at every endpoint, run as by `make chaos`: all results match its model.
 
 A flow has callers who wait, come early, or are overtaken by an era. Faults that stall are left to chaos.
 """
@@ -26,7 +26,7 @@ def stalls(scenario: Scenario) -> bool:
 
 
 def each_fault_at_each_endpoint() -> Iterator[Scenario]:
-    """The kind of flow, the scheme, and whether it happens once or for good, are as they are drawn."""
+    """The kind of flow, the scheme, and whether it happens once or always, are drawn at random."""
     seen = set()
     for scenario in (draw(SEED, number) for number in range(product_size())):
         ((endpoint, (fault, *_)),) = scenario.plan.items()

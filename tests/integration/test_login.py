@@ -75,7 +75,7 @@ def test_a_login_leaves_no_thread_and_no_descriptor(either: DevServer, harness: 
     for _ in range(5):
         login()
     assert threading.active_count() == threads
-    # Kept connections of other tests may end meanwhile.
+    # Pooled connections of other tests may be closed meanwhile.
     assert descriptors() <= files
 
 
@@ -154,7 +154,7 @@ class TestInvites:
 
 
 class TestTrust:
-    """What is trusted may change between two logins."""
+    """The trusted roots may change between two logins."""
 
     def test_trusted_after_all(
         self, https_server: DevServer, harness: Make, monkeypatch: pytest.MonkeyPatch

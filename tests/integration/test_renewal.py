@@ -61,7 +61,7 @@ def test_a_server_that_is_stopped_and_comes_back(harness: Make) -> None:
 
 
 def test_a_nudge_by_a_caller_renews_at_once(server: DevServer, harness: Make) -> None:
-    # With the machine's clock the thread would sleep for hours.
+    # On the wall clock the thread would sleep for hours.
     manager = auth.AuthManager("22" * 32, server.url)
     with manager:
         manager.authenticate()

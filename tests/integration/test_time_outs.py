@@ -1,4 +1,4 @@
-"""Answers that come too late, or never."""
+"""Responses that come too late, or never."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ def test_one_late_answer_is_made_good(endpoint: str, at: str, server: DevServer,
     server.faults(endpoint, [{"kind": "delay", "seconds": 30, "at": at}])
     one.manager.authenticate()
     assert one.delays == [1]
-    # Half an answer from verify: the challenge is used, and the flow starts over.
+    # Half a response from verify: the challenge is used, and the flow starts again.
     used = endpoint == "verify" and at == "body"
     assert one.spy.attempts[endpoint] == (3 if used else 2)
     assert one.manager._state == "AUTHENTICATED"

@@ -1,4 +1,4 @@
-"""The HTTP clients that have a hook, behind one face: one request, asked of a new client."""
+"""The HTTP clients that have a hook, with one interface: one request, by a new client."""
 
 from __future__ import annotations
 

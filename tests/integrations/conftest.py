@@ -1,4 +1,4 @@
-"""What these tests share."""
+"""Common to these tests."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""Programs under gevent and eventlet: what they begin with, and how they are run."""
+"""Programs under gevent and eventlet: how they begin, and how they are run."""
 
 from __future__ import annotations
 
@@ -33,7 +33,7 @@ each_patched = pytest.mark.parametrize("patched", [True, False], ids=["patched",
 
 
 def run(server: DevServer, library: str, program: str, *, patched: bool = True) -> None:
-    # eventlet warns of itself, and of forks.
+    # eventlet warns about its own state, and about forks.
     prelude = f"import warnings; warnings.simplefilter('ignore')\nimport {library}\n"
     prelude += (_PATCH[library] if patched else "") + _COMMON + f"server = Server({server.url!r})\n"
     programs.run(textwrap.dedent(program), prelude=prelude)

@@ -1,4 +1,4 @@
-"""What programs under gevent and eventlet use; each has imported one of them, and patched what it wants."""
+"""Used by programs under gevent and eventlet; each has imported one of them, and patched what it wants."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ A_MOMENT = 0.002
 
 
 class Ticks:
-    """Counts how often another greenlet had its turn."""
+    """Counts the turns of another greenlet."""
 
     def __init__(self) -> None:
         self.count = 0
@@ -38,7 +38,7 @@ class Ticks:
             sleep(A_MOMENT)
 
     def go_on(self) -> None:
-        """Returns when they have gone on for a while."""
+        """Returns when they have run for a while."""
         enough = self.count + 20
         until(lambda: self.count > enough)
 
@@ -50,7 +50,7 @@ class Server:
         self.url = url
 
     def hold(self, endpoint: str) -> None:
-        """Let every request there wait."""
+        """Hold every request there."""
         self._control("faults", {endpoint: [{"kind": "hold", "times": None}]})
 
     def let_go(self, endpoint: str) -> None:
@@ -58,7 +58,7 @@ class Server:
         self._control("release", {})
 
     def count(self, endpoint: str) -> int:
-        """How many requests have come there."""
+        """The number of requests there."""
         with urllib.request.urlopen(f"{self.url}/_control/state", timeout=DEADLINE) as answer:
             return int(json.load(answer)["counts"].get(endpoint, 0))
 
@@ -77,6 +77,6 @@ def until(condition: Callable[[], object]) -> None:
 
 
 def seen_in_frames(error: BaseException, text: str) -> list[str]:
-    """The functions which the error has passed whose variables show the text."""
+    """The functions in the error's traceback whose variables show the text."""
     frames = [frame for frame, _ in traceback.walk_tb(error.__traceback__)]
     return [frame.f_code.co_name for frame in frames if text in repr(frame.f_locals)]

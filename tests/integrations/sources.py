@@ -1,4 +1,4 @@
-"""Sources of tokens that do as they are told."""
+"""Scripted sources of tokens."""
 
 from __future__ import annotations
 
@@ -8,7 +8,7 @@ from tests.sanitized import patience
 
 
 class Source:
-    """Gives its tokens one after the other, each until it is refused; the last one for ever."""
+    """Returns its tokens one after the other, each until it is refused; the last one for ever."""
 
     def __init__(self, *tokens: str) -> None:
         self.tokens = list(tokens)
@@ -25,7 +25,7 @@ class Source:
 
 
 class Moving:
-    """Gives another token at each call, and listens to nobody."""
+    """Returns another token at each call, and has no `report_refused()`."""
 
     def __init__(self) -> None:
         self.given = 0
@@ -36,7 +36,7 @@ class Moving:
 
 
 class Held:
-    """Has callers wait until it is let go, and counts them and their threads."""
+    """Blocks callers until released, and counts them and their threads."""
 
     def __init__(self) -> None:
         self.asked = threading.Event()

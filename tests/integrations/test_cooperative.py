@@ -1,4 +1,4 @@
-"""The transports for gevent and eventlet: other greenlets run during a request, whatever becomes of it."""
+"""The transports for gevent and eventlet: other greenlets run during a request, whatever its result."""
 
 from __future__ import annotations
 
@@ -140,7 +140,7 @@ def test_ctrl_c_ends_the_wait_of_the_main_greenlet(
     server: DevServer, library: str, patched: bool, tmp_path: Path
 ) -> None:
     program = f"""
-        # A shell has background jobs ignore it.
+        # A shell makes background jobs ignore it.
         signal.signal(signal.SIGINT, signal.default_int_handler)
         with new_manager(transport()) as manager:
             with open({str(tmp_path / "pid")!r}, "w") as file:

@@ -1,4 +1,4 @@
-"""The transports for gevent and eventlet among pools, threads and forks."""
+"""The transports for gevent and eventlet with pools, threads and forks."""
 
 from __future__ import annotations
 
@@ -59,7 +59,7 @@ def test_a_thread_without_a_hub_makes_its_requests_itself(server: DevServer, lib
         thread.start()
         thread.join(15)
         assert seen == [thread.ident, None], seen
-        # Nor does this one have a hub before there is another greenlet.
+        # This one has no hub either until there is another greenlet.
         assert one("POST", server.url) == threading.get_ident()
         Ticks()
         assert one("POST", server.url) != threading.get_ident()
@@ -117,7 +117,7 @@ def test_it_goes_on_in_a_forked_child(server: DevServer, fork: str, cooperates: 
 
 @each_library
 def test_a_program_ends_that_has_given_up_a_request(server: DevServer, library: str) -> None:
-    # gevent leaves the request alone; eventlet waits for its end.
+    # gevent abandons the request; eventlet waits for its end.
     program = f"""
         server.hold("challenge")
         native = http.transport(timeout={30.0 if library == "gevent" else 0.5})

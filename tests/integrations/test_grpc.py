@@ -1,4 +1,4 @@
-"""gRPC's call credentials, against a server on the loopback with TLS and with local credentials."""
+"""gRPC's call credentials, with a server on the loopback with TLS and with local credentials."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ METHOD = "/wallet.Registry/WhoAmI"
 
 
 def who_am_i(_request: bytes, context: grpc.ServicerContext) -> bytes:
-    """The wallet that the caller's token is for."""
+    """The wallet of the caller's token."""
     authorization = str(dict(context.invocation_metadata())["authorization"])
     payload = authorization.removeprefix("Bearer ").split(".")[1]
     claims = json.loads(base64.urlsafe_b64decode(payload + "=" * (-len(payload) % 4)))
@@ -48,7 +48,7 @@ KINDS: dict[str, tuple[grpc.ServerCredentials, grpc.ChannelCredentials]] = {
 
 @pytest.fixture(params=KINDS)
 def registry(request: pytest.FixtureRequest) -> Iterator[tuple[str, grpc.ChannelCredentials]]:
-    """A running gRPC server: its address, and what a channel to it trusts."""
+    """A running gRPC server: its address, and the roots that a channel to it trusts."""
     server_credentials, channel_credentials = KINDS[request.param]
     with ThreadPoolExecutor(2) as pool:
         server = grpc.server(pool)
@@ -63,7 +63,7 @@ def registry(request: pytest.FixtureRequest) -> Iterator[tuple[str, grpc.Channel
 
 @pytest.fixture
 def asking(registry: tuple[str, grpc.ChannelCredentials]) -> Iterator[Callable[..., str]]:
-    """Asks who a manager is, over a channel of its own that is kept."""
+    """Asks for a manager's identity, over a separate channel that is kept."""
     address, trusted = registry
     kept: dict[AuthManager, tuple[WalletCallCredentials, grpc.Channel]] = {}
 
@@ -115,7 +115,7 @@ def test_calls_wait_for_a_renewal_and_hold_nobody_else_up(
     with pytest.raises(grpc.RpcError) as caught:
         asking(manager, timeout=0.1)
     assert code_of(caught.value) == grpc.StatusCode.DEADLINE_EXCEEDED
-    # Asked on gRPC's threads, it would hold one of them for every call.
+    # On gRPC's threads, each call would block one of them.
     assert manager._auth_event is not None
     assert waiters(manager._auth_event) == 1
     server.release()
@@ -132,7 +132,7 @@ def test_without_a_token_the_call_fails_and_says_why(
 
 
 def code_of(error: grpc.RpcError) -> grpc.StatusCode:
-    # What a call raises is both, which the types do not tell.
+    # The exception of a call is both, which the types do not express.
     call: Any = error
     code: grpc.StatusCode = call.code()
     return code

@@ -1,4 +1,4 @@
-"""Calls that a gRPC server answers with UNAUTHENTICATED, and what the interceptors make of them."""
+"""Calls for which a gRPC server returns UNAUTHENTICATED, and what the interceptors do then."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ METHOD = "/wallet.Registry/Serve"
 
 
 class Registry:
-    """A server that serves one token only."""
+    """A server that accepts one token only."""
 
     def __init__(self) -> None:
         self.serves = "second"
@@ -44,7 +44,7 @@ class Registry:
 
 @pytest.fixture(autouse=True)
 def collected(no_thread_left: None) -> Iterator[None]:
-    """The thread of `grpc.aio` ends with its last object, and a failed call is part of a cycle of them."""
+    """The thread of `grpc.aio` ends with its last object, and a failed call is part of a reference cycle."""
     yield
     gc.collect()
 
@@ -91,7 +91,7 @@ def by_aio(address: str, source: Any) -> str:
 
 
 def called(call: Callable[[], bytes]) -> str:
-    """The answer, or the name of the status."""
+    """The response, or the name of the status."""
     try:
         return call().decode()
     except grpc.RpcError as error:
@@ -125,7 +125,7 @@ def test_without_another_token_it_is_not_repeated(registry: Registry, address: s
 
 def test_a_source_that_listens_to_nobody_is_asked_again(registry: Registry, address: str, call: Call) -> None:
     assert call(address, Moving()) == "UNAUTHENTICATED"
-    # Between the two calls the interceptor asked whether there is another one.
+    # Between the two calls the interceptor has asked whether there is another token.
     assert registry.seen == ["token-1", "token-3"]
 
 

@@ -1,4 +1,4 @@
-"""Calls of gRPC that wait for their token: who asks the source, how often, and how the waiting ends."""
+"""Calls of gRPC that wait for their token: what calls the source, how often, and how the wait ends."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ CALLS = 10
 
 
 class Replies:
-    """What calls are answered, in its order."""
+    """The results of calls, in order."""
 
     def __init__(self) -> None:
         self.given: queue.SimpleQueue[tuple[Any, Exception | None]] = queue.SimpleQueue()
@@ -87,7 +87,7 @@ def test_closing_answers_who_waits_and_does_not_wait_for_the_source() -> None:
 
 
 class Exiting:
-    """A source that ends the thread which asks."""
+    """A source that ends the calling thread."""
 
     def get_token(self) -> str:
         raise SystemExit(3)
@@ -151,7 +151,7 @@ def test_a_call_that_is_cancelled_under_asyncio_ends_at_the_server_too() -> None
                 asking.cancel()
                 with pytest.raises(asyncio.CancelledError):
                     await asking
-                # While the channel is open, which ends its calls when it closes.
+                # While the channel is open, because closing it ends its calls.
                 assert await asyncio.to_thread(cancelled.wait, SECONDS / 4)
 
     with ThreadPoolExecutor(2) as pool:

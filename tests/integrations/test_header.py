@@ -1,4 +1,4 @@
-"""The header that carries the token: what is shown of it, and which tokens it cannot carry."""
+"""The header with the token: what its repr shows, and which tokens it cannot carry."""
 
 from __future__ import annotations
 

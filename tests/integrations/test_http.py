@@ -1,4 +1,4 @@
-"""requests, httpx and aiohttp with a manager: who gets the token, what a 401 leads to, and who waits."""
+"""requests, httpx and aiohttp with a manager: which servers get the token, the effect of a 401, and waits."""
 
 from __future__ import annotations
 
@@ -69,7 +69,7 @@ def test_a_redirect_takes_the_token_along_only_within_the_service(
 
 
 def refused_while_renewed(server: DevServer, manager: AuthManager, ask: Callable[[], Any]) -> Any:
-    """What `ask` gives when its first request is answered 401 after the manager has got another token."""
+    """The result of `ask` if its first request gets a 401 after the manager has got another token."""
     server.faults("display_name", [{"kind": "status", "status": 401, "hold": True}])
     asking = Worker(ask)
     server.wait_for("display_name", 1)
@@ -177,7 +177,7 @@ def test_the_event_loop_goes_on_while_a_request_waits_for_its_token(
     async def run() -> tuple[int, bytes]:
         wanted = Wanted(manager, server.url, server.url + NAME)
         asking = asyncio.create_task(ASYNC_CLIENTS[name](wanted))
-        # A loop that stood still in there would not come to this.
+        # A blocked loop would not get here.
         while not waiting(manager):
             await asyncio.sleep(0.001)
         assert not asking.done()
@@ -188,7 +188,7 @@ def test_the_event_loop_goes_on_while_a_request_waits_for_its_token(
 
 
 def waiting(manager: AuthManager) -> bool:
-    """Whether some thread waits for the login under way."""
+    """Whether a thread waits for the current login."""
     event = manager._auth_event
     return event is not None and bool(event._cond._waiters)  # type: ignore[attr-defined]
 

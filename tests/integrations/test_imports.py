@@ -1,4 +1,4 @@
-"""Who does not use an HTTP client does not load it."""
+"""HTTP clients that a program does not use are not loaded."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ BESIDE = ("auth", "keeper", "aio", "integrations", "testing")
 
 
 def loaded_by(module: str) -> set[str]:
-    """The top names of all modules that importing this one loads."""
+    """The top-level names of all modules that importing this one loads."""
     program = f"import sys, {module}; print(*{{name.partition('.')[0] for name in sys.modules}})"
     ended = subprocess.run(
         [sys.executable, "-c", program], capture_output=True, text=True, timeout=60, check=True

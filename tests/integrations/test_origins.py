@@ -1,4 +1,4 @@
-"""Which services a hook can be bound to, and what belongs to one."""
+"""The services to which a hook can be bound, and what belongs to one."""
 
 from __future__ import annotations
 
@@ -35,7 +35,7 @@ def test_a_url_that_is_no_place_for_a_token_is_refused(hook: Any, server_url: st
 
 
 def sent_by_aiohttp(server_url: str, url: str) -> str | None:
-    """What the middleware adds to a request."""
+    """The fields that the middleware adds to a request."""
     request: Any = SimpleNamespace(url=URL(url), headers=CIMultiDict[str](), body=None)
 
     async def answer(_: Any) -> Any:

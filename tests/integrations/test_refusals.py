@@ -1,4 +1,4 @@
-"""What an answer of 401 leads to where the source of tokens wants to know of it."""
+"""A response with status 401, for sources of tokens that have `report_refused()`."""
 
 from __future__ import annotations
 
@@ -32,7 +32,7 @@ def client(request: pytest.FixtureRequest) -> Client:
 
 
 def counts(server: DevServer) -> tuple[int, int]:
-    """How many requests with a token the service has seen, and how many logins."""
+    """The number of requests with a token at the service, and of logins."""
     counted = server.state()["counts"]
     return counted.get("display_name", 0), counted["verify"]
 
@@ -61,7 +61,7 @@ def test_a_service_that_refuses_everybody_gets_one_login_and_no_more(
     server.faults("display_name", [{"kind": "status", "status": 401, "times": None}])
     wanted = Wanted(keeper, server.url, server.url + NAME)
     assert [client(wanted)[0] for _ in range(3)] == [401] * 3
-    # The first request alone was repeated: no other token came of those after it.
+    # Only the first request was repeated: there was no other token for those after it.
     assert counts(server) == (4, 2)
 
 
@@ -127,7 +127,7 @@ def test_a_request_that_comes_back_without_the_token_is_none_either() -> None:
 
 
 def test_a_body_that_waits_to_be_asked_for_is_not_sent_again(server: DevServer) -> None:
-    # A refusal before "100 Continue" has left the body unread, and aiohttp does not say how far it has got.
+    # An error before "100 Continue" leaves the body unread, and aiohttp does not report how much it has sent.
     source = Source("unknown", "other")
 
     async def run() -> int:
@@ -153,7 +153,7 @@ def test_the_event_loop_goes_on_while_another_token_is_fetched(
     async def run() -> int:
         asking = asyncio.create_task(ASYNC_CLIENTS[name](Wanted(keeper, server.url, server.url + NAME)))
         await asyncio.to_thread(server.wait_for, "challenge", 2)
-        # The old token is served while the new one is on its way.
+        # The old token is served until the new one arrives.
         assert keeper.get_token()
         assert not asking.done()
         server.release()

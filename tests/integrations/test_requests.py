@@ -1,4 +1,4 @@
-"""What requests does by itself between the hook and the answer: ports, upgrades, passwords, connections."""
+"""What requests does itself between hook and response: ports, upgrades, passwords, connections."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ from tests.integrations.sources import Source
 
 
 class Endless(io.RawIOBase):
-    """A body that is never over; who reads on and on fails."""
+    """An endless body; reading all of it fails the test."""
 
     def __init__(self) -> None:
         super().__init__()
@@ -29,7 +29,7 @@ class Endless(io.RawIOBase):
 
 
 class Service(BaseAdapter):
-    """Answers by itself, each URL as told. Notes the URLs and what they were sent."""
+    """Returns a scripted response for each URL. Records the URLs and the headers."""
 
     def __init__(self, answers: dict[str, tuple[int, dict[str, str]]]) -> None:
         super().__init__()
@@ -83,7 +83,7 @@ def test_another_port_or_scheme_is_another_service(url: str) -> None:
 
 
 def test_an_answer_after_an_upgrade_is_no_refusal() -> None:
-    # requests keeps the header when the same host is moved from http to https.
+    # requests keeps the header if the same host redirects from http to https.
     moved = {"http://localhost/": (307, {"Location": "https://localhost/"}), "https://localhost/": (401, {})}
     service, source = Service(moved), Source("first", "second")
     assert asked(service, source, "http://localhost", "http://localhost/").status_code == 401

@@ -1,4 +1,4 @@
-"""How requests of an event loop get their token: at once where it is there, else all by one thread."""
+"""How requests in an event loop get their token: at once if available, otherwise by one thread for all."""
 
 from __future__ import annotations
 
@@ -57,7 +57,7 @@ async def all_by_aiohttp(source: Held, count: int) -> list[int]:
 
 
 async def let_go(source: Held) -> None:
-    """Once the source has been asked and every request has had its turns to ask as well."""
+    """After a call of the source, and after every request has had turns to make one."""
     await asyncio.to_thread(source.asked.wait, 20)
     for _ in range(20):
         await asyncio.sleep(0)
@@ -73,7 +73,7 @@ def test_all_requests_of_a_loop_wait_on_one_thread(ask: Callable[[Held, int], Aw
 
     assert asyncio.run(run()) == [200] * REQUESTS
     assert set(source.threads) == {"tessaline-waiter"}
-    # The first request's question, and that of all which came while it was under way.
+    # The first request's call, and that of all which arrived during it.
     assert len(source.threads) <= 2
 
 
@@ -91,7 +91,7 @@ def test_a_token_that_is_there_is_put_on_without_giving_way() -> None:
             request = httpx.Request("GET", URL)
             flow = WalletAuth(source, URL).async_auth_flow(request)
             with pytest.raises(StopIteration) as done:
-                # It would be left here for the event loop, if it waited.
+                # If it waited, the event loop would find it here.
                 flow.__anext__().send(None)
             assert done.value.value is request
             assert request.headers["Authorization"] == f"Bearer {source.get_token()}"

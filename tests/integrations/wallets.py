@@ -1,4 +1,4 @@
-"""Fixtures: a development server, and wallets that have logged in at it; nothing may be left behind."""
+"""Fixtures: a development server, and wallets that have logged in to it; nothing may be left behind."""
 
 from __future__ import annotations
 

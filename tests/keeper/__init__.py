@@ -1,1 +1,1 @@
-"""The keeper: tokens that stay good through outages, eras, jumps of the clock and forks."""
+"""The keeper: tokens stay valid through outages, eras, clock jumps and forks."""

@@ -1,4 +1,4 @@
-"""Every keeper is closed and every thread gone at the end of each test."""
+"""At the end of each test every keeper is closed and every thread has ended."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ census, nothing_escapes = endings.census, endings.nothing_escapes
 
 @pytest.fixture(scope="package", autouse=True)
 def hanging_report() -> Iterator[tuple[Worker, Any, str]]:
-    """A report of a refused token to a server that does not answer: the report, the keeper, the token.
+    """A report of a refused token to a server that does not respond: the report, the keeper, the token.
 
     It takes its time, so it is begun before all tests and looked at by one of the last.
     """
@@ -44,7 +44,7 @@ def hanging_report() -> Iterator[tuple[Worker, Any, str]]:
 
 @pytest.fixture(autouse=True)
 def short_pauses(monkeypatch: pytest.MonkeyPatch) -> None:
-    """A manager's own pauses between two requests end at once; the keeper's do not pass through here."""
+    """A manager's own back-off ends at once; the keeper's is not affected."""
     monkeypatch.setattr(auth, "_time", Sleepless())
 
 
@@ -75,7 +75,7 @@ def heard() -> Heard:
 def make_keeper(
     nothing_escapes: None, census: ThreadCensus, service: Service, clock: HandClock, heard: Heard
 ) -> Iterator[Callable[..., Any]]:
-    """A keeper of `count` wallets that tells `heard`."""
+    """A keeper of `count` wallets that reports to `heard`."""
     made: list[Any] = []
 
     def make(count: int = 1, *, managers: Any = None, **options: Any) -> Any:

@@ -1,4 +1,4 @@
-"""Between failures: from a second to five minutes, doubling, jittered, and without an end."""
+"""Between failures: from a second to five minutes, doubling, with jitter, and without a limit."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ from .support.service import LIFETIME, Service
 from .support.wallets import manager
 
 LONGEST = 300.0
-# How far a jittered pause may be from the one that is meant.
+# How far a delay with jitter may be from the nominal one.
 SHORTER, LONGER = 0.5, 2.0
 DOUBLINGS = 9
 RENEWAL = 0.63 * LIFETIME + 1
@@ -65,7 +65,7 @@ def test_an_outage_of_days_is_tried_through(keeper: Any, service: Service, clock
     tried = len(service.attempts()) - before
     assert LIFETIME / (LONGEST) <= tried <= DOUBLINGS + LIFETIME / (SHORTER * LONGEST)
     assert keeper.status().failures == tried + 1
-    # Nothing was let go of in the meantime: the first attempt after the outage is at most one pause away.
+    # Nothing was skipped: the first attempt after the outage is at most one delay later.
     service.heal()
     assert to_next_attempt(keeper, clock) <= LONGEST
     assert keeper.get_token(timeout=0) == service.granted[-1].token
@@ -96,7 +96,7 @@ def test_success_makes_it_start_over(keeper: Any, service: Service, clock: HandC
         assert keeper.status().failures == 0
 
 
-# What a server may say, and what it gets. The manager reads it under this name alone.
+# What a server may send, and the resulting delay. The manager reads only this name of the field.
 TOLD = {"1": 1, "7": 7, "299": 299, "301": LONGEST, "86400": LONGEST, str(10**30): LONGEST}
 
 
@@ -120,7 +120,7 @@ def test_what_the_server_asks_for_is_obeyed_up_to_five_minutes(
 def test_no_request_comes_before_the_server_wants_it(
     told: str, make_keeper: Callable[..., Any], service: Service, clock: HandClock
 ) -> None:
-    # A manager alone waits between the requests of one login. Its clock is moved by that wait.
+    # Without a keeper a manager waits between the requests of one login. That wait advances its clock.
     mine = manager(service, clock)
 
     def wait(seconds: float) -> None:

@@ -1,4 +1,4 @@
-"""Clocks that are set back and ahead, stand still or sleep: the token's time is that of the clock."""
+"""Clocks that are set back and ahead, stand still, or were suspended: the token's age follows the clock."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ def test_set_back_a_good_token_is_served(
     clock.now -= back
     settle(keeper, clock)
     assert keeper.get_token(timeout=0) == service.granted[-1].token
-    # And renewed by the time that it is told to have.
+    # And renewed at the reported time.
     for _ in range(3):
         pass_time(keeper, clock, 0.63 * LIFETIME + 1)
         assert keeper.get_token(timeout=0) == service.granted[-1].token
@@ -40,7 +40,7 @@ def test_set_back_a_good_token_is_served(
 def test_set_back_during_an_outage_the_next_attempt_is_not_put_off(
     back: float, keeper: Any, service: Service, clock: HandClock
 ) -> None:
-    # It was due at a time that is days away now.
+    # It was due at a time that is now days away.
     service.fault = away()
     pass_time(keeper, clock, LIFETIME)
     for _ in range(9):
@@ -82,7 +82,7 @@ def test_to_and_fro_costs_a_few_logins(keeper: Any, service: Service, clock: Han
         clock.now -= 40 * DAY
         settle(keeper, clock)
         assert keeper.get_token() == service.granted[-1].token
-    # At the most one for each time that it was set.
+    # At most one for each time that it was set.
     assert len(service.granted) <= 11
 
 
@@ -119,7 +119,7 @@ def test_the_usual_clock_is_that_of_the_wall(make_keeper: Callable[..., Any]) ->
 
 def test_on_the_usual_clock_a_failure_is_tried_again_after_a_second(make_keeper: Callable[..., Any]) -> None:
     service = Service(time.time)
-    # The manager's own pauses would take their time.
+    # The manager's own back-off would take real time.
     service.fault, _ = TRANSIENT["a proxy refuses"]
     keeper = make_keeper(managers=fleet(service, None, 1))
     starting = Worker(keeper.start)

@@ -1,4 +1,4 @@
-"""The end of a keeper, whenever it comes: everybody wakes, and nothing is left."""
+"""The end of a keeper at any time: all waiting threads wake, and nothing is left."""
 
 from __future__ import annotations
 
@@ -81,7 +81,7 @@ def test_it_ends_in_every_state(
     assert all(is_closed(one) for one in managers)
     assert keeper.status().state == "closed"
     Worker(keeper.close).result(QUICK)
-    # A request that is under way is not cut off, and nobody waits for it.
+    # A running request is not interrupted, and no thread waits for it.
     service.let_go()
     census.settle(0)
     for one in keeper:

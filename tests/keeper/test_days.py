@@ -1,4 +1,4 @@
-"""A few days of `make chaos`'s hundred, and that they see what they are there to see."""
+"""A few of the hundred days of `make chaos`, and whether they detect faults."""
 
 from __future__ import annotations
 
@@ -39,7 +39,7 @@ def test_a_third_of_a_hundred_days_is_bad_weather() -> None:
     outages = [(change.at, other.at) for change, other in both(changes)]
     away_for = sum(end - begin for begin, end in outages)
     assert 0.25 < away_for / (100 * DAY) < 0.4
-    # Some are over in seconds, some outlive every token that was renewed at three fifths of its time.
+    # Some are over in seconds, some outlast every token that was renewed at 60 % of its lifetime.
     assert min(end - begin for begin, end in outages) < 60
     assert max(end - begin for begin, end in outages) > 0.43 * LIFETIME
     assert {change.kind for change in changes} == {"away", "back", "era", "set clock", "refused"}
@@ -47,7 +47,7 @@ def test_a_third_of_a_hundred_days_is_bad_weather() -> None:
 
 
 def both(changes: list[Change]) -> list[tuple[Change, Change]]:
-    """Each outage's begin and its end."""
+    """The begin and end of each outage."""
     begins = [change for change in changes if change.kind == "away"]
     ends = [change for change in changes if change.kind == "back"]
     return list(zip(begins, ends, strict=False))
@@ -58,14 +58,14 @@ def test_the_same_seed_draws_the_same_days() -> None:
     assert drawn("3", 20) != drawn("4", 20)
 
 
-# They see what is wrong.
+# They detect faults.
 
 OUTAGE = [Change(at=12 * HOUR, kind="away", fault=away()), Change(at=44 * HOUR, kind="back")]
 ERA = [Change(at=6 * HOUR, kind="era", number=2 * HOUR)]
 
 
 def trouble_with(ask: Callable[[Days, str, str | None], str | None], changes: list[Change]) -> str:
-    """What is seen of a keeper of which one is told something else: `ask` makes it of what it says."""
+    """The violations seen for a keeper that reports something else: `ask` changes what it returns."""
 
     class Other(Days):
         def _ask(self, address: str) -> str | None:
@@ -100,7 +100,7 @@ def test_a_token_of_an_older_era_is_seen() -> None:
 
 
 def test_an_outage_that_is_not_slept_through_in_time_is_seen(monkeypatch: pytest.MonkeyPatch) -> None:
-    # The server is back, and the weather report has not heard of the wallets that still are cut off.
+    # The server is up, but some wallets are still cut off from it.
     days = Days(SEED)
     monkeypatch.setattr(days.service, "heal", lambda: None)
     days.live([OUTAGE[0], Change(at=60 * HOUR, kind="back")], 3 * DAY)

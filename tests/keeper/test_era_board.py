@@ -1,4 +1,4 @@
-"""An era that one process hears of is known to all that share the board."""
+"""An era that is announced in one process reaches all that share the board."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ PROGRAMS = {
         told, telling = os.pipe()
         def sibling():
             assert os.read(told, 1) == b"!"
-            # The copy is gone at once, whether the process has looked or not.
+            # The copy is dropped at once, whether the process has polled or not.
             assert era_of(keeper.get_token()) == 2
             keeper.close()
         def teller():
@@ -33,7 +33,7 @@ PROGRAMS = {
         children.append(begin_child(teller))
         for pid in children:
             end_child(pid)
-        # Nobody asks here: the parent has logged in by itself, within two seconds.
+        # No call here: the parent has logged in by itself, within two seconds.
         until(lambda: len(service.granted) == 2, timeout=2.5)
         assert era_of(keeper.get_token()) == 2
         keeper.close()

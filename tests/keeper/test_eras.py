@@ -1,4 +1,4 @@
-"""Announced eras: the copies of older ones are gone at once, and the new one is fetched until it is there."""
+"""Announced eras: older copies are dropped at once, and logins continue until a new one is fetched."""
 
 from __future__ import annotations
 
@@ -78,7 +78,7 @@ def test_no_thread_gets_an_old_token_from_then_on(keeper: Any, service: Service)
 
 
 def test_who_waits_does_not_get_a_token_of_the_era_before(keeper: Any, service: Service) -> None:
-    # The login of an older era is under way when the newer one is announced.
+    # The login of an older era is running when the newer one is announced.
     gate = service.hold()
     enter(service, keeper, 2)
     gate.reached()

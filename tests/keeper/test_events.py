@@ -1,4 +1,4 @@
-"""`on_event`: what it is told, where it runs, and what it may do."""
+"""`on_event`: which events it gets, where it runs, and what it may do."""
 
 from __future__ import annotations
 
@@ -74,13 +74,13 @@ def test_an_hour_left_is_an_error_told_once(
     assert event.level == logging.ERROR
     assert 0 < event.seconds_left < HOUR
     settle(keeper, clock)
-    # However long their pauses are drawn, not until the token expires.
+    # Whatever the jitter, not until the token expires.
     for _ in range(15):
         to_next_attempt(keeper, clock)
     assert len(heard.of("running out")) == 1
     service.heal()
     pass_time(keeper, clock, HOUR)
-    # It is told of each token.
+    # It is reported for each token.
     service.fault = away()
     clock.now = keeper.status().expiry - HOUR / 2
     heard.wait_for("running out", 2)
@@ -207,7 +207,7 @@ def test_even_if_it_wants_to_leave(
     heard: Heard,
     monkeypatch: pytest.MonkeyPatch,
 ) -> None:
-    # What ends a thread may end that of the login, once it has done its work.
+    # An exception that ends a thread may end that of the login, after it has done its work.
     monkeypatch.setattr(threading, "excepthook", lambda told: None)
 
     def leave(event: Any) -> None:

@@ -1,4 +1,4 @@
-"""A program ends at once, with exit code 0 and without a word, whatever its keeper is doing."""
+"""A program exits at once, with exit code 0 and without output, whatever its keeper is doing."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""What a further attempt would meet again stops a wallet, loudly; its good token is served to the end."""
+"""A permanent error stops a wallet, with an error in the log; its valid token is served until it expires."""
 
 from __future__ import annotations
 
@@ -79,7 +79,7 @@ def test_a_renewal_that_meets_it_stops(
     assert text in event.message
     errors = [record for record in caplog.records if record.levelno == logging.ERROR]
     assert [record.tessaline_event for record in errors] == [event]  # type: ignore[attr-defined]
-    # The copy is good for as long as it would have been.
+    # The copy stays valid until its own expiry.
     asked = len(service.asked)
     clock.now = expiry - 0.5
     assert keeper.get_token(timeout=0) == service.granted[0].token
@@ -114,7 +114,7 @@ def test_later_these_are_tried_again(
     service.fault, _ = FINAL_AT_FIRST[name]
     pass_time(keeper, clock, RENEWAL)
     assert keeper.status().state == "retrying"
-    # Worse than an outage, and told as such.
+    # Worse than an outage, and reported as such.
     event = heard.wait_for("attempt failed")
     assert event.level == logging.ERROR
     assert next_attempt(keeper) > clock.now

@@ -1,4 +1,4 @@
-"""Many wallets: a few logins at a time, one thread for all, and no wallet that holds up the others."""
+"""Many wallets: a few concurrent logins, one thread for all, and no wallet that delays the others."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ def workers(census: ThreadCensus) -> int:
 
 
 def check_the_bound(service: Service, keeper: Any, census: ThreadCensus, at_once: int) -> None:
-    """Held at the gate are as many as may be, and not one more comes."""
+    """The gate holds the maximum number of logins, and no further one arrives."""
     until(lambda: len(service.under_way) == at_once, "a full gate")
     assert len(set(service.under_way)) == at_once
     assert workers(census) <= at_once
@@ -145,7 +145,7 @@ def test_wallets_that_always_fail_do_not_starve_the_others(
 
 
 def test_due_wallets_take_turns(make_keeper: Callable[..., Any], service: Service, clock: HandClock) -> None:
-    # Of wallets that are due at one moment, none is tried twice before all were tried once.
+    # Of wallets that are due at the same time, none is retried before all were tried once.
     service.fault = away()
     keeper = make_keeper(20, at_once=1)
     keeper.start(wait=False)

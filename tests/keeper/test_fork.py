@@ -1,4 +1,4 @@
-"""A child process goes on with the keeper that it inherits, as prefork servers need."""
+"""A child process can use the keeper that it inherits, as prefork servers need."""
 
 from __future__ import annotations
 
@@ -203,7 +203,7 @@ PROGRAMS = {
         for thread in threads:
             thread.start()
         def child():
-            # Its service's era stands still here, so it takes one that is there for sure.
+            # The era of its service is constant here, so it uses one that exists.
             service.era = 10**6
             keeper.status()
             for one in keeper:

@@ -1,4 +1,4 @@
-"""A keeper in a program that gevent has patched: its threads are greenlets, and none holds up the others."""
+"""A keeper in a program that gevent has patched: its threads are greenlets, and none blocks the others."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ from .support import programs
 
 pytestmark = [pytest.mark.process, moves_stacks]
 
-# With the host's events, and with those that gevent puts in their place.
+# With the interpreter's events, and with gevent's.
 PATCHED = {
     call: f"from gevent import monkey\nmonkey.{call}\nimport gevent\n" + programs.PRELUDE
     for call in ("patch_all()", "patch_all(Event=False)")
@@ -30,7 +30,7 @@ PROGRAM = """
     clock.now += 0.7 * LIFETIME
     until(lambda: len(service.granted) == 10)
 
-    # Who waits for a token leaves the others alone.
+    # Waiting for a token does not block the others.
     gate = service.hold()
     clock.now += LIFETIME
     gate.reached()
@@ -104,7 +104,7 @@ def test_an_era_brings_no_failure_where_the_transport_yields(patch: str) -> None
         for era in (2, 3):
             service.era = era
             keeper.notify_era_change(era)
-            # The clock stands: after a failure there would be no other attempt.
+            # The clock stands still: after a failure there would be no retry.
             assert {era_of(keeper[one].get_token()) for one in keeper} == {era}
         assert {event.kind for event in events} <= {"logged in", "era met"}, events
         assert len(service.granted) == 9

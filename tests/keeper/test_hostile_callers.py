@@ -1,4 +1,4 @@
-"""Callers with odd time-outs, and many who report at the wrong moment."""
+"""Callers with odd time-outs, and many that report at the worst time."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ def clock() -> WatchedClock:
 
 
 class Readings:
-    """Tells when workers have come to the clock, where they hold the keeper's lock until they wait."""
+    """Reports when workers have read the clock, where they hold the keeper's lock until they wait."""
 
     def __init__(self, clock: WatchedClock) -> None:
         self.of: dict[int, int] = {}
@@ -69,7 +69,7 @@ def test_a_wait_may_be_as_long_as_one_likes(
     has_failed(keeper)
     readings = Readings(clock)
     waiting = Worker(keeper.get_token, timeout=timeout)
-    # Of its own, and of those that it makes with the lock.
+    # Its own, and those that it makes with the lock.
     readings.wait_for(2, keeper)
     assert waiting.alive
     service.heal()
@@ -78,14 +78,14 @@ def test_a_wait_may_be_as_long_as_one_likes(
 
 
 def test_a_time_out_that_is_no_number(keeper: Any, service: Service, clock: WatchedClock) -> None:
-    # Where a token is good nobody waits.
+    # While a token is valid no call waits.
     assert keeper.get_token(timeout=NAN) == service.granted[0].token
     service.fault = away()
     clock.now += LIFETIME
     has_failed(keeper)
     worker = Worker(keeper.get_token, timeout=NAN)
     assert isinstance(worker.failure(5.0), ValueError)
-    # Nobody is left who spins.
+    # No thread is left that spins.
     service.heal()
     pass_time(keeper, clock, 10.0)
     assert keeper.get_token(timeout=0) == service.granted[1].token

@@ -1,4 +1,4 @@
-"""Clocks that raise, talk nonsense or are set at the worst moment: no step of the keeper's ends half-way."""
+"""Clocks that raise, return nonsense or are set at the worst time: no step of the keeper stops half-way."""
 
 from __future__ import annotations
 
@@ -34,7 +34,7 @@ def clock() -> WatchedClock:
 
 @pytest.fixture
 def service(clock: WatchedClock) -> Any:
-    """One with a clock that never fails."""
+    """A manager whose clock never fails."""
     played = Service(lambda: clock.now)
     yield played
     played.let_go()
@@ -63,7 +63,7 @@ def test_raises_while_an_era_is_announced(
     clock.error = trouble()
     keeper.notify_era_change(2)
     clock.error = None
-    # An attempt that met the clock's trouble is tried again.
+    # An attempt that failed because of the clock is retried.
     until(lambda: pass_time(keeper, clock, 10.0) or keeper.status().state == "good", "a good keeper")
     assert [era_of(keeper[one].get_token(timeout=0)) for one in keeper] == [2, 2, 2]
 
@@ -163,7 +163,7 @@ def test_raises_while_a_refusal_is_reported(
     assert keeper.report_refused(refused) is True
     clock.before = None
     assert keeper.get_token(timeout=0) == service.granted[2].token
-    # The next one is not taken for one that waits still.
+    # The next one is not mistaken for one that still waits.
     pass_time(keeper, clock, 600.0)
     assert keeper.report_refused(keeper.get_token()) is True
     assert len(service.granted) == 4
@@ -193,6 +193,6 @@ def test_raises_while_the_status_is_asked_for(
     clock.error = trouble()
     during = [keeper.status(), *(keeper[one].status() for one in keeper)]
     clock.error = None
-    # What cannot be known to be good is not called so.
+    # What may have expired is not reported as valid.
     assert all(status.seconds_left == 0.0 and status.state != "good" for status in during)
     assert keeper.status() == before

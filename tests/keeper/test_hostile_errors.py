@@ -1,4 +1,4 @@
-"""What an attempt met may be odd, and is raised to many: each gets an error of its own."""
+"""An attempt may raise odd errors, and several callers get them: each gets its own copy."""
 
 from __future__ import annotations
 
@@ -53,7 +53,7 @@ ERRORS = {
 
 
 class Body:
-    """What a request keeps in a variable."""
+    """A variable of a request."""
 
 
 @pytest.mark.parametrize("name", ERRORS)
@@ -82,7 +82,7 @@ def test_who_is_raised_an_error_finds_nothing_of_another_caller(
     for error in (first, second):
         assert error.__notes__.count("a note of its own") == 1
         assert [frame.f_code.co_name for frame, _ in traceback.walk_tb(error.__traceback__)].count("ask") == 1
-    # Nor does the keeper hold the frames of who has asked.
+    # Nor does the keeper refer to the frames of callers.
     del first, second, error
     gc.collect()
     assert [body() for body in bodies] == [None, None]

@@ -1,4 +1,4 @@
-"""What a program does with events and with the log may fail, wait or ask: the keeper goes on."""
+"""The program's handlers of events and log records may raise, block or call the keeper: it continues."""
 
 from __future__ import annotations
 
@@ -59,7 +59,7 @@ def test_what_on_event_raises_ends_no_scheduler(
     settle(keeper, clock)
     to_next_attempt(keeper, clock)
     assert keeper.get_token(timeout=0) == service.granted[1].token
-    # It is not kept quiet.
+    # It is logged.
     told = [
         record
         for record in caplog.records
@@ -69,7 +69,7 @@ def test_what_on_event_raises_ends_no_scheduler(
 
 
 class Broken(logging.Handler):
-    """Its disk is full, whoever logs; as a filter it is no better."""
+    """Fails for every record as if its disk were full; as a filter too."""
 
     def __init__(self) -> None:
         super().__init__()
@@ -118,7 +118,7 @@ def test_a_log_that_raises_ends_no_thread(
     to_next_attempt(keeper, clock)
     assert keeper.get_token(timeout=0) == service.granted[2].token
     assert broken.met == {SCHEDULER, LOGIN_THREAD}
-    # Nobody misses an event for it.
+    # No event is lost because of it.
     heard.wait_for("renewed", 2)
     assert heard.kinds()[:2] == ["logged in", "renewed"]
 
@@ -154,7 +154,7 @@ def test_on_event_that_waits_for_a_token_does_not_wait_for_itself(
 
 @pytest.mark.process
 def test_a_log_handler_asks_for_the_status_while_a_clock_fails() -> None:
-    # One thread is in the handler, and asks; the keeper tells of its clock, and waits for the handler.
+    # One thread is in the handler, and calls; the keeper reports its clock, and waits for the handler.
     program = """
         import logging
         logging.disable(logging.NOTSET)

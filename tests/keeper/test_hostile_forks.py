@@ -1,4 +1,4 @@
-"""Forks while keepers are not started, clocks are slow, or several threads fork: no lock is lost."""
+"""Forks while keepers are not started, clocks are slow, or several threads fork: no lock stays locked."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ from tests.keeper.support.looks import SCHEDULER
 from tests.shared.threads import Worker, within
 
 def slow_clock(name):
-    # A clock that can be held up where it is read by the threads of this name: the clock, and who is at it.
+    # A clock that can be blocked where threads of this name read it: the clock, and who reads it.
     clock = WatchedClock()
     clock.reached, clock.may_go = threading.Event(), threading.Event()
     clock.is_slow = False
@@ -28,7 +28,7 @@ def slow_clock(name):
     clock.before = hold
     return clock
 
-# Every fork tells that it has begun; registered after the keeper's import, so called before its hook.
+# Every fork reports its begin; registered after the keeper's import, so it runs before its hook.
 begun = threading.Semaphore(0)
 os.register_at_fork(before=begun.release)
 """
@@ -92,7 +92,7 @@ PROGRAMS = {
             time.sleep(0.05)
             os.kill(os.getpid(), signal.SIGUSR1)
         threading.Thread(target=interrupt).start()
-        # Parent and child come out of the same wait.
+        # Parent and child return from the same wait.
         assert keeper.get_token(timeout=None) == service.granted[-1].token
         keeper.close()
         if children == [0]:
@@ -104,7 +104,7 @@ PROGRAMS = {
         keepers = [Keeper(manager(service, clock, number)) for number, clock in enumerate(clocks)]
         for keeper in keepers:
             keeper.start()
-        # Whichever a fork takes last is the slow one once.
+        # Each is the slow one once, whichever a fork takes last.
         for clock in clocks:
             clock.is_slow = True
             assert clock.reached.wait(10)

@@ -1,4 +1,4 @@
-"""Who reports errors with the variables of their frames reports no secret of the keeper's."""
+"""Error reports with the variables of the frames show no secret of the keeper's."""
 
 from __future__ import annotations
 
@@ -32,7 +32,7 @@ def frames_of(error: BaseException) -> Iterator[FrameType]:
 
 
 def variables(error: BaseException) -> list[str]:
-    """What a service that reports errors would be sent of the package's own frames."""
+    """What a service for error reports would get of the package's own frames."""
     own = [one for one in frames_of(error) if str(one.f_globals["__name__"]).startswith("tessaline")]
     assert len(own) >= 2
     return [f"{name} = {value!r}" for frame in own for name, value in frame.f_locals.items()]
@@ -42,7 +42,7 @@ def variables(error: BaseException) -> list[str]:
 def test_no_token_in_the_variables_of_the_frames(
     announced: str, make_keeper: Callable[..., Any], service: Service, clock: HandClock
 ) -> None:
-    # The server goes on giving out tokens of the era before.
+    # The server keeps issuing tokens of the previous era.
     keeper = make_keeper()
     if announced == "later":
         keeper.start()
@@ -75,7 +75,7 @@ def test_no_signature_in_the_variables_of_the_frames(
         if asked.path == VERIFY:
             raise OSError("the proxy refuses")
 
-    # Signatures are the same each time: the challenge is.
+    # All signatures are equal, because the challenge is constant.
     make_keeper().start()
     service.fault = refuse_the_answer
     keeper = make_keeper()

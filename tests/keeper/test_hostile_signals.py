@@ -1,4 +1,4 @@
-"""Signal handlers that raise or close the keeper, at each moment at which one can run."""
+"""Signal handlers that raise or close the keeper, at every point where one can run."""
 
 from __future__ import annotations
 
@@ -8,12 +8,12 @@ from .support import programs
 
 pytestmark = pytest.mark.process
 
-# A trace function is called where the interpreter looks for signals, and sends one there.
+# A trace function is called where the interpreter checks for signals, and sends one there.
 MOMENTS = """
 import itertools
 import tessaline.keeper.scheduler as scheduler
 from tests.keeper.support.driving import settle
-# A handler that closes waits for threads which wait for whom it has interrupted.
+# A handler that closes waits for threads which wait for the interrupted one.
 scheduler._JOIN = 0.01
 signal.alarm(20)
 
@@ -21,7 +21,7 @@ class Interruption(Exception):
     pass
 
 def at_moment(number, kinds, call):
-    # Make the call, and send a signal at the moment of this number; whether there was one.
+    # Make the call, and send a signal at the point with this number; returns whether there was one.
     left = [number]
     def look(frame, kind, argument):
         code = frame.f_code
@@ -46,7 +46,7 @@ def interrupt(*_):
 ERA = """
 PLACES = ("keeper.py", "scheduler.py", "wallet.py", "ledger.py", "clocks.py")
 signal.signal(signal.SIGUSR1, interrupt)
-# The clock stands still: an attempt that failed would not be made again.
+# The clock stands still: a failed attempt would not be retried.
 board = EraBoard()
 keeper = Keeper(fleet(service, clock, 3), era_board=board)
 keeper.start()
@@ -131,7 +131,7 @@ CALLS = {
 
 @pytest.mark.parametrize("name", CALLS)
 def test_a_handler_closes_the_keeper_when_a_wait_begins(name: str) -> None:
-    # After the look at what is waited for, and before anybody can be told of it.
+    # After the check of what is waited for, and before anything can wake the thread.
     program = f"""
 signal.alarm(3)
 PLACES = ("threading.py:Condition.wait:",)

@@ -1,4 +1,4 @@
-"""Threads that cannot be started, and a signal that comes while one is: the keeper goes on when it can."""
+"""Threads that cannot be started, and a signal during a start: the keeper continues when it can."""
 
 from __future__ import annotations
 
@@ -72,7 +72,7 @@ def test_no_thread_at_the_start(
     with pytest.raises(type(error)):
         keeper.start()
     lack.clear()
-    # Who asks for a token has another one started.
+    # A call for a token starts another one.
     assert keeper.get_token() == service.granted[0].token
     keeper.start()
     assert len(service.granted) == 1

@@ -1,4 +1,4 @@
-"""Keepers that come and go leave nothing behind, and one that stays does not grow."""
+"""Keepers that are created and closed leave nothing behind, and one that stays does not grow."""
 
 from __future__ import annotations
 
@@ -27,13 +27,13 @@ from .support.wallets import key
 
 KEEPERS = 200
 WARM = 20
-# What two hundred of anything would be more than.
+# Two hundred leaked objects of any kind would exceed this.
 BYTES = 100 * KEEPERS
 BLOCKS = KEEPERS
 
 
 class Forgetful(Service):
-    """A service that keeps no books: they would grow by themselves."""
+    """A service without records, which would grow."""
 
     def __call__(self, *args: Any, **more: Any) -> Any:
         try:
@@ -45,7 +45,7 @@ class Forgetful(Service):
 
 @pytest.fixture(autouse=True)
 def nobody_looks() -> Iterator[None]:
-    """The canary remembers what it has seen, and pytest what was logged."""
+    """The canary remembers the texts it has seen, and pytest the log."""
     logging.disable(logging.CRITICAL)
     with canary.resting():
         yield
@@ -53,7 +53,7 @@ def nobody_looks() -> Iterator[None]:
 
 
 def managers(service: Service, clock: HandClock) -> list[Any]:
-    # Not those that the canary watches.
+    # Without those that the canary watches.
     return [
         auth.AuthManager(key(number), "https://auth.example.test", clock=clock, _transport=service)
         for number in range(2)

@@ -1,4 +1,4 @@
-"""What an operator reads: a line for each event, with fields, and never a secret."""
+"""The log for operators: a line for each event, with fields, and never a secret."""
 
 from __future__ import annotations
 
@@ -27,7 +27,7 @@ def told(caplog: pytest.LogCaptureFixture) -> pytest.LogCaptureFixture:
 
 
 def live(keeper: Any, service: Service, clock: HandClock, heard: Heard) -> None:
-    """A life in which everything happens that is told."""
+    """Causes every event that is reported."""
     keeper.start()
     pass_time(keeper, clock, RENEWAL)
     service.era = 2
@@ -87,7 +87,7 @@ def test_words_say_what_an_operator_wants_to_know(
 ) -> None:
     keeper = make_keeper()
     live(keeper, service, clock, heard)
-    # Hours that the new one lasts; the reason, and hours left.
+    # The lifetime of the new one in hours; the reason, and hours left.
     assert "24" in heard.of("renewed")[0].message
     failed = heard.of("attempt failed")[0]
     assert "Server unreachable after 3 attempts" in failed.message

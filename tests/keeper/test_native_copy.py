@@ -1,4 +1,4 @@
-"""The copy that is served natively, the board, and the clock that is read at the last tick."""
+"""The natively served copy, the board, and the clock that is read at the last tick."""
 
 import ctypes
 import gc
@@ -15,7 +15,7 @@ METHOD = ctypes.PYFUNCTYPE(ctypes.py_object, ctypes.py_object, ctypes.c_void_p)
 
 
 class Source(Serving):
-    """Says what it was asked to wait for."""
+    """Records the time-out of each wait."""
 
     def _wait_for_token(self, timeout: float | None) -> str:
         return f"waited {timeout}"
@@ -148,7 +148,7 @@ def test_cycles_are_collected(board: EraBoard) -> None:
 
 
 def test_another_function_behind_the_same_clock_is_seen(board: EraBoard) -> None:
-    # As programs that travel through time do it: `time.time` stays the object that it was.
+    # As time-travel libraries do: `time.time` stays the same object.
     def tomorrow(_module: object, _nothing: object) -> float:
         return now + 86400.0
 

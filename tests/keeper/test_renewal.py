@@ -1,4 +1,4 @@
-"""When the keeper renews: early, jittered, and before the managers would."""
+"""When the keeper renews: early, with jitter, and before the managers would."""
 
 from __future__ import annotations
 
@@ -16,7 +16,7 @@ from .support.service import LIFETIME, Service
 from .support.wallets import fleet
 
 WALLETS = 40
-# Of a wall clock's second.
+# In seconds of the wall clock.
 SHORT = 1.0
 
 
@@ -38,7 +38,7 @@ def test_renewals_are_spread_around_their_time(
     clock.now = began + latest + SHORT
     settle(keeper, clock)
     assert [len(service.tokens(one)) for one in keeper] == [2] * WALLETS
-    # Forty times that agree to a fifth of the range would be no jitter.
+    # If all forty were within a fifth of the range, there would be no jitter.
     assert middle >= 2
 
 
@@ -81,7 +81,7 @@ def test_every_renewal_is_the_keepers(
 ) -> None:
     keeper = make_keeper()
     keeper.start()
-    # By steps too large for either to be in time: past the managers' own renewal, and past the expiry.
+    # In steps that are too large for either: past the managers' own renewal, and past the expiry.
     for hours in (20, 23, 30, 16):
         pass_time(keeper, clock, hours * 3600.0)
     assert len(service.granted) == 5

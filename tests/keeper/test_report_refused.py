@@ -1,4 +1,4 @@
-"""`report_refused()`: one login for all who were refused, and not more often than every five minutes."""
+"""`report_refused()`: one login for all reports of a token, at most every five minutes."""
 
 from __future__ import annotations
 
@@ -70,7 +70,7 @@ def test_at_most_one_login_in_five_minutes(older: Any, service: Service, clock: 
 
 
 def test_a_login_that_failed_counts_as_well(older: Any, service: Service, clock: HandClock) -> None:
-    # Who is refused a hundred times a second would else ask an ailing server as often.
+    # Otherwise a program that gets 100 refusals a second would send the server as many logins.
     service.fault = away()
     refused = older.get_token()
     assert older.report_refused(refused) is False
@@ -109,7 +109,7 @@ def test_one_wallet_of_a_fleet_alone(
     assert keeper[one].report_refused(keeper[one].get_token()) is True
     assert len(service.tokens(one)) == 2
     assert all(len(service.tokens(other)) == 1 for other in others)
-    # Its five minutes are not those of the others.
+    # Its five minutes are independent of the others'.
     assert keeper[others[0]].report_refused(keeper[others[0]].get_token()) is True
 
 

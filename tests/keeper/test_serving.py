@@ -1,4 +1,4 @@
-"""`get_token()`: while a token is good nobody waits and nobody is refused, whatever goes on."""
+"""`get_token()`: while a token is valid no call waits or fails, whatever happens."""
 
 from __future__ import annotations
 
@@ -56,7 +56,7 @@ def test_nobody_is_refused_while_renewals_fail(
         pass_time(keeper, clock, step)
         assert keeper.status().failures > 0
         assert keeper.get_token(timeout=0) == first
-    # By far the most that a float loses here.
+    # The rounding error of a float here is far smaller.
     clock.now = keeper.status().expiry - 0.001
     assert keeper.get_token(timeout=0) == first
 

@@ -1,4 +1,4 @@
-"""A keeper of two wallets through random histories, against a model of what it promises."""
+"""A keeper of two wallets through random histories, compared with a model of its guarantees."""
 
 from __future__ import annotations
 
@@ -44,7 +44,7 @@ PASSING: list[Fault] = [
 
 @dataclasses.dataclass
 class Held:
-    """The token that a wallet was given last, until when it must be served and until when it may be."""
+    """The latest token of a wallet, until when it must be served and until when it may be."""
 
     token: str
     era: int
@@ -57,7 +57,7 @@ def is_open(machine: Machine) -> bool:
 
 
 def is_free(machine: Machine) -> bool:
-    """Nobody is held in the middle of a request."""
+    """No request is held."""
     return machine.is_open and machine.service.gate is None
 
 
@@ -97,7 +97,7 @@ class Machine(RuleBasedStateMachine):
             self.held[one.address] = Held(one.token, one.era, expiry, expiry)
             self.booked += 1
         now = {address for address in self.keeper if self.keeper[address].status().state == "stopped"}
-        # Nothing but a refusal stops a wallet that has logged in, and nothing but `start` brings it back.
+        # Only a permanent error stops a wallet that has logged in, and only `start` restarts it.
         assert now == self.stopped or (now > self.stopped and self.service.fault in REFUSALS)
         self.stopped = now
 
@@ -222,12 +222,12 @@ class Machine(RuleBasedStateMachine):
     def the_clock_is_set(self, seconds: float) -> None:
         self.clock.now += seconds
         for held in self.held.values():
-            # The keeper may take off what the clock was set back by.
+            # The keeper may subtract what the clock was set back by.
             held.must_until += min(0.0, seconds)
         self.clock.await_looks()
         self.come_to_rest()
 
-    # The host
+    # The program
 
     @precondition(is_open)
     @rule(ahead=st.integers(-1, 2))
@@ -235,7 +235,7 @@ class Machine(RuleBasedStateMachine):
         era = max(1, self.service.era + ahead)
         self.keeper.notify_era_change(era)
         self.announced = max(self.announced, era)
-        # At once, whatever the logins that it sets off come to.
+        # At once, whatever the result of the logins that it starts.
         for address in self.keeper:
             with contextlib.suppress(Exception):
                 assert self.era_served(address) >= self.announced
@@ -281,7 +281,7 @@ class Machine(RuleBasedStateMachine):
     @precondition(is_open)
     @rule(earnest=st.integers(0, 9))
     def it_is_closed(self, earnest: int) -> None:
-        # A history should not end before it has begun.
+        # Prevents histories that end at once.
         if earnest:
             return
         waiting = [

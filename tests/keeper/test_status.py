@@ -1,4 +1,4 @@
-"""`status()`: every state in words, and numbers that agree with them."""
+"""`status()`: every state by name, and consistent numbers."""
 
 from __future__ import annotations
 
@@ -178,7 +178,7 @@ def test_it_is_frozen(keeper: Any, address: str) -> None:
 
 
 def test_it_shows_no_secret(keeper: Any, service: Service) -> None:
-    # The canary looks at a failing test's text; here it is looked at on purpose.
+    # The canary examines the text of a failing test; here that is intended.
     assert service.granted[0].token not in repr(keeper.status())
 
 

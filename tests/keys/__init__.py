@@ -1,1 +1,1 @@
-"""`tessaline.keys`: what is read, what is refused, and that no error shows any of it."""
+"""`tessaline.keys`: what is accepted, what is rejected, and that no error shows any of it."""

@@ -12,7 +12,7 @@ MODULES: list[ModuleType] = [keys, _private_file]
 
 
 def shows(error: BaseException, secret: str) -> bool:
-    """Looked for are the secret and its halves."""
+    """Searches for the secret and its halves."""
     half = len(secret) // 2
     parts = [secret, secret[:half], secret[half:]]
     told = "".join(map(_told_by, chain(error)))

@@ -1,4 +1,4 @@
-"""A key from a file that others may not read."""
+"""A key from a file that other users cannot read."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ from tests.shared.threads import join_all
 
 from .discretion import shows
 
-# No test's key is known to another one, and comparisons are made so that none shows in a failure.
+# Each test has its own key, and comparisons are made so that none shows in a failure.
 KEY = secrets.token_hex(32)
 
 
@@ -160,7 +160,7 @@ def test_a_link_counts_as_what_it_leads_to(key_file: Path, tmp_path: Path) -> No
 
 
 class Swapped:
-    """`os.open`, which has another file at the path as soon as it has opened the one that was there."""
+    """`os.open`, which replaces the file at the path as soon as it has opened it."""
 
     def __init__(self, path: Path, other: Path) -> None:
         self.path, self.other, self.calls = path, other, 0
@@ -191,7 +191,7 @@ def test_the_opened_file_is_looked_at_and_not_what_is_at_the_path_then(
     assert swapped.calls == 1
 
 
-# Other kinds of files
+# Other types of files
 
 
 def write(descriptor: int, text: str) -> None:
@@ -222,7 +222,7 @@ def test_a_named_pipe_is_a_file_like_others(tmp_path: Path) -> None:
     assert reads(path)
     join_all([writer])
     path.chmod(0o644)
-    # Opened for both, so that nobody waits for the other end.
+    # Opened for both, so that no open waits for the other end.
     both = os.open(path, os.O_RDWR)
     refused(path)
     os.close(both)

@@ -17,7 +17,7 @@ from tessaline.keys import from_keystore
 
 from .discretion import shows
 
-# The example of the format's own definition ("Web3 Secret Storage"), with PBKDF2.
+# The example in the definition of the format ("Web3 Secret Storage"), with PBKDF2.
 PUBLISHED: dict[str, Any] = {
     "crypto": {
         "cipher": "aes-128-ctr",
@@ -43,7 +43,7 @@ PASSWORD = f"päss {secrets.token_hex(8)}"
 
 
 def encrypted(key: str = KEY, kdf: str = "pbkdf2") -> dict[str, Any]:
-    """A keystore that is quick to open."""
+    """A keystore that is decrypted quickly."""
     store: dict[str, Any] = Account.encrypt(bytes.fromhex(key), PASSWORD, kdf=kdf, iterations=2)  # type: ignore[arg-type]
     return store
 

@@ -1,4 +1,4 @@
-"""A key with a line end that is given to a manager keeps its error, whose note says what is wrong."""
+"""A key with a line end that is passed to a manager keeps its error, whose note gives the reason."""
 
 from __future__ import annotations
 

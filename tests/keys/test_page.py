@@ -1,4 +1,4 @@
-"""The page about keys: its examples run, and what it says of modes and errors holds."""
+"""The page about keys: its examples run, and its statements on modes and errors are true."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""Runs the hunt over the tests that the arguments choose, all if none, in processes that share them out."""
+"""Runs the hunt over the tests in the arguments, by default all, distributed over processes."""
 
 from __future__ import annotations
 
@@ -15,13 +15,13 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 
-# What makes readings repeat: no thread keeps the blocks that it freed, and hashes are the same in every run.
+# Makes readings reproducible: no thread caches freed blocks, and hashes are the same in every run.
 SURROUNDINGS = {
     "GLIBC_TUNABLES": "glibc.malloc.tcache_count=0",
     "PYTHONHASHSEED": "0",
     "TESSALINE_STRESS_SECONDS": "5",
 }
-# Warnings are gathered until a test with all its repetitions is over, so they would grow.
+# Warnings are collected until a test with all its repetitions is over, so they would grow.
 OPTIONS = (
     "-q",
     "-p",
@@ -33,7 +33,7 @@ OPTIONS = (
     "-p",
     "tests.leakhunt.plugin",
 )
-# A repetition is given the time that a test is given alone.
+# Each repetition gets the time-out of a single test.
 TIMEOUTS = ("--timeout", "120", "-o", "timeout_func_only=true")
 
 
@@ -51,7 +51,7 @@ def main() -> int:
     parser = argparse.ArgumentParser(prog="leaks")
     parser.add_argument("--at-once", type=int, default=2)
     chosen, arguments = parser.parse_known_args()
-    # A shell has its background jobs ignore Ctrl-C, and so would the tests that send it to themselves.
+    # A shell makes background jobs ignore Ctrl-C, and so would the tests that send it to themselves.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     begun = time.monotonic()
     counts: Counter[str] = Counter()

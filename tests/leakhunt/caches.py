@@ -1,4 +1,4 @@
-"""Puts away what the interpreter and the standard library keep for later, as CPython's own leak hunt does."""
+"""Clears the caches of the interpreter and the standard library, as CPython's own leak hunt does."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ def clear() -> None:
     for module in list(sys.modules.values()):
         if hasattr(module, "__warningregistry__"):
             del module.__warningregistry__  # pyright: ignore[reportAttributeAccessIssue]
-    # An error that a test let through is kept for a debugger.
+    # An error that a test raised is kept for a debugger.
     for name in ("last_exc", "last_type", "last_value", "last_traceback"):
         if hasattr(sys, name):
             delattr(sys, name)

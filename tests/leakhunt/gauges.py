@@ -1,4 +1,4 @@
-"""What is counted after each repetition.
+"""The counts after each repetition.
 
 Readings go into an array that is made beforehand: what the hunt keeps must not count as growth.
 """
@@ -19,8 +19,8 @@ from tests.shared.threads import native_threads
 from . import caches
 from .secret_slots import SecretPages
 
-# A thread that was joined is still listed by the system for a moment, and a peer's hanging up takes one, too.
-# Whoever needs more is waited for half as long the next time.
+# The system lists a joined thread for a moment longer, and a peer's closing takes one, too. A test that needs
+# more gets half the wait the next time.
 GRACE_SECONDS = 0.5
 TIGHTEST_CHUNK = 16
 BLOCKS = 0  # its column
@@ -57,7 +57,7 @@ def native_bytes() -> int:
 
 
 class Remembered:
-    """Counts what the libraries below remember by design, each at most `BYTES`.
+    """Counts what the libraries below cache by design, each at most `BYTES`.
 
     libcurl keeps every address that it was ever asked to connect to for a minute, and a server that a test
     starts has a new one. glibc keeps every text that was ever put into the environment, for good.
@@ -67,7 +67,7 @@ class Remembered:
 
     def __init__(self) -> None:
         self.count = 0
-        # Whether a text was seen, by its hash: to keep the texts themselves would be growth.
+        # Whether a text was seen, by its hash: keeping the texts themselves would be growth.
         self._seen = bytearray(1 << 20)
         sys.addaudithook(self._see)
 
@@ -81,7 +81,7 @@ class Remembered:
 
 
 def memory_blocks() -> int:
-    # Interned texts that live for ever are the interpreter's.
+    # Immortal interned texts belong to the interpreter.
     return sys.getallocatedblocks() - sys.getunicodeinternedsize(_only_immortal=True)
 
 
@@ -98,7 +98,7 @@ def _references_to(thing: object) -> Callable[[], int]:
 
 
 class Gauge:
-    """A name, a way to count, and the least that one leaked thing adds."""
+    """A name, a way to count, and the least that one leak adds."""
 
     def __init__(self, name: str, count: Callable[[], int], least: int = 1) -> None:
         self.name = name
@@ -124,7 +124,7 @@ class Gauges:
             Gauge("descriptors", descriptors),
         ]
         self.all = [
-            # First: whatever the others allocate is gone again, but not while they count.
+            # First: what the others allocate is freed again, but not while they count.
             Gauge("memory blocks", memory_blocks),
             Gauge("native bytes", self._unexplained_bytes, TIGHTEST_CHUNK),
             Gauge("secret slots", SecretPages().in_use),
@@ -134,7 +134,7 @@ class Gauges:
         ]
 
     def read(self, row: array[int], before: array[int] | None) -> None:
-        """Count everything into `row`, when what takes a moment to go has gone. The first has no `before`."""
+        """Count everything into `row`, after short-lived things have ended. The first has no `before`."""
         if before is None:
             self._grace = GRACE_SECONDS
         else:

@@ -1,4 +1,4 @@
-"""Where the memory that a leak keeps was allocated."""
+"""Where leaked memory was allocated."""
 
 from __future__ import annotations
 

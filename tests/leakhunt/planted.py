@@ -1,4 +1,4 @@
-"""Tests with a planted leak, one of each kind, and some that only look like it. Run by test_leakhunt.py."""
+"""Tests with a planted leak, one of each kind, and some false positives. Run by test_leakhunt.py."""
 
 from __future__ import annotations
 

@@ -25,7 +25,7 @@ from .verdict import leaked_per_repetition, may_leak
 
 WARM_UP = 2
 MEASURED = 3
-# What is kept twice, the second time for longer, is a leak.
+# Growth in two series, the second one longer, is a leak.
 CONFIRMING = (20, 40)
 PROCESS_MARK = "process"
 COUNTS = ("repeated", "repetitions", "suspected", "leaking", "failed", "elsewhere")
@@ -59,10 +59,10 @@ class Hunt:
         self.counts["elsewhere"] = len(elsewhere)
 
     def pytest_collection_finish(self) -> None:
-        from canary import registry  # found since the tests are
+        from canary import registry  # importable once tests were collected
 
-        registry.at_rest = True  # what it plants it keeps
-        # What is there before the first test need not be looked through after each.
+        registry.at_rest = True  # it keeps what it plants
+        # Objects from before the first test need not be scanned after each.
         caches.clear()
         self._finalizers = _Finalizers()
         gc.freeze()
@@ -86,7 +86,7 @@ class Hunt:
         terminalreporter.write_line("leakhunt: " + ", ".join(f"{k} {v}" for k, v in self.counts.items()))
 
     def _is_ours(self, item: pytest.Item) -> bool:
-        """The first to come takes the test."""
+        """The first to arrive runs the test."""
         if self._shared is None:
             return True
         number = item.session.items.index(item)
@@ -97,7 +97,7 @@ class Hunt:
         return True
 
     def _hunt(self, item: pytest.Item) -> list[TestReport]:
-        """The reports of the first time or, when it did not go as the first time, of a later one."""
+        """The reports of the first time or, if the result differs later, of that time."""
         first = _run(item)
         if not all(report.passed for report in first):
             self.counts["failed"] += any(report.failed for report in first)
@@ -140,7 +140,7 @@ class Hunt:
         return first
 
     def _forget(self, item: pytest.Item, _reports: object = None) -> None:
-        """What pytest keeps of each repetition."""
+        """What pytest keeps for each repetition."""
         self._finalizers.restore()
         item._report_sections.clear()
 
@@ -164,7 +164,7 @@ class Hunt:
 
 
 class _Finalizers:
-    """pytest notes at a shared fixture, for each test anew, that the test's fixtures end before it."""
+    """For each test pytest adds to a shared fixture that the test's fixtures end before it."""
 
     def __init__(self) -> None:
         self._fixtures = [thing for thing in gc.get_objects() if isinstance(thing, FixtureDef)]
@@ -179,7 +179,7 @@ class _Finalizers:
 
 
 def _run(item: pytest.Item) -> list[TestReport]:
-    # The parent as what comes next: the test's own fixtures end, those shared with others stay.
+    # With the parent as the next item: the test's own fixtures end, shared ones stay.
     return runtestprotocol(item, nextitem=item.parent, log=False)  # type: ignore[arg-type]
 
 

@@ -15,10 +15,10 @@ SLOTS = 63
 
 
 class SecretPages:
-    """Finds the pages by what sets them apart: they are anonymous, writable and left out of core dumps."""
+    """Finds the pages by their properties: anonymous, writable and excluded from core dumps."""
 
     def __init__(self) -> None:
-        # The first key brings the first page; another is added only when no other has a free slot.
+        # The first key allocates the first page; another is added only when no page has a free slot.
         auth.AuthManager("1" * 64, "https://auth.example.test").close()
         self._words: list[ctypes.c_uint64] = []
         self._find()

@@ -1,4 +1,4 @@
-"""The hunt finds a planted leak of every kind, and blames nobody else."""
+"""The hunt finds a planted leak of every kind, and reports nothing else."""
 
 from __future__ import annotations
 
@@ -53,7 +53,7 @@ def hunted() -> str:
 
 
 def verdict_on(test: str, output: str) -> str:
-    """What is said of the test in the list of failures, empty when nothing is."""
+    """The report about the test in the list of failures; empty if there is none."""
     parts = re.split(r"^_+ (test_\w+) _+$", output.partition("= short test summary")[0], flags=re.MULTILINE)
     return dict(zip(parts[1::2], parts[2::2], strict=True)).get(test, "")
 

@@ -1,4 +1,4 @@
-"""From readings to leaks: what stays is one, and neither what comes and goes nor a cache that fills."""
+"""From readings to leaks: what stays is one, but neither what varies nor a cache that fills."""
 
 from __future__ import annotations
 
@@ -9,12 +9,12 @@ PARTS = 4
 
 
 def may_leak(readings: Sequence[int], least: int) -> bool:
-    """Whether the last reading leaves room for a leak of `least` somewhere since the first."""
+    """Whether the last reading allows for a leak of `least` somewhere since the first."""
     return readings[-1] - readings[0] >= least
 
 
 def leaked_per_repetition(readings: Sequence[int], least: int) -> float:
-    """How much each repetition left, 0 when that is less than half of `least`.
+    """How much each repetition left; 0 if that is less than half of `least`.
 
     What comes and goes does not raise the lowest reading of a quarter of them, and what is made but once
     raises it only once; what leaks raises it from each quarter to the next.

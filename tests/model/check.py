@@ -1,4 +1,4 @@
-"""Searches the model in every configuration, and every mutant of it until one configuration objects."""
+"""Searches the model in every configuration, and every mutant of it until a configuration detects it."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ ASSERTION = re.compile(r"\bassert\(")
 COMPILE = ["-O0", "-w", "-DCOLLAPSE", "-DMEMLIM=3500", "-DVECTORSZ=1024"]
 DEPTH = "-m1000000"
 TIMEOUT = 900
-# Of the processor's time, so that a busy machine finds what a quiet one does.
+# CPU time, so that a busy machine has the same results as an idle one.
 GLANCE_SECONDS = 1
 SAMPLE_SECONDS = 20
 
@@ -64,7 +64,7 @@ def mutants() -> list[Mutant]:
 
 
 class Unfinished(Exception):
-    """A search that took more of the processor's time than it was given."""
+    """A search that has exceeded its limit of CPU time."""
 
 
 def run(command: list[str], folder: Path, seconds: int = TIMEOUT, **environment: str) -> str:
@@ -108,7 +108,7 @@ def search(folder: Path, *options: str, mutant: int = 0, seconds: int = TIMEOUT)
 
 
 def search_intact(configuration: Configuration) -> tuple[Verdict, Verdict | None]:
-    """Every state; and, where that is small enough, whether a run can go on for ever."""
+    """Every state; and, if that is small enough, whether a run can continue for ever."""
     safety = search(make(configuration, "safety", "-DSAFETY"))
     if not configuration.small:
         return safety, None
@@ -116,7 +116,7 @@ def search_intact(configuration: Configuration) -> tuple[Verdict, Verdict | None
 
 
 def kill(mutant: Mutant) -> str:
-    """The configuration that objects to the mutant, or nothing. The excused are spared the large ones."""
+    """The configuration that detects the mutant, if any. The large ones are skipped for excused mutants."""
     small = [configuration for configuration in CONFIGURATIONS if configuration.small]
     large = [configuration for configuration in CONFIGURATIONS if not configuration.small]
     left = small if str(mutant) in SURVIVORS else [*small, *reversed(large), *SAMPLES]

@@ -1,22 +1,22 @@
-"""What each search of the model covers. What is not named is absent: no callers, no clock, no failures."""
+"""What each search of the model covers. What is not listed is absent: no callers, no clock, no failures."""
 
 from __future__ import annotations
 
 from dataclasses import dataclass, field
 
 ABSENT = {
-    "GETTERS": 0,  # calls of get_token, each on a thread of its own
+    "GETTERS": 0,  # calls of get_token, each on a separate thread
     "LOGINS": 0,  # threads that call authenticate ...
-    "LOGIN_CALLS": 1,  # ... so often
+    "LOGIN_CALLS": 1,  # ... this often
     "ERAS": 0,  # announcements by one thread of the program, each of a higher era
     "TICKS": 0,  # of the clock: a token is due after one and expired after two
-    "NOW": 0,  # ticks that have passed in the beginning
-    "CLOSES": 0,  # one call of close, at any moment
-    "LOGGED_IN": 1,  # begin with a token and a refresh thread
+    "NOW": 0,  # ticks that have passed at the beginning
+    "CLOSES": 0,  # one call of close, at any time
+    "LOGGED_IN": 1,  # starts with a token and a refresh thread
     "PATIENT": 0,  # the wait for a refresh does not time out, nor does the join of close
     "BACK_OFF": 0,  # flows may wait between two tries
     "PERMANENT_FAILURES": 0,  # besides transient ones
-    "EARLY_WAKES": 0,  # polls of each refresh thread at moments when nothing has changed
+    "EARLY_WAKES": 0,  # wake-ups of each refresh thread when nothing has changed
     "START_FAILURES": 0,  # threads that cannot be started
 }
 
@@ -25,7 +25,7 @@ ABSENT = {
 class Configuration:
     name: str
     sizes: dict[str, int]
-    small: bool = True  # enough to be searched for endless runs, and once for each mutant
+    small: bool = True  # small enough to be searched for endless runs, and once for each mutant
     values: dict[str, int] = field(init=False)
 
     def __post_init__(self) -> None:
@@ -56,7 +56,7 @@ CONFIGURATIONS = [
     Configuration("failed-starts", {"LOGINS": 1, "ERAS": 1, "START_FAILURES": 1}, small=False),
 ]
 
-# Too large to be searched whole: some mutants show only here, and soon.
+# Too large for a complete search: some mutants show only here, and soon.
 SAMPLES = [
     Configuration("expired-era", {"GETTERS": 1, "ERAS": 1, "NOW": 2, "TICKS": 2}),
     Configuration("due-era-served", {"GETTERS": 1, "ERAS": 1, "NOW": 1, "TICKS": 1}),

@@ -1,4 +1,4 @@
-"""Mutants that the searches cannot tell from the model, each with the reason."""
+"""Mutants that the searches cannot distinguish from the model, each with the reason."""
 
 from __future__ import annotations
 

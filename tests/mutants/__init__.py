@@ -1,4 +1,4 @@
-"""Faults planted into the sources one at a time, each of which the tests have to find. See `make mutants`.
+"""Faults planted into the sources one at a time, each of which the tests must find. See `make mutants`.
 
 The lists (`*.toml`) say under a file or folder of `src`, and under the tests that are to fail, what becomes
 of which text:

@@ -1,4 +1,4 @@
-"""`make mutants`: plants each fault, and runs the tests that are to find it."""
+"""`make mutants`: plants each fault, and runs the tests that must find it."""
 
 from __future__ import annotations
 
@@ -32,7 +32,7 @@ def main() -> int:
     if options.locate:
         print(f"mutants: {len(every)}, all of them in the sources")
         return 0
-    # All of them, whichever were chosen: the next choice builds nothing then.
+    # All of them, whichever are selected: another selection then needs no build.
     build(every)
     found: list[str] = []
 

@@ -25,7 +25,7 @@ class Mutant:
 
     @property
     def number(self) -> int:
-        """The same wherever it stands in the lists, so that a longer list builds little anew."""
+        """Independent of its position in the lists, so that a longer list rebuilds little."""
         return zlib.crc32("\0".join((self.room, self.landmark, self.old, self.new)).encode())
 
     def __str__(self) -> str:
@@ -35,7 +35,7 @@ class Mutant:
 
 @dataclass(frozen=True)
 class Place:
-    """Of what a mutant replaces."""
+    """The text that a mutant replaces."""
 
     file: Path
     begin: int
@@ -67,7 +67,7 @@ def _finds(place: Path, text: str) -> Iterator[tuple[Path, re.Match[str]]]:
 
 
 def _end_of_function(text: str, begin: int, end: int) -> int:
-    """Where the block ends that begins there: what closes it is indented no more than its first line."""
+    """The end of the block that begins there: its last line is indented no more than its first."""
     line = text.rfind("\n", 0, begin) + 1
     indentation = len(text[line:]) - len(text[line:].lstrip(" "))
     closing = re.compile(rf"^ {{0,{indentation}}}(?:\}}|def |async def |class |@)", re.MULTILINE)
@@ -90,6 +90,6 @@ def _locate_below(place: Path, mutant: Mutant) -> Place | None:
 
 
 def locate(mutant: Mutant, root: Path = ROOT) -> Place | None:
-    """In the file that the list names; what has left it, anywhere in its folder."""
+    """In the file that the list names, or anywhere in its folder."""
     named = root / mutant.room
     return _locate_below(named, mutant) or (None if named.is_dir() else _locate_below(named.parent, mutant))

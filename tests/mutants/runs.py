@@ -1,4 +1,4 @@
-"""Runs of the tests: one pytest collects them all, and goes on with some of them in a child for each run."""
+"""Runs of the tests: one pytest collects them all, and a child for each run continues with some of them."""
 
 from __future__ import annotations
 
@@ -19,10 +19,10 @@ from .tree import BUILD, PACKAGE, VARIABLE
 
 AT_ONCE = 2
 SECONDS = 60
-# All files, where a mutant has one.
+# All files that contain mutants.
 FAULTLESS_SECONDS = 900
 HANGS = "it hangs"
-# What pytest captures goes through a file, which processes cannot share.
+# pytest captures output in a file, which processes cannot share.
 OPTIONS = ["-x", "-q", "-s", "-p", "no:cacheprovider"]
 FAILED = re.compile(r"^(?:FAILED|ERROR) (\S+)", re.MULTILINE)
 
@@ -69,7 +69,7 @@ class _Collected:
 
 
 def _in_children(waiting: list[Run]) -> Iterator[tuple[Run, str | None]]:
-    """In the child for a run, the run and None; in the parent each run with what it has met."""
+    """In the child for a run, the run and None; in the parent each run with its result."""
     waiting = waiting[::-1]
     running: dict[int, tuple[Run, float, Path]] = {}
     try:
@@ -81,7 +81,7 @@ def _in_children(waiting: list[Run]) -> Iterator[tuple[Run, str | None]]:
                 sys.stdout.flush()
                 if (pid := os.fork()) == 0:
                     running.clear()
-                    # A group of its own, so that what it starts ends with it.
+                    # A separate process group, so that what it starts ends with it.
                     os.setsid()
                     output = os.open(log, os.O_WRONLY | os.O_CREAT | os.O_TRUNC)
                     os.dup2(output, 1)

@@ -1,4 +1,4 @@
-"""The tool itself: a fault is put where the list says, and is found or survives."""
+"""The tool itself: a fault is planted where the list says, and is found or survives."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""One build for all mutants: the sources copied, with every fault in them, each behind a question."""
+"""One build for all mutants: a copy of the sources with every fault, each behind a condition."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ BUILD = ROOT / "build" / "mutants"
 PACKAGE = BUILD / "tree" / "package"
 VARIABLE = "TESSALINE_MUTANT"
 
-# Asked each time, since a child of the tests has another answer than they.
+# Evaluated each time, since a child process of the tests may have another value.
 QUESTION = f"""#include <cstdlib>
 namespace mutants {{
 inline bool is(unsigned long number) noexcept {{
@@ -26,7 +26,7 @@ type Planted = list[tuple[Mutant, Place]]
 
 
 def woven(text: str, planted: Planted, begin: int, end: int) -> str:
-    """That part of the text with each fault behind its question; one may stand within another's text."""
+    """That part of the text with each fault behind its condition; faults may be nested."""
     waiting = sorted(planted, key=lambda one: (one[1].begin, -one[1].end))
     result = ""
     while waiting:
@@ -79,7 +79,7 @@ def build(planted: Planted) -> None:
 
 
 def _write(path: Path, content: bytes) -> None:
-    """Leaves alone what is as it should be, so that little is compiled anew."""
+    """Leaves unchanged files alone, so that little is recompiled."""
     if not path.exists() or path.read_bytes() != content:
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_bytes(content)

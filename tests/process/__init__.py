@@ -1,1 +1,1 @@
-"""Programs that import, run and end the component in processes of their own."""
+"""Programs in separate processes that import, use and exit with the component."""

@@ -1,4 +1,4 @@
-"""A program that ends, somehow, while the component is busy with something; test_exit.py runs it.
+"""A program that exits, in some way, while the component is busy with something; test_exit.py runs it.
 
 Arguments: the scenario, the way to end, and a JSON object with the servers' URLs and the authority to trust.
 The last line of output tells the monotonic time at which the program had nothing left to do.
@@ -58,7 +58,7 @@ def terminated() -> None:
 
 
 def forked() -> None:
-    """The child ends as programs do, having used what it inherited; then this one does."""
+    """The child exits as programs do, after using what it inherited; then this one does."""
     with warnings.catch_warnings():
         warnings.simplefilter("ignore", DeprecationWarning)
         child = os.fork()

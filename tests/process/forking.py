@@ -1,4 +1,4 @@
-"""Programs that fork: what they have in common, and how they are run."""
+"""Programs that fork: their common parts, and how they are run."""
 
 from __future__ import annotations
 
@@ -68,7 +68,7 @@ token = manager.get_token()
 
 
 def check(name: str, program: str) -> None:
-    """Run it, once unless asked for more; parent and children must end well and say nothing."""
+    """Run it, by default once; parent and children must exit with status 0 and print nothing."""
     text = PRELUDE + textwrap.dedent(program) + "\nmanager.close()\nprint(time.monotonic(), flush=True)\n"
     command = [runs.PYTHON, "-X", "faulthandler", "-c", text]
     runs.check(f"fork: {name}", command, runs=runs.how_many(1))

@@ -1,4 +1,4 @@
-"""What the component can be busy with on the main thread when a signal's handler ends the program.
+"""What the component can be busy with on the main thread when a signal handler ends the program.
 
 Each arranges for SIGTERM when that is so, and then goes there. Callbacks that end it are here, too.
 """

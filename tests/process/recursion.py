@@ -1,4 +1,4 @@
-"""Runs one recursion through methods of a manager without an end, and prints what came of it.
+"""Runs one infinite recursion through methods of a manager, and prints the result.
 
     python -m tests.process.recursion SCENARIO STACK_KIB
 
@@ -43,7 +43,7 @@ class Renaming(auth.AuthManager):
 
 
 class Wearing(auth.AuthManager):
-    """The same with steps of Python's in between."""
+    """The same with Python frames in between."""
 
     def _get_time(self) -> float:
         return len(self.get_token())
@@ -96,7 +96,7 @@ def flow_that_is_the_one_around_it() -> None:
     before = one._state
     with contextlib.suppress(RecursionError):
         one.authenticate()
-    # It is left as it was, and can be asked again.
+    # Its state is unchanged, and it can be called again.
     assert (one._state, one._lock.locked(), one._auth_event.is_set()) == (before, False, True)
     one.authenticate()
 
@@ -105,7 +105,7 @@ def renewal_that_starts_itself() -> None:
     one = logged_in()
     one._start_refresh = one._do_refresh
     one._do_refresh()
-    # A renewal has nobody to raise to.
+    # A renewal has no caller to raise to.
     raise one._auth_error
 
 
@@ -129,7 +129,7 @@ def tell(scenario: Callable[[], None]) -> None:
         scenario()
     except (RecursionError, auth.AuthError) as error:
         told = [type(error).__name__, str(error), getattr(error, "__notes__", [])]
-    # The stack is good for use afterwards.
+    # The stack is usable afterwards.
     with manager() as another:
         another.authenticate()
     print(json.dumps(told))

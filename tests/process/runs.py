@@ -1,4 +1,4 @@
-"""Runs a program again and again, as many times as TESSALINE_EXIT_RUNS says: each must end as it should.
+"""Runs a program TESSALINE_EXIT_RUNS times: each run must end as expected.
 
 TESSALINE_EXIT_PYTHON: the interpreter to run it, where it is not to be this one.
 """
@@ -33,7 +33,7 @@ def how_many(usual: int) -> int:
 
 @dataclass(frozen=True)
 class End:
-    """How a program should end. The error output is a pattern for the whole of it."""
+    """How a program should end. The error output is a pattern for all of it."""
 
     code: int = 0
     errors: str = ""
@@ -46,7 +46,7 @@ class Outcome:
 
 
 def run_once(command: Sequence[str], end: End, environment: Mapping[str, str]) -> Outcome:
-    """Run it. What it printed last is the monotonic time at which it had nothing left to do."""
+    """Run it. It prints last the monotonic time from which it had nothing left to do."""
     try:
         done = subprocess.run(
             command,
@@ -75,7 +75,7 @@ def check(
     end: End | None = None,
     environment: Mapping[str, str] | None = None,
 ) -> None:
-    """Run it `runs` times and fail with what went wrong in any of them."""
+    """Run it `runs` times, and fail with all errors of these runs."""
     assert runs > 0
     with ThreadPoolExecutor(AT_ONCE) as pool:
         outcomes = list(pool.map(lambda _: run_once(command, end or End(), environment or {}), range(runs)))
@@ -87,7 +87,7 @@ def check(
 
 
 def _tell(name: str, runs: int, slowest: float, failures: int) -> None:
-    """For whoever counts over the whole of the tests (tally.py)."""
+    """For counting over the whole test run (tally.py)."""
     if results := os.environ.get("TESSALINE_EXIT_RESULTS"):
         with open(results, "a") as file:
             print(json.dumps([name, runs, slowest, failures]), file=file)

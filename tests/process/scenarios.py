@@ -1,4 +1,4 @@
-"""What the component can be busy with on other threads when a program ends."""
+"""What the component can be busy with on other threads when a program exits."""
 
 from __future__ import annotations
 
@@ -366,7 +366,7 @@ def clock_exits_on_refresh_thread() -> None:
         sys.exit("from a clock")
 
     clock.on_background = leave
-    # The thread does not end by it, and asks again.
+    # This does not end the thread, which calls again.
     until(lambda: laps[0] >= 3)
 
 

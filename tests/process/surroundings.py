@@ -1,4 +1,4 @@
-"""What the programs have about them: a clock, servers that are silent or hold a request, threads."""
+"""What the programs use: a clock, servers that do not respond or hold a request, threads."""
 
 from __future__ import annotations
 
@@ -23,12 +23,12 @@ THREADS = 4
 LAPS = 20
 
 CONFIG: dict[str, str] = {}
-# Whatever a program holds on to when it ends.
+# Objects that a program refers to when it exits.
 KEPT: list[Any] = []
 
 
 class Clock:
-    """The machine's clock, which can be set ahead and given something to do by its background readers."""
+    """The wall clock, which can be set ahead and can run code when background threads read it."""
 
     def __init__(self) -> None:
         self.ahead = 0.0
@@ -43,7 +43,7 @@ class Clock:
 
 
 class Silent:
-    """Takes connections and what comes over them, and never answers."""
+    """Accepts connections and requests, and never responds."""
 
     def __init__(self) -> None:
         self._listener = socket.create_server(("127.0.0.1", 0))
@@ -67,7 +67,7 @@ def until(condition: Callable[[], object]) -> None:
 
 def daemon(target: Callable[[], object]) -> None:
     def run() -> None:
-        # What a closed manager tells its callers is not what these programs are about.
+        # The errors that callers get from a closed manager are not the subject of these programs.
         with contextlib.suppress(auth.AuthError):
             target()
 
@@ -87,8 +87,8 @@ def logged_in(scheme: str = "http", clock: Clock | None = None) -> Any:
 
 
 def control(name: str, body: dict[str, Any]) -> None:
-    """Ask something of the HTTPS server itself."""
-    # Most programs do not need it, and there are hundreds of them.
+    """Send a control request to the HTTPS server."""
+    # Imported late: most programs do not need it, and there are hundreds of them.
     import http.client
 
     address = urlsplit(CONFIG["https"])
@@ -102,7 +102,7 @@ def control(name: str, body: dict[str, Any]) -> None:
 
 
 def held_https_url() -> tuple[str, Callable[[], None]]:
-    """A base URL below which registration is never answered, and how to wait for it."""
+    """A base URL under which registration gets no response, and how to wait for a request."""
     path = f"/_echo/{os.getpid()}-{secrets.token_hex(4)}"
     endpoint = f"{path}/auth/register"
     control("faults", {endpoint: [{"kind": "hold", "times": None}]})
@@ -125,14 +125,14 @@ def renew_through(transport: Any) -> Any:
 
 
 def silent_url(scheme: str = "http") -> tuple[str, Callable[[], None]]:
-    """A URL at which a request is never answered, nor a handshake, and how to wait for what begins one."""
+    """A URL at which neither a request nor a handshake gets a response, and how to wait for its begin."""
     silent = Silent()
     KEPT.append(silent)
     return f"{scheme}://127.0.0.1:{silent.port}", silent.wait_for_first_bytes
 
 
 def refusing_url() -> str:
-    """A URL at which connections are refused: nobody listens at the port, and nobody else gets it."""
+    """A URL at which connections are refused: the port is reserved, and nothing listens."""
     refusing = socket.socket()
     refusing.bind(("127.0.0.1", 0))
     KEPT.append(refusing)
@@ -140,7 +140,7 @@ def refusing_url() -> str:
 
 
 class Busy:
-    """A transport that is never done and lets other threads run all the while."""
+    """A transport that never returns and lets other threads run meanwhile."""
 
     def __init__(self) -> None:
         self.entered = threading.Event()
@@ -155,5 +155,5 @@ class Busy:
 
 
 def print_time() -> None:
-    """Say that from now on there is nothing left to do."""
+    """Print that from now on there is nothing left to do."""
     print(time.monotonic(), flush=True)

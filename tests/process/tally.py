@@ -1,4 +1,4 @@
-"""Sums up what runs.py told: one line."""
+"""Sums up the reports of runs.py in one line."""
 
 from __future__ import annotations
 
@@ -8,7 +8,7 @@ from pathlib import Path
 
 
 def summary(lines: list[str]) -> tuple[str, bool]:
-    """The line, and whether every run ended as it should."""
+    """The line, and whether every run ended as expected."""
     told = [json.loads(line) for line in lines]
     if not told:
         return "exits: nothing was run", False

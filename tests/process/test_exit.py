@@ -1,4 +1,4 @@
-"""A program ends at once, with exit code 0 and without a word, whatever the component is doing.
+"""A program exits at once, with exit code 0 and without output, whatever the component is doing.
 
 TESSALINE_EXIT_RUNS: how many processes run each scenario.
 """

@@ -1,4 +1,4 @@
-"""A child process goes on with the managers that it inherits, as prefork servers need."""
+"""A child process can use the managers that it inherits, as prefork servers need."""
 
 from __future__ import annotations
 

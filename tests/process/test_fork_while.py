@@ -1,4 +1,4 @@
-"""A fork while other threads are in the middle of something: the child waits for nothing that they held."""
+"""A fork while other threads are in the middle of something: the child does not wait for their locks."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ from . import forking
 
 pytestmark = pytest.mark.process
 
-# Another thread is where it sets `reached`, until `go_on`.
+# Another thread waits at the point where it sets `reached`, until `go_on`.
 ELSEWHERE = """
 reached, go_on = threading.Event(), threading.Event()
 
@@ -35,7 +35,7 @@ def come_back(thread):
     assert not thread.is_alive()
 """
 
-# The same server behind a real one, which knows its connections by their ports and can hold some.
+# The same server behind a proxy that identifies connections by their ports and can hold some.
 OVER_HTTP = """
 import http.server
 
@@ -253,7 +253,7 @@ OVER_HTTP_PROGRAMS = {
     """,
 }
 
-# Five threads that never rest, and a fork whenever it comes.
+# Five busy threads, and a fork at any time.
 STORM = """
 stop = threading.Event()
 

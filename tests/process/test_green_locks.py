@@ -1,4 +1,4 @@
-"""Where a library of green threads makes the locks of `threading`, nobody waits for the interpreter's own."""
+"""If a library of green threads makes the locks of `threading`, no thread waits for the interpreter's own."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ from tests.shared.pythons import looks_inside
 
 pytestmark = [pytest.mark.process, moves_stacks]
 
-# What eventlet does, as far as it matters here: the class of events stays, and their locks are others.
+# The relevant part of what eventlet does: it keeps the class of events, but replaces their locks.
 GREEN = """
     class GreenLock:
         def __init__(self):
@@ -66,7 +66,7 @@ WAIT = """
     manager.close()
 """
 
-# Who waits for a renewal leaves the greenlet alone that makes it.
+# Waiting for a renewal does not block the greenlet that makes it.
 HUB = """
     import eventlet
     now = [0.0]
@@ -132,7 +132,7 @@ def test_an_event_that_is_older_than_the_green_locks() -> None:
 
 @pytest.mark.parametrize("first", ["import tessaline.auth\n", ""], ids=["after the import", "before it"])
 def test_eventlet(first: str) -> None:
-    # Its import changes the process that imports it.
+    # The import changes the process.
     if importlib.util.find_spec("eventlet") is None:
         pytest.skip("eventlet is not installed")
     patch = "import eventlet\neventlet.monkey_patch()\n"

@@ -31,7 +31,7 @@ def gone(limit):
         time.sleep(0.1)
     return count("fd") - descriptors, count("task")
 
-# What is loaded stays, also the descriptors of it.
+# Libraries stay loaded, with their descriptors.
 import ssl
 descriptors = count("fd")
 threads = [threading.Thread(target=ask) for _ in range(64)]

@@ -1,4 +1,4 @@
-"""One interpreter and one initialisation per process, and an import that does nothing else."""
+"""One interpreter and one initialisation per process, and an import without side effects."""
 
 from __future__ import annotations
 
@@ -30,7 +30,7 @@ with open(pipe, "w", closefd=False) as out:
     out.write(json.dumps(told) + "\\n")
 """
 
-# How a program runs code in another interpreter of its process; `told_by` gives back what the code wrote.
+# How a program runs code in another interpreter of its process; `told_by` returns what the code wrote.
 OF_ITS_OWN = """
     import os, _interpreters
     def told_by(code):
@@ -58,7 +58,7 @@ OTHERS = {
 
 
 def run(*parts: str) -> Any:
-    """Run the program and give back the JSON value of its output."""
+    """Run the program and return its output as JSON."""
     program = "import json\n" + "\n".join(textwrap.dedent(part) for part in parts)
     done = subprocess.run(
         [sys.executable, "-P", "-X", "faulthandler", "-c", program],
@@ -183,7 +183,7 @@ def test_an_import_that_fails_can_be_made_good() -> None:
     assert told == ["tessaline.logging_style", False, "r"]
 
 
-# What keeps an import from being completed, early or late.
+# What makes an import fail, early or late.
 BREAKAGES = {
     "a module": "import sys; sys.modules['tessaline.logging_style'] = None",
     "the hook": "from tessaline import logging_style as style; del style.log_library_surface_event",

@@ -1,4 +1,4 @@
-"""A login beside other copies of OpenSSL and libcurl in one process."""
+"""A login with other copies of OpenSSL and libcurl in the process."""
 
 import importlib.util
 import json
@@ -13,14 +13,14 @@ from devserver.testing import DevServer
 
 pytestmark = pytest.mark.process
 
-# What brings an OpenSSL of its own, and a call that makes it work.
+# Packages with their own OpenSSL, and a call that uses it.
 USES = {
     "ssl": "import ssl; ssl.create_default_context()",
     "grpc": "import grpc; grpc.secure_channel('127.0.0.1:1', grpc.ssl_channel_credentials()).close()",
     "psycopg": "import psycopg; psycopg.pq.version()",
     "pycurl": "import pycurl; pycurl.Curl().close()",
 }
-# Of these `make test-wheel` installs two that other runs have not.
+# `make test-wheel` installs two of these that other runs do not have.
 INSTALLED = [name for name in USES if importlib.util.find_spec(name) is not None]
 LOGIN = """
 import json, secrets, sys
@@ -53,7 +53,7 @@ def test_a_login_beside_another_copy(server: DevServer, name: str, order: str) -
         "after": ["served = log_in()", USES[name], "served = served and log_in()"],
         "between": ["import tessaline.auth", USES[name], "served = log_in()"],
     }
-    # Then the interpreter's own, which has not been changed by the other.
+    # Then the interpreter's own, which the other copy must not have changed.
     program = "\n".join([LOGIN, *steps[order], "print(json.dumps([served, fetch()]))"])
     assert server.ca_file is not None
     done = subprocess.run(

@@ -1,4 +1,4 @@
-"""Methods that call each other without an end raise RecursionError; the process lives."""
+"""Infinite recursion through methods raises RecursionError; the process survives."""
 
 from __future__ import annotations
 
@@ -15,13 +15,13 @@ from .recursion import SCENARIOS
 
 pytestmark = pytest.mark.process
 
-# KiB of the thread's stack; 0 is for the main thread.
+# KiB of the thread's stack; 0 for the main thread.
 STACKS = [0, 8192, 512]
 TEXT = "maximum recursion depth exceeded"
 
 
 def told_by(scenario: str, stack: int, limit: int | None = None) -> tuple[str, str, list[str]]:
-    """What came of it in a process of its own, whose main thread has a stack of at most `limit` bytes."""
+    """The result in a new process, whose main thread has a stack of at most `limit` bytes."""
 
     def set_limit() -> None:
         assert limit is not None
@@ -42,7 +42,7 @@ def told_by(scenario: str, stack: int, limit: int | None = None) -> tuple[str, s
 
 def check(told: tuple[str, str, list[str]], scenario: str) -> None:
     kind, text, notes = told
-    # A renewal has nobody to raise to; what it met is stored, with one note.
+    # A renewal has no caller to raise to; its error is stored, with one note.
     stored = scenario == "renewal_that_starts_itself"
     assert (kind, len(notes)) == (("AuthError", 1) if stored else ("RecursionError", 0))
     assert text.startswith(TEXT)

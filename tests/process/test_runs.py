@@ -1,4 +1,4 @@
-"""What is no clean end of a program."""
+"""What does not count as a clean exit of a program."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""An interpreter that takes its time to end, so that background threads wake up into the middle of it."""
+"""An interpreter that shuts down slowly, so that background threads wake up during the shutdown."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ pytestmark = pytest.mark.process
 
 RUNS = runs.how_many(3)
 
-# The finaliser holds the interpreter for a while as it shuts down.
+# The finalizer delays the interpreter's shutdown.
 PRELUDE = """
     import sys, threading, time
     import tessaline.auth as auth

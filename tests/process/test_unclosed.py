@@ -1,4 +1,4 @@
-"""What the end of a program says of managers that renew their tokens and were never closed."""
+"""The warning at exit about managers that renew their tokens and were never closed."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ from tessaline import auth
 from tests.process.recursion import manager
 """
 WARNING = r"\S+:\d: ResourceWarning: unclosed <AuthManager address=0x[0-9a-f]{40} server=\S+ state=\w+>\n"
-# What the interpreter adds.
+# The interpreter adds this.
 LEFT_OPEN = WARNING + r"(ResourceWarning: Enable tracemalloc .*\n)?"
 
 

@@ -1,4 +1,4 @@
-"""An import where the component does not run ends in one sentence that says where it does."""
+"""An import on an unsupported system ends in one sentence with the supported ones."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ PACKAGE = Path(tessaline.__file__).parent
 RUNS_ON = "tessaline runs on CPython 3.13 or later, with its global interpreter lock, on Linux, not on "
 IMPORT = "import sys; sys.path.insert(0, {path!r}); {before}; import tessaline"
 
-# As the others present themselves.
+# As other interpreters and systems identify themselves.
 OTHERS = {
     "PyPy": ("sys.implementation.name = 'pypy'; del sys.abiflags", "pypy {version} on linux"),
     "free-threaded": ("sys.abiflags = 't'", "cpython {version}t on linux"),
@@ -57,7 +57,7 @@ def older_pythons() -> Iterator[tuple[str, str]]:
 
 
 def runs(python: str) -> bool:
-    """A shim of pyenv runs only what is selected."""
+    """A shim of pyenv runs only the selected version."""
     return subprocess.run([python, "-c", ""], capture_output=True, timeout=60).returncode == 0
 
 

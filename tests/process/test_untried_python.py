@@ -1,4 +1,4 @@
-"""A Python that is newer than all that were tried: everything goes as well without a look at its inside."""
+"""A Python newer than all tested ones: everything works without the use of internals."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ from tests.shared.pythons import SWITCH
 pytestmark = pytest.mark.process
 
 ROOT = Path(__file__).resolve().parents[2]
-# Those that wait, wake, serve and look at clocks in every way.
+# The tests that wait, wake, serve and read clocks in every way.
 CENTRAL = [
     "tests/auth/test_clock.py",
     "tests/auth/test_get_token.py",

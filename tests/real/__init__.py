@@ -1,1 +1,1 @@
-"""Requests and whole logins through servers and proxies of others, which `make real` installs and runs."""
+"""Requests and whole logins through third-party servers and proxies, which `make real` installs and runs."""

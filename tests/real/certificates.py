@@ -1,4 +1,4 @@
-"""Authorities and what they certify, as files that servers of other users can read."""
+"""CAs and their certificates, as files that servers of other users can read."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ LOOPBACK = ("127.0.0.1", "localhost", "service.test")
 
 @dataclasses.dataclass(frozen=True)
 class Certificate:
-    """chain: a server's certificate and those above it but the root. both: the key and the chain."""
+    """chain: a server's certificate and those above it except the root. both: the key and the chain."""
 
     chain: Path
     key: Path
@@ -26,7 +26,7 @@ class Certificate:
 
     @classmethod
     def written(cls, folder: Path, name: str, key: bytes, *chain: bytes) -> Certificate:
-        """The PEM texts in files of that name in `folder`."""
+        """Writes the PEM texts to files of that name in `folder`."""
         made = cls(*(folder / f"{name}{suffix}.pem" for suffix in ("", "-key", "-both")))
         made.chain.write_bytes(b"".join(chain))
         made.key.write_bytes(key)
@@ -35,7 +35,7 @@ class Certificate:
 
 
 class Authority:
-    """A root whose certificates are put into `folder`. file: the root itself."""
+    """A root CA that writes its certificates to `folder`. file: the root's certificate."""
 
     def __init__(self, folder: Path, name: str) -> None:
         self.folder = folder
@@ -51,7 +51,7 @@ class Authority:
         not_before: datetime.datetime | None = None,
         not_after: datetime.datetime | None = None,
     ) -> Certificate:
-        """One for these names and addresses, by default those of the loopback."""
+        """A certificate for these names and addresses, by default those of the loopback."""
         leaf = self.ca.issue_cert(*(names or LOOPBACK), not_before=not_before, not_after=not_after)
         return self.write(name, leaf)
 
@@ -62,7 +62,7 @@ class Authority:
 
 
 def self_signed(folder: Path) -> Certificate:
-    """One for the loopback that nobody but its own key has signed, and that certifies nothing else."""
+    """A self-signed certificate for the loopback, which certifies nothing else."""
     key = ec.generate_private_key(ec.SECP256R1())
     name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, "self-signed")])
     now = datetime.datetime.now(datetime.UTC)

@@ -29,12 +29,12 @@ PROXY_VARIABLES = ("http_proxy", "https_proxy", "all_proxy", "no_proxy")
 
 
 def pytest_ignore_collect(collection_path: Path) -> bool | None:
-    # None leaves it to others.
+    # None leaves the choice to other plugins.
     return None if os.environ.get("TESSALINE_REAL") else True
 
 
 def pytest_report_header() -> str | None:
-    # Only who asks for this folder by name sees it.
+    # Only for a run that names this folder.
     return None if os.environ.get("TESSALINE_REAL") else "tests/real: not collected, `make real` runs them"
 
 
@@ -54,19 +54,19 @@ def folder() -> Iterator[Path]:
 
 @pytest.fixture(scope="package")
 def authority(folder: Path) -> Authority:
-    """The one that the tests trust."""
+    """The CA that the tests trust."""
     return Authority(folder, "trusted")
 
 
 @pytest.fixture(scope="package")
 def foreign(folder: Path) -> Authority:
-    """One that nobody trusts."""
+    """A CA that is not trusted."""
     return Authority(folder, "foreign")
 
 
 @pytest.fixture(scope="package")
 def certificate(authority: Authority) -> Certificate:
-    """A good one, for the loopback."""
+    """A valid one, for the loopback."""
     return authority.certificate("good")
 
 
@@ -80,7 +80,7 @@ def no_roots(folder: Path) -> Path:
 
 @pytest.fixture(autouse=True)
 def surroundings(authority: Authority, no_roots: Path, monkeypatch: pytest.MonkeyPatch) -> None:
-    """The authority alone is trusted, and there is no proxy."""
+    """Only that CA is trusted, and there is no proxy."""
     monkeypatch.setenv("SSL_CERT_FILE", str(authority.file))
     monkeypatch.setenv("SSL_CERT_DIR", str(no_roots))
     for name in PROXY_VARIABLES:
@@ -90,7 +90,7 @@ def surroundings(authority: Authority, no_roots: Path, monkeypatch: pytest.Monke
 
 @pytest.fixture
 def harness() -> Iterator[Callable[..., Harness]]:
-    """Makes managers whose back-off waits only note the delay, and closes them."""
+    """Makes managers whose back-off delays are only recorded, and closes them."""
     made: list[Harness] = []
 
     def make(url: str, **options: Any) -> Harness:
@@ -111,14 +111,14 @@ def proxy(certificate: Certificate, foreign: Authority) -> Iterator[Squid]:
 
 @pytest.fixture(scope="package")
 def open_tinyproxy() -> Iterator[str]:
-    """The host:port of one that asks nobody who he is."""
+    """The host:port of one without authentication."""
     with tinyproxy() as peer:
         yield peer
 
 
 @pytest.fixture(scope="package")
 def origin(http_process: DevServer, certificate: Certificate, foreign: Authority) -> Iterator[Nginx]:
-    """Where requests go: the service with TLS and without, and sites that only answer."""
+    """The servers: the service with and without TLS, and sites with fixed responses."""
     behind = before(http_process.port)
     untrusted = foreign.certificate("origin")
     sites = {

@@ -28,7 +28,7 @@ class Handler(BaseHTTPRequestHandler):
 
 
 class Server(ThreadingHTTPServer):
-    # As the others have it; the five of the library would make the sixth client wait for a second.
+    # As in the others; the library's backlog of five would make the sixth client wait for a second.
     request_queue_size = 64
 
 
@@ -37,7 +37,7 @@ def main() -> None:
     if len(sys.argv) > 3:
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(*sys.argv[3:])
-        # The handshake is left to the thread of each connection.
+        # Each connection's thread does its own handshake.
         server.socket = context.wrap_socket(server.socket, server_side=True, do_handshake_on_connect=False)
     server.serve_forever()
 

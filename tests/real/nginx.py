@@ -29,7 +29,7 @@ LOG_FORMAT = "$remote_addr|$ssl_protocol|$ssl_session_reused|$server_protocol|$c
 
 
 def before(port: int, *directives: str) -> str:
-    """Directives of a site that passes everything on to that port."""
+    """Directives of a site that forwards everything to that port."""
     passing = f"proxy_pass http://127.0.0.1:{port}; proxy_http_version 1.1; proxy_set_header Connection '';"
     return f"location / {{ {passing} {' '.join(directives)} }}"
 
@@ -47,7 +47,7 @@ class Nginx:
         return f"{scheme}://{host}:{self.port[site]}"
 
     def visits(self, site: str, count: int) -> list[Visit]:
-        """The requests to that site so far, once there are `count`: each is told after its answer."""
+        """The requests to that site so far, once there are `count`: each is logged after its response."""
         until(lambda: len(self._lines(site)) >= count, f"{count} visits")
         return [Visit(*line.split("|", 6)) for line in self._lines(site)]
 

@@ -1,4 +1,4 @@
-"""How a request or a login ended, and that nothing secret shows in it."""
+"""The outcome of a request or a login, and that it shows no secret."""
 
 from __future__ import annotations
 
@@ -17,17 +17,17 @@ EXHAUSTED = "Server unreachable after 3 attempts"
 
 
 def discreet(error: BaseException, secrets: Collection[str]) -> BaseException:
-    """The error itself, after a look at everything that it says."""
+    """The error itself, after a search of all its texts."""
     for link in chain(error):
         said = "".join(traceback.format_exception(link)) + repr(link) + repr(link.args) + repr(vars(link))
-        # Not a plain assertion, which would print what must not show.
+        # Not a plain assertion, which would print the secret.
         if any(secret in said for secret in secrets):
             raise AssertionError("something secret shows")
     return error
 
 
 def log_in(one: Harness, times: int = 1) -> None:
-    """So many logins, each at its first attempt and with a token of its own."""
+    """That many logins, each at its first try and with a new token."""
     tokens = set()
     for _ in range(times):
         one.forget()
@@ -38,7 +38,7 @@ def log_in(one: Harness, times: int = 1) -> None:
 
 
 def unreachable(one: Harness, pauses: tuple[int, int] = (1, 2)) -> BaseException:
-    """The error of a login that gave up after three attempts, with these pauses in between."""
+    """The error of a login that failed after three tries, with these delays in between."""
     error = one.failure(one.manager.authenticate)
     assert (type(error), str(error)) == (auth.NetworkError, EXHAUSTED)
     assert (one.spy.attempts, one.delays) == ({"register": 3}, list(pauses))

@@ -1,4 +1,4 @@
-"""Servers of others, each a process with a folder and ports of its own on the loopback."""
+"""Third-party servers, each a process with its own folder and ports on the loopback."""
 
 from __future__ import annotations
 
@@ -17,14 +17,14 @@ from tests.shared.threads import until
 
 START = 20.0
 END = 5.0
-# Where Debian has servers; the PATH of a user who is not root lacks it.
+# Debian's folder for servers, which is not on the PATH of other users than root.
 SEARCH_PATH = os.pathsep.join([os.environ.get("PATH", os.defpath), "/usr/sbin", "/sbin"])
-# Below the ports that the system gives to clients, so that none of those takes one meanwhile.
+# Below the ports that the system assigns to clients, so that no client takes one meanwhile.
 PORTS = range(20_000, 32_000)
 
 
 def free_ports(count: int) -> list[int]:
-    """Different ports of 127.0.0.1 at which nobody listens."""
+    """Different free ports of 127.0.0.1."""
     found: list[int] = []
     for port in random.SystemRandom().sample(PORTS, len(PORTS)):
         with socket.socket() as probe, contextlib.suppress(OSError):
@@ -98,14 +98,14 @@ def _wait_until_it_listens(process: subprocess.Popen[bytes], ports: Sequence[int
 
 
 def listens(port: int) -> bool:
-    """Whether anybody takes a connection at that port of 127.0.0.1."""
+    """Whether something accepts a connection at that port of 127.0.0.1."""
     with socket.socket() as probe:
         probe.settimeout(1.0)
         return probe.connect_ex(("127.0.0.1", port)) == 0
 
 
 def _kill(process: subprocess.Popen[bytes]) -> None:
-    # All that it started is in its group.
+    # All its child processes are in its group.
     with contextlib.suppress(ProcessLookupError):
         os.killpg(process.pid, signal.SIGKILL)
     process.wait(END)

@@ -1,4 +1,4 @@
-"""The service for servers of Python programs: it takes every signature, and remembers connections only."""
+"""The service for servers of Python programs: it accepts every signature, and records only connections."""
 
 from __future__ import annotations
 
@@ -19,7 +19,7 @@ def _token(subject: str) -> str:
 
 
 def answered(path: str, body: bytes, connection: int) -> tuple[int, bytes]:
-    """The status and the body with which a request is answered. connection: the port of the client."""
+    """The status and the body of a response. connection: the port of the client."""
     if path == "/connections":
         return 200, json.dumps(len(_connections)).encode()
     _connections.add(connection)
@@ -27,7 +27,7 @@ def answered(path: str, body: bytes, connection: int) -> tuple[int, bytes]:
     if path == "/auth/register":
         return 200, json.dumps({"wallet_address": asked["wallet_address"]}).encode()
     if path == "/auth/challenge":
-        # The address is the challenge's name, so that nothing need be remembered.
+        # The address is the challenge's name, so that no state is needed.
         return 200, json.dumps({"challenge_id": asked["wallet_address"], "message": "Sign in"}).encode()
     if path == "/auth/verify":
         told = {

@@ -1,4 +1,4 @@
-"""Squid with a port for each way to be asked."""
+"""Squid with a port for each way to use it."""
 
 from __future__ import annotations
 
@@ -11,14 +11,14 @@ from .certificates import Certificate
 from .programs import free_ports, own_folder, running
 
 USER = "somebody-of-the-proxy"
-# With what a URL must escape.
+# With characters that a URL must escape.
 PASSWORD = "s3cret:of/the@proxy?0123"
 ESCAPED = "s3cret%3Aof%2Fthe%40proxy%3F0123"
-# What it answers when it is asked to go to a port of that name.
+# Its response to a request for a port of that name.
 REFUSALS: tuple[int, ...] = (403, 429, 502, 504)
-# It alone knows that name.
+# Only Squid resolves that name.
 NAME = "service.test"
-# From where it goes to servers.
+# Its address towards servers.
 CLIENT = "127.0.0.3"
 
 ALWAYS = """
@@ -42,7 +42,7 @@ acl known proxy_auth REQUIRED
 
 
 class Squid:
-    """A running one. port: by the way to ask it. refusing: ports of servers, by the status for those."""
+    """A running one. port: by the way to use it. refusing: ports of servers, by the status for those."""
 
     def __init__(self, port: Mapping[str, int], refusing: Mapping[int, int]) -> None:
         self.port = port
@@ -52,13 +52,13 @@ class Squid:
         return f"127.0.0.1:{self.port[way]}"
 
     def url(self, way: str = "open", user: str = "") -> str:
-        """The proxy's URL. user: "name:password", as it stands in a URL."""
+        """The proxy's URL. user: "name:password", as in a URL."""
         return f"{'https' if way.endswith('tls') else 'http'}://{user}{'@' * bool(user)}{self.peer(way)}"
 
 
 @contextlib.contextmanager
 def squid(trusted: Certificate, foreign: Certificate) -> Iterator[Squid]:
-    """One whose ports with TLS show these certificates."""
+    """One whose TLS ports use these certificates."""
     certificates = {"tls": trusted, "guarded-tls": trusted, "foreign-tls": foreign}
     ways = ("open", "guarded", *certificates)
     ports = free_ports(len(ways) + len(REFUSALS))
@@ -77,7 +77,7 @@ def squid(trusted: Certificate, foreign: Certificate) -> Iterator[Squid]:
         lines += ["http_access deny guarded !known", "http_access allow all", ""]
         (folder / "squid.conf").write_text("\n".join(lines))
         (folder / "hosts").write_text(f"127.0.0.1 {NAME}\n")
-        # The helper also takes MD5 of the password alone.
+        # The helper also accepts MD5 of the password alone.
         digest = hashlib.md5(PASSWORD.encode(), usedforsecurity=False).hexdigest()
         (folder / "passwords").write_text(f"{USER}:{digest}\n")
         service = f"tests{port['open']}"

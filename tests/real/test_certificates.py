@@ -1,4 +1,4 @@
-"""Certificates and handshakes that are refused, each told apart as Python's own `ssl` module tells it."""
+"""Rejected certificates and handshakes, each with the same error as in Python's own `ssl` module."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ ANSWER = "location / { return 200 good; }"
 NOW = datetime.datetime.now(datetime.UTC)
 DAY = datetime.timedelta(days=1)
 
-# The codes are OpenSSL's X509_V_ERR_*; those of None are what the oracle says.
+# The codes are OpenSSL's X509_V_ERR_*; for None, those of the `ssl` module are expected.
 CODES: dict[str, int | None] = {
     "expired": 10,
     "early": 9,
@@ -37,7 +37,7 @@ CODES: dict[str, int | None] = {
 
 
 def made(folder: Path, authority: Authority, foreign: Authority) -> dict[str, Certificate]:
-    """A certificate for each flaw, and a good one with an authority in between."""
+    """A certificate for each flaw, and a valid one with an intermediate CA."""
     between = authority.ca.create_child_ca()
     leaf = between.issue_cert("127.0.0.1")
     whole = authority.write("whole", leaf)
@@ -68,7 +68,7 @@ def sites(
 
 
 def said_by_python(host: str, port: int, authority: Authority) -> ssl.SSLError:
-    """The error with which the `ssl` module refuses the same server."""
+    """The error with which the `ssl` module rejects the same server."""
     context = ssl.create_default_context(cafile=str(authority.file))
     context.minimum_version = ssl.TLSVersion.TLSv1_2
     with (
@@ -80,7 +80,7 @@ def said_by_python(host: str, port: int, authority: Authority) -> ssl.SSLError:
 
 
 def refused(host: str, port: int) -> Any:
-    """The error of the transport, after a look at what holds for every failure of TLS."""
+    """The transport's error, after checks that apply to every TLS failure."""
     url = f"https://{host}:{port}"
     error = failure("POST", f"{url}/{SECRET}", {"Authorization": SECRET}, SECRET)
     assert isinstance(error, ssl.SSLError)
@@ -94,7 +94,7 @@ def refused(host: str, port: int) -> Any:
 
 
 def bare(message: str) -> str:
-    """OpenSSL's words: where the name is a wrong one, Python adds after a comma which."""
+    """OpenSSL's text: for a wrong name, Python adds that name after a comma."""
     return message.partition(",")[0].lower()
 
 
@@ -135,7 +135,7 @@ def test_a_server_of_an_old_version(sites: Nginx, authority: Authority) -> None:
     oracle = said_by_python("127.0.0.1", sites.port["old"], authority)
     error = refused("127.0.0.1", sites.port["old"])
     assert type(error) is type(oracle) is ssl.SSLError
-    # An alert of the server, so that every client names it alike.
+    # An alert of the server, so that every client has the same error.
     assert error.reason == oracle.reason == "TLSV1_ALERT_PROTOCOL_VERSION"
 
 

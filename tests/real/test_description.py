@@ -1,4 +1,4 @@
-"""What programs of others make of the development server's description of itself, and find by it."""
+"""Third-party programs use the development server's OpenAPI description, and test the server by it."""
 
 from __future__ import annotations
 
@@ -12,11 +12,11 @@ import pytest
 
 from devserver.testing import DevServer
 
-# Finds no login, for whoever generates requests cannot sign: it looks at refusals, forms and statuses.
+# It never logs in, because generated requests have no signature: it tests errors, forms and statuses.
 SERVICE = ("--include-path-regex", "^/(auth|api|openapi)", "--phases", "coverage,fuzzing")
 # Its coverage of all fields of all faults takes minutes.
 CONTROL = ("--include-path-regex", "^/_control", "--phases", "fuzzing")
-# A request that waits is not to wait long.
+# A request that waits must not wait long.
 HOOKS = """
 import schemathesis
 
@@ -60,7 +60,7 @@ assert [entry.status for entry in state.sync(client=client).requests] == [401, 2
 
 
 def run(folder: Path, *arguments: str, **environment: str) -> subprocess.CompletedProcess[str]:
-    """Runs Python in that folder, where nothing but the packages of `make real` is besides those of .venv."""
+    """Runs Python in that folder, with the packages of `make real` in addition to those of .venv."""
     packages = os.pathsep.join(filter(None, [os.environ.get("TESSALINE_REAL_PACKAGES"), str(folder)]))
     # For the formatter that the generator calls.
     path = os.pathsep.join([str(Path(sys.executable).parent), os.environ["PATH"]])

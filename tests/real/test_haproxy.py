@@ -1,4 +1,4 @@
-"""HAProxy in front of the service: it ends TLS, drops what is idle, answers for a service that is away."""
+"""HAProxy in front of the service: it terminates TLS, closes idle connections, responds during an outage."""
 
 from __future__ import annotations
 
@@ -33,7 +33,7 @@ defaults
 def ports(
     http_process: DevServer, authority: Authority, certificate: Certificate
 ) -> Iterator[dict[str, int]]:
-    """Where each front end listens. "brief-connections" tells how many connections "brief" has."""
+    """Where each front end listens. "brief-connections" returns how many connections "brief" has."""
     wanted = f"verify required ca-file {authority.file}"
     fronts = {
         "plain": ("", "default_backend service"),

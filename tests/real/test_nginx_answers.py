@@ -1,4 +1,4 @@
-"""What nginx answers by itself, or makes of the answers of the service behind it."""
+"""Responses of nginx itself, and what it makes of the responses of the service behind it."""
 
 from __future__ import annotations
 
@@ -23,14 +23,14 @@ Make = Callable[..., Harness]
 
 SECRET = "s3cret-value-that-must-not-show"
 LANDED = "location /landed { return 200 '$request_method $http_content_length.'; }"
-# 30 KB in one line, given in pieces because nginx bounds the words of its configuration.
+# 30 KB in one line, in pieces because nginx limits the words of its configuration.
 LARGE = f"set $piece '{'x' * 3000}'; add_header X-Large '{'$piece' * 10}';"
 GZIP = "gzip on; gzip_min_length 1; gzip_types *; gzip_proxied any;"
 
 
 @pytest.fixture(scope="module")
 def silent_port() -> Iterator[int]:
-    """One that takes connections and never answers."""
+    """One that accepts connections and never responds."""
     with socket.create_server(("127.0.0.1", 0), backlog=64) as listener:
         yield listener.getsockname()[1]
 
@@ -142,7 +142,7 @@ def test_connections_that_end_after_two_requests(sites: Nginx, server: DevServer
 
 
 def _connected(port: int) -> int:
-    """How many connections nginx has, that of the question included."""
+    """How many connections nginx has, including that of this request."""
     with urllib.request.urlopen(f"http://127.0.0.1:{port}/", timeout=10) as answer:
         return int(answer.readline().rpartition(b":")[2])
 

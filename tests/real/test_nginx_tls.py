@@ -1,4 +1,4 @@
-"""TLS as nginx speaks it: each version, HTTP/2 on offer, resumption, a client's certificate asked for."""
+"""TLS with nginx: each version, HTTP/2 on offer, resumption, a requested client certificate."""
 
 from __future__ import annotations
 
@@ -19,7 +19,7 @@ Make = Callable[..., Harness]
 
 VERSIONS = ("TLSv1.2", "TLSv1.3")
 ANSWER = "location / { return 200 good; }"
-# So that each request makes a connection of its own.
+# So that each request makes a new connection.
 SHORT = "keepalive_requests 1;"
 NO_RESUMPTION = "ssl_session_tickets off; ssl_session_cache off;"
 

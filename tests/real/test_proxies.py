@@ -1,4 +1,4 @@
-"""Logins through Squid and Tinyproxy, as the environment names them."""
+"""Logins through Squid and Tinyproxy, configured by the environment."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ Clients = Callable[..., list[str]]
 
 
 class Way(NamedTuple):
-    """url: the proxy's, with its user. client: from where it goes to servers."""
+    """url: the proxy's, with its user. client: its address towards servers."""
 
     url: str
     client: str
@@ -60,7 +60,7 @@ WAYS = (
 
 @pytest.fixture
 def clients(origin: Nginx, server: DevServer, harness: Make) -> Clients:
-    """Logs in twice at that site, by the same manager each time, and tells from where the requests came."""
+    """Logs in twice at that site, by the same manager each time, and returns the clients of the requests."""
     manager = functools.cache(harness)
 
     def ask(site: str, *name: str) -> list[str]:

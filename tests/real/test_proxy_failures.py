@@ -1,4 +1,4 @@
-"""Proxies that refuse, fail or are not there: what ends a login, what is tried again, what they say."""
+"""Proxies that refuse, fail or do not exist: permanent and transient errors, and their texts."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ SECRETS = [
     *(WRONG, squid.PASSWORD, squid.ESCAPED, tinyproxy.PASSWORD),
     base64.b64encode(f"{USER}:{WRONG}".encode()).decode(),
 ]
-# How they introduce themselves, as it stands in a URL.
+# Their credentials, as in a URL.
 STRANGERS = {
     "nobody": "",
     "stranger": f"{USER}:{WRONG}",
@@ -48,7 +48,7 @@ def tinyproxy_for_other_ports() -> Iterator[str]:
 
 
 def failed(url: str, peer: str) -> BaseException:
-    """The error of a request that is full of what must not show; it names that peer."""
+    """The error of a request that is full of secrets; it names that peer."""
     error = failure("POST", f"{url}/{SECRET}", {"Authorization": SECRET}, SECRET)
     discreet(error, SECRETS)
     assert peer in str(error)
@@ -56,7 +56,7 @@ def failed(url: str, peer: str) -> BaseException:
 
 
 def check_ends_at_once(harness: Make, url: str, peer: str) -> BaseException:
-    """What fails there is final: a login ends with it. The value is the error of a single request."""
+    """A permanent error: a login ends with it. The value is the error of a single request."""
     error, one = failed(url, peer), harness(url)
     last = discreet(one.failure(one.manager.authenticate), SECRETS)
     assert (one.spy.attempts, one.delays) == ({"register": 1}, [])
@@ -68,7 +68,7 @@ def check_ends_at_once(harness: Make, url: str, peer: str) -> BaseException:
 
 
 def check_gives_up(harness: Make, url: str, peer: str) -> BaseException:
-    """What fails there may pass: a login gives up after its attempts. The value is the error of a request."""
+    """A transient error: a login fails after its last try. The value is the error of a request."""
     error = failed(url, peer)
     last = discreet(unreachable(harness(url)), SECRETS).__context__
     assert peer in str(last)
@@ -104,7 +104,7 @@ class TestThatRefuse:
         harness: Make,
         monkeypatch: pytest.MonkeyPatch,
     ) -> None:
-        # Without TLS it does not read the body, so that a reset comes right behind its answer.
+        # Without TLS it does not read the body, so a reset directly follows its response.
         for scheme in ("http", "https"):
             monkeypatch.setenv(f"{scheme}_proxy", f"http://{guarded_tinyproxy}")
         check_ends_at_once(harness, origin.url(site), guarded_tinyproxy)
@@ -118,7 +118,7 @@ class TestThatRefuse:
         harness: Make,
         monkeypatch: pytest.MonkeyPatch,
     ) -> None:
-        # It answers 401, which without TLS looks like an answer of the server.
+        # It returns 401, which without TLS looks like a response of the server.
         monkeypatch.setenv("https_proxy", f"http://{name}:{WRONG}@{guarded_tinyproxy}")
         check_ends_at_once(harness, origin.url("tls"), guarded_tinyproxy)
 
@@ -175,7 +175,7 @@ class TestThatMayComeRound:
     def test_a_server_that_tinyproxy_does_not_reach(
         self, open_tinyproxy: str, unused_port: int, monkeypatch: pytest.MonkeyPatch
     ) -> None:
-        # It says 500, which leaves open whether another attempt would help.
+        # It returns 500, so it is unknown whether a retry would help.
         monkeypatch.setenv("https_proxy", f"http://{open_tinyproxy}")
         error = failed(f"https://127.0.0.1:{unused_port}", open_tinyproxy)
         assert isinstance(error, OSError)
@@ -216,7 +216,7 @@ class TestThatCannotBeUsed:
             monkeypatch.setenv(name, proxy.url("foreign-tls", f"{USER}:{WRONG}"))
         error = failed(origin.url(site), proxy.peer("foreign-tls"))
         assert type(error) is ssl.SSLCertVerificationError
-        # As of a server: that no authority above it is known, or that its root is not trusted.
+        # As for a server: the CA is unknown, or the root is not trusted.
         assert error.verify_code in (19, 20)
         assert f"certificate of 127.0.0.1:{origin.port[site]}" not in str(error)
         one = harness(origin.url(site))

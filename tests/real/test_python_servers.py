@@ -1,4 +1,4 @@
-"""The servers under which Python programs run: whether they keep connections or not, logins do not notice."""
+"""The servers under which Python programs run: logins work whether they keep connections or not."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ THREADS = 8
 
 
 class Kind(NamedTuple):
-    """How a server is started. address: how its port is given. keeps: whether it keeps connections."""
+    """How a server is started. address: how its port is passed. keeps: whether it keeps connections."""
 
     module: str
     options: tuple[str, ...]
@@ -36,7 +36,7 @@ class Kind(NamedTuple):
 
 WSGI = "tests.real.wsgi_app:app"
 ASGI = "tests.real.asgi_app:app"
-# For what gunicorn would write beside its working folder.
+# For files that gunicorn would write beside its working folder.
 GUNICORN = ("--worker-tmp-dir", ".", "--no-control-socket")
 KINDS = {
     "gunicorn-sync": Kind("gunicorn", (*GUNICORN, "-k", "sync", WSGI), "--bind=127.0.0.1:{}", False),
@@ -46,7 +46,7 @@ KINDS = {
     "uvicorn": Kind("uvicorn", ("--no-access-log", "--host", "127.0.0.1", ASGI), "--port={}"),
     "hypercorn": Kind("hypercorn", ("--workers", "0", ASGI), "--bind=127.0.0.1:{}"),
     "http.server": Kind("tests.real.http_server_app", ("length",), "{}", False),
-    # The end of the connection is that of the answer; with TLS, the server does not announce it.
+    # The end of the connection ends the response; with TLS, the server does not send close_notify.
     "http.server-no-length": Kind("tests.real.http_server_app", ("no-length",), "{}", False),
 }
 CERTIFICATE = {
@@ -86,7 +86,7 @@ def served(request: pytest.FixtureRequest, certificate: Certificate) -> Iterator
 def test_logins_in_a_row(served: Served, harness: Make) -> None:
     before = served.connections()
     log_in(harness(served.url), LOGINS)
-    # The first connection is the one of the question.
+    # The first connection is that of this request.
     assert served.connections() - before == (1 if served.keeps else 3 * LOGINS)
 
 

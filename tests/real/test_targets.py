@@ -1,4 +1,4 @@
-"""Request targets arrive byte for byte as they were given, whatever is on the way."""
+"""Request targets arrive byte for byte as given, through any proxy."""
 
 from __future__ import annotations
 
@@ -9,7 +9,7 @@ from .nginx import Nginx
 from .outcomes import transport
 from .squid import Squid
 
-# What is given after host and port, and what of it is to arrive.
+# What follows host and port in a URL, and the target that must arrive.
 TARGETS = {
     "/a;b=c": "/a;b=c",
     "/%7Eto/%2e": "/%7Eto/%2e",
@@ -28,7 +28,7 @@ SCHEMES = ("http", "https")
 
 
 def arrived(scheme: str, host: str, target: str, origin: Nginx) -> tuple[str, str]:
-    """From where that target came, and its request line."""
+    """The client of that target, and its request line."""
     site = "told" if scheme == "http" else "told-tls"
     so_far = len(origin.visits(site, 0))
     assert transport("POST", origin.url(site, host) + target, {}, "{}")[::2] == (200, b"told")

@@ -1,4 +1,4 @@
-"""Tinyproxy, open or for those who have its password."""
+"""Tinyproxy, open or with a password."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ from .programs import free_ports, own_folder, running
 
 USER = "anybody-of-tinyproxy"
 PASSWORD = "s3cretOfTinyproxy0123456"
-# From where it goes to servers.
+# Its address towards servers.
 CLIENT = "127.0.0.2"
 
 

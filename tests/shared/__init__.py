@@ -1,1 +1,1 @@
-"""What tests of several folders use."""
+"""Used by the tests of several folders."""

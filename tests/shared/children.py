@@ -1,4 +1,4 @@
-"""Children of a process: forked to do one thing, and awaited with a deadline."""
+"""Child processes: forked to do one thing, and awaited with a deadline."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ DEADLINE = 15.0
 
 
 def begin_child(body: Callable[[], object]) -> int:
-    """Fork a child that does this and ends; gives back its process id."""
+    """Fork a child that does this and exits; returns its process ID."""
     pid = os.fork()
     if pid == 0:
         status = 1
@@ -27,7 +27,7 @@ def begin_child(body: Callable[[], object]) -> int:
 
 
 def end_child(pid: int) -> None:
-    """Wait for a child, which must end well."""
+    """Wait for a child, which must exit with status 0."""
     limit = time.monotonic() + DEADLINE
     while (ended := os.waitpid(pid, os.WNOHANG)) == (0, 0):
         if time.monotonic() > limit:

@@ -1,4 +1,4 @@
-"""Time that moves when a test says so."""
+"""A clock that moves only when a test advances it."""
 
 from __future__ import annotations
 
@@ -8,7 +8,7 @@ from tessaline.testing import FakeClock
 
 
 class HandClock(FakeClock):
-    """The package's clock for tests, which may also be told to raise, and counts.
+    """The package's clock for tests, which can also raise, and counts its readings.
 
     before: called ahead of each reading, on the thread that reads; what it raises is raised by the clock.
     """

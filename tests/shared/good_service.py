@@ -1,4 +1,4 @@
-"""A service without a socket that says yes to everything, or what a table says."""
+"""A service without a socket whose responses are all successful, or from a table."""
 
 from __future__ import annotations
 
@@ -8,14 +8,14 @@ from typing import Any
 
 
 def token_of(subject: str) -> str:
-    """A token that names its wallet and nothing else."""
+    """A token with its wallet and nothing else."""
     parts = ({"alg": "none"}, {"sub": subject})
     segments = [base64.urlsafe_b64encode(json.dumps(part).encode()).rstrip(b"=").decode() for part in parts]
     return ".".join([*segments, "AA"])
 
 
 class GoodService:
-    """An HttpTransport with one good answer for each endpoint. signatures: those that it was sent."""
+    """An HttpTransport with one successful response per endpoint. signatures: those received so far."""
 
     def __init__(self, message: str = "Sign in", secret: bytes | str = bytes(32), token: str = "") -> None:
         self.signatures: list[str] = []

@@ -1,4 +1,4 @@
-"""Stand-ins for the host's modules."""
+"""Replacements of modules."""
 
 from __future__ import annotations
 

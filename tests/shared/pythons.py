@@ -1,4 +1,4 @@
-"""What tests know of the Python that they run on."""
+"""Differences between the Pythons that the tests run on."""
 
 from __future__ import annotations
 

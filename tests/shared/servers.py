@@ -12,7 +12,7 @@ from devserver.testing import DevServer
 
 
 def serve(**options: Any) -> Iterator[DevServer]:
-    """The body of a fixture: a server that has nothing to complain of."""
+    """The body of a fixture: a server that must have written no errors."""
     with DevServer(**options) as server:
         yield server
         assert server.stderr == ""
@@ -45,7 +45,7 @@ def https_server(https_process: DevServer) -> DevServer:
 
 @pytest.fixture
 def trusted(https_server: DevServer, monkeypatch: pytest.MonkeyPatch) -> DevServer:
-    """The HTTPS server, its authority trusted."""
+    """The HTTPS server, with its CA trusted."""
     assert https_server.ca_file is not None
     monkeypatch.setenv("SSL_CERT_FILE", https_server.ca_file)
     return https_server
@@ -61,7 +61,7 @@ def either(request: pytest.FixtureRequest) -> DevServer:
 
 @pytest.fixture
 def unused_port() -> Iterator[int]:
-    """A port at which every connection is refused: it is taken and nobody listens."""
+    """A port at which every connection is refused: it is bound, but nothing listens."""
     with socket.socket() as taken:
         taken.bind(("127.0.0.1", 0))
         yield taken.getsockname()[1]

@@ -1,4 +1,4 @@
-"""Threads that end: every join has a deadline, and every wait for what another thread does."""
+"""Threads that end: every join, and every wait for another thread, has a deadline."""
 
 from __future__ import annotations
 
@@ -16,16 +16,16 @@ DEADLINE = patience(20.0)
 
 
 def native_threads() -> int:
-    """How many the process has, but for the one that closes idle connections, which is no manager's."""
+    """How many threads the process has, without the one that closes idle connections."""
     found = 0
     for task in os.listdir("/proc/self/task"):
-        with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # ended in the meantime
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # ended meanwhile
             found += Path(f"/proc/self/task/{task}/comm").read_text() != "tessaline-idle\n"
     return found
 
 
 def join_all(threads: Iterable[threading.Thread], timeout: float = DEADLINE) -> None:
-    """Join them, failing the test when one is still alive after `timeout` seconds."""
+    """Join them; fails the test if one is still alive after `timeout` seconds."""
     threads = list(threads)
     limit = time.monotonic() + timeout
     for thread in threads:
@@ -40,7 +40,7 @@ def join(thread: threading.Thread, timeout: float = DEADLINE) -> None:
 
 
 def until(condition: Callable[[], Any], what: str = "the condition", timeout: float = DEADLINE) -> Any:
-    """The first true value of `condition`; fails when there is none within `timeout` seconds."""
+    """The first true value of `condition`; fails if there is none within `timeout` seconds."""
     limit = time.monotonic() + timeout
     while not (value := condition()):
         if time.monotonic() > limit:
@@ -50,7 +50,7 @@ def until(condition: Callable[[], Any], what: str = "the condition", timeout: fl
 
 
 def none_left(*others: str) -> Iterator[None]:
-    """The body of a fixture: no thread that has come since may be left, but for those named like `others`."""
+    """The body of a fixture: no thread started since may be left, except those named like `others`."""
     before = set(threading.enumerate())
     yield
 
@@ -67,7 +67,7 @@ def waiters(event: threading.Event) -> int:
 
 
 class Worker:
-    """One call on a thread of its own, and what came of it, `BaseException` included."""
+    """One call on a separate thread, and its result or error, `BaseException` included."""
 
     NAME = "test-worker"
 
@@ -76,7 +76,7 @@ class Worker:
         self.error: BaseException | None = None
         self.seconds: float | None = None
         self.ended_at: float | None = None
-        # The thread drops its arguments at its end.
+        # The thread releases its arguments when it ends.
         self.thread = threading.Thread(target=self._run, args=(call, args, kwargs), daemon=True)
         self.thread.name = self.NAME
         self.thread.start()
@@ -114,5 +114,5 @@ class Worker:
 
 
 def within(timeout: float, call: Callable[..., Any], *args: Any, **kwargs: Any) -> Any:
-    """Make the call on another thread and give back its result: a dead-lock fails instead of hanging."""
+    """Make the call on another thread and return its result: a deadlock fails instead of hanging."""
     return Worker(call, *args, **kwargs).result(timeout)

@@ -1,1 +1,1 @@
-"""The parts for tests of programs: the clock, the service, and pytest's fixtures of them."""
+"""The package's test helpers: the clock, the service, and pytest's fixtures of them."""

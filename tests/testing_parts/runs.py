@@ -1,4 +1,4 @@
-"""Runs of pytest in a folder of their own."""
+"""Runs of pytest in a separate folder."""
 
 from __future__ import annotations
 

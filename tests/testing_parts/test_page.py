@@ -1,4 +1,4 @@
-"""The page on testing: what it shows is so."""
+"""The page on testing: its examples run."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""pytest sees the fixtures where they are asked for, and nowhere else."""
+"""pytest has the fixtures where they are enabled, and nowhere else."""
 
 from __future__ import annotations
 

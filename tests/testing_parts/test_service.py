@@ -1,4 +1,4 @@
-"""The service without a network does what a manager and a keeper meet at the real one."""
+"""With the service without a network, a manager and a keeper behave as with the real one."""
 
 from __future__ import annotations
 

@@ -1,1 +1,1 @@
-"""Where a thread, its time or its stack is not what it seems: greenlets, faked clocks, loops, forks."""
+"""Unusual threads, time and stacks: greenlets, faked clocks, event loops, forks."""

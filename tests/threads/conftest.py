@@ -1,4 +1,4 @@
-"""The development server, in a process of its own."""
+"""The development server, in a separate process."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""What the programs use; programs.py runs them, and they import all of this."""
+"""Used by the programs; programs.py runs them, and they import all of this."""
 
 from __future__ import annotations
 
@@ -30,7 +30,7 @@ LIFETIME = 86400.0
 
 
 def outcome(call: Callable[[], Any]) -> Any:
-    """What it returns, or the reason or class of what it raises."""
+    """Its result, or the reason or class of its error."""
     try:
         return call()
     except auth.AuthError as error:
@@ -40,7 +40,7 @@ def outcome(call: Callable[[], Any]) -> Any:
 
 
 class Call:
-    """One call in a greenlet of its own, and what came of it."""
+    """One call in a separate greenlet, and its result or error."""
 
     def __init__(self, spawn: Callable[..., Any], call: Callable[[], Any]) -> None:
         self.done = False
@@ -53,14 +53,14 @@ class Call:
 
 
 def results(calls: Iterable[Call]) -> list[Any]:
-    """What came of them, once all have ended."""
+    """The results, once all have ended."""
     calls = list(calls)
     until(lambda: all(call.done for call in calls), "the end of all calls", timeout=10.0)
     return [call.value for call in calls]
 
 
 def manager_with(token: Any, expiry: Any, **options: Any) -> Any:
-    """A manager that serves this token until then, and that nothing renews."""
+    """A manager that serves this token until its expiry, without renewal."""
     manager = build(Service(), **options)
     manager._state = "AUTHENTICATED"
     manager._token, manager._token_expiry = token, expiry

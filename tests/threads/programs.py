@@ -1,4 +1,4 @@
-"""Runs a program of its own, which must end soon, and as it should."""
+"""Runs a separate program, which must end soon and as expected."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ from pathlib import Path
 from tests.sanitized import patience
 
 ROOT = Path(__file__).resolve().parents[2]
-# A program that hangs tells where, before its time is up.
+# A program that hangs prints its stacks before the time-out.
 TELLS_AFTER = patience(15.0)
 DEADLINE = TELLS_AFTER + 5.0
 STACK = 8 << 20
@@ -38,7 +38,7 @@ def run(
     options: Sequence[str] = (),
     environment: Mapping[str, str] | None = None,
 ) -> str:
-    """Run it between `before` with the prelude and the ending; gives back its output.
+    """Run it between `before` with the prelude and the ending; returns its output.
 
     It must end with exit code 0, with an error output that `errors` is a pattern for the whole of.
     """

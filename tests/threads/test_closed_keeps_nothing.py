@@ -1,4 +1,4 @@
-"""A closed manager keeps nothing alive of what its last login met, however that failed."""
+"""A closed manager keeps no object alive from its last login, however that failed."""
 
 from __future__ import annotations
 
@@ -22,11 +22,11 @@ census, nothing_escapes = endings.census, endings.nothing_escapes
 
 
 class Owned:
-    """What a frame of the transport owns while it raises."""
+    """An object owned by a frame of the transport while it raises."""
 
 
 class Failing(Service):
-    """Raises in frames that own something; `seen` are references to what they owned."""
+    """Raises in frames that own something; `seen` has references to what they owned."""
 
     def __init__(self, error: Callable[[], BaseException]) -> None:
         super().__init__(era=1)
@@ -57,7 +57,7 @@ def auth_error() -> BaseException:
     return auth.AuthError(reason="unauthorized")
 
 
-# What a background thread meets as well, which nobody interrupts.
+# Errors that a background thread can get too, which is never interrupted.
 BY_REQUEST = [auth_error, ValueError, ConnectionError]
 
 
@@ -89,7 +89,7 @@ def logged_in(manager: Any, service: Failing) -> Any:
 
 
 def fails(call: Callable[..., Any], *arguments: Any) -> None:
-    """The caller drops what was raised, and the frames that it went through."""
+    """The caller releases the error and its frames."""
     try:
         call(*arguments)
     except BaseException as error:
@@ -99,7 +99,7 @@ def fails(call: Callable[..., Any], *arguments: Any) -> None:
 
 
 def asks(manager: Any) -> weakref.ref[Owned]:
-    """A caller of `get_token` whose frame owns something as well."""
+    """A caller of `get_token` whose frame owns something too."""
     owned = Owned()
     fails(lambda: (owned, manager.get_token()))
     return weakref.ref(owned)
@@ -141,7 +141,7 @@ def test_an_era(logged_in: Any, service: Failing) -> None:
     logged_in.notify_era_change(2)
     asked = [asks(logged_in)]
     until(lambda: logged_in._state == "AUTHENTICATED" and logged_in._auth_error is not None)
-    # Everybody gets the recorded error, as the same object.
+    # All callers get the stored error, as the same object.
     asked += [asks(logged_in) for _ in range(3)]
     logged_in.close()
     assert not service.kept()
@@ -193,6 +193,6 @@ def test_a_thread_that_cannot_be_started(
     if era:
         service.seen.append(asks(manager))
     manager.close()
-    # The stand-in has the refusal, and refers to itself.
+    # The substitute refers to the error, and to itself.
     del owned, refusal, patch
     assert not service.kept()

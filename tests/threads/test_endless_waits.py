@@ -1,4 +1,4 @@
-"""Pauses that no float holds: those in the past are over at once, the others last until the close."""
+"""Delays that no float can represent: negative ones end at once, the others last until the close."""
 
 from __future__ import annotations
 
@@ -13,13 +13,13 @@ from tests.contract.support.managers import build, reason
 from tests.contract.support.service import REGISTER, Service, answer
 from tests.shared.clocks import HandClock
 
-# The last is too long even to be written down.
+# The last one has too many digits to be printed.
 HUGE = {"integer": 10**400, "fraction": Fraction(10**400, 3), "longer integer": 10**5000}
 CLOCKS = ["of floats", "of integers", "of the machine"]
 
 
 class MovingSleeps(ShortSleeps):
-    """Sleeps that move the hand clock (the machine's goes on by itself); the hundredth closes the manager."""
+    """Sleeps that advance the hand clock (real time continues); the hundredth closes the manager."""
 
     def __init__(self, clock: HandClock) -> None:
         super().__init__()

@@ -1,4 +1,4 @@
-"""An import that fails leaves nothing behind: whoever comes next, in any interpreter, finds it new."""
+"""A failed import leaves nothing behind: the next one, in any interpreter, starts fresh."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ from tests.process.test_interpreters import OTHER_INTERPRETER, OTHERS, run, told
 # What the import of the component needs.
 NEEDED = ["base64", "json", "random", "re", "threading", "time", "tessaline.logging_style"]
 
-# CODE with a module missing while it first imports, and then, where asked for, with all there.
+# Runs CODE with a module missing at the first import, and then, as an option, with all modules.
 MISSING = """
 def missing(name, again=False):
     lines = ["import sys", f"kept = sys.modules.get({name!r})", f"sys.modules[{name!r}] = None", "try:",

@@ -1,4 +1,4 @@
-"""Under time that another library fakes, tokens are served by the time that the manager's clock tells."""
+"""If another library fakes the time, tokens are served by the manager's clock."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ FAKES = {
     "fakes = freezegun.freeze_time(datetime.datetime(2096, 10, 2), tick={tick})\n",
 }
 
-# Pauses end at once, and monotonic time goes on whatever the real one does.
+# Back-off ends at once, and monotonic time advances whatever the real one does.
 PRELUDE = (
     programs.USUAL
     + """
@@ -27,7 +27,7 @@ def new():
     return manager_with("a.b.c", None, default_clock=True)
 
 def check(manager):
-    # Twice each, for what a manager may remember of the first time.
+    # Twice each, for state that a manager may keep from the first time.
     for _ in range(2):
         for age in (-50_000.0, -5.0, 5.0, 50_000.0):
             manager._token_expiry = manager._get_time() - age
@@ -43,7 +43,7 @@ def check(manager):
 """
 )
 
-# What is done before the prelude, which imports the component, and after it.
+# Code before the prelude, which imports the component, and after it.
 MOMENTS = {
     "at the import, and on": ("fakes.start()", "check(new())"),
     "at the import, a manager of then": (

@@ -1,4 +1,4 @@
-"""A handler of a signal forks while the main thread waits: in the child nobody is there to be waited for."""
+"""A signal handler forks while the main thread waits: in the child there is no thread to wait for."""
 
 from __future__ import annotations
 
@@ -8,7 +8,7 @@ from . import programs
 
 pytestmark = pytest.mark.process
 
-# The handler returns into the wait, in the parent and in the child, which its alarm ends if it waits on.
+# The handler returns into the wait, in the parent and in the child; an alarm ends the child if it waits on.
 PRELUDE = (
     programs.USUAL
     + """
@@ -42,7 +42,7 @@ def in_child():
     return os.getpid() != parent
 
 def leave(good):
-    # Past everything that the parent's end would do in here.
+    # Skips everything that the parent's exit would do here.
     os._exit(0 if good else 1)
 
 def waited_for(event):
@@ -76,7 +76,7 @@ if in_child():
 assert sender.result() == 0
 assert answer == service.tokens[-1]
 """
-# In the child the call logs in by itself: nobody else does.
+# In the child the call logs in itself: no other thread does.
 AUTHENTICATE = """
 answer = outcome(manager.authenticate)
 if in_child():

@@ -1,4 +1,4 @@
-"""Managers among greenlets: each is a caller of its own, and one that waits leaves the others alone."""
+"""Managers among greenlets: each is a separate caller, and one that waits does not block the others."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ PATCHED = {
     "eventlet after the import": "import tessaline.auth\n" + EVENTLET,
 }
 
-# A transport that gives way at each request, and a greenlet that counts how often it came to run.
+# A transport that yields at each request, and a greenlet that counts its turns.
 PRELUDE = (
     programs.USUAL
     + """
@@ -120,7 +120,7 @@ PROGRAMS = {
         clock.now += 0.9 * LIFETIME
         until(lambda: service.count(VERIFY) == 2)
         until(lambda: manager.get_token() == service.tokens[1])
-        # Past the expiry all wait for the one that comes.
+        # After the expiry all wait for the renewed one.
         gate = service.hold(VERIFY)
         clock.now += LIFETIME
         waiting = callers(4)

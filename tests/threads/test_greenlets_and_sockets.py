@@ -1,4 +1,4 @@
-"""Managers among greenlets, over sockets, with a server that takes its time in another process."""
+"""Managers among greenlets, over sockets, with a slow server in another process."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ from .test_greenlets import PATCHED, PRELUDE
 
 pytestmark = [pytest.mark.process, moves_stacks]
 
-# The first gives way while it waits for the server.
+# The first yields while it waits for the server.
 TRANSPORTS = {
     "a transport in Python": """
 import urllib.request

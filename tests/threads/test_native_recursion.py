@@ -1,4 +1,4 @@
-"""Calls that lead back to themselves without a line of Python between end in RecursionError, on any stack."""
+"""Recursion without a Python frame in between ends in RecursionError, on any stack."""
 
 from __future__ import annotations
 
@@ -11,10 +11,10 @@ from . import programs
 pytestmark = pytest.mark.process
 
 MIB = 1 << 20
-# The main thread's stack has 8 MiB: programs.py sees to it.
+# The main thread's stack has 8 MiB: programs.py sets it.
 STACKS = {"main": 0, "thread of 8 MiB": 8 * MIB, "thread of 512 KiB": MIB // 2}
 
-# Threads that come later, such as the manager's own, have such a stack as well.
+# Threads started later, such as the manager's own, have such a stack as well.
 PRELUDE = (
     programs.USUAL
     + """
@@ -96,7 +96,7 @@ PROGRAMS = {
     "a renewal that begins itself": """
         manager = logged_in()
         manager._start_refresh = manager._do_refresh
-        # The renewal records its failure, as nobody is there to be told.
+        # The renewal stores its failure, because it has no caller.
         try:
             manager._do_refresh()
         except RecursionError:

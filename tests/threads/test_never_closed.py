@@ -1,4 +1,4 @@
-"""Python's own warning about what was never closed is given for managers too, to those who ask for it."""
+"""Python's own warning about unclosed resources is issued for managers too, if it is enabled."""
 
 from __future__ import annotations
 

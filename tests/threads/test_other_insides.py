@@ -1,4 +1,4 @@
-"""On a Python that keeps its events otherwise, the component waits and wakes by calling it."""
+"""On a Python with other internals of events, the component waits and wakes by calling their methods."""
 
 from __future__ import annotations
 

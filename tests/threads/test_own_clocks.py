@@ -1,4 +1,4 @@
-"""However a program brings in a clock of its own, `get_token` goes by it, at once and while it is there."""
+"""However a program provides its own clock, `get_token` uses it, at once and as long as it is set."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ TOKEN = "a.b.c"
 
 
 class Sub(auth.AuthManager):
-    """What a program may patch without touching every manager."""
+    """What a program may patch without changing every manager."""
 
 
 @pytest.fixture(autouse=True)
@@ -27,7 +27,7 @@ def no_sleep(monkeypatch: pytest.MonkeyPatch) -> None:
 
 
 def serving(kind: Any) -> Any:
-    """A manager on the machine's clock, by which its token is good and no refresh is due."""
+    """A manager on the wall clock, by which its token is valid and no refresh is due."""
     manager = kind(KEY, BASE, _transport=Service())
     now = time.time()
     manager._state, manager._token, manager._auth_time = "AUTHENTICATED", TOKEN, now
@@ -36,7 +36,7 @@ def serving(kind: Any) -> Any:
 
 
 def check(manager: Any, ahead: float) -> None:
-    """The manager's time is so far ahead, and its tokens are served accordingly."""
+    """The manager's time is that far ahead, and its tokens are served accordingly."""
     assert abs(manager._get_time() - time.time() - ahead) < 1000.0
     now = manager._get_time()
     for _ in range(2):
@@ -46,7 +46,7 @@ def check(manager: Any, ahead: float) -> None:
         with pytest.raises(auth.AuthError) as refused:
             manager.get_token()
         assert refused.value.reason == "token_expired"
-        # A refresh that is due is asked for, and here it is done at once.
+        # A refresh that is due is requested, and here it is done at once.
         manager._token_expiry, manager._refresh_at = now + 5000.0, now - 5000.0
         manager._refresh_done.set()
         manager._refresh_event.clear()
@@ -89,7 +89,7 @@ def test_a_subclass_that_makes_up_for_a_clock_that_is_gone(early: bool) -> None:
     check(manager, 0.0)
 
 
-# Patches, of a manager that has been used before
+# Patches of a manager that has been used before
 
 
 @pytest.fixture
@@ -140,7 +140,7 @@ def test_a_manager_that_is_patched(used: Any) -> None:
     vars(used)["_get_time"] = ahead
     check(used, AHEAD)
     del vars(used)["_get_time"]
-    # The field goes before the dictionary.
+    # The field is removed before the dictionary.
     vars(used)["_clock"] = ahead
     check(used, 0.0)
     used._clock = ahead

@@ -1,4 +1,4 @@
-"""Greenlets of one thread that wait side by side for a renewal, and stop waiting in any order."""
+"""Greenlets of one thread that wait concurrently for a renewal, and stop waiting in any order."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ from . import programs
 
 pytestmark = [pytest.mark.process, moves_stacks]
 
-# Each sleep of a poll gives the word back to the round, which lets one greenlet after the other go on.
+# Each sleep of a poll yields to the scheduler, which resumes one greenlet after the other.
 PRELUDE = (
     programs.USUAL
     + """
@@ -29,7 +29,7 @@ def sleep(seconds):
     main.switch("asleep")
 auth._time = StandIn(time, sleep=sleep, monotonic=lambda: moment)
 
-# What is there already need not be looked through at every collection.
+# Existing objects need not be scanned at every collection.
 gc.freeze()
 
 clock, made = HandClock(), 0
@@ -59,7 +59,7 @@ def renew(manager):
     return gone
 
 def answers_well(manager):
-    # What polls of before may have left behind would be taken for a renewal, or hide one.
+    # State left by earlier polls would be mistaken for a renewal, or hide one.
     manager._token_expiry = clock.now - 1.0
     assert outcome(lambda: get_token(manager)) == "token_expired"
     assert outcome(lambda: polled(manager)) == "token_expired"
@@ -75,7 +75,7 @@ def answers_well(manager):
 
 PROGRAMS = {
     "in any order": """
-        # The last one stands for nobody, the others for one that is killed.
+        # The last one is not used, the others are for one that is killed.
         for order, victim in product(permutations(range(3)), range(4)):
             manager = expired()
             greenlets = asleep(manager, *[get_token] * 3)
@@ -99,7 +99,7 @@ PROGRAMS = {
                 greenlets += asleep(manager, get_token)
                 gone.append(renew(manager))
                 manager._token_expiry = clock.now - 1.0
-            # None of them saw it change to a good one: that comes now, and each sees it.
+            # None of them has seen the change to a valid one: that comes now, and each sees it.
             manager._token_expiry = clock.now + 1000.0
             for number in order:
                 assert greenlets[number].switch() is manager._token
@@ -125,7 +125,7 @@ PROGRAMS = {
         for other in range(2):
             manager = expired()
             greenlets = asleep(manager, get_token, get_token)
-            # Out of patience without a renewal, while the other one sleeps on.
+            # Timed out without a renewal, while the other one sleeps on.
             while not greenlets[1 - other].dead:
                 said = greenlets[1 - other].switch()
             assert said == "token_expired"

@@ -1,1 +1,1 @@
-"""The project itself: its rules, its tools, its demo and its files."""
+"""The project itself: its rules, tools, demo and files."""

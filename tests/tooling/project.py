@@ -18,7 +18,7 @@ def own_files() -> tuple[Path, ...]:
     """Every file that git tracks or would track."""
     if not (ROOT / ".git").exists():
         pytest.skip("only a git checkout knows its own files")
-    # The checkout may belong to another user than the one who tests it.
+    # Another user may own the checkout.
     command = ["git", "-c", f"safe.directory={ROOT}", "ls-files", "-z", "--cached", "--others"]
     listed = subprocess.run(
         [*command, "--exclude-standard"], cwd=ROOT, check=True, capture_output=True, timeout=60, text=True

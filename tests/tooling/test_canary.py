@@ -24,7 +24,7 @@ from tessaline import auth
 
 from .project import ROOT
 
-# Each test of this run leaks, whatever it does to hide it, but for those called quiet.
+# Each test of this run leaks a secret, whatever it does to hide it, except those called quiet.
 LEAKS = """
 import base64, contextlib, json, logging, subprocess, sys, threading, warnings
 import canary, jwt, pytest
@@ -182,7 +182,7 @@ def test_quiet_fields(kept_manager):
 
 
 def test_quiet_inside_a_library():
-    # It tries to read the key as JSON, and goes on when that fails.
+    # It tries to parse the key as JSON, and continues when that fails.
     assert jwt.encode({}, HEX, algorithm="HS256")
 
 

@@ -1,4 +1,4 @@
-"""A small part of `make chaos`, and that it sees what it is there to see."""
+"""A small part of `make chaos`, and whether it detects faults."""
 
 from __future__ import annotations
 
@@ -55,7 +55,7 @@ def test_the_same_number_draws_the_same_flow() -> None:
     assert draw(3, 0) != draw(4, 0)
 
 
-# It sees what is wrong.
+# It detects faults.
 
 
 def one_flow(**changes: Any) -> Scenario:
@@ -144,7 +144,7 @@ def test_growth_is_seen(what: str, watchdog: Watchdog, capsys: pytest.CaptureFix
     run = run_lives._Run(1000, watchdog)
     run.compare(early, early, managers=1000)
     assert run.figures.violations == 0
-    # One object of 16 bytes kept from each of the refreshes of 900 days.
+    # One object of 16 bytes per refresh in 900 days.
     kept = 1 if what in ("threads", "descriptors") else 900 * 1000 * (1 if what == "blocks" else 32)
     run.compare(early, replace(early, **{what: 1 + kept}), managers=1000)
     assert run.figures.violations == 1

@@ -1,4 +1,4 @@
-"""`make check` and the hooks before a commit see what they are there to see."""
+"""`make check` and the hooks before a commit detect what they are for."""
 
 import os
 import shutil
@@ -14,7 +14,7 @@ pytestmark = pytest.mark.process
 
 @pytest.fixture(scope="module")
 def checkout(tmp_path_factory: pytest.TempPathFactory) -> Path:
-    """A commit of its own of everything but the fuzzers' inputs."""
+    """A separate commit of everything but the fuzzers' inputs."""
     copy = tmp_path_factory.mktemp("checkout")
     for path in own_files():
         name = path.relative_to(ROOT)
@@ -80,7 +80,7 @@ def test_the_hooks_before_a_commit_see_and_mend_what_is_planted(checkout: Path, 
     kept, kept_script = source.read_text(), script.read_text()
 
     def hooks() -> Ended:
-        # What is skipped takes long, and is tools/check and tools/tidy again.
+        # Skipped because it takes long, and tools/check and tools/tidy run it too.
         return run(
             ".venv/bin/pre-commit",
             *("run", "--files", "devserver/app.py", ".ci/run"),

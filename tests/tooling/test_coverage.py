@@ -1,4 +1,4 @@
-"""What the figures of `make coverage` are made of."""
+"""The data behind the figures of `make coverage`."""
 
 from typing import Any
 

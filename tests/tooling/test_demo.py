@@ -1,4 +1,4 @@
-"""The demo as a command: what it prints into a pipe, and how it fails."""
+"""The demo as a command: its output into a pipe, and how it fails."""
 
 import re
 import sys

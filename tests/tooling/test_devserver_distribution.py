@@ -1,4 +1,4 @@
-"""What the development server's own distribution says of itself."""
+"""The metadata of the development server's own distribution."""
 
 import ast
 import re
@@ -34,7 +34,7 @@ def test_it_requires_what_it_imports() -> None:
             elif isinstance(node, ast.ImportFrom) and node.level == 0 and node.module is not None:
                 imported.add(node.module)
     foreign = {name.partition(".")[0] for name in imported} - sys.stdlib_module_names - {"devserver"}
-    # uvicorn's connections, which those of the server derive from, are made of it.
+    # uvicorn's connections, from which the server's are derived, use it.
     assert foreign | {"h11"} == {IMPORTED_AS.get(name, name).replace("-", "_") for name in required()}
 
 
@@ -44,7 +44,7 @@ def test_the_checkout_pins_what_it_requires() -> None:
 
 
 def pythons(folder: str = "devserver") -> list[str]:
-    """Those that it names, the oldest first."""
+    """The versions that it names, the oldest first."""
     entries = pyproject(folder)["project"]["classifiers"]
     return [entry.rpartition(" ")[2] for entry in entries if " :: 3." in entry]
 

@@ -18,16 +18,16 @@ pytestmark = pytest.mark.process
 AUTH = "tessaline/auth"
 NATIVE = "tessaline/native"
 
-# The rooms of the component: each may use those further down, the last three none.
+# The folders of the component: each may use those further down, the last three none.
 ROOMS = ["binding", "manager", "steps", "transport", "errors", "python", "http", "wallet"]
 LOWEST = {"python", "http", "wallet"}
 SHARED_BY_ROOMS = ["CMakeLists.txt", "constants.hpp", "exports.map", "names.hpp"]
-# Of rooms that know the interpreter, what does not.
+# Files of folders that use the interpreter which do not.
 PURE = ("steps/verdict", "transport/trust_places")
-# What of the component the native parts beside it may use: the doors, and what every transport has in common.
+# What `native` may use of the component: the doors, and the common parts of all transports.
 SHARED = rf"{AUTH}/(?:python/(?:python|ref)|transport/(?:default_trust|exchange|http_library|proxy_\w+))\.hpp"
 
-# A letter in brackets here and there keeps this file from breaking the rules that it checks.
+# Letters in brackets keep this file from violating its own rules.
 OTHER_DOCUMENTS = re.compile(
     r"\b[Ss]pecificatio[n]s?\b|\bspe[c]\.md\b|\b[Tt]he spe[c]\b|\bPar[t]s? [0-9]+\.[0-9]+\b|\bPart[s] [0-9]"
 )
@@ -46,14 +46,14 @@ HOST_CALLS = re.compile(
     r"|Py_X?DECREF|Py_CLEAR|Py_X?SETREF|Py_DecRef|PyEval_\w+|PyGILState_\w+|PyThreadState_\w+"
     r"|Py_(?:BEGIN|END|UNBLOCK|BLOCK)_(?:ALLOW_)?THREADS)\b"
 )
-# A pointer to one that the host made is no definition.
+# A pointer to one that the interpreter made is not a definition.
 METHODS = re.compile(r"\bPy(?:Method|GetSet|Member|Module)Def\b(?!\s*[*>])|\bPyType_(?:Slot|Spec)\b")
 CATCH_ALL = re.compile(r"\bcatch\s*\(\s*\.\.\.\s*\)")
 HOST_HANDLERS = re.compile(r"\bcatch\s*\(\s*(?:const\s+)?(?:python::)?Error\b")
 TEXT_FORMS = re.compile(r"\bPy(?:Err_Format|Unicode_FromFormat)\([^;]*%[SRA]")
 HOST_HEADERS = re.compile(r'#\s*include\s*[<"](?:Python\.h|structmember\.h|.*\bauth/python/.*)[>"]')
 
-# What is used that Python does not document: each in one place, which checks that it is as expected.
+# Undocumented internals of Python: each is used in one place, which checks its assumptions.
 INSIDES = {
     r"\btp_version_tag\b": "python/seen_type",
     r'"_(?:cond|flag|waiters)"': "python/event",
@@ -63,16 +63,16 @@ INSIDES = {
     r"\bgetenv\(\"TESSALINE_UNTRIED_PYTHON\"\)": "python/interior",
     r'"_target"': "binding/unclosed",
 }
-# Never used: what begins like this may go with any release of Python.
+# Never used: such names may disappear with any release of Python.
 PRIVATE_TO_HOST = re.compile(r"\b(?:_Py[A-Z]\w*|PyUnstable_\w+|Py_BUILD_CORE)\b")
 
-# Names that one C library has and another has not.
+# Names that only one C library has.
 OF_ONE_LIBC = re.compile(
     r"\bPTHREAD_\w+_NP\b|\b__GLIBC(?:_MINOR)?__\b|\bgnu_get_libc_\w+|<(?:execinfo|malloc|error|gnu/[\w-]+)\.h>"
     r"|\b__forced_unwind\b|\bpthread_(?!setname_np|getname_np|getattr_np)\w+_np\b|\bstrerror\w*_np\b"
     r"|\b(?:RTLD_DEEPBIND|dlmopen|dlvsym|mallinfo2?|mallopt)\b"
 )
-# Where they differ and nothing is in both.
+# The only place in which they differ and have nothing in common.
 FACES_LIBC = f"src/{AUTH}/python/stack.cpp"
 
 COMMENTS_AND_TEXTS = re.compile(r'//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"', re.DOTALL)
@@ -150,12 +150,12 @@ def test_nothing_is_taken_that_only_one_c_library_has() -> None:
 
 
 def test_no_handler_catches_everything() -> None:
-    # It would catch the unwinding by which an ending interpreter ends a thread, and abort the process.
+    # It would catch the unwinding by which the interpreter ends a thread at shutdown, and abort the process.
     assert places(CATCH_ALL, own_sources(".cpp", ".hpp"), code_only=True) == []
 
 
 def test_host_exceptions_are_handled_outside_handlers() -> None:
-    # A door inside a handler aborts the process when the interpreter ends the thread in there.
+    # A door inside a handler aborts the process when the interpreter ends the thread there.
     room = ROOT / "src/tessaline/auth/python"
     allowed = {room / "caught.hpp", room / "boundary.hpp"}
     files = [path for path in own_sources(".cpp", ".hpp", under="src") if path not in allowed]
@@ -163,7 +163,7 @@ def test_host_exceptions_are_handled_outside_handlers() -> None:
 
 
 def test_text_forms_are_made_through_the_doors() -> None:
-    # The host's formatters would call `__str__` past them.
+    # The interpreter's formatters would call `__str__` without the doors.
     assert places(TEXT_FORMS, own_sources(".cpp", ".hpp", under="src")) == []
 
 
@@ -177,7 +177,7 @@ def test_the_pure_rooms_do_not_know_the_interpreter() -> None:
 
 
 def included_room(place: str) -> str:
-    """The room of the component whose header is included there."""
+    """The folder of the component whose header is included there."""
     return place.split(f'"{AUTH}/')[1].partition("/")[0]
 
 

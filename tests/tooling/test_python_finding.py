@@ -1,4 +1,4 @@
-"""Which Python a new `.venv` is made with, and that every place names the same ones."""
+"""Which Python a new `.venv` is made with, and that all places name the same ones."""
 
 from __future__ import annotations
 
@@ -20,14 +20,14 @@ from .test_tools import program, shell
 
 pytestmark = pytest.mark.process
 
-# The interpreter that this one's environment was made with.
+# The interpreter with which this environment was made.
 REAL = os.path.realpath(vars(sys)["_base_executable"])
 REFUSED = "is not a CPython 3.13 or later with its lock (GIL), headers, ssl and ensurepip"
 
-# What another Python would say of itself, before it is asked.
+# What another Python would report about itself, before it is asked.
 AS_FREE_THREADED = "import sysconfig; sysconfig.get_config_var = {'Py_GIL_DISABLED': 1}.get"
 AS_PYPY = "import sys; sys.implementation.name = 'pypy'"
-# What tells where headers are has been asked by then.
+# By then, what reports the location of headers has been asked.
 AS_VERSION = (
     "import sys, sysconfig; sysconfig.get_path('include'); sys.version_info = ({}, {}, 0, 'final', 0)"
 )
@@ -39,7 +39,7 @@ def python_that_says(path: Path, statement: str) -> str:
 
 
 def found_among(tmp_path: Path, *candidates: str) -> str:
-    """The one that is found where these fit, and no others are there."""
+    """The one that is found if these are suitable and there are no others."""
     for version in ("3.13", "3.14", "3.15"):
         answer = f"cat >/dev/null; echo found {version}" if version in candidates else "exit 1"
         program(tmp_path / f"bin/python{version}", answer)

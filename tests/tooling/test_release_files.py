@@ -1,4 +1,4 @@
-"""What several files say of the version, the licence and the layout of the sources, they say alike."""
+"""Version, licence and layout of the sources are the same in all files."""
 
 import configparser
 import re
@@ -17,7 +17,7 @@ from .project import ROOT, own_files
 pytestmark = pytest.mark.process
 
 RELEASE = re.compile(r"^## \[(\d+\.\d+\.\d+)\] - (?:Unreleased|\d{4}-\d\d-\d\d)$", re.MULTILINE)
-# Tables of others and inputs of the fuzzers, kept byte by byte.
+# Third-party tables and inputs of the fuzzers, kept byte for byte.
 KEPT_AS_THEY_ARE = ("tests/vectors/data/", "tests/fuzz/corpus/")
 
 

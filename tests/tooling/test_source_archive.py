@@ -1,4 +1,4 @@
-"""The source archive: what is in it, and that it becomes a wheel where there is no network."""
+"""The source archive: its content, and that it can be built into a wheel without a network."""
 
 import os
 import subprocess
@@ -15,7 +15,7 @@ from .test_install import slow
 
 pytestmark = pytest.mark.process
 
-# Nothing listens at that port, should anything ask for a proxy.
+# Nothing listens at that port, in case something uses a proxy.
 OFFLINE = {
     "PIP_NO_INDEX": "1",
     "PIP_CONFIG_FILE": os.devnull,
@@ -62,7 +62,7 @@ def test_it_holds_the_project_and_nothing_that_was_made_from_it(archive: Path) -
 @pytest.mark.timeout(900)
 def test_it_is_installed_without_a_network(archive: Path, tmp_path: Path) -> None:
     pip = [sys.executable, "-m", "pip", "--disable-pip-version-check", "--no-input"]
-    # What the compiler makes of it is not what this is about.
+    # The output of the compiler does not matter here.
     settings = ["-C", "cmake.define.CMAKE_CXX_FLAGS_RELEASE=-O0"]
     run(*pip, "wheel", "--no-build-isolation", "--no-deps", *settings, "--wheel-dir", tmp_path, str(archive))
     (wheel,) = tmp_path.glob("*.whl")

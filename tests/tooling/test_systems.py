@@ -1,4 +1,4 @@
-"""What `make systems` says, writes and leaves behind; it makes none here."""
+"""What `make systems` prints, writes and leaves behind; no system is created here."""
 
 import json
 import os
@@ -20,7 +20,7 @@ pytestmark = pytest.mark.process
 
 DEADLINE = 20
 APART = "source tools/lib/common.sh; source tools/chroots/list.sh; source tools/chroots/namespaces.sh; "
-# In a session of its own, as a server of a test would be, and with a mount.
+# In a separate session, as a server of a test would be, and with a mount.
 PROGRAM = "mount -t tmpfs tmpfs /mnt; echo mounted >/mnt/file; setsid sleep 600 & cat /mnt/file; wait"
 
 PASSED = (
@@ -114,7 +114,7 @@ def test_the_page_shows_the_results_that_are_kept() -> None:
 
 
 def namespaces() -> list[str]:
-    """What gives a shell the right to namespaces; skips where nobody has it."""
+    """Gives a shell the right to namespaces; skips if that is not possible."""
     prefix = [] if os.geteuid() == 0 else ["unshare", "--user", "--map-root-user"]
     probe = [*prefix, "unshare", "--mount", "--pid", "--fork", "--mount-proc", "true"]
     missing = [name for name in ("unshare", "setpriv", "pivot_root") if not shutil.which(name)]
@@ -135,7 +135,7 @@ def test_what_runs_apart_gives_its_status() -> None:
 def test_nothing_stays_after_a_signal(number: signal.Signals) -> None:
     prefix = namespaces()
     script = APART + f"machine=$(uname -m); end_with_signals; apart bash -c '{PROGRAM}'"
-    # Every process in there holds the pipe's end, so it is over when they all are.
+    # Every process in there has the pipe's end open, so it closes when all have ended.
     process = subprocess.Popen(
         [*prefix, "bash", "-c", script], cwd=ROOT, stdout=subprocess.PIPE, stdin=subprocess.DEVNULL
     )

@@ -1,4 +1,4 @@
-"""`make tidy` looks again at what changed, and only at that."""
+"""`make tidy` checks again what has changed, and only that."""
 
 import json
 import shutil
@@ -13,7 +13,7 @@ pytestmark = pytest.mark.process
 
 
 class Tree:
-    """A source, a header, and a clang-tidy that complains of `bad` in the source and notes each call."""
+    """A source, a header, and a clang-tidy that reports `bad` in the source and records each call."""
 
     def __init__(self, folder: Path) -> None:
         self.header = folder / "used.hpp"

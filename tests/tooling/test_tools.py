@@ -33,7 +33,7 @@ def test_a_tool_is_taken_only_if_it_runs_is_new_enough_and_is_no_shim(tmp_path: 
 
 
 def test_missing_packages_without_root_are_named_with_the_command_that_installs_them() -> None:
-    # As it is for a user who is not root and whom sudo refuses.
+    # As for a user who is not root and may not use sudo.
     circumstances = "has_package() { [[ $1 != libb-dev ]]; }; is_root() { false; }; sudo() { false; }"
     ended = shell(f"{circumstances}; need_packages liba-dev libb-dev")
     assert ended.returncode == 1

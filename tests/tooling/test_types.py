@@ -1,4 +1,4 @@
-"""The stub says what the built module is, and what uses it type-checks; `tools/types` looks at more."""
+"""The stub matches the built module, and what uses it type-checks; `tools/types` checks more."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ STUBS = {
 
 
 def complaint_of(*command: str) -> str:
-    """What a checker complains of, empty when it is content."""
+    """The output of a checker, empty if it reports nothing."""
     ended = run(sys.executable, "-m", *command)
     return "" if ended.returncode == 0 else ended.stdout + ended.stderr
 
@@ -35,7 +35,7 @@ def words(text: str | None) -> list[str] | None:
 
 
 def documented(body: list[ast.stmt], owner: Any, path: str) -> Iterator[tuple[str, str | None, Any]]:
-    """Every class and function of the stub that exists at run time: where, its docstring, the thing."""
+    """Every class and function of the stub that exists at run time: its place, its docstring, the object."""
     for node in body:
         if isinstance(node, ast.ClassDef | ast.FunctionDef) and hasattr(owner, node.name):
             thing = inspect.getattr_static(owner, node.name)
@@ -47,7 +47,7 @@ def documented(body: list[ast.stmt], owner: Any, path: str) -> Iterator[tuple[st
 
 @pytest.mark.parametrize("module", STUBS, ids=lambda module: module.__name__)
 def test_the_stub_has_the_docstrings_of_the_module(module: ModuleType) -> None:
-    # Editors show the stub's, `help()` those of the module.
+    # Editors show the stub's docstrings, `help()` those of the module.
     tree = ast.parse(STUBS[module].read_text())
     assert words(ast.get_docstring(tree)) == words(module.__doc__)
     found = list(documented(tree.body, module, module.__name__))

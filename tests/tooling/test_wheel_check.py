@@ -1,4 +1,4 @@
-"""What `make wheel` looks at, it sees."""
+"""`make wheel` detects what it checks for."""
 
 import os
 import subprocess
@@ -51,7 +51,7 @@ def test_a_library_is_read() -> None:
     assert "libc.so.6" in module.needed
     assert module.exports == {"PyInit_auth"}
     assert {".text", ".dynsym"} <= module.sections
-    # explicit_bzero is of glibc 2.25.
+    # explicit_bzero requires glibc 2.25.
     assert module.glibc >= (2, 25)
 
 

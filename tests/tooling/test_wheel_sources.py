@@ -1,4 +1,4 @@
-"""Where that comes from what a wheel is built from, and which versions are pinned."""
+"""Where the sources of a wheel come from, and which versions are pinned."""
 
 import re
 import subprocess
@@ -21,7 +21,7 @@ SITES = (
 
 
 def record(version: str, digest: str) -> str:
-    """As the package client shows a source."""
+    """As the package client shows a source package."""
     own = [f"{version}.dsc", f"{version}.debian.tar.xz"]
     names = [f"curl_{rest}" for rest in [*own, "8.14.1.orig.tar.gz", "8.14.1.orig.tar.gz.asc"]]
     listed = "".join(f" {digest} 10 {name}\n" for name in names)
@@ -39,7 +39,7 @@ RECORDS = f"{record(OLD, '9' * 64)}\n{record(NEW, 'a' * 64)}\n"
 
 
 class Scripted(archive.Archive):
-    """Lists these records, and serves what is asked for except for some versions."""
+    """Lists these records, and serves all but some versions."""
 
     def __init__(self, listed: str = "", missing: tuple[str, ...] = ()) -> None:
         self._listed, self._missing = listed, missing

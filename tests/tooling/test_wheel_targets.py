@@ -1,4 +1,4 @@
-"""For which Pythons and machines there are wheels."""
+"""The Pythons and machines for which there are wheels."""
 
 import platform
 import re

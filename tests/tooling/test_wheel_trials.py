@@ -1,4 +1,4 @@
-"""What `make test-wheels` says, takes for a failure and leaves behind; it makes no system here."""
+"""What `make test-wheels` prints, counts as a failure and leaves behind; no system is created here."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ pytestmark = pytest.mark.process
 WHEEL = Path("tessaline-0.1.0-cp399-cp399-manylinux_2_28_aarch64.whl")
 PASSED = "===== 240 passed in 31.20s =====\n"
 FAILED = "===== 3 failed, 237 passed in 31.20s =====\n"
-# In a root, which shows a folder of the machine.
+# In a root that has a folder of the machine mounted.
 STEPS = """
 echo after >"$1/srv/kept"
 echo new >"$1/srv/new"
@@ -99,7 +99,7 @@ def test_a_wheel_names_its_machine(machine: str) -> None:
 
 
 def test_a_program_of_a_user_lives_well_but_not_without_a_wheel() -> None:
-    """What is installed here brings no libraries of its own; everything before that went well."""
+    """The installed build has no bundled libraries; every step before that succeeded."""
     with pytest.raises(login.LoginError) as failure:
         login.log_in([sys.executable], login.by_environment)
     assert str(failure.value) == f"bundled libraries: False; logins: {login.LOGINS}"

@@ -1,4 +1,4 @@
-"""A manager to be tortured, its service and clock, and what must hold of it afterwards."""
+"""A manager for the torture, its service and clock, and its invariants afterwards."""
 
 from __future__ import annotations
 
@@ -35,7 +35,7 @@ def until(condition: Callable[[], Any], deadline: float = DEADLINE) -> bool:
 
 
 def fast_time() -> types.SimpleNamespace:
-    """A `time` whose sleeps are short and whose monotonic time leaps, so that no back-off is waited out."""
+    """A `time` whose sleeps are short and whose monotonic time jumps, so that no back-off takes real time."""
     leaps = iter(range(0, 1 << 60, 2))
     return types.SimpleNamespace(
         time=time.time,
@@ -45,7 +45,7 @@ def fast_time() -> types.SimpleNamespace:
 
 
 class Complaints:
-    """What reached the hooks for errors that nobody handles."""
+    """What reached the hooks for unhandled errors."""
 
     def __init__(self) -> None:
         self.texts: Problems = []
@@ -60,7 +60,7 @@ class Complaints:
 
 
 class Waiter:
-    """A call on a thread of its own, on which nothing fails."""
+    """A call on a separate thread, on which nothing fails."""
 
     def __init__(self, call: Callable[[], Any]) -> None:
         self.error: BaseException | None = None
@@ -90,7 +90,7 @@ def is_waited_for(event: Any) -> bool:
 
 
 class Bench:
-    """One manager over a service in memory, or over a server where an address is given."""
+    """One manager of a service in memory, or of a server if an address is given."""
 
     def __init__(self, address: str | None = None, *, default_clock: bool = False) -> None:
         self.service = Service()
@@ -125,7 +125,7 @@ class Bench:
         return self.manager._state in AT_REST
 
     def problems(self) -> Problems:
-        """What does not hold though nothing fails any more."""
+        """Violated invariants, after the failures."""
         found: Problems = []
         if not until(self.settled):
             found.append(f"the state stays {self.manager._state}")
@@ -183,7 +183,7 @@ class Bench:
         return []
 
     def discard(self) -> Problems:
-        """Lets go of everything; what stays alive all the same is a leak."""
+        """Releases all references; what stays alive nevertheless is a leak."""
         watched = [
             (what, weakref.ref(thing))
             for what, thing in (("manager", self.manager), ("service", self.service), ("clock", self.clock))
@@ -200,7 +200,7 @@ class Bench:
 
         if until(gone, 1.0):
             return []
-        # Where the host keeps threads between the call of start() and their first line.
+        # Where the interpreter keeps threads between the call of start() and their first line.
         threading._limbo.clear()  # type: ignore[attr-defined]
         if gone():
             return ["a thread that did not start is kept by the host"]
@@ -216,7 +216,7 @@ def stack_of(frame: types.FrameType | None) -> str:
 
 
 def left_behind() -> Problems:
-    """Of every manager that this process had."""
+    """Of all managers of this process."""
     found: Problems = []
     if not until(lambda: native_threads() == 1, 4.0):
         here = threading.get_ident()

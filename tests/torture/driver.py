@@ -1,4 +1,4 @@
-"""Makes the runs on worker processes and gathers what came of them."""
+"""Makes the runs in worker processes and collects their results."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ WORKER = (sys.executable, "-m", "tests.torture.worker")
 
 
 def native_half() -> Path:
-    """What is preloaded: of the build tree that the module is from, else of the release build."""
+    """The preloaded library: from the build tree of the module, else from the release build."""
     for build in (PACKAGE.parent, ROOT / "build/release"):
         library = build / "torture" / "_torture.so"
         if library.exists():
@@ -94,7 +94,7 @@ class Worker:
 
 @dataclasses.dataclass(frozen=True)
 class Sweep:
-    """All runs of one scenario that differ in the number of what fails."""
+    """All runs of one scenario that differ only in the number of the failing call."""
 
     scenario: str
     kind: Kind
@@ -109,7 +109,7 @@ class Sweep:
         if most is not None and count > most:
             numbers: Iterable[int] = sorted(chance.sample(range(1, count + 1), most))
         else:
-            # Some runs see more than others: the end is where several find nothing left to fail.
+            # Some runs make more calls than others: the end is reached when several runs have no failure.
             numbers = range(1, 10 * count + 100)
         spared = 0
         for number in numbers:
@@ -173,7 +173,7 @@ class Report:
             self.exempt.update({exemption.name for exemption in covering})
 
     def _told(self, run: Run, result: dict[str, Any]) -> dict[str, Any]:
-        """The run again, with its frames. Where threads race, it takes some repetitions to end as it did."""
+        """The run again, with its frames. With races, it may take some repetitions to end in the same way."""
         for _ in range(MOST_TELLINGS):
             told = self.teller.make(run)
             if without_addresses(told["problems"]) == without_addresses(result["problems"]):

@@ -17,9 +17,9 @@ from .kinds import Mode, Run
 class Exemption:
     name: str
     problem: str  # found in the text of the problem
-    frames: str  # found in the frames, "innermost < its caller < …", of a refusal or of the crash
+    frames: str  # matched in the frames, "innermost < its caller < …", of a failure or the crash
     reason: str
-    scenarios: tuple[str, ...] = ()  # none: all
+    scenarios: tuple[str, ...] = ()  # empty: all
     modes: tuple[Mode, ...] = tuple(Mode)
 
     def covers(self, run: Run, problem: str, chains: Iterable[str]) -> bool:
@@ -35,7 +35,7 @@ AFTERMATH = (
     r"still referred to|is kept by the host|threads are left|slots are taken|unraisable|thread ended with"
 )
 
-# A thread that waits in its own start, and what it keeps.
+# A thread that waits in its own start, and what it refers to.
 STILLBORN = re.compile(r"threads are left: \['(?:(?!\brun\b)[^'])*_bootstrap_inner < _bootstrap'\]")
 KEPT = re.compile(r"still referred to|is kept by the host")
 
@@ -139,7 +139,7 @@ EXEMPTIONS = (
 
 
 def exemptions_of(run: Run, problems: Iterable[str], chains: list[str]) -> list[Exemption] | None:
-    """Those that cover the problems, or None where one is left uncovered."""
+    """Those that cover the problems, or None if one is not covered."""
     found = []
     for problem in problems:
         covering = next((e for e in EXEMPTIONS if e.covers(run, problem, chains)), None)

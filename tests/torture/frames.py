@@ -1,4 +1,4 @@
-"""Reads the native frames that the native half writes, and names their functions."""
+"""Reads the native frames from the native half, and finds the names of their functions."""
 
 from __future__ import annotations
 
@@ -13,8 +13,8 @@ LONGEST = 24
 
 @functools.cache
 def function_at(library: str, offset: int, symbol: str) -> str:
-    """The function's name, also of one that no table exports."""
-    # A return address is behind the call.
+    """The function's name, even if no symbol table exports it."""
+    # A return address is after the call.
     command = ["addr2line", "-f", "-s", "-e", library, hex(offset - 1)]
     try:
         told = subprocess.run(command, capture_output=True, text=True, timeout=60).stdout.splitlines()
@@ -24,7 +24,7 @@ def function_at(library: str, offset: int, symbol: str) -> str:
 
 
 def chains(text: str) -> list[str]:
-    """Every stack in the text, as "innermost < its caller < …", without the frames of what wrote it."""
+    """Every stack in the text, as "innermost < its caller < …", without the frames that wrote it."""
     stacks: list[list[str]] = []
     for library, offset, symbol in LINE.findall(text):
         if "write_frames" in symbol:

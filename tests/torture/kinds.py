@@ -5,8 +5,8 @@ from __future__ import annotations
 import dataclasses
 import enum
 
-# Without an end the interpreter would not come to one: it enters the handler of an exception only with
-# memory for the place where it was raised, and tries for ever.
+# A limited number, or the interpreter would never end: it enters the handler of an exception only with memory
+# for the place where it was raised, and tries for ever.
 DROUGHT = 400
 
 
@@ -21,10 +21,10 @@ class Kind(enum.IntEnum):
 
 
 class Mode(enum.StrEnum):
-    ONCE = "once"  # the n-th alone
-    ONWARD = "onward"  # the n-th and all that follow for a long while
+    ONCE = "once"  # only the n-th
+    ONWARD = "onward"  # the n-th and many after it
     PAIR = "pair"  # the n-th and one shortly after it
-    LEAK = "leak"  # the n-th alone, several times over in one process
+    LEAK = "leak"  # only the n-th, several times in one process
 
 
 MODES = {
@@ -38,13 +38,13 @@ MODES = {
 
 @dataclasses.dataclass(frozen=True)
 class Run:
-    """One life with one failure: what a line of the report names, and what repeats it."""
+    """One run with one failure: a line of the report identifies it, and can repeat it."""
 
     scenario: str
     kind: Kind
     mode: Mode
     number: int
-    also: int = 0  # of a pair: the second one that fails
+    also: int = 0  # of a pair: the number of the second failure
     way: int = 0  # of a call: which of its ways to fail
 
     def __str__(self) -> str:

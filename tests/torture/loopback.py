@@ -1,4 +1,4 @@
-"""The service of the runs over the network: HTTP/1.1 on the loopback interface, connections kept."""
+"""The service of the runs over the network: HTTP/1.1 on the loopback, with persistent connections."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ from tests.contract.support.service import BASE, Service
 
 class _Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
-    # Head and body in one piece.
+    # Head and body in one write.
     wbufsize = -1
     disable_nagle_algorithm = True
 

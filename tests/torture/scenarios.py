@@ -1,4 +1,4 @@
-"""The lives that are tortured. In each, only what `act` does is made to fail."""
+"""The scenarios. In each, failures are injected only during `act`."""
 
 from __future__ import annotations
 
@@ -20,8 +20,8 @@ from .kinds import Kind
 ALLOCATIONS = frozenset({Kind.PYTHON, Kind.MODULE, Kind.THREAD})
 MEMORY = frozenset({"MemoryError"})
 
-# What else the want of memory is called: by the interpreter, where it makes locks and threads, and by the
-# component, for which a token that cannot be read is not the wallet's, whatever the cause.
+# Other errors for lack of memory: of the interpreter, when it makes locks and threads, and of the component,
+# for which a token that cannot be parsed is not the wallet's, whatever the cause.
 SHORT_OF_MEMORY = frozenset(
     {
         ("RuntimeError", "can't allocate lock"),
@@ -35,12 +35,12 @@ UNREACHABLE = "NetworkError('Server unreachable after 1 attempts')"
 
 
 class Scenario(abc.ABC):
-    """One life. `allowed` are the errors, besides success, in which `act` may end."""
+    """One scenario. `allowed` are the errors, besides success, in which `act` may end."""
 
     kinds: frozenset[Kind] = ALLOCATIONS | {Kind.CALL}
     allowed: ClassVar[dict[Kind, frozenset[str]]] = {}
-    repeats = True  # whether it can be lived several times in one process
-    lets_go = True  # whether nothing keeps the manager afterwards
+    repeats = True  # whether it can run several times in one process
+    lets_go = True  # whether nothing refers to the manager afterwards
 
     def __init__(self, address: str) -> None:
         self.bench = self.make_bench(address)
@@ -55,7 +55,7 @@ class Scenario(abc.ABC):
     def act(self) -> None: ...
 
     def conclude(self) -> Problems:
-        """What does not hold after `act`, when nothing fails any more."""
+        """Violated invariants after `act`, without failures."""
         return self.bench.problems() if self.bench.manager is not None else []
 
     def allows(self, kind: Kind, error: BaseException) -> bool:
@@ -66,7 +66,7 @@ class Scenario(abc.ABC):
 
 
 class Import(Scenario):
-    """The module is imported; a failure leaves it importable."""
+    """The module is imported; after a failure it can still be imported."""
 
     repeats = False
 
@@ -97,7 +97,7 @@ class Construct(Scenario):
 
 
 class Login(Scenario):
-    """A first login, with another caller who waits for it."""
+    """A first login, with another caller that waits for it."""
 
     allowed: ClassVar = {Kind.CALL: frozenset({"RuntimeError"}), Kind.THREAD: frozenset({"RuntimeError"})}
 
@@ -118,7 +118,7 @@ class LoggedIn(Scenario):
 
 
 class LoginAgain(LoggedIn):
-    """A login on top of another one, with a caller of `get_token` who waits for it."""
+    """A login during another one, with a caller of `get_token` that waits for it."""
 
     def prepare(self) -> None:
         super().prepare()
@@ -129,7 +129,7 @@ class LoginAgain(LoggedIn):
 
 
 class Token(LoggedIn):
-    """The healthy token, by the short way and by the long one, and all else that only reads."""
+    """The valid token by the fast path and by the full path, and everything else that only reads."""
 
     def make_bench(self, address: str) -> Bench:
         return Bench(default_clock=True)
@@ -148,7 +148,7 @@ class Token(LoggedIn):
 
 
 class TokenDue(LoggedIn):
-    """The token past its refresh point: the caller wakes the refresh thread and waits for it."""
+    """The token after its refresh point: the caller wakes the refresh thread and waits for it."""
 
     def act(self) -> None:
         self.bench.clock.now += 75_000
@@ -156,7 +156,7 @@ class TokenDue(LoggedIn):
 
 
 class TokenExpired(LoggedIn):
-    """The token past its end: the caller polls for the refresh thread."""
+    """The token after its expiry: the caller polls for the refresh thread."""
 
     def act(self) -> None:
         self.bench.clock.now += 100_000
@@ -164,7 +164,7 @@ class TokenExpired(LoggedIn):
 
 
 class Refresh(LoggedIn):
-    """A refresh on the calling thread, with a caller of `get_token` who waits for it."""
+    """A refresh on the calling thread, with a caller of `get_token` that waits for it."""
 
     def prepare(self) -> None:
         super().prepare()
@@ -218,7 +218,7 @@ class RefreshThread(InThread):
 
 
 class Era(LoggedIn):
-    """An era is announced; the thread that meets it is left in peace."""
+    """An era is announced; nothing fails in the thread that fetches it."""
 
     def act(self) -> None:
         self.bench.service.era = 7
@@ -226,7 +226,7 @@ class Era(LoggedIn):
 
 
 class EraThread(InThread):
-    """The thread that meets an announced era, with a caller of `get_token` who waits for it."""
+    """The thread that fetches an announced era, with a caller of `get_token` that waits for it."""
 
     method = "_background_reauth"
 
@@ -244,7 +244,7 @@ class EraThread(InThread):
 
 
 class _ArmingEvent(threading.Event):
-    """Its setter's thread is armed from then on."""
+    """From then on, failures are injected on the setter's thread."""
 
     def set(self) -> None:
         super().set()
@@ -252,7 +252,7 @@ class _ArmingEvent(threading.Event):
 
 
 class _FrailThread(threading.Thread):
-    """Fails between the moment at which it counts as started and its body, and within."""
+    """Fails between the time at which it counts as started and its body, and within."""
 
     def __init__(self, *args: Any, **options: Any) -> None:
         super().__init__(*args, **options)
@@ -311,7 +311,7 @@ class Notify(LoggedIn):
 
 
 class Close(LoggedIn):
-    """A manager is closed while another thread's login is under way."""
+    """A manager is closed during another thread's login."""
 
     def prepare(self) -> None:
         super().prepare()
@@ -338,7 +338,7 @@ class Close(LoggedIn):
 
 
 class Child(LoggedIn):
-    """The first use of a manager in a forked process; the parent's threads are gone with what they kept."""
+    """The first use of a manager in a forked child; the parent's threads and their data are missing."""
 
     repeats = False
     lets_go = False
@@ -354,7 +354,7 @@ class Child(LoggedIn):
 
 
 class Refused(Scenario):
-    """Calls that end in an error of the component's own: it comes, with its note or without."""
+    """Calls that end in an error of the component's own: it is raised, with or without its note."""
 
     kinds = frozenset({Kind.PYTHON, Kind.MODULE})
 
@@ -452,7 +452,7 @@ class Crashing(Leaking):
         os.abort()
 
 
-# Not among those that are offered.
+# Not in the list of scenarios.
 SPECIMENS: dict[str, type[Scenario]] = {"leaking": Leaking, "crashing": Crashing}
 
 SCENARIOS: dict[str, type[Scenario]] = {

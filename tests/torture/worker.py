@@ -34,7 +34,7 @@ WARM_ROUNDS, ROUNDS, TIMES_GROWN = 2, 4, 3
 
 
 def warm_up() -> None:
-    """Loads all of the host's modules that a life loads; the component itself stays cold."""
+    """Loads all modules of the interpreter that a run loads, but not the component itself."""
     import base64  # noqa: F401
     import http.client  # noqa: F401
     import ipaddress  # noqa: F401
@@ -47,7 +47,7 @@ def warm_up() -> None:
     import tessaline.logging_style  # noqa: F401
     from canary import registry
 
-    registry.at_rest = True  # what it plants it keeps
+    registry.at_rest = True  # it keeps what it plants
     ssl.get_default_verify_paths()
     _torture.begin(0, 0, 0, 0, 0)
     # A collection in a child would copy every page that the parent shares with it.
@@ -60,7 +60,7 @@ def warm_up() -> None:
 
 
 def live(run: Run, address: str, complaints: bench_module.Complaints) -> dict[str, Any]:
-    """One life; what came of it."""
+    """One run; its result."""
     if run.scenario != "import":
         from tessaline import auth
 
@@ -78,7 +78,7 @@ def live(run: Run, address: str, complaints: bench_module.Complaints) -> dict[st
         error.__traceback__ = None
         del error
     if run.scenario in ("refresh-thread", "era-thread", "thread-bootstrap"):
-        # Their failures come while the conclusion is waited for.
+        # Their failures happen while the conclusion is awaited.
         problems += scenario.conclude()
         seen, failed, no_such_way, what = _torture.end()
     else:
@@ -120,16 +120,16 @@ def make(run: Run, address: str) -> dict[str, Any]:
         result = live(run, address, complaints)
         left = bench_module.left_behind()
         if any(STILLBORN.search(problem) for problem in left):
-            # Such a thread keeps what it was to work on.
+            # Such a thread refers to its work.
             result["problems"] = [text for text in result["problems"] if not KEPT.search(text)]
         result["problems"] += left
         return result
-    # Whole ones first: a life that is cut short leaves the next something to do for the first time.
+    # Complete runs first: an incomplete one leaves first-time initialisations to the next.
     spared = dataclasses.replace(run, number=0)
     for warm in (spared, spared, *[run] * WARM_ROUNDS):
         result = live(warm, address, complaints)
         result["problems"].clear()
-    # Over the network the n-th call is not always the same one: what only came late does not come again.
+    # Over the network the n-th call varies: what only came late does not come again.
     for _ in range(TIMES_GROWN):
         before = count_all()
         for _ in range(ROUNDS):
@@ -142,7 +142,7 @@ def make(run: Run, address: str) -> dict[str, Any]:
 
 
 def in_child(run: Run, address: str) -> dict[str, Any]:
-    """The run's result; or how its process ended that gave none."""
+    """The run's result; or how its process ended without one."""
     read_end, write_end = os.pipe()
     with tempfile.TemporaryFile() as errors:
         child = os.fork()

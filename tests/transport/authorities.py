@@ -1,4 +1,4 @@
-"""Authorities in the places where trust is looked for, and what comes of a request then."""
+"""CAs in the locations of trusted certificates, and the effect on requests."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ REFUSED = "refused"
 
 
 def outcome(url: str) -> str:
-    """Whether the certificate at that URL is accepted now; every other failure is raised."""
+    """Whether the certificate at that URL is accepted now; other failures are raised."""
     try:
         assert transport("GET", url)[0] == 200
     except ssl.SSLCertVerificationError:
@@ -31,13 +31,13 @@ def outcome(url: str) -> str:
 
 
 def outcome_elsewhere(url: str) -> str:
-    """The same from a thread of its own."""
+    """The same on a separate thread."""
     told: str = Worker(outcome, url).result()
     return told
 
 
 def by_tls_library(host: str, port: int, roots: Path) -> ssl.SSLError | None:
-    """What the host's TLS library says to a server there, with what is trusted in that file."""
+    """The result of Python's TLS library for that server, trusting that file."""
     try:
         context = ssl.create_default_context(cafile=str(roots))
         with (
@@ -52,26 +52,26 @@ def by_tls_library(host: str, port: int, roots: Path) -> ssl.SSLError | None:
 
 
 def pem(authority: trustme.CA, size: int = 0) -> bytes:
-    """The authority's certificate, followed by as many line ends as make it `size` bytes long."""
+    """The CA's certificate, padded with line ends to `size` bytes."""
     return authority.cert_pem.bytes().ljust(size, b"\n")
 
 
 def replace(path: Path, content: bytes) -> None:
-    """Put a new file in the place of the old one."""
+    """Replace the file by a new one."""
     new = path.with_suffix(".new")
     new.write_bytes(content)
     os.replace(new, path)
 
 
 def rewrite(path: Path, content: bytes) -> None:
-    """Write into the file as it is, in one go where it keeps its size."""
+    """Overwrite the file in place, by one write if it keeps its size."""
     with path.open("r+b") as file:
         file.write(content)
         file.truncate()
 
 
 def hashed_name(certificate: bytes) -> str:
-    """The name by which a certificate is found in a directory, but for the number behind it."""
+    """The name under which a directory has the certificate, without the number after it."""
     openssl = shutil.which("openssl")
     if openssl is None:
         pytest.skip("needs the openssl program to name the certificate")

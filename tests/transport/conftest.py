@@ -1,4 +1,4 @@
-"""One server per scheme for the whole folder, and servers that answer what a test dictates."""
+"""One server per scheme for the whole folder, and servers with scripted responses."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ __all__ = ["either", "http_process", "https_process", "https_server", "server", 
 
 @pytest.fixture
 def raw() -> Iterator[Callable[..., RawServer]]:
-    """Starts servers whose every answer is given byte by byte."""
+    """Starts servers whose every response is given byte by byte."""
     started: list[RawServer] = []
 
     def start(*answers: object, **options: object) -> RawServer:
@@ -48,7 +48,7 @@ def authority() -> trustme.CA:
 
 @pytest.fixture
 def roots(authority: trustme.CA, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
-    """The file that is trusted. The authority is in it."""
+    """The trusted file, which has the CA."""
     path = tmp_path / "roots.pem"
     path.write_bytes(pem(authority))
     monkeypatch.setenv("SSL_CERT_FILE", str(path))
@@ -65,13 +65,13 @@ def serve() -> Iterator[Serve]:
 
 @pytest.fixture(scope="module")
 def other() -> trustme.CA:
-    """An authority that nobody trusts at first."""
+    """A CA that is not trusted at first."""
     return trustme.CA(organization_name="never asked for")
 
 
 @pytest.fixture
 def keeping(serve: Serve, authority: trustme.CA) -> TlsServer:
-    """A server of the authority that keeps its connections open."""
+    """A server of the CA that keeps its connections open."""
     return serve(context_of(authority), keep_alive=True)
 
 

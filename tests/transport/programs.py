@@ -1,4 +1,4 @@
-"""Programs of their own, for what would disturb the process of the tests."""
+"""Separate programs, for what would affect the process of the tests."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ signal.signal(signal.SIGINT, signal.default_int_handler)
 # Helpers of programs that fork.
 FORKING = """
 def code_of_child(work):
-    # 0 if the work's result is true in a forked child.
+    # 0 if the result of `work` is true in a forked child.
     child = os.fork()
     if child == 0:
         code = 1
@@ -37,7 +37,7 @@ def code_of_child(work):
 def told_by(
     program: str, *arguments: Any, helpers: str = "", interrupt_at: tuple[DevServer, str] | None = None
 ) -> Any:
-    """Run the program with the arguments in `arguments`; give back the JSON value of its output.
+    """Run the program with the arguments in `arguments`; return its output as JSON.
 
     helpers: what several programs define, put before this one. interrupt_at: a server and the path at which
     the program's request is waited for, to interrupt the program then.

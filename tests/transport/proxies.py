@@ -1,4 +1,4 @@
-"""How a request comes to a proxy, and what its error says of that."""
+"""How a request reaches a proxy, and what its error reports about that."""
 
 from __future__ import annotations
 
@@ -9,12 +9,12 @@ type SetEnv = Callable[[str, str], None]
 USER = "somebody-of-the-proxy"
 PASSWORD = "s3cret-of-the-proxy"
 
-# Nobody is asked there: the proxy answers before.
+# Never contacted: the proxy responds itself.
 SERVER = "127.0.0.2:9"
 
 
 def secretly(url: str) -> str:
-    """The URL of a proxy that is told who asks."""
+    """The URL of a proxy, with credentials."""
     scheme, _, peer = url.partition("://")
     return f"{scheme}://{USER}:{PASSWORD}@{peer}"
 

@@ -1,4 +1,4 @@
-"""A server that writes what it is told, byte by byte, and remembers what it read."""
+"""A server that sends scripted bytes, and records what it has read."""
 
 from __future__ import annotations
 
@@ -16,18 +16,18 @@ type Answer = bytes | Callable[[socket.socket, threading.Event], None]
 
 
 def keep_silent(_connection: socket.socket, stopped: threading.Event) -> None:
-    """Never answer."""
+    """Never respond."""
     stopped.wait(DEADLINE)
 
 
 def reset(connection: socket.socket, _stopped: threading.Event) -> None:
-    """End the connection with a TCP reset."""
+    """Close the connection with a TCP reset."""
     connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
     connection.close()
 
 
 def trickle(start: bytes, every: float) -> Callable[[socket.socket, threading.Event], None]:
-    """Answer with `start` and then one more byte every so often, for ever."""
+    """Send `start` and then one more byte at intervals, for ever."""
 
     def write(connection: socket.socket, stopped: threading.Event) -> None:
         with contextlib.suppress(OSError):
@@ -39,7 +39,7 @@ def trickle(start: bytes, every: float) -> Callable[[socket.socket, threading.Ev
 
 
 class RawServer:
-    """Gives the answers in turn to the requests as they come, the last one over and over.
+    """Sends the responses in turn, one per request, and then repeats the last one.
 
     An answer is written as it is, or is a function that does what it likes with the connection, which then
     ends. keep_alive: whether a connection serves further requests after an answer in bytes.

@@ -1,4 +1,4 @@
-"""The same contract on the host's URL library, to compare with; and one call that keeps what came of it."""
+"""The same contract with Python's URL library, to compare with; and one call whose result is kept."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ def by_url_library(method: str, url: str, headers: Mapping[str, str] | None = No
     """One request through `urllib.request`."""
     data = body.encode() if isinstance(body, str) else body
     request = urllib.request.Request(url, data=data, headers=dict(headers or {}), method=method)
-    # An opener of its own: the default one would keep the first proxies and certificates that it saw.
+    # A new opener: the default one would keep the first proxies and certificates.
     opener = urllib.request.build_opener()
     try:
         with opener.open(request, timeout=20) as response:
@@ -29,7 +29,7 @@ def by_url_library(method: str, url: str, headers: Mapping[str, str] | None = No
 
 
 def echoed(answer: tuple[int, dict[str, str], bytes]) -> dict[str, Any]:
-    """What the echo of the development server received."""
+    """The request that the echo of the development server received."""
     status, _, body = answer
     assert status == 200
     told: dict[str, Any] = json.loads(body)
@@ -39,7 +39,7 @@ def echoed(answer: tuple[int, dict[str, str], bytes]) -> dict[str, Any]:
 
 
 def failure(*args: Any, **options: Any) -> BaseException:
-    """The error with which the transport ends."""
+    """The error of the transport."""
     try:
         status = transport(*args, **options)[0]
     except BaseException as error:

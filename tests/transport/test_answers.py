@@ -1,4 +1,4 @@
-"""Every answer is a result: status, headers as a dict, body as bytes."""
+"""Every response is a result: status, headers as a dict, body as bytes."""
 
 from __future__ import annotations
 

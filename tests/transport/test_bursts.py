@@ -1,4 +1,4 @@
-"""Many threads at once: they share connections where that is quick, and nobody waits for another's answer."""
+"""Many concurrent threads share connections where that is faster, and none waits for another's response."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ THREADS = 64
 
 
 def at_once(url: str) -> list[int]:
-    """The statuses that as many threads get."""
+    """The statuses that this many threads get."""
     barrier = threading.Barrier(THREADS)
 
     def ask(which: int) -> int:
@@ -35,7 +35,7 @@ def test_answers_that_come_at_once(either_raw: Raw) -> None:
         f"POST /{which} HTTP/1.1" for which in range(THREADS)
     )
     assert len(server.requests) == THREADS
-    # How many begin while none is free is the machine's affair.
+    # How many begin while none is free depends on the machine.
     assert server.connections < THREADS
 
 

@@ -1,4 +1,4 @@
-"""Connections: kept and used again by any thread, never by a forked child, given up without a word."""
+"""Connections: reused by any thread, never by a forked child, and replaced when the server closes them."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""Where no descriptor is left, a request fails with the system's own error, and the next one may go on."""
+"""Without a free descriptor, a request fails with the system's own error, and the next one may succeed."""
 
 from __future__ import annotations
 
@@ -16,7 +16,7 @@ from .programs import told_by
 from .raw import OK, RawServer
 from .tls_server import context_of, serving
 
-# Far above what the interpreter has open, and quickly used up.
+# Many more than the interpreter has open, and quickly used up.
 HELPERS = """
 import contextlib, resource
 limit = 128
@@ -24,7 +24,7 @@ resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit))
 
 @contextlib.contextmanager
 def left(count):
-    # So many descriptors and no more can be opened meanwhile.
+    # Exactly this many descriptors can be opened meanwhile.
     taken = []
     try:
         with contextlib.suppress(OSError):
@@ -46,10 +46,10 @@ def outcome(call, *args):
 def ask(url):
     return outcome(auth._default_http_transport, "GET", url)
 """
-# So that the client has no descriptor of that connection any more.
+# Afterwards the client has no descriptor of that connection.
 LAST = b"HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 2\r\n\r\nok"
 EXHAUSTED = ["OSError", errno.EMFILE]
-# From none to more than a request takes.
+# From none to more than a request needs.
 COUNTS = range(6)
 
 
@@ -135,7 +135,7 @@ def test_a_process_that_asks_for_the_first_time(host: str, closing: RawServer) -
 
 
 def check_short(short: list[Any]) -> None:
-    """What came of requests for which there were more and more descriptors."""
+    """The results of requests with more and more free descriptors."""
     assert short[0] == EXHAUSTED
     assert short[-1] == 200
     assert [one for one in short if one not in (200, EXHAUSTED)] == []

@@ -1,4 +1,4 @@
-"""Failures below HTTP: the host's exception for each, its text naming the peer and nothing of the request."""
+"""Failures below HTTP: Python's exception for each, whose text names the peer and nothing of the request."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ SLACK = 1.0
 
 
 def failed(base: str) -> BaseException:
-    """The failure of a request that is full of what must not show."""
+    """The failure of a request that is full of secrets."""
     url = f"{base}/{SECRET}?{SECRET}"
     error = failure("POST", url, {"Authorization": f"Bearer {SECRET}", f"X-{SECRET}": "1"}, SECRET)
     peer = base.partition("://")[2]
@@ -49,7 +49,7 @@ def test_unreachable() -> None:
 
 
 def test_a_name_that_cannot_be_resolved() -> None:
-    # Too long for a name, so that no resolver is asked.
+    # Too long for a name, so no resolver is asked.
     error = failed(f"http://{'a' * 64}.test:80")
     assert type(error) is ConnectionError
 

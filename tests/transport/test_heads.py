@@ -1,4 +1,4 @@
-"""Heads and chunked bodies: what passes the limits, what breaks the rules of HTTP, and what keeps them."""
+"""Heads and chunked bodies: what exceeds the limits, what is invalid HTTP, and what is valid."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ CHUNKED = b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
 
 
 def fields(count: int, size: int = 12) -> bytes:
-    """So many header lines of so many bytes each, their ends included."""
+    """That many header lines of that many bytes each, including line ends."""
     lines = [f"X-{which}: ".ljust(size - 2, "v") + "\r\n" for which in range(count)]
     assert all(len(line) == size for line in lines)
     return "".join(lines).encode()
@@ -67,7 +67,7 @@ GARBLED = {
 
 
 def open_end(answer: bytes) -> Callable[[socket.socket, threading.Event], None]:
-    """Give the answer and leave the connection open, so that its end decides nothing."""
+    """Send the response and leave the connection open, so that its end has no effect."""
 
     def write(connection: socket.socket, stopped: threading.Event) -> None:
         connection.sendall(answer)
@@ -196,7 +196,7 @@ class TestChunks:
 
 
 class TestEndOfConnection:
-    """A body that lasts up to the end of a TLS connection."""
+    """A body that ends with its TLS connection."""
 
     HEAD = b"HTTP/1.1 200 OK\r\n\r\n"
 
@@ -211,6 +211,6 @@ class TestEndOfConnection:
 
     @pytest.mark.parametrize("size", [0, 1, 100_000])
     def test_that_just_came(self, size: int, secured: Serve) -> None:
-        # As with the host's own client, which does not ask for TLS's word either.
+        # As in Python's own client, which does not require close_notify either.
         server = secured(lambda connection, _: connection.sendall(self.HEAD + b"x" * size))
         assert transport("GET", server.url) == (200, {}, b"x" * size)

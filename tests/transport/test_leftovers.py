@@ -1,4 +1,4 @@
-"""What a request leaves behind is not for the next one: bytes within TLS, and complaints of OpenSSL."""
+"""Nothing of a request affects the next one: bytes buffered in TLS, and errors in OpenSSL's queue."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ def answer(body: bytes) -> bytes:
 
 
 def twice(connection: socket.socket, _stopped: threading.Event) -> None:
-    """One answer more than was asked for, in a TLS record of its own, but in one piece on the wire."""
+    """One unrequested response more, in a separate TLS record, but in the same write."""
     connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_CORK, 1)
     connection.sendall(answer(b"asked for"))
     connection.sendall(answer(b"not asked for"))
@@ -44,7 +44,7 @@ def test_an_answer_that_nobody_asked_for(
 
 
 def test_the_error_queue_of_the_thread_stays_as_it_was(serve: Serve) -> None:
-    # The library of Python's own module, and usually ours.
+    # Python's own library, and usually ours.
     library: Any = ctypes.CDLL(f"libcrypto.so.{ssl.OPENSSL_VERSION_INFO[0]}")
     library.ERR_peek_error.restype = ctypes.c_ulong
     library.ERR_clear_error()

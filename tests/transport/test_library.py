@@ -1,4 +1,4 @@
-"""The library that makes requests is loaded with the first of them, or each of them is an error."""
+"""The HTTP library is loaded at the first request; if it cannot be, each request raises an error."""
 
 from __future__ import annotations
 
@@ -75,7 +75,7 @@ def package(tmp_path: Path) -> Path:
 
 
 def told(package: Path, port: int) -> list[list[str]]:
-    """What two requests fail with, and a third one when the library has been put in its place."""
+    """The errors of two requests, and the result of a third one after the library was restored."""
     done = subprocess.run(
         [sys.executable, "-c", PROGRAM, str(port), PACKAGE / LIBRARY, package / LIBRARY],
         env={**os.environ, "PYTHONPATH": str(package.parent)},
@@ -127,7 +127,7 @@ def test_a_fork_while_it_is_loaded_leaves_the_child_no_lock(
             program.stdin.write("\n")
             program.stdin.flush()
             assert program.stdout.readline() == "forking\n"
-            # The fork waits for the library by now, or will in a moment.
+            # The fork waits for the library, now or soon.
             os.close(writer)
             assert program.wait(SECONDS) == 0
         finally:
@@ -135,7 +135,7 @@ def test_a_fork_while_it_is_loaded_leaves_the_child_no_lock(
 
 
 def reader_of(fifo: Path) -> int | None:
-    """Its other end, once somebody waits at this one."""
+    """Its other end, once this one has a waiting reader."""
     try:
         return os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
     except OSError:

@@ -1,4 +1,4 @@
-"""However a request ends, it leaves no native memory behind."""
+"""However a request ends, it leaks no native memory."""
 
 from __future__ import annotations
 
@@ -70,5 +70,5 @@ def test_a_request_leaves_no_native_memory_behind(how: str) -> None:
         timeout=60,
     )
     assert (done.returncode, done.stderr) == (0, "")
-    # One request leaves at least the smallest chunk, 32 bytes, or nothing.
+    # A leak per request would be at least the smallest chunk, 32 bytes.
     assert int(done.stdout) < 32 * 200 // 2

@@ -1,4 +1,4 @@
-"""What a failure below HTTP says besides its text: what to check, the roots, the variable of a proxy."""
+"""The notes of a failure below HTTP: what to check, the roots, the variable of a proxy."""
 
 from __future__ import annotations
 

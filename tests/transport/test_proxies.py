@@ -1,4 +1,4 @@
-"""What a proxy gets to see of a request, and what the server behind it."""
+"""What a proxy receives of a request, and what the server behind it."""
 
 from __future__ import annotations
 

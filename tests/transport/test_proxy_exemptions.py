@@ -1,4 +1,4 @@
-"""Which hosts no_proxy exempts, seen at the proxy and at the server: one of the two gets the request."""
+"""Which hosts no_proxy exempts, observed at the proxy and at the server: one of the two gets the request."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ from .tunnel import tunnel_to
 
 Raw = Callable[..., RawServer]
 
-# Names of this machine: none of them is looked up elsewhere.
+# Names of this machine: none of them is resolved elsewhere.
 NAME = "example.localhost"
 
 
@@ -42,7 +42,7 @@ def through_the_proxy(proxy: RawServer, monkeypatch: pytest.MonkeyPatch) -> None
 
 
 def is_exempt(host: str, origins: dict[int, RawServer]) -> bool:
-    """Whether a request to that host passes by the proxy."""
+    """Whether a request to that host bypasses the proxy."""
     version = 6 if ":" in host else 4
     if version not in origins:
         pytest.skip("no IPv6 on this machine")
@@ -97,7 +97,7 @@ EXEMPT = [
     (" , ,a.test ,\tlocalhost , ", "localhost"),
     (f"10.0.0.0/8,fe80::/10,127.0.0.0/8,{NAME}", "127.0.0.1"),
     (f"10.0.0.0/8,fe80::/10,127.0.0.0/8,{NAME}", f"www.{NAME}"),
-    # Nonsense beside sense.
+    # Valid entries among invalid ones.
     (":,/,[,],[],.,..,/8,::/,127.0.0.1/x,127.0.0.1/33,[::1,localhost:x,localhost:,localhost", "localhost"),
     ("999.0.0.0/8,1.2.3/8,127.0.0.1", "127.0.0.1"),
     ("x" * 5000 + ",localhost", "localhost"),
@@ -137,7 +137,7 @@ NOT_EXEMPT = [
     (f"{NAME}:OTHER", f"www.{NAME}"),
     ("127.0.0.1:OTHER", "127.0.0.1"),
     ("[::1]:OTHER", "[::1]"),
-    # Nonsense.
+    # Invalid entries.
     (":,/,[,],[],.,..,/8,::/,[::1", "localhost"),
     ("127.0.0.1/x", "127.0.0.1"),
     ("127.0.0.1/33", "127.0.0.1"),
@@ -151,7 +151,7 @@ NOT_EXEMPT = [
 
 
 def entries(text: str, host: str, origins: dict[int, RawServer]) -> str:
-    """The list with the server's port and another one put in."""
+    """The list with the server's port and another one inserted."""
     port = origins[6 if ":" in host and 6 in origins else 4].port
     return text.replace("PORT", str(port)).replace("OTHER", str(port - 1))
 

@@ -1,4 +1,4 @@
-"""Proxies that refuse or fail: whose failure it was, and what ends a login."""
+"""Proxies that refuse or fail: whose failure it was, and which failures end a login."""
 
 from __future__ import annotations
 
@@ -32,7 +32,7 @@ def impatient(monkeypatch: pytest.MonkeyPatch) -> None:
 
 
 def said(error: BaseException) -> str:
-    """Everything that an error says, and what it came from."""
+    """All texts of an error, its causes and contexts."""
     text = str(error) + repr(error) + repr(error.args) + repr(vars(error))
     return text + (said(error.__context__) if error.__context__ else "")
 
@@ -45,13 +45,13 @@ def discreet(error: BaseException) -> BaseException:
 
 
 def failed(scheme: str, proxy: str, setenv: SetEnv) -> BaseException:
-    """The error of a request through that proxy, which is told who asks."""
+    """The error of a request through that proxy, with credentials in its URL."""
     setenv(f"{scheme}_proxy", secretly(proxy))
     return discreet(failure("POST", f"{scheme}://{SERVER}/", {}, "{}"))
 
 
 def noted(error: BaseException, scheme: str) -> bool:
-    """Whether the error has the note about the variable; it has it once at most."""
+    """Whether the error has the note about the variable, at most once."""
     count = getattr(error, "__notes__", []).count(by_proxy(f"{scheme}_proxy"))
     assert count <= 1
     return count == 1
@@ -251,7 +251,7 @@ class TestOutOfOrder:
 
 
 class TestNote:
-    """That the request went through a proxy is said only where it did."""
+    """The proxy is only mentioned if the request used it."""
 
     @SCHEMES
     def test_of_a_host_that_is_exempt(self, scheme: str, unused_port: int, raw: Raw, setenv: SetEnv) -> None:

@@ -1,4 +1,4 @@
-"""Redirects, side by side with the host's URL library on the same server."""
+"""Redirects, compared with Python's URL library on the same server."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ Raw = Callable[..., RawServer]
 
 STATUSES = [300, 301, 302, 303, 304, 305, 306, 307, 308, 309]
 METHODS = ["GET", "HEAD", "POST", "PUT", "DELETE", "PATCH"]
-# What every client adds as it sees fit.
+# Headers that every client adds as it likes.
 OWN_HEADERS = {"host", "user-agent", "accept", "accept-encoding", "connection"}
 
 
@@ -26,7 +26,7 @@ def redirect(server: DevServer, source: str, target: str, status: int = 302, **m
 
 
 def seen(server: DevServer) -> list[Any]:
-    """What reached the server since the last look: method, path, size of the body, headers."""
+    """The requests at the server since the last call: method, path, size of the body, headers."""
     told = [
         (
             entry["method"],
@@ -40,7 +40,7 @@ def seen(server: DevServer) -> list[Any]:
 
 
 def both(server: DevServer, *args: Any, set_up: Callable[[], None]) -> tuple[Any, Any]:
-    """Status, body and wire of each client."""
+    """The status, body and requests of each client."""
     outcomes = []
     for client in (transport, by_url_library):
         server.reset()

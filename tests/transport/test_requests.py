@@ -1,4 +1,4 @@
-"""What goes out is what the caller gave, and nothing that nobody asked for."""
+"""A request is sent as the caller passed it, without unrequested additions."""
 
 from __future__ import annotations
 
@@ -195,7 +195,7 @@ def test_a_proxy_that_lets_nobody_through(raw: Raw, monkeypatch: pytest.MonkeyPa
 
 
 class TestRefused:
-    """What cannot be sent is refused before anything is, and the message shows no value."""
+    """An invalid request is rejected before anything is sent, and the message shows no value."""
 
     @pytest.fixture
     def target(self, raw: Raw) -> Any:
@@ -340,7 +340,7 @@ class TestRefused:
         arguments = tuple(target.url if argument == "URL" else argument for argument in arguments)
         error = failure(*arguments, **options)
         if SECRET in options:
-            # The interpreter names the keyword that it does not know.
+            # The interpreter names the unknown keyword.
             assert type(error) is TypeError
         else:
             self.check(error, TypeError)

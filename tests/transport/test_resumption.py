@@ -21,7 +21,7 @@ BOTH = pytest.mark.parametrize("version", VERSIONS.values(), ids=VERSIONS)
 
 @pytest.fixture
 def server(version: ssl.TLSVersion, serve: Serve, roots: Path, authority: trustme.CA) -> TlsServer:
-    """Speaks that version alone, and ends each connection after its answer."""
+    """Speaks only that version, and closes each connection after its response."""
     return serve(context_of(authority, version=version))
 
 
@@ -167,5 +167,5 @@ def test_a_server_without_tickets(
     server = serve(context_of(authority, version=version, tickets=False))
     for _ in range(4):
         assert outcome(server.url) == ACCEPTED
-    # By TLS 1.2 it may keep sessions of its own.
+    # With TLS 1.2 it may keep its own sessions.
     assert version == ssl.TLSVersion.TLSv1_2 or server.resumed == [False] * 4

@@ -63,7 +63,7 @@ def put(etc: Path, place: str, server: DevServer) -> None:
 
 
 def told(etc: Path, server: DevServer, cafile: str = "", capath: str = "", **environment: str) -> str:
-    """What comes of a request where the host's TLS library names these places."""
+    """The result of a request if Python's TLS library has these default locations."""
     inside = f'mount --bind {etc} /etc && exec "$@"'
     program = [sys.executable, "-c", PROGRAM, cafile, capath, server.url + "/_echo"]
     kept = {
@@ -98,7 +98,7 @@ def test_a_directory_that_was_made_with_the_interpreter_and_is_empty(
     put(etc, "ssl/cert.pem", https_server)
     (tmp_path / "certs").mkdir()
     assert told(etc, https_server, capath=str(tmp_path / "certs")) == "200"
-    # With anything in it, it is the host's choice.
+    # If it has any content, it is the program's choice.
     (tmp_path / "certs/0a1b2c3d.0").write_text("another authority")
     assert told(etc, https_server, capath=str(tmp_path / "certs")) == REFUSED
 

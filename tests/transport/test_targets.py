@@ -1,4 +1,4 @@
-"""Request targets, byte for byte, as they are given and as references lead to them."""
+"""Request targets, byte for byte, as given and as resolved from references."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ from .tls_server import Serve
 
 Raw = Callable[..., RawServer]
 
-# What is given behind host and port, and what of it goes out.
+# What follows host and port in a URL, and the target that is sent.
 TARGETS = {
     "": "/",
     "/": "/",
@@ -44,7 +44,7 @@ TARGETS = {
     "/(a)!$&'*+,:@=b|^`{}\"<>\\": "/(a)!$&'*+,:@=b|^`{}\"<>\\",
 }
 
-# Of RFC 3986, section 5.4, those that lead to the same server, with its base.
+# The references of RFC 3986, section 5.4, to the same server, with its base.
 BASE = "/b/c/d;p?q"
 REFERENCES = [
     *("g", "./g", "g/", "/g", "?y", "g?y", "#s", "g#s", "g?y#s", ";x", "g;x", "g;x?y#s", "", ".", "./"),
@@ -76,7 +76,7 @@ def redirect(target: str) -> bytes:
 
 
 def followed(raw: Raw, reference: str, base: str = BASE) -> tuple[RawServer, str]:
-    """The server after a redirect from the base, and the target to which it led."""
+    """The server after a redirect from the base, and the target of that."""
     server = raw(redirect(reference), OK, keep_alive=True)
     assert transport("GET", server.url + base)[::2] == (200, b"ok")
     first, second = (server.request_line(which) for which in range(2))

@@ -1,4 +1,4 @@
-"""Errors of TLS have the shape of the host's own, side by side with its TLS library at the same server."""
+"""TLS errors have the shape of Python's own, compared with its TLS library at the same server."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ from .reference import failure
 from .tls_server import Serve, context_of
 
 SECRET = "s3cret-value-that-must-not-show"
-# A wheel brings an OpenSSL of its own, which may be newer than that of `ssl`.
+# A wheel has its own OpenSSL, which may be newer than that of `ssl`.
 OPENSSL = tuple(map(int, library_versions()[1].split(".")[:2]))
 RENAMED = {"PACKET_LENGTH_TOO_LONG": "RECORD_LAYER_FAILURE"}  # by OpenSSL 3.2
 TOO_LONG = "PACKET_LENGTH_TOO_LONG" if OPENSSL < (3, 2) else "RECORD_LAYER_FAILURE"
@@ -30,14 +30,14 @@ FAR_OFF = datetime(2090, 1, 1, tzinfo=UTC)
 
 
 class BluntServer(RawServer):
-    """Gives its answer to the first bytes, whatever they are."""
+    """Sends its response to the first bytes, whatever they are."""
 
     def _read(self, connection: socket.socket) -> bytes | None:
         return connection.recv(65536) or None
 
 
 def both(host: str, port: int, roots: Path) -> tuple[ssl.SSLError, ssl.SSLError]:
-    """The error of a request that is full of what must not show, and that of the TLS library."""
+    """The error of a request that is full of secrets, and that of the TLS library."""
     shown = f"[{host}]" if ":" in host else host
     url = f"https://{shown}:{port}/{SECRET}?{SECRET}"
     ours = failure("POST", url, {"Authorization": f"Bearer {SECRET}"}, SECRET)
@@ -60,7 +60,7 @@ def check_shape(ours: ssl.SSLError, theirs: ssl.SSLError) -> None:
 
 
 def sending(*blocks: bytes) -> ssl.SSLContext:
-    """A server context made of a key and the certificates that it sends."""
+    """A server context with a key and the certificates that it sends."""
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     with trustme.Blob(b"".join(blocks)).tempfile() as path:
         context.load_cert_chain(path)
@@ -68,12 +68,12 @@ def sending(*blocks: bytes) -> ssl.SSLContext:
 
 
 def own_certificate(authority: trustme.CA) -> ssl.SSLContext:
-    """Its certificate is that of the authority itself."""
+    """Its certificate is the CA's own."""
     return sending(authority.private_key_pem.bytes(), pem(authority))
 
 
 def with_root(authority: trustme.CA) -> ssl.SSLContext:
-    """It sends the authority's certificate along."""
+    """It also sends the CA's certificate."""
     leaf = authority.issue_cert("127.0.0.1")
     return sending(leaf.private_key_pem.bytes(), leaf.cert_chain_pems[0].bytes(), pem(authority))
 
@@ -155,7 +155,7 @@ def test_plain_http_at_that_port(server: DevServer, roots: Path) -> None:
 
 
 def test_a_server_that_asks_for_a_certificate(serve: Serve, roots: Path, authority: trustme.CA) -> None:
-    # By TLS 1.3 the client would learn of it when it has begun to send.
+    # With TLS 1.3 the client would only notice when it has begun to send.
     context = context_of(authority, version=ssl.TLSVersion.TLSv1_2)
     context.verify_mode = ssl.CERT_REQUIRED
     context.load_verify_locations(roots)

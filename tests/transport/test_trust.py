@@ -1,4 +1,4 @@
-"""TLS trusts what the host trusts by default, and nothing else."""
+"""TLS trusts what Python trusts by default, and nothing else."""
 
 from __future__ import annotations
 
@@ -86,7 +86,7 @@ def test_trust_changes_while_the_program_runs(
     for _ in range(2):
         assert_refused(https_server)
         monkeypatch.setenv("SSL_CERT_FILE", https_server.ca_file)
-        # The connection stays open, and is not for those who do not trust it.
+        # The connection stays open, and must not be used by requests that do not trust it.
         assert transport("GET", https_server.url + "/_echo")[0] == 200
         https_server.reset()
         monkeypatch.setenv("SSL_CERT_FILE", other_authority)
@@ -135,7 +135,7 @@ def test_a_file_that_comes_while_the_program_runs(
 def test_the_host_is_not_asked_for_every_request(
     has_file: bool, server: DevServer, monkeypatch: pytest.MonkeyPatch, tmp_path: Path
 ) -> None:
-    # A place that was not asked about before.
+    # A location that was not used before.
     monkeypatch.setenv("SSL_CERT_DIR", str(tmp_path))
     asked = []
 
@@ -143,7 +143,7 @@ def test_the_host_is_not_asked_for_every_request(
         asked.append("once")
         file = "authorities.pem" if has_file else None
         others = ("SSL_CERT_FILE", "none", "SSL_CERT_DIR", "none")
-        # There is None for a file that does not exist, whatever the checker knows.
+        # It is None for a file that does not exist, whatever the checker says.
         return ssl.DefaultVerifyPaths(file, str(tmp_path), *others)  # pyright: ignore[reportArgumentType]
 
     monkeypatch.setattr(ssl, "get_default_verify_paths", ask)
@@ -192,7 +192,7 @@ def test_the_url_library_agrees(
 def test_a_host_without_its_tls_library_still_speaks_plain_http(
     server: DevServer, monkeypatch: pytest.MonkeyPatch, tmp_path: Path
 ) -> None:
-    # A place that was not asked about before, so that the host is asked.
+    # A location that was not used before, so Python is asked.
     monkeypatch.setenv("SSL_CERT_DIR", str(tmp_path))
     monkeypatch.setitem(sys.modules, "ssl", None)
     assert transport("GET", server.url + "/_echo")[0] == 200

@@ -1,4 +1,4 @@
-"""Trust that changes while the program runs counts from the very next request on, and not a request later."""
+"""If trusted certificates change while the program runs, the very next request uses the new ones."""
 
 from __future__ import annotations
 
@@ -32,26 +32,26 @@ from .tls_server import Serve, TlsServer, context_of
 
 Change = Callable[[Path, bytes], object]
 
-# Larger than any certificate here, so that all of them can be brought to it.
+# Larger than any certificate here, so that all of them can be padded to it.
 SIZE = 2000
 LAPS = 25
 
 
 @pytest.fixture
 def closing(serve: Serve, authority: trustme.CA) -> TlsServer:
-    """A server of the authority that ends each connection after its answer, and offers to resume."""
+    """A server of the CA that closes each connection after its response, and offers sessions to resume."""
     return serve(context_of(authority))
 
 
 @pytest.fixture
 def roots(roots: Path, authority: trustme.CA) -> Path:
-    """The file that is trusted. The authority is in it, brought to that size."""
+    """The trusted file, which has the CA, padded to that size."""
     roots.write_bytes(pem(authority, SIZE))
     return roots
 
 
 def rewrite_and_hide(path: Path, content: bytes) -> None:
-    """Rewrite the file and give it back the time of its last change, as an archiver does."""
+    """Rewrite the file and restore the time of its last change, as an archiver does."""
     before = path.stat()
     rewrite(path, content)
     os.utime(path, ns=(before.st_atime_ns, before.st_mtime_ns))
@@ -136,7 +136,7 @@ def test_while_other_threads_are_busy(
 ) -> None:
     url = request.getfixturevalue(kind).url
     stop = threading.Event()
-    # When each request began and ended, and what came of it.
+    # When each request began and ended, and its result.
     seen: list[tuple[float, float, str]] = []
 
     def ask() -> None:
@@ -254,7 +254,7 @@ def check_unreadable(server: TlsServer, roots: Path, words: str) -> None:
 
 @pytest.fixture(scope="module")
 def name(authority: trustme.CA) -> str:
-    """Under which the authority's certificate is found in a directory."""
+    """The name under which a directory has the CA's certificate."""
     return f"{hashed_name(pem(authority))}.0"
 
 
@@ -263,7 +263,7 @@ class TestDirectory:
     def folder(
         self, authority: trustme.CA, other: trustme.CA, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
     ) -> Path:
-        """A hashed directory without the authority. The file beside it is of somebody else."""
+        """A hashed directory without the CA. The file beside it is another one's."""
         path = tmp_path / "hashed"
         path.mkdir()
         (tmp_path / "other.pem").write_bytes(pem(other))
@@ -335,7 +335,7 @@ class TestDirectory:
             before = keeping.connections
             return (outcome(keeping.url), keeping.connections) == (ACCEPTED, before)
 
-        # A directory that has just been changed may change again before its time of change shows it.
+        # A directory that has just changed may change again within the resolution of its time stamp.
         until(settled, "the connection is used again")
         before = keeping.connections
         for _ in range(10):

@@ -1,4 +1,4 @@
-"""What a file of trusted certificates may look like, side by side with the host's TLS library."""
+"""Formats of a file of trusted certificates, compared with Python's TLS library."""
 
 from __future__ import annotations
 
@@ -41,7 +41,7 @@ def check(server: TlsServer, roots: Path, content: bytes, wanted: str) -> None:
 
 
 def trusted_form(certificate: bytes, *options: str) -> bytes:
-    """The certificate with a list of what it is trusted for."""
+    """The certificate with a list of its trusted purposes."""
     openssl = shutil.which("openssl")
     if openssl is None:
         pytest.skip("needs the openssl program to write such a list")

@@ -1,4 +1,4 @@
-"""A server that writes what it is told over TLS, and tells how each handshake went."""
+"""A server that sends scripted bytes over TLS, and reports the result of each handshake."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ def context_of(
     tickets: bool = True,
     **certificate: Any,
 ) -> ssl.SSLContext:
-    """A server context with a fresh certificate.
+    """A server context with a new certificate.
 
     names: what the certificate is for; this machine if there are none. version: the only one that is spoken.
     certificate: further arguments for trustme.
@@ -54,12 +54,12 @@ class TlsServer(RawServer):
 
     def _serve(self, connection: socket.socket) -> None:
         connection.settimeout(DEADLINE)
-        # Else an answer waits for the client to acknowledge the tickets.
+        # Otherwise a response waits for the client to acknowledge the tickets.
         connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         try:
             secured = self.context.wrap_socket(connection, server_side=True, do_handshake_on_connect=False)
         except OSError:
-            # Gone before it began.
+            # Closed before it began.
             with self._lock:
                 self._open.remove(connection)
             return

@@ -1,4 +1,4 @@
-"""Answers of a proxy."""
+"""Responses of a proxy."""
 
 from __future__ import annotations
 
@@ -14,13 +14,13 @@ ESTABLISHED = b"HTTP/1.1 200 Connection established\r\n\r\n"
 
 
 def says(status: int, *fields: str, body: bytes = b"") -> bytes:
-    """A plain answer with that status and these header lines."""
+    """A plain response with that status and these header lines."""
     lines = [f"HTTP/1.1 {status} Whatever", *fields, f"Content-Length: {len(body)}", "", ""]
     return "\r\n".join(lines).encode() + body
 
 
 def tunnel_to(port: int) -> Answer:
-    """Grant what is asked for, and pass on bytes from and to that port of this machine."""
+    """Accept the tunnel, and forward bytes from and to that port of this machine."""
 
     def relay(connection: socket.socket, _stopped: threading.Event) -> None:
         with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", port), DEADLINE) as there:

@@ -1,1 +1,1 @@
-"""The transport whose settings a program chooses, and the bound on `Retry-After`, on the loopback."""
+"""The transport whose settings a program chooses, and the limit on `Retry-After`, on the loopback."""

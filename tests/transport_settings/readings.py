@@ -1,4 +1,4 @@
-"""What a manager makes of a transport, and what a request through one ends with."""
+"""What a manager does with a transport, and the result of a request through one."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ REFUSED = "refused"
 
 
 class Waiting(AuthManager):
-    """Notes the seconds that it is to wait, and does not."""
+    """Records the seconds that it should wait, and does not wait."""
 
     waits: list[Any]
 
@@ -23,7 +23,7 @@ class Waiting(AuthManager):
 
 
 def waited(transport: Any, url: str = "http://localhost") -> list[Any]:
-    """The seconds that a login waits between its attempts at the first request, none of which succeeds."""
+    """The delays of a login between its tries of the first request, all of which fail."""
     with Waiting(KEY, url, _transport=transport) as manager:
         manager.waits = []
         try:
@@ -34,7 +34,7 @@ def waited(transport: Any, url: str = "http://localhost") -> list[Any]:
 
 
 def outcome(transport: Any, url: str) -> str:
-    """Whether the certificate at that URL is accepted now; every other failure is raised."""
+    """Whether the certificate at that URL is accepted now; other failures are raised."""
     try:
         assert transport("GET", url)[0] == 200
     except ssl.SSLCertVerificationError:
@@ -43,7 +43,7 @@ def outcome(transport: Any, url: str) -> str:
 
 
 def failure(transport: Any, *args: Any, **options: Any) -> BaseException:
-    """The error with which a request ends."""
+    """The error of a request."""
     try:
         status = transport(*args, **options)[0]
     except BaseException as error:

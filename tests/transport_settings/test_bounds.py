@@ -1,4 +1,4 @@
-"""Which settings there are, what they may be, and how a transport shows them."""
+"""The settings, their valid values, and how a transport shows them."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""The authorities of one transport: those of its file, as they are at each request, and no others."""
+"""The CAs of one transport: those in its file at the time of each request, and no others."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ SIZE = 2000
 
 @pytest.fixture
 def own(tmp_path: Path, authority: trustme.CA) -> Path:
-    """A file with the authority in it."""
+    """A file with the CA."""
     path = tmp_path / "own.pem"
     path.write_bytes(pem(authority, SIZE))
     return path
@@ -32,7 +32,7 @@ def own(tmp_path: Path, authority: trustme.CA) -> Path:
 
 @pytest.fixture
 def foreign(tmp_path: Path, other: trustme.CA) -> Path:
-    """A file with another authority in it."""
+    """A file with another CA."""
     path = tmp_path / "foreign.pem"
     path.write_bytes(pem(other, SIZE))
     return path
@@ -46,7 +46,7 @@ def note(path: Path) -> str:
 def trusting(
     request: pytest.FixtureRequest, tmp_path: Path, authority: trustme.CA, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    """The environment trusts the authority, by a file or by a directory."""
+    """The environment trusts the CA, by a file or by a directory."""
     content = authority.cert_pem.bytes()
     if request.param == "SSL_CERT_FILE":
         place = tmp_path / "environment.pem"
@@ -83,7 +83,7 @@ def test_transports_keep_to_their_own_connections(keeping: TlsServer, own: Path,
         assert outcome(trusting, keeping.url) == ACCEPTED
         assert outcome(distrusting, keeping.url) == REFUSED
         assert outcome(same, keeping.url) == ACCEPTED
-    # One that is kept, and those that were refused.
+    # One that is kept, and those that were rejected.
     assert (len(keeping.requests), keeping.connections) == (6, 1 + 3)
 
 

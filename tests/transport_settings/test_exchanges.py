@@ -1,4 +1,4 @@
-"""An exchange is that of the default transport, but for what was set."""
+"""An exchange is that of the default transport, except for the settings."""
 
 from __future__ import annotations
 
@@ -31,7 +31,7 @@ def agents(server: RawServer, which: int = -1) -> list[str]:
 
 
 def echo(transport: Any, *given: Any, **named: Any) -> dict[str, Any]:
-    """What the echo of the development server received."""
+    """The request that the echo of the development server received."""
     return echoed(transport(*given, **named))
 
 

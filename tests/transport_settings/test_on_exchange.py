@@ -1,4 +1,4 @@
-"""What a program is told of each exchange, and what it may do with that."""
+"""The callback for each exchange: what it gets, and what it may do."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ MESSAGE = "on_exchange has raised; it will be called again, but this is logged o
 
 
 def observed(**settings: Any) -> tuple[Any, Told]:
-    """A transport, and what it tells."""
+    """A transport, and what it reports."""
     told: Told = []
     return http.transport(on_exchange=lambda *facts: told.append(facts), **settings), told
 

@@ -1,4 +1,4 @@
-"""The proxy of one transport, which the environment has no say in, or none."""
+"""The proxy of one transport, independent of the environment, or none."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ from .readings import failure, notes
 Raw = Callable[..., RawServer]
 
 NOTE = "the request went through the proxy that the transport was given"
-# Each of these may stand for itself in a URL's user and password.
+# Each of these may be unescaped in a URL's user and password.
 UNESCAPED = "azAZ09-._~!$&'()*+,;="
 
 

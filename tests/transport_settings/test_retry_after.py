@@ -1,4 +1,4 @@
-"""A server that asks for a day is given minutes."""
+"""A server that requests a delay of a day gets minutes."""
 
 from __future__ import annotations
 
@@ -17,11 +17,11 @@ from tessaline._retry_after import bounded_answer
 from .readings import waited
 
 BOUND = 300
-DIGITS = 4301  # one more than `int` takes
+DIGITS = 4301  # one more than `int` accepts
 
 
 def answering(answer: Any, seconds: int | None = None) -> Any:
-    """A transport that gives this answer, bounded where that is said."""
+    """A transport with this response, limited if requested."""
     return lambda *_args, **_kwargs: answer if seconds is None else bounded_answer(answer, seconds)
 
 
@@ -30,7 +30,7 @@ def shown(told: Any) -> str:
 
 
 def let_through(headers: Any, seconds: int = BOUND) -> Any:
-    """The headers that come out of the bounded transport."""
+    """The headers from the limited transport."""
     status, given, body = bounded_answer((429, headers, b"later"), seconds)
     assert (status, body) == (429, b"later")
     return given
@@ -157,7 +157,7 @@ def test_a_list_is_an_answer_too() -> None:
 
 
 def test_garbage_of_any_length_is_read_in_one_pass() -> None:
-    # The longest line that the default transport takes.
+    # The longest line that the default transport accepts.
     begun = time.perf_counter()
     for told in ("0" * 100_000 + "x", "9" * 100_000 + "x", " " * 100_000 + "x", "1_" * 50_000):
         assert let_through({"Retry-After": told}) == {"Retry-After": told}

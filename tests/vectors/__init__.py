@@ -1,1 +1,1 @@
-"""Public tables of known answers, and what the component makes of them."""
+"""Public tables of known results, compared with the component's."""

@@ -13,7 +13,7 @@ DATA = Path(__file__).with_name("data")
 
 
 def rows(name: str) -> list[dict[str, str]]:
-    """The rows of a file of columns with tabs between."""
+    """The rows of a file of tab-separated columns."""
     with (DATA / name).open(encoding="utf-8", newline="") as file:
         return list(csv.DictReader(file, delimiter="\t", quoting=csv.QUOTE_NONE, strict=True))
 

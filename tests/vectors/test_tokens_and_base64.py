@@ -18,7 +18,7 @@ SECRETS = tables.rows("base64/base64.tsv")
 
 
 def claims_of(row: dict[str, str]) -> dict[str, Any] | None:
-    """The claims, where the payload is a JSON object: only then is the token one of claims."""
+    """The claims, if the payload is a JSON object: only then the token has claims."""
     try:
         value = json.loads(row["payload"])
     except ValueError:

@@ -1,4 +1,4 @@
-"""Logs in over TLS at a development server that is installed somewhere else.
+"""Logs in over TLS to a development server that is installed in another environment.
 
 python -m tools.checks.devserver_login COMMAND
 """

@@ -1,4 +1,4 @@
-"""Runs clang-tidy over every source that a build compiles, except those that passed as they are now.
+"""Runs clang-tidy over every source of a build, except those that have passed unchanged.
 
 A source has passed if clang-tidy was silent, and neither it, nor what it includes, nor its options, nor the
 rules have changed since. build/tidy/passed remembers that by content.
@@ -40,7 +40,7 @@ def said(*command: str, cwd: str | None = None) -> str:
 
 
 def compiled(trees: list[Path]) -> dict[str, Source]:
-    """Every source by its path. What several targets or trees compile counts once."""
+    """Every source by its path. One that several targets or trees compile is included once."""
     found: dict[str, Source] = {}
     for tree in trees:
         for entry in json.loads((tree / "compile_commands.json").read_text()):
@@ -51,7 +51,7 @@ def compiled(trees: list[Path]) -> dict[str, Source]:
 
 
 def inputs(source: Source) -> list[str]:
-    """All that the compiler reads for it, by absolute path."""
+    """All files that the compiler reads for it, by absolute path."""
     command = [part for part in source.command if part != "-c"]
     if "-o" in command:
         at = command.index("-o")
@@ -80,17 +80,17 @@ class Tidy:
         )
 
     def complaints(self, source: Source) -> str:
-        """What clang-tidy says of it, nothing if it passes."""
+        """The output of clang-tidy for it; empty if it passes."""
         record = self._record(source)
         record.unlink(missing_ok=True)
-        # Taken first, so that what is edited meanwhile counts as changed.
+        # Hashed first, so that edits during the run count as changes.
         seen = {path: digest(path) for path in inputs(source)}
         command = [self._program, "-p", str(self._scratch), "--quiet", source.path]
         ended = subprocess.run(command, capture_output=True, text=True, stdin=subprocess.DEVNULL)
         if ended.returncode == 0 and not COMPLAINT.search(ended.stdout):
             record.write_text(json.dumps({"how": self._how(source), "inputs": seen}))
             return ""
-        # Its stderr counts the warnings that it does not show.
+        # stderr only has the number of suppressed warnings.
         return ended.stdout or ended.stderr
 
     def _how(self, source: Source) -> str:
@@ -129,7 +129,7 @@ def main() -> int:
         for text in pool.map(tidy.complaints, open_):
             if text:
                 print(text, flush=True)
-                # A header's complaint comes with every source that includes it.
+                # A header's warning is repeated for every source that includes it.
                 found.update(COMPLAINT.findall(text) or [text])
     print(
         f"tidy: {len(found) + len(uncompiled)} complaints of {len(wanted)} sources; "

@@ -3,7 +3,7 @@
 
 newer_suite=trixie
 
-# build_python ROOT PYTHON: as /opt/python/bin/python3.13, where it is kept.
+# build_python ROOT PYTHON: installs it as /opt/python/bin/python3.13.
 build_python() {
   local root=$1 prefix=${2%/bin/*} name=${2##*/} builder=$1-build
   [[ ! -e $root$prefix/.made ]] || return 0
@@ -20,11 +20,11 @@ build_python() {
           -o Dir::State::Lists="$PWD/lists" -o APT::Sandbox::User= $step
       done
       cd "$2"-*/
-      # Debian keeps pip out of such a Python itself, not out of its environments.
+      # A patch of Debian disables pip in such a Python itself, but not in its environments.
       ./configure --prefix="$1" --disable-test-modules --with-ensurepip=no
       make -j"$(nproc)"
       make install
-      # What there was no library for, or no shared memory, is left out without a word.
+      # Modules whose library, or shared memory, is missing are silently skipped.
       "$1/bin/$2" -c "import bz2, ctypes, ensurepip, lzma, multiprocessing.synchronize, ssl, zlib"' \
     sh "$prefix" "$name" "$newer_suite" || return 1
   rm -rf "$root$prefix"

@@ -1,4 +1,4 @@
-"""facts.py NAME TESTS LOG STEP:OUTCOME:SECONDS...: which system this is and how the steps went, as JSON."""
+"""facts.py NAME TESTS LOG STEP:OUTCOME:SECONDS...: the system and the outcomes of the steps, as JSON."""
 
 import datetime
 import json
@@ -21,7 +21,7 @@ def said(*command: str) -> str:
 
 
 def counts(log: str) -> dict[str, int]:
-    """What ctest and pytest counted; nothing of what did not come to its end."""
+    """The counts of ctest and pytest; nothing if they did not complete."""
     found: dict[str, int] = {}
     if native := re.search(r"\d+% tests passed, (\d+) tests failed out of (\d+)", log):
         found |= {"native": int(native[2]), "native failed": int(native[1])}

@@ -1,8 +1,8 @@
 # shellcheck shell=bash
-# The systems, and what is done in each.
+# The systems, and what is run in each.
 # shellcheck disable=SC2034  # read by tools/systems and tools/test-wheels
 
-# Those in which the project is built, and those in which its wheels are tried.
+# Those in which the project is built, and those in which its wheels are tested.
 systems=(debian-12 debian-13 debian-sid debian-13-aarch64)
 wheel_systems=(debian-11 debian-12 debian-13 debian-sid debian-13-aarch64 debian-sid-aarch64)
 
@@ -24,7 +24,7 @@ describe() {
     debian-sid) suite=sid own_pythons=(python3.15 python3.14 python3.13) ;;
     debian-13-aarch64)
       suite=trixie architecture=arm64 machine=aarch64 own_pythons=(python3.13) minutes=120
-      # What is close to the processor: ends of processes, forks, sockets, arithmetic.
+      # Close to the processor: ends of processes, forks, sockets, arithmetic.
       tests=(tests/process tests/transport tests/vectors)
       ;;
     debian-sid-aarch64) suite=sid architecture=arm64 machine=aarch64 own_pythons=(python3.14 python3.15) ;;
@@ -32,7 +32,7 @@ describe() {
   esac
 }
 
-# check_names LIST NAME...: LIST is the variable that has the known ones.
+# check_names LIST NAME...: LIST is the variable with the known ones.
 check_names() {
   local -n known=$1
   local name

@@ -1,8 +1,8 @@
 # shellcheck shell=bash
-# Makes a system, or brings one up to date that is there already.
+# Creates a system, or updates an existing one.
 # shellcheck disable=SC2154  # `describe` of list.sh sets suite, machine and architecture
 
-# need_for_systems NAME...: installs what this machine needs to make them and to run programs in them.
+# need_for_systems NAME...: installs what this machine needs to create them and to run programs in them.
 need_for_systems() {
   local -a packages=(debootstrap util-linux-extra)
   local name
@@ -13,17 +13,17 @@ need_for_systems() {
   need_packages "${packages[@]}"
 }
 
-# The place from which this system has its own packages; none (then debootstrap's own) where apt has no list of them.
+# The mirror of this system's own packages; empty (debootstrap's default) if apt has no list of them.
 mirror() {
   # shellcheck disable=SC2016  # apt's own variables
   apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Label: Debian' 2>/dev/null | head -n 1 || true
 }
 
-# furnish ROOT: what this machine's owner has set for apt, pip, names and authorities.
+# furnish ROOT: copies this machine's settings of apt, pip, DNS and CAs.
 furnish() {
   local file
   for file in /etc/apt/apt.conf /etc/apt/apt.conf.d/*; do
-    # What belongs to a package is that package's matter.
+    # Files of packages are left to those packages.
     [[ -f $file ]] && ! dpkg --search "$file" >/dev/null 2>&1 && cp "$file" "$1/etc/apt/apt.conf.d/90${file##*/}"
   done
   cp tools/chroots/apt.conf "$1/etc/apt/apt.conf.d/91tessaline"
@@ -34,8 +34,8 @@ furnish() {
   cp /usr/local/share/ca-certificates/*.crt "$1/usr/local/share/ca-certificates/" 2>/dev/null || true
 }
 
-# bring_compiler ROOT: the suite's compiler for an emulated system as a program of this machine; an emulated one takes ten
-# times as long. It is unpacked only, for apt would not have the libraries of both beside each other.
+# bring_compiler ROOT: for an emulated system, a cross compiler of this machine: an emulated one is ten times slower. It
+# is only unpacked, because apt cannot install the libraries of both.
 bring_compiler() {
   local root=$1 state=$1/var/cache/compiler package
   mkdir -p "$state/lists/partial" "$state/archives/partial" "$root/usr/lib64"
@@ -47,14 +47,14 @@ bring_compiler() {
     "g++-${machine//_/-}-linux-gnu" || return 1
   ln -sfn usr/lib64 "$root/lib64"
   for package in "$state"/archives/*.deb; do
-    # Of the rest, the system has its own.
+    # The system has its own version of the rest.
     if [[ $(dpkg-deb --field "$package" Package) =~ ^z?lib|-cross$|-${machine//_/-}- ]]; then
       dpkg --extract "$package" "$root" || return 1
     fi
   done
 }
 
-# make_system ROOT PACKAGE...: a whole one is marked, so an interrupted one is made anew.
+# make_system ROOT PACKAGE...: a complete one is marked, so an interrupted one is created again.
 make_system() {
   local root=$1
   shift

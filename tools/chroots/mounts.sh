@@ -1,12 +1,12 @@
 # shellcheck shell=bash
-# What a root shows of this machine. For a mount namespace of its own.
+# Mounts parts of this machine in a root. For a mount namespace.
 
 # show_in ROOT [FOLDER...] -- ...: devices, processes, and these folders, read-only.
 show_in() {
   local root=$1
   shift
   mount --rbind /dev "$root/dev"
-  # With what is mounted in it: an emulator's registration ends with the last mount of its kind.
+  # Recursively: an emulator's registration ends with the last mount of its kind.
   mount --rbind /proc "$root/proc"
   while [[ $1 != -- ]]; do
     mkdir -p "$root$1"

@@ -3,7 +3,7 @@
 
 job=
 
-# Nothing in there hears a signal of ours but this one, and the kernel ends the rest with it.
+# PID 1 in there ignores our signals except this one, with which the kernel ends all of them.
 end_job() { [[ -z $job ]] || kill -KILL "$job" 2>/dev/null || true; }
 
 end_with_signals() {
@@ -11,13 +11,13 @@ end_with_signals() {
   trap 'end_job; exit 143' TERM HUP
 }
 
-# apart COMMAND...: in namespaces of its own. They end with this shell as well, however it ends.
+# apart COMMAND...: runs it in its own namespaces, which end with this shell, however it ends.
 apart() {
   local -a apart=(setpriv --pdeathsig KILL unshare --mount --propagation private --pid --fork --kill-child --mount-proc)
   if emulated; then
     apart=(.venv/bin/python -I tools/chroots/userns.py "${apart[@]}" tools/chroots/emulate "$machine")
   fi
-  # What runs in the background ignores Ctrl-C and hands that on.
+  # Background processes ignore Ctrl-C, and so do their children.
   env --default-signal=INT,QUIT "${apart[@]}" "$@" </dev/null &
   job=$!
   local status=0

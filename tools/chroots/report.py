@@ -17,7 +17,7 @@ PAGE = "where-it-runs.md"
 
 @dataclass(frozen=True)
 class Table:
-    """One of the page's, and the file that it is made from.
+    """One table of the page, and the file that it is made from.
 
     key: two results of the same are one of the earlier and one of the later.
     """

@@ -1,4 +1,4 @@
-"""Runs a command as root of a user namespace that has every user.
+"""Runs a command as root of a user namespace in which all users are mapped.
 
 What is registered with the kernel in there, as an emulator is, ends with the last of its processes.
 """
@@ -14,7 +14,7 @@ def main() -> None:
     there, entered = os.pipe()
     helper = os.fork()
     if helper == 0:
-        # Only a process outside may give a namespace more users than one.
+        # Only a process outside may map more than one user.
         os.close(entered)
         os.read(there, 1)
         for kind in ("uid_map", "gid_map"):

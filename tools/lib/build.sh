@@ -7,8 +7,8 @@ build_inputs() {
     -type f -not -path '*/__pycache__/*' -print0 | sort -z
 }
 
-# CI compiles with warnings as errors, so that it need not compile again to know. A tree that has passed so stays
-# so, or every change between the two would build it anew.
+# CI compiles with warnings as errors, which replaces a separate compilation. A tree that has passed keeps that option,
+# or each change of it would rebuild everything.
 warnings_are_errors() {
   if [[ ${CI:-} == true ]] || grep -qs ' werror=ON ' .venv/.built; then echo ON; else echo OFF; fi
 }
@@ -21,8 +21,8 @@ need_build() {
   wanted="$PWD $CXX $("$CXX" -dumpversion) werror=$werror tests=$tests $(build_inputs | xargs -0 sha256sum | sha256sum)"
   [[ -e build/release/CMakeCache.txt ]] && is_done .venv/.built "$wanted" && return
 
-  # Everything is compiled once: the wheel is built in the tree of the `release` preset, which so also holds
-  # the native test programs and, for work without installing, an importable package.
+  # Everything is compiled once: the wheel is built in the tree of the `release` preset, which therefore also has the
+  # native test programs and, for work without installing, an importable package.
   watched "compiling" build .venv/bin/python -m pip install --no-input --disable-pip-version-check --no-deps \
     --no-build-isolation --verbose . \
     -C build-dir=build/release -C cmake.build-type=Release -C cmake.define.TESSALINE_PRECOMPILE=ON \

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Sourced by every tool. Puts the shell at the project's root.
+# Sourced by every tool. Changes to the project's root.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 
@@ -13,7 +13,7 @@ fail() {
   exit 1
 }
 
-# logged NAME COMMAND...: quiet when it goes well, the end of the log when it does not.
+# logged NAME COMMAND...: prints nothing on success, and the end of the log on failure.
 logged() {
   local log=build/logs/$1.log
   shift
@@ -23,7 +23,7 @@ logged() {
   fail "that failed; the whole log is in $log"
 }
 
-# how_far LOG: how much is done, as far as the log of a build or an installation shows it.
+# how_far LOG: the progress that the log of a build or an installation shows.
 how_far() {
   local count
   count=$(tail -n 5 "$1" | grep -oE '\[[0-9]+/[0-9]+\]' | tail -n 1) ||
@@ -31,8 +31,8 @@ how_far() {
   printf '%s ' "$count"
 }
 
-# watched WHAT NAME COMMAND...: as `logged`, and says what is done, how far it is and how long it took. `progress` stands
-# before it: which step of how many.
+# watched WHAT NAME COMMAND...: as `logged`, and prints what is done, the progress and the duration. `progress` precedes
+# it: which step of how many.
 progress=
 watched() {
   local what="$progress$1" log=build/logs/$2.log begin=$SECONDS watcher=
@@ -40,7 +40,7 @@ watched() {
   mkdir -p build/logs
   : >"$log"
   if [[ -t 1 ]]; then
-    # A background process ignores Ctrl-C, so it looks whether this shell is still there.
+    # Background processes ignore Ctrl-C, so it checks whether this shell still exists.
     while sleep 0.5 && kill -0 $$ 2>/dev/null; do
       printf '\r       %s%d s' "$(how_far "$log")" $((SECONDS - begin))
     done &
@@ -55,7 +55,7 @@ watched() {
   say "$what: $((SECONDS - begin)) s"
 }
 
-# Equal sources make equal archives.
+# Reproducible archives.
 set_source_date() {
   export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/null || echo 315532800)}
 }
@@ -65,5 +65,5 @@ at_least() { [[ $(printf '%s\n' "$1" "$2" | sort -V | head -n 1) == "$1" ]]; }
 
 is_done() { [[ -r $1 && $(<"$1") == "$2" ]]; }
 
-# The mark appears whole or not at all, so an interrupted step is done again.
+# The mark is written atomically, so an interrupted step is repeated.
 mark_done() { printf '%s\n' "$2" >"$1.new" && mv "$1.new" "$1"; }

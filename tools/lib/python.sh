@@ -1,10 +1,10 @@
 # shellcheck shell=bash
-# Finds the newest CPython that the component has been tried on, and makes .venv.
+# Finds the newest tested CPython, and creates .venv.
 
 pythons=(3.15 3.14 3.13)
 
-# python_behind COMMAND: the interpreter itself (past shims and virtual environments), if it is a CPython that
-# will do, can make an environment and build an extension. One that is newer than those above will do.
+# python_behind COMMAND: the interpreter itself (without shims and virtual environments), if it is a suitable CPython
+# that can create an environment and build an extension. Newer ones than the tested are suitable.
 python_behind() {
   "$1" -I - 2>/dev/null <<'PYTHON'
 import importlib.util, os, sys, sysconfig
@@ -47,13 +47,13 @@ find_python() {
 
 venv_mark() { printf '%s\n' "$PWD $1 $(sha256sum <"requirements/$1.txt") $2"; }
 
-# need_venv LIST: .venv with what requirements/LIST.txt pins, or with more.
+# need_venv LIST: creates .venv with at least the packages that requirements/LIST.txt pins.
 need_venv() {
   local list=$1 python=
   if [[ -n ${PYTHON:-} ]]; then
     python=$(find_python)
   elif [[ -x .venv/bin/python ]]; then
-    # One that is made anew for other packages keeps its Python.
+    # If it is re-created for other packages, it keeps its Python.
     python=$(python_behind .venv/bin/python) || true
   fi
   is_done .venv/.set-up "$(venv_mark dev "$python")" && return
@@ -63,18 +63,18 @@ need_venv() {
     [[ -n $python ]] || python=$(find_python)
     say "creating .venv with $("$python" --version), $python"
     logged venv "$python" -m venv --clear .venv
-    # A tree that was configured for another Python does not find this one.
+    # A build tree that was configured for another Python does not find this one.
     find build -name CMakeCache.txt -delete
   fi
-  # The list is complete, so nothing that it does not pin gets in.
+  # The list is complete, so nothing unpinned is installed.
   watched "$(grep -c == "requirements/$list.txt") Python packages" packages .venv/bin/python -m pip install --no-input \
     --disable-pip-version-check --no-deps --requirement "requirements/$list.txt"
   logged packages-check .venv/bin/python -m pip check
   mark_done .venv/.set-up "$(venv_mark "$list" "$python")"
 }
 
-# need_pinned NAME: what requirements/NAME.txt adds to .venv, in a place of its own, because only one tool needs it.
-# Prints that place.
+# need_pinned NAME: installs what requirements/NAME.txt adds to .venv into a separate folder, because only one tool
+# needs it. Prints that folder.
 need_pinned() {
   local packages=$PWD/build/$1-packages wanted
   wanted="$(sha256sum <"requirements/$1.txt") $(python_behind .venv/bin/python)"

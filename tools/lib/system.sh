@@ -1,6 +1,5 @@
 # shellcheck shell=bash
-# What the build needs from the system. A package counts as present when what it is needed for works,
-# wherever that came from.
+# What the build needs from the system. A package counts as present if what it provides works, whatever its origin.
 
 # version_of COMMAND [OPTION]: the first dotted number that the command prints; fails if it does not run.
 version_of() {
@@ -9,8 +8,8 @@ version_of() {
   [[ $text =~ [0-9]+(\.[0-9]+)+ ]] && printf '%s\n' "${BASH_REMATCH[0]}"
 }
 
-# tool NAME VERSION: the first one on PATH that runs and is new enough. A pyenv shim is passed over: it answers
-# for whichever Python is selected at the moment, and a build tree remembers its tools for longer.
+# tool NAME VERSION: the first one on PATH that runs and is new enough. pyenv shims are skipped: they depend on the
+# currently selected Python, but a build tree keeps the paths of its tools.
 tool() {
   local candidate version
   while read -r candidate; do
@@ -67,13 +66,13 @@ has_package() {
     haproxy) at_least 2.6 "$(version_of haproxy -v)" ;;
     squid-openssl) squid -v | grep -e --with-openssl ;;
     tinyproxy) at_least 1.11 "$(version_of tinyproxy -v)" ;;
-    # fetch is there from 18 on.
+    # fetch exists since version 18.
     nodejs) tool node 18 ;;
     nginx) type -P nginx || [[ -x /usr/sbin/nginx ]] ;;
     shellcheck) tool shellcheck 0.9 ;;
     chromium) type -P chromium ;;
     debootstrap) type -P debootstrap ;;
-    # Where newer releases have it.
+    # Its path in newer releases.
     util-linux-extra) type -P pivot_root ;;
     qemu-user-static) compgen -G '/usr/lib/binfmt.d/qemu-*.conf' ;;
     spin) spin -V 2>/dev/null | grep '^Spin Version' ;;
@@ -81,7 +80,7 @@ has_package() {
   esac >/dev/null
 }
 
-# missing PACKAGE...: those of them that are not there.
+# missing PACKAGE...: those that are not installed.
 missing() {
   local package
   for package in "$@"; do
@@ -89,8 +88,8 @@ missing() {
   done
 }
 
-# on_offer PACKAGE...: those packages; of a compiler's of which apt does not have that version, the next one that it has.
-# Formatters are left out, for each version formats in another way.
+# on_offer PACKAGE...: those packages; if apt does not have a compiler in that version, the next available one. Except
+# formatters, since their versions format differently.
 on_offer() {
   local package version
   for package in "$@"; do
@@ -107,7 +106,7 @@ on_offer() {
 
 is_root() { ((EUID == 0)); }
 
-# need_packages PACKAGE...: installs those that are missing, and only those.
+# need_packages PACKAGE...: installs those that are missing.
 need_packages() {
   local -a wanted as_root=()
   read -r -a wanted <<<"$(missing "$@")"
@@ -121,7 +120,7 @@ need_packages() {
   command -v apt-get >/dev/null || fail "missing system packages (by their Debian names): ${wanted[*]}"
 
   local -a apt=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -q -o DPkg::Lock::Timeout=300)
-  # Stale lists may still do, so only the installation decides.
+  # Old lists may be sufficient, so only the installation decides.
   mkdir -p build/logs
   "${apt[@]}" update >build/logs/apt-update.log 2>&1 </dev/null || true
   local -a offered
@@ -132,7 +131,7 @@ need_packages() {
   ((${#wanted[@]} == 0)) || fail "installed, but still not usable: ${wanted[*]}"
 }
 
-# The tools that were checked come first on PATH, also for the build backend, which takes what it finds there.
+# The checked tools come first on PATH, also for the build backend, which uses what it finds there.
 use_checked_tools() {
   local name
   mkdir -p build/tools

@@ -1,15 +1,15 @@
 # shellcheck shell=bash
-# Sourced by tools/sanitize: how each sanitizer is built, started and asked to report.
+# Sourced by tools/sanitize: how each sanitizer is built, started and configured.
 
 runtime_of() { "$compiler" -print-file-name="$1"; }
 
-# use_sanitizer NAME: what follows is about that one.
+# use_sanitizer NAME: selects it for the functions below.
 use_sanitizer() {
   local gxx
   sanitizer=$1
   tree=$PWD/build/sanitize-$sanitizer
-  # Older runtimes do not survive a fork: their allocator stays locked in the child, or a thread of it dies of
-  # having the number that one of the parent's had.
+  # Older runtimes do not survive a fork: the allocator stays locked in the child, or a thread of it dies because it has
+  # the ID of one of the parent's.
   compiler=$(clang_tool clang++ 19)
   gxx=$(tool g++ 12)
   kinds=$sanitizer,undefined
@@ -19,7 +19,7 @@ use_sanitizer() {
     thread) preset=tsan planted=(race overflow) ;;
   esac
   runtimes=("$(runtime_of "libclang_rt.$preset-$(uname -m).so")")
-  # Found before the interpreter loads it, so that throwing is seen too.
+  # Resolved before the interpreter loads it, so that throwing is intercepted too.
   runtimes+=("$("$gxx" -print-file-name=libstdc++.so)")
   [[ -e ${runtimes[0]} ]] || fail "$compiler has no runtime ${runtimes[0]}"
 }
@@ -40,8 +40,7 @@ under_sanitizer() {
   all+=":external_symbolizer_path=$("$compiler" -print-prog-name=llvm-symbolizer)"
   shift
   local address="$all:abort_on_error=1:detect_stack_use_after_return=1:quarantine_size_mb=16"
-  # At the end there is nothing to wait for: the tests are about how fast a program ends. And children of a fork
-  # start threads.
+  # No wait at exit: the tests measure how fast a program ends. And forked children start threads.
   local thread="$all:suppressions=$supp:second_deadlock_stack=1:history_size=4:atexit_sleep_ms=0:die_after_fork=0"
   env \
     ASAN_OPTIONS="$address:detect_leaks=${leaks:-1}" \
@@ -51,11 +50,11 @@ under_sanitizer() {
     TESSALINE_SANITIZER="$sanitizer" "$@"
 }
 
-# python_under FOLDER ARGUMENT...: the interpreter, with the runtime loaded first and the guard in every process.
+# python_under FOLDER ARGUMENT...: the interpreter, with the runtime preloaded and the guard in every process.
 python_under() {
   local folder=$1
   shift
-  # The interpreter leaves most of its objects behind at its end, so that leaks cannot be told from them here.
+  # The interpreter does not free most of its objects at exit, so leaks cannot be distinguished here.
   leaks=0 under_sanitizer "$folder" env \
     LD_PRELOAD="$(IFS=:; echo "${runtimes[*]}")" \
     PYTHONPATH="$tree/package:$PWD/tools/sanitizers/guard" \

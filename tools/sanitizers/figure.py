@@ -1,4 +1,4 @@
-"""What came of `make sanitize`: prints what is wrong, then one line of figures.
+"""The result of `make sanitize`: prints the problems, then one line of figures.
 
 Arguments: the folders of results.
 """

@@ -29,7 +29,7 @@ def said_by(*command: str) -> str:
 
 
 def archive_lines(targets: str, kind: str, wanted: str, keyring: Path) -> list[str]:
-    """Lines for the package client: a suite of where this machine's own packages come from."""
+    """Lines for the package client: a suite, from the mirror of this machine's own packages."""
     parts = ("",) if wanted == "sid" else ("", "security", "updates")
     only = f"arch={','.join(ARCHITECTURES.values())} " if kind == "deb" else ""
     lines = set()
@@ -45,7 +45,7 @@ def packages(pin: Headers) -> list[str]:
 
 
 class Archive:
-    """What the package client knows of a suite, in a state of its own, which needs no root."""
+    """The package client's view of a suite, with its own state, which needs no root."""
 
     def __init__(self, folder: Path, kind: str, suite: str) -> None:
         told = said_by("apt-get", "indextargets", "--format", "$(SITE)|$(RELEASE)", "Origin: Debian")
@@ -62,7 +62,7 @@ class Archive:
             f"-oDir::State::Lists={folder}/lists",
             "-oDir::State::Status=/dev/null",
             f"-oDir::Cache={folder}/cache",
-            # A pin says what it wants, so lists that somebody held back bring nothing that is not wanted.
+            # Pins name versions, so outdated lists of a mirror do no harm.
             "-oAcquire::Check-Valid-Until=false",
             "-oAPT::Sandbox::User=",
             *(f"-oAPT::Architectures::={name}" for name in ARCHITECTURES.values()),
@@ -73,14 +73,14 @@ class Archive:
         return said_by(program, *self._options, *arguments)
 
     def bring(self, pin: Pin) -> None:
-        """Its files, into the place of all of them."""
+        """Downloads its files."""
         if isinstance(pin, Headers):
             self.said("apt-get", "download", *(f"{name}={pin.version}" for name in packages(pin)))
         else:
             self.said("apt-get", "source", "--download-only", f"{pin.package}={pin.version}")
 
     def records(self, pin: Pin) -> str:
-        """What it has under that name."""
+        """The records of its packages."""
         if isinstance(pin, Headers):
             return self.said("apt-cache", "show", *packages(pin))
         return self.said("apt-cache", "showsrc", pin.package)
@@ -88,7 +88,7 @@ class Archive:
 
 @contextmanager
 def archives() -> Iterator[Callable[[Pin], Archive]]:
-    """The one that a pin is from."""
+    """The archive of that pin."""
     with tempfile.TemporaryDirectory() as folder:
         known = cache(lambda kind, suite: Archive(Path(folder, kind, suite), kind, suite))
         yield lambda pin: known(pin.kind, pin.suite)

@@ -1,4 +1,4 @@
-"""Builds a wheel into dist, and what a debugger wants to know about it into dist/debug.
+"""Builds a wheel into dist, and its debug information into dist/debug.
 
 python -m tools.wheels.build TARGET
 """

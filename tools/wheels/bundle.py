@@ -1,4 +1,4 @@
-"""Puts into an unpacked wheel its tag, licences of what is linked into it, and a CycloneDX list of that."""
+"""Adds to an unpacked wheel its tag, the licences of its static libraries, and a CycloneDX list of them."""
 
 from __future__ import annotations
 
@@ -94,7 +94,7 @@ def put_licences(information: Path) -> None:
 
 
 def put_tag(information: Path, target: Target) -> None:
-    """The build took the wheel for one of the Python that ran it."""
+    """The build has tagged the wheel for the Python that ran it."""
     file = information / "WHEEL"
     file.write_text(re.sub(r"^Tag: .+$", f"Tag: {target}", file.read_text(), flags=re.MULTILINE))
 

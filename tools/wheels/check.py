@@ -1,4 +1,4 @@
-"""Checks wheels, and says in one line each what they are.
+"""Checks wheels, and prints one line about each.
 
 python -m tools.wheels.check FOLDER_OF_DEBUG_FILES WHEEL...
 """
@@ -28,13 +28,13 @@ def target_of(wheel: Path) -> Target | None:
 
 
 def exports_of(target: Target) -> dict[str, str]:
-    """What each library of the wheel exports, by its file's name."""
+    """The exports of each library in the wheel, by file name."""
     modules = {f"{name}.{target.soabi}.so": export for name, export in MODULES.items()}
     return modules | {LIBRARY: "tessaline_http_library"}
 
 
 def tells_where(file: Path) -> bool:
-    """Whether it has a path of this checkout in it."""
+    """Whether it contains a path of this checkout."""
     return str(Path.cwd()).encode() in file.read_bytes()
 
 
@@ -80,7 +80,7 @@ def faults_of_files(root: Path, target: Target) -> list[str]:
 
 
 def faults_of_list(information: Path) -> list[str]:
-    """Of the list of what is linked in."""
+    """From the list of linked libraries."""
     file = information / "sboms/bundled.cdx.json"
     if not file.is_file():
         return [f"{file.name} is missing"]

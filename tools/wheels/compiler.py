@@ -1,4 +1,4 @@
-"""The compiler of the wheels: Zig's, which knows old glibcs by number, as programs with gcc's options."""
+"""The compiler of the wheels: Zig's, which can target old glibcs, as programs with gcc's options."""
 
 from __future__ import annotations
 
@@ -19,7 +19,7 @@ def zig() -> Path:
 
 
 def _written(path: Path, text: str) -> None:
-    """Left alone where it is the same: a build tree looks at its time."""
+    """Unchanged files keep their time stamp, which the build tree checks."""
     if not path.exists() or path.read_text() != text:
         path.write_text(text)
 
@@ -28,8 +28,7 @@ def put_into(place: Path, platform: Platform) -> None:
     """The programs in `bin`, and a toolchain file that builds with them against `prefix`."""
     root, place = Path.cwd(), place.resolve()
     cache = place / "zig"
-    # What Zig compiles unasked, its C++ runtime, takes options from nowhere else. Debug information would say
-    # where it was.
+    # Options for what Zig compiles by itself, its C++ runtime. Debug information would contain its path.
     everywhere = f"# +-ffile-prefix-map={root}/=/ +-ffile-compilation-dir=/"
     head = f"""\
 #!/bin/sh

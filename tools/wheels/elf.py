@@ -1,4 +1,4 @@
-"""What a shared library says of itself."""
+"""Reads metadata of a shared library."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ class Library:
     path: Path
     machine: str
     glibc: tuple[int, int]
-    """The oldest that has all that the library takes from it."""
+    """The oldest version that has all symbols which the library imports."""
     needed: frozenset[str]
     search_path: str
     exports: frozenset[str]
@@ -23,7 +23,7 @@ class Library:
     debug_link: tuple[str, int] | None
 
     def debugged_by(self, file: Path) -> bool:
-        """Whether a debugger that looks for this library's debug information takes that file."""
+        """Whether a debugger accepts that file as this library's debug information."""
         return self.debug_link == (file.name, zlib.crc32(file.read_bytes())) and (
             self.build_id in _said_by("readelf", "--wide", "--notes", str(file))
         )

@@ -1,4 +1,4 @@
-"""Builds the static libraries that go into a wheel, once for what they are made from.
+"""Builds the static libraries for a wheel, once per set of inputs.
 
 python -m tools.wheels.libraries PLATFORM
 """
@@ -30,7 +30,7 @@ class Build:
         self._options = tomllib.loads(OPTIONS.read_text())
         self._environment = os.environ | {
             "PATH": f"{self._place}/bin:{os.environ['PATH']}",
-            # It would be in the libraries, which outlive a commit.
+            # It would be in the libraries, which are kept across commits.
             "SOURCE_DATE_EPOCH": "0",
         }
 
@@ -58,7 +58,7 @@ class Build:
         folder = self._place / source.package
         folder.mkdir()
         self.run(
-            # This path goes into the objects as it is.
+            # The objects contain this path.
             *("perl", Path(os.path.relpath(source.folder.resolve(), folder), "Configure")),
             *(f"linux-{self._platform.machine}", *programs, *options["options"].split(), *places, *OPTIMISED),
             folder=folder,
@@ -85,7 +85,7 @@ class Build:
 
 
 def stamp() -> str:
-    """What the libraries are made from."""
+    """The inputs of the libraries."""
     files = [PINS, OPTIONS, Path(__file__), Path(compiler.__file__), compiler.TOOLCHAIN]
     files += sorted(HERE.glob("unwinder.*"))
     digest = hashlib.sha256(b"".join(path.read_bytes() for path in files)).hexdigest()

@@ -1,4 +1,4 @@
-"""Lets a program of a user's live where there is nothing but the wheel: program.py, over TLS.
+"""Runs a user's program where nothing but the wheel is installed: program.py, over TLS.
 
 python -m tools.wheels.login PYTHON...
 
@@ -18,13 +18,13 @@ from typing import NamedTuple
 from devserver.testing import DevServer
 
 PROGRAM = Path(__file__).with_name("program.py")
-# One by hand, a renewal, an era's.
+# One by a call, a renewal, an era's.
 LOGINS = 3
 DEADLINE = 300.0
 
 
 class LoginError(Exception):
-    """The program has not lived as it should; says how."""
+    """The program has not behaved as expected."""
 
 
 class Facts(NamedTuple):
@@ -44,7 +44,7 @@ def run(python: Sequence[str], url: str, environment: Mapping[str, str]) -> subp
 
 
 def log_in(python: Sequence[str], trust: Callable[[Path], Mapping[str, str]]) -> Facts:
-    """trust: has that file's authority trusted from now on; gives back what the environment is to say for it.
+    """trust: makes that CA file trusted; returns environment variables for it.
 
     Before, the program may not log in.
     """

@@ -1,6 +1,6 @@
-"""What a wheel leaves to the system."""
+"""Libraries that a wheel expects on the system."""
 
-# The oldest glibc that a wheel runs on.
+# The oldest supported glibc.
 GLIBC = (2, 28)
 
 # glibc, and libgcc_s, which glibc depends on and loads itself.

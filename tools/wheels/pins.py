@@ -1,4 +1,4 @@
-"""Which packages of Debian a wheel is built from: sources that go into it, and headers."""
+"""The packages of Debian from which a wheel is built: sources and headers."""
 
 from __future__ import annotations
 

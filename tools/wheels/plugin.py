@@ -1,4 +1,4 @@
-"""pytest plugin: the tests run against the wheel that TESSALINE_WHEEL names, as it was installed."""
+"""pytest plugin: the tests run against the installed wheel that TESSALINE_WHEEL names."""
 
 from __future__ import annotations
 

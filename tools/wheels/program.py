@@ -1,4 +1,4 @@
-"""What a program of a user's does: it logs in, renews, follows an era, is interrupted by Ctrl-C, and closes.
+"""A user's program: it logs in, renews, follows an era, is interrupted by Ctrl-C, and closes.
 
 Needs the wheel alone, runs by its text, and trusts what the system does. Argument: the URL of a development
 server that it has for itself.
@@ -49,7 +49,7 @@ def live(url: str) -> None:
 
 
 def interrupt() -> None:
-    """By the handler that Python has for Ctrl-C, while a server is silent."""
+    """By Python's handler for Ctrl-C, while a server does not respond."""
     with socket.create_server(("127.0.0.1", 0)) as silent:
 
         def press() -> None:
@@ -72,7 +72,7 @@ def interrupt() -> None:
 
 def main() -> None:
     live(sys.argv[1])
-    # Whoever started this may have it ignore Ctrl-C.
+    # The parent process may ignore Ctrl-C, which is inherited.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     interrupt()
     print(json.dumps([_native.bundled, sys.version.split()[0], os.confstr("CS_GNU_LIBC_VERSION")]))

@@ -19,7 +19,7 @@ from .pins import HEADERS, PINS, PLACE, Pin, headers, pinned
 
 
 def files_of(record: str) -> dict[str, str]:
-    """What a package of sources is made of, or the file of another, with the checksums."""
+    """The files of a source package, or the file of another, with their checksums."""
     one = re.search(r"^Filename: .*/(\S+)$", record, re.MULTILINE)
     if one is not None:
         return {one[1]: re.findall(r"^SHA256: (\S+)$", record, re.MULTILINE)[0]}
@@ -35,7 +35,7 @@ def _order(one: str, other: str) -> int:
 
 
 def newest_first(records: str) -> list[tuple[str, dict[str, str]]]:
-    """The versions that are there whole, for both machines, with their files."""
+    """The versions that are completely available for both machines, with their files."""
     found: dict[str, dict[str, str]] = defaultdict(dict)
     for record in records.strip().split("\n\n"):
         (version,) = re.findall(r"^Version: (\S+)", record, re.MULTILINE)
@@ -45,7 +45,7 @@ def newest_first(records: str) -> list[tuple[str, dict[str, str]]]:
 
 
 def newest(archive: Archive, pin: Pin) -> Pin:
-    """That pin with the newest version that can be had."""
+    """That pin with the newest available version."""
     for version, files in newest_first(archive.records(pin)):
         newer = replace(pin, version=version, sha256=files)
         try:

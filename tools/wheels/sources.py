@@ -34,13 +34,13 @@ def unpack_source(source: Source) -> None:
     new = folder.with_suffix(".new")
     for old in (new, folder):
         shutil.rmtree(old, ignore_errors=True)
-    # Unchecked: the package client has checked the signature of the list that names it.
+    # Unchecked: the package client has verified the signature of the list that names it.
     said_by("dpkg-source", "--no-check", "-x", f"{source.package}_{source.version}.dsc", new.name)
     new.rename(folder)
 
 
 def unpack_headers(pin: Headers, architecture: str) -> None:
-    """Into one folder, those that are for the machine among them."""
+    """Into one folder, with those for the machine."""
     folder = pin.folder(architecture)
     new = folder.with_suffix(".new")
     for old in (new, folder):
@@ -51,7 +51,7 @@ def unpack_headers(pin: Headers, architecture: str) -> None:
     with tarfile.open(fileobj=io.BytesIO(packed.stdout)) as archive:
         for member in archive:
             place, _, inside = member.name.partition(f"/python{pin.python}/")
-            # It would include the machine's, which takes its place.
+            # It would include the machine's own, which is used instead.
             chooses = (place, inside) == ("./usr/include", "pyconfig.h")
             if member.isfile() and place.startswith("./usr/include") and not chooses:
                 target = new / inside

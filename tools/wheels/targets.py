@@ -1,4 +1,4 @@
-"""What wheels are built for, by the names that tools/wheel goes through.
+"""The targets of wheels, by the names that tools/wheel uses.
 
 python -m tools.wheels.targets [--all]
 """
@@ -45,7 +45,7 @@ class Target:
     platform: Platform
 
     def __str__(self) -> str:
-        """As in the name of its wheel."""
+        """As in the file name of its wheel."""
         return f"{self.interpreter}-{self.interpreter}-{self.platform}"
 
     @property
@@ -54,7 +54,7 @@ class Target:
 
     @property
     def soabi(self) -> str:
-        """What the names of its modules say."""
+        """The suffix of its extension modules."""
         return f"cpython-{self.interpreter.removeprefix('cp')}-{self.platform.triplet}"
 
 
@@ -71,7 +71,7 @@ def target(name: str) -> Target:
 
 
 def here(python: str, machine: str) -> Target:
-    """For the Python that runs this."""
+    """For the running Python."""
     if python not in PYTHONS or machine not in ARCHITECTURES:
         sys.exit(
             f"Wheels are for CPython {', '.join(PYTHONS)} on {' and '.join(ARCHITECTURES)}, not for "

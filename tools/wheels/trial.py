@@ -1,4 +1,4 @@
-"""Tries a wheel in a system that has nothing else, and writes what came of it.
+"""Tests a wheel in a bare system, and writes the result.
 
 python -m tools.wheels.trial SYSTEM ROOT PYTHON WHEEL RESULT
 
@@ -35,26 +35,26 @@ CLEAN = {
     "PATH": "/usr/sbin:/usr/bin:/sbin:/bin",
     "LC_ALL": "C.UTF-8",
     "HOME": "/srv",
-    # Python does so at the first import, and compiles nothing that is not imported.
+    # As Python does at the first import: only imported modules are compiled.
     "PIP_NO_COMPILE": "1",
 }
 ENDS = [f"tests/process/test_{name}.py" for name in ("exit", "slow_exit", "fork", "fork_while", "unclosed")]
-# A program takes an emulator seconds to start.
+# An emulated program takes seconds to start.
 SAMPLE = [
     "tests/process/test_exit.py::test_a_program_that_calls_exit",
     "tests/process/test_exit.py::test_a_program_that_is_ended_in_the_middle_of_a_call",
     "tests/process/test_slow_exit.py",
 ]
-# How often each scenario runs, and how much slower an emulated one is; a busy machine may say so of itself.
+# How often each scenario runs, and how much slower emulated programs are; settable for busy machines.
 RUNS, RUNS_EMULATED = 3, 1
 SLOWER_EMULATED = 10
 SECONDS = 3600
-# Runs a program where it was started, in there.
+# Runs the interpreter in the root, in the same working directory.
 INTERPRETER = '#!/bin/sh\nexec chroot {root} env -C "$PWD" {python} "$@"\n'
 
 
 class Failed(Exception):
-    """With what was said last."""
+    """With the last lines of output."""
 
 
 def inside(root: Path, *command: str) -> list[str]:
@@ -62,7 +62,7 @@ def inside(root: Path, *command: str) -> list[str]:
 
 
 class Trial:
-    """machine: that the wheel is for. Each step adds to `found`."""
+    """machine: the wheel's. Each step adds to `found`."""
 
     def __init__(self, root: Path, python: str, wheel: Path, log: Path) -> None:
         self._root, self._python, self._wheel, self._log = root, python, wheel, log
@@ -75,7 +75,7 @@ class Trial:
         }
 
     def run(self, command: Sequence[str], environment: Mapping[str, str] | None = None) -> str:
-        """Its output, which goes to the log as well."""
+        """Its output, which is also logged."""
         with self._log.open("a+") as file:
             print("$", *command, file=file, flush=True)
             began = file.tell()
@@ -108,13 +108,13 @@ class Trial:
         self.found |= {"python": facts.python, "glibc": facts.libc.rpartition(" ")[2]}
 
     def _trust(self, authority: Path) -> Mapping[str, str]:
-        """As the owner of a system has it trust somebody."""
+        """As an administrator adds a CA."""
         shutil.copy(authority, self._root / "usr/local/share/ca-certificates/tried.crt")
         self.inside("update-ca-certificates")
         return {}
 
     def end(self) -> None:
-        """The tests and their servers run outside, the programs that end and fork inside."""
+        """The tests and their servers run outside, the programs that exit and fork inside."""
         with scratch(self._root.name) as folder:
             interpreter, results = folder / "python", folder / "results"
             interpreter.write_text(INTERPRETER.format(root=self._root, python=PYTHON))
@@ -159,7 +159,7 @@ def machine_of(wheel: Path) -> str:
 
 
 def take(steps: Mapping[str, Callable[[], None]]) -> dict[str, Any]:
-    """Those up to the first that fails."""
+    """The steps up to the first failure."""
     taken: dict[str, Any] = {}
     for name, step in steps.items():
         print(f"{name} ... ", end="", flush=True)

@@ -20,12 +20,12 @@ inline constexpr const char* kCurveOrderHex =
 
 inline constexpr long kBackoffBase = 1;              ///< seconds
 inline constexpr long kBackoffCap = 60;              ///< seconds
-inline constexpr double kHttpTimeoutDefault = 30.0;  ///< seconds, of one request
+inline constexpr double kHttpTimeoutDefault = 30.0;  ///< seconds, per request
 inline constexpr long kFlowHttpMaxAttempts = 3;
 inline constexpr long kFlowChallengeMaxCycles = 3;
 inline constexpr double kRefreshRatio = 0.8;    ///< of the token's lifetime
 inline constexpr long kTokenLifetime = 86400;   ///< seconds, counted from storage
-inline constexpr double kRefreshJitter = 0.05;  ///< each way, of the refresh delay
+inline constexpr double kRefreshJitter = 0.05;  ///< of the refresh delay, in either direction
 
 inline constexpr const char* kDisplayNamePattern = R"(^[a-zA-Z0-9_\- ]+$)";
 inline constexpr const char* kDisplayNameError =
@@ -42,7 +42,7 @@ inline constexpr const char* kVerify = "/auth/verify";
 inline constexpr const char* kDisplayName = "/api/profile/display_name";
 }  // namespace path
 
-/// Reasons that the component itself gives.
+/// Reasons of the component's own errors.
 namespace reason {
 inline constexpr const char* kManagerClosed = "manager_closed";
 inline constexpr const char* kNotAuthenticated = "not_authenticated";

@@ -2,13 +2,13 @@
 
 #include "tessaline/auth/python/name.hpp"
 
-// Names of the interpreter's facilities, of the module's own globals and of the manager's members.
+// Names of Python's library, of the module's globals and of the manager's members.
 
 namespace tessaline::auth::names {
 
 using python::Name;
 
-// Facilities of the interpreter, as the module imports them.
+// Python's library, as the module imports it.
 inline constinit Name base64{"base64"};
 inline constinit Name json{"json"};
 inline constinit Name random{"random"};
@@ -107,8 +107,8 @@ inline constinit Name token_lifetime{"_TOKEN_LIFETIME"};
 inline constinit Name validate_private_key{"_validate_private_key"};
 inline constinit Name validate_server_url{"_validate_server_url"};
 
-// Members of the manager that are reached through the instance. By these alone steps/ know the manager, as a
-// Python program does: what a subclass or a test has put in their place takes effect.
+// Members of the manager, looked up on the instance, so that replacements by a subclass or a test take
+// effect. `steps/` knows the manager by these names only.
 inline constinit Name background_reauth{"_background_reauth"};
 inline constinit Name clock{"_clock"};
 inline constinit Name close{"close"};

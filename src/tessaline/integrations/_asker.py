@@ -1,4 +1,4 @@
-"""One question at a time to a source of tokens, on a thread that is there only while somebody waits."""
+"""One call of a source of tokens at a time, on a thread that exists only while callers wait."""
 
 from __future__ import annotations
 
@@ -14,10 +14,10 @@ type Reply[Answer] = Callable[[Answer | None, Exception | None], None]
 
 
 class Asker[Answer]:
-    """Asks for all that wait; who comes while a question is under way gets the answer to the next one.
+    """Makes one call for all that wait; who arrives during a call gets the result of the next one.
 
     Args:
-        question: What is asked. It may block; what it raises is every waiting caller's answer.
+        question: The call. It may block; every waiting caller gets what it returns or raises.
 
     May be used from any thread of the process that made it.
     """
@@ -30,7 +30,7 @@ class Asker[Answer]:
         self._closed = False
 
     def ask(self, reply: Reply[Answer]) -> None:
-        """Have `reply` called with an answer or an error, once: on the thread, or here if there is none."""
+        """Have `reply` called once with the result or an error: on the thread, or here if there is none."""
         failed: Exception | None = None
         with self._lock:
             together = [reply]
@@ -49,7 +49,7 @@ class Asker[Answer]:
             _tell(together, None, failed)
 
     def close(self) -> None:
-        """Answer all that wait with an error, and wait for the question under way: a second at most."""
+        """Give all waiting callers an error, and wait at most a second for the current call."""
         with self._lock:
             self._closed = True
             together, self._waiting = self._waiting, []
@@ -69,7 +69,7 @@ class Asker[Answer]:
                 answer = self._question()
             except Exception as error:
                 _tell(together, None, error)
-            # Whatever it is, the calls must end: without an answer they would wait for ever.
+            # Whatever it is: without a reply the callers would wait for ever.
             except BaseException as error:
                 _tell(together, None, RuntimeError(f"the source of tokens raised {type(error).__name__}"))
             else:
@@ -77,12 +77,12 @@ class Asker[Answer]:
 
 
 def closed_error() -> Exception:
-    """What a closed one answers."""
+    """The error of a closed one."""
     return RuntimeError("the credentials are closed")
 
 
 def _tell[Answer](replies: list[Reply[Answer]], answer: Answer | None, error: Exception | None) -> None:
     for reply in replies:
-        # What becomes of one call is not the others' concern.
+        # A reply that fails must not affect the others.
         with contextlib.suppress(Exception):
             reply(answer, error)

@@ -1,4 +1,4 @@
-"""A transport whose requests are made elsewhere while the caller waits: what those of both hubs share."""
+"""A transport whose requests run on another thread: the part common to gevent and eventlet."""
 
 from __future__ import annotations
 
@@ -15,12 +15,12 @@ type _Answer = tuple[int, _Headers, bytes]
 
 
 class OffHub:
-    """Has `run(call, *arguments)` make each request, and gives back what came of it.
+    """Has `run(call, *arguments)` make each request, and returns or raises its result.
 
     Args:
-        inner: What makes the requests.
-        run: Makes the call, on a thread of its choice, and returns what it returns. It never raises.
-        name: What the `repr` begins with.
+        inner: The transport that makes the requests.
+        run: Makes the call, on a thread of its choice, and returns its result. The call never raises.
+        name: The beginning of the `repr`.
     """
 
     __slots__ = ("_inner", "_name", "_run")
@@ -38,7 +38,7 @@ class OffHub:
         try:
             answer, error = self._run(_outcome, self._inner, method, url, headers, body)
         finally:
-            # Who reports errors with the variables of their frames is not to report a signature.
+            # Error reports with the variables of the frames must not show a signature.
             del headers, body
         if error is None:
             return answer
@@ -54,7 +54,7 @@ class OffHub:
 def _outcome(
     inner: HttpTransport, method: str, url: str, headers: _Headers | None, body: str | bytes | None
 ) -> tuple[_Answer | None, BaseException | None]:
-    """Answer or error. What a pool's thread raises is printed, or ends the thread and is never told."""
+    """Response or error, because pools print or lose exceptions of their threads."""
     try:
         return inner(method, url, headers=headers, body=body), None
     except BaseException as error:

@@ -1,4 +1,4 @@
-"""Where tokens come from, how they go into a header, and what an answer of 401 leads to."""
+"""Sources of tokens, the header with a token, and the handling of a response with status 401."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ _FIT = re.compile(r"[!-~]+")
 
 
 class _Hidden(str):
-    """A header's value that reprs do not show: clients put their headers into those of their errors."""
+    """A header's value that no repr shows: errors of clients include their headers in theirs."""
 
     __slots__ = ()
 
@@ -26,8 +26,8 @@ def bearer(token: str) -> str:
     """The value of the header `Authorization` for a token, which its repr hides.
 
     Raises:
-        ValueError: The token has blanks, control characters or characters outside ASCII, or is empty. The
-            message does not quote it.
+        ValueError: The token has spaces, control characters or non-ASCII characters, or is empty. The
+            message does not show it.
     """
     if _FIT.fullmatch(token) is None:
         raise ValueError("the source gave a token that no header can carry") from None
@@ -35,7 +35,7 @@ def bearer(token: str) -> str:
 
 
 class Header:
-    """What `bearer()` gives, and gives again while the token stays the same. For any thread."""
+    """Caches the result of `bearer()` while the token stays the same. Thread-safe."""
 
     __slots__ = ("_latest",)
 
@@ -53,22 +53,22 @@ class Header:
 
 @runtime_checkable
 class RefusalListener(Protocol):
-    """A source that wants to know of tokens which a server has refused."""
+    """A source to which refused tokens are reported."""
 
     def report_refused(self, token: str, /) -> bool:
-        """Take notice, and return once it is settled whether another token comes of it."""
+        """Return whether there is a new token, once that is known."""
         ...
 
 
 def other_token(source: TokenSource, refused: str) -> str | None:
-    """Tell the source that a server has refused a token, and ask for another.
+    """Report to the source that a server has refused a token, and get another.
 
     Args:
-        source: Where the token came from. Without a `report_refused()` it is only asked.
-        refused: The token that was answered with 401.
+        source: The source of the token. If it has no `report_refused()`, nothing is reported.
+        refused: The token to which the server has responded with status 401.
 
     Returns:
-        Another token than the refused one, None where the source has no other.
+        Another token than the refused one, or None if the source has no other.
 
     Raises:
         Whatever the source does.
@@ -80,7 +80,7 @@ def other_token(source: TokenSource, refused: str) -> str | None:
 
 
 async def other_token_of(tokens: AsyncTokens, refused: str) -> str | None:
-    """The same in an event loop, which does not stand still meanwhile."""
+    """The same in an event loop, without blocking it."""
     await tokens.report_refused(refused)
     held = await tokens.get_token()
     return None if held == refused else held

@@ -56,7 +56,7 @@ class WalletMiddleware:
         self._header = Header()
 
     async def __call__(self, request: ClientRequest, handler: ClientHandlerType) -> ClientResponse:
-        # aiohttp comes here for every hop of a redirect.
+        # aiohttp calls this for every hop of a redirect.
         if _origin(request.url) != self._origin:
             return await handler(request)
         token = await self._tokens.get_token()
@@ -70,7 +70,7 @@ class WalletMiddleware:
         except BaseException:
             response.close()
             raise
-        # A body that waited for "100 Continue" was not sent, and would be sent unasked or not at all.
+        # A body that waited for "100 Continue" was not sent; a repeat would send it without that, or not.
         if header is None or EXPECT in request.headers or (request.body and request.body.consumed):
             return response
         response.release()

@@ -57,14 +57,14 @@ def _run(call: Callable[..., Any], *arguments: Any) -> Any:
 
 
 def _is_served() -> bool:
-    """Whether the pool would answer here: it serves the hub that used it first, in that process."""
+    """Whether the pool responds here: it serves the hub that used it first, in that process."""
     hub = getattr(_hubs._threadlocal, "hub", None)
     if hub is None:
         return False
     if not _tpool._setup_already:
         return True
     above = _tpool._coro
-    # A hub that an exception has ended goes on in another greenlet, which becomes a parent of the ended one.
+    # A hub ended by an exception continues in another greenlet, which becomes a parent of the ended one.
     while above is not None and above is not hub.greenlet:
         above = above.parent
     return above is not None and any(thread.is_alive() for thread in _tpool._threads)

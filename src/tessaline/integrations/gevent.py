@@ -52,11 +52,11 @@ def transport(inner: HttpTransport | None = None, *, pool: ThreadPool | None = N
 
     def run(call: Callable[..., Any], *arguments: Any) -> Any:
         hub = get_hub_if_exists()
-        # Without a hub there are no greenlets, and asking for its pool would make one.
+        # Without a hub there are no greenlets, and accessing the pool would create a hub.
         if hub is None:
             return call(*arguments)
         threads = hub.threadpool if pool is None else pool
-        # They are the parent's, and would never answer.
+        # Its threads are in the parent, so it would never respond.
         if threads.size > 0 and threads.pid != os.getpid():
             return call(*arguments)
         return threads.apply(call, arguments)

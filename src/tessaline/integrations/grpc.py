@@ -63,7 +63,7 @@ class WalletCallCredentials(grpc.AuthMetadataPlugin):
         self._latest: str | None = None
         self._glance = glance_for(self._tokens)
         self._closed = False
-        # One thread is enough: when the source makes one caller wait, it makes all wait.
+        # One thread is enough: if the source blocks one caller, it blocks all.
         self._process, self._asker = os.getpid(), Asker(self._ask)
 
     @property
@@ -106,7 +106,7 @@ class WalletCallCredentials(grpc.AuthMetadataPlugin):
 
     def _asker_here(self) -> Asker[_Metadata]:
         if self._process != os.getpid():
-            # The thread and the calls that wait are the parent's, and its lock may be held for ever.
+            # The thread and the waiting calls are the parent's, and the lock may stay locked for ever.
             self._asker, self._process = Asker(self._ask), os.getpid()
         return self._asker
 
@@ -181,7 +181,7 @@ class WalletAioInterceptor(grpc.aio.UnaryUnaryClientInterceptor):
         try:
             code = await call.code()
         except BaseException:
-            # gRPC cancels only what has been handed to it.
+            # gRPC cancels a call only after it is returned.
             call.cancel()
             raise
         sent = self._wallet.latest

@@ -82,7 +82,7 @@ class WalletAuth(httpx.Auth):
         return request
 
     def _is_refusal(self, response: httpx.Response, token: str) -> bool:
-        # After redirects the answer may have come from elsewhere, or to a request without the token.
+        # After redirects the response may be from another origin, or to a request without the token.
         return (
             response.status_code == 401
             and _origin(response.url) == self._origin

@@ -65,7 +65,7 @@ class WalletAuth(AuthBase):
     def _repeat_if_refused(self, response: Response, **how_it_was_sent: Any) -> Response:
         request = response.request
         sent = str(request.headers.get("Authorization", ""))
-        # A redirect to elsewhere has no token any more, or has a password of that place.
+        # A redirect to another origin has no token, or has credentials for that origin.
         if (
             response.status_code != 401
             or not sent.startswith(_SCHEME)
@@ -80,7 +80,7 @@ class WalletAuth(AuthBase):
             raise
         if header is None or not isinstance(request.body, str | bytes | None):
             return response
-        # Read to its end, the first answer gives its connection back. It may have no end.
+        # Reading the whole first response frees its connection, but it may be endless.
         length = str(response.headers.get("Content-Length", ""))
         if length.isdecimal() and len(length) <= _DIGITS_WORTH_READING:
             _ = response.content

@@ -1,4 +1,4 @@
-"""Clocks as a keeper reads them: those that jump, raise or talk nonsense included."""
+"""Clocks as a keeper reads them, including those that jump, raise or return nonsense."""
 
 from __future__ import annotations
 
@@ -8,15 +8,15 @@ from collections.abc import Callable
 from typing import Final
 
 SET_BACK: Final = 60.0
-"""Seconds; less is a correction that no token's age depends on."""
+"""Seconds; a smaller step back is a correction that is ignored."""
 
 
 class Clock:
-    """A manager's clock, which never fails: it may be anything that a program has injected.
+    """A manager's clock, which may be any injected callable; reading it here never fails.
 
     Args:
-        read: Without arguments, to seconds.
-        is_wall_clock: Whether it is the system's, whose own pace is known.
+        read: Called without arguments; returns seconds.
+        is_wall_clock: Whether it is the system's wall clock.
     """
 
     def __init__(self, read: Callable[[], float], is_wall_clock: bool) -> None:
@@ -28,7 +28,7 @@ class Clock:
         self._passed = 0.0
 
     def now(self) -> float:
-        """What it says; what it said last where it raises or says no finite number."""
+        """The current reading; the previous one if it raises or returns no finite number."""
         try:
             now = float(self.read())
             if not math.isfinite(now):
@@ -40,15 +40,15 @@ class Clock:
         return self._now
 
     def take_failure(self) -> Exception | None:
-        """Why it could not be read, if that has happened since this was asked last."""
+        """The error of a failed reading since the last call, if any."""
         failure, self._failure = self._failure, None
         return failure
 
     def jump(self) -> float:
-        """By how much it has been set back since this was asked last, as a negative number, or 0.
+        """By how much it has been set back since the last call, as a negative number, or 0.
 
-        The real time that has passed counts the time asleep in, where the system's clock is concerned. A
-        clock set ahead cannot be told from a machine that stood still: a token may really be that old.
+        For the wall clock, the elapsed real time includes suspensions of the machine. A clock set ahead is
+        indistinguishable from a suspension: a token may really be that old.
         """
         now = self.now()
         passed = time.clock_gettime(time.CLOCK_BOOTTIME) if self.is_wall_clock else 0.0

@@ -1,4 +1,4 @@
-"""Keepers in a process that forks: none is caught in the middle of a step, and all go on in the child."""
+"""Keepers and forks: no fork happens in the middle of a step, and all keepers continue in the child."""
 
 from __future__ import annotations
 
@@ -12,14 +12,14 @@ if TYPE_CHECKING:
     from .scheduler import Scheduler
 
 _watched: weakref.WeakSet[Scheduler] = weakref.WeakSet()
-# By the thread that forks: several may at once.
+# By the forking thread: several may fork at once.
 _held: dict[int, list[Scheduler]] = {}
-# Real seconds that a fork waits for a step to end; a clock that is read in it may be slow.
+# Real seconds that a fork waits for a step to end; the step may read a slow clock.
 _PATIENCE = 1.0
 
 
 def watch(scheduler: Scheduler) -> None:
-    """Have the scheduler survive forks for as long as it lives."""
+    """Make the scheduler continue after forks, as long as it exists."""
     _watched.add(scheduler)
 
 
@@ -40,10 +40,10 @@ def _in_child() -> None:
     held = _held.pop(threading.get_ident(), [])
     _held.clear()
     for scheduler in list(_watched):
-        # What keeps one from going on, such as a lack of threads, keeps no other.
+        # A failure of one, such as a lack of threads, must not affect the others.
         with contextlib.suppress(Exception):
             scheduler.after_fork_in_child(is_lock_held=scheduler in held)
 
 
-# At import: hooks that are registered later, and may wait for threads that ask a keeper, run before.
+# At import, so that hooks registered later run first: they may wait for threads that use a keeper.
 os.register_at_fork(before=_before, after_in_parent=_in_parent, after_in_child=_in_child)

@@ -150,7 +150,7 @@ class Keeper(Serving):
         """
         era = operator.index(new_era_number)
         with self._scheduler.lock:
-            # A number that is none is refused by a closed keeper as well.
+            # An invalid number raises its own error even if the keeper is closed.
             if era > 0 and self._scheduler.is_closed:
                 raise closed_error()
             self._board.announce(era)
@@ -208,7 +208,7 @@ class Keeper(Serving):
             try:
                 wallet.manager.close()
             except BaseException as error:
-                # The other keys are to be wiped as well.
+                # The other keys must be wiped nevertheless.
                 interruption = error
         if interruption is not None:
             raise interruption

@@ -1,4 +1,4 @@
-"""What is known of one wallet: when to log in next, and what the attempts so far have met."""
+"""The state of one wallet: when to log in next, and the outcomes of the attempts so far."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ if TYPE_CHECKING:
 
 
 class _Alarm(enum.IntEnum):
-    """Of what an operator was told for the token that is there."""
+    """The last alarm that was reported for the current token."""
 
     NONE = 0
     RUNNING_OUT = 1
@@ -37,13 +37,13 @@ def _alarm_at(seconds_left: float) -> _Alarm:
 
 
 class Ledger:
-    """One wallet's. Called under the keeper's lock.
+    """The ledger of one wallet. Called under the keeper's lock.
 
     Args:
         address: The wallet.
         clock: The manager's; every time here is a reading of it.
-        copy: What is served.
-        board: The era that is announced.
+        copy: The copy of the token that is served.
+        board: The announced era.
         renew_at: The part of a token's lifetime after which it is renewed.
     """
 
@@ -77,13 +77,13 @@ class Ledger:
         self.is_wanted_soon = False
 
     def plan_now(self) -> None:
-        """Have an attempt made at once; after the one that is under way, if one is."""
+        """Schedule an attempt for now, or directly after the current one."""
         self.is_stopped = False
         self._again = self.in_hand
         self.due = self._clock.now()
 
     def take(self, now: float) -> bool:
-        """Whether the time has come for an attempt, which is the caller's to make then."""
+        """Whether an attempt is due, which the caller must then make."""
         if self.in_hand or self.due is None or now < self.due:
             return False
         self.in_hand = True
@@ -92,11 +92,11 @@ class Ledger:
         return True
 
     def store(self, brought: Credentials, *, was_refused: bool = False) -> list[KeeperEvent]:
-        """Take in what a login has brought.
+        """Store the result of a login.
 
         Args:
             brought: The new token.
-            was_refused: Whether a server has refused the one before.
+            was_refused: Whether a server has refused the previous one.
         """
         now = self._clock.now()
         kind: EventKind = "logged in" if self.last_success is None else "renewed"
@@ -121,11 +121,11 @@ class Ledger:
         return [self._event(kind, logging.INFO, message, lasts=lasts, era=era, failures=failures)]
 
     def fail(self, error: Exception, not_before: float | None) -> list[KeeperEvent]:
-        """Take in what an attempt met, and plan the next one unless none would help.
+        """Record a failed attempt, and schedule the next one after a transient error.
 
         Args:
-            error: What was raised.
-            not_before: When the server wants to hear of the wallet again, or None.
+            error: The error.
+            not_before: The earliest time of a retry that the server allows, or None.
         """
         self.in_hand = False
         self.is_wanted_soon = True
@@ -151,12 +151,12 @@ class Ledger:
         return [self._event("attempt failed", level, message, reason=self._reason)]
 
     def _is_hopeless(self, error: Exception) -> bool:
-        # Where a login has succeeded once, an expired certificate or a maintenance page is a passing thing.
+        # After a successful login, an expired certificate or a maintenance page is a transient error.
         of_the_wallet = isinstance(error, AuthError | RegistrationError)
         return is_final(error) and (of_the_wallet or self.last_success is None)
 
     def running_out(self, now: float) -> list[KeeperEvent]:
-        """Events for less than an hour left and for nothing left, where renewing fails or hangs."""
+        """Events if renewals fail or hang and less than an hour, or nothing, is left."""
         if self.failures == 0 and not (self.in_hand and now - self._taken_at > schedule.HANGING):
             return []
         left = self.seconds_left()
@@ -175,7 +175,7 @@ class Ledger:
         return isinstance(self._error, NetworkError | OSError) and not self.is_stopped and not self.in_hand
 
     def failure(self) -> Exception:
-        """Why no token is good."""
+        """Why there is no valid token."""
         if self._error is not None:
             return twin_of(self._error).with_traceback(self._traceback)
         if self.last_success is None:
@@ -184,7 +184,7 @@ class Ledger:
         return AuthError(reason=ERA_CHANGE_PENDING if is_old else TOKEN_EXPIRED)
 
     def shift(self, seconds: float) -> None:
-        """Keep the age of everything when the clock has been set."""
+        """Adjust all times after the clock was set."""
         self._copy.shift(seconds)
         for name in ("due", "last_success", "_last_failure", "_taken_at"):
             at: float | None = getattr(self, name)
@@ -192,7 +192,7 @@ class Ledger:
                 setattr(self, name, at + seconds)
 
     def forget_what_ran(self) -> None:
-        """In a forked child: no attempt is under way here, and this process renews at a moment of its own."""
+        """In a forked child: no attempt is running, and this process gets its own renewal time."""
         if self.in_hand:
             self.in_hand = False
             self.due = self._clock.now()
@@ -208,15 +208,15 @@ class Ledger:
         return expiry - lifetime + schedule.renewal_delay(lifetime, self._renew_at)
 
     def is_young(self, expiry: float) -> bool:
-        """Whether a token that expires then need not be renewed yet."""
+        """Whether a token with that expiry is not due for renewal yet."""
         return self._renewal_of(expiry) > self._clock.now()
 
     def seconds_left(self) -> float:
-        """For how long the token that is there may still be served; 0.0 for none."""
+        """For how long the current token may still be served; 0.0 without one."""
         try:
             token = self._copy.get()
         except Exception:
-            # The clock's; it will be told of.
+            # From the clock, which reports it separately.
             token = None
         return 0.0 if token is None else max(0.0, self._copy.expiry - self._clock.now())
 
@@ -225,7 +225,7 @@ class Ledger:
         return f"its token lasts another {duration(left)}" if left > 0 else "it has no token to serve"
 
     def status(self, state_of_keeper: WalletState | None) -> WalletStatus:
-        """How the wallet stands; never raises, whatever the clock does.
+        """The wallet's status; never raises, whatever the clock does.
 
         Args:
             state_of_keeper: "closed" or "not started", or None.

@@ -1,4 +1,4 @@
-"""The transport that a keeper puts around its manager's, so that no manager sleeps for long."""
+"""The transport with which a keeper wraps its manager's, so that no manager sleeps for long."""
 
 from __future__ import annotations
 
@@ -11,17 +11,17 @@ if TYPE_CHECKING:
     from tessaline.auth import HttpTransport
 
 SHORT_WAIT: Final = 5
-"""Seconds that a manager may wait by itself, in the midst of a login."""
+"""Seconds that a manager may wait by itself during a login."""
 
 _LOGIN = ("/auth/register", "/auth/challenge", "/auth/verify")
 
 
 class Patience:
-    """Tells the manager nothing of a long `Retry-After`, and sends nothing until that time has passed.
+    """Hides a long `Retry-After` from the manager, and sends nothing until that time.
 
-    A manager sleeps for as long as the server asks, up to a day, in the midst of a login, and the keeper
-    could log no other wallet in meanwhile. Here such a login ends at once and the keeper plans the next
-    attempt for `not_before`, five minutes ahead at most.
+    During a login a manager sleeps as long as the server asks, up to a day, and would block one of the
+    keeper's threads. Here such a login ends at once, and the keeper schedules the next attempt for
+    `not_before`, at most five minutes later.
 
     Args:
         transport: The manager's own.
@@ -49,7 +49,7 @@ class Patience:
         try:
             status, fields, content = self.transport(method, url, headers=headers, body=body)
         finally:
-            # Who reports errors with the variables of their frames is not to report a signature.
+            # Error reports with the variables of the frames must not show a signature.
             del headers, body
         asked = _seconds_asked(fields) if status == 429 else 0
         if asked <= SHORT_WAIT:
@@ -60,12 +60,12 @@ class Patience:
 
     def _is_early(self) -> bool:
         now, end = self._clock(), self.not_before
-        # A clock that was set back must not make it a longer wait than it was.
+        # A clock that was set back must not lengthen the wait.
         return end is not None and end - LONGEST_BACK_OFF <= now < end
 
 
 def _seconds_asked(fields: Mapping[str, str]) -> float:
-    """What the manager would wait for; 0 where it finds no number."""
+    """How long the manager would wait; 0 if it finds no number."""
     try:
         return int(fields.get("Retry-After", fields.get("retry-after", "")))
     except (TypeError, ValueError):

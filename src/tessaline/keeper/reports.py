@@ -1,4 +1,4 @@
-"""What happens to a wallet, told to the log and to the program."""
+"""Reports a wallet's events to the log and to the program."""
 
 from __future__ import annotations
 
@@ -17,15 +17,15 @@ logger: Final = logging.getLogger("tessaline.keeper")
 
 _LONGEST: Final = 500
 
-# The record has these of its own.
+# Log records have the other two themselves.
 _FIELDS: Final = [field.name for field in fields(KeeperEvent) if field.name not in ("level", "message")]
 
 
 class Reports:
-    """Where events go. Called without any lock, on the thread that made them happen.
+    """Logs events and passes them to the program. Called without any lock, on the thread that caused them.
 
     Args:
-        on_event: The program's own; None for none.
+        on_event: The program's callback, or None.
     """
 
     def __init__(self, on_event: Callable[[KeeperEvent], object] | None) -> None:
@@ -34,7 +34,7 @@ class Reports:
 
     def send(self, events: Iterable[KeeperEvent]) -> None:
         for event in events:
-            # A filter or handler that raises is the program's to find; the keeper goes on.
+            # A filter or handler of the program that raises must not stop the keeper.
             with contextlib.suppress(Exception):
                 _log(event)
             self._tell(event)
@@ -71,31 +71,31 @@ def _log(event: KeeperEvent) -> None:
 
 
 def with_note(error: Exception, note: str) -> Exception:
-    """The error, which tells what may help; once, however often it is raised."""
+    """Add the note to the error, unless it has it, and return the error."""
     if note not in getattr(error, "__notes__", ()):
         error.add_note(note)
     return error
 
 
 def closed_error() -> Exception:
-    """What whoever uses a closed keeper gets."""
+    """The error of every use of a closed keeper."""
     return with_note(AuthError(reason=MANAGER_CLOSED), "the keeper is closed: make a new one")
 
 
 def words_of(error: BaseException) -> str:
-    """What an error says: an `AuthError` its reason. A server's words may be in it, and many."""
+    """The message of an error, of an `AuthError` the reason; limited, as it may quote a server."""
     return _plain(lambda: str(error)) or type(error).__name__
 
 
 def detail_of(error: BaseException) -> str:
-    """The same with its kind, and what its notes tell of the cause, for the log."""
+    """The same with its type and notes, for the log."""
     words = f"{type(error).__name__}: {words_of(error)}"
     notes = _plain(lambda: "; ".join(map(str, getattr(error, "__notes__", ()))))
     return f"{words} ({notes})"[:_LONGEST] if notes else words
 
 
 def _plain(text_of: Callable[[], str]) -> str:
-    """What an error has to say on one line, and bounded; nothing where asking it raises."""
+    """A text on one line, with a limited length; empty if making it raises."""
     try:
         text = text_of()
     except Exception:

@@ -1,4 +1,4 @@
-"""The keeper's threads: one that knows when each wallet is due, and as many that log in as are busy."""
+"""The keeper's threads: one that schedules, and as many that log in as are needed."""
 
 from __future__ import annotations
 
@@ -30,11 +30,11 @@ _PAUSE_AFTER_FAILURE = 1.0
 
 
 class Scheduler:
-    """Plans the logins of a keeper's wallets and has them made, `at_once` at most at a time, in the order in
-    which they are due.
+    """Schedules the logins of a keeper's wallets, at most `at_once` at a time, in the order in which they
+    are due.
 
-    `lock` guards everything of the keeper's. It is held for moments: never across a login, a wait or what a
-    program does with an event. It may be taken again by its owner, as a signal handler or a finalizer does.
+    `lock` guards all state of the keeper. It is held briefly: never across a login, a wait or the program's
+    `on_event`. It is reentrant, because a signal handler or a finalizer may take it on the owner's thread.
     """
 
     def __init__(self, board: EraBoard, at_once: int, reports: Reports, *, is_shared: bool) -> None:
@@ -55,13 +55,13 @@ class Scheduler:
         self._workers: set[threading.Thread] = set()
         forks.watch(self)
 
-    # Under the lock, or before anybody else knows of it.
+    # Under the lock, or before another thread can access it.
 
     def add(self, wallet: Wallet) -> None:
         self._wallets.setdefault(wallet.clock, []).append(wallet)
 
     def start(self) -> None:
-        """Begin to look after the wallets, or look at once.
+        """Start the scheduling thread, or wake it.
 
         Raises:
             RuntimeError: The thread could not be started.
@@ -75,7 +75,7 @@ class Scheduler:
         self._thread.start()
 
     def wake(self) -> None:
-        """Have the wallets looked at now; by a new thread where one could not be started before."""
+        """Wake the scheduling thread; start it if that has failed before."""
         self._is_woken = True
         self._woken.notify_all()
         if self._is_started and not self.is_closed and (self._thread is None or not self._thread.is_alive()):
@@ -83,18 +83,18 @@ class Scheduler:
                 self.start()
 
     def look_at_board(self) -> None:
-        """Have every wallet meet an era that was announced, here or in another process."""
+        """Require an era that was announced, here or in another process, of every wallet."""
         era = self.board.era
         if era <= self._era_seen:
             return
         for wallet in self._all():
             wallet.require_era(era)
-        # Not before: who is interrupted above leaves the rest to the next look.
+        # Last: after an interruption above, the next call does the rest.
         self._era_seen = era
         self.wake()
 
     def look_at_clock(self, clock: Clock) -> None:
-        """Keep the age of everything that is counted by a clock which was set back."""
+        """Adjust all times of a clock that was set back."""
         jump = clock.jump()
         if jump:
             for wallet in self._wallets[clock]:
@@ -108,7 +108,7 @@ class Scheduler:
         return itertools.chain.from_iterable(self._wallets.values())
 
     def close(self) -> None:
-        """Let everybody go; what is under way ends by itself."""
+        """Wake all waiting threads; running logins end by themselves."""
         self.is_closed = True
         self._ready.clear()
         for wallet in self._all():
@@ -118,7 +118,7 @@ class Scheduler:
     # Without the lock.
 
     def join(self) -> None:
-        """Wait for the threads to end, a second at most."""
+        """Wait at most a second for the threads to end."""
         with self.lock:
             threads = [self._thread, *self._workers]
         for thread in threads:
@@ -130,7 +130,7 @@ class Scheduler:
             try:
                 return self._look()
             except BaseException as error:
-                # Whatever it is: wallets that nobody looks after would be worse.
+                # Whatever it is: without this thread, no wallet would be renewed.
                 self._reports.step_failed(error)
                 time.sleep(_PAUSE_AFTER_FAILURE)
 
@@ -152,7 +152,7 @@ class Scheduler:
                 self._woken.wait_for(lambda: self._is_woken, wait)
 
     def _look_at_wallets(self, events: list[KeeperEvent]) -> float:
-        """Line up the wallets that are due; return after how many real seconds to look again."""
+        """Queue the wallets that are due; return the real seconds until the next check."""
         wait = _LOOK_AT_SHARED_BOARD if self._is_shared else _LOOK
         for clock, wallets in self._wallets.items():
             self.look_at_clock(clock)
@@ -206,7 +206,7 @@ class Scheduler:
                     self.wake()
 
     def _bring_forward(self, recovered: Wallet) -> None:
-        """An outage is over: what else has failed with that server need not wait any longer."""
+        """An outage is over: end the back-off of all wallets at that server."""
         now = recovered.clock.now()
         if abs(now - self._recovered_at) < RECOVERIES_APART:
             return
@@ -220,15 +220,15 @@ class Scheduler:
     # Forks.
 
     def after_fork_in_parent(self) -> None:
-        """Look at the board more often: there is a process now that may write on it."""
+        """Poll the board more often: the child may announce an era on it."""
         self._is_shared = True
         self.wake()
 
     def after_fork_in_child(self, *, is_lock_held: bool) -> None:
-        """Go on in a process that has none of the parent's threads.
+        """Continue without the parent's threads.
 
         Args:
-            is_lock_held: Whether this thread holds the lock; else a thread does that is not there.
+            is_lock_held: Whether this thread holds the lock; otherwise a thread of the parent may hold it.
         """
         if not is_lock_held:
             self.lock = threading.RLock()

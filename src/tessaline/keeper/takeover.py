@@ -1,12 +1,11 @@
-"""What a keeper uses of a manager beyond its public methods, all of it.
+"""Everything that a keeper uses of a manager beyond its public methods.
 
-Token and expiry are wanted as they belong together, without the waits of `get_token()`. The renewal is the
-keeper's: the managers of a fleet would otherwise all log in by themselves, on a thread each, whenever a
-clock jumps or a machine wakes up.
+It reads a token together with its expiry, without the waits of `get_token()`. And it disables the managers'
+own renewal: otherwise all managers of a fleet would log in at once, each on its own thread, whenever a
+clock jumps or a machine resumes from suspension.
 """
 
 # pyright: reportPrivateUsage=false
-# What it is here for.
 
 from __future__ import annotations
 
@@ -22,14 +21,14 @@ from tessaline.errors import ERA_MISMATCH, NOT_AUTHENTICATED
 
 from .patience import Patience
 
-# Real seconds; three requests of three attempts, half a minute each, and their pauses.
+# Real seconds: three requests with three tries each of half a minute, and the back-off between them.
 _LONGEST_LOGIN: Final = 300.0
 _LOOK: Final = 0.05
 
 
 @dataclass(frozen=True, slots=True)
 class Credentials:
-    """What a login has brought."""
+    """The result of a login."""
 
     token: str = field(repr=False)
     expiry: float
@@ -37,9 +36,9 @@ class Credentials:
 
 
 def take_over(manager: AuthManager) -> Patience:
-    """Leave the manager no renewal of its own, and put the keeper's transport around its transport.
+    """Disable the manager's own renewal, and wrap its transport in the keeper's.
 
-    May be interrupted anywhere by what a signal handler raises, and done again.
+    Can be repeated after an interruption by a signal handler.
     """
     vars(manager)["_start_refresh"] = _renewed_by_the_keeper
     set_event(manager._refresh_stop)
@@ -64,7 +63,7 @@ def has_wall_clock(manager: AuthManager) -> bool:
 
 
 def token_lifetime() -> float:
-    """For how long a manager takes a token to be good, in seconds from its storage."""
+    """The lifetime of a token in a manager, in seconds from its storage."""
     return auth._TOKEN_LIFETIME
 
 
@@ -73,11 +72,11 @@ def server_of(manager: AuthManager) -> str:
 
 
 def credentials_of(manager: AuthManager) -> Credentials | None:
-    """What the manager holds, good or not; None for nothing. Takes no lock and waits for nothing.
+    """The manager's token, valid or not, or None. Takes no lock and never blocks.
 
-    A signal handler that closes the manager would wait for a lock that is held here. Of a login that is being
-    stored meanwhile this gives either all or what was there before: the token is stored first, and one that
-    lasts longer than told does no harm.
+    A signal handler that closes the manager would wait for a lock that is held here. If a login is stored
+    meanwhile, the result is the old or the new one: the token is stored first, and a token that is valid for
+    longer than its expiry says does no harm.
     """
     expiry = manager._token_expiry
     token = manager._token
@@ -94,11 +93,11 @@ def _era_of(token: str) -> int:
 
 
 def log_in(manager: AuthManager, era: int) -> Credentials:
-    """Log in and return what it brought.
+    """Log in and return the result.
 
     Args:
-        manager: One that `take_over` has had.
-        era: The lowest that will do; 0 for any.
+        manager: A manager after `take_over`.
+        era: The lowest accepted era; 0 for any.
 
     Raises:
         AuthError: "era_mismatch" for a token of an older era, "manager_closed"; and as `authenticate()` does.
@@ -116,12 +115,12 @@ def log_in(manager: AuthManager, era: int) -> Credentials:
 
 
 def _await_login(manager: AuthManager) -> None:
-    """Wait for the login that an announcement has begun."""
+    """Wait for the login that an announcement has started."""
     try:
         manager.get_token()
         return
     except RuntimeError:
-        # Green threads share the thread by which a manager knows who logs in.
+        # The manager sees all green threads as the one that logs in.
         pass
     deadline = time.monotonic() + _LONGEST_LOGIN
     while (event := manager._auth_event) is not None and not event.is_set() and time.monotonic() < deadline:
@@ -131,10 +130,10 @@ def _await_login(manager: AuthManager) -> None:
 
 
 def _tell(manager: AuthManager, era: int) -> bool:
-    """Announce the era to a manager that does not know of it; return whether that makes it log in."""
+    """Announce the era to a manager that does not know it; return whether that starts a login."""
     known = manager._pending_era_number
     if era <= (known or 0):
-        # A login has failed to bring it. Another one tells by its error what the matter is.
+        # The login for it has failed. Another one raises the reason.
         return False
     held = credentials_of(manager)
     if held is not None and held.era >= era:

@@ -26,7 +26,7 @@ if TYPE_CHECKING:
 
 # Real seconds.
 REPORT_TIMEOUT = 10.0
-# A signal handler may close the keeper between a look and the wait that follows, on the same thread.
+# A signal handler on this thread may close the keeper between the check and the wait, so waits are short.
 LONGEST_WAIT = 1.0
 
 
@@ -88,7 +88,7 @@ class Wallet(Serving):
             if self.holds(token) and self._may_log_in_for_a_refusal():
                 self._refused_at = self.clock.now()
                 self._must_log_in = True
-                # A login that is under way will do.
+                # A running login is enough.
                 if not self.ledger.in_hand:
                     self.ledger.plan_now()
                 self._scheduler.wake()
@@ -112,14 +112,14 @@ class Wallet(Serving):
         return self._refused_at is None or abs(self.clock.now() - self._refused_at) >= REFUSALS_APART
 
     def _wait_for_token(self, timeout: float | None) -> str:
-        """What `get_token()` does without a valid copy."""
+        """`get_token()` without a valid copy."""
         if timeout is not None and math.isnan(timeout):
             raise ValueError("timeout must be a number of seconds, or None")
         if self._scheduler.is_on_own_thread():
-            # It would wait for itself.
+            # It would deadlock.
             timeout = 0.0
         with self._scheduler.lock:
-            # The machine may have slept, or another process announced an era.
+            # The machine may have been suspended, or another process has announced an era.
             self._scheduler.wake()
             outcome = self._wait_until(lambda: self._served.get() or self._is_hopeless(), timeout)
             if isinstance(outcome, str):
@@ -137,7 +137,7 @@ class Wallet(Serving):
         return self.ledger.failure()
 
     def _wait_until[Outcome](self, look: Callable[[], Outcome], timeout: float | None) -> Outcome:
-        """What the look gives, once that is something, the keeper is closed or the time is over."""
+        """Wait until `look` returns something, the keeper closes or the time is over; return the result."""
         deadline = math.inf if timeout is None else time.monotonic() + timeout
         while not ((outcome := look()) or self._scheduler.is_closed):
             left = deadline - time.monotonic()
@@ -146,7 +146,7 @@ class Wallet(Serving):
             self._changed.wait(min(left, LONGEST_WAIT))
         return outcome
 
-    # What follows is the keeper's. Under the scheduler's lock, except `attempt`.
+    # For the keeper. Under the scheduler's lock, except `attempt`.
 
     def begin(self) -> list[KeeperEvent]:
         """Take over the manager, with its token if it has one; or retry a stopped wallet."""
@@ -162,7 +162,7 @@ class Wallet(Serving):
             told = self.ledger.store(held)
         else:
             self.ledger.plan_now()
-        # Last: who is interrupted above begins again.
+        # Last: after an interruption above, the next call starts again.
         self._patience = patience
         return told
 
@@ -177,7 +177,7 @@ class Wallet(Serving):
         return self.ledger.is_stopped or (self._served.get() is not None and not self._is_resuming)
 
     def shift(self, seconds: float) -> None:
-        """Keep the age of everything after the clock was set."""
+        """Adjust all times after the clock was set."""
         self.ledger.shift(seconds)
         if self._refused_at is not None:
             self._refused_at += seconds
@@ -209,7 +209,7 @@ class Wallet(Serving):
     def _settle_success(self, brought: Credentials) -> list[KeeperEvent]:
         if self._scheduler.is_closed:
             return []
-        # A clock that was set back during the login is noticed before what is counted by it is stored.
+        # Before storing times: the clock may have been set back during the login.
         self._scheduler.look_at_clock(self.clock)
         told = self.ledger.store(brought, was_refused=self._must_log_in)
         self._must_log_in = False
@@ -251,7 +251,7 @@ class Wallet(Serving):
         self.notify()
 
     def forget_what_ran(self, *, is_lock_new: bool) -> None:
-        """In a forked child, which has neither the threads that log in nor those that wait."""
+        """In a forked child: neither the threads that log in nor those that wait exist there."""
         if is_lock_new:
             self._changed = threading.Condition(self._scheduler.lock)
         self._is_reporting = False

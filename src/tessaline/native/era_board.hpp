@@ -6,13 +6,13 @@
 
 namespace tessaline::native {
 
-/// The highest era that was announced, in a page that a process shares with the children it forks.
+/// The highest era announced, in a page shared by a process and the children that it forks.
 struct EraBoard {
   PyObject_HEAD void* page;  ///< null until the object is initialised
 
   std::int64_t era() const noexcept;
 
-  /// Never lowers what stands there, whichever process is first.
+  /// Never lowers the value, whichever process is first.
   void announce(std::int64_t era) noexcept;
 };
 

@@ -16,7 +16,7 @@ namespace python = auth::python;
 
 constinit const python::Name kAuth{"tessaline.auth"};
 
-// Whether libcurl, OpenSSL and libsecp256k1 are linked in.
+// Whether libcurl, OpenSSL and libsecp256k1 are statically linked.
 #ifdef TESSALINE_BUNDLED
 constexpr bool kBundled = true;
 #else
@@ -62,7 +62,7 @@ PyMethodDef functions[] = {
 
 bool executed = false;
 
-/// Leaves no name of an interpreter in which the module could not be executed: the next one may be another's.
+/// Forgets all interned names if the initialisation fails: the next one may be in another interpreter.
 class Execution {
  public:
   Execution() = default;
@@ -76,8 +76,7 @@ class Execution {
 int execute(PyObject* module) {
   return python::status_boundary([module] {
     const Execution here;
-    // Its import refuses a second interpreter, whose types these would be as well; and names
-    // are looked up there.
+    // Importing that module refuses a second interpreter, for these types too; globals are looked up there.
     python::keep_module(python::import(kAuth).get());
     python::know_own_events();
     auth::watch_forks_for_http();
@@ -112,7 +111,7 @@ PyModuleDef definition = {
 }  // namespace
 }  // namespace tessaline::native
 
-// The interpreter makes this name of the module's.
+// The interpreter derives this name from the module's.
 PyMODINIT_FUNC PyInit__native() {  // NOLINT(bugprone-reserved-identifier,readability-identifier-naming)
   return PyModuleDef_Init(&tessaline::native::definition);
 }

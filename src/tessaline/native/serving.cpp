@@ -53,7 +53,7 @@ int set_copy(PyObject* self, PyObject* value, void*) {
     if (value == nullptr || !Py_IS_TYPE(value, token_copy_type)) {
       python::raise(PyExc_TypeError, "the copy must be a TokenCopy");
     }
-    // Once for all: a thread may be reading it.
+    // Set only once: another thread may be reading it.
     if (serving_of(self).copy != nullptr) python::raise(PyExc_AttributeError, "the copy cannot be replaced");
     serving_of(self).copy = Py_NewRef(value);
   });

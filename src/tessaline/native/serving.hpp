@@ -6,11 +6,12 @@
 
 namespace tessaline::native {
 
-/// `Serving`, the base of what hands out tokens: `get_token` is native, what must wait is the subclass's.
+/// `Serving`, the base class of what returns tokens: `get_token` is native, whatever has to wait is in the
+/// subclass.
 void add_serving_type(PyObject* module);
 
-/// Gives a subclass a `get_token` of its own: the interpreter takes the short way to a native method only
-/// where it is that of the very type. Returns the class.
+/// Gives a subclass its own `get_token`: the interpreter optimises the call of a native method only on the
+/// very type that defines it. Returns the class.
 auth::python::Ref with_own_get_token(PyObject* subclass);
 
 }  // namespace tessaline::native

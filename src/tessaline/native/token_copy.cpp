@@ -142,7 +142,7 @@ Ref TokenCopy::good_token() const {
   const Ref kept = Ref::borrow(token);
   const Ref now = python::call(clock);
   const double instant = python::double_value(now.get());
-  // The clock may be Python code, during which anything may have changed; this is one look.
+  // The clock may be Python code, which may change anything; from here on nothing calls Python.
   if (token != kept.get() || !(instant < expiry) || !is_of_the_era()) return {};
   return Ref::borrow(kept.get());
 }

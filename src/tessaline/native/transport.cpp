@@ -21,21 +21,21 @@ using auth::python::Ref;
 namespace http = auth::http;
 namespace python = auth::python;
 
-/// Never changes once the object is there: any number of threads read it.
+/// Immutable once the object is constructed: any number of threads read it.
 struct Settings {
   std::chrono::duration<double> timeout{};
-  std::optional<http::TrustStore> trust;       ///< none: what Python trusts
-  std::optional<http::ProxySettings> proxies;  ///< none: those of the environment
+  std::optional<http::TrustStore> trust;       ///< empty: Python's default
+  std::optional<http::ProxySettings> proxies;  ///< empty: those in the environment
   std::string user_agent;                      ///< empty: the package's
-  std::string shown;                           ///< by `repr`; without secrets
+  std::string shown;                           ///< for `repr`; without secrets
 };
 
 struct Transport {
   PyObject_HEAD vectorcallfunc called;
   Settings* settings;
   PyObject* on_exchange;  ///< called with path, status and seconds of each exchange, or null
-  PyObject* on_mistake;   ///< called without arguments while what `on_exchange` raised is being handled
-  PyObject* amend;        ///< called with an answer that asks to wait, for what is to be returned, or null
+  PyObject* on_mistake;   ///< called without arguments while an exception of `on_exchange` is being handled
+  PyObject* amend;        ///< called with a response that asks to wait; returns its replacement; or null
 };
 
 Transport& transport_of(PyObject* self) {
@@ -55,7 +55,7 @@ http::Request request_with(const Settings& settings, const python::Bound& given)
   return request;
 }
 
-/// The path of an absolute URL, without what may follow it.
+/// The path of an absolute URL, without query and fragment.
 std::string_view path_of(std::string_view url) {
   const auto scheme = url.find("://");
   url = url.substr(0, url.find_first_of("?#"));
@@ -63,7 +63,7 @@ std::string_view path_of(std::string_view url) {
   return start == std::string_view::npos ? "/" : url.substr(start);
 }
 
-/// What goes wrong in there stays there, unless it is meant to end the program.
+/// An exception in there is reported, not raised, unless it ends the program.
 void tell(const Transport& transport, const http::Request& request, PyObject* answer, double seconds) {
   std::optional<python::Error> failure = python::caught([&] {
     const Ref path = python::text(path_of(request.url));
@@ -73,7 +73,7 @@ void tell(const Transport& transport, const http::Request& request, PyObject* an
   if (!failure) return;
   if (!failure->matches(PyExc_Exception)) throw std::move(*failure);
   const python::Handling handling(*failure);
-  // It logs, and a program's own handlers and filters may raise in turn.
+  // It logs, and a program's own handlers and filters may raise too.
   std::optional<python::Error> mistake = python::caught([&] { python::call(transport.on_mistake); });
   if (mistake && !mistake->matches(PyExc_Exception)) throw std::move(*mistake);
 }

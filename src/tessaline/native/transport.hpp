@@ -4,7 +4,7 @@
 
 namespace tessaline::native {
 
-/// `Transport`, a callable that makes exchanges with settings of its own, through the connections that all
+/// `Transport`, a callable that makes exchanges with its own settings, over the connections that all
 /// transports of the process share.
 void add_transport_type(PyObject* module);
 

@@ -70,7 +70,7 @@ class FakeService:
             case "/auth/register":
                 return 200, {}
             case "/auth/challenge":
-                # The challenge is called after its wallet, so that many may log in at once.
+                # The challenge is named after its wallet, so that several can log in at once.
                 return 200, {"challenge_id": asked["wallet_address"], "message": "Log in"}
             case "/auth/verify":
                 self.logins += 1

@@ -1,1 +1,1 @@
-"""Scripted counterparts for the component: a server, clocks, threads with deadlines, tokens, fake time."""
+"""Scripted counterparts of the component: a server, clocks, threads with deadlines, tokens, fake time."""

@@ -1,4 +1,4 @@
-"""Scripted time: readings, sleeps and waits that go as a test lists them."""
+"""Scripted time: readings, sleeps and waits as a test lists them."""
 
 from __future__ import annotations
 
@@ -9,7 +9,7 @@ from typing import Any
 
 
 class ScriptedClock:
-    """A clock that gives back the listed readings in turn, then stays at the last one."""
+    """A clock that returns the listed readings in turn, then repeats the last one."""
 
     def __init__(self, *readings: Any) -> None:
         self._readings = list(readings)
@@ -25,7 +25,7 @@ class ScriptedClock:
 
 
 class FakeTime:
-    """Stands in for the `time` module: a sleep moves its monotonic time by `step` (else as asked)."""
+    """Replaces the `time` module: a sleep advances monotonic time by `step` (default: by its duration)."""
 
     def __init__(self, step: float | None = None, on_sleep: Callable[[int], None] | None = None) -> None:
         self.step = step

@@ -1,4 +1,4 @@
-"""Managers with known keys, and what their fields hold at one moment."""
+"""Managers with known keys, and snapshots of their fields."""
 
 from __future__ import annotations
 
@@ -61,7 +61,7 @@ def build(server: Any = None, clock: Any = None, *, cls: Any = None, key: str = 
 
 
 def snapshot(manager: Any) -> dict[str, Any]:
-    """Every field and whether each event is set; equal snapshots mean that nothing was changed."""
+    """Every field and whether each event is set; equal snapshots mean that nothing has changed."""
     state = {name: getattr(manager, name) for name in PLAIN_FIELDS}
     for name in (*EVENT_FIELDS, "_auth_event"):
         event = state[name]
@@ -70,7 +70,7 @@ def snapshot(manager: Any) -> dict[str, Any]:
 
 
 def changes(before: dict[str, Any], after: dict[str, Any]) -> set[str]:
-    """Names of what differs between two snapshots (objects by identity where equality is not enough)."""
+    """The names of the differences between two snapshots (objects by identity if equality is not enough)."""
     return {
         name for name in before if before[name] is not after[name] and not _same(before[name], after[name])
     }
@@ -86,7 +86,7 @@ def _same_method(one: Any, other: Any) -> bool:
 
 
 def refresh_threads(manager: Any) -> list[threading.Thread]:
-    """Live threads that are not the test's own: with one manager, its background threads."""
+    """Live threads other than the test's own: with one manager, its background threads."""
     known = set(_baseline)
     return [
         thread

@@ -1,4 +1,4 @@
-"""A server in memory: an HttpTransport that plays register, challenge, verify and the profile endpoint."""
+"""A server in memory: an HttpTransport with register, challenge, verify and the profile endpoint."""
 
 from __future__ import annotations
 
@@ -27,7 +27,7 @@ DISPLAY_NAME = "/api/profile/display_name"
 
 @dataclass
 class Answer:
-    """What the server gives back; `body` is JSON unless it is bytes already."""
+    """A response of the server; `body` is JSON unless it is bytes."""
 
     status: int = 200
     body: Any = b""
@@ -59,7 +59,7 @@ class Call:
 
 
 class Gate:
-    """Holds requests at one endpoint until the test lets them go on."""
+    """Holds requests to one endpoint until the test releases them."""
 
     def __init__(self) -> None:
         self.entered = threading.Event()
@@ -82,7 +82,7 @@ Step = Answer | BaseException | Callable[[Call], Any]
 
 
 class FakeServer:
-    """Scripted answers per path first; where the script has run out, a well-behaved server."""
+    """Scripted responses per path first; after these, those of a well-behaved server."""
 
     def __init__(self, *, recover: bool = False) -> None:
         self.recover = recover
@@ -104,18 +104,18 @@ class FakeServer:
     # Scripting
 
     def script(self, path: str, *steps: Step) -> None:
-        """Queue answers for the next requests to `path`."""
+        """Queue responses for the next requests to `path`."""
         self._script[path].extend(steps)
 
     def always(self, path: str, step: Step | None) -> None:
-        """Answer every request to `path` this way (None: behave well again)."""
+        """Give this response to every request to `path` (None: behave well again)."""
         if step is None:
             self._always.pop(path, None)
         else:
             self._always[path] = step
 
     def hold(self, path: str) -> Gate:
-        """Stop requests to `path` at a gate from now on."""
+        """Hold requests to `path` at a gate from now on."""
         gate = self._gates[path] = Gate()
         return gate
 
@@ -198,7 +198,7 @@ class FakeServer:
         return Answer(200, self.verified(address))
 
     def verified(self, address: str, **changes: Any) -> dict[str, Any]:
-        """The body of a good answer to verify; every one carries a token of its own."""
+        """The body of a successful response of verify; each has a new token."""
         with self._lock:
             number = len(self.tokens) + 1
             token = issued(self.subject or address, self.era, jti=f"token-{number}")

@@ -1,4 +1,4 @@
-"""Tokens made by hand, so that every malformed variant can be made as well."""
+"""Hand-made tokens, including every malformed variant."""
 
 from __future__ import annotations
 

@@ -1,1 +1,1 @@
-"""A service in memory, clocks that a test moves, threads that end, and managers over them."""
+"""A service in memory, clocks that a test advances, threads that end, and managers using them."""

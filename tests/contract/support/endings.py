@@ -1,4 +1,4 @@
-"""Fixtures of every test here and of the keeper's: nothing is left behind, nothing raised to nobody."""
+"""Fixtures of every test here and of the keeper's: nothing is left behind, no background thread raises."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ from .threads import ThreadCensus
 
 @pytest.fixture(autouse=True)
 def census() -> Iterator[ThreadCensus]:
-    """The threads that a test brings into being; none may be left."""
+    """The threads that a test starts; none may be left."""
     taken = ThreadCensus()
     yield taken
     taken.settle(0, "threads left behind", timeout=5.0)
@@ -22,7 +22,7 @@ def census() -> Iterator[ThreadCensus]:
 
 @pytest.fixture(autouse=True)
 def nothing_escapes(census: ThreadCensus, monkeypatch: pytest.MonkeyPatch) -> Iterator[None]:
-    """Background threads raise to nobody, and nothing is written off as unraisable."""
+    """Background threads raise nothing, and no exception is reported as unraisable."""
     escaped: list[Any] = []
     monkeypatch.setattr(threading, "excepthook", lambda seen: escaped.append(seen.exc_value))
     monkeypatch.setattr(sys, "unraisablehook", lambda seen: escaped.append(seen.exc_value))

@@ -10,7 +10,7 @@ from hypothesis.stateful import run_state_machine_as_test
 
 
 def play(machine: Any, histories: int, steps: int, worth_seeing: Iterable[str]) -> None:
-    """Each of those things must have been seen a few times: `machine.seen` counts them."""
+    """Each of those things must have occurred a few times: `machine.seen` counts them."""
     machine.seen.clear()
     run_state_machine_as_test(
         machine,

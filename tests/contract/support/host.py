@@ -1,4 +1,4 @@
-"""Stand-ins for the host's modules: a `time` that does not sleep, a `threading` that does not start."""
+"""Replacements of modules: a `time` that does not sleep, a `threading` that does not start threads."""
 
 from __future__ import annotations
 
@@ -35,7 +35,7 @@ class ShortSleeps:
 
 
 def unstartable_threads(*refused: Callable[..., Any], error: BaseException | None = None) -> StandIn:
-    """A `threading` whose threads with one of these bodies cannot be started (none given: no thread can)."""
+    """A `threading` whose threads with one of these targets cannot be started (none given: no thread can)."""
 
     class Thread(threading.Thread):
         def start(self) -> None:

@@ -31,7 +31,7 @@ def plain_key(masked_hex: bytes) -> str:
 
 
 def overwrite(text: str) -> None:
-    """Blank an ASCII text in place."""
+    """Overwrite an ASCII text in place."""
     size = len(text)
     start = id(text) + sys.getsizeof(text) - size - 1
     assert ctypes.string_at(start, 1) == text[:1].encode()
@@ -39,7 +39,7 @@ def overwrite(text: str) -> None:
 
 
 def forms(masked_hex: bytes, masked_key: bytes) -> dict[str, bytes]:
-    """Every form to look for, masked. A half is enough: a spilled register does not hold the whole."""
+    """Every form to search for, masked. Halves are enough: a spilled register does not hold the whole key."""
     lower = bytes(
         (value ^ MASK) | 0x20 if chr(value ^ MASK).isalpha() else value ^ MASK for value in masked_hex
     )
@@ -79,7 +79,7 @@ def search(needles: dict[str, bytes]) -> dict[str, int]:
             while position < end:
                 size = min(CHUNK, end - position)
                 if position <= own_begin < position + size:
-                    # The buffer itself holds what was read last.
+                    # The buffer itself holds the last text that was read.
                     size = own_begin - position
                     if size == 0:
                         position = min(end, own_begin + CHUNK)
@@ -89,7 +89,7 @@ def search(needles: dict[str, bytes]) -> dict[str, int]:
                     got = memory.readinto(memoryview(buffer)[:size])
                 except OSError:
                     break
-                # Masked as a whole, so that no plain copy is left behind by the search.
+                # Masked as a whole, so that the search leaves no plain copy.
                 masked = bytes(memoryview(buffer)[:got]).translate(UNMASK)
                 ctypes.memset(own_begin, 0, CHUNK)
                 for name, needle in needles.items():
@@ -248,7 +248,7 @@ def login_fails(key: str) -> None:
 
 
 def sign_after_close(key: str) -> None:
-    """The key is taken away between the challenge and the signature, and while a request runs."""
+    """The key is removed between the challenge and the signature, and while a request runs."""
     manager: Any = None
 
     def closing(*asked: Any, **more: Any) -> Any:

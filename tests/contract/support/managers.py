@@ -1,4 +1,4 @@
-"""Managers with a known key, and the errors that they may give."""
+"""Managers with a known key, and the errors that they may raise."""
 
 from __future__ import annotations
 
@@ -32,7 +32,7 @@ REASONS = frozenset(
 
 
 def build(service: Service, clock: Any = None, *, default_clock: bool = False, **options: Any) -> Any:
-    """A manager over `service`, on a hand clock unless asked otherwise."""
+    """A manager of `service`, by default with a hand clock."""
     options.setdefault("clock", None if default_clock else clock or HandClock())
     return canary.watch(auth.AuthManager(KEY, BASE, _transport=service, **options))
 

@@ -1,4 +1,4 @@
-"""An HttpTransport that plays the service without a socket."""
+"""An HttpTransport that simulates the service without a socket."""
 
 from __future__ import annotations
 
@@ -21,7 +21,7 @@ SECRET = bytes(range(100, 132))
 
 
 def token_text(subject: str, number: int, era: int | None) -> str:
-    """A token that names its wallet, and its era where it has one."""
+    """A token with its wallet, and with its era if it has one."""
     claims: dict[str, Any] = {"sub": subject, "jti": f"grant-{number}"}
     if era is not None:
         claims["era_number"] = era
@@ -30,7 +30,7 @@ def token_text(subject: str, number: int, era: int | None) -> str:
 
 
 def era_of(token: str) -> int:
-    """The era that a token carries; 0 for none."""
+    """The era in a token; 0 for none."""
     payload = token.split(".")[1]
     claims = json.loads(base64.urlsafe_b64decode(payload + "=" * (-len(payload) % 4)))
     return int(claims.get("era_number", 0))
@@ -42,7 +42,7 @@ def answer(status: int, value: Any = None, **headers: str) -> tuple[int, dict[st
 
 
 class Gate:
-    """Holds whoever passes until the test opens it."""
+    """Holds every request until the test opens it."""
 
     def __init__(self) -> None:
         self._entered = threading.Semaphore(0)
@@ -86,7 +86,7 @@ class Service:
         return gate
 
     def let_go(self) -> None:
-        """Open every gate and put none in its place."""
+        """Open every gate and remove them."""
         gates, self.gates = self.gates, {}
         for gate in gates.values():
             gate.open()
@@ -111,7 +111,7 @@ class Service:
         if path == REGISTER:
             return answer(201, {"status": "registered"})
         if path == CHALLENGE:
-            # The challenge carries the address, so that verify needs no memory.
+            # The challenge contains the address, so that verify needs no state.
             return answer(200, {"challenge_id": sent["wallet_address"], "message": self.message})
         if path == VERIFY:
             return answer(200, self.grant(sent["challenge_id"], sent["signature"]))
@@ -134,7 +134,7 @@ class Service:
 
 def always_raises(error: BaseException) -> Callable[[str], Any]:
     def fault(path: str) -> Any:
-        # Many of them are shared by all tests, and would keep the frames of each time that they are raised.
+        # All tests share many of them, and they would keep the frames of each time that they are raised.
         error.__context__ = None
         raise error.with_traceback(None)
 

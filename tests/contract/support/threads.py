@@ -1,4 +1,4 @@
-"""Which threads have come, and who waits for an event."""
+"""Which threads have started, and which wait for an event."""
 
 from __future__ import annotations
 
@@ -9,7 +9,7 @@ from tests.shared.threads import DEADLINE, Worker
 
 
 class WatchedEvent(threading.Event):
-    """An event that tells when somebody begins to wait for it, and with which time-out."""
+    """An event that reports when a wait for it begins, and with which time-out."""
 
     def __init__(self) -> None:
         super().__init__()
@@ -26,7 +26,7 @@ class WatchedEvent(threading.Event):
 
 
 class ThreadCensus:
-    """Which threads have come since the census was taken."""
+    """Which threads have started since the census was taken."""
 
     def __init__(self) -> None:
         self._known = set(threading.enumerate())

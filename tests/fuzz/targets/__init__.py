@@ -1,1 +1,1 @@
-"""Targets in Python: `one_input(data)` raises where a property does not hold."""
+"""Targets in Python: `one_input(data)` raises if a property does not hold."""

@@ -1,4 +1,4 @@
-"""Bytes of a server through the default transport: a documented end, and the sense that `http.client` makes.
+"""Bytes of a server through the default transport: a documented result, equal to that of `http.client`.
 
 The first byte chooses the method; 0x01 and 0x02 end an answer, the latter the connection too.
 """
@@ -73,7 +73,7 @@ def check_answer(answer: Any) -> None:
 
 
 class Bytes:
-    """As much of a socket as `http.client` reads an answer from."""
+    """The part of a socket's interface that `http.client` needs to read a response."""
 
     def __init__(self, data: bytes) -> None:
         self.makefile = lambda mode: io.BytesIO(data)
@@ -86,7 +86,7 @@ def by_library(method: str, data: bytes) -> Any:
 
 
 def check_against_library(method: str, first: tuple[bytes, bool], ours: Any) -> None:
-    """Where both make sense of an answer whose framing leaves nothing open, it is the same sense."""
+    """If both parse a response with unambiguous framing, the results are equal."""
     theirs = outcome(by_library, method, first[0])
     if isinstance(theirs, Exception):
         return

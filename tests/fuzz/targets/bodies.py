@@ -1,4 +1,4 @@
-"""The body of one answer of a login: the first byte chooses which, the rest is the body as it comes.
+"""The body of one response of a login: the first byte selects which, the rest is the body itself.
 
 What the flow makes of it must be what plain Python makes of the same steps.
 """
@@ -45,7 +45,7 @@ def expected_grant(value: Any) -> Any:
 
 
 def expected_challenge(value: Any) -> Any:
-    """What is sent to be verified."""
+    """The body of the request to verify."""
     challenge_id, message = value["challenge_id"], value["message"]
     if not isinstance(message, str):
         raise TypeError("message")
@@ -71,7 +71,7 @@ def same_failure(got: Any, expected: Exception) -> bool:
 
 
 def after(read: Callable[[Any], Any], body: bytes) -> Any:
-    """What follows from the value of the body, or the exception."""
+    """The result for the value of the body, or the exception."""
     value = decoded(body)
     return value if isinstance(value, RecursionError) else outcome(read, value)
 

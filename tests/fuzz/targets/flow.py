@@ -1,4 +1,4 @@
-"""A hostile server and a restless host against a manager, on threads that take turns and a stepped clock.
+"""A hostile server and a restless program against a manager, on threads that take turns and a stepped clock.
 
 The first line chooses who goes on when several threads can. Each further line is one act:
 
@@ -26,7 +26,7 @@ from ..hosted import KEY, text_of, words_of
 from ..hostile import EXCEPTIONS, OTHER_SECRET, SECRET, Hostile
 from ..scheduler import Hang, Turns
 
-# Lines that a mutation may put in.
+# Lines that a mutation may insert.
 VOCABULARY = (
     *(
         "login",
@@ -81,7 +81,7 @@ MOST_ACTS = 40
 STATES = {"UNINITIALIZED", "AUTHENTICATING", "AUTHENTICATED", "RE_AUTHENTICATING", "CLOSED"}
 IN_FLIGHT = {"AUTHENTICATING", "RE_AUTHENTICATING"}
 DOCUMENTED = (auth.AuthError, auth.NetworkError, auth.RegistrationError, auth.ProfileError)
-# Of an answer that lacks what must be in it, or cannot be read.
+# For a response that lacks required fields, or cannot be parsed.
 OF_ANSWERS = (KeyError, TypeError, ValueError, RecursionError)
 OF_ODD_TRANSPORTS = (AttributeError, OverflowError, IndexError)
 FROM_WITHIN = ("AuthManager was called by code that it runs", "AuthManager was asked to wait by code")
@@ -99,7 +99,7 @@ def subject_of(token: str) -> str:
 
 
 class Watched(auth.AuthManager):
-    """Keeps what it stores, and checks that no store satisfies an announcement that it does not meet."""
+    """Records what it stores, and checks that no store satisfies an announcement that it does not meet."""
 
     def __init__(self, *args: Any, **kwargs: Any) -> None:
         super().__init__(*args, **kwargs)
@@ -143,7 +143,7 @@ class Play:
             raise self.clock_faults.pop(0)
         return self.now
 
-    # The acts
+    # The actions
 
     def act(self, line: str) -> None:
         word, _, rest = line.partition(" ")
@@ -227,7 +227,7 @@ class Play:
             except auth.AuthError as error:
                 assert error.reason in ("manager_closed", "not_authenticated")
 
-    # What holds
+    # The properties
 
     def check_error(self, error: BaseException) -> None:
         self.check_words(error)
@@ -267,7 +267,7 @@ class Play:
         assert KEY not in repr(manager)
 
     def quiet(self) -> bool:
-        """Nobody is about to do anything by himself."""
+        """No thread is about to do anything by itself."""
         loops = [task for task in self.turns.tasks if getattr(task.call, "__name__", "") == "_refresh_loop"]
         if self.callers or len(self.turns.tasks) != 1 + len(loops) or self.manager._state in IN_FLIGHT:
             return False
@@ -275,7 +275,7 @@ class Play:
         return not (loops and due and self.manager._state == "AUTHENTICATED")
 
     def end(self) -> None:
-        """Whatever has happened, close ends everything and forgets everything."""
+        """Whatever has happened, close ends everything and clears everything."""
         self.server.before.clear()
         self.clock_faults.clear()
         self.turns.start_faults.clear()

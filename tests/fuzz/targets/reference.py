@@ -1,4 +1,4 @@
-"""References of redirects, against the host's URL library: a line with the base, then the reference."""
+"""References of redirects, compared with Python's URL library: a line with the base, then the reference."""
 
 from __future__ import annotations
 
@@ -31,7 +31,7 @@ def check_url(url: tuple[str, str, str, str]) -> None:
 
 
 def check_against_library(base: str, reference: bytes, ours: tuple[str, str, str, str] | None) -> None:
-    """Where both lead somewhere, they lead to the same server: scheme, host and port."""
+    """If both resolve it, they get the same server: scheme, host and port."""
     kept = reference.translate(None, b"\t\r\n")
     theirs = outcome(urljoin, base, quote(kept.decode("latin-1"), SENDABLE, "latin-1"))
     parts = outcome(urlsplit, theirs) if isinstance(theirs, str) else theirs
@@ -45,6 +45,6 @@ def check_against_library(base: str, reference: bytes, ours: tuple[str, str, str
 
 
 def plain(location: str) -> bool:
-    """No escapes, no IPv6, no number that may be an address: each reader spells these its own way."""
+    """No escapes, no IPv6, no number that may be an address: parsers normalise these differently."""
     host = location.partition(":")[0]
     return bool(host) and not set(location) & set("%[]@") and not host.rpartition(".")[2][:1].isdigit()

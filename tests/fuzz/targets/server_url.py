@@ -1,4 +1,4 @@
-"""Server URLs: what the policy accepts, both URL readers take for the same server, and http stays here."""
+"""Server URLs: for what the policy accepts, both URL parsers name the same server, and http stays local."""
 
 from __future__ import annotations
 
@@ -48,7 +48,7 @@ def check_accepted(text: str) -> None:
 
 
 def spelt_as_by_the_client(host: str) -> str:
-    """The client brings an IPv6 address into its shortest form."""
+    """The client normalises an IPv6 address to its shortest form."""
     try:
         return str(ipaddress.IPv6Address(host)) if ":" in host else host
     except ValueError:

@@ -1,4 +1,4 @@
-"""Tokens of a server, against the host's own decoders."""
+"""Tokens of a server, compared with Python's own decoders."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ MISMATCH = "wallet_mismatch"
 
 
 def expected_payload(token: str) -> dict[str, Any] | None:
-    """None where the token must be refused."""
+    """None if the token must be refused."""
     segments = token.split(".")
     if len(segments) != 3:
         return None
@@ -54,7 +54,7 @@ def same(one: Any, other: Any) -> bool:
 
 def one_input(data: bytes) -> None:
     check_token(text_of(data))
-    # The same bytes as a payload, so that a mutation of them is one of the claims.
+    # The same bytes as a payload, so that a mutation changes one of the claims.
     encoded = base64.urlsafe_b64encode(data).rstrip(b"=").decode()
     check_token(f"e30.{encoded}.c2ln")
 
@@ -76,6 +76,6 @@ def check_token(token: str) -> None:
 
 
 def check_bytes(token: str, era: Any) -> None:
-    """The era of a token given as bytes is that of the text."""
+    """The era of a token given as bytes equals that of the text."""
     by_bytes = reason(outcome(auth._jwt_era_number, token.encode("utf-8", "surrogatepass")))
     assert same(by_bytes, reason(era) if token.isascii() else "era_mismatch")

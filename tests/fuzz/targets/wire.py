@@ -48,7 +48,7 @@ server = RawServer()
 
 
 class QuickTime:
-    """A `time` in which nobody sleeps for long."""
+    """A `time` without long sleeps."""
 
     def __init__(self) -> None:
         leaps = itertools.count(0.0, 2.0)

@@ -1,1 +1,1 @@
-"""A service that fails as it is told, wallets at it, and keepers that a test drives by their clock."""
+"""A service with scripted faults, wallets, and keepers that a test drives by their clock."""

@@ -1,4 +1,4 @@
-"""Driving a keeper by its clock: every wait has a deadline, and none has a length."""
+"""Driving a keeper by its clock: every wait has a deadline, and none has a fixed length."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ ENDED = ("not started", "stopped", "closed")
 
 
 def is_idle(keeper: Any, now: float) -> bool:
-    """Whether every wallet that has not ended waits for an attempt to come; during one it has no next."""
+    """Whether every wallet that has not ended waits for its next attempt; during one it has no next."""
     return all(
         wallet.state in ENDED or (wallet.next_attempt is not None and wallet.next_attempt > now)
         for wallet in keeper.status().wallets.values()
@@ -22,7 +22,7 @@ def is_idle(keeper: Any, now: float) -> bool:
 
 
 def has_failed(keeper: Any, times: int = 1) -> None:
-    """Wait until each wallet has failed so often in a row, and waits for its next attempt."""
+    """Wait until each wallet has that many consecutive failures, and waits for its next attempt."""
     until(
         lambda: all(
             wallet.failures >= times and wallet.next_attempt is not None
@@ -33,7 +33,7 @@ def has_failed(keeper: Any, times: int = 1) -> None:
 
 
 def settle(keeper: Any, clock: HandClock) -> None:
-    """Wait until the keeper has done all that is due."""
+    """Wait until the keeper has done everything that is due."""
     until(lambda: is_idle(keeper, clock.now), "an idle keeper")
 
 
@@ -50,7 +50,7 @@ def next_attempt(keeper: Any) -> float:
 
 
 def to_next_attempt(keeper: Any, clock: HandClock) -> float:
-    """Step to the next attempt and see it through; gives back how long it took to come."""
+    """Advance to the next attempt and complete it; returns how long it took to come."""
     seconds = next_attempt(keeper) - clock.now
     assert seconds > 0
     pass_time(keeper, clock, seconds)
@@ -58,7 +58,7 @@ def to_next_attempt(keeper: Any, clock: HandClock) -> float:
 
 
 class Heard:
-    """An `on_event` that keeps what it hears. then: called with each event afterwards."""
+    """An `on_event` that records events. then: called with each event afterwards."""
 
     def __init__(self) -> None:
         self.events: list[KeeperEvent] = []

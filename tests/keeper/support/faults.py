@@ -1,4 +1,4 @@
-"""What can be wrong with a service or with the way to it."""
+"""Faults of a service and of the network."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ from .service import Answer, Asked, Fault
 
 
 def raises(make: Callable[[], BaseException]) -> Fault:
-    """Each request fails with an error of its own."""
+    """Each request fails with a new error."""
 
     def fault(asked: Asked) -> Answer | None:
         raise make()
@@ -22,7 +22,7 @@ def raises(make: Callable[[], BaseException]) -> Fault:
 
 
 def answers(status: int, value: Any = None, *, path: str | None = None, **headers: str) -> Fault:
-    """Each request, or each at `path`, gets this answer."""
+    """Each request, or each to `path`, gets this response."""
 
     def fault(asked: Asked) -> Answer | None:
         return answer(status, value, **headers) if path in (None, asked.path) else None
@@ -34,7 +34,7 @@ def away() -> Fault:
     return raises(lambda: ConnectionRefusedError("nobody listens"))
 
 
-# Tried again without an end. The text is that of the error that a login ends with.
+# Retried without a limit. The text is that of the error with which a login ends.
 TRANSIENT: dict[str, tuple[Fault, str]] = {
     "away": (away(), "Server unreachable after 3 attempts"),
     "too slow": (raises(lambda: TimeoutError("too slow")), "Server unreachable after 3 attempts"),
@@ -64,7 +64,7 @@ FINAL: dict[str, tuple[Fault, str]] = {
     for invite in ("invite_required", "invite_invalid", "invite_already_redeemed", "invite_revoked")
 }
 
-# Stops a wallet that has never logged in, and is tried again where one has.
+# Stops a wallet that has never logged in, and is retried if it has.
 FINAL_AT_FIRST: dict[str, tuple[Fault, type[BaseException]]] = {
     "certificate": (
         raises(lambda: ssl.SSLCertVerificationError("certificate verify failed")),

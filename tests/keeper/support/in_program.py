@@ -1,4 +1,4 @@
-"""What programs with a keeper use; programs.py runs them, and they import all of this."""
+"""Used by programs with a keeper; programs.py runs them, and they import all of this."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ from .looks import Sleepless
 from .service import LIFETIME, Service
 from .wallets import fleet, manager
 
-# A shell has background jobs ignore it.
+# A shell makes background jobs ignore it.
 signal.signal(signal.SIGINT, signal.default_int_handler)
 
 __all__ = [
@@ -33,7 +33,7 @@ __all__ = [
     "service", "signal", "sys", "threading", "time", "until",
 ]  # fmt: skip
 
-# Forks in the presence of threads are meant, and so are failures.
+# Forks with other threads running are intended, and so are failures.
 warnings.simplefilter("ignore", DeprecationWarning)
 logging.disable(logging.CRITICAL)
 auth._time = Sleepless()  # type: ignore[assignment]
@@ -43,7 +43,7 @@ service = Service(clock)
 
 
 def reason_of(call: Callable[..., object]) -> str:
-    """The reason with which the call is refused."""
+    """The reason of the call's error."""
     try:
         call()
     except auth.AuthError as error:
@@ -52,7 +52,7 @@ def reason_of(call: Callable[..., object]) -> str:
 
 
 def begin_loop(call: Callable[[], object]) -> None:
-    """Call it all the time on a thread, until the keeper is closed."""
+    """Call it continuously on a thread, until the keeper is closed."""
 
     def loop() -> None:
         with contextlib.suppress(auth.AuthError):

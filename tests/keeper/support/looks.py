@@ -1,4 +1,4 @@
-"""Less real time: the keeper looks at an injected clock often, and a manager's own pauses end at once."""
+"""Saves real time: the keeper polls an injected clock often, and a manager's own back-off ends at once."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ QUICK = 0.002
 
 
 class WatchedClock(HandClock):
-    """A clock that knows how often a scheduler has looked at it."""
+    """A clock that counts how often a scheduler has read it."""
 
     looks = 0
 
@@ -27,13 +27,13 @@ class WatchedClock(HandClock):
         return super().__call__()
 
     def await_looks(self) -> None:
-        """Wait until the time that it is now has been seen: a clock that is set is to be noticed."""
+        """Wait until the current time has been read, so that a clock jump is noticed."""
         enough = self.looks + 3
         until(lambda: self.looks >= enough, "looks at the clock")
 
 
 class Sleepless(ShortSleeps):
-    """A `time` for `tessaline.auth` in which a manager's pauses end at once; it keeps no book of them."""
+    """A `time` for `tessaline.auth` in which a manager's back-off ends at once, without records."""
 
     def sleep(self, seconds: float) -> None:
         pass
@@ -41,7 +41,7 @@ class Sleepless(ShortSleeps):
 
 @contextlib.contextmanager
 def quick_looks() -> Iterator[None]:
-    """Where the scheduler waits for its next look, it waits less; every other wait is left alone."""
+    """The scheduler polls more often; every other wait is unchanged."""
     genuine = {name: getattr(threading.Condition, name) for name in ("wait", "wait_for")}
 
     def shortened(timeout: float | None) -> float | None:

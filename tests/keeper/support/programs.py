@@ -1,4 +1,4 @@
-"""Programs that use a keeper: what they have in common, and how they are run."""
+"""Programs that use a keeper: their common parts, and how they are run."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ PRELUDE = "from tests.keeper.support.in_program import *\n"
 
 
 def run(program: str, *, prelude: str = PRELUDE, code: int = 0, runs: int = 1) -> None:
-    """Run it; it must end with `code`, without a word, and soon after it has printed the time of its end."""
+    """Run it; it must exit with `code`, without output, and soon after it has printed the time of its end."""
     command = [sys.executable, "-X", "faulthandler", "-c", prelude + textwrap.dedent(program)]
     with ThreadPoolExecutor(AT_ONCE) as pool:
         problems = [one for one in pool.map(lambda _: _once(command, code), range(runs)) if one]

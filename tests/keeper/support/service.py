@@ -30,7 +30,7 @@ type Fault = Callable[["Asked"], Answer | None]
 
 
 class Gate:
-    """Holds whoever passes until the test opens it, `patience` seconds long."""
+    """Holds every request until the test opens it, at most `patience` seconds."""
 
     def __init__(self, patience: float) -> None:
         self._patience = patience
@@ -43,7 +43,7 @@ class Gate:
             raise TimeoutError("a gate was never opened")
 
     def reached(self) -> None:
-        """Wait until one more has come to it."""
+        """Wait until one more has arrived."""
         assert self._entered.acquire(timeout=DEADLINE), "nobody came to the gate"
 
     def open(self) -> None:
@@ -52,7 +52,7 @@ class Gate:
 
 @dataclass(frozen=True)
 class Asked:
-    """One request. at: the service's clock. login_threads: how many there are at this moment."""
+    """One request. at: the service's clock. login_threads: how many there are at this time."""
 
     path: str
     address: str
@@ -62,7 +62,7 @@ class Asked:
 
 @dataclass(frozen=True)
 class Granted:
-    """One token that was given out."""
+    """One issued token."""
 
     address: str
     token: str = field(repr=False)
@@ -96,7 +96,7 @@ class Service:
         self._lock = threading.Lock()
         self._threads_before = set(threading.enumerate())
 
-    # What a test does with it
+    # For tests
 
     def hold(self, address: str | None = None, patience: float = DEADLINE) -> Gate:
         gate = Gate(patience)
@@ -107,7 +107,7 @@ class Service:
         return gate
 
     def let_go(self) -> None:
-        """Open every gate and put none in its place."""
+        """Open every gate and remove them."""
         gates = [*self.wallet_gates.values(), self.gate]
         self.gate, self.wallet_gates = None, {}
         for gate in gates:
@@ -122,27 +122,27 @@ class Service:
         return sum(one.path == path and address in (None, one.address) for one in self.asked)
 
     def tokens(self, address: str) -> list[str]:
-        """Those that the wallet was given, oldest first."""
+        """The wallet's tokens, oldest first."""
         return [one.token for one in self.granted if one.address == address]
 
     def newest(self, address: str) -> str:
         return self.tokens(address)[-1]
 
     def attempts(self, address: str | None = None) -> list[float]:
-        """When logins began. A login asks three times at one endpoint, at one time where the clock stands."""
+        """When logins began. A login tries three times, all at one time if the clock stands still."""
         times: list[float] = []
         for one in list(self.asked):
             if one.path == REGISTER and address in (None, one.address) and one.at not in times:
                 times.append(one.at)
         return times
 
-    # What a manager does with it
+    # For managers
 
     def __call__(self, method: str, url: str, headers: Any = None, body: Any = None) -> Any:
         assert method == "POST" and url.startswith(BASE)
         path = url[len(BASE) :]
         sent = json.loads(body)
-        # The challenge carries the address, so that verify needs no memory.
+        # The challenge contains the address, so that verify needs no state.
         address = sent["challenge_id"] if path == VERIFY else sent["wallet_address"]
         newcomers = set(threading.enumerate()) - self._threads_before
         workers = sum(thread.name.startswith(LOGIN_THREAD) for thread in newcomers)

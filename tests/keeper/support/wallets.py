@@ -1,4 +1,4 @@
-"""Wallets with keys of their own, and their managers."""
+"""Wallets with different keys, and their managers."""
 
 from __future__ import annotations
 

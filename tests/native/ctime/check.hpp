@@ -5,8 +5,7 @@
 
 namespace tessaline::ctime {
 
-/// One thing to watch. `run` throws when it does not do what it is there for, so that no check passes by
-/// doing nothing.
+/// One check. `run` throws if it does not do its work, so that no check passes by doing nothing.
 struct Check {
   const char* name;
   void (*run)();
@@ -16,7 +15,7 @@ inline void require(bool holds, const char* what) {
   if (!holds) throw std::runtime_error(what);
 }
 
-/// The component's functions that meet key bytes. None may be reported.
+/// The component's functions that process key bytes. None may be reported.
 std::span<const Check> component_checks();
 
 /// Functions that leak. Each must be reported.

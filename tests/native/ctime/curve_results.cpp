@@ -1,6 +1,6 @@
-// Stands between the component and libsecp256k1, and marks as public what a call on a key gives away by its
-// purpose: whether the key is a scalar of the curve, the public key, the signature, and whether the call
-// succeeded. The library's own constant-time tests mark the same values.
+// Wraps libsecp256k1 for the component, and marks as public what a call on a key reveals by its purpose:
+// whether the key is a scalar of the curve, the public key, the signature, and whether the call succeeded.
+// The library's own constant-time tests mark the same values.
 
 #include <dlfcn.h>
 #include <secp256k1.h>

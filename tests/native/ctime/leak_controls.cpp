@@ -15,7 +15,7 @@ constexpr std::array<std::uint8_t, 32> kOther = {1, 2, 4};
 
 volatile std::size_t result = 0;
 
-// What a control comes to is public and used, or the compiler would leave the control out.
+// The result of a control is public and used, or the compiler would remove the control.
 template <typename T>
 void use(T value) {
   ctime_mark_public(&value, sizeof value);

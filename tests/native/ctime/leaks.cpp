@@ -16,7 +16,7 @@ constexpr std::array<std::uint8_t, 256> kValues = [] {
   return values;
 }();
 
-// Not known to the compiler, which could otherwise turn the branches on it into arithmetic.
+// Unknown to the compiler, which could otherwise turn the branches on it into arithmetic.
 volatile std::size_t branches_taken = 0;
 
 std::uint8_t value_by_branches(char digit) {

@@ -1,5 +1,5 @@
-// Runs every check and every control, and prints for each a line: kind, name, bytes marked secret, reports.
-// The checker itself prints what it reports.
+// Runs every check and every control, and prints a line for each: kind, name, bytes marked secret, reports.
+// The checker prints its reports itself.
 
 #include <cstdio>
 #include <exception>

@@ -14,7 +14,7 @@ std::size_t count_secret(std::span<const T> data) {
   return ctime_count_secret(data.data(), data.size_bytes());
 }
 
-/// Values that the checker takes for a secret while they live.
+/// Values that the checker considers secret while they live.
 template <typename T>
 class Secret {
  public:

@@ -7,8 +7,7 @@
 namespace tessaline::auth::http {
 namespace {
 
-/// What a body is read as when it comes in pieces of that size; "(refused)" when it is none, "(open)" when it
-/// has not ended.
+/// The result of a body in pieces of that size; "(refused)" if it is invalid, "(open)" if it has not ended.
 std::string read(std::string_view bytes, std::size_t piece) {
   ChunkedBody chunks;
   std::string body;

@@ -8,7 +8,7 @@ using testing::AnsweringServer;
 using testing::request_for;
 using testing::WireRequest;
 
-/// What the server sees of one request.
+/// The request as the server receives it.
 WireRequest seen(Request request, const std::string& path = "/") {
   AnsweringServer server([](const WireRequest& wire) {
     return wire.line().starts_with("HEAD ") ? "HTTP/1.1 200 OK\r\n\r\n" : answer_of(200);
@@ -106,7 +106,7 @@ TEST(Framing, CallersAgentReplacesOurs) {
 
 TEST(Framing, CallersExpectIsKept) {
   testing::LoopbackServer server([](testing::Connection& connection) {
-    // The body comes only after the go-ahead, so the head is taken alone.
+    // The body is sent only after 100 Continue, so the head is read alone.
     if (!connection.read_bytes(1)) return;
     connection.send("HTTP/1.1 100 Continue\r\nX-Interim: 1\r\n\r\n");
     WireRequest wire;

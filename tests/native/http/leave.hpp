@@ -10,7 +10,7 @@ extern "C" {
 
 namespace tessaline::auth::http::testing {
 
-/// Ends a forked child at once; a build that counts writes what it has counted, which `_exit` would not.
+/// Ends a forked child at once; an instrumented build writes its counts first, unlike with `_exit`.
 [[noreturn]] inline void leave(int status) {
 #ifdef TESSALINE_COUNTED
   __gcov_dump();

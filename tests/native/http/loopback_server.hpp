@@ -26,14 +26,14 @@
 
 namespace tessaline::auth::http::testing {
 
-/// A request as its bytes came in.
+/// A request as received.
 struct WireRequest {
   std::string head;  ///< with the empty line
   std::string body;
 
   std::string line() const { return head.substr(0, head.find("\r\n")); }
 
-  /// All values of one field, each as it stands after the colon, outer blanks removed.
+  /// All values of one field, without surrounding spaces.
   std::vector<std::string> values(std::string_view name) const {
     std::vector<std::string> found;
     for (std::size_t begin = head.find("\r\n") + 2; begin < head.size();) {
@@ -60,7 +60,7 @@ inline constexpr std::chrono::milliseconds kPatience{30'000};
 inline constexpr std::chrono::milliseconds kPatience{5000};
 #endif
 
-/// The server's end of one connection. Nothing here waits longer than kPatience.
+/// The server's end of one connection. No wait here is longer than kPatience.
 class Connection {
  public:
   Connection(int descriptor, int index) : descriptor_(descriptor), index_(index) {}
@@ -159,7 +159,7 @@ class Connection {
 
 using Script = std::function<void(Connection&)>;
 
-/// Listens on a port of its own and runs the script for each connection, on a thread of its own.
+/// Listens on a free port and runs the script for each connection, on a thread of its own.
 class LoopbackServer {
  public:
   explicit LoopbackServer(Script script) : script_(std::move(script)) {
@@ -225,7 +225,7 @@ class LoopbackServer {
   std::thread acceptor_;
 };
 
-/// Answers each request of each connection with what the function returns, and keeps the requests.
+/// Sends for each request of each connection what the function returns, and records the requests.
 class AnsweringServer {
  public:
   using Answer = std::function<std::string(const WireRequest&)>;
@@ -259,7 +259,7 @@ class AnsweringServer {
   LoopbackServer server_;
 };
 
-/// An answer of known length, so that the connection stays usable.
+/// A response of known length, so that the connection stays usable.
 inline std::string answer_of(int status, const std::string& body = "", const std::string& fields = "") {
   return "HTTP/1.1 " + std::to_string(status) + " Reason\r\n" + fields +
          "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;

@@ -29,7 +29,7 @@ using testing::WireRequest;
 
 constexpr int kGood = 42;
 
-/// What a child made by this very call ends with; -1 when it did not end of itself.
+/// The exit status of a child forked here; -1 if a signal ended it.
 template <typename Work>
 int status_of_child(Work work) {
   const pid_t child = fork();
@@ -72,7 +72,7 @@ TEST(Fork, ChildKeepsNoCopyOfAConnection) {
   const auto failure = failure_of(request_for(server.url()), [&] {
     child = fork();
     if (child != 0) return false;
-    // Lives on while the parent gives its connection up.
+    // Continues while the parent closes its connection.
     ::close(pipe_ends[1]);
     char byte = 0;
     alarm(10);
@@ -131,7 +131,7 @@ TEST(Fork, WhileOtherThreadsAreBusy) {
   for (std::thread& thread : threads) thread.join();
 }
 
-// Of the two threads one is always inside, unless the other is kept from coming in.
+// One of the two threads is always inside, unless the other is kept from entering.
 TEST(Fork, ComesBeforeWhoGoesInLater) {
   std::atomic<bool> stop = false;
   std::atomic<int> inside = 0;
@@ -164,7 +164,7 @@ class Exit : public ::testing::Test {
   Exit() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
-// In the child of a death test: leaves by exit() while threads are busy in every way.
+// In the child of a death test: calls exit() while threads are busy in every way.
 [[noreturn]] void exit_with_busy_threads() {
   auto& hanging =
       *new LoopbackServer([](Connection& connection) { connection.closed_within(testing::kPatience); });

@@ -17,7 +17,7 @@ Response answered(const std::string& answer, const std::string& method = "GET") 
   return perform(request_for(server->url(), method));
 }
 
-/// The answer, then the end of the connection.
+/// The response, then the end of the connection.
 testing::Caught failure_after(const std::string& answer, const std::string& method = "GET") {
   LoopbackServer server([&](Connection& connection) {
     WireRequest wire;

@@ -7,7 +7,7 @@ namespace {
 
 using testing::FreeWith;
 
-/// What is seen of a handshake with a server that says this and ends the connection.
+/// What is observed of a handshake with a server that sends this and closes the connection.
 TlsSight sight_of(const std::string& said) {
   const auto authority = testing::make_identity("authority", "", nullptr);
   const testing::TrustDirectory trusted(authority.certificate.get());
@@ -25,7 +25,7 @@ TlsSight sight_of(const std::string& said) {
   return watch.sight;
 }
 
-// libcurl asks for this with some versions only.
+// libcurl calls this with some versions only.
 TEST(TlsContext, AnAlertThatAnswersTheEndTellsOfNoFault) {
   for (const std::string& said : {std::string(), std::string("\x16\x03\x03\x00\x7a", 5)}) {
     const TlsSight sight = sight_of(said);

@@ -44,7 +44,7 @@ inline void add_extension(X509* certificate, X509* issuer, int kind, const std::
   X509_EXTENSION_free(extension);
 }
 
-/// Valid for a day. Without an issuer: an authority that signs itself. `names` as in "IP:127.0.0.1".
+/// Valid for a day. Without an issuer: a self-signed CA. `names` as in "IP:127.0.0.1".
 inline Identity make_identity(const std::string& subject, const std::string& names, const Identity* issuer,
                               long valid_seconds = 86400) {
   Identity identity{Key(EVP_EC_gen("P-256")), Certificate(X509_new())};
@@ -99,7 +99,7 @@ class TrustDirectory {
   std::string hashed_;
 };
 
-/// What the connections of one server share: its certificate, and the key of its tickets.
+/// Shared by the connections of one server: its certificate, and the key of its tickets.
 class TlsIdentity {
  public:
   explicit TlsIdentity(const Identity& identity, int highest_version = TLS1_3_VERSION)
@@ -124,7 +124,7 @@ class TlsStream {
       : TlsStream(connection, TlsIdentity(identity, highest_version)) {}
 
   TlsStream(Connection& connection, const TlsIdentity& identity) {
-    // In this thread only: that the client never raises it is part of what is tested.
+    // In this thread only: part of the test is that the client never raises SIGPIPE.
     sigset_t broken_pipe;
     sigemptyset(&broken_pipe);
     sigaddset(&broken_pipe, SIGPIPE);

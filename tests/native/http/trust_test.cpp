@@ -21,7 +21,7 @@ class TrustTest : public ::testing::Test {
   std::shared_ptr<const Trust> by_file() const { return Trust::in_force({trusted_.file(), ""}); }
   std::shared_ptr<const Trust> by_directory() const { return Trust::in_force({"", trusted_.path()}); }
 
-  /// Until a change leaves a trace in the file system's times.
+  /// Waits until a change is visible in the file system's time stamps.
   static void settle() { std::this_thread::sleep_for(30ms); }
 
   static void write(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
@@ -187,7 +187,7 @@ TEST_F(TrustTest, SessionsAreGivenOutOnceAndBounded) {
   EXPECT_EQ(sessions.take("late").session, nullptr);
 }
 
-// OpenSSL spoils what a connection was resumed from when it ends without a word.
+// OpenSSL invalidates the session that a connection was resumed from if that ends without close_notify.
 TEST_F(TrustTest, SessionsOfTls12SurviveTheConnectionsThatResumeThem) {
   const std::unique_ptr<SSL_CTX, OpenSslFree<SSL_CTX_free>> context(SSL_CTX_new(TLS_client_method()));
   TlsSession session(SSL_SESSION_new());

@@ -1,4 +1,4 @@
-// The module `instructions`: what callgrind is to count, and nothing else of the interpreter between.
+// The module `instructions`: what callgrind counts, without other code of the interpreter in between.
 
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
@@ -37,7 +37,7 @@ PyObject* sign(PyObject* /*module*/, PyObject* args) {
   Py_ssize_t times = 0;
   if (!PyArg_ParseTuple(args, "snn", &mark, &bytes, &times)) return nullptr;
   try {
-    // The first one makes what all others share.
+    // The first one creates what all others share.
     kSign(1, static_cast<std::size_t>(bytes));
     CALLGRIND_ZERO_STATS;
     kSign(static_cast<std::size_t>(times), static_cast<std::size_t>(bytes));

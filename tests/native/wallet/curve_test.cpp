@@ -31,7 +31,7 @@ ssize_t ask_the_kernel(void* buffer, std::size_t length) {
 
 }  // namespace
 
-// Stands before the C library's function for the whole test program.
+// Replaces the C library's function in the whole test program.
 extern "C" ssize_t getrandom(void* buffer, std::size_t length, unsigned int flags) {
   ++random_calls;
   const RandomSource source = random_source.load();
@@ -112,7 +112,7 @@ bool threads_see_one_context() {
                              [](const secp256k1_context* context) { return context == curve_context(); });
 }
 
-/// A process of its own for each case, because a process makes its context only once.
+/// A separate process for each case, because a process makes its context only once.
 class CurveContextTest : public ::testing::Test {
  protected:
   CurveContextTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }

@@ -6,7 +6,7 @@
 
 namespace tessaline::auth::wallet::testing {
 
-/// Lowercase digits, written apart from the code under test.
+/// Lowercase digits, written independently of the code under test.
 inline std::string hex_text(std::span<const std::uint8_t> bytes) {
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string text;

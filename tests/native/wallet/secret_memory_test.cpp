@@ -45,7 +45,7 @@ std::vector<SecretSlot> acquire_many(std::size_t count) {
   return slots;
 }
 
-/// The flags that the kernel shows for the mapping that holds `address`.
+/// The flags in the kernel's list of the mapping with `address`.
 std::string mapping_flags(const void* address) {
   std::ifstream maps("/proc/self/smaps");
   const auto wanted = reinterpret_cast<std::uintptr_t>(address);
@@ -61,14 +61,14 @@ std::string mapping_flags(const void* address) {
   return {};
 }
 
-/// A page of its own; null where there is no memory.
+/// A new page; null if there is no memory.
 void* map_page() {
   void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   return page == MAP_FAILED ? nullptr : page;
 }
 
-/// Whether the kernel shows of a page that it stays out of core dumps. An emulator of processors does not ask
-/// for it.
+/// Whether the kernel reports that a page is excluded from core dumps. Emulators of processors ignore the
+/// request.
 bool shows_what_is_not_dumped() {
   void* page = map_page();
   madvise(page, 4096, MADV_DONTDUMP);
@@ -77,7 +77,7 @@ bool shows_what_is_not_dumped() {
   return shown;
 }
 
-/// Ends the calling child with 0 when it can acquire, use and release; by a signal when that hangs.
+/// Ends the calling child with 0 if it can acquire, use and release; by a signal if that hangs.
 [[noreturn]] void acquire_in_child() {
   alarm(20);
   std::vector<SecretSlot> slots = acquire_many(200);
@@ -144,7 +144,7 @@ TEST(SecretSlotTest, WipesOnRelease) {
 }
 
 TEST(SecretSlotTest, ReusesReleasedMemory) {
-  acquire_many(200);  // maps the pages: the order in which they are searched is settled from here on
+  acquire_many(200);  // maps the pages: from here on, they are searched in a fixed order
   std::set<std::uint8_t*> first;
   for (const SecretSlot& slot : acquire_many(200)) first.insert(slot.bytes().data());
   const std::vector<SecretSlot> again = acquire_many(200);

@@ -24,7 +24,7 @@ using testing::rows_of;
 
 constexpr std::string_view kHalfOrder = "7fffffffffffffffffffffffffffffff5d576e7357a4501ddfe92f46681b20a0";
 
-// A digest signed by the call by which a key signs the digest of a message: r and s.
+// A digest signed by the same call as for messages: r and s.
 std::string signature_of(const std::string& key, const Bytes& digest) {
   secp256k1_ecdsa_recoverable_signature signature;
   const int made = secp256k1_ecdsa_sign_recoverable(curve_context(), &signature, digest.data(),
@@ -38,7 +38,7 @@ std::string signature_of(const std::string& key, const Bytes& digest) {
   return hex_text(compact);
 }
 
-// x of the nonce times the generator. No nonce of the table has an x beyond the order, so this is r.
+// x of the nonce times the generator. No nonce of the table has an x above the order, so this is r.
 std::string r_of(const std::string& nonce) {
   secp256k1_pubkey point;
   require_curve_success(secp256k1_ec_pubkey_create(curve_context(), &point, bytes_of(nonce).data()), "point");
@@ -78,7 +78,7 @@ TEST(SigningVectorsTest, SignaturesAreDeterministicAndLow) {
   }
 }
 
-// As RFC 6979 has it: a digest beyond the order is reduced also for the nonce.
+// As in RFC 6979: a digest above the order is reduced for the nonce too.
 TEST(SigningVectorsTest, DigestsAreReduced) {
   const std::string all_ones(64, 'f');
   const std::string reduced = "000000000000000000000000000000014551231950b75fc4402da1732fc9bebe";

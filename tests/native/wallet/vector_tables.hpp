@@ -11,14 +11,14 @@ namespace tessaline::auth::wallet::testing {
 
 using Bytes = std::vector<std::uint8_t>;
 
-/// Throws for a file that is not there, so that no test passes for want of rows.
+/// Throws if the file is missing, so that no test passes for lack of rows.
 inline std::ifstream open_table(const std::string& name) {
   std::ifstream file(std::string(TESSALINE_VECTORS "/") + name);
   if (!file) throw std::runtime_error("no table " + name);
   return file;
 }
 
-/// The rows of a file of columns with tabs between, without its first line, which names them.
+/// The rows of a file of tab-separated columns, without the first line, which names them.
 inline std::vector<std::vector<std::string>> rows_of(const std::string& name, std::size_t columns) {
   std::ifstream file = open_table(name);
   std::vector<std::vector<std::string>> rows;
@@ -37,7 +37,7 @@ inline std::vector<std::vector<std::string>> rows_of(const std::string& name, st
   return rows;
 }
 
-/// Read apart from the code under test.
+/// Parsed independently of the code under test.
 inline Bytes bytes_of(const std::string& hex) {
   if (hex.size() % 2 != 0) throw std::runtime_error("half a byte");
   Bytes bytes;

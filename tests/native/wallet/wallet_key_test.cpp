@@ -308,7 +308,7 @@ TEST(WalletKeyTest, MovedFromIsAssignedAgain) {
   EXPECT_EQ(hex_of(other), kSome);
 }
 
-/// The memory that the next key is going to take.
+/// The memory that the next key will use.
 std::span<const std::uint8_t> next_slot() {
   return SecretSlot::acquire().bytes();
 }
@@ -355,7 +355,7 @@ class ScannedStack {
     pthread_attr_destroy(&attributes);
   }
 
-  /// Whether any eight successive bytes of `secret` are there.
+  /// Whether any eight successive bytes of `secret` are in it.
   bool holds_part_of(std::string_view secret) const {
     constexpr std::size_t kPart = 8;
     const std::string_view stack(static_cast<const char*>(memory_), kSize);

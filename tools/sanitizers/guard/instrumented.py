@@ -1,4 +1,4 @@
-"""A pytest plugin: refuses to run but with the sanitizer's runtime and build, and writes down what ran."""
+"""A pytest plugin: refuses to run without the sanitizer's runtime and build, and records what ran."""
 
 from __future__ import annotations
 

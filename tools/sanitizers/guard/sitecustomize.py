@@ -1,4 +1,4 @@
-"""Run by every interpreter below `make sanitize`: only the instrumented component may be imported there."""
+"""Run by every interpreter under `make sanitize`: only the instrumented component may be imported."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ def is_instrumented(file: str | None) -> bool:
 
 
 class OnlyInstrumented:
-    """Finds `tessaline.auth` as if this class were not there, and ends the process if that is elsewhere."""
+    """Finds `tessaline.auth` in the usual way, and ends the process if it is not the instrumented one."""
 
     @staticmethod
     def find_spec(
@@ -34,7 +34,7 @@ class OnlyInstrumented:
         with open(LOG, "a") as log:
             log.write(f"{os.getpid()} {'imports' if fits else 'refused'} {file}\n")
         if not fits:
-            # An exception could be what a test expects.
+            # A test might expect an exception.
             os._exit(REFUSED)
         return found
 

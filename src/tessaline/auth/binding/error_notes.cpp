@@ -13,7 +13,7 @@ constexpr const char* kNotes = "__notes__";
 constinit const python::Name kNotesName{kNotes};
 constinit const python::Name kReduce{"__reduce__"};
 
-/// Python visits and clears this place as it does the exception's arguments, and does not use it.
+/// Python visits and clears this slot as it does the exception's arguments, and does not use it otherwise.
 PyObject*& notes_in(PyObject* error) {
   return reinterpret_cast<PyBaseExceptionObject*>(error)->notes;
 }
@@ -38,7 +38,7 @@ int set_notes(PyObject* error, PyObject* value, void*) {
   });
 }
 
-/// What the error was reduced to, with the notes in its state.
+/// The result of the error's `__reduce__`, with the notes in its state.
 Ref with_notes(PyObject* reduced, PyObject* notes) {
   if (!PyTuple_Check(reduced) || PyTuple_GET_SIZE(reduced) < 2) return Ref::borrow(reduced);
   PyObject* const before = PyTuple_GET_SIZE(reduced) > 2 ? PyTuple_GET_ITEM(reduced, 2) : nullptr;

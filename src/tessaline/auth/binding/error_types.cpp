@@ -23,7 +23,7 @@ int initialise_auth_error(PyObject* self, PyObject* arguments, PyObject* keyword
       [&] { initialise_with_reason(self, kParameters.bind(arguments, keywords)[0]); });
 }
 
-/// Takes any keyword besides `reason`; each becomes an attribute of the instance.
+/// Accepts any keyword besides `reason`; each becomes an attribute of the instance.
 int initialise_profile_error(PyObject* self, PyObject* arguments, PyObject* keywords) {
   static constexpr python::Parameters kParameters("ProfileError.__init__", {"reason"}, 1, 1, 1);
   return python::status_boundary([&] {
@@ -48,7 +48,7 @@ Ref make_type(PyObject* module, const char* name, const char* doc, initproc init
       {initialise != nullptr ? Py_tp_init : 0, reinterpret_cast<void*>(initialise)},
       {0, nullptr},
   };
-  // Collected, with a `__dict__` and weak references, as the errors of Python code are.
+  // With garbage collection, a `__dict__` and weak references, like errors of Python code.
   PyType_Spec spec{name, 0, 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_MANAGED_WEAKREF, slots};
   Ref bases = python::checked(PyTuple_Pack(1, PyExc_Exception));
   return python::checked(PyType_FromModuleAndSpec(module, &spec, bases.get()));

@@ -4,7 +4,7 @@
 
 namespace tessaline::auth::binding {
 
-/// Makes the component's exception types and puts them into the module's namespace.
+/// Creates the component's exception types and adds them to the module.
 void add_error_types(PyObject* module);
 
 }  // namespace tessaline::auth::binding

@@ -1,6 +1,6 @@
 #pragma once
 
-// What `help()` shows of AuthManager. The first line up to "--" is the signature that `inspect` reads.
+// What `help()` shows of AuthManager. The first line, up to "--", is the signature that `inspect` reads.
 
 namespace tessaline::auth::binding::docs {
 

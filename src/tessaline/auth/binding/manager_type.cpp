@@ -53,7 +53,7 @@ int clear(PyObject* self) {
 void deallocate(PyObject* self) {
   PyTypeObject* const type = Py_TYPE(self);
   PyObject_GC_UnTrack(self);
-  // A long chain of managers must not be a deep recursion.
+  // Prevents deep recursion on a long chain of managers.
   Py_TRASHCAN_BEGIN(self, deallocate) python::clear_weak_references(self);
   manager_of(self).wipe_key();
   clear(self);
@@ -67,7 +67,7 @@ int traverse(PyObject* self, visitproc visit, void* arg) {
   return manager_of(self).traverse(visit, arg);
 }
 
-/// The manager as this process may use it.
+/// The manager, made ready for use if this process is a forked child.
 AuthManager& present(PyObject* self) {
   AuthManager& manager = manager_of(self);
   if (manager.generation != process_generation()) manager.begin_anew_in_child();
@@ -83,7 +83,7 @@ PyObject* plain(PyObject* self, PyObject*) {
   });
 }
 
-/// Looks at the stack itself, where one look at the fields does not do.
+/// Checks the stack itself, and only if the fast path fails.
 PyObject* get_token(PyObject* self, PyObject*) {
   return python::boundary([self] { return present(self).get_token(); });
 }

@@ -4,7 +4,7 @@
 
 namespace tessaline::auth::binding {
 
-/// Creates the class `AuthManager` and puts it into the module's namespace.
+/// Creates the class `AuthManager` and adds it to the module.
 void add_manager_type(PyObject* module);
 
 /// Whether it is an instance of that type or of a subclass.

@@ -26,11 +26,11 @@ constinit const python::Name kLoggingStyle{"tessaline.logging_style"};
 
 constexpr std::int64_t kNoInterpreter = -1;
 
-// By its number: the address of an interpreter that has ended may be another's later.
+// The ID, because the address of an interpreter that has ended may be reused.
 std::atomic<std::int64_t> home{kNoInterpreter};
 bool executed = false;
 
-/// The component is process-wide, its threads and types included; a second interpreter of either kind would
+/// The component is process-wide, including its threads and types; a second interpreter, main or sub, would
 /// share them.
 void refuse_other_interpreters() {
   std::int64_t expected = kNoInterpreter;
@@ -48,7 +48,7 @@ void refuse_other_interpreters() {
   }
 }
 
-/// One attempt to execute the module. Where it fails, the component belongs to no interpreter yet.
+/// One attempt to initialise the module. If it fails, the component belongs to no interpreter yet.
 class Execution {
  public:
   Execution() { refuse_other_interpreters(); }
@@ -99,7 +99,7 @@ int execute(PyObject* module) {
 
 PyModuleDef_Slot slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(execute)},
-    // The check of our own refuses every second interpreter, isolated ones included, with one text.
+    // Our own check refuses every second interpreter, isolated ones included, with the same text.
     {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
     {0, nullptr},
 };

@@ -20,11 +20,11 @@ constinit const python::Name kThreadTarget{"_target"};
 constinit const python::Name kName{"__name__"};
 constinit const python::Name kSelf{"__self__"};
 
-/// The manager whose token the thread renews, unless it is closed; else empty. Threads know whom they serve,
-/// so that managers need not be listed anywhere.
+/// The manager whose token the thread renews, if that is not closed; else empty. The threads refer to their
+/// managers, so no list of managers is needed.
 Ref open_manager_of(PyObject* thread) {
   Ref manager;
-  // Threads of other kinds have no target, or one that is no method.
+  // Other threads have no target, or one that is not a method.
   python::best_effort([&] {
     const Ref target = python::attribute(thread, kThreadTarget);
     if (target.is_none() ||
@@ -52,7 +52,7 @@ PyObject* warn_of_unclosed(PyObject*, PyObject*) {
     std::vector<PyObject*> told;
     while (const Ref thread = python::next(each.get())) {
       const Ref manager = open_manager_of(thread.get());
-      // A thread that another one has superseded may not have ended yet.
+      // A superseded thread may not have ended yet.
       if (!manager || std::ranges::find(told, manager.get()) != told.end()) continue;
       told.push_back(manager.get());
       warn_of(manager.get());

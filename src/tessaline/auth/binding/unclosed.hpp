@@ -2,9 +2,9 @@
 
 namespace tessaline::auth::binding {
 
-/// Has the interpreter's end tell, by a ResourceWarning, of managers that still renew their token: nobody has
-/// closed them. Called with each manager; registered with the first, so that what a program registers later
-/// to close its managers comes before it.
+/// At exit, issues a ResourceWarning for each manager that nobody has closed and that still renews its token.
+/// Called for every manager, but registered with the first, so that handlers that the program registers later
+/// to close its managers run before it.
 void watch_for_unclosed_managers();
 
 }  // namespace tessaline::auth::binding

@@ -8,8 +8,8 @@
 
 namespace tessaline::auth {
 
-/// The component's exception types. Siblings directly under Exception: catching one never catches another.
-/// Borrowed, alive until the process ends; null before they are set.
+/// The component's exception types. Each derives directly from Exception: catching one never catches another.
+/// Borrowed, never freed; null before they are set.
 struct ErrorTypes {
   PyObject* invalid_key = nullptr;
   PyObject* auth = nullptr;
@@ -20,15 +20,14 @@ struct ErrorTypes {
 
 const ErrorTypes& error_types() noexcept;
 
-/// Called once, when the module is executed and has made them.
+/// Called once, by the module's initialisation, which creates them.
 void set_error_types(const ErrorTypes& made) noexcept;
 
-/// A new `AuthError(reason=…)`, with the note for that reason. An error gets its note where it is made, so
-/// that raising it again adds none.
+/// A new `AuthError(reason=…)` with the note for that reason. Notes are added here so that raising the error
+/// again adds none.
 python::Ref new_auth_error(std::string_view reason);
 
-/// A new `AuthError` that stands for the failure which another thread met: its reason is `text`, and the
-/// failure's notes go with it.
+/// A new `AuthError` for a failure in another thread: its reason is `text`, and it gets the failure's notes.
 python::Ref new_recorded_error(PyObject* text, PyObject* failure);
 
 [[noreturn]] void raise_auth_error(std::string_view reason);

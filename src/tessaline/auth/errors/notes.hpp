@@ -4,15 +4,14 @@
 
 #include "tessaline/auth/http/http_client.hpp"
 
-// What the caller can do about an error: one sentence, added to it as a note where the component makes it.
-// None of them holds anything secret.
+// Notes that advise the caller about an error, one sentence each. None contains secrets.
 
 namespace tessaline::auth::notes {
 
-/// The sentence for an error with this reason; empty for a reason that is not the component's.
+/// The sentence for an error with this reason; empty for a reason that is not the component's own.
 std::string_view for_reason(std::string_view reason) noexcept;
 
-/// The same for a failure below HTTP.
+/// The sentence for a failure below HTTP.
 std::string_view for_failure(http::FailureKind kind) noexcept;
 
 // Arguments.
@@ -26,12 +25,12 @@ inline constexpr std::string_view kUrlForm =
 inline constexpr std::string_view kDisplayNameType = "a display name is a str, and None resets it";
 inline constexpr std::string_view kEraNumberType = "an era number is an int from 1";
 
-// Callables that were given to the manager.
+// Callables that the program passes to the manager.
 inline constexpr const char* kClockReading = "the clock has to return seconds as a number, and returned %s";
 inline constexpr std::string_view kTransportAnswer =
     "a transport has to return status (int), headers (mapping) and body (bytes)";
 
-// Use of the manager.
+// Using the manager.
 inline constexpr std::string_view kNotConstructed =
     "a subclass has to call AuthManager.__init__ before anything else";
 inline constexpr std::string_view kNoCopies =
@@ -46,7 +45,7 @@ inline constexpr std::string_view kOneInterpreter =
     "import it in one interpreter only, and start a process for each other one";
 inline constexpr std::string_view kOneImport = "keep the module in sys.modules instead of importing it anew";
 
-// The way to the server.
+// Network, proxies and trust.
 inline constexpr const char* kRoots =
     "trusted were the roots in %s and %s: the environment variables SSL_CERT_FILE and SSL_CERT_DIR name "
     "others";

@@ -22,7 +22,7 @@ const unsigned char* bytes_of(const std::string& text) {
   return reinterpret_cast<const unsigned char*>(text.data());
 }
 
-/// A walk over the elements of a certificate (RFC 5280, section 4.1) without reading them.
+/// Steps over the DER elements of a certificate (RFC 5280, section 4.1) without parsing them.
 class Elements {
  public:
   explicit Elements(const std::string& der) : next_(bytes_of(der)), end_(next_ + der.size()) {}
@@ -95,7 +95,7 @@ struct OpenSslMemory {
   void operator()(void* memory) const noexcept { OPENSSL_free(memory); }
 };
 
-/// Whether OpenSSL said why there is no further block, and it was not that the text has ended.
+/// Whether OpenSSL reported another error than the end of the text.
 bool ended_badly() {
   const unsigned long error = ERR_peek_last_error();
   const bool no_more = ERR_GET_LIB(error) == ERR_LIB_PEM && ERR_GET_REASON(error) == PEM_R_NO_START_LINE;
@@ -103,8 +103,7 @@ bool ended_badly() {
   return error != 0 && !no_more;
 }
 
-/// How many certificates the file means to hold: one that has no end, or no content, is passed over in
-/// silence.
+/// The number of BEGIN lines. OpenSSL silently skips a certificate that has no END line or no content.
 std::size_t count_begun(std::string_view text) {
   std::size_t begun = 0;
   for (const char* label : {PEM_STRING_X509, PEM_STRING_X509_OLD, PEM_STRING_X509_TRUSTED}) {
@@ -160,7 +159,7 @@ CertificateHandle StoredCertificate::parse() const {
   ERR_set_mark();
   CertificateHandle certificate(with_trust_ ? d2i_X509_AUX(nullptr, &data, length)
                                             : d2i_X509(nullptr, &data, length));
-  // What OpenSSL works out of the extensions at their first use, before several threads use them.
+  // OpenSSL caches the extensions at their first use: before several threads use the certificate.
   if (certificate) X509_check_purpose(certificate.get(), -1, 0);
   ERR_pop_to_mark();
   return certificate;

@@ -7,13 +7,12 @@
 
 namespace tessaline::auth::http {
 
-/// Takes the chunked transfer coding off a body (RFC 9112, section 7.1). libcurl looks at it too, to know
-/// where the body ends, but says in words only, and in other ones from version to version, what is wrong with
-/// it.
+/// Decodes the chunked transfer coding (RFC 9112, section 7.1). libcurl parses it too, to find the end of the
+/// body, but reports errors only as texts that differ between versions.
 class ChunkedBody {
  public:
-  /// Appends the content of the next bytes to `body`. False when they cannot belong to a chunked body, or
-  /// when its trailers are too long. Throws std::bad_alloc and std::length_error.
+  /// Appends the content of the next bytes to `body`. False if they are not part of a valid chunked body, or
+  /// if its trailers are too long. Throws std::bad_alloc and std::length_error.
   bool add(std::string_view bytes, std::string& body);
 
   bool complete() const noexcept { return state_ == State::kComplete; }

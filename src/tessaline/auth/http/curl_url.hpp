@@ -8,15 +8,15 @@
 
 namespace tessaline::auth::http {
 
-/// libcurl's reader of URLs. Every member throws std::bad_alloc.
+/// libcurl's URL parser. Every member throws std::bad_alloc.
 class CurlUrl {
  public:
   CurlUrl();
 
-  /// False for what is none.
+  /// False if the text is invalid.
   bool set(CURLUPart part, const std::string& text, unsigned flags);
 
-  /// Nothing where the URL has no such part.
+  /// Empty if the URL has no such part.
   std::optional<std::string> get(CURLUPart part, unsigned flags = 0) const;
 
  private:

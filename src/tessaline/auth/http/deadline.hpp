@@ -5,7 +5,7 @@
 
 namespace tessaline::auth::http {
 
-/// When a whole request must be over. Made from a time-out; one too long for libcurl to count is none.
+/// When a whole request must be complete. Made from a time-out; one too long for libcurl counts as none.
 class Deadline {
  public:
   using Clock = std::chrono::steady_clock;
@@ -16,10 +16,10 @@ class Deadline {
   bool bounded() const noexcept { return end_.has_value(); }
   bool passed(Clock::time_point now = Clock::now()) const noexcept;
 
-  /// What is left, never less than one millisecond: zero would mean "no bound" to libcurl.
+  /// The remaining time, at least one millisecond: zero would mean "no limit" to libcurl.
   std::chrono::milliseconds left(Clock::time_point now = Clock::now()) const noexcept;
 
-  /// As asked for, for messages.
+  /// As passed by the caller, for messages.
   double seconds() const noexcept { return seconds_; }
 
  private:

@@ -22,13 +22,13 @@ std::string seconds_text(double seconds) {
   return text.data();
 }
 
-/// Whom the connection was with when it failed, as a message names it.
+/// The peer of the connection when it failed, as a message names it.
 std::string party_of(const Fault& fault, const Url& url) {
   const bool at_proxy = fault.proxy && !fault.tunnelled;
   return at_proxy ? "proxy " + fault.proxy->peer() + " for " + url.peer() : url.peer();
 }
 
-/// As a certificate has it: an IPv6 address without its brackets.
+/// As certificates write it: an IPv6 address without its brackets.
 std::string host_of(const Fault& fault, const Url& url) {
   const std::string& host = fault.proxy && !fault.tunnelled ? fault.proxy->host : url.host;
   return host.starts_with('[') ? host.substr(1, host.size() - 2) : host;
@@ -38,7 +38,7 @@ bool is_address(const std::string& host) {
   return host.find(':') != std::string::npos || host.find_first_not_of("0123456789.") == std::string::npos;
 }
 
-/// libcurl looks at the name itself, and OpenSSL has found nothing wrong then. In Python's words.
+/// libcurl checks the host name itself; OpenSSL then reports no error. The texts are Python's.
 void add_certificate_detail(const Fault& fault, const Url& url, FailureDetail& detail) {
   detail.tls_reason = "CERTIFICATE_VERIFY_FAILED";
   detail.verify_code = fault.tls.verify_code;
@@ -101,8 +101,8 @@ std::string message_of(FailureKind kind, const FailureDetail& detail, const Faul
       return party + " refused to connect";
     case FailureKind::kDescriptors:
       return "no descriptor is left for a connection to " + party;
-    case FailureKind::kTrustStore:   // worded where the certificates are read
-    case FailureKind::kInterrupted:  // by the caller, who words it himself
+    case FailureKind::kTrustStore:   // the message is made where the certificates are read
+    case FailureKind::kInterrupted:  // the caller makes the message
     case FailureKind::kOther:
       break;
   }

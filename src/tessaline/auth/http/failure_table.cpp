@@ -12,7 +12,7 @@ namespace {
 
 using enum FailureKind;
 
-// The first row that fits decides. Nothing here depends on words, neither libcurl's nor OpenSSL's.
+// The first matching row decides. Nothing here depends on texts, neither libcurl's nor OpenSSL's.
 constexpr FailureRow kTable[] = {
     {CURLE_URL_MALFORMAT, Seen::kAnything, kInvalidRequest, "7.88 - 8.23"},
     {CURLE_COULDNT_RESOLVE_HOST, Seen::kAnything, kUnresolvable, "7.88 - 8.23"},
@@ -49,15 +49,15 @@ constexpr FailureRow kTable[] = {
     {CURLE_RECV_ERROR, Seen::kTlsInBody, kTruncated, "7.88 - 8.23"},
     {CURLE_RECV_ERROR, Seen::kAnything, kReset, "7.88 - 8.23"},
     {CURLE_PARTIAL_FILE, Seen::kAnything, kTruncated, "7.88 - 8.23"},
-    // A version of HTTP that libcurl does not know, or none at all.
+    // Not HTTP, or a version that libcurl does not know.
     {CURLE_UNSUPPORTED_PROTOCOL, Seen::kAnything, kMalformedResponse, "7.88 - 8.23"},
     {CURLE_WEIRD_SERVER_REPLY, Seen::kAnything, kMalformedResponse, "7.88 - 8.23"},
     {CURLE_BAD_CONTENT_ENCODING, Seen::kAnything, kMalformedResponse, "none"},
     {CURLE_FILESIZE_EXCEEDED, Seen::kAnything, kMalformedResponse, "none"},
-    // A line or a piece of body that our own callbacks refused.
+    // A header line or a part of the body that our callbacks refused.
     {CURLE_WRITE_ERROR, Seen::kAnything, kMalformedResponse, "7.88 - 8.23"},
     {kCodeTooLarge, Seen::kAnything, kMalformedResponse, "8.6 - 8.23"},
-    // Memory that is short indeed has been told from it before.
+    // std::bad_alloc has been thrown before if memory is really short.
     {CURLE_OUT_OF_MEMORY, Seen::kLongLine, kMalformedResponse, "7.88"},
     // A head that starts with a continuation line.
     {CURLE_BAD_FUNCTION_ARGUMENT, Seen::kAnswer, kMalformedResponse, "7.88"},

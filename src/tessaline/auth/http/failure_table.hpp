@@ -6,34 +6,34 @@
 
 namespace tessaline::auth::http {
 
-/// CURLE_TOO_LARGE, which headers before 8.6 do not name.
+/// CURLE_TOO_LARGE, which headers before 8.6 do not define.
 inline constexpr auto kCodeTooLarge = static_cast<CURLcode>(100);
 
-/// What the table asks of a fault besides libcurl's code.
+/// What a row of the table requires besides libcurl's code.
 enum class Seen {
   kAnything,
-  kTimeOut,       ///< the system's error number says so
-  kNoRoute,       ///< the same
-  kConnectReset,  ///< the same
+  kTimeOut,       ///< by the system's error number
+  kNoRoute,       ///< likewise
+  kConnectReset,  ///< likewise
   kFatalAlert,    ///< TLS ended with an alert, by either side
   kUntrusted,     ///< the peer's certificate was refused
-  kHangUp,        ///< the connection ended in the middle of TLS with nothing wrong before
-  kTlsInBody,     ///< the head of the answer had come, over TLS
-  kAnswer,        ///< an answer had begun
+  kHangUp,        ///< the peer closed the connection during TLS, without another error
+  kTlsInBody,     ///< over TLS, after the head of the response
+  kAnswer,        ///< a response had begun
   kLongLine,      ///< more bytes than a line may have
-  kProxyAway,     ///< the proxy's reply says that the server cannot be reached
+  kProxyAway,     ///< the proxy's reply says that it cannot reach the server
 };
 
 struct FailureRow {
   CURLcode code;
   Seen seen;
   FailureKind kind;
-  const char* observed;  ///< with which versions of libcurl
+  const char* observed;  ///< the versions of libcurl that return this code
 };
 
 bool holds(Seen seen, const Fault& fault) noexcept;
 
-/// The first row that fits; kOther where none does.
+/// The first matching row; kOther if none matches.
 FailureKind look_up(const Fault& fault) noexcept;
 
 }  // namespace tessaline::auth::http

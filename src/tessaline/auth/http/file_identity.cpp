@@ -7,7 +7,7 @@ namespace {
 
 // File systems stamp changes with the kernel's coarse clock, which ticks at least a hundred times a second.
 constexpr double kSettlingSeconds = 0.02;
-// Some keep whole seconds, or every second one.
+// Some have a resolution of one or two seconds.
 constexpr double kCoarseSettlingSeconds = 2.1;
 
 bool has_settled(const timespec& changed) noexcept {
@@ -15,7 +15,7 @@ bool has_settled(const timespec& changed) noexcept {
   clock_gettime(CLOCK_REALTIME, &now);
   const double age = static_cast<double>(now.tv_sec - changed.tv_sec) +
                      static_cast<double>(now.tv_nsec - changed.tv_nsec) * 1e-9;
-  // A change from the future was stamped by another machine's clock, and waiting for it would be long.
+  // A time in the future comes from another machine's clock, and might stay in the future for long.
   return std::abs(age) > (changed.tv_nsec == 0 ? kCoarseSettlingSeconds : kSettlingSeconds);
 }
 

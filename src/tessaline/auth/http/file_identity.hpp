@@ -7,21 +7,21 @@
 
 namespace tessaline::auth::http {
 
-/// Which file or directory a path named at one moment, and when that was last changed: what tells without
-/// reading it whether it is still the same.
+/// Which file or directory a path named, and when that was last modified: shows without reading it whether it
+/// has changed.
 class FileIdentity {
  public:
-  /// Of the file that `path` leads to; of none where there is none.
+  /// Of the file that `path` names, if any.
   static FileIdentity of(const std::string& path) noexcept;
 
   /// Of an open file.
   static FileIdentity of(int descriptor) noexcept;
 
-  /// Whether it was changed long enough before it was looked at for every later change to leave a trace: two
-  /// within one tick of the file system's clock do not.
+  /// Whether the last change was long enough before this was taken for every later change to be visible: two
+  /// changes within one tick of the file system's clock have the same time stamp.
   bool settled() const noexcept { return settled_; }
 
-  /// Whether both are the same, and unchanged as far as can be seen.
+  /// Whether both are the same file, with no visible change.
   bool looks_like(const FileIdentity& other) const noexcept;
 
  private:

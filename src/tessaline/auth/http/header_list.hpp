@@ -14,8 +14,8 @@ struct HeaderListCleanup {
 };
 using HeaderList = std::unique_ptr<curl_slist, HeaderListCleanup>;
 
-/// The fields as libcurl wants them: framing is left to it, and of its own fields those are switched off that
-/// nobody asked for. Throws std::bad_alloc.
+/// The fields for libcurl, without framing, which libcurl adds itself. Removes the fields that libcurl would
+/// add unasked. Throws std::bad_alloc.
 HeaderList make_header_list(const Headers& headers);
 
 }  // namespace tessaline::auth::http

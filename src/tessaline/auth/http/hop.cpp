@@ -13,13 +13,13 @@
 namespace tessaline::auth::http {
 namespace {
 
-/// The proxy that may have made the answer itself: through a tunnel nothing but the server does.
+/// The proxy that may have made the response itself; through a tunnel, only the server can.
 const Proxy* answering_proxy(const Hop& hop, const Route& route) {
   const bool may_answer = route.proxy && route.proxy->speaks_http() && hop.url.scheme == "http";
   return may_answer ? &*route.proxy : nullptr;
 }
 
-/// One try, on a connection of the pool; nothing when a kept one turned out to be gone.
+/// One try on a pooled connection; empty if the server had closed a kept connection.
 std::optional<Response> try_on(const Route& route, const Hop& hop, const Circumstances& around,
                                const SessionPool::Wish& wish) {
   const SessionLease lease(wish);
@@ -27,7 +27,7 @@ std::optional<Response> try_on(const Route& route, const Hop& hop, const Circums
   transfer.prepare(around.deadline);
   const bool answered = transfer.run(around.ticker);
   Response response = transfer.take_response();
-  // A proxy may end the connection with the request half read, when it has refused it.
+  // A proxy that refuses a request may close the connection before it has read all of it.
   const bool has_head = answered || transfer.fault().head_complete;
   const Proxy* const proxy = answering_proxy(hop, route);
   if (has_head && proxy != nullptr && is_of_the_proxy(response)) {
@@ -51,7 +51,7 @@ Response answer_to(const Hop& hop, const Circumstances& around) {
       if (auto response = try_on(route, hop, around, wish)) return std::move(*response);
       wish.fresh = true;
     } catch (const TransportFailure& failure) {
-      // Whoever has a connection to the server will be done with it.
+      // Another request has a connection to this server and will return it to the pool.
       if (wish.patient || failure.kind() != FailureKind::kDescriptors) throw;
       wish.patient = true;
     }

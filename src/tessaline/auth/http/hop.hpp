@@ -9,13 +9,12 @@
 
 namespace tessaline::auth::http {
 
-/// What a request sends to be answered once: at first, and again after a redirection. The body stays the
-/// caller's.
+/// What one hop sends. The caller owns the body.
 struct Hop {
   Url url;
   std::string method;
   Headers headers;
-  std::string user_agent{};  ///< empty: the client's own
+  std::string user_agent{};  ///< empty: the client's default
   const std::string* body = nullptr;
 };
 
@@ -27,7 +26,7 @@ struct Circumstances {
   Ticker& ticker;
 };
 
-/// The answer, whatever its status, on a pooled session. The calling thread is inside libcurl. Throws
+/// The response, whatever its status, on a pooled session. The calling thread is inside libcurl. Throws
 /// TransportFailure and std::bad_alloc, and what the ticker throws.
 Response answer_to(const Hop& hop, const Circumstances& around);
 

@@ -17,9 +17,9 @@ namespace {
 
 constinit bool running = false;  // under the process mutex
 
-/// What is next to be closed; nothing when this thread is not needed any more.
+/// When the next connection is to be closed; empty if this thread is no longer needed.
 std::optional<SessionPool::TimePoint> close_outdated() {
-  const process::Inside inside;  // to close is to speak TLS
+  const process::Inside inside;  // closing a connection sends TLS messages
   return SessionPool::shared().close_outdated(std::chrono::steady_clock::now());
 }
 
@@ -29,8 +29,7 @@ bool may_end() {
   return !running;
 }
 
-// Sleeps before it looks: nothing is outdated sooner, and a busy program would start it anew for every
-// request.
+// Sleeps first: nothing is outdated sooner, and a busy program would otherwise restart it for every request.
 void* reap(void*) {
   auto next = std::chrono::steady_clock::now() + kLongestIdle;
   for (;;) {
@@ -50,7 +49,7 @@ void need() noexcept {
   pthread_attr_t detached;
   if (pthread_attr_init(&detached) != 0) return;
   pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED);
-  // Signals are for the threads of the program.
+  // Signals are for the program's threads.
   sigset_t all;
   sigset_t before;
   sigfillset(&all);

@@ -1,13 +1,13 @@
 #pragma once
 
-/// Closes the connections that nobody uses any more, also when no further request comes.
+/// Closes idle connections after a while, even if no further request comes.
 namespace tessaline::auth::http::idle_reaper {
 
-/// Something is idle. Starts a thread where there is none, which ends once nothing is idle. Under the process
-/// mutex. Where no thread can be had, the next call tries again.
+/// To be called under the process mutex when a session becomes idle. Starts the thread if it is not running;
+/// it ends when no session is idle. If it cannot be started, the next call tries again.
 void need() noexcept;
 
-/// In a forked child, which has no such thread.
+/// In a forked child, which does not have the thread.
 void forget() noexcept;
 
 }  // namespace tessaline::auth::http::idle_reaper

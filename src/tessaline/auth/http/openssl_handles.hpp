@@ -24,7 +24,7 @@ using NameHandle = std::unique_ptr<X509_NAME, OpenSslFree<X509_NAME_free>>;
 using StoreHandle = std::unique_ptr<X509_STORE, OpenSslFree<X509_STORE_free>>;
 using TlsSession = std::unique_ptr<SSL_SESSION, OpenSslFree<SSL_SESSION_free>>;
 
-/// What a call of the library made, or else std::bad_alloc.
+/// Returns what an OpenSSL call made; throws std::bad_alloc for null.
 template <typename Object>
 Object* made(Object* object) {
   if (object == nullptr) throw std::bad_alloc();

@@ -17,7 +17,7 @@
 namespace tessaline::auth::http::process {
 namespace {
 
-// None of these has a destructor to run at exit.
+// None of these has a destructor that runs at exit.
 constinit std::mutex process_mutex;
 constinit std::atomic<bool> started = false;
 constinit std::atomic<bool> exiting = false;
@@ -25,15 +25,15 @@ constinit std::atomic<int> inside_count = 0;
 constinit std::atomic<unsigned long> fork_count = 0;
 constinit pthread_t exit_thread{};
 
-// Shared by those inside; a fork takes it alone.
+// Threads inside libcurl share it; a fork takes it exclusively.
 constinit pthread_rwlock_t fork_gate = PTHREAD_RWLOCK_INITIALIZER;
 constinit bool gate_closed = false;
 
-// Passed on the way in, and kept by a fork: a writer that waits for the gate holds no reader back, so busy
-// threads would never let it through.
+// Every thread takes it to enter, and a fork keeps it: readers pass a waiting writer of the lock above, so
+// busy threads would never let the fork through.
 constinit std::mutex fork_turnstile;
 
-// Of the fork that is under way, and holds the process mutex.
+// The thread of the current fork, which holds the process mutex.
 constinit std::atomic<pthread_t> fork_thread{};
 constinit int fork_depth = 0;
 
@@ -55,7 +55,7 @@ void wait_for_threads_at_exit() {
   }
 }
 
-// Every step that succeeded is not repeated when a later one failed and a later request tries again.
+// Steps that have succeeded are not repeated when a later request tries again.
 void start_locked() {
   static bool library_ready = false;
   static bool exit_handled = false;
@@ -68,7 +68,7 @@ void start_locked() {
     library_ready = true;
   }
   if (!exit_handled) {
-    // Registered after OpenSSL's own clean-up, which the line above made, so that it runs before that.
+    // Registered after OpenSSL's own exit handler (curl_global_init registers it), so it runs before that.
     if (std::atexit(wait_for_threads_at_exit) != 0) throw std::bad_alloc();
     exit_handled = true;
   }
@@ -90,7 +90,7 @@ void enter() noexcept {
     pthread_rwlock_rdlock(&fork_gate);
   }
   inside_count.fetch_add(1);
-  // Only now: a thread that does not see the exit is seen by it.
+  // After the increment: either this thread sees the exit, or the exit sees this thread.
   if (!exiting.load()) return;
   leave();
   park();
@@ -129,10 +129,10 @@ void after_fork_in_parent() noexcept {
 void after_fork_in_child() noexcept {
   if (!is_last_of_fork()) return;
   if (gate_closed) pthread_rwlock_unlock(&fork_gate);
-  // Made anew all the same: it may count threads that waited at it, and they are gone.
+  // Re-created even so: it may count threads that waited for it in the parent.
   fork_gate = PTHREAD_RWLOCK_INITIALIZER;
   inside_count.store(0);
-  exiting.store(false);  // that is another thread's business, which is not here
+  exiting.store(false);  // the thread that exits is in the parent
   fork_count.fetch_add(1);
   SessionPool::shared().forget_all();
   Trust::forget_all();

@@ -2,29 +2,28 @@
 
 #include <mutex>
 
-/// What a process that uses libcurl must care for once: its start, its forks and its exit.
+/// What a process that uses libcurl needs once: initialisation, fork handlers and an exit handler.
 namespace tessaline::auth::http::process {
 
-/// Guards the session pool and every session's list of sockets. Held across a fork. No libcurl call that can
-/// run a callback is made under it.
+/// Guards the session pool and every session's list of sockets. Held across a fork. Never held during a
+/// libcurl call that may run a callback.
 std::mutex& mutex() noexcept;
 
-/// Who uses this room calls these around each fork of the process, on the thread that forks, from before the
-/// first request on: registered later, a fork that is under way already would not run them. For one fork they
-/// may be called several times, nested.
+/// The user of `http/` calls these around each fork, on the forking thread, from before its first request:
+/// handlers that are registered during a fork do not run for that fork. Calls for one fork may be nested.
 void before_fork() noexcept;
 void after_fork_in_parent() noexcept;
 void after_fork_in_child() noexcept;
 
-/// How many forks lie between this process and the first one. What was made under another number belongs to a
-/// parent process.
+/// The number of forks between this process and the first one. What was made under another number belongs to
+/// a parent process.
 unsigned long generation() noexcept;
 
-/// The calling thread is inside libcurl. A fork waits until nobody is, so that no lock of libcurl or OpenSSL
-/// is held in the child by a thread that is not there; so does the exit, for a moment, before their globals
-/// are torn down. Who comes in while the process is exiting is parked for ever.
+/// The calling thread is inside libcurl. A fork waits until no thread is, so that the child inherits no
+/// locked mutex of libcurl or OpenSSL. The exit waits briefly too, before their globals are destroyed.
+/// Threads that enter while the process exits are parked for ever.
 ///
-/// Sets libcurl up on first use; throws std::bad_alloc or TransportFailure when that fails.
+/// Initialises libcurl at the first use; throws std::bad_alloc or TransportFailure if that fails.
 class Inside {
  public:
   Inside();
@@ -33,7 +32,7 @@ class Inside {
   Inside& operator=(const Inside&) = delete;
 };
 
-/// The calling thread, otherwise inside, waits or runs foreign code for a while.
+/// Leaves libcurl for a while, to wait or to run foreign code.
 class Outside {
  public:
   Outside() noexcept;

@@ -23,7 +23,7 @@ constexpr std::array<std::string_view, 6> kSchemes = {"http",    "https",  "sock
   throw TransportFailure(FailureKind::kProxyRefused, why, {.through_proxy = true});
 }
 
-/// Some versions of libcurl go on without the proxy when they cannot decode its user or password.
+/// Some versions of libcurl connect without the proxy if they cannot decode its user or password.
 bool is_sendable(const CurlUrl& url, CURLUPart part) {
   if (!url.get(part)) return true;
   const auto decoded = url.get(part, CURLU_URLDECODE);
@@ -34,12 +34,12 @@ Proxy parse(const std::string& text) {
   CurlUrl url;
   constexpr unsigned kFlags = CURLU_NON_SUPPORT_SCHEME | CURLU_GUESS_SCHEME;
   Proxy proxy;
-  // Without a scheme it would be guessed from the host's name.
+  // Otherwise libcurl guesses the scheme from the host name.
   const std::string whole = text.find("://") == std::string::npos ? "http://" + text : text;
   proxy.url = whole;
   const bool valid = url.set(CURLUPART_URL, whole, kFlags);
   const std::optional<std::string> host = valid ? url.get(CURLUPART_HOST) : std::nullopt;
-  // A password with a slash in it would end the authority, and be taken for the port.
+  // An unescaped slash in a password would end the authority, and the password would be parsed as the port.
   const bool all_read =
       whole.find('@', whole.find_first_of("/?#", whole.find("://") + 3)) == std::string::npos;
   if (!host || !all_read || !is_sendable(url, CURLUPART_USER) || !is_sendable(url, CURLUPART_PASSWORD)) {
@@ -47,7 +47,7 @@ Proxy parse(const std::string& text) {
   }
   proxy.scheme = lower_case(url.get(CURLUPART_SCHEME).value_or("http"));
   proxy.host = *host;
-  // libcurl's own defaults.
+  // libcurl's defaults.
   proxy.port = url.get(CURLUPART_PORT).value_or(proxy.speaks_tls() ? "443" : "1080");
   if (std::ranges::find(kSchemes, proxy.scheme) == kSchemes.end()) {
     refuse("proxy " + proxy.peer() + " has a scheme that is not supported");
@@ -65,7 +65,7 @@ std::string_view without_last_dot(std::string_view name) {
   return name;
 }
 
-/// An address in network order.
+/// An address in network byte order.
 struct Address {
   int family = AF_UNSPEC;
   std::array<unsigned char, sizeof(in6_addr)> bytes{};

@@ -8,10 +8,10 @@
 
 namespace tessaline::auth::http {
 
-/// Decides, answer by answer, where a request goes on to.
+/// Follows redirects, response by response.
 class RedirectTrail {
  public:
-  /// The hop that `response` to `hop` asks for; nothing when that response is the result.
+  /// The next hop; empty if `response` is the final one.
   std::optional<Hop> next(const Hop& hop, const Response& response);
 
  private:

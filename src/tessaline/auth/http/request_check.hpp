@@ -5,8 +5,8 @@
 
 namespace tessaline::auth::http {
 
-/// The URL of a request that can be sent. Throws TransportFailure(kInvalidRequest) for one that cannot, with
-/// a message that holds nothing of the URL and no field value.
+/// The parsed URL of a valid request. Throws TransportFailure(kInvalidRequest) for an invalid one, with a
+/// message that has nothing of the URL and no field value.
 Url check_request(const Request& request);
 
 }  // namespace tessaline::auth::http

@@ -14,7 +14,7 @@ std::string_view without_line_end(std::string_view line) {
   return line;
 }
 
-/// " 200" at the end or before a blank.
+/// " 200" at the end or before a space.
 bool has_status(std::string_view text) {
   constexpr std::size_t kSize = 4;
   if (text.size() < kSize || text.front() != ' ') return false;
@@ -22,7 +22,7 @@ bool has_status(std::string_view text) {
   return text.size() == kSize || text[kSize] == ' ';
 }
 
-/// Whether it is one of the codings in the list, as libcurl looks at it.
+/// Whether the list of codings has "chunked", parsed as libcurl does.
 bool names_chunked(std::string_view codings) {
   while (!codings.empty()) {
     const auto end = std::min(codings.find(','), codings.size());
@@ -57,7 +57,7 @@ bool ResponseHead::start(std::string_view status_line) {
   constexpr std::string_view kVersion = "HTTP/1.x";
   if (!status_line.starts_with("HTTP/1.") || status_line.size() < kVersion.size()) return false;
   const auto status = status_line.substr(kVersion.size());
-  if (!has_status(status) || status.starts_with(" 101")) return false;  // nobody asked to leave HTTP
+  if (!has_status(status) || status.starts_with(" 101")) return false;  // no upgrade was requested
   interim_ = status.starts_with(" 1");
   state_ = State::kFields;
   fields_.clear();
@@ -83,7 +83,7 @@ bool ResponseHead::add_field(std::string_view line) {
   return true;
 }
 
-// libcurl passes over a length that it cannot read, and then cannot tell a whole body from a cut one.
+// libcurl ignores an invalid length, and then cannot detect a truncated body.
 bool ResponseHead::accept_length(std::string_view length) {
   const bool readable = !length.empty() && length.size() <= kMostLengthDigits &&
                         length.find_first_not_of("0123456789") == std::string_view::npos;

@@ -9,12 +9,12 @@
 
 namespace tessaline::auth::http {
 
-/// Collects the fields of the last head among the lines that libcurl hands over: heads of interim answers are
-/// forgotten when the next one starts, lines after the final head (trailers) are passed over. What is no head
-/// of an answer, or a larger one than the bounds allow, is told here, since versions of libcurl differ in it.
+/// Collects the fields of the last head from the lines that libcurl passes on: the next head replaces an
+/// interim one, and lines after the final head (trailers) are ignored. Rejects invalid and too large heads
+/// itself, since versions of libcurl differ in that.
 class ResponseHead {
  public:
-  /// False when the line cannot belong to an answer to an HTTP/1 request.
+  /// False if the line cannot be part of an HTTP/1 response.
   bool add_line(std::string_view line);
 
   bool begun() const noexcept { return state_ != State::kNothing; }
@@ -34,12 +34,12 @@ class ResponseHead {
 
   State state_ = State::kNothing;
   Headers fields_;
-  std::unordered_set<std::string> names_;  // in lower case
-  std::string length_;                     // "Content-Length", where there is one
+  std::unordered_set<std::string> names_;  // in lowercase
+  std::string length_;                     // "Content-Length", if any
   std::size_t bytes_ = 0;                  ///< of all heads
   std::size_t lines_ = 0;
   bool last_kept_ = false;
-  bool last_frames_ = false;  ///< the last field says where the body ends
+  bool last_frames_ = false;  ///< the last field determines where the body ends
   bool interim_ = false;
   bool chunked_ = false;
 };

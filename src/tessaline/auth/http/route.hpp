@@ -11,13 +11,14 @@
 
 namespace tessaline::auth::http {
 
-/// The way to a server: all that two requests must have in common to share a connection.
+/// The way to a server: two requests share a connection only if all of this is equal.
 struct Route {
   std::string origin;
   std::optional<Proxy> proxy;
-  std::shared_ptr<const Trust> trust;  ///< null where no TLS is spoken on the way
+  std::shared_ptr<const Trust> trust;  ///< null without TLS
 
-  /// As it is now. Throws TransportFailure (kTrustStore, kDescriptors, kProxyRefused) and std::bad_alloc.
+  /// With the current proxies and roots. Throws TransportFailure (kTrustStore, kDescriptors, kProxyRefused)
+  /// and std::bad_alloc.
   static Route to(const Url& url, const ProxySettings& proxies, const TrustStore& places);
 
   bool operator==(const Route& other) const;

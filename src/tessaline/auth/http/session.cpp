@@ -97,7 +97,7 @@ void Session::abandon() noexcept {
 
 curl_socket_t Session::open_socket(void* session, curlsocktype, curl_sockaddr* address) noexcept {
   auto& self = *static_cast<Session*>(session);
-  // A fork comes before or after, never between, so the child closes all that it inherits.
+  // A fork happens before or after, never between, so the child closes every socket that it inherits.
   const std::lock_guard lock(process::mutex());
   const curl_socket_t descriptor =
       socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);

@@ -12,7 +12,7 @@
 
 namespace tessaline::auth::http {
 
-/// Every member but `sleep` is for a thread that holds the process mutex.
+/// All members except `sleep` are called under the process mutex.
 class SessionPool::Waiter {
  public:
   Waiter(SessionPool& pool, const Wish& wish) : pool_(pool), wish_(wish) {}
@@ -43,7 +43,7 @@ class SessionPool::Waiter {
     awake_.notify_one();
   }
 
-  /// Not under the mutex, and inside libcurl. Returns when woken, or then.
+  /// To be called without the mutex, inside libcurl. Returns when woken or at `until`.
   void sleep(TimePoint until) {
     const process::Outside outside;
     std::unique_lock lock(process::mutex());
@@ -95,7 +95,7 @@ Session& SessionPool::take(const Wish& wish, TimePoint now) {
     }
     if (wish.deadline.passed(now)) throw timed_out(wish.ticker.peer(), wish.deadline);
     const auto left = std::min(wish.ticker.until_due(), wish.deadline.left(now));
-    outdated.clear();  // a fork may come while this sleeps
+    outdated.clear();  // it may fork during the sleep
     waiter.sleep(std::min(chosen.next_try, now + left));
     wish.ticker.call_if_due();
     now = std::chrono::steady_clock::now();
@@ -107,7 +107,7 @@ void SessionPool::give_back(Session& session, TimePoint now) noexcept {
   const std::lock_guard lock(process::mutex());
   if (!session.belongs_to_this_process()) return;
   if (hand_over(session)) {
-    // Whoever is the first now has counted on more before it.
+    // The first waiter may have counted on waiters before it.
     if (now - burst_on(session.route).latest >= kPace) wake_first(session.route);
     return;
   }

@@ -15,9 +15,8 @@ namespace tessaline::auth::http {
 
 /// Owns every session of the process, idle and leased. Any thread may take and give back.
 ///
-/// A burst of requests on one route does not open a connection each: the first few do, and the others wait
-/// for one of these to become free, but not long, since more connections are begun at a steady pace while any
-/// wait.
+/// In a burst of requests on one route only the first few open a connection at once. The others wait for one
+/// of these; while any waits, further connections are opened at a steady pace.
 class SessionPool {
  public:
   using TimePoint = Session::TimePoint;
@@ -25,8 +24,8 @@ class SessionPool {
   /// What a request wants of the pool.
   struct Wish {
     const Route& route;
-    bool fresh;    ///< no connection that has been used
-    bool patient;  ///< none but those that there are, while there is one: no descriptor was left for another
+    bool fresh;    ///< no used connection
+    bool patient;  ///< only existing connections, if there are any: there was no descriptor for another
     const Deadline& deadline;
     Ticker& ticker;
   };
@@ -34,18 +33,16 @@ class SessionPool {
   /// The pool of the process; never destroyed.
   static SessionPool& shared();
 
-  /// The session last used for the route, or else one without a connection, or else a new one: a session with
-  /// another connection is not used for this route, since libcurl might keep the wrong one of the two.
-  /// Sessions that were idle too long are closed, as is the oldest when enough are idle. Waits where
-  /// connections to the route are many. Throws std::bad_alloc, TransportFailure (kTimedOut, kDescriptors),
-  /// and what the ticker throws.
+  /// The session last used for the route, else one without a connection, else a new one. Never a session with
+  /// another connection: libcurl might keep the wrong one of the two. Closes sessions that were idle too
+  /// long, and the oldest if enough are idle. Waits if the route has many connections. Throws std::bad_alloc,
+  /// TransportFailure (kTimedOut, kDescriptors), and what the ticker throws.
   Session& take(const Wish& wish, TimePoint now = std::chrono::steady_clock::now());
 
-  /// A session of a parent process is left alone. Goes to whoever waits longest for its route.
+  /// Ignores a session of a parent process. The first waiter for its route gets it.
   void give_back(Session& session, TimePoint now = std::chrono::steady_clock::now()) noexcept;
 
-  /// Closes what has been idle too long at that time. Tells when the next one will have been; nothing when
-  /// none is idle.
+  /// Closes what has been idle too long at `now`. Returns when the next one is due; empty if none is idle.
   std::optional<TimePoint> close_outdated(TimePoint now) noexcept;
 
   std::size_t idle_count() const;
@@ -54,7 +51,7 @@ class SessionPool {
   /// Under the process mutex.
   bool has_idle() const noexcept;
 
-  /// In a forked child, under the process mutex: leaves every session to the parent.
+  /// In a forked child, under the process mutex: abandons every session, which belong to the parent.
   void forget_all() noexcept;
 
  private:
@@ -69,7 +66,7 @@ class SessionPool {
     TimePoint next_try{};
   };
 
-  /// The connections of a route, open or about to be, and when the latest of them was begun.
+  /// The connections of a route, open or about to be, and when the latest was begun.
   struct Burst {
     std::size_t connections = 0;
     TimePoint latest{};
@@ -88,10 +85,10 @@ class SessionPool {
   std::size_t count_idle() const noexcept;
 
   std::vector<Owned> sessions_;
-  std::vector<Waiter*> waiters_;  ///< in the order in which they came
+  std::vector<Waiter*> waiters_;  ///< in order of arrival
 };
 
-/// A session of the shared pool for as long as this object lives.
+/// Leases a session of the shared pool.
 class SessionLease {
  public:
   explicit SessionLease(const SessionPool::Wish& wish) : session_(SessionPool::shared().take(wish)) {}

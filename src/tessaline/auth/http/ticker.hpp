@@ -7,7 +7,7 @@
 
 namespace tessaline::auth::http {
 
-/// Calls the tick of one request when it is due, wherever the request waits.
+/// Calls the tick of a request when it is due, wherever the request waits.
 class Ticker {
  public:
   using Clock = std::chrono::steady_clock;
@@ -15,11 +15,11 @@ class Ticker {
   /// `peer` is "host:port", for messages. The tick must outlive this object.
   Ticker(const Tick& tick, std::string peer);
 
-  /// How long the request may sleep before it calls `call_if_due`; long where there is no tick.
+  /// How long the request may sleep before it calls `call_if_due`; long if there is no tick.
   std::chrono::milliseconds until_due() const;
 
-  /// Called inside libcurl; the tick runs outside. Throws what it throws, and TransportFailure: kInterrupted
-  /// when it stops the request, kReset in a child that it forked.
+  /// Called inside libcurl; the tick runs outside. Throws what the tick throws, and TransportFailure:
+  /// kInterrupted if the tick stops the request, kReset in a child that the tick forked.
   void call_if_due();
 
   const std::string& peer() const noexcept { return peer_; }

@@ -20,7 +20,7 @@ struct Binding {
   std::string peer;
   TlsWatch* watch;
   const SSL* connection = nullptr;
-  std::time_t offered_verified_at = 0;  ///< of the session that was offered
+  std::time_t offered_verified_at = 0;  ///< of the offered session
 
   ~Binding() { std::erase(watch->open, connection); }
 };
@@ -43,17 +43,17 @@ int on_new_session(SSL* connection, SSL_SESSION* session) {
   const Binding& binding = binding_of(connection);
   if (SSL_get_verify_result(connection) != X509_V_OK) return 0;
   try {
-    // Each resumption brings a new session; the certificate was looked at for the first one only.
+    // Each resumption brings a new session; the certificate was verified only for the first one.
     const bool resumed = SSL_session_reused(connection) == 1;
     const std::time_t verified_at = resumed ? binding.offered_verified_at : std::time(nullptr);
-    // A copy: OpenSSL spoils that of TLS 1.2 when its connection ends without a word.
+    // A copy: OpenSSL invalidates a TLS 1.2 session whose connection ends without close_notify.
     binding.trust->sessions().keep(binding.peer, TlsSession(made(SSL_SESSION_dup(session))), verified_at);
   } catch (const std::bad_alloc&) {  // a full handshake next time
   }
-  return 0;  // OpenSSL's own reference stays its own
+  return 0;  // the reference stays OpenSSL's
 }
 
-// libcurl makes the connection's object itself; here it is first seen, before anything is sent.
+// libcurl creates the SSL object itself; this is the first access to it, before anything is sent.
 void offer_session(const SSL* connection, Binding& binding) {
   try {
     const TlsSessions::Resumable kept = binding.trust->sessions().take(binding.peer);
@@ -71,7 +71,7 @@ bool is_unexpected_end(unsigned long error) {
 void note_alert(int where, unsigned alert, TlsSight& sight) {
   constexpr unsigned kFatal = 2;
   if ((alert >> 8U) != kFatal) return;
-  // OpenSSL answers the end of a connection with one too, unless it is asked not to.
+  // OpenSSL also sends an alert when the connection ends, unless told not to.
   const bool ended = where == SSL_CB_WRITE_ALERT && is_unexpected_end(ERR_peek_last_error());
   if (!ended) sight.fatal_alert = static_cast<int>(alert & 0xffU);
 }
@@ -120,7 +120,7 @@ std::string TlsSight::reason() const {
     if (lower) unit = static_cast<char>(unit - 'a' + 'A');
     if (!lower && !stays) unit = '_';
   }
-  // The words for alerts of SSL 3.0, since OpenSSL 3.5; the name is still the old one.
+  // Since OpenSSL 3.5 the texts of SSL 3.0 alerts begin so; their names are unchanged.
   constexpr std::string_view kAlert = "SSL_TLS_ALERT_";
   if (name.starts_with(kAlert)) name.replace(0, kAlert.size(), "SSLV3_ALERT_");
   return name;

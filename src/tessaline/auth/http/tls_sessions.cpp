@@ -37,7 +37,7 @@ TlsSessions::Resumable TlsSessions::take(const std::string& peer) {
   if (found->sessions.empty()) return {};
   const Resumable& latest = found->sessions.back();
   if (SSL_SESSION_get_protocol_version(latest.session.get()) < TLS1_3_VERSION) {
-    // A copy: OpenSSL spoils that of a connection which ends without a word.
+    // A copy: OpenSSL invalidates a session whose connection ends without close_notify.
     return {TlsSession(made(SSL_SESSION_dup(latest.session.get()))), latest.verified_at};
   }
   Resumable taken = std::move(found->sessions.back());

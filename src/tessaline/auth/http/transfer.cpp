@@ -74,13 +74,12 @@ void Transfer::set_connection_options(const Deadline& deadline) {
   set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   set(CURLOPT_TCP_NODELAY, 1L);
   set(CURLOPT_MAXAGE_CONN, kCurlIdleSeconds);
-  // Its own bound on connecting would cut a request that has a longer one, or none.
+  // libcurl's default would end a request with a longer time-out, or with none.
   set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(INT_MAX));
   if (deadline.bounded()) set(CURLOPT_TIMEOUT_MS, static_cast<long>(deadline.left().count()));
 }
 
-// Decided here: what libcurl makes of the environment differs from version to version, and it tells of none
-// of it.
+// Decided here: how libcurl treats the environment differs between versions, and it does not report it.
 void Transfer::set_proxy_options() {
   set(CURLOPT_PROXY, route_.proxy ? route_.proxy->url.c_str() : "");
   set(CURLOPT_NOPROXY, "");
@@ -88,7 +87,7 @@ void Transfer::set_proxy_options() {
 
 void Transfer::set_trust_options() {
   const TrustStore& places = route_.trust->places();
-  // Where OpenSSL is shared, the roots are in the store that each connection is given.
+  // If OpenSSL is shared, each connection gets a store with the roots.
   const char* const file = tls_is_shared() ? nullptr : text_or_null(places.ca_file);
   const char* const directory = tls_is_shared() ? nullptr : text_or_null(places.ca_directory);
   set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
@@ -102,7 +101,7 @@ void Transfer::set_trust_options() {
   set(CURLOPT_PROXY_CAINFO, file);
   set(CURLOPT_PROXY_CAPATH, directory);
   set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
-  // libcurl would keep them by the name of the file of roots, whatever is in it.
+  // libcurl would cache sessions by the name of the file of roots, whatever its content.
   set(CURLOPT_SSL_SESSIONID_CACHE, 0L);
   if (!tls_is_shared()) return;
   set(CURLOPT_SSL_CTX_FUNCTION, &Transfer::on_tls_context);
@@ -113,7 +112,7 @@ void Transfer::set_request_options() {
   const bool by_plain_proxy = route_.proxy && route_.proxy->speaks_http() && hop_.url.scheme == "http";
   const std::string target = hop_.url.target();
   set(CURLOPT_URL, hop_.url.root().c_str());
-  // Otherwise libcurl rewrites what it knows better.
+  // Otherwise libcurl normalises the path.
   set(CURLOPT_REQUEST_TARGET, by_plain_proxy ? (hop_.url.root() + target).c_str() : target.c_str());
   set(CURLOPT_CUSTOMREQUEST, hop_.method.c_str());
   set(CURLOPT_USERAGENT, hop_.user_agent.empty() ? kUserAgent : hop_.user_agent.c_str());
@@ -156,7 +155,7 @@ bool Transfer::run(Ticker& ticker) {
   return answered;
 }
 
-// From 8 on, libcurl holds a TLS connection that it will not use again until the peer says goodbye as well.
+// Since 8.0, libcurl keeps a TLS connection that it will not use again until the peer sends close_notify.
 void Transfer::end_lingering() {
   curl_socket_t kept = CURL_SOCKET_BAD;
   require(curl_easy_getinfo(easy_.get(), CURLINFO_ACTIVESOCKET, &kept));
@@ -165,8 +164,7 @@ void Transfer::end_lingering() {
   require(curl_multi_perform(session_.multi(), &running));
 }
 
-// libcurl would send no body with NOBODY, and without it waits for one: such a request is stopped after the
-// head.
+// With NOBODY libcurl sends no body, and without it waits for one: such a request is stopped after the head.
 bool Transfer::head_was_all() const noexcept {
   return hop_.method == "HEAD" && hop_.body != nullptr && has_final_head();
 }
@@ -175,8 +173,8 @@ bool Transfer::has_final_head() const noexcept {
   return head_.complete() && !head_.interim();
 }
 
-// A body that ends with its connection may end without TLS's word for it, as it does with Python's own
-// client; libcurl from 8 on calls that an error.
+// A body that ends with its connection may end without close_notify, as in Python's own client; libcurl
+// reports that as an error since 8.0.
 bool Transfer::ended_with_connection(CURLcode code) const {
   const bool to_the_end = !head_.chunked() && !head_.has_length();
   if (code != CURLE_RECV_ERROR || !to_the_end || hop_.url.scheme != "https") return false;
@@ -212,7 +210,7 @@ CURLcode Transfer::result() const {
 }
 
 void Transfer::examine(CURLcode code) {
-  // An answer that ends within its head is fine with libcurl.
+  // libcurl accepts a response that ends within its head.
   fault_.code = code == CURLE_OK ? CURLE_GOT_NOTHING : code;
   fault_.os_errno = info(CURLINFO_OS_ERRNO);
   fault_.open_errno = session_.open_errno();
@@ -225,16 +223,16 @@ void Transfer::examine(CURLcode code) {
   fault_.proxy = route_.proxy;
   fault_.remains = session_.remains();
   fault_.tls = session_.tls.sight;
-  // A look-up of a name needs descriptors too, and does not say so.
+  // A DNS lookup needs descriptors too, and does not report that it got none.
   const bool unresolved = code == CURLE_COULDNT_RESOLVE_HOST || code == CURLE_COULDNT_RESOLVE_PROXY;
   if (unresolved && fault_.open_errno == 0) fault_.open_errno = descriptor_shortage();
-  // libcurl calls a header line beyond its bound so as well.
+  // libcurl also reports this for a header line above its limit.
   if (code == CURLE_OUT_OF_MEMORY && !holds(Seen::kLongLine, fault_)) throw std::bad_alloc();
   const bool broke = code == CURLE_SEND_ERROR || code == CURLE_RECV_ERROR || code == CURLE_GOT_NOTHING;
   lost_idle_connection_ = refused_to_reconnect_ || (broke && had_connection_ && !head_.begun());
 }
 
-// Whether what failed came after a proxy had connected through to the server.
+// Whether it failed after a proxy had connected to the server.
 bool Transfer::is_tunnelled() const {
   if (!route_.proxy) return false;
   if (route_.proxy->speaks_http()) return info(CURLINFO_HTTP_CONNECTCODE) / 100 == 2;
@@ -247,8 +245,8 @@ long Transfer::info(CURLINFO which) const {
   return value;
 }
 
-// libcurl replaces a kept connection that breaks by itself, and then tells of what happens to the new one in
-// the words for the old. Another transfer does the same with words of its own.
+// libcurl replaces a broken kept connection itself, and then reports the new one's failure as the old one's.
+// A new transfer reports its own.
 curl_socket_t Transfer::on_open_socket(void* transfer, curlsocktype purpose,
                                        curl_sockaddr* address) noexcept {
   auto& self = *static_cast<Transfer*>(transfer);
@@ -257,7 +255,7 @@ curl_socket_t Transfer::on_open_socket(void* transfer, curlsocktype purpose,
   return Session::open_socket(&self.session_, purpose, address);
 }
 
-// Where the proxy speaks TLS itself, it comes first.
+// If the proxy speaks TLS, its handshake is the first.
 std::string Transfer::next_tls_peer() {
   const bool is_proxy = tls_connections_++ == 0 && route_.proxy && route_.proxy->speaks_tls();
   return is_proxy ? "proxy " + route_.proxy->peer() : route_.origin;
@@ -279,7 +277,7 @@ std::size_t Transfer::on_header(char* data, std::size_t size, std::size_t count,
   try {
     const bool was_complete = self.head_.complete();
     if (!self.head_.add_line({data, size * count})) return 0;
-    // A final answer after which libcurl asked again of itself.
+    // A final response after which libcurl repeated the request by itself.
     if (was_complete && !self.head_.complete()) {
       self.response_.body.clear();
       self.chunks_ = {};
@@ -293,7 +291,7 @@ std::size_t Transfer::on_header(char* data, std::size_t size, std::size_t count,
   return 0;
 }
 
-// One piece of memory instead of ever larger ones, where the length is announced.
+// One allocation instead of several growing ones, if the length is announced.
 void Transfer::reserve_body() {
   curl_off_t length = 0;
   if (curl_easy_getinfo(easy_.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) != CURLE_OK) return;

@@ -22,8 +22,8 @@ struct EasyCleanup {
   void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
 };
 
-/// One try of a hop on one session. The connection is the session's, the easy handle is the transfer's own:
-/// one that is used again makes libcurl 7.88 read freed memory when a head starts with a continuation line.
+/// One try of a hop on one session. The connection is the session's, the easy handle the transfer's: libcurl
+/// 7.88 reads freed memory if a handle is reused and a head starts with a continuation line.
 class Transfer {
  public:
   /// All must outlive the transfer. Throws std::bad_alloc, and TransportFailure(kDescriptors).
@@ -39,11 +39,11 @@ class Transfer {
   /// throws.
   bool run(Ticker& ticker);
 
-  /// After a fault: what came of it.
+  /// After a fault: what has been received.
   Response take_response() noexcept { return std::move(response_); }
   const Fault& fault() const noexcept { return fault_; }
 
-  /// The peer had given a kept connection up before it took this request.
+  /// The peer had closed a kept connection before it received this request.
   bool lost_idle_connection() const noexcept { return lost_idle_connection_; }
 
  private:

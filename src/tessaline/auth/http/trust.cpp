@@ -13,11 +13,11 @@ namespace tessaline::auth::http {
 namespace {
 
 struct Registry {
-  std::mutex mutex;  ///< held while roots are read: who comes meanwhile would read the same
+  std::mutex mutex;  ///< held while roots are read: other threads would read the same
   std::vector<std::shared_ptr<const Trust>> trusts;
 };
 
-// In memory that nothing destroys: threads may be in here when the process ends.
+// Never destroyed: threads may still use it when the process exits.
 alignas(Registry) constinit std::array<std::byte, sizeof(Registry)> place{};
 
 Registry& registry() noexcept {
@@ -29,7 +29,7 @@ Registry& registry() noexcept {
 
 std::shared_ptr<const Trust> Trust::in_force(const TrustStore& places) {
   Registry& all = registry();
-  std::shared_ptr<const Trust> replaced;  // freed after the lock
+  std::shared_ptr<const Trust> replaced;  // freed after the lock is released
   const std::lock_guard lock(all.mutex);
   const auto found = std::ranges::find_if(
       all.trusts, [&](const std::shared_ptr<const Trust>& trust) { return trust->places() == places; });

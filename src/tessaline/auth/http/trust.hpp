@@ -9,24 +9,24 @@
 
 namespace tessaline::auth::http {
 
-/// The trust under which TLS connections are made: the roots of one configuration as they were read, and the
-/// sessions that can be resumed under them. A connection is used by requests of the very same object only, so
-/// when what was read changes, there is a new one, and nothing of the old one serves any more.
+/// What TLS connections trust: the roots of one configuration as they were read, and the sessions that can be
+/// resumed under them. A request only uses connections of the same object: when the files change, there is a
+/// new one, and no connection or session of the old one is used again.
 ///
 ///   missing --in_force--> current --file or directory changes--> replaced: lives on with its connections
 ///
-/// A forked child makes its own: a thread that is not in the child may hold a lock of the parent's store, and
-/// two processes that resume one session would tell an onlooker that they are one.
+/// A forked child makes its own: a lock of the parent's store may be held by a thread that the child does not
+/// have, and two processes that resume one session would be linkable on the network.
 class Trust {
  public:
-  /// The trust for this configuration as it is now, shared by all who ask. Throws TransportFailure
-  /// (kTrustStore, kDescriptors) and std::bad_alloc.
+  /// The current trust for this configuration, shared by all callers. Throws TransportFailure (kTrustStore,
+  /// kDescriptors) and std::bad_alloc.
   static std::shared_ptr<const Trust> in_force(const TrustStore& places);
 
-  /// Once, before the first fork that is to be heard of.
+  /// Called once, before the first fork that `forget_all` must handle.
   static void prepare() noexcept;
 
-  /// In a forked child: leaves all that there is to the parent.
+  /// In a forked child: abandons everything that the parent made.
   static void forget_all() noexcept;
 
   explicit Trust(const TrustStore& places) : places_(places), roots_(places) {}

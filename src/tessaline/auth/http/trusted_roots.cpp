@@ -41,13 +41,13 @@ X509_LOOKUP_METHOD* lookup_method(X509_LOOKUP_get_by_subject_fn look_up) {
 }  // namespace
 
 TrustedRoots::TrustedRoots(const TrustStore& places)
-    // The directory before anything of it is read: a later change is then seen as one.
+    // Taken before the directory is read, so that a later change is noticed.
     : places_(places), directory_(FileIdentity::of(places.ca_directory)), store_(made(X509_STORE_new())) {
   if (!places_.ca_file.empty()) {
     file_ = read_certificate_file(places_.ca_file);
     check(places_.ca_file, file_);
   }
-  // As libcurl and Python have it: what is trusted ends the chain, be it a root or not.
+  // As in libcurl and Python: any trusted certificate ends the chain, root or not.
   X509_STORE_set_flags(store_.get(), X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
   X509_LOOKUP* lookup = made(X509_STORE_add_lookup(store_.get(), lookup_method(look_up)));
   X509_LOOKUP_set_method_data(lookup, this);
@@ -57,7 +57,7 @@ bool TrustedRoots::is_current() const {
   const std::lock_guard lock(mutex_);
   if (!places_.ca_file.empty() && !is_unchanged(places_.ca_file, file_)) return false;
   if (places_.ca_directory.empty()) return true;
-  // What was found in a directory that had just been changed is looked for anew.
+  // If the directory had just changed, certificates are searched again.
   const FileIdentity directory = FileIdentity::of(places_.ca_directory);
   if (!directory_.settled() || !directory.looks_like(directory_)) return false;
   return std::ranges::all_of(used_, [](Used& used) { return is_unchanged(used.first, used.second); });
@@ -71,7 +71,7 @@ int TrustedRoots::look_up(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509
     const bool any = roots.add(roots.file_.certificates, name) || roots.add_from_directory(name);
     return any && roots.hand_over(name, found) ? 1 : 0;
   } catch (const std::bad_alloc&) {
-    return 0;  // what is not found is not trusted
+    return 0;  // a certificate that is not found is not trusted
   }
 }
 
@@ -112,7 +112,7 @@ void TrustedRoots::remember(const std::string& path, CertificateFile file) const
   if (std::ranges::find(used_, path, &Used::first) == used_.end()) used_.emplace_back(path, std::move(file));
 }
 
-// The store's own object and not the one that was added: of two threads that add the same, one's is dropped.
+// The store's object and not the added one: if two threads add the same, one of them is dropped.
 bool TrustedRoots::hand_over(const X509_NAME* name, X509_OBJECT* found) const noexcept {
   if (X509_STORE_lock(store_.get()) != 1) return false;
   X509* certificate = nullptr;
@@ -121,7 +121,7 @@ bool TrustedRoots::hand_over(const X509_NAME* name, X509_OBJECT* found) const no
     certificate = X509_OBJECT_get0_X509(kept);
   }
   const bool taken = certificate != nullptr && X509_OBJECT_set1_X509(found, certificate) == 1;
-  // OpenSSL takes a reference of its own to what a lookup found; the store keeps it until then.
+  // OpenSSL takes its own reference to what a lookup found; until then, the store's keeps it alive.
   if (taken) X509_free(certificate);
   X509_STORE_unlock(store_.get());
   return taken;

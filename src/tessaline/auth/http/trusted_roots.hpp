@@ -12,21 +12,20 @@
 
 namespace tessaline::auth::http {
 
-/// The certificates of one file and one hashed directory, as a store that any number of threads verify with
-/// at once. The file is read when the object is made. The directory is read as OpenSSL does it, a certificate
-/// when one of its name is looked for; what of the two is used is parsed once.
+/// The certificates of one file and one hashed directory, as a store for verification by any number of
+/// threads. The file is read at construction. In the directory a certificate is looked up by its name, as
+/// OpenSSL does. Each certificate that is used is parsed once.
 class TrustedRoots {
  public:
-  /// Throws TransportFailure, kTrustStore or kDescriptors, for a file that cannot be read, and
-  /// std::bad_alloc.
+  /// Throws TransportFailure, kTrustStore or kDescriptors, if the file cannot be read, and std::bad_alloc.
   explicit TrustedRoots(const TrustStore& places);
   TrustedRoots(const TrustedRoots&) = delete;
   TrustedRoots& operator=(const TrustedRoots&) = delete;
 
-  /// Whether nothing of what was read, or would be, has changed since. Takes a few looks at the file system.
+  /// Whether no file that was read, or would be, has changed since. Takes a few system calls.
   bool is_current() const;
 
-  /// Owned by this object, whose lookups run in it: to be kept no longer.
+  /// Owned by this object, whose lookups it calls: must not outlive it.
   X509_STORE* store() const noexcept { return store_.get(); }
 
  private:
@@ -41,7 +40,7 @@ class TrustedRoots {
 
   const TrustStore places_;
   const FileIdentity directory_;
-  mutable CertificateFile file_;  ///< what is changed of it is under the mutex
+  mutable CertificateFile file_;  ///< modified only under the mutex
   StoreHandle store_;
   mutable std::mutex mutex_;
   mutable std::vector<Used>

@@ -17,7 +17,7 @@ bool is_visible(char c) {
   return c > ' ' && c < '\x7f';
 }
 
-/// The scheme that a reference starts with, in lower case; empty when it is a relative one.
+/// The scheme of a reference, in lowercase; empty if it is relative.
 std::string scheme_of(std::string_view reference) {
   const auto colon = reference.find(':');
   if (colon == std::string_view::npos) return {};
@@ -46,7 +46,7 @@ std::string escape_unsendable(std::string_view reference) {
   return result;
 }
 
-/// Takes "." and ".." out of a path that starts with a slash (RFC 3986, section 5.2.4).
+/// Removes "." and ".." from a path that starts with a slash (RFC 3986, section 5.2.4).
 std::string without_dot_segments(std::string_view path) {
   std::string result;
   while (!path.empty()) {
@@ -62,7 +62,7 @@ std::string without_dot_segments(std::string_view path) {
   return result;
 }
 
-/// A reference that is a path, with what may follow it (RFC 3986, section 5.2.3).
+/// Resolves a relative path with its query (RFC 3986, section 5.2.3).
 std::string merge_paths(const Url& base, std::string_view reference) {
   const auto path_size = std::min(reference.find_first_of("?#"), reference.size());
   std::string path(reference.substr(0, path_size));
@@ -129,7 +129,7 @@ Url parse_url(std::string text) {
   const bool valid = read.set(CURLUPART_URL, url.root() + "/", CURLU_DISALLOW_USER);
   const auto host = valid ? read.get(CURLUPART_HOST) : std::nullopt;
   const auto port = valid ? read.get(CURLUPART_PORT, CURLU_DEFAULT_PORT) : std::nullopt;
-  // The host as it stands after its escapes were read.
+  // The host after percent-decoding.
   if (!host || !port || !std::ranges::all_of(*host, is_visible)) refuse("URL has no valid host or port");
   url.host = lower_case(*host);
   if (const auto zone = read.get(CURLUPART_ZONEID)) url.host.insert(url.host.size() - 1, "%" + *zone);

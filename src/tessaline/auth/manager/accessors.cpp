@@ -4,7 +4,7 @@
 namespace tessaline::auth {
 namespace {
 
-/// The value of a field that only an authenticated manager hands out.
+/// A field that is available only on an authenticated manager.
 Ref credential(AuthManager& manager, Field field) {
   State state;
   {

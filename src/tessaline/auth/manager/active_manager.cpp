@@ -16,7 +16,7 @@ Ref registered_manager() {
 }  // namespace
 
 void set_active_auth_manager(PyObject* manager) {
-  // The replaced manager is let go after the lock: its finalizer may run code that announces an era.
+  // The replaced manager is released after the lock: its finalizer may run code that announces an era.
   Ref replaced;
   const python::ScopedLock lock(python::global(names::active_auth_manager_lock));
   replaced = python::global(names::active_auth_manager);

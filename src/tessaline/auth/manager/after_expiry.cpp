@@ -9,15 +9,15 @@ namespace tessaline::auth {
 namespace {
 
 constexpr int kLooks = 30;
-constexpr double kLookSeconds = 0.1;  // between two of them
+constexpr double kLookSeconds = 0.1;  // polling interval
 
-/// What a look finds.
+/// The result of one poll.
 struct Sighting {
   AttemptRef running;
-  Ref token;  ///< a renewed one, to be served at once
+  Ref token;  ///< a renewed token, to be returned at once
 };
 
-/// A token that has replaced `old_token` and may be served; else empty.
+/// A token that has replaced `old_token` and may be returned; else empty.
 Ref renewed_token(AuthManager& manager, const HeldLock& held, PyObject* old_token) {
   if (held.state() != State::kAuthenticated || !held.is_none(Field::kPendingEraNumber)) return {};
   Ref token = held.get(Field::kToken);

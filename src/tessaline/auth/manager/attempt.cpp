@@ -10,7 +10,7 @@
 namespace tessaline::auth {
 namespace {
 
-/// Whether a thread of the interpreter's own kind has begun and ended.
+/// Whether a thread of the interpreter's own type has begun and ended.
 bool has_ended(PyObject* thread) {
   return !python::attribute(thread, names::ident).is_none() &&
          python::call_method(thread, names::is_alive).get() == Py_False;
@@ -35,7 +35,7 @@ bool Attempt::is_worked_on() const {
 bool Attempt::is_lost() const {
   if (phase != Phase::kBegun || !thread) return false;
   const Ref kept = Ref::borrow(thread.get());
-  // While it was asked, it may have begun and run to its end.
+  // The thread may have begun and ended during that call.
   return has_ended(kept.get()) && phase == Phase::kBegun;
 }
 
@@ -56,14 +56,14 @@ void Attempt::keep_failure(const HeldLock& held, PyObject* error) {
 
 void Attempt::raise_stored(const HeldLock& held, PyObject* error) {
   remember_traceback(held, error);
-  // The frames of whoever got it last may own anything.
+  // The frames of the previous caller that it was raised to may own anything.
   held.drop_later(python::traceback_of(error));
   python::set_traceback(error, traceback_.get());
   python::raise(error);
 }
 
 int Attempt::traverse(visitproc visit, void* arg) const {
-  // Whoever else has a share stands on a stack, with the manager in its hands.
+  // Every other share is held by a frame on a stack, which also holds the manager.
   if (holders_ > 1) return 0;
   for (const Ref* kept : {&event, &thread, &failure, &raised_, &traceback_}) Py_VISIT(kept->get());
   return 0;

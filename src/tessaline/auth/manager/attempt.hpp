@@ -15,12 +15,12 @@ class AttemptRef;
 class HeldLock;
 
 /// One login, from its beginning to its outcome. Kept by the manager while it is the current one, and by
-/// whoever runs it or waits for it. Changed under the interpreter's lock, in steps that call no Python code.
+/// those that run it or wait for it. Changed under the GIL, in steps that call no Python code.
 struct Attempt {
   enum class Kind {
     kLogin,      ///< of a caller of `authenticate`
     kRenewal,    ///< of a refresh thread
-    kEraChange,  ///< of an announcement
+    kEraChange,  ///< the program has assigned `_auth_event`
     kProgram,    ///< the program has written the event itself
   };
   enum class Phase { kBegun, kRunning, kEnded };
@@ -28,14 +28,14 @@ struct Attempt {
   /// Raises MemoryError.
   static AttemptRef make(Kind kind, Ref event);
 
-  /// Whether somebody brings it to an end: the line of execution that runs it, or a thread that was started
-  /// for it and has not begun yet.
+  /// Whether something will complete it: the line of execution that runs it, or a thread that was started for
+  /// it and has not begun yet.
   bool is_worked_on() const;
 
-  /// Whether the interpreter has ended its thread before the first line: for want of memory, telling nobody.
+  /// Whether the interpreter has silently ended its thread before the first line, for lack of memory.
   bool is_lost() const;
 
-  /// Whether this is the child of a fork, and its runner in the parent.
+  /// Whether this is a forked child, and the attempt runs in the parent.
   bool is_left_behind() const noexcept;
 
   /// Whether that line of execution runs it.
@@ -43,12 +43,11 @@ struct Attempt {
 
   void keep_failure(const HeldLock& held, PyObject* error);
 
-  /// Raises an error that is stored, as the same object: with the traceback that it had when it was kept, or
-  /// raised so for the first time. A manager that refuses for hours would otherwise keep the frames of every
-  /// refused caller alive.
+  /// Raises a stored error, as the same object, with the traceback it had when it was stored or first raised.
+  /// Otherwise a manager with a permanent error would keep the frames of all its callers alive.
   [[noreturn]] void raise_stored(const HeldLock& held, PyObject* error);
 
-  /// Takes out the errors that it keeps.
+  /// Moves the stored errors out.
   std::array<Ref, 3> take_errors() noexcept {
     return {std::move(failure), std::move(raised_), std::move(traceback_)};
   }
@@ -59,11 +58,11 @@ struct Attempt {
   Kind kind;
   Phase phase = Phase::kBegun;
   bool follows_token = false;   ///< a login that began in AUTHENTICATED
-  const unsigned long process;  ///< the process that it belongs to, as `process_generation` numbers them
+  const unsigned long process;  ///< in which it began, numbered by `process_generation`
   unsigned long runner = 0;     ///< the line of execution that runs it, or 0
-  Ref event;                    ///< set when it has ended; None where the program has taken it away
-  Ref thread;                   ///< started for it; empty: the one who began it runs it
-  Ref failure;                  ///< what it ended in; empty: not yet, or well
+  Ref event;                    ///< set when it has ended; None if the program has removed it
+  Ref thread;                   ///< started for it; empty: it runs in the caller
+  Ref failure;                  ///< its outcome; empty: not yet known, or success
 
  private:
   friend class AttemptRef;
@@ -95,7 +94,7 @@ class AttemptRef {
   Attempt* operator->() const noexcept { return attempt_; }
   Attempt& operator*() const noexcept { return *attempt_; }
 
-  /// Gives the share to the caller, who ends it with `give_back`.
+  /// Transfers the share to the caller, who must end it with `give_back`.
   Attempt* release() noexcept { return std::exchange(attempt_, nullptr); }
   static void give_back(Attempt* attempt) noexcept;
 
@@ -103,8 +102,7 @@ class AttemptRef {
   Attempt* attempt_ = nullptr;
 };
 
-/// Runs an attempt for a block: from being marked until its outcome is settled. One that somebody else runs
-/// already stays his.
+/// Marks an attempt as running in this block, until its outcome is settled. Has no effect if it runs already.
 class Running {
  public:
   explicit Running(AttemptRef attempt);

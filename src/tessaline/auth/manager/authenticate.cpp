@@ -9,7 +9,7 @@
 namespace tessaline::auth {
 namespace {
 
-/// What a caller has been told under the lock.
+/// What a caller has to do, as decided under the lock.
 struct Admission {
   bool waits;
   AttemptRef attempt;  ///< the one to wait for; else the current one from now on
@@ -22,7 +22,7 @@ Admission admit(AuthManager& manager, const AttemptRef& own) {
       raise_auth_error(reason::kManagerClosed);
     case State::kAuthenticating:
     case State::kReAuthenticating:
-      // Beside an attempt without an event, for which nobody can wait, the caller logs in too.
+      // An attempt without an event cannot be waited for, so the caller logs in too.
       if (held.is_none(Field::kAuthEvent)) return {false, manager.current_attempt()};
       return {true, manager.attempt_to_wait_for(held)};
     case State::kAuthenticated:
@@ -82,7 +82,7 @@ Ref AuthManager::authenticate() {
     } else if (wait_for(admission.attempt)) {
       raise_outcome_of(*this, admission.attempt);
     } else {
-      continue;  // in the child of a fork nobody runs it: the caller does
+      continue;  // in a forked child the attempt is not running: log in
     }
     return Ref::none();
   }

@@ -11,7 +11,7 @@ namespace {
 
 constexpr double kJoinSeconds = 1.0;
 
-/// False when the manager is closed already.
+/// False if the manager is already closed.
 bool enter_closed(AuthManager& manager) {
   const HeldLock held(manager);
   if (held.closed()) return false;
@@ -19,7 +19,7 @@ bool enter_closed(AuthManager& manager) {
   return true;
 }
 
-/// Goes through every step of the shutdown, whatever one of them raises, and keeps the first failure.
+/// Runs every step of the shutdown, whatever each raises, and keeps the first failure.
 class Steps {
  public:
   template <class Step>
@@ -41,7 +41,7 @@ class Steps {
 void wake_waiters(AuthManager& manager, PyObject* error) {
   const AttemptRef last = manager.current_attempt();
   const HeldLock held(manager);
-  // Errors have frames, and those own what they own.
+  // Errors refer to frames, whose locals may have finalizers.
   for (Ref& kept : last->take_errors()) held.drop_later(std::move(kept));
   held.drop_later(std::move(last->thread));
   if (!held.is_none(Field::kAuthEvent)) return manager.record_failure(held, error);
@@ -51,7 +51,7 @@ void wake_waiters(AuthManager& manager, PyObject* error) {
   python::set_traceback(left.get(), Py_None);
 }
 
-/// Without the lock: the state has turned all readers away.
+/// Without the lock: in the state CLOSED there are no readers.
 void forget_credentials(AuthManager& manager) {
   manager.wipe_key();
   for (const Field field : {Field::kToken, Field::kWalletSecret, Field::kTokenIat, Field::kTokenExpiry}) {
@@ -78,7 +78,7 @@ void AuthManager::mark_closed(const HeldLock& held) noexcept {
 }
 
 Ref AuthManager::close() {
-  // A signal handler or a finalizer that ran under the lock; done as soon as it is free.
+  // Called by a signal handler or a finalizer that ran under the lock: done as soon as it is released.
   if (holds_lock(*this)) {
     lock.close_deferred = !is_closed();
     return Ref::none();
@@ -93,19 +93,20 @@ void AuthManager::finish_deferred_close() noexcept {
 }
 
 void AuthManager::complete_close() {
-  // There is no second chance: a further call finds the manager closed.
+  // Every step must run: a further call of close() does nothing.
   Steps steps;
-  // The refresh thread is woken when it can see why. A caller that waits for a refresh has none to wait for.
+  // In an order in which the refresh thread sees the reason when it wakes; callers that wait for a refresh
+  // stop waiting.
   for (const FreeField event : {FreeField(Field::kCloseEvent), FreeField(Field::kRefreshStop),
                                 FreeField(Field::kRefreshEvent), FreeField(Field::kRefreshDone)}) {
     steps.take([&] { set_event(event); });
   }
   Ref error;
   steps.take([&] { error = new_auth_error(reason::kManagerClosed); });
-  // Where there is no memory for it, what says so: waiting for ever would be worse.
+  // If there is no memory for it, the MemoryError: waiters must not wait for ever.
   if (!error) error = steps.first();
   steps.take([&] { wake_waiters(*this, error.get()); });
-  // Also where a program has put another event into the field, or none.
+  // Even if a program has replaced or removed the event in the field.
   steps.take([&] { wake_waiters_of(*current_attempt()); });
   forget_credentials(*this);
   steps.raise_first();

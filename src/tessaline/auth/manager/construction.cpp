@@ -14,7 +14,7 @@ Ref threading_object(const python::Name& name) {
   return python::call_method(python::global(names::threading).get(), name);
 }
 
-/// The server's address without the slashes at its end, since endpoint paths begin with one.
+/// The server's URL without trailing slashes: endpoint paths begin with one.
 Ref without_trailing_slashes(PyObject* url) {
   return python::call_method(url, names::rstrip, {python::text("/").get()});
 }
@@ -43,7 +43,7 @@ void AuthManager::construct(PyObject* private_key_text, PyObject* server_url, Py
   generation = process_generation();
   AttemptRef::give_back(std::exchange(attempt, none_yet.release()));
 
-  // Nobody else has the manager yet, so that no lock is needed.
+  // No other thread has the manager yet, so no lock is needed.
   const auto store = [this](Field field, Ref value) {
     python::drop(std::exchange(at(field), value.release()));
   };

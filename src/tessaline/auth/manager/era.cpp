@@ -42,8 +42,7 @@ void require_era(AuthManager& manager, const HeldLock& held, PyObject* era_numbe
   held.set(Field::kReauthMode, Ref::borrow(era_change_mode()));
 }
 
-/// Records the announcement. Gives back the attempt that has to be started for it; empty when the one that is
-/// running will meet it.
+/// Records the announcement. Returns the attempt to start for it; empty if the running one will meet it.
 AttemptRef announce(AuthManager& manager, PyObject* era_number) {
   AttemptRef own = Attempt::make(Attempt::Kind::kEraChange, AuthManager::new_event());
   const HeldLock held(manager);
@@ -78,7 +77,7 @@ Ref AuthManager::announced_era() const {
 void AuthManager::require_era_announced_since(const HeldLock& held, PyObject* era_before, PyObject* token) {
   const Ref announced = announced_era();
   if (announced.get() == era_before) return;
-  // Storing looks at an era that is still pending, and at the wallet and its secret before that.
+  // Storing checks an era that is still pending, after the wallet and its secret.
   if (is_at_least(held.get(Field::kPendingEraNumber).get(), announced.get())) return;
   if (!meets_era(token, announced.get())) raise_auth_error(reason::kEraMismatch);
 }
@@ -95,7 +94,7 @@ Ref AuthManager::notify_era_change(PyObject* new_era_number) {
     python::call_method(thread.get(), names::start);
   });
   if (!failure) return Ref::none();
-  // Ctrl-C may end the start after the thread has begun; then it settles the matter itself.
+  // Ctrl-C may interrupt the start after the thread has begun, which then settles the attempt itself.
   if (!is_alive(thread.get())) settle_failure(begun, Attempt::Kind::kEraChange, *failure, begun.get());
   throw std::move(*failure);
 }

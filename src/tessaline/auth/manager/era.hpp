@@ -4,7 +4,7 @@
 
 namespace tessaline::auth {
 
-/// Whether the token's era is known and not below `era`.
+/// Whether the token's era is known and at least `era`.
 bool meets_era(PyObject* token, PyObject* era);
 
 }  // namespace tessaline::auth

@@ -5,18 +5,17 @@
 #include "tessaline/auth/names.hpp"
 #include "tessaline/auth/python/python.hpp"
 
-// `get_token` in front of every request of a program: a healthy manager on the default clock is served from
-// one look at its fields. Under the interpreter's lock, with `_lock` free, that look cannot be told from one
-// under `_lock`. Whatever is not plainly healthy takes the full path, and so does whatever a program may have
-// patched: the clock's function, the class, the instance.
+// For `get_token` before every request of a program: a healthy manager on the default clock is served after
+// one check of its fields. Under the GIL, with `_lock` free, that is equivalent to a check under `_lock`.
+// Everything else takes the full path, including a patched clock function, class or instance.
 
 namespace tessaline::auth {
 namespace {
 
-/// What is the interpreter's own or the class's own, and may therefore be read without calling it.
+/// The interpreter's or the class's own objects, whose effect is known without calling them.
 struct Known {
-  PyObject* authenticated = nullptr;  ///< the state's text
-  PyObject* get_time = nullptr;       ///< the members on the full path, as the class defines them
+  PyObject* authenticated = nullptr;  ///< the text of the state
+  PyObject* get_time = nullptr;       ///< the methods on the full path, as the class defines them
   PyObject* era_guard = nullptr;
   PyObject* clock = nullptr;
   PyCFunction poll = nullptr;
@@ -24,7 +23,7 @@ struct Known {
 
 Known known;
 
-/// The class that was last found to leave the members on the full path as they are, as it stood then.
+/// The class that last passed the check that it overrides no method on the full path, with its version.
 python::SeenType plain_type;
 
 Ref class_attribute(PyTypeObject* type, const python::Name& name) {
@@ -45,7 +44,7 @@ bool is_plain(PyTypeObject* type) {
   return true;
 }
 
-/// Whether the instance itself replaces one of those methods.
+/// Whether the instance itself overrides one of those methods.
 bool is_patched(PyObject* dict) {
   if (dict == nullptr || PyDict_GET_SIZE(dict) == 0) return false;
   const Ref kept = Ref::borrow(dict);
@@ -84,7 +83,7 @@ bool has_own_poll(PyObject* manager) {
 
 Ref AuthManager::token_if_healthy() {
   const auto field = [this](Field name) { return fields[static_cast<std::size_t>(name)]; };
-  // These may run Python code; everything after them is one look.
+  // These may run Python code; after them nothing does.
   if (is_patched(dict) || !is_plain(Py_TYPE(object()))) return {};
   const bool looks_healthy =
       field(Field::kState) == known.authenticated && field(Field::kPendingEraNumber) == Py_None &&

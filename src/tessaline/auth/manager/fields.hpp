@@ -5,8 +5,8 @@
 
 namespace tessaline::auth {
 
-/// The manager's fields, in the order in which the constructor sets them. Each is a Python object that a
-/// program may read and write under its name.
+/// The manager's fields, in the order in which the constructor sets them. Each is a Python object that
+/// programs may read and write by its name.
 enum class Field : std::size_t {
   kWalletAddress,
   kServerUrl,
@@ -73,8 +73,8 @@ inline constexpr const char* kFieldNames[] = {
 
 static_assert(std::size(kFieldNames) == kFieldCount);
 
-/// Whether `_lock` guards it: then `HeldLock` is the way to it. The others are set once, are events, which
-/// are safe by themselves, or are one store of whoever runs the flow.
+/// Whether `_lock` guards it, so that only `HeldLock` accesses it. The others are set once, or are events,
+/// which are thread-safe, or are stored once by the thread that runs the flow.
 constexpr bool is_guarded(Field field) {
   switch (field) {
     case Field::kState:
@@ -96,10 +96,10 @@ constexpr bool is_guarded(Field field) {
   }
 }
 
-/// Called at compile time only, where it is an error.
+/// Only called at compile time, where it is an error.
 void guarded_by_lock();
 
-/// A field that `_lock` does not guard; another does not compile.
+/// A field that `_lock` does not guard; any other does not compile.
 struct FreeField {
   consteval FreeField(Field free) : field(free) {  // NOLINT(google-explicit-constructor): stands for a Field
     if (is_guarded(free)) guarded_by_lock();

@@ -13,7 +13,7 @@
 namespace tessaline::auth {
 namespace {
 
-/// The unknown, expired and used challenges of a verification's answer.
+/// A verification's response to an unknown, expired or used challenge.
 bool is_stale_challenge(PyObject* status) {
   const long code = python::long_value(status);
   return code == 404 || code == 410 || code == 409;
@@ -23,7 +23,7 @@ Ref member_of(const Ref& answer, const python::Name& name) {
   return python::with_note(notes::kLoginAnswer, [&] { return python::item(answer.get(), name.object()); });
 }
 
-/// The signature of `message` by a copy of the key, since `close` may wipe the original meanwhile.
+/// Signs `message` with a copy of the key, since `close` may wipe the original meanwhile.
 Ref sign(const wallet::WalletKey& key, PyObject* message) {
   if (!PyUnicode_Check(message)) {
     PyErr_Format(PyExc_TypeError, "challenge message must be str, not %.200s", Py_TYPE(message)->tp_name);
@@ -37,7 +37,7 @@ Ref sign(const wallet::WalletKey& key, PyObject* message) {
   }));
 }
 
-/// The decoder's error would carry the secret in its context and its frames.
+/// Without the decoder's error, whose context and frames hold the secret.
 Ref decoded_secret(PyObject* encoded) {
   Ref secret;
   std::optional<python::Error> failure = python::caught([&] {

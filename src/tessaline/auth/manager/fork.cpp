@@ -9,14 +9,14 @@
 namespace tessaline::auth {
 namespace {
 
-/// An event like the one in the field, without the waiters that it had in the parent.
+/// A new event in the same state as the field's, without the parent's waiters.
 Ref renewed_event(const AuthManager& manager, Field field) {
   Ref event = AuthManager::new_event();
   if (is_set(manager.value_of(field).get())) python::set_event(event.get());
   return event;
 }
 
-/// The attempt that was running went on in the parent only.
+/// Leaves the attempt that was running, which continues in the parent only.
 void leave_running_attempt(AuthManager& manager) {
   const HeldLock held(manager);
   const State state = held.state();
@@ -26,7 +26,7 @@ void leave_running_attempt(AuthManager& manager) {
   held.set(Field::kAuthEvent, Ref::none());
 }
 
-/// Renewal begins again in this process; what keeps it from beginning is recorded for the next caller.
+/// Restarts renewal in this process; if that fails, the error is stored for the next caller.
 void resume_renewal(AuthManager& manager) {
   Ref pending_era;
   bool unanswered = false;
@@ -61,7 +61,7 @@ void AuthManager::begin_anew_in_child() {
       {Field::kInTransientBackoff, Ref::boolean(false)},
   };
   AttemptRef before;
-  // Making them may have let another thread of the child go first. From here on nothing calls Python.
+  // Another thread of the child may have done this during the calls above. From here on nothing calls Python.
   if (generation == process_generation()) return;
   generation = process_generation();
   for (auto& [field, value] : renewed) {
@@ -74,7 +74,7 @@ void AuthManager::begin_anew_in_child() {
   lock.owner = 0;
   refresh_waiters = {};
   threads.clear();
-  // The thread that was closing it may not have come to the key, and is not here to go on.
+  // The thread that was closing it is not in the child, and may not have wiped the key.
   if (is_closed()) return complete_close();
   leave_running_attempt(*this);
   resume_renewal(*this);

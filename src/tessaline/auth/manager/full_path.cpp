@@ -11,13 +11,13 @@ namespace {
 
 constexpr double kRefreshDoneSeconds = 10.0;
 
-/// The fields on which a call of `get_token` decides, read at one go.
+/// The fields that determine what `get_token` does, read together under the lock.
 struct Snapshot {
   State state;
   Ref token;
   Ref token_expiry;
   bool permanent_error;
-  AttemptRef running;  ///< or the last that ran
+  AttemptRef running;  ///< or the last one that ran
   Ref reauth_mode;
   Ref pending_era;
   Ref auth_error;
@@ -44,7 +44,7 @@ void raise_stored_error(AuthManager& manager, const HeldLock& held) {
   if (!failure.is_none()) manager.raise_stored(held, failure.get());
 }
 
-/// Keeps `_refresh_done` from being cleared between a look at the token's age and the wait.
+/// Keeps `_refresh_done` from being cleared between the check of the token's age and the wait.
 class RefreshWaiter {
  public:
   explicit RefreshWaiter(AuthManager& manager) noexcept : manager_(manager) {
@@ -85,7 +85,7 @@ class Serving {
   }
 
  private:
-  /// The old token while it is good and a scheduled refresh only waits for a server that is away; else empty.
+  /// The old token while it is valid and a scheduled refresh is in back-off; else empty.
   Ref token_while_refresh_backs_off() {
     const bool may_serve = is_proactive(seen_.reauth_mode.get()) && seen_.pending_era.is_none() &&
                            manager_.is_true(Field::kInTransientBackoff) && !seen_.token.is_none() &&
@@ -109,7 +109,7 @@ class Serving {
   }
 
   Ref token_after_running_attempt() {
-    // In the child of a fork nobody runs it: there the call begins anew.
+    // In a forked child the attempt is not running: start again.
     if (!seen_.running->event.is_none() && !manager_.wait_for(seen_.running)) return manager_.get_token();
     {
       const HeldLock held(manager_);
@@ -141,10 +141,10 @@ class Serving {
 
   Ref token_after_expiry() {
     if (seen_.permanent_error) raise_auth_error(reason::kTokenExpired);
-    // A refresh thread that slept through a suspension of the machine learns of the expiry only so.
+    // Wakes a refresh thread that slept while the machine was suspended.
     manager_.set_event(Field::kRefreshEvent);
     const Ref fallback = Ref::boolean(manager_.event_is_set(Field::kRefreshPending));
-    // Directly where it is the class's own: an argument more than a program's would have.
+    // The class's own is called directly, with an argument that a program's override would not accept.
     if (has_own_poll(manager_.object())) {
       return manager_.poll_after_expiry(seen_.token.get(), fallback.get() == Py_True);
     }
@@ -152,7 +152,7 @@ class Serving {
                                {{names::fallback_to_current_token, fallback.get()}});
   }
 
-  /// When the token was stored, if its refresh point has come; else empty.
+  /// When the token was stored, if it is due for refresh; else empty.
   Ref auth_time_if_refresh_due(PyObject* now) {
     Ref auth_time;
     Ref refresh_at;
@@ -185,7 +185,7 @@ class Serving {
     python::wait_event(manager_.get(Field::kRefreshDone).get(), kRefreshDoneSeconds);
   }
 
-  /// Whether the refresh asked for has come and gone already, its signal with it.
+  /// Whether the refresh has ended already, and its signal with it.
   bool stored_since(PyObject* auth_time) {
     const HeldLock held(manager_);
     return !python::equal(held.get(Field::kAuthTime).get(), auth_time);
@@ -195,7 +195,7 @@ class Serving {
     AttemptRef running;
     for (;;) {
       if (running && !manager_.wait_for(running)) return manager_.get_token();
-      // Ends after the lock: the last share of an attempt may own anything.
+      // Released after the lock: the last share of an attempt may own anything.
       const AttemptRef awaited = std::move(running);
       const HeldLock held(manager_);
       held.raise_if_closed();

@@ -9,7 +9,7 @@
 namespace tessaline::auth {
 namespace {
 
-/// Whether dropping it runs no code of a program.
+/// Whether releasing it cannot run a program's code.
 bool drops_quietly(PyObject* value) {
   return value == Py_None || PyBool_Check(value) || PyUnicode_CheckExact(value) ||
          PyFloat_CheckExact(value) || PyBytes_CheckExact(value);
@@ -56,7 +56,7 @@ void HeldLock::require_constructed() const {
 
 HeldLock::~HeldLock() {
   if (!lock_) return;
-  // Closed before anybody else can take the lock: the call of close() has returned already.
+  // Before another thread can take the lock: the call of close() has already returned.
   if (manager_.lock.close_deferred) manager_.mark_closed(*this);
   manager_.lock.owner = 0;
 }

@@ -11,16 +11,16 @@ namespace tessaline::auth {
 /// Whether the calling line of execution holds `_lock` through `HeldLock`.
 bool holds_lock(const AuthManager& manager);
 
-/// The manager's `_lock`, held for a block, and what it guards: the proof that a function asks for which has
-/// to be called under it.
+/// Holds the manager's `_lock` for a block, and gives access to what it guards. Functions that must be called
+/// under the lock take one as an argument.
 ///
-/// It is held for short reads and stores only, never across a request, a sleep, the wait for an event or a
-/// join; what is handed out after a wait is read again under it. What is replaced under it is dropped after
-/// it, and a `close` by code that ran under it (a finalizer, a signal handler, a clock) is done then.
+/// Held for short reads and stores only, never across a request, a sleep, a wait or a join; after a wait
+/// everything is read again. Replaced values are released after the lock, and a `close` called by code that
+/// ran under it (a finalizer, a signal handler, a clock) takes effect then.
 class HeldLock {
  public:
-  /// Takes it. Raises RuntimeError where this line of execution holds it already: a signal handler, a
-  /// finalizer or a clock that ran meanwhile would wait for itself.
+  /// Takes it. Raises RuntimeError if this line of execution holds it already: a signal handler, a finalizer
+  /// or a clock that runs under it would deadlock.
   explicit HeldLock(AuthManager& manager);
   ~HeldLock();
   HeldLock(const HeldLock&) = delete;
@@ -40,14 +40,14 @@ class HeldLock {
   bool closed() const { return state() == State::kClosed; }
   void raise_if_closed() const;
 
-  /// Sets `_auth_event`, where there is one.
+  /// Sets `_auth_event`, if there is one.
   void set_auth_event() const;
 
-  /// At once where there is no memory to keep it.
+  /// Released at once if there is no memory to keep it.
   void drop_later(Ref replaced) const noexcept;
 
  private:
-  /// What is done when the lock is free again, whatever happened under it.
+  /// What is done after the lock is released, even if an exception is thrown.
   class Afterwards {
    public:
     Afterwards() noexcept = default;
@@ -63,12 +63,12 @@ class HeldLock {
   HeldLock(AuthManager& manager, unsigned long here);
   HeldLock(AuthManager& manager, Afterwards afterwards);
 
-  /// Raises where the constructor has not run: a program may have written the fields by itself.
+  /// Raises if the constructor has not run: a program may have set the fields itself.
   void require_constructed() const;
 
   AuthManager& manager_;
   const Afterwards afterwards_;
-  std::optional<python::ScopedLock> lock_;  ///< empty: the caller's
+  std::optional<python::ScopedLock> lock_;  ///< empty if the caller holds the lock
 };
 
 }  // namespace tessaline::auth

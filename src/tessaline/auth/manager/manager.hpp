@@ -22,24 +22,24 @@ class HeldLock;
 
 State state_of(PyObject* text);
 
-/// What belongs to `_lock`. `HeldLock` is the way to it.
+/// State that belongs to `_lock`; use `HeldLock`.
 struct LockState {
   unsigned long owner;  ///< the line of execution that holds it through `HeldLock`, or 0
   bool close_deferred;  ///< `close` was called by code that ran under it
-  PyObject* replaced;   ///< list of what is dropped after it
+  PyObject* replaced;   ///< list of values to release after the lock
 };
 
-/// Callers about to wait, or waiting, for `_refresh_done`: cleared under them, the signal would be lost.
+/// Callers that wait, or are about to wait, for `_refresh_done`: clearing it now would lose the signal.
 struct RefreshWaiters {
   int count;
-  bool signal_is_stale;  ///< to be cleared when the last of them has gone
+  bool signal_is_stale;  ///< to be cleared by the last of them
 };
 
-/// One wallet identity at one server: the object that a program sees as `AuthManager`. README.md beside this
-/// file has the nouns, the states and who waits for whom.
+/// One wallet identity at one server: the class that a program sees as `AuthManager`. See README.md in this
+/// folder for the terms, the states and who waits for whom.
 ///
-/// A plain structure, since the interpreter allocates it: zeros, then `construct`. What `_lock` guards is
-/// reached through `HeldLock`; methods run with the interpreter's lock, on any thread.
+/// A plain structure, because the interpreter allocates it: zeroed, then `construct`. Access what `_lock`
+/// guards through `HeldLock`; methods run under the GIL, on any thread.
 struct AuthManager {
   PyObject_HEAD std::array<PyObject*, kFieldCount> fields;
   PyObject* dict;            ///< the instance's `__dict__`; null until used
@@ -51,16 +51,16 @@ struct AuthManager {
   RefreshThreads refresh_threads;
   RefreshWaiters refresh_waiters;
 
-  // Construction, and what the interpreter asks of an object.
+  // Construction and type slots.
   void construct(PyObject* private_key, PyObject* server_url, PyObject* invite_code,
                  PyObject* register_wallet, PyObject* clock, PyObject* transport);
   int traverse(visitproc visit, void* arg) const;
   void clear() noexcept;
 
-  /// Class, address, server and state; nothing secret.
+  /// Class, address, server and state; no secret.
   Ref represent();
 
-  // The private key as a program sees it: 64 hexadecimal digits, or None.
+  // The private key as Python sees it: 64 hexadecimal digits, or None.
   Ref private_key() const;
   void set_private_key(PyObject* value);
   void wipe_key() noexcept;
@@ -73,8 +73,8 @@ struct AuthManager {
   Ref compute_refresh_at(PyObject* auth_time);
   Ref raise_if_pending_era_locked();
 
-  /// Raises "era_mismatch" for the token of a flow that began before an era was announced which it does not
-  /// meet, also where another flow has met it since. `era_before`: the highest era when the flow began.
+  /// Raises "era_mismatch" if an era has been announced since the flow began that `token` does not meet, even
+  /// if another flow has met it since. `era_before`: the highest era when the flow began.
   void require_era_announced_since(const HeldLock& held, PyObject* era_before, PyObject* token);
   Ref announced_era() const;
 
@@ -85,28 +85,27 @@ struct AuthManager {
   void replace_attempt(const HeldLock& held, AttemptRef replacement) noexcept;
   AttemptRef current_attempt() const noexcept { return AttemptRef(attempt); }
 
-  /// The attempt to wait for: the current one, or one that stands for the event that the program has written.
+  /// The attempt to wait for: the current one, or one for an event that the program has assigned.
   AttemptRef attempt_to_wait_for(const HeldLock& held) const;
 
   /// The same, and makes it the current one: a program may have begun it.
   AttemptRef adopt_attempt();
 
-  /// Waits for its end; false where this is another process by then, and nobody runs it. Raises RuntimeError
-  /// where the end would never come: on the line of execution that runs it, in a transport, a log handler or
-  /// a signal handler.
+  /// Waits until it has ended; false if this is now a forked child, in which it does not run. Raises
+  /// RuntimeError for a deadlock: on the line of execution that runs it, in a transport, a log handler or a
+  /// signal handler.
   bool wait_for(const AttemptRef& awaited);
 
-  /// Its failure, or None. That of an attempt that is the current one still is what `_auth_error` says.
+  /// Its failure, or None. For the current attempt, `_auth_error` still decides.
   Ref outcome_of(const HeldLock& held, const Attempt& ended) const;
 
-  /// Keeps the failure for those who wait for the attempt, wakes them and, where it is the current one still,
-  /// goes over to the state that follows: by its kind, whether a token is there and whether an era is
-  /// pending. `expected`: the attempt that has to be the current one; another than `failed` where that was
-  /// begun beside it.
+  /// Stores the failure for those who wait for the attempt, wakes them and, if it is still the current one,
+  /// changes the state, depending on its kind, and on whether there is a token or a pending era. `expected`:
+  /// the attempt that has to be the current one; differs from `failed` if that one was begun beside it.
   void settle_failure(const AttemptRef& failed, Attempt::Kind run_as, const python::Error& error,
                       const Attempt* expected);
 
-  /// What a failure leaves for the next caller.
+  /// Stores a failure for the next caller.
   void record_failure(const HeldLock& held, PyObject* recorded);
   void wake_waiters_of(const Attempt& ended);
 
@@ -118,16 +117,16 @@ struct AuthManager {
   Ref refresh_loop();
   Ref do_refresh();
 
-  /// Runs a flow and stores its result; false when the manager was closed meanwhile.
+  /// Runs a flow and stores its result; false if the manager was closed meanwhile.
   bool renew();
 
-  /// Starts a refresh thread where the manager is authenticated and none lives.
+  /// Starts a refresh thread if the manager is authenticated and none is alive.
   void revive_refresh();
 
-  /// Hands over to the next refresh thread on a background thread, which has nobody to raise to.
+  /// Starts the next refresh thread from a background thread, where nothing can be raised to a caller.
   void start_next_refresh();
 
-  /// Leaves nobody waiting for a refresh thread that could not be started.
+  /// Wakes all who wait for a refresh whose thread could not be started.
   void record_unstarted_refresh(const python::Error& error);
   Ref new_daemon_thread(const python::Name& method);
   void clear_refresh_done();
@@ -140,13 +139,13 @@ struct AuthManager {
   Ref get_token();
   Ref poll_for_reauth(bool fallback_to_current_token);
 
-  /// The same by a caller who has found `old_token` expired: one renewed since must not pass for it.
+  /// The same for a caller that found `old_token` expired, even if it has been renewed since.
   Ref poll_after_expiry(PyObject* old_token, bool fallback_to_current_token);
   Ref get_wallet_secret();
   Ref get_token_expiry();
   Ref get_wallet_address();
 
-  /// The token at once where nothing stands against serving it; else empty, which says nothing yet.
+  /// The token at once if the manager is plainly healthy; empty means unknown.
   Ref token_if_healthy();
   void raise_if_pending_era(const HeldLock& held);
   void raise_if_permanent_error(const HeldLock& held) const;
@@ -155,19 +154,19 @@ struct AuthManager {
   Ref set_display_name(PyObject* display_name);
   Ref close();
 
-  /// The state CLOSED, and the rest of the shutdown.
+  /// Sets the state CLOSED; complete_close() does the rest.
   void mark_closed(const HeldLock& held) noexcept;
   void complete_close();
   void finish_deferred_close() noexcept;
 
-  /// Makes the manager fit for a child process on its first use there: lock and events anew, no thread, the
-  /// token still served, and renewal started again. A close that had begun is finished.
+  /// Prepares the manager at its first use in a forked child: a new lock and new events, no threads. The
+  /// token is still served, and renewal restarts. A close that had begun is completed.
   void begin_anew_in_child();
 
   // Fields.
   PyObject* object() noexcept { return reinterpret_cast<PyObject*>(this); }
 
-  /// The field's value; AttributeError where it was deleted or never set.
+  /// The field's value; AttributeError if it was deleted or never set.
   Ref get(FreeField free) const { return value_of(free.field); }
   void set(FreeField free, Ref value) noexcept {
     python::drop(std::exchange(at(free.field), value.release()));
@@ -177,10 +176,10 @@ struct AuthManager {
   void clear_event(FreeField event);
   bool event_is_set(FreeField event) const;
 
-  /// At one look, which an answer given without `_lock` may be.
+  /// One check, so `_lock` is not needed.
   bool is_closed() const { return state_of(value_of(Field::kState).get()) == State::kClosed; }
 
-  /// Any field, for `HeldLock`, and where the interpreter's lock is enough.
+  /// Any field, for `HeldLock`, and wherever the GIL is enough.
   Ref value_of(Field field) const;
   PyObject*& at(Field field) noexcept { return fields[static_cast<std::size_t>(field)]; }
   PyObject* at(Field field) const noexcept { return fields[static_cast<std::size_t>(field)]; }
@@ -188,33 +187,32 @@ struct AuthManager {
   /// Calls one of the manager's own methods through the instance.
   Ref call_own(const python::Name& method, std::initializer_list<PyObject*> arguments = {});
 
-  /// New objects of the program's Python: `threading.Event()`, `threading.Lock()`.
+  /// Creates `threading.Event()` and `threading.Lock()`.
   static Ref new_event();
   static Ref new_lock();
 };
 
-/// Creates the interned texts of states and modes. Called once, when the module is executed.
+/// Creates the interned texts of states and modes. Called once, by the module's initialisation.
 void make_manager_texts();
 
-/// Learns which facilities of Python the fast path may read without calling them. Called once, with the
-/// class.
+/// Looks up which of Python's functions the fast path may bypass. Called once, with the class.
 void know_own_members(PyTypeObject* manager_type);
 
-/// Whether `_poll_for_reauth` is the class's own, on this instance too.
+/// Whether `_poll_for_reauth` is overridden neither by a subclass nor on this instance.
 bool has_own_poll(PyObject* manager);
 
 PyObject* state_text(State state) noexcept;
 PyObject* proactive_mode() noexcept;
 PyObject* era_change_mode() noexcept;
 
-/// Whether an event is set, as the event itself says.
+/// `event.is_set()`.
 bool is_set(PyObject* event);
 
-/// What a failed flow leaves for those who waited: the failure itself when it is an AuthError, else an
-/// AuthError whose reason is its text; the failure itself too where memory for another is short.
+/// The error that waiters of a failed flow get: the failure itself if it is an AuthError, else an AuthError
+/// whose reason is its text; the failure itself too if memory is short.
 Ref recorded_error(const python::Error& error) noexcept;
 
-/// Whether the failure is an AuthError that ends renewal for good.
+/// Whether the failure is an AuthError that stops renewal.
 bool is_permanent(const python::Error& error) noexcept;
 
 }  // namespace tessaline::auth

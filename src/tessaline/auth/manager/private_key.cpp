@@ -9,7 +9,7 @@
 namespace tessaline::auth {
 
 Ref AuthManager::private_key() const {
-  value_of(Field::kState);  // raises before the constructor has run
+  value_of(Field::kState);  // raises if the constructor has not run
   if (key == nullptr) return Ref::none();
   Ref made = python::checked(PyUnicode_New(static_cast<Py_ssize_t>(wallet::kKeyHexDigits), 'f'));
   key->write_hex(std::span<char, wallet::kKeyHexDigits>(static_cast<char*>(PyUnicode_DATA(made.get())),

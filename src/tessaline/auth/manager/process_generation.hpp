@@ -2,11 +2,11 @@
 
 namespace tessaline::auth {
 
-/// How many forks lie between this process and the one that loaded the module. Threads, and locks that they
-/// held, do not come along to a child; what was made under another number has to be made anew.
+/// The number of forks between this process and the one that loaded the module. Threads, and locks they held,
+/// are not in a child; what was made under another number has to be re-created.
 unsigned long process_generation() noexcept;
 
-/// Begins to count. Called once, when the module is executed. Throws std::bad_alloc.
+/// Starts counting. Called once, by the module's initialisation. Throws std::bad_alloc.
 void watch_forks();
 
 }  // namespace tessaline::auth

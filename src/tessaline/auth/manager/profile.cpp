@@ -23,7 +23,7 @@ void require_authenticated(AuthManager& manager) {
   }
 }
 
-/// None and the empty text reset the name; a text of blanks only is a name that is too short.
+/// None and the empty text reset the name; text of spaces only is a name that is too short.
 bool is_reset(PyObject* display_name) {
   return display_name == Py_None ||
          (PyUnicode_Check(display_name) && PyUnicode_GET_LENGTH(display_name) == 0);

@@ -11,14 +11,14 @@
 namespace tessaline::auth {
 namespace {
 
-constexpr double kSleepSeconds = 1.0;           // at least, between two looks
+constexpr double kSleepSeconds = 1.0;           // at least, between two checks
 constexpr double kInjectedSleepSeconds = 0.05;  // an injected clock may move at any time
 
 Ref this_thread() {
   return python::call_method(python::global(names::threading).get(), names::current_thread);
 }
 
-/// Whether the step failed for want of memory, which there may be later. Other failures are raised.
+/// Whether the step failed for lack of memory, so that it can be tried again. Other failures are raised.
 template <class Step>
 bool lacks_memory(Step&& step) {
   std::optional<python::Error> failure = python::caught(std::forward<Step>(step));
@@ -45,7 +45,7 @@ void RefreshLoop::run() {
     Pass next = Pass::kAgain;
     const bool failed = python::caught([&] { next = pass(); }).has_value();
     if (next == Pass::kEnd) return;
-    // A clock that fails now may work later; a loop that ended would leave the token to age.
+    // A failure of the clock may be transient, and without this loop the token would expire.
     if (failed && python::caught([this] { wait(shortest_sleep()); })) rest();
   }
 }
@@ -87,9 +87,9 @@ bool RefreshLoop::is_superseded(const HeldLock& held) {
 
 void RefreshLoop::refresh() {
   manager_.set_event(Field::kRefreshPending);
-  // From here on it sleeps for no refresh: a login that fails meanwhile finds that a loop is missing.
+  // Before the refresh: if a login fails meanwhile, it sees that no loop is left, and starts one.
   manager_.refresh_threads.resign(standing_.thread());
-  // What a refresh meets it records itself; here is nobody to tell.
+  // A refresh stores its own failure; this thread has no caller.
   static_cast<void>(python::caught([this] {
     while (lacks_memory([this] { manager_.call_own(names::do_refresh); }) && !stop_requested()) rest();
   }));
@@ -111,8 +111,7 @@ void RefreshLoop::wait(double seconds) {
   } else {
     python::wait_event(event.get(), seconds);
   }
-  // The signal may be meant for the successor, which may not be waiting yet; that of a close is for every
-  // loop.
+  // The signal may be for the successor, which may not be waiting yet; that of a close is for every loop.
   const HeldLock held(manager_);
   if (!held.closed() && !is_superseded(held)) python::clear_event(event.get());
 }

@@ -4,11 +4,10 @@
 
 namespace tessaline::auth {
 
-/// One run of the refresh loop, on the thread that made it: sleeps until the refresh point, refreshes once,
-/// ends.
+/// One run of the refresh loop, on the current thread: sleeps until the refresh point, refreshes once, ends.
 ///
-/// Which one counts `LoopStanding` says. One that was superseded ends when it next wakes; since it may be
-/// asleep until a refresh point that is no longer its own, its successor wakes it.
+/// `LoopStanding` says which loop is active. A superseded one ends when it wakes; its successor wakes it,
+/// since it may be sleeping until a refresh point that is no longer valid.
 class RefreshLoop {
  public:
   explicit RefreshLoop(AuthManager& manager);
@@ -31,7 +30,7 @@ class RefreshLoop {
   double wait_seconds(double remaining) const;
   void wait(double seconds);
 
-  /// Wakes a superseded loop's thread, and waits for its end.
+  /// Wakes a superseded loop's thread and waits for its end.
   void retire(PyObject* older, PyObject* wake) const;
   void rest();
 

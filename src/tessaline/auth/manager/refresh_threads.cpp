@@ -13,7 +13,7 @@ bool is_alive(PyObject* thread) {
   if (thread == nullptr || thread == Py_None) return false;
   const Ref kept = Ref::borrow(thread);
   bool alive = false;
-  // A program's own kind of thread may not know.
+  // A program's own type of thread may lack it.
   std::optional<python::Error> failure =
       python::caught([&] { alive = python::call_method(kept.get(), names::is_alive).get() == Py_True; });
   if (failure && !failure->matches(PyExc_Exception)) throw std::move(*failure);
@@ -22,10 +22,10 @@ bool is_alive(PyObject* thread) {
 
 namespace {
 
-/// Whether it is not still to be started.
+/// Whether the thread has been started.
 bool has_begun(PyObject* thread) {
   bool begun = true;
-  // A program's own kind of thread may not know.
+  // A program's own type of thread may lack it.
   std::optional<python::Error> failure =
       python::caught([&] { begun = !python::attribute(thread, names::ident).is_none(); });
   if (failure && !failure->matches(PyExc_Exception)) throw std::move(*failure);
@@ -66,7 +66,7 @@ Ref RefreshThreads::living_older(PyObject* for_thread) {
   if (!list) return {};
   for (Py_ssize_t index = python::length(list.get()); newest == for_thread && index > 0;) {
     const Ref place = python::integer(static_cast<long>(--index));
-    // Another loop may have shortened the list meanwhile.
+    // Another loop may have removed some meanwhile.
     if (index >= python::length(list.get())) continue;
     Ref thread = python::item(list.get(), place.get());
     if (is_alive(thread.get())) return thread;

@@ -10,25 +10,24 @@ using python::Ref;
 
 class HeldLock;
 
-/// The threads that sleep until a renewal, and which of their loops counts: that of the thread which
-/// `_refresh_thread` names, or of the newest where it names none of them.
-/// A part of the manager's plain structure.
+/// The threads that sleep until a renewal. The active loop is that of the thread in `_refresh_thread`, or of
+/// the newest if that is none of them. A part of the manager's plain structure.
 struct RefreshThreads {
   PyObject* newest;  ///< while its loop may still refresh
-  PyObject* older;   ///< list of those that a newer one has superseded and that may still sleep
+  PyObject* older;   ///< list of superseded threads that may still sleep
 
-  /// Makes `thread` the newest, and gives back the one before it.
+  /// Makes `thread` the newest, and returns the previous one.
   Ref enlist(PyObject* thread);
 
-  /// Undoes that for a thread that did not start.
+  /// Reverts that if the thread could not be started.
   void withdraw(PyObject* thread, Ref before);
 
-  /// It sleeps for no refresh any more: a login that fails meanwhile finds that a loop is missing.
+  /// Called before it refreshes: if a login fails meanwhile, it sees that no loop is left.
   void resign(PyObject* thread) noexcept;
 
   bool is_newest_alive() const;
 
-  /// An older one that lives, for the newest to wake; else empty.
+  /// An older one that is alive, for the newest to wake; else empty.
   Ref living_older(PyObject* for_thread);
   void remove_older(PyObject* thread);
 
@@ -36,7 +35,7 @@ struct RefreshThreads {
   void clear() noexcept;
 };
 
-/// One loop's question whether it counts still. A program that writes `_refresh_thread` names another.
+/// Whether one loop is still active. A program that sets `_refresh_thread` selects another.
 class LoopStanding {
  public:
   explicit LoopStanding(Ref thread) noexcept : thread_(std::move(thread)) {}
@@ -48,7 +47,7 @@ class LoopStanding {
   bool was_registered_ = false;
 };
 
-/// `thread.is_alive()`; false for none, and for what cannot tell.
+/// `thread.is_alive()`; false for none, and if the call fails.
 bool is_alive(PyObject* thread);
 
 }  // namespace tessaline::auth

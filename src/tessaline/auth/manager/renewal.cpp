@@ -23,7 +23,7 @@ Ref AuthManager::start_refresh() {
   {
     const HeldLock held(*this);
     if (held.closed()) return Ref::none();
-    // Starting renewal also re-arms the close signal.
+    // Also resets the signal of close().
     clear_event(Field::kRefreshStop);
     clear_event(Field::kCloseEvent);
     clear_event(Field::kRefreshPending);
@@ -42,7 +42,7 @@ Ref AuthManager::start_refresh() {
   if (!held.closed() && refresh_threads.newest == thread.get()) {
     held.set(Field::kRefreshThread, Ref::borrow(thread.get()));
   }
-  // Ctrl-C may have ended the start after the thread had begun.
+  // Ctrl-C may have interrupted the start after the thread had begun.
   if (failure) throw std::move(*failure);
   return Ref::none();
 }
@@ -66,7 +66,7 @@ void AuthManager::record_unstarted_refresh(const python::Error& error) {
     const HeldLock held(*this);
     if (held.closed()) return;
     set_event(Field::kRefreshDone);
-    // An attempt that somebody works on has an outcome and waiters of its own.
+    // An attempt in progress has its own outcome and waiters.
     const State state = held.state();
     const bool idle =
         state == State::kAuthenticated || (state == State::kReAuthenticating && !attempt->is_worked_on());
@@ -87,7 +87,7 @@ void AuthManager::revive_refresh() {
   }
   if (refresh_threads.is_newest_alive()) return;
   std::optional<python::Error> failure = python::caught([this] { call_own(names::start_refresh); });
-  // Recorded by the attempt itself; the caller is about to get the failure that led here.
+  // Stored already; the caller raises the failure that led here.
   if (failure && !failure->matches(PyExc_Exception)) throw std::move(*failure);
 }
 
@@ -97,7 +97,7 @@ Ref AuthManager::refresh_loop() {
 }
 
 Ref AuthManager::do_refresh() {
-  // A refresh that did not begin would have nothing to record it.
+  // If making the attempt failed, nothing could store the failure.
   AttemptRef own;
   python::until_done([&] { own = Attempt::make(Attempt::Kind::kRenewal, new_event()); });
   bool stored = false;
@@ -129,7 +129,7 @@ bool AuthManager::renew() {
 
 void AuthManager::start_next_refresh() {
   const std::optional<python::Error> failure = python::caught([this] { call_own(names::start_refresh); });
-  // The new token is in place and stays; the failure is for the next caller to see.
+  // The new token is stored; the failure is for the next caller.
   if (failure) record_unstarted_refresh(*failure);
 }
 

@@ -13,11 +13,11 @@
 namespace tessaline::auth {
 namespace {
 
-/// Between two looks at what may have happened to a runner that says nothing: its thread ended before its
-/// first line, or this is the child of a fork.
+/// How often to check whether a runner is lost: its thread ended before its first line, or this is a forked
+/// child.
 constexpr double kLostRunnerSeconds = 1.0;
 
-/// `str(error)`, or the name of its type where it has no text form.
+/// `str(error)`, or the name of its type if that fails.
 Ref text_or_name_of(PyObject* error) {
   Ref text;
   if (python::caught([&] { text = python::text_of(error); })) {
@@ -26,10 +26,10 @@ Ref text_or_name_of(PyObject* error) {
   return text;
 }
 
-/// The state after a failure; the old token stays, and a pending era keeps it from being served.
+/// The state after a failure; the old token stays, but is not served while an era is pending.
 void leave_attempt(const HeldLock& held, const Attempt& failed, Attempt::Kind run_as) {
   const bool is_login = run_as == Attempt::Kind::kLogin;
-  // A program may have written another.
+  // A program may have set another state.
   if (is_login && held.state() != State::kAuthenticating) return;
   bool stays_authenticated = true;
   if (is_login) stays_authenticated = failed.follows_token && !held.is_none(Field::kToken);
@@ -38,7 +38,7 @@ void leave_attempt(const HeldLock& held, const Attempt& failed, Attempt::Kind ru
   held.set(Field::kReauthMode, Ref::none());
 }
 
-/// Ends a re-authentication whose thread the interpreter has ended before its first line.
+/// Ends a re-authentication whose thread ended before its first line.
 void settle_if_lost(AuthManager& manager, const AttemptRef& awaited) {
   {
     const HeldLock held(manager);
@@ -90,7 +90,7 @@ bool AuthManager::wait_for(const AttemptRef& awaited) {
                   "AuthManager was asked to wait by code that its own authentication runs",
                   notes::kWaitInLogin);
   }
-  // A fork comes from a signal handler, and the program's own event may know no time-out.
+  // A signal handler may fork on the main thread. A program's own event may not support time-outs.
   const bool may_lose_runner = awaited->kind == Attempt::Kind::kEraChange || python::on_main_thread();
   if (awaited->kind == Attempt::Kind::kProgram || !may_lose_runner) {
     python::wait_event(event);
@@ -122,7 +122,7 @@ void AuthManager::settle_failure(const AttemptRef& failed, Attempt::Kind run_as,
     python::until_done([&] {
       const HeldLock held(*this);
       if (held.closed()) {
-        // close() has woken everybody, and what it has left is for all.
+        // close() has woken all waiters and stored its error for them.
         const bool is_login = run_as == Attempt::Kind::kLogin;
         if (is_login && held.is_none(Field::kAuthError))
           held.set(Field::kAuthError, Ref::borrow(recorded.get()));
@@ -156,7 +156,7 @@ void AuthManager::wake_waiters_of(const Attempt& ended) {
 
 void AuthManager::raise_stored(const HeldLock& held, PyObject* error) {
   held.raise_if_closed();
-  // A finalizer may end the share of the manager.
+  // A finalizer may release the manager's share.
   const AttemptRef kept = current_attempt();
   kept->raise_stored(held, error);
 }
@@ -164,7 +164,7 @@ void AuthManager::raise_stored(const HeldLock& held, PyObject* error) {
 Ref recorded_error(const python::Error& error) noexcept {
   if (error.matches(error_types().auth)) return Ref::borrow(error.exception());
   Ref recorded;
-  // What is raised meanwhile would hide the failure that is being recorded.
+  // A new exception would hide the failure that is being stored.
   static_cast<void>(python::caught([&] {
     python::until_done(
         [&] { recorded = new_recorded_error(text_or_name_of(error.exception()).get(), error.exception()); });

@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t kMostArguments = 10;
 
-/// The argument vector of one call, with a free place before the first for Python's own use.
+/// The argument vector of one call, with a free slot before the first, which Python may use.
 struct Vector {
   std::array<PyObject*, kMostArguments + 1> places{};
   std::size_t positional = 0;

@@ -8,8 +8,8 @@
 #include "tessaline/auth/python/name.hpp"
 #include "tessaline/auth/python/ref.hpp"
 
-// The doors through which C++ runs Python code. Each throws Error with what the code raised; arguments are
-// borrowed for the call.
+// The doors through which C++ runs Python code. Each throws Error with the exception that the code raised;
+// arguments are borrowed for the call.
 
 namespace tessaline::auth::python {
 
@@ -18,7 +18,7 @@ using Keywords = std::initializer_list<std::pair<const Name&, PyObject*>>;
 
 Ref call(PyObject* callable, Arguments arguments = {}, Keywords keywords = {});
 
-/// `object.name(…)`, looked up on the instance first, so that a subclass or a patched instance takes effect.
+/// `object.name(…)`, looked up on the instance first, so that subclasses and patched instances take effect.
 Ref call_method(PyObject* object, const Name& name, Arguments arguments = {}, Keywords keywords = {});
 
 Ref attribute(PyObject* object, const Name& name);

@@ -7,11 +7,11 @@
 
 namespace tessaline::auth::python {
 
-/// Runs `body` and gives back the exception that it raised, or nothing.
+/// Runs `body` and returns the exception that it raised, if any.
 ///
-/// The one way to handle a Python exception. A C++ handler must not call Python: when the interpreter ends
-/// the thread in there, the runtime cannot stack that unwinding on the exception being handled, and aborts
-/// the process before the door can park the thread. Throw `std::move(*failure)` to pass it on.
+/// The only way to handle a Python exception. A C++ handler must not call Python: if the interpreter ends the
+/// thread there, the C++ runtime cannot start that unwinding during another exception, and aborts the process
+/// before the door can park the thread. Rethrow it with `throw std::move(*failure)`.
 template <class Body>
 std::optional<Error> caught(Body&& body) {
   try {

@@ -29,23 +29,22 @@ constinit const Name kRelease{"release"};
 constinit const Name kWait{"wait"};
 constinit const Name kTimeout{"timeout"};
 
-/// Python's own type and functions, kept until the process ends; null for what another library had put in
-/// the place of a function before our import (gevent: a type of its own, in C), and where events do not
-/// consist of what is known here.
+/// Python's own type and functions, never freed. Null for a function that another library had replaced before
+/// our import (gevent: with a type in C), and if events differ from what this file knows.
 PyObject* own_type = nullptr;
 PyObject* own_set = nullptr;
 PyObject* own_clear = nullptr;
 PyObject* own_wait = nullptr;
 
-/// What a plain event consists of.
+/// The parts of a plain event.
 struct Inside {
   Ref new_lock;
   Ref lock;
   Ref waiters;
 };
 
-/// Empty where locks are not the interpreter's own: those in the event, or those that are made now (eventlet
-/// replaces both and leaves the type of events as it is).
+/// Empty if the locks, in the event or newly made, are not the interpreter's own (eventlet replaces both and
+/// keeps the type of events).
 std::optional<Inside> inside_of(PyObject* event) {
   Ref new_lock = plain_lock_maker();
   if (!new_lock) return std::nullopt;
@@ -55,7 +54,7 @@ std::optional<Inside> inside_of(PyObject* event) {
   return Inside{std::move(new_lock), std::move(lock), attribute(condition.get(), kWaiters)};
 }
 
-/// How to do what a method of the event does: within it, or by calling the method.
+/// How to perform a method of the event: on its parts, or by calling the method.
 struct Way {
   std::optional<Inside> inside;
   Ref method;
@@ -65,7 +64,7 @@ Way way_to(PyObject* event, const Name& name, PyObject* own_function) {
   Way way;
   std::optional<Error> failure = caught([&] { way.method = attribute(event, name); });
   if (own_function != nullptr) {
-    // A bound method needs memory; what is done without one does not.
+    // A bound method needs memory; the way without it does not.
     const bool own =
         failure ? failure->matches(PyExc_MemoryError) &&
                       Py_IS_TYPE(event, reinterpret_cast<PyTypeObject*>(own_type))
@@ -76,14 +75,14 @@ Way way_to(PyObject* event, const Name& name, PyObject* own_function) {
   return way;
 }
 
-/// What `Condition.notify_all` does, in calls that run no bytecode: a signal handler that ran under the
-/// event's inner lock and touched the event would wait for itself. A waiter is released before it is taken
-/// off the list, so that a call that fails loses none.
+/// Does what `Condition.notify_all` does, in calls that run no bytecode: a signal handler that used the event
+/// under its inner lock would deadlock. A waiter is released before it is removed from the list, so that a
+/// failed call loses none.
 void release_all(PyObject* waiters) {
   while (length(waiters) > 0) {
     const Ref waiter = item(waiters, integer(0).get());
     std::optional<Error> failure = caught([&] { call_method(waiter.get(), kRelease); });
-    // As Python: a waiter that has given up meanwhile is released already.
+    // As in Python: a waiter whose time-out has passed is released already.
     if (failure && !failure->matches(PyExc_RuntimeError)) throw std::move(*failure);
     call_method(waiters, kPopLeft);
   }
@@ -101,7 +100,7 @@ void change(PyObject* event, const Name& name, PyObject* own_function, PyObject*
   call(way.method.get());
 }
 
-/// The type's function of that name, where it is one that `threading` itself defines.
+/// The type's function of that name, if `threading` itself defines it.
 PyObject* function_of(PyObject* threading, PyObject* type, const Name& name) {
   Ref function = attribute(type, name);
   const bool own = PyFunction_Check(function.get()) &&
@@ -116,7 +115,7 @@ void give_up(PyObject* waiters, PyObject* lock, PyObject* waiter) {
   });
 }
 
-/// What `Event.wait` does, in calls that run no bytecode under the inner lock. `timeout` may be null.
+/// Does what `Event.wait` does, in calls that run no bytecode under the inner lock. `timeout` may be null.
 bool wait_for_flag(PyObject* event, const Inside& inside, PyObject* timeout) {
   const auto& [new_lock, lock, waiters] = inside;
   const Ref waiter = call(new_lock.get());
@@ -137,7 +136,7 @@ bool wait_for_flag(PyObject* event, const Inside& inside, PyObject* timeout) {
   return woken;
 }
 
-/// Whether setting the event by `set` does to its parts what is known here.
+/// Whether setting the event by `set` changes its parts as this file expects.
 template <class Set>
 bool wakes_a_waiter(PyObject* event, Set&& set) {
   const std::optional<Inside> inside = inside_of(event);
@@ -150,7 +149,7 @@ bool wakes_a_waiter(PyObject* event, Set&& set) {
          call_method(waiter.get(), kAcquire, {Py_False}).get() == Py_True;
 }
 
-/// Whether Python's own methods and those here do the same to an event.
+/// Whether Python's own methods and these functions have the same effect.
 bool is_as_known(PyObject* event) {
   if (!wakes_a_waiter(event, [=] { call_method(event, kSet); })) return false;
   call_method(event, kClear);

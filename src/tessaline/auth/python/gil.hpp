@@ -8,11 +8,11 @@
 
 namespace tessaline::auth::python {
 
-/// Takes the interpreter's lock again. Parks the thread when the interpreter is shutting down.
+/// Takes the GIL again. Parks the thread if the interpreter is shutting down.
 void take_gil(PyThreadState* thread) noexcept;
 
-/// Runs native work without the interpreter's lock and takes it again afterwards, whatever `work` throws.
-/// `work` touches no Python object, except between `take_gil` and `PyEval_SaveThread` of its own.
+/// Runs native work without the GIL and takes it again afterwards, whatever `work` throws. `work` uses no
+/// Python object, except between its own `take_gil` and `PyEval_SaveThread`.
 template <class Work>
 auto without_gil(Work&& work) -> decltype(work(std::declval<PyThreadState*&>())) {
   PyThreadState* thread = PyEval_SaveThread();
@@ -31,8 +31,8 @@ auto without_gil(Work&& work) -> decltype(work(std::declval<PyThreadState*&>()))
 /// Lets other threads run for a millisecond; needs no memory.
 void pause_without_gil() noexcept;
 
-/// Lets the interpreter run its signal handlers from inside `without_gil`. False when one of them raised; the
-/// exception is then the thread's raised exception.
+/// Has the interpreter run its signal handlers from inside `without_gil`. False if one of them raised; its
+/// exception is then set.
 bool run_signal_handlers(PyThreadState*& thread) noexcept;
 
 }  // namespace tessaline::auth::python

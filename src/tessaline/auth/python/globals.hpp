@@ -7,19 +7,19 @@
 
 namespace tessaline::auth::python {
 
-/// The extension module's own namespace. Set once when the module is executed; the module is kept until the
-/// process ends, because daemon threads may still be inside it.
+/// The extension module's namespace. Set once, by the module's initialisation, and never freed, because
+/// daemon threads may still be inside the module.
 void keep_module(PyObject* module) noexcept;
 
-/// Gives back the module and every name: what is executed after a failure may be another interpreter's
-/// module.
+/// Releases the module and every name: after a failed initialisation, the next one may be in another
+/// interpreter.
 void forget_interpreter() noexcept;
 
 /// The dict of that namespace, borrowed.
 PyObject* module_namespace() noexcept;
 
-/// A module-level name as it stands now, so that replacing it takes effect. Throws Error with a NameError
-/// where it is missing.
+/// The current value of a module-level name, so that replacing it takes effect. Throws Error with a NameError
+/// if it is missing.
 Ref global(const Name& name);
 
 /// `name = value` at module level.

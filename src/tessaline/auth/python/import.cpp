@@ -11,7 +11,7 @@
 namespace tessaline::auth::python {
 namespace {
 
-/// Runs the statement, whose failure tells more than that of a look into the module.
+/// Runs the statement: its error says more than that of a failed lookup.
 Ref run_import(const Name& module, const Name& name) {
   const std::string statement = std::string("from ") + module.text() + " import " + name.text();
   const Ref scope = checked(PyDict_New());
@@ -20,7 +20,7 @@ Ref run_import(const Name& module, const Name& name) {
   std::optional<Error> failure =
       caught([=] { checked(door([=] { return PyRun_String(source, Py_single_input, names, names); })); });
   if (!failure) return entry(names, name);
-  // It shows the statement's line in no file.
+  // The traceback would show a line of no file.
   set_traceback(failure->exception(), Py_None);
   throw std::move(*failure);
 }

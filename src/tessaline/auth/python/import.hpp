@@ -5,10 +5,10 @@
 
 namespace tessaline::auth::python {
 
-/// The module of that name, imported when it is not yet loaded.
+/// The module of that name, imported if necessary.
 Ref import(const Name& name);
 
-/// `from module import name`, with Python's own error where it fails.
+/// `from module import name`, with Python's own error if it fails.
 Ref import_from(const Name& module, const Name& name);
 
 }  // namespace tessaline::auth::python

@@ -2,7 +2,7 @@
 
 #include <Python.h>
 
-// What a type's own dealloc does to an instance. May run callbacks, hence any Python code.
+// What a type's own dealloc does to an instance. May run callbacks, and so any Python code.
 
 namespace tessaline::auth::python {
 

@@ -8,12 +8,12 @@
 
 namespace tessaline::auth::python {
 
-/// Whether to look at what Python does not document: the parts of an event, the function behind a builtin, a
-/// type's version tag. Each file that does so checks besides, when the module is executed, that what it finds
-/// is as it expects, and calls Python instead where it is not.
+/// Whether to use internals that Python does not document: the parts of an event, the function behind a
+/// builtin, a type's version tag. Each file that uses some also checks its assumptions at initialisation, and
+/// calls Python instead if they do not hold.
 ///
-/// False on a Python newer than all that the component has been tried on, and where the environment has
-/// TESSALINE_UNTRIED_PYTHON: with it, any Python is taken for such a one.
+/// False on a Python newer than all that have been tested, and on any Python if TESSALINE_UNTRIED_PYTHON is
+/// in the environment.
 bool inside_is_known() noexcept;
 
 }  // namespace tessaline::auth::python

@@ -22,7 +22,7 @@ constinit const Name kGetIdent{"get_ident"};
 constinit const Name kMainThread{"main_thread"};
 constinit const Name kIdent{"ident"};
 
-/// Null where it has to be called.
+/// Null if it has to be called.
 PyObject* own_get_ident = nullptr;
 PyObject* threading_names = nullptr;
 
@@ -32,7 +32,7 @@ unsigned long named_by(PyObject* get_ident) {
   return ident != 0 ? ident : PyThread_get_thread_ident();
 }
 
-/// Whether it is the interpreter's, and tells what is taken here for its answer.
+/// Whether it is the interpreter's function and returns what this file assumes.
 bool is_as_known(PyObject* get_ident, PyObject* thread_module) {
   return PyCFunction_CheckExact(get_ident) && PyCFunction_GET_SELF(get_ident) == thread_module &&
          named_by(get_ident) == PyThread_get_thread_ident();
@@ -49,20 +49,19 @@ void know_own_get_ident() {
 }
 
 unsigned long line_of_execution() {
-  // Before each taking of a lock: a look into the module's dict, and no call where it is as Python has made
-  // it.
+  // Runs whenever a lock is taken: a dict lookup, without a call unless the function was replaced.
   PyObject* const get_ident = PyDict_GetItemWithError(threading_names, kGetIdent.object());
   unsigned long here = PyThread_get_thread_ident();
   if (get_ident == own_get_ident || get_ident == nullptr) return here;
   const Ref kept = Ref::borrow(get_ident);
   std::optional<Error> failure = caught([&] { here = named_by(kept.get()); });
-  // Who cannot be asked, for want of memory, is the thread.
+  // If it fails for lack of memory, the thread's own identity is used.
   if (failure && !failure->matches(PyExc_Exception)) throw std::move(*failure);
   return here;
 }
 
 bool on_main_thread() {
-  // The process's first thread; `threading` may name one of the many that a library runs on it.
+  // The process's first thread; `threading` may name a green thread instead.
   if (syscall(SYS_gettid) == getpid()) return true;
   const Ref main_thread = call_method(global(kThreading).get(), kMainThread);
   const Ref ident = attribute(main_thread.get(), kIdent);

@@ -2,15 +2,15 @@
 
 namespace tessaline::auth::python {
 
-/// Who runs now, as `threading.get_ident()` names it when asked: an operating system's thread, or one of the
-/// many that such a thread runs where a library (gevent, eventlet) has put its own threads in the place of
-/// the interpreter's. Never 0. Ctrl-C while a library is asked is raised.
+/// What runs now, as identified by `threading.get_ident()`: an operating system's thread, or a green thread
+/// of a library (gevent, eventlet) that replaces the interpreter's threads. Never 0. Raises KeyboardInterrupt
+/// if Ctrl-C interrupts a library's function.
 unsigned long line_of_execution();
 
-/// Whether the thread is the one on which the interpreter runs signal handlers.
+/// Whether this is the thread on which the interpreter runs signal handlers.
 bool on_main_thread();
 
-/// Learns the interpreter's own `get_ident`. Called once, when the module is executed.
+/// Looks up the interpreter's own `get_ident`. Called once, by the module's initialisation.
 void know_own_get_ident();
 
 }  // namespace tessaline::auth::python

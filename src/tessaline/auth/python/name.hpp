@@ -4,8 +4,8 @@
 
 namespace tessaline::auth::python {
 
-/// A name known to Python, interned on first use and kept until the process ends, or the module could not be
-/// imported. Always a global.
+/// A Python name, interned at first use and kept until the process ends, or until the module's initialisation
+/// fails. Always a global.
 class Name {
  public:
   explicit constexpr Name(const char* text) noexcept : text_(text) {}
@@ -13,12 +13,12 @@ class Name {
   Name(const Name&) = delete;
   Name& operator=(const Name&) = delete;
 
-  /// A borrowed reference. Needs the interpreter's lock; throws Error when memory is short.
+  /// A borrowed reference. Needs the GIL; throws Error if memory is short.
   PyObject* object() const;
 
   const char* text() const noexcept { return text_; }
 
-  /// Gives back every name interned so far.
+  /// Releases every name interned so far.
   static void forget_all() noexcept;
 
  private:

@@ -22,7 +22,7 @@ Ref notes_of(PyObject* exception) {
 }  // namespace
 
 void add_note(PyObject* exception, PyObject* note) {
-  // Not what was to be raised, but what came in its place.
+  // A MemoryError in place of the intended exception.
   if (PyErr_GivenExceptionMatches(exception, PyExc_MemoryError) != 0) return;
   best_effort([=] {
     const Ref notes = notes_of(exception);
@@ -37,7 +37,7 @@ void add_note(PyObject* exception, std::string_view note) {
 void copy_notes(PyObject* source, PyObject* exception) {
   best_effort([=] {
     const Ref notes = notes_of(source);
-    // An index: adding a note may run code that changes the list.
+    // By index: adding a note may run code that changes the list.
     for (Py_ssize_t index = 0; notes && index < PyList_GET_SIZE(notes.get()); ++index) {
       const Ref note = Ref::borrow(PyList_GET_ITEM(notes.get(), index));
       if (PyUnicode_Check(note.get())) add_note(exception, note.get());

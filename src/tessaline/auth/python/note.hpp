@@ -11,20 +11,20 @@
 #include "tessaline/auth/python/error.hpp"
 #include "tessaline/auth/python/ref.hpp"
 
-// Notes of an exception, which Python shows below its text (PEP 678). A note is a courtesy: where it cannot
-// be made or added, for want of memory or because the program has put something else for `add_note`, the
-// exception goes on without it. Only what is no `Exception`, such as Ctrl-C, is raised in its place.
+// Notes of an exception, which Python shows below its message (PEP 678). Notes are optional: if one cannot be
+// made or added, for lack of memory or because the program has replaced `add_note`, the exception is raised
+// without it. Only what is not an `Exception`, such as Ctrl-C, is raised in its place.
 
 namespace tessaline::auth::python {
 
-/// Adds the note, unless the exception has it already: a stored exception is raised many times.
+/// Adds the note, unless the exception has it: a stored exception is raised many times.
 void add_note(PyObject* exception, PyObject* note);
 void add_note(PyObject* exception, std::string_view note);
 
-/// Adds the notes of `source`, those that are texts.
+/// Adds the notes of `source` that are strings.
 void copy_notes(PyObject* source, PyObject* exception);
 
-/// Runs `step`, whose failure is to have no consequence.
+/// Runs `step` and ignores its failure.
 template <class Step>
 void best_effort(Step&& step) {
   std::optional<Error> failure = caught(std::forward<Step>(step));
@@ -43,13 +43,13 @@ Error noted(Error error, std::string_view note);
 /// Raises a new `type(message)` with the note.
 [[noreturn]] void raise(PyObject* type, const char* message, std::string_view note);
 
-/// The same in an interpreter that is not the module's own: leaves no name of its behind.
+/// The same in an interpreter that is not the module's: leaves no interned name behind.
 [[noreturn]] void raise_apart(PyObject* type, const char* message, std::string_view note);
 
-/// Whether it tells of a value of the wrong kind or shape.
+/// Whether the error is about a value of the wrong type or shape.
 bool tells_of_misuse(const Error& error) noexcept;
 
-/// What `body` returns; the note goes to a failure that tells of misuse.
+/// Returns what `body` returns; adds the note to an error of misuse.
 template <class Body>
 std::invoke_result_t<Body> with_note(std::string_view note, Body&& body) {
   std::invoke_result_t<Body> result{};

@@ -11,17 +11,17 @@ namespace tessaline::auth::python {
 
 inline constexpr std::size_t kMostParameters = 8;
 
-/// The arguments of one call in the order of the parameters: borrowed, null where none was given.
+/// The arguments of one call in the order of the parameters: borrowed, null if not given.
 using Bound = std::array<PyObject*, kMostParameters>;
 
-/// The parameters of a function that Python calls: binds a call's arguments to them, or raises the
-/// TypeError that the interpreter raises for a function written in Python. Error texts name the function and
-/// its parameters, never a value.
+/// The parameters of a function that Python calls: binds a call's arguments to them, or raises the same
+/// TypeError as for a function written in Python. Error texts name the function and its parameters, never a
+/// value.
 class Parameters {
  public:
   /// `name` is the qualified name without parentheses. The first `positional` parameters may be given by
-  /// position or keyword, of these the first `required` must be given; the others by keyword only and may be
-  /// left out. `implicit` is 1 for a method: the instance, which counts in the interpreter's texts.
+  /// position or keyword, the first `required` of them must be; the others are optional and keyword-only.
+  /// `implicit` is 1 for a method: Python's texts count the instance.
   consteval Parameters(const char* name, std::initializer_list<const char*> parameters,
                        std::size_t positional, std::size_t required, std::size_t implicit)
       : name_(name),
@@ -33,8 +33,7 @@ class Parameters {
     for (const char* parameter : parameters) parameters_[index++] = parameter;
   }
 
-  /// Arguments as the vectorcall convention passes them: values of `keyword_names` follow the positional
-  /// ones.
+  /// Arguments in the vectorcall convention: the values of `keyword_names` follow the positional ones.
   Bound bind(PyObject* const* arguments, Py_ssize_t positional_count, PyObject* keyword_names) const;
 
   /// Arguments as a tuple and a dict (or null).

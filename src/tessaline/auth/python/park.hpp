@@ -5,10 +5,10 @@
 
 namespace tessaline::auth::python {
 
-/// Holds the calling thread for ever.
+/// Blocks the calling thread for ever.
 [[noreturn]] void park() noexcept;
 
-/// Parks the thread that is unwound through it.
+/// Parks a thread that unwinds through it.
 class ParkedUnlessDone {
  public:
   ParkedUnlessDone() = default;
@@ -24,17 +24,17 @@ class ParkedUnlessDone {
   bool done_ = false;
 };
 
-/// Runs `body`, in which the interpreter may end this thread, and parks the thread when it does.
+/// Runs `body`, in which the interpreter may end this thread, and parks the thread if it does.
 ///
-/// A daemon thread that asks for the interpreter's lock during the interpreter's shutdown is held for ever by
-/// Python 3.14 and later, which comes to the same. Python 3.13 ends it by pthread_exit, which unwinds through
-/// every frame below it. Passing our frames would run destructors that drop references without the lock, and
-/// a noexcept function or a catch-all on the way aborts the process. Parking keeps the frames as they are
-/// until the process ends. musl's pthread_exit unwinds nothing, and what it leaves of a thread that Python
-/// made is its stack, which nobody joins. `body` must own nothing, and throw nothing.
+/// When a daemon thread takes the GIL during the interpreter's shutdown, Python 3.14 and later block it for
+/// ever, as this does. Python 3.13 ends it by pthread_exit, which unwinds every frame below. In our frames
+/// that would run destructors that release references without the GIL, and would abort the process at a
+/// noexcept function or a catch-all. Parking keeps the frames as they are until the process ends. musl's
+/// pthread_exit does not unwind; it leaks only the stack of a thread that Python made and nobody joins.
+/// `body` must own nothing, and throw nothing.
 ///
-/// The interpreter throws no C++ exception, and only some C++ runtimes have a name to catch its unwinding by:
-/// all run destructors.
+/// The interpreter throws no C++ exception, and only some C++ runtimes can catch its unwinding by a type: all
+/// run destructors.
 template <class Body>
 auto door(Body&& body) -> std::invoke_result_t<Body> {
   ParkedUnlessDone guard;

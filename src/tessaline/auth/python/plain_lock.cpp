@@ -16,7 +16,7 @@ constinit const Name kAllocateLock{"_allocate_lock"};
 constinit const Name kLock{"Lock"};
 constinit const Name kLocked{"locked"};
 
-/// Of the module `threading`, kept until the process ends; null where nothing is known of its locks.
+/// Of the module `threading`, never freed; null if its locks are unknown.
 PyObject* threading_namespace = nullptr;
 
 bool is_of_thread_module(PyObject* module) noexcept {
@@ -38,7 +38,7 @@ LockKind kind_of(PyObject* lock) {
 }  // namespace
 
 bool is_plain_lock(PyObject* lock) noexcept {
-  // A class that Python code makes has no module in its name, and is not immutable.
+  // A class made by Python code has no module in its name, and is not immutable.
   PyTypeObject* const type = Py_TYPE(lock);
   return threading_namespace != nullptr && PyType_HasFeature(type, Py_TPFLAGS_IMMUTABLETYPE) &&
          type->tp_name == "_thread.lock"sv;

@@ -4,20 +4,19 @@
 
 #include "tessaline/auth/python/ref.hpp"
 
-// Libraries of green threads put locks of their own in the place of the interpreter's, before or after our
-// import. Waiting for one of the interpreter's would then stop every thread of theirs.
+// Libraries of green threads replace the interpreter's locks, before or after our import. Waiting for one of
+// the interpreter's would then block all their threads.
 
 namespace tessaline::auth::python {
 
-/// Whether it is a `threading.Lock` of the interpreter's own type, which nobody can patch.
+/// Whether it is a `threading.Lock` of the interpreter's own type, which cannot be patched.
 bool is_plain_lock(PyObject* lock) noexcept;
 
-/// Learns what `threading` makes its locks with, and how to ask one. Called once, when the module is
-/// executed.
+/// Looks up how `threading` makes its locks and queries them. Called once, by the module's initialisation.
 void know_locks(PyObject* threading);
 
-/// What makes the locks of `threading` now, where that is the interpreter's own function; else empty. Needs
-/// no memory.
+/// What currently makes the locks of `threading`, if that is the interpreter's own function; else empty.
+/// Needs no memory.
 Ref plain_lock_maker();
 
 /// The type of `threading.Lock()` and the function behind its method `locked`, or null.
@@ -28,7 +27,7 @@ struct LockKind {
 
 inline LockKind lock_kind;
 
-/// Whether nobody holds it. False also where that cannot be told.
+/// Whether the lock is free. False also if that is unknown.
 inline bool is_free(PyObject* lock) noexcept {
   return lock != nullptr && lock_kind.is_held != nullptr && Py_IS_TYPE(lock, lock_kind.type) &&
          lock_kind.is_held(lock, nullptr) == Py_False;

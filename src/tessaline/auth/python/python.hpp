@@ -1,6 +1,6 @@
 #pragma once
 
-// Everything that code above this room needs of Python.
+// All that the layers above `python/` need of Python.
 
 #include "tessaline/auth/python/boundary.hpp"
 #include "tessaline/auth/python/call.hpp"

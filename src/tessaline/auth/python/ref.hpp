@@ -6,10 +6,10 @@
 
 namespace tessaline::auth::python {
 
-/// Gives a reference back. May run a finalizer, hence any Python code. Accepts null.
+/// Releases a reference. May run a finalizer, and so any Python code. Accepts null.
 void drop(PyObject* object) noexcept;
 
-/// An owned reference, or none. Move-only; all uses need the interpreter's lock.
+/// An owned reference, or none. Move-only; all uses need the GIL.
 class Ref {
  public:
   Ref() noexcept = default;
@@ -17,7 +17,7 @@ class Ref {
   /// Takes over a reference that the caller owns.
   static Ref steal(PyObject* owned) noexcept { return Ref(owned); }
 
-  /// Makes a reference of its own to an object that somebody else keeps alive.
+  /// Makes a new reference to an object that another reference keeps alive.
   static Ref borrow(PyObject* borrowed) noexcept { return Ref(Py_XNewRef(borrowed)); }
 
   static Ref none() noexcept { return Ref(Py_NewRef(Py_None)); }

@@ -22,7 +22,7 @@ ScopedLock::ScopedLock(Ref lock) : lock_(std::move(lock)) {
 
 ScopedLock::~ScopedLock() {
   std::optional<Error> failure = caught([this] {
-    // The method that needs no memory: a lock must not stay locked for want of it.
+    // This method needs no memory: the lock must not stay locked for lack of it.
     if (is_plain_lock(lock_.get())) {
       call_method(lock_.get(), kRelease);
     } else {

@@ -6,8 +6,8 @@
 
 namespace tessaline::auth::python {
 
-/// Holds a lock of Python (any context manager) for a block, like `with lock:`. Waits without the
-/// interpreter's lock; throws Error when the wait is interrupted, with the lock not held.
+/// Holds a Python lock (any context manager) for a block, like `with lock:`. Waits without the GIL; throws
+/// Error if the wait is interrupted, without holding the lock.
 class ScopedLock {
  public:
   explicit ScopedLock(Ref lock);

@@ -4,16 +4,16 @@
 
 namespace tessaline::auth::python {
 
-/// A type as it stood when it was looked at.
+/// A type, and its version when it was last checked.
 class SeenType {
  public:
-  /// Whether it is that type, and neither it nor a base of it has changed since. False also where that cannot
-  /// be told.
+  /// Whether it is that type, and neither it nor a base of it has changed since. False also if that is
+  /// unknown.
   bool is_still(const PyTypeObject* type) const noexcept {
     return type == type_ && version_ != 0 && type->tp_version_tag == version_;
   }
 
-  /// Called after an attribute was looked up: a type gets its version then.
+  /// To be called after an attribute lookup, which assigns the type its version.
   void see(const PyTypeObject* type) noexcept;
 
  private:
@@ -21,7 +21,8 @@ class SeenType {
   unsigned int version_ = 0;
 };
 
-/// Learns, by this type of ours, whether versions tell of changes. Called once, when the module is executed.
+/// Checks with our own type whether a change changes the version. Called once, by the module's
+/// initialisation.
 void know_versions(PyTypeObject* type);
 
 }  // namespace tessaline::auth::python

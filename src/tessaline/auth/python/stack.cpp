@@ -16,39 +16,39 @@
 namespace tessaline::auth::python {
 namespace {
 
-/// Enough for a TLS handshake, a log handler and the unwinding of an exception at once.
+/// Enough for a TLS handshake, a log handler and the unwinding of an exception together.
 constexpr std::uintptr_t kMostMargin = std::uintptr_t{256} * 1024;
 
-/// The main thread's may have no limit, which memory would set then.
+/// The main thread's stack may have no limit.
 constexpr std::uintptr_t kMostStack = std::uintptr_t{64} * 1024 * 1024;
 
-/// How much deeper than at its first entry a thread goes before it asks for its bounds: a refresh thread that
-/// only sleeps never does.
+/// How much deeper than at its first entry a thread must go before its bounds are queried: a refresh thread
+/// that only sleeps never does.
 constexpr std::uintptr_t kShallow = std::uintptr_t{8} * 1024;
 
-/// The end of a stack at which no entry begins.
+/// The end of a stack, in which no entry may begin.
 struct Margin {
   std::uintptr_t low;
   std::uintptr_t size;
   bool learned = true;
 
-  // An address below `low` is far above it as an unsigned number.
+  // For an address below `low` the unsigned difference is huge.
   bool holds(std::uintptr_t address) const noexcept { return address - low < size; }
 };
 
 constexpr Margin kUnseen{0, std::numeric_limits<std::uintptr_t>::max(), false};
 constexpr Margin kUnknown{0, 0};
 
-/// Of the OS thread's own stack. Green threads run on it too, or on stacks of their own, which pass.
+/// Of the OS thread's own stack. Green threads use it too, or their own stacks, which are not checked.
 #ifdef __GLIBC__
-// In the block that each thread has from its start: another would be allocated at its first entry.
+// In the thread's static TLS block: a dynamic one would be allocated at the first entry.
 [[gnu::tls_model("initial-exec")]]
 #endif
 constinit thread_local Margin margin = kUnseen;
 
 Margin margin_of(std::uintptr_t low, std::uintptr_t size) noexcept {
 #ifndef __GLIBC__
-  // For the main thread musl tells what is mapped so far of a stack that grows.
+  // For the main thread, musl reports what is mapped so far of a growing stack.
   rlimit limit{};
   if (gettid() == getpid()) {
     if (getrlimit(RLIMIT_STACK, &limit) != 0) return kUnknown;

@@ -2,12 +2,12 @@
 
 namespace tessaline::auth::python {
 
-/// Raises RecursionError where little is left of the C stack: native methods that call each other through the
-/// interpreter use more of it than it counts.
+/// Raises RecursionError if the C stack is almost used up: native methods that call each other through the
+/// interpreter use more of it than the interpreter counts.
 ///
-/// Called where Python enters native code that may call Python, before anything has begun that would have
-/// to be undone. What an entry does once it has passed has the margin for itself; that its steps release and
-/// wake others never fails for want of stack.
+/// Called where Python enters native code that may call Python, before anything that would have to be undone.
+/// Past this check, an entry can use the margin, so releasing locks and waking waiters never fails for want
+/// of stack.
 void require_stack();
 
 }  // namespace tessaline::auth::python

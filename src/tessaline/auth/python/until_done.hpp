@@ -8,9 +8,9 @@
 
 namespace tessaline::auth::python {
 
-/// Completes a step that others wait for: neither Ctrl-C on the main thread nor a failed allocation ends it
-/// before it is done. The interruption is raised afterwards. The step must bear being repeated; after several
-/// failures the first one is raised.
+/// Repeats a step that others wait for until it succeeds: neither Ctrl-C in the main thread nor a failed
+/// allocation prevents it. Ctrl-C is raised afterwards; after too many failures, the first one is. The step
+/// must be repeatable.
 template <class Step>
 void until_done(Step&& step) {
   static constexpr int kMostTries = 64;

@@ -25,7 +25,7 @@ Ref bytes(std::string_view data) {
 }
 
 long long_value(PyObject* integer_object) {
-  // An injected callable may answer 200.0, which Python takes for 200.
+  // An injected callable may return 200.0, which Python considers equal to 200.
   if (PyFloat_Check(integer_object)) {
     const double real = PyFloat_AS_DOUBLE(integer_object);
     return real == std::trunc(real) && std::abs(real) < 1e9 ? static_cast<long>(real) : 0;

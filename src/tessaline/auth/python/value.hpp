@@ -11,7 +11,7 @@
 #include "tessaline/auth/python/name.hpp"
 #include "tessaline/auth/python/ref.hpp"
 
-// Values made for Python and read from it. None of these runs Python code, except unpacking.
+// Conversions to and from Python. None of these runs Python code, except unpacking.
 
 namespace tessaline::auth::python {
 
@@ -20,22 +20,22 @@ Ref number(double value);
 Ref integer(long value);
 Ref bytes(std::string_view data);
 
-/// The value of an int, or of a float that is whole; 0 where it is out of range or has a fraction.
+/// The value of an int, or of a float without a fraction; 0 if it is out of range or has a fraction.
 long long_value(PyObject* integer_object);
 
 /// The value of a real number.
 double double_value(PyObject* real);
 
-/// A new dict with these entries, in this order.
+/// A new dict with these entries, in order.
 Ref dictionary(std::initializer_list<std::pair<const Name&, PyObject*>> entries);
 
-/// `a, b, c` as Python's unpacking takes it from any iterable, with Python's error for another count.
+/// `a, b, c = iterable`, with Python's error for another count.
 std::array<Ref, 3> unpack3(PyObject* iterable);
 
 /// A tuple of three, taking over the references.
 Ref triple(Ref a, Ref b, Ref c);
 
-/// The UTF-8 form of a str, valid as long as it lives. Throws Error for lone surrogates and other types.
+/// The UTF-8 form of a str, valid during its lifetime. Throws Error for lone surrogates and other types.
 std::string_view utf8_of(PyObject* text_object);
 
 void set_entry(PyObject* dict, const Name& name, PyObject* value);

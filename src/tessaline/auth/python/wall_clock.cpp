@@ -10,10 +10,10 @@
 namespace tessaline::auth::python {
 namespace {
 
-/// Far more than the kernel's longest tick (10 ms).
+/// Much longer than the kernel's longest tick (10 ms).
 constexpr double kTickSeconds = 1.0;
 
-/// Whether the function is the interpreter's: a library that fakes the time has put its own into the same
+/// Whether the function is the interpreter's: libraries that fake the time may replace it within the same
 /// function object.
 bool is_of_interpreter(PyCFunction function) noexcept {
   Dl_info its{};

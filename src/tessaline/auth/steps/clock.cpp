@@ -17,7 +17,7 @@ using python::Ref;
 constexpr double kClockPollSeconds = 0.05;
 constexpr double kStuckSeconds = 1.0;
 
-/// Through the instance, where a subclass may have a clock of its own.
+/// Through the instance: a subclass may override it.
 Ref now(PyObject* manager) {
   return python::call_method(manager, names::get_time);
 }
@@ -26,7 +26,7 @@ double monotonic(PyObject* time_module) {
   return python::double_value(python::call_method(time_module, names::monotonic).get());
 }
 
-/// A delay too large for a float, such as a server may ask for, never ends by itself; below zero it is over.
+/// A delay too large for a float, which a server may send, never ends; a negative one has ended.
 Ref deadline_after(PyObject* start, PyObject* seconds) {
   Ref deadline;
   std::optional<python::Error> failure = python::caught([&] { deadline = python::add(start, seconds); });

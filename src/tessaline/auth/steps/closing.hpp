@@ -4,10 +4,10 @@
 
 namespace tessaline::auth {
 
-/// Whether the manager is being closed, or was: `_close_event` is set.
+/// Whether the manager is closing or closed: `_close_event` is set.
 bool is_closing(PyObject* manager);
 
-/// Raises AuthError "manager_closed" then.
+/// Raises AuthError "manager_closed" if so.
 void raise_if_closing(PyObject* manager);
 
 }  // namespace tessaline::auth

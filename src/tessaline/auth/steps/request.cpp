@@ -34,7 +34,7 @@ Ref response_value(PyObject* json, PyObject* body) {
   std::optional<python::Error> failure =
       python::caught([&] { value = python::call_method(json, names::loads, {body}); });
   if (!failure) return value;
-  // The parser's frames hold the body, and with it a token and a secret.
+  // The parser's frames hold the body, and so a token and a secret.
   if (!is_not_json(json, *failure)) {
     if (python::tells_of_misuse(*failure))
       failure = python::noted(std::move(*failure), notes::kTransportAnswer);

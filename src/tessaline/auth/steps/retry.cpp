@@ -19,8 +19,8 @@ using python::Ref;
 
 constexpr long kProfileRetryAfter = 60;  // seconds
 
-/// Where an unreadable "Retry-After" was met. Readers of the log know the two places by these names and line
-/// numbers, which are part of the contract with them and not lines of this file.
+/// Where an invalid "Retry-After" was received. Names and line numbers are part of the contract for log
+/// records, and are not lines of this file.
 struct HintScope {
   const char* name;
   long source_line;
@@ -48,7 +48,7 @@ Ref raw_hint(PyObject* headers) {
   return python::call_method(headers, names::get, {python::text("Retry-After").get(), lowercase.get()});
 }
 
-/// The seconds that the server asks to wait (RFC 9110, section 10.2.3, delay-seconds only), else `fallback`.
+/// The delay that the server requests (RFC 9110, section 10.2.3, delay-seconds only), else `fallback`.
 Ref retry_after(PyObject* headers, Ref fallback, const HintScope& scope) {
   const Ref header = python::with_note(notes::kTransportAnswer, [headers] { return raw_hint(headers); });
   if (!python::truthy(header.get())) return fallback;
@@ -82,7 +82,7 @@ class Retry {
   }
 
  private:
-  /// The answer, or an empty reference after a network failure that has been waited out.
+  /// The response, or an empty reference after the back-off for a network failure.
   Ref try_once() {
     Ref answer;
     std::optional<python::Error> failure = python::caught([&] {
@@ -101,7 +101,7 @@ class Retry {
     return {};
   }
 
-  /// True when the caller gets the answer; false when it has been waited out; raises for a refusal.
+  /// True if the caller gets the response; false after a delay; raises for a permanent error.
   bool settled(PyObject* answer) {
     const auto [status, headers, value] = python::unpack3(answer);
     const Ref server_reason = error_entry(value.get());
@@ -136,7 +136,7 @@ class Retry {
     return classify(last_status_, python::utf8_of(request_.path), request_.is_verify, reason_text);
   }
 
-  /// Reasons are ASCII; any other text is no reason, and may not even have a UTF-8 form.
+  /// Reasons are ASCII; other text is not a reason, and may not even be valid UTF-8.
   static std::optional<std::string_view> ascii_of(PyObject* value) {
     if (!PyUnicode_IS_ASCII(value)) return std::nullopt;
     return python::utf8_of(value);

@@ -15,7 +15,7 @@ using python::Ref;
 
 constexpr Py_ssize_t kSegments = 3;
 
-/// `segment` filled up with "=" to a multiple of four characters.
+/// `segment`, padded with "=" to a multiple of four characters.
 Ref padded(PyObject* segment) {
   static constexpr std::string_view kPadding = "===";
   const auto missing = static_cast<std::size_t>((4 - python::length(segment) % 4) % 4);
@@ -36,7 +36,7 @@ Ref payload_of(PyObject* token) {
   return python::call(python::global(names::decode_jwt_payload).get(), {token});
 }
 
-/// What `read` returns, or nothing where it raises an `Exception`.
+/// What `read` returns, or nothing if it raises an `Exception`.
 template <class Read>
 Ref or_nothing(Read&& read) {
   Ref value;
@@ -53,8 +53,7 @@ bool is_no_number(const python::Error& error) {
 }  // namespace
 
 Ref decode_jwt_payload_unverified(PyObject* token) {
-  // Not the context of what is raised: a parser's error carries the text that it could not read, here a
-  // token's.
+  // Raised without the parser's error as context: that has the text it could not parse, here a token's.
   const Ref payload = or_nothing([token] { return parse_payload(token); });
   if (!payload || !PyDict_Check(payload.get())) raise_auth_error(reason::kWalletMismatch);
   return Ref::borrow(payload.get());

@@ -27,14 +27,14 @@ PyObject* own_validator = nullptr;
   python::raise(error_types().invalid_key, message.c_str(), note);
 }
 
-/// What a file leaves behind a key, "\n" or "\r\n", told by the length alone: nothing looks at key text to
-/// say it.
+/// The note for "\n" or "\r\n" after a key in a file, recognised by the length alone, without reading the
+/// key.
 std::string_view line_end_note(std::size_t hex_digits) {
   const std::size_t more = hex_digits - wallet::kKeyHexDigits;
   return more == 1 || more == 2 ? notes::kKeyLineEnd : std::string_view();
 }
 
-/// Python's parser would quote the whole text, which is the key; this error takes its place as the context.
+/// Python's parser would quote the whole text, which is the key; this error replaces it as the context.
 python::Error parse_error(std::size_t position) {
   PyErr_Format(PyExc_ValueError, "non-hexadecimal character at position %zu", position);
   return python::Error::fetch();
@@ -76,7 +76,7 @@ wallet::WalletKey read_private_key(PyObject* private_key) {
 
 wallet::WalletKey read_constructor_key(PyObject* private_key) {
   const Ref validator = python::global(names::validate_private_key);
-  // Read in place: the module's own function would leave a text of the key behind.
+  // Read in place: the module's own function would leave a copy of the key behind.
   if (validator.get() == own_validator) return read_private_key(private_key);
   return read_private_key(python::call(validator.get(), {private_key}).get());
 }

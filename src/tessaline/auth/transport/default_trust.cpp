@@ -41,7 +41,7 @@ http::TrustStore ask_python() {
   return {path_of(paths.get(), kCaFile), path_of(paths.get(), kCaPath)};
 }
 
-/// As in an interpreter whose TLS library was made to look where the system keeps nothing; making one leaves
+/// For example Python with a TLS library built for paths that this system does not use; building one creates
 /// an empty directory there.
 bool holds_nothing(const http::TrustStore& store) {
   return store.ca_file.empty() && (store.ca_directory.empty() || !holds_certificates(store.ca_directory));
@@ -52,7 +52,7 @@ struct Remembered {
   std::string directory_variable;
   http::TrustStore store;
 
-  /// A file that the environment names, or anything at all, may still come while the program runs.
+  /// Otherwise certificates may still be installed while the program runs.
   bool stays() const {
     return !store.ca_file.empty() || (file_variable.empty() && !store.ca_directory.empty());
   }
@@ -61,8 +61,7 @@ struct Remembered {
 }  // namespace
 
 http::TrustStore default_trust_store() {
-  // Asking costs an import and some looks at the file system. Under the interpreter's lock, so no lock of its
-  // own.
+  // Asking Python costs an import and some system calls. The GIL guards this.
   static Remembered* remembered = nullptr;
   const std::string file = variable("SSL_CERT_FILE");
   const std::string directory = variable("SSL_CERT_DIR");

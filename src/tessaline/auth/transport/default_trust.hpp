@@ -4,9 +4,9 @@
 
 namespace tessaline::auth {
 
-/// Where Python's `ssl` module trusts certificates from by default; SSL_CERT_FILE and SSL_CERT_DIR are
-/// honoured and may change at run time. Where neither is set and Python has no `ssl`, or that knows of no
-/// certificate, it is where the system keeps them.
+/// Where Python's `ssl` module finds trusted certificates by default; SSL_CERT_FILE and SSL_CERT_DIR are
+/// honoured and may change at run time. If neither is set and Python has no `ssl`, or that finds no
+/// certificate: where the system keeps them.
 http::TrustStore default_trust_store();
 
 }  // namespace tessaline::auth

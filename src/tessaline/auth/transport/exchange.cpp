@@ -26,8 +26,7 @@ using python::Ref;
   throw python::Error::fetch();
 }
 
-/// Header fields travel as ISO 8859-1. Read in place: Python's own encoders raise errors that carry the
-/// text.
+/// Header fields are sent as ISO 8859-1. Read in place: the errors of Python's own encoders contain the text.
 std::string latin1_of(const char* what, PyObject* value) {
   if (!PyUnicode_Check(value)) raise_not_text(what, value);
   if (PyUnicode_KIND(value) != PyUnicode_1BYTE_KIND)
@@ -83,7 +82,7 @@ std::optional<std::string> body_of(PyObject* body) {
 }
 
 http::Result result_of(const http::Request& request) {
-  // Signal handlers run there only; other threads need not wake for them.
+  // Signal handlers run only there; other threads need not wake for them.
   const bool interruptible = python::on_main_thread();
   return python::without_gil([&](PyThreadState*& thread) {
     http::Tick tick;

@@ -7,7 +7,7 @@
 namespace tessaline::auth {
 namespace {
 
-/// The variable that named the proxy. Its value may hold a password and is not read.
+/// The variable that names the proxy. Its value may have a password and is not read.
 const char* variable_of(const http::Request& request) {
   const bool plain = PyOS_strnicmp(request.url.c_str(), "http:", 5) == 0;
   return proxy_variable(plain ? "http" : "https");

@@ -7,7 +7,7 @@
 
 namespace tessaline::auth {
 
-/// Adds to the exception for `failure` what the caller can do about it.
+/// Adds notes for `failure` to the exception.
 void add_failure_notes(PyObject* exception, const http::TransportFailure& failure,
                        const http::Request& request, const ChosenSettings& chosen);
 

@@ -18,8 +18,8 @@ constexpr const char* kSymbol = "tessaline_http_library";
 
 constinit std::atomic<const http::Library*> loaded{nullptr};
 
-// Held across a fork: a child must not inherit the dynamic linker's lists half changed, and what is loaded
-// meanwhile would not hear of the fork.
+// Held across a fork: a child must not inherit half-changed lists of the dynamic linker, and a library loaded
+// meanwhile would miss the fork.
 constinit std::mutex loading;
 
 void before_fork() {
@@ -50,7 +50,7 @@ http::TransportFailure load_failure() {
           std::string("HTTP library cannot be loaded: ") + (why == nullptr ? "unknown" : why)};
 }
 
-/// Null where it cannot be had: `dlerror` knows why.
+/// Null if it cannot be loaded: see `dlerror`.
 const http::Library* load() {
   void* const library = dlopen(path_beside_this_module().c_str(), RTLD_NOW | RTLD_LOCAL);
   return library == nullptr ? nullptr : static_cast<const http::Library*>(dlsym(library, kSymbol));

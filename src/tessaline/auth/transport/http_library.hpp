@@ -7,21 +7,21 @@
 
 namespace tessaline::auth {
 
-/// Has forks wait while the library is loaded or set up, and the library care for its locks and connections.
-/// Called once, when the module is executed: a fork runs only what was registered before it began. Throws
-/// std::bad_alloc.
+/// Registers fork handlers, which wait while the library is being loaded or initialised, and call the
+/// library's own. Called once, by the module's initialisation: a fork runs only handlers that were registered
+/// before it began. Throws std::bad_alloc.
 void watch_forks_for_http();
 
-/// `http::perform`, from the library beside the module that holds the HTTP room. It is loaded at the first
-/// call and kept: a system's libcurl brings some thirty libraries along, and who only imports the component,
-/// or brings a transport of their own, does not pay for them.
+/// `http::perform`, from the library beside the module that contains `http/`. It is loaded at the first call
+/// and never unloaded: a system's libcurl loads some thirty libraries, which programs that only import the
+/// component, or use their own transport, do not need.
 ///
-/// Blocks; to be called without the interpreter's lock, from any thread. Throws nothing but std::bad_alloc.
-/// Where the library cannot be loaded there is a failure (kOther), and the next call tries again.
+/// Blocks; to be called without the GIL, from any thread. Throws only std::bad_alloc. If the library cannot
+/// be loaded, the result is a failure (kOther), and the next call tries again.
 http::Result perform_request(const http::Request& request, const http::Tick& tick);
 
-/// Which libcurl and OpenSSL that library uses. To be called without the interpreter's lock, as it may load
-/// it.
+/// The versions of libcurl and OpenSSL that the library uses. To be called without the GIL, as it may load
+/// the library.
 std::variant<http::Versions, http::TransportFailure> http_versions();
 
 }  // namespace tessaline::auth

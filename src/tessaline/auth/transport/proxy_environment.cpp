@@ -25,7 +25,7 @@ std::string value_of(const char* variable) {
 }  // namespace
 
 const char* proxy_variable(std::string_view scheme) noexcept {
-  // In capitals it would be the header "Proxy" of a request to a CGI program.
+  // HTTP_PROXY is ignored: in a CGI program, it is the header "Proxy" of a request.
   if (scheme == "http") return first_set({"http_proxy", "all_proxy", "ALL_PROXY"});
   return first_set({"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"});
 }

@@ -6,11 +6,11 @@
 
 namespace tessaline::auth {
 
-/// The proxies that the environment names now. To be called where nothing changes the environment meanwhile:
-/// the program changes it under the interpreter's lock.
+/// The proxies in the environment. To be called with the GIL, under which the program changes the
+/// environment.
 http::ProxySettings proxies_of_environment();
 
-/// The variable that names the proxy for URLs of the scheme, "http" or "https"; null where none does.
+/// The variable that names the proxy for URLs of the scheme, "http" or "https"; null if none does.
 const char* proxy_variable(std::string_view scheme) noexcept;
 
 }  // namespace tessaline::auth

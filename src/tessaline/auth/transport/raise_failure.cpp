@@ -22,7 +22,7 @@ constinit const python::Name kVerifyMessage{"verify_message"};
 constinit const python::Name kHttpClient{"http.client"};
 constinit const python::Name kBadStatusLine{"BadStatusLine"};
 
-/// A path in it may be no UTF-8.
+/// A path in the message may be invalid UTF-8.
 Ref text_of(const char* message) {
   return python::checked(
       PyUnicode_DecodeUTF8(message, static_cast<Py_ssize_t>(std::strlen(message)), "replace"));
@@ -32,7 +32,7 @@ Ref new_error(PyObject* type, const char* message) {
   return python::call(type, {text_of(message).get()});
 }
 
-/// OSError and its kin carry a number and a text.
+/// OSError and its subclasses take a number and a text.
 Ref new_numbered(PyObject* type, int number, const char* message) {
   return python::call(type, {python::integer(number).get(), text_of(message).get()});
 }
@@ -42,7 +42,7 @@ Ref new_error_of(const python::Name& module, const python::Name& type, const cha
   return new_error(python::attribute(loaded.get(), type).get(), message);
 }
 
-/// In the shape that Python's own have: the number of its SSL_ERROR_SSL, the text, and what OpenSSL says.
+/// Like Python's own: the number of its SSL_ERROR_SSL, the text, and OpenSSL's reason.
 Ref new_tls_error(const python::Name& type, const http::TransportFailure& failure) {
   constexpr int kSslErrorSsl = 1;
   const Ref ssl = python::import(kSsl);

@@ -16,7 +16,7 @@ namespace {
 constexpr const char* kFiles[] = {
     "/etc/ssl/certs/ca-certificates.crt",                 // Debian, Arch, Alpine
     "/etc/pki/tls/certs/ca-bundle.crt",                   // Fedora, RHEL
-    "/etc/pki/ca-trust/extracted/pem/tls-ca-bundle.pem",  // the same, where the above is gone
+    "/etc/pki/ca-trust/extracted/pem/tls-ca-bundle.pem",  // the same, if the above is missing
     "/etc/ssl/ca-bundle.pem",                             // openSUSE
     "/etc/ssl/cert.pem",                                  // Alpine, OpenSSL's own default
 };

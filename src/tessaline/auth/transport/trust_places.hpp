@@ -6,12 +6,12 @@
 
 namespace tessaline::auth {
 
-/// Where systems keep the certificates that all programs trust: the first file below `root` that is there, or
-/// else the first directory with certificates in it. Empty where there is neither. Throws std::bad_alloc.
+/// Where systems keep the certificates that all programs trust: the first existing file below `root`, else
+/// the first directory with certificates. Empty if there is none. Throws std::bad_alloc.
 http::TrustStore find_system_trust_store(const std::string& root = {});
 
-/// Whether a TLS library would find anything in that directory: it looks for names like "1a2b3c4d.0". Throws
-/// std::bad_alloc.
+/// Whether a TLS library would find certificates in that directory: it searches for names like "1a2b3c4d.0".
+/// Throws std::bad_alloc.
 bool holds_certificates(const std::string& directory);
 
 }  // namespace tessaline::auth

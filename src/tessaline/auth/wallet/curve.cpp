@@ -47,7 +47,7 @@ void randomize(secp256k1_context* context) {
   require_curve_success(result, "context randomization");
 }
 
-// In memory of ours, because libsecp256k1 aborts the process when its own allocation fails.
+// In our own memory, because libsecp256k1 aborts the process if its own allocation fails.
 secp256k1_context* make_context(void* memory) {
   secp256k1_context* context = secp256k1_context_preallocated_create(memory, SECP256K1_CONTEXT_NONE);
   if (context == nullptr) throw CurveError("context creation failed");
@@ -59,8 +59,8 @@ secp256k1_context* make_context(void* memory) {
 
 }  // namespace
 
-// No lock and no once-flag: a fork while another thread held it would leave the child waiting for ever.
-// Threads that come first together each make a context, and the first to publish its own wins.
+// No lock and no once-flag: after a fork during another thread's call, the child would wait for ever. Threads
+// that come first together each make a context, and the first to publish its own wins.
 const secp256k1_context* curve_context() {
   const secp256k1_context* published = shared_context.load(std::memory_order_acquire);
   if (published != nullptr) return published;

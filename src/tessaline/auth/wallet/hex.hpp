@@ -6,21 +6,20 @@
 
 namespace tessaline::auth::wallet {
 
-/// `flag`, of which the compiler no longer knows how it came about. It would otherwise turn masks into
-/// branches.
+/// Returns `flag`, hiding its origin from the compiler, which would otherwise turn masks into branches.
 inline std::uint64_t opaque(std::uint64_t flag) noexcept {
   asm("" : "+r"(flag));
   return flag;
 }
 
-/// One hexadecimal digit as read. The fields are 0 or 1, but for `value`.
+/// A hexadecimal digit as read. All fields except `value` are 0 or 1.
 struct HexDigit {
   std::uint64_t value;  ///< 0 to 15; 0 when `bad`
   std::uint64_t upper;  ///< 'A' to 'F'
   std::uint64_t bad;    ///< not a hexadecimal digit
 };
 
-/// Without a branch or a look-up that depends on `unit`. Only the ASCII digits are hexadecimal.
+/// Without a branch or a lookup that depends on `unit`. Only ASCII digits are hexadecimal.
 inline HexDigit read_hex_digit(std::uint32_t unit) noexcept {
   const auto within = [](std::uint64_t value, std::uint64_t low, std::uint64_t high) {
     return opaque((((value - low) | (high - value)) >> 63) ^ 1);
@@ -32,8 +31,8 @@ inline HexDigit read_hex_digit(std::uint32_t unit) noexcept {
   return {value, letter & ~(unit >> 5) & 1, (decimal | letter) ^ 1};
 }
 
-/// The digit of `nibble` (0 to 15); `upper` (0 or 1) asks for the capital of a letter and is 0 for any other
-/// digit. Without a branch or a look-up that depends on either.
+/// The digit for `nibble` (0 to 15); `upper` (0 or 1) makes a letter uppercase and is 0 for other digits.
+/// Without a branch or a lookup that depends on either.
 inline char write_hex_digit(std::uint64_t nibble, std::uint64_t upper = 0) noexcept {
   const std::uint64_t letter = opaque((9 - nibble) >> 63);
   return static_cast<char>('0' + nibble + ((0 - letter) & ('a' - '0' - 10)) - (upper << 5));

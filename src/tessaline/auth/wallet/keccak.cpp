@@ -14,7 +14,7 @@ constexpr std::array<std::uint64_t, 24> kRoundConstants = {
     0x8000000000008003, 0x8000000000008002, 0x8000000000000080, 0x000000000000800a, 0x800000008000000a,
     0x8000000080008081, 0x8000000000008080, 0x0000000080000001, 0x8000000080008008};
 
-/// One row of five lanes through the non-linear step.
+/// The non-linear step for one row of five lanes.
 [[gnu::always_inline]] inline void chi(std::uint64_t* row, std::uint64_t b0, std::uint64_t b1,
                                        std::uint64_t b2, std::uint64_t b3, std::uint64_t b4) noexcept {
   row[0] = b0 ^ (~b1 & b2);
@@ -24,7 +24,7 @@ constexpr std::array<std::uint64_t, 24> kRoundConstants = {
   row[4] = b4 ^ (~b0 & b1);
 }
 
-/// From one set of lanes into another, written out so that the compiler keeps the lanes apart from memory.
+/// Writes into another set of lanes, so that the compiler keeps the lanes in registers.
 [[gnu::always_inline]] inline void round(const Lanes& a, Lanes& out, std::uint64_t constant) noexcept {
   using std::rotl;
   const std::uint64_t c0 = a[0] ^ a[5] ^ a[10] ^ a[15] ^ a[20];

@@ -15,7 +15,7 @@ class Keccak256 {
  public:
   void update(std::span<const std::uint8_t> data) noexcept;
 
-  /// The digest of everything given so far. The object is spent afterwards.
+  /// The digest of all bytes so far. The object cannot be used afterwards.
   Digest finish() noexcept;
 
  private:

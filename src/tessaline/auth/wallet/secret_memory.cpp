@@ -15,9 +15,9 @@ namespace {
 constexpr std::size_t kPageSize = 4096;
 constexpr std::size_t kStackReach = std::size_t{16} * 1024;
 
-/// Stands in the first slot of its page, so that a slot's page is found from the slot's address.
+/// At the start of its page, so that a slot's page is found from the slot's address.
 struct SecretPage {
-  std::atomic<std::uint64_t> free_slots;  ///< bit i stands for slot i
+  std::atomic<std::uint64_t> free_slots;  ///< bit i is for slot i
   SecretPage* next;
 
   std::uint8_t* slot(int index) noexcept {
@@ -29,8 +29,8 @@ static_assert(sizeof(SecretPage) <= SecretSlot::kSize);
 static_assert(kPageSize / SecretSlot::kSize == 64, "one bit for each slot of a page");
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
 
-// Atomics instead of a mutex: a fork in the middle of another thread's change leaves nothing locked in the
-// child. Pages are only ever added.
+// Atomics instead of a mutex: a fork during another thread's change leaves nothing locked in the child. Pages
+// are only ever added.
 constinit std::atomic<SecretPage*> pages{nullptr};
 constinit std::atomic<bool> relocks_after_fork{false};
 
@@ -79,13 +79,12 @@ void give_back(std::uint8_t* slot) noexcept {
 }  // namespace
 
 void wipe(void* data, std::size_t size) noexcept {
-  // Nothing may begin at a null pointer, which the library's function may not be given.
+  // explicit_bzero must not be given a null pointer.
   if (size != 0) explicit_bzero(data, size);
 }
 
-// Calls nothing: the dynamic linker saves the vector registers, and what they hold, on the stack when a
-// function is called for the first time, and that would be below the array. The address sanitizer would move
-// the array off the stack.
+// Calls nothing: at a function's first call the dynamic linker saves the vector registers, with what they
+// hold, on the stack below the array. The address sanitizer would move the array off the stack.
 __attribute__((noinline, no_sanitize("address"), zero_call_used_regs("all"))) void
 wipe_stack_below() noexcept {
   volatile std::uint64_t below[kStackReach / sizeof(std::uint64_t)];

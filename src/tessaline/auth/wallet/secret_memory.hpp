@@ -6,16 +6,16 @@
 
 namespace tessaline::auth::wallet {
 
-/// Overwrites `size` bytes with zeros in a way that the compiler keeps.
+/// Overwrites `size` bytes with zeros in a way that the compiler does not remove.
 void wipe(void* data, std::size_t size) noexcept;
 
-/// Overwrites the part of this thread's stack below the caller's frame, where the calls that it made left
-/// their working copies (16 KiB), and the registers in which they may have left the rest.
+/// Overwrites 16 KiB of this thread's stack below the caller's frame, and the registers, where the caller's
+/// callees may have left copies.
 void wipe_stack_below() noexcept;
 
-/// 64 bytes from pages that hold nothing but secrets: kept out of swap and core dumps where the system
-/// allows, handed out zeroed, wiped when given back. The pages are never unmapped. Move-only. Thread-safe to
-/// acquire and release from any thread; survives a fork in both processes.
+/// 64 bytes from pages that hold nothing but secrets: kept out of swap and core dumps if the system allows
+/// it, zeroed when acquired, wiped when released. The pages are never unmapped. Move-only. Any thread may
+/// acquire and release; remains valid in both processes after a fork.
 class SecretSlot {
  public:
   static constexpr std::size_t kSize = 64;

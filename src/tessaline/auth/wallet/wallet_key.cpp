@@ -21,7 +21,7 @@ constexpr int kFirstRecoveryByte = 27;
 
 using SlotBytes = std::span<std::uint8_t, SecretSlot::kSize>;
 
-// Which digits were capitals: bit i for digit i, kept behind the key bytes.
+// Which digits were uppercase: bit i for digit i, stored after the key bytes.
 std::uint64_t load_capitals(SlotBytes slot) noexcept {
   std::uint64_t capitals = 0;
   std::memcpy(&capitals, slot.data() + kKeyBytes, sizeof capitals);
@@ -50,8 +50,8 @@ std::uint32_t unit_at(KeyText text, std::size_t index) noexcept {
   }
 }
 
-// One branch for both units together: on the first alone it would tell whether a bare key begins with 0.
-// Neither may the compiler make two of it, nor choose an address without one.
+// One branch on both units together: a branch on the first alone would reveal whether a key without prefix
+// begins with 0. The compiler must neither split it nor select an address without a branch.
 KeyText without_prefix(KeyText text) noexcept {
   constexpr std::size_t kPrefix = 2;
   if (text.length < kPrefix) return text;
@@ -62,7 +62,7 @@ KeyText without_prefix(KeyText text) noexcept {
   return {units + kPrefix * static_cast<std::size_t>(text.width), text.width, text.length - kPrefix};
 }
 
-// Not inlined, so that what it spills lies where wipe_stack_below() reaches.
+// Not inlined, so that its stack frame is within reach of wipe_stack_below().
 [[gnu::noinline]] bool decode_digits(KeyText digits, SlotBytes slot) noexcept {
   std::uint64_t capitals = 0;
   std::uint64_t bad = 0;
@@ -92,7 +92,7 @@ std::size_t first_bad_digit(KeyText digits) noexcept {
   return position;
 }
 
-// The static context holds no state to be made first, and so a key can be parsed without the random source.
+// The static context needs no initialisation, so keys can be parsed without the random source.
 bool is_scalar(SlotBytes slot) noexcept {
   const int valid = secp256k1_ec_seckey_verify(secp256k1_context_static, slot.data());
   wipe_stack_below();

@@ -17,7 +17,7 @@ namespace tessaline::auth::wallet {
 inline constexpr std::size_t kKeyBytes = 32;
 inline constexpr std::size_t kKeyHexDigits = 2 * kKeyBytes;
 
-/// Text in the width in which the host stores it, so that a key is read where it stands and no copy is made.
+/// Text in the interpreter's own representation, so that a key is read in place and never copied.
 struct KeyText {
   const void* units;   ///< `length` code units of `width` bytes each
   int width;           ///< 1, 2 or 4
@@ -26,18 +26,17 @@ struct KeyText {
 
 enum class KeyFault { kEmpty, kWrongLength, kNotHex, kNotScalar };
 
-/// Why a key text was refused. Carries nothing of the text itself.
+/// Why a key text was refused. Has nothing of the text itself.
 struct KeyRefusal {
   KeyFault fault;
   std::size_t hex_digits = 0;  ///< kWrongLength: length after the prefix was removed
   std::size_t position = 0;  ///< kNotHex: index of the first digit that is not hexadecimal, after the prefix
 };
 
-/// A secp256k1 private key in wiped, where possible locked memory.
+/// A secp256k1 private key in memory that is wiped and, if possible, locked.
 ///
-/// Move-only; the destructor wipes. The key's own code is free of branches and look-ups that depend on key
-/// bytes. Any thread may use one object, one thread at a time. A moved-from key may only be assigned to or
-/// destroyed.
+/// Move-only; the destructor wipes. No branch or lookup in this code depends on key bytes. Any thread may use
+/// an object, one at a time. A moved-from key may only be assigned to or destroyed.
 class WalletKey {
  public:
   /// Reads 64 hexadecimal digits after an optional "0x" or "0X". Throws std::bad_alloc.
@@ -46,11 +45,11 @@ class WalletKey {
   WalletKey(WalletKey&&) noexcept = default;
   WalletKey& operator=(WalletKey&&) noexcept = default;
 
-  /// A second key object with the same value, in memory of its own. Throws std::bad_alloc.
+  /// A second key object with the same value, in its own memory. Throws std::bad_alloc.
   WalletKey copy() const;
 
-  /// Writes the 64 digits (no prefix), each letter in the case in which it was parsed. The caller owns, and
-  /// wipes, `digits`.
+  /// Writes the 64 digits (no prefix), each letter in the case in which it was parsed. The caller owns
+  /// `digits` and must wipe it.
   void write_hex(std::span<char, kKeyHexDigits> digits) const;
 
   /// "0x" and 40 lowercase hexadecimal digits: the last 20 bytes of the Keccak-256 of the uncompressed public

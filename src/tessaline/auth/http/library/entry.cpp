@@ -11,7 +11,7 @@
 namespace tessaline::auth::http {
 namespace {
 
-/// Throws std::bad_alloc, where there is no memory for what a failure says.
+/// Throws std::bad_alloc if there is no memory for the message of a failure.
 Result result_of(const Request& request, const Tick& tick) {
   try {
     return perform(request, tick);
@@ -39,7 +39,7 @@ Versions versions() noexcept {
 }  // namespace
 }  // namespace tessaline::auth::http
 
-// The one symbol that is exported.
+// The only exported symbol.
 extern "C" __attribute__((visibility("default"))) const tessaline::auth::http::Library tessaline_http_library;
 constexpr tessaline::auth::http::Library tessaline_http_library{
     tessaline::auth::http::perform_for_module,

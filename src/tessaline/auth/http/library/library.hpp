@@ -8,17 +8,17 @@ namespace tessaline::auth::http {
 
 struct OutOfMemory {};
 
-/// How a request ended, as the library tells it. No exception is thrown from the library into the module: in
-/// a wheel each has a C++ runtime of its own, and one would stay uncaught in the runtime that threw it.
+/// The result of a request. The library throws no exception into the module: in a wheel each has its own C++
+/// runtime, and one could not catch what the other throws.
 using Result = std::variant<Response, TransportFailure, OutOfMemory>;
 
-/// What the library does its work with, as it is loaded: texts that stay.
+/// The versions of the libraries in use, as static texts.
 struct Versions {
   const char* libcurl;
   const char* openssl;
 };
 
-/// What a module uses of the library.
+/// What the module calls in the library.
 struct Library {
   Result (*perform)(const Request& request, const Tick& tick);  ///< throws nothing
   // As in process.hpp.
