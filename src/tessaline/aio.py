@@ -114,5 +114,5 @@ class AsyncTokens:
 
 def _closed_error() -> AuthError:
     error = AuthError("manager_closed")
-    error.add_note("This AsyncTokens was closed, its source was not. Make another one if need be.")
+    error.add_note("This AsyncTokens was closed, but its source was not. Create another one if you need it.")
     return error
