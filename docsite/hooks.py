@@ -23,6 +23,7 @@ _SHORT_CODE = re.compile(r"<code>(?=[^<\n]{1,30}</code>)")
 _BREAKS = re.compile(r"(?<=\w[_.(])(?=\w)|(?<=\w)(?=/)|(?<=[a-z])(?=[A-Z])")
 _TABLE = re.compile(r"<table>\n.*?</table>", re.DOTALL)
 _HEADER = re.compile(r"<th(?: [^>]*)?>(.*?)</th>", re.DOTALL)
+_LOOSE_BRACKET = re.compile(r"(?<=</code>)\n\)")
 _TAG = re.compile(r"<[^>]+>")
 _LINK = re.compile(r"(?<!!)\[([^\]]+)\]\(([^)#:\s]+)(?:#[^)]*)?\)")
 
@@ -101,4 +102,4 @@ def with_labels(html: str) -> str:
 
 
 def on_page_content(html: str, **_: Any) -> str:
-    return with_labels(with_breaks(html))
+    return _LOOSE_BRACKET.sub(")", with_labels(with_breaks(html)))

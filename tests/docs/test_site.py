@@ -88,6 +88,17 @@ def test_the_reference_of_the_other_modules_has_all_that_they_export(module: str
     assert members and set(members) == exported - reasons
 
 
+def test_the_text_of_a_link_says_where_it_leads() -> None:
+    vague = {"act", "below", "explained", "here", "more", "see below", "this", "this page", "this table"}
+    found = [
+        f"{page.name}: {text}"
+        for page in [*PAGES, DOCS.parent / "README.md"]
+        for text in re.findall(r"(?<!!)\[([^\]]+)\]\(", page.read_text())
+        if text.lower() in vague
+    ]
+    assert found == []
+
+
 def test_files_of_the_project_are_included_without_the_links_that_lead_out() -> None:
     included = hooks.with_included("<!-- include CONTRIBUTING.md -->\n", DOCS)
     assert included.startswith("# Contributing")
@@ -125,6 +136,11 @@ def test_a_short_name_in_other_text_does_not_break() -> None:
     long = "<code>tessaline.integrations.gevent.transport</code>"
     html = f"<p><code>get_token()</code> {long}<table>\n<code>KEY</code></table>"
     assert hooks.with_breaks(html) == html.replace("<code>get", '<code class="whole">get')
+
+
+def test_no_space_is_left_before_a_bracket_of_the_reference() -> None:
+    html = "<p>(default:\n <code>None</code>\n)</p>"
+    assert hooks.on_page_content(html) == '<p>(default:\n <code class="whole">None</code>)</p>'
 
 
 def test_code_that_is_shown_as_a_block_is_not_broken() -> None:
