@@ -26,7 +26,7 @@ WRONG = {
     '<div style="width: 300px">table</div></div>',
     "cut off": '<figure><svg width="100"><text x="90" y="10">too long a text</text></svg></figure>',
     "cut code": '<pre style="overflow: auto"><code>' + "code " * 500 + "</code></pre>",
-    "faint": '<p style="color: #999">pale</p>',
+    "faint": '<p>dark <a style="color: #999">pale</a></p>',
 }
 RIGHT = """<p>dark on light</p><pre style="overflow: auto"><code>""" + "code " * 20 + "</code></pre>"
 
