@@ -1,9 +1,9 @@
-"""Prints the bytes of heap that each of 1,000 takes, of managers that are logged in or of host objects alone.
+"""Prints the bytes of heap per object, for 1,000 logged-in managers or for their Python objects alone.
 
     PYTHONMALLOC=malloc python -m benchmarks.heap_use (manager | host)
 
-For managers the second line is how much longer the last hundred logins took than the first. Run in a process
-of its own, with every allocation taken from malloc so that it is counted.
+For managers the second line is how much longer the last hundred logins took than the first. Run it in a
+separate process, with every allocation from malloc, so that it is counted.
 """
 
 import ctypes

@@ -1,6 +1,6 @@
 """Imports the modules named as arguments, then the component, and prints the seconds of the latter.
 
-The second line lists the host's modules that came with it. Run in a process of its own.
+The second line lists the modules of Python that it has loaded. Run it in a separate process.
 """
 
 import importlib

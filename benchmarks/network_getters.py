@@ -1,6 +1,6 @@
 """One GET over a separate connection, by each client that the network benchmarks compare.
 
-Imports next to nothing, and each client what it needs when it is asked for: that is part of a first
+Imports almost nothing; each client imports what it needs when it is created, as part of a first
 connection.
 """
 

@@ -1,6 +1,6 @@
-"""nginx of the system on loopback, which logs one wallet in with answers kept ready, over TLS 1.3.
+"""The system's nginx on the loopback, which logs one wallet in with prepared responses, over TLS 1.3.
 
-One worker process. Tickets are on and connections are kept, unless said otherwise.
+One worker process. By default, tickets are on and connections are kept.
 """
 
 from __future__ import annotations
@@ -71,9 +71,9 @@ class Nginx:
     log: Path
 
     def connections(self, path: str, requests: int) -> tuple[int, int]:
-        """How many connections brought the requests of paths that begin so, and how many of those resumed.
+        """How many connections had requests to paths with this prefix, and how many of them were resumed.
 
-        It writes a line after the answer has left, so that some are waited for.
+        nginx logs a line after it has sent the response, so this waits for some.
         """
         deadline = time.monotonic() + PATIENCE
         while True:

@@ -85,9 +85,9 @@ def of_this_process(field: str) -> int:
 
 
 def memory(client: str, errand: Errand) -> dict[str, float]:
-    """What a process grows by that has imported the client and done nothing with it yet.
+    """The growth of a process that has imported the client and not used it yet.
 
-    The first login loads the client's libraries: "burst" is what comes after it.
+    The first login loads the client's libraries: "burst" is the growth after it.
     """
     import gc
     import importlib

@@ -54,8 +54,8 @@ class Server:
 def on_one_core() -> Iterator[None]:
     """Keeps this process, and those that it starts meanwhile, on one core.
 
-    A client and a server that take turns need one at a time. On two cores each turn would end with a wake-up
-    of the other core, which costs a virtual machine more than the whole exchange.
+    A client and a server that alternate need one at a time. On two cores each exchange would wake the other
+    core, which costs more in a virtual machine than the exchange itself.
     """
     before = os.sched_getaffinity(0)
     os.sched_setaffinity(0, {min(before)})

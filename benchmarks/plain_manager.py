@@ -1,6 +1,6 @@
 """The same contract in plain Python, as a good programmer would write it in an afternoon.
 
-It logs in, serves, renews in the background, follows eras and closes; its transport is the host's urllib.
+It logs in, serves, renews in the background, follows eras and closes; its transport is Python's urllib.
 """
 
 from __future__ import annotations

@@ -25,8 +25,8 @@ _DEADLINE = 20.0
 class Actor:
     """The manager of one flow.
 
-    attempts, asked, slept: requests by endpoint, and the waits between them, as asked for and as they passed.
-    on_first_request: called on the thread of the flow before its first request goes out.
+    attempts, asked, slept: requests by endpoint, and the waits between them, as requested and as elapsed.
+    on_first_request: called on the thread of the flow before its first request is sent.
     on_wait: called on that thread at the beginning of each wait.
     """
 

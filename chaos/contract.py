@@ -1,7 +1,7 @@
-"""The contract as a model: what a manager asks of the server, how long it waits, and what its callers get.
+"""The contract as a model: a manager's requests, how long it waits, and what its callers get.
 
-It knows nothing of sockets, threads or the component. A plan says what each request of an endpoint meets;
-the model plays the service's part and the manager's, and keeps a record of what must be seen.
+It knows nothing of sockets, threads or the component. A plan has the fault of each request to an endpoint;
+the model plays both the service and the manager, and records the expected observations.
 """
 
 from __future__ import annotations
@@ -69,13 +69,13 @@ type Exchange = Answer | Lost | Broken
 class Fault:
     """The fault or response of one request.
 
-    phase: of the exchange. effect: from the service's answer to what the client gets.
-    script: the development server's fault for the request; None where there is none, or HTTP is not reached.
-    connect: its fault for the connection. refused: the connection goes to a port where nobody listens.
-    reaches: whether the request arrives as a whole. processed: whether the service acts on it.
-    stalls: whether the client has to run into its time-out.
-    resent: whether it ends a kept connection before a byte of the answer. Then the request goes out once more
-    at once, on a new connection, and this is no attempt of its own.
+    phase: of the exchange. effect: from the service's response to what the client gets.
+    script: the development server's fault for the request; None if there is none, or HTTP is not reached.
+    connect: its fault for the connection. refused: the connection is to a port where nothing listens.
+    reaches: whether the whole request arrives. processed: whether the service processes it.
+    stalls: whether the client has to time out.
+    resent: whether it ends a kept connection before a byte of the response. Then the request is sent again
+    at once, on a new connection, and this does not count as an attempt.
     """
 
     name: str

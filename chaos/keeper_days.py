@@ -1,8 +1,8 @@
 """The days of a keeper: a program that calls it continuously, and what must hold in every outage.
 
-Simulated are time and the server; the keeper, its managers and threads are the real ones. The driver moves
-the clock in steps and waits after each until no wallet is due. Tokens are asked for after each step by the
-driver, in the middle of each request by the server, and all the time by a thread that does nothing else.
+Time and the server are simulated; the keeper, its managers and threads are real. The driver advances
+the clock in steps and waits after each until no wallet is due. Tokens are requested after each step by the
+driver, during each request by the server, and continuously by a thread that does nothing else.
 """
 
 from __future__ import annotations
@@ -35,8 +35,8 @@ STEPS = {"away": 4 * MINUTE, "back": 12 * MINUTE}
 class Held:
     """The token that a wallet must have.
 
-    expiry: when it is good no longer, on the clock. surely_good_until: earlier by what the clock was set back
-        meanwhile, since the keeper may take that off, as the server's time has gone on.
+    expiry: until when it is valid, on the clock. surely_good_until: earlier by what the clock was set back
+        meanwhile, since the keeper may subtract that: the server's time has continued.
     """
 
     token: str
@@ -48,7 +48,7 @@ class Held:
 class Days:
     """One keeper from its start.
 
-    trouble: what was seen and must not be. counted: what came about.
+    trouble: violations. counted: events.
     """
 
     def __init__(self, seed: str) -> None:

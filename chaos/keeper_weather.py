@@ -34,9 +34,9 @@ type Kind = Literal["away", "back", "era", "set clock", "refused"]
 
 @dataclass(frozen=True)
 class Change:
-    """What happens `at` seconds of true time.
+    """An event `at` seconds of true time.
 
-    fault: what the server is like, with "away". only_some: whether half of the wallets do not notice.
+    fault: of the server, or "away". only_some: whether half of the wallets are not affected.
     number: seconds by which the clock is set, or by which the server reaches an announced era too late.
     """
 

@@ -1,17 +1,17 @@
 """The life of one manager: a program that uses it, day after day, and what must hold meanwhile.
 
-Simulated are time and the server. The manager, its locks, its threads and its signatures are the real ones.
-Each manager has a clock of its own, which moves in two ways: the driver moves it from one event of the day to
-the next, and a thread that backs off moves it to the end of its wait, since all that could happen meanwhile
-belongs to this manager and can be made to happen on the way. The refresh loop is woken whenever its clock has
-moved past its refresh point instead of looking twenty times a second. So the time between events costs
-nothing, and nothing about their order is left to chance but what threads do to one another at one event.
+Time and the server are simulated. The manager, its locks, its threads and its signatures are real.
+Each manager has its own clock, which advances in two ways: the driver advances it from one event of the day
+to the next, and a thread in back-off advances it to the end of its wait, since everything that could happen
+meanwhile concerns this manager and can be triggered on the way. The refresh loop is woken whenever its clock
+has passed its refresh point instead of polling twenty times a second. So the time between events costs
+nothing, and their order is deterministic, except for races of threads at one event.
 
-Not simulated, and so not seen here: sockets, and the host's own load. The host is a simple one: it reads a
-token a few times a day and around every refresh, and logs in when it gets none. Two kinds of callers may be
-handed a token that has expired: one that polled in vain while a refresh was announced, and one that saw the
-expiry before a refresh began that then failed. Neither comes about here, since no clock jumps by the hours
-that lie between the refresh point and the expiry; so here an expired token is always a fault.
+Not simulated, and so not tested here: sockets, and the program's own load. The program is simple: it gets a
+token a few times a day and around every refresh, and logs in if there is none. Two kinds of callers may get
+a token that has expired: one that polled in vain while a refresh was pending, and one that saw the
+expiry before a refresh began that then failed. Neither happens here, since no clock jumps by the hours
+between the refresh point and the expiry; so here an expired token is always a fault.
 """
 
 from __future__ import annotations

@@ -29,9 +29,9 @@ _STALLING_SHARE = 0.1
 class Scenario:
     """One flow: what runs, the faults of its requests, and its waiters.
 
-    overtaken: an era is announced while the first request is out. late: seconds by which a refresh is late.
-    getters, logins, renamers: callers that come while it runs. early, expired: callers of `get_token` that
-    come before a refresh does and find the token due, or expired.
+    overtaken: an era is announced during the first request. late: seconds by which a refresh is late.
+    getters, logins, renamers: callers while it runs. early, expired: callers of `get_token` that
+    precede a refresh and find the token due, or expired.
     """
 
     seed: str

@@ -25,7 +25,7 @@ ERA = 5
 class Seams:
     """Replaces process-wide functions of the component, by thread: sleep, jitter, time-out and logging.
 
-    sleep: called on a thread in place of `time.sleep`, where one is set.
+    sleep: called on a thread instead of `time.sleep`, if set.
     """
 
     def __init__(self) -> None:

@@ -50,9 +50,9 @@ class Activity:
 class ParkingEvent:
     """The event on which a refresh loop sleeps: its time-out never passes by itself.
 
-    With an injected clock the loop looks at the clock twenty times a second, since it cannot know when it
-    moves. Here somebody knows, and sets the event whenever it may have: no look is missed, and a thousand
-    loops need not be woken for nothing.
+    With an injected clock the loop polls the clock twenty times a second, since it cannot know when it
+    advances. Here the driver knows, and sets the event whenever it may have: no poll is missed, and a
+    thousand loops are not woken in vain.
     """
 
     def __init__(self, activity: Activity) -> None:

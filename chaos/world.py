@@ -39,7 +39,7 @@ class World:
     """The service as seen by one wallet.
 
     now: true time, in seconds since the start. address: of the wallet.
-    faults: how many requests met one. spoiled: whether one was met since it was last set to False.
+    faults: how many requests had one. spoiled: whether one had since this was last set to False.
     """
 
     def __init__(self, chance: random.Random, now: Callable[[], float]) -> None:

@@ -35,9 +35,9 @@ def on_config(config: MkDocsConfig) -> MkDocsConfig:
 
 
 def without_links_out(markdown: str, folder: Path, docs: Path, shown: Container[str] = ()) -> str:
-    """The text with links to files of the project that are no pages turned into plain text.
+    """The text with links to files of the project that are not pages replaced by plain text.
 
-    shown: names of files that have a section of their own on the page, to which such links then lead.
+    shown: names of files that have a section on the page, to which such links then point.
     """
 
     def plain(link: re.Match[str]) -> str:

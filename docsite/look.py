@@ -2,8 +2,8 @@
 
     python -m docsite.look build/docs
 
-Nothing may be wider than its place but code on a phone, which scrolls; the search for a public name has to
-find its reference first; and text has to be readable against what is behind it.
+Nothing may be wider than its box except code on a phone, which scrolls; the search for a public name must
+find its reference first; and text must have enough contrast to its background.
 """
 
 from __future__ import annotations

@@ -1,6 +1,6 @@
-"""What a sanitizer changes for tests; `make sanitize` names the one at work in TESSALINE_SANITIZER.
+"""What a sanitizer changes for tests; `make sanitize` sets TESSALINE_SANITIZER to the active one.
 
-TESSALINE_SLOWER: how many times as long as usual programs take, where they are emulated.
+TESSALINE_SLOWER: how much slower programs run under an emulator.
 """
 
 from __future__ import annotations

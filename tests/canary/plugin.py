@@ -1,7 +1,7 @@
 """Fails the run in which a secret shows in an error, a log record, a warning, output, a `repr` or a report.
 
-Errors are met where they are raised, whoever catches them. Fields that hold secrets by design (`_token`,
-`_private_key`, what `get_token` returns) are no texts and are not looked at.
+Errors are examined where they are raised, even if they are caught. Fields that hold secrets by design
+(`_token`, `_private_key`, the result of `get_token`) are not examined.
 """
 
 from __future__ import annotations

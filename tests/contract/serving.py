@@ -26,7 +26,7 @@ class Stored(Exception):
 class GetToken:
     """One call, over the same fields as the manager's; they may change wherever it waits or reads.
 
-    way: how it came to its end. renewed: the token that was in place when the poll would begin, if a new one.
+    way: how it ended. renewed: the token at the begin of the poll, if it is a new one.
     """
 
     def __init__(self) -> None:

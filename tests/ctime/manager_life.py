@@ -1,6 +1,6 @@
-"""Runs under valgrind: a manager's life with a key that the checker takes for a secret.
+"""Runs under valgrind: a manager's life with a key that the checker considers secret.
 
-Prints for each step a line: kind, name, bytes marked secret, reports.
+Prints a line for each step: kind, name, bytes marked secret, reports.
 """
 
 from __future__ import annotations

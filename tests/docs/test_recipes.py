@@ -1,4 +1,4 @@
-"""The recipes run: with the real libraries where the tests have them, with the few names they use where not.
+"""The recipes run: with the real libraries if these are installed, otherwise with substitutes.
 
 `make real` runs those of Flask and Django with Flask and Django.
 """

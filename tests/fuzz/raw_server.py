@@ -35,7 +35,7 @@ STOP = b"s"
 class RawServer:
     """Sends scripted responses, and closes the connection after those that say so.
 
-    An answer is made of the head and the body of the request; None ends the connection.
+    A response is made from the head and the body of the request; None closes the connection.
     """
 
     # Seconds after which a connection is closed whose peer still waits for the rest of a response.

@@ -1,7 +1,7 @@
 """Threads that take turns: one runs at a time, another only when that one waits or sleeps.
 
-So every order of events follows from the choices that are handed in, and a wait that nothing can end is
-seen at once. Time is virtual and passes when everybody waits.
+So the choices passed in determine every order of events, and a wait that nothing can end is detected
+at once. Time is virtual and advances when all threads wait.
 """
 
 from __future__ import annotations

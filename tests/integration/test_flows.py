@@ -1,6 +1,6 @@
 """Every fault of the server at every endpoint, run as by `make chaos`: all results match its model.
 
-A flow has callers who wait, come early, or are overtaken by an era. Faults that stall are left to chaos.
+A flow has callers that wait, come early, or during which an era is announced. Stalls are left to chaos.
 """
 
 from __future__ import annotations

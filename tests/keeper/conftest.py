@@ -26,7 +26,7 @@ census, nothing_escapes = endings.census, endings.nothing_escapes
 def hanging_report() -> Iterator[tuple[Worker, Any, str]]:
     """A report of a refused token to a server that does not respond: the report, the keeper, the token.
 
-    It takes its time, so it is begun before all tests and looked at by one of the last.
+    It takes seconds, so it is started before all tests and checked by one of the last.
     """
     clock = HandClock()
     service = Service(clock)

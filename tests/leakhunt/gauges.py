@@ -1,6 +1,6 @@
 """The counts after each repetition.
 
-Readings go into an array that is made beforehand: what the hunt keeps must not count as growth.
+Readings are stored in a preallocated array, because the hunt's own data must not count as growth.
 """
 
 from __future__ import annotations
@@ -59,8 +59,8 @@ def native_bytes() -> int:
 class Remembered:
     """Counts what the libraries below cache by design, each at most `BYTES`.
 
-    libcurl keeps every address that it was ever asked to connect to for a minute, and a server that a test
-    starts has a new one. glibc keeps every text that was ever put into the environment, for good.
+    libcurl keeps every address to which it has connected for a minute, and each server that a test
+    starts has a new one. glibc keeps every text that was ever put into the environment.
     """
 
     BYTES = 400

@@ -1,6 +1,6 @@
-"""The pytest plugin: each test runs again and again, its own fixtures with it, and may leave nothing behind.
+"""The pytest plugin: each test is repeated, including its own fixtures, and may leave nothing behind.
 
-A test that seems to is run many more times before it is said to: it may have been a cache, or chance.
+A test that seems to leak is repeated many more times before it is reported: it may be a cache, or chance.
 """
 
 from __future__ import annotations

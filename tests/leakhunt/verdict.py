@@ -16,8 +16,8 @@ def may_leak(readings: Sequence[int], least: int) -> bool:
 def leaked_per_repetition(readings: Sequence[int], least: int) -> float:
     """How much each repetition left; 0 if that is less than half of `least`.
 
-    What comes and goes does not raise the lowest reading of a quarter of them, and what is made but once
-    raises it only once; what leaks raises it from each quarter to the next.
+    Temporary objects do not raise the lowest reading of a quarter of them, and one-time objects raise it
+    only once; a leak raises it from each quarter to the next.
     """
     size = len(readings) // PARTS
     lowest = [min(readings[begin : begin + size]) for begin in range(0, size * PARTS, size)]

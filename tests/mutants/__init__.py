@@ -1,7 +1,7 @@
 """Faults planted into the sources one at a time, each of which the tests must find. See `make mutants`.
 
-The lists (`*.toml`) say under a file or folder of `src`, and under the tests that are to fail, what becomes
-of which text:
+The lists (`*.toml`) have for a file or folder of `src`, and for the tests that must fail, which text is
+replaced by which:
 
     ["src/tessaline/auth/manager/close.cpp"]
     "tests/auth/test_close.py" = [
@@ -9,8 +9,8 @@ of which text:
       ["void AuthManager::mark_closed()", "set(Field::kReauthMode, Ref::none());", ""],
     ]
 
-It stands once in the file, or, where it has moved, in the file's folder. With a landmark in front of it,
-which stands once, it is what comes first in that function. Line ends count as blanks. It is an expression, or
-in C++ a statement, with its ";" or "}". Where the new text has "@", which asks whether the fault is planted,
-the new text is all that is left, as it has to be for a declaration.
+The text must be unique in the file or, if it has moved, in its folder. With a unique landmark in front,
+it is the first occurrence in that function. Line ends count as spaces. It is an expression, or
+in C++ a statement, with its ";" or "}". If the new text has "@", the condition whether the fault is planted,
+the new text replaces the old one entirely, as a declaration requires.
 """

@@ -34,8 +34,8 @@ class Run:
 
 
 def run_all(runs: list[Run], tell: Callable[[Run, str], bool]) -> None:
-    """Tells what each run has met: the first test that fails, or what else goes wrong; nothing where all is
-    well. Ends when `tell` returns False.
+    """Reports the result of each run: the first test that fails, or another error; empty if all pass.
+    Ends when `tell` returns False.
     """
     parent, code = os.getpid(), 3
     try:

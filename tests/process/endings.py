@@ -1,7 +1,7 @@
 """A program that exits, in some way, while the component is busy with something; test_exit.py runs it.
 
-Arguments: the scenario, the way to end, and a JSON object with the servers' URLs and the authority to trust.
-The last line of output tells the monotonic time at which the program had nothing left to do.
+Arguments: the scenario, the way to end, and a JSON object with the servers' URLs and the CA to trust.
+The last line of output is the monotonic time from which the program had nothing left to do.
 """
 
 from __future__ import annotations

@@ -1,6 +1,6 @@
 """What the component can be busy with on the main thread when a signal handler ends the program.
 
-Each arranges for SIGTERM when that is so, and then goes there. Callbacks that end it are here, too.
+Each schedules a SIGTERM for that time, and then does it. Callbacks that end the program are here, too.
 """
 
 from __future__ import annotations

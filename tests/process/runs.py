@@ -1,6 +1,6 @@
 """Runs a program TESSALINE_EXIT_RUNS times: each run must end as expected.
 
-TESSALINE_EXIT_PYTHON: the interpreter to run it, where it is not to be this one.
+TESSALINE_EXIT_PYTHON: the interpreter to run it; by default this one.
 """
 
 from __future__ import annotations

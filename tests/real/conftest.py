@@ -1,6 +1,6 @@
-"""What those servers need: an authority that is trusted, a service behind them, no proxy unless asked for.
+"""Fixtures for third-party servers: a trusted CA, a service behind them, and by default no proxy.
 
-Only `make real` has those servers, so without it these tests are not even collected.
+Only `make real` installs those servers, so without it these tests are not even collected.
 """
 
 from __future__ import annotations

@@ -1,6 +1,6 @@
 """The service on the standard library's own server, in HTTP/1.0.
 
-Arguments: "length" or "no-length", whether answers tell their length; the port; a certificate and its key.
+Arguments: "length" or "no-length", whether responses have a length; the port; a certificate and its key.
 """
 
 from __future__ import annotations

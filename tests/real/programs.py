@@ -61,8 +61,8 @@ def running(
 ) -> Iterator[subprocess.Popen[bytes]]:
     """Start the program in `folder`, wait until it listens at all `ports`, and end it with the block.
 
-    environment: variables besides those of the tests. unprivileged: as nobody where the tests run as root.
-    gently: let it tidy up at its end, for what it would leave outside its folder.
+    environment: variables besides those of the tests. unprivileged: as `nobody` if the tests run as root.
+    gently: let it clean up at its end, because it would leave files outside its folder.
     """
     guarded = ["setpriv", "--pdeathsig", "KILL"]
     if unprivileged and os.geteuid() == 0:

@@ -10,7 +10,7 @@ from tessaline.testing import FakeClock
 class HandClock(FakeClock):
     """The package's clock for tests, which can also raise, and counts its readings.
 
-    before: called ahead of each reading, on the thread that reads; what it raises is raised by the clock.
+    before: called before each reading, on the thread that reads; what it raises is raised by the clock.
     """
 
     def __init__(self, now: float = 1_000_000.0) -> None:

@@ -15,9 +15,9 @@ PLUGIN = "tessaline.testing.plugin"
 def outcome_of(
     folder: Path, tests: str, *arguments: str, ini: str = "[pytest]\n", installed: Path | None = None
 ) -> str:
-    """What pytest says of these tests. installed: where besides it finds packages that declare plugins.
+    """The output of pytest for these tests. installed: a further folder with packages that declare plugins.
 
-    Without that no plugin is loaded by itself: the package that is installed here may be an older one.
+    Without it no plugin is loaded automatically: the installed package may be an older one.
     """
     (folder / "test_it.py").write_text(tests)
     (folder / "pytest.ini").write_text(ini)

@@ -40,7 +40,7 @@ def run(
 ) -> str:
     """Run it between `before` with the prelude and the ending; returns its output.
 
-    It must end with exit code 0, with an error output that `errors` is a pattern for the whole of.
+    It must end with exit code 0, and `errors` is a pattern for its whole error output.
     """
     text = WATCHED + textwrap.dedent(before) + prelude + textwrap.dedent(program) + "\n" + ending
     path = [str(ROOT), str(ROOT / "tests"), *filter(None, [os.environ.get("PYTHONPATH")])]

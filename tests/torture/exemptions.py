@@ -1,7 +1,7 @@
-"""Findings that are not the component's: each by name, with how it is known again and why it stays.
+"""Findings that are not the component's: each by name, with how to recognise it and why it is exempt.
 
-All are of CPython 3.13.0. Each was read off the native frames of the place where memory was refused, and of
-the crash where there is one; the same frames decide here.
+All are of CPython 3.13.0. Each was derived from the native frames of the place where the allocation failed,
+and of the crash if there is one; the same frames are matched here.
 """
 
 from __future__ import annotations

@@ -39,8 +39,8 @@ def told_by(
 ) -> Any:
     """Run the program with the arguments in `arguments`; return its output as JSON.
 
-    helpers: what several programs define, put before this one. interrupt_at: a server and the path at which
-    the program's request is waited for, to interrupt the program then.
+    helpers: definitions common to several programs, inserted before this one. interrupt_at: a server and a
+    path; the program is interrupted when its request arrives there.
     """
     whole = START + helpers + textwrap.dedent(program)
     with subprocess.Popen(

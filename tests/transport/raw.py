@@ -41,8 +41,8 @@ def trickle(start: bytes, every: float) -> Callable[[socket.socket, threading.Ev
 class RawServer:
     """Sends the responses in turn, one per request, and then repeats the last one.
 
-    An answer is written as it is, or is a function that does what it likes with the connection, which then
-    ends. keep_alive: whether a connection serves further requests after an answer in bytes.
+    A response is sent as it is, or is a function that gets the connection, which is then
+    closed. keep_alive: whether a connection serves further requests after a response in bytes.
 
     Attributes: requests (the bytes of each, head and body), connections (how many were accepted).
     """

@@ -1,6 +1,6 @@
-"""A host whose TLS library knows of no certificates trusts what the system trusts, wherever that keeps it.
+"""A Python whose TLS library finds no certificates trusts what the system trusts, in any of its locations.
 
-In a mount namespace, where /etc is what the test makes of it.
+In a mount namespace, with the test's own /etc.
 """
 
 from __future__ import annotations

@@ -26,7 +26,7 @@ def context_of(
 ) -> ssl.SSLContext:
     """A server context with a new certificate.
 
-    names: what the certificate is for; this machine if there are none. version: the only one that is spoken.
+    names: those in the certificate; by default this machine's. version: the only one that is accepted.
     certificate: further arguments for trustme.
     """
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
@@ -42,8 +42,8 @@ def context_of(
 class TlsServer(RawServer):
     """RawServer behind TLS.
 
-    Attributes: context (for the connections to come), resumed (for each handshake that succeeded, whether it
-    resumed a session).
+    Attributes: context (for new connections), resumed (for each successful handshake, whether it resumed a
+    session).
     """
 
     def __init__(self, context: ssl.SSLContext, *answers: Any, **options: Any) -> None:

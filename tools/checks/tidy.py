@@ -1,7 +1,7 @@
 """Runs clang-tidy over every source of a build, except those that have passed unchanged.
 
-A source has passed if clang-tidy was silent, and neither it, nor what it includes, nor its options, nor the
-rules have changed since. build/tidy/passed remembers that by content.
+A source has passed if clang-tidy reported nothing, and neither it, nor its includes, nor its options, nor the
+rules have changed since. build/tidy/passed stores that by content.
 """
 
 import argparse

@@ -1,5 +1,5 @@
-"""report.py FOLDER RESULT...: puts what visits found into FOLDER/systems.json, the table of all systems into
-FOLDER/where-it-runs.md, and prints that table.
+"""report.py FOLDER RESULT...: writes the results of visits to FOLDER/systems.json, the table of all systems
+to FOLDER/where-it-runs.md, and prints that table.
 """
 
 import json
@@ -19,7 +19,7 @@ PAGE = "where-it-runs.md"
 class Table:
     """One table of the page, and the file that it is made from.
 
-    key: two results of the same are one of the earlier and one of the later.
+    key: a later result replaces an earlier one with the same key.
     """
 
     name: str

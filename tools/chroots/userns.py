@@ -1,6 +1,6 @@
 """Runs a command as root of a user namespace in which all users are mapped.
 
-What is registered with the kernel in there, as an emulator is, ends with the last of its processes.
+Registrations with the kernel in there, such as emulators, end with the last of its processes.
 """
 
 import os

@@ -46,7 +46,7 @@ def run(python: Sequence[str], url: str, environment: Mapping[str, str]) -> subp
 def log_in(python: Sequence[str], trust: Callable[[Path], Mapping[str, str]]) -> Facts:
     """trust: makes that CA file trusted; returns environment variables for it.
 
-    Before, the program may not log in.
+    Before that, the program must not be able to log in.
     """
     with DevServer(tls=True) as server:
         assert server.ca_file is not None

@@ -1,7 +1,7 @@
 """A user's program: it logs in, renews, follows an era, is interrupted by Ctrl-C, and closes.
 
-Needs the wheel alone, runs by its text, and trusts what the system does. Argument: the URL of a development
-server that it has for itself.
+Needs only the wheel, is passed as text, and trusts what the system trusts. Argument: the URL of a development
+server that nothing else uses.
 """
 
 import json

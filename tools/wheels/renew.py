@@ -1,4 +1,4 @@
-"""Pins the newest sources and headers that Debian's archive gives: its lists may name what is not there yet.
+"""Pins the newest sources and headers available in Debian's archive: its lists may be ahead of the files.
 
 python -m tools.wheels.renew
 """

@@ -1,4 +1,4 @@
-"""Puts what trials of wheels found into FOLDER/wheels.json and their table into that folder's page "Where it
+"""Writes the results of wheel trials to FOLDER/wheels.json and their table to that folder's page "Where it
 runs", and prints that table.
 
 python -m tools.wheels.report FOLDER RESULT...

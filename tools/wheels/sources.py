@@ -1,5 +1,5 @@
-"""Puts what wheels are built from into build/bundled/sources, as Debian's package client brings it from the
-archive that this machine is set up with: the pinned sources, and the headers of the Pythons of those targets.
+"""Downloads the inputs of wheels into build/bundled/sources, with Debian's package client from this machine's
+configured archive: the pinned sources, and the headers of the Pythons of those targets.
 
 python -m tools.wheels.sources TARGET...
 """

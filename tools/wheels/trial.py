@@ -2,8 +2,8 @@
 
 python -m tools.wheels.trial SYSTEM ROOT PYTHON WHEEL RESULT
 
-SYSTEM: what it is called here. ROOT: where it is, with this project's tests and its build/wheel-trials in it;
-what is written there stays. PYTHON: that system's.
+SYSTEM: its name. ROOT: its root, with this project's tests and its build/wheel-trials mounted;
+files written there are kept. PYTHON: that system's.
 """
 
 from __future__ import annotations

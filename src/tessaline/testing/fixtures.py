@@ -1,6 +1,6 @@
 """pytest fixtures: a clock, a service, and a wallet that lives by both.
 
-How to have them is told by `tessaline.testing`. Each test gets its own, and what it leaves open is closed.
+See `tessaline.testing` for how to enable them. Each test gets its own, and what it leaves open is closed.
 """
 
 from __future__ import annotations

@@ -11,8 +11,8 @@ from tests.shared.modules import StandIn
 
 
 class ShortSleeps:
-    """A `time` whose sleeps end at once and whose monotonic time leaps, so that a clock that stands still is
-    found to be stuck at the first look: no wait of the component moves the hand clock."""
+    """A `time` whose sleeps end at once and whose monotonic time jumps, so that a clock that does not move
+    counts as stuck at the first poll: no wait of the component advances the hand clock."""
 
     def __init__(self, on_sleep: Callable[[float], None] | None = None) -> None:
         self.on_sleep = on_sleep

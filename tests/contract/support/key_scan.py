@@ -1,7 +1,8 @@
-"""Run as a program: lives one life of a manager, then looks for its key in all memory of this process.
+"""Run as a program: uses a manager from construction to close, then searches all memory of this process for
+its key.
 
-The key arrives masked. The only plain copy that this program makes is the text handed to the manager, and
-that is overwritten before the search; what is searched for is kept masked too, so that the search does not
+The key is passed masked. The only plain copy that this program makes is the text for the manager, and
+that is overwritten before the search; the search patterns are masked too, so that the search does not
 find itself. Prints a JSON object: how often each form of the key was found.
 """
 

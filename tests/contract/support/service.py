@@ -62,10 +62,10 @@ class Gate:
 
 
 class Service:
-    """Answers well unless told otherwise.
+    """All responses are successful by default.
 
-    `fault` is called with the path before the answer is made: what it raises is raised by the transport, what
-    it returns (unless None) is the answer.
+    `fault` is called with the path before each response: what it raises is raised by the transport, what
+    it returns (unless None) is the response.
     """
 
     def __init__(self, era: int | None = None) -> None:

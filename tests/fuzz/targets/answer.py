@@ -1,6 +1,6 @@
 """Bytes of a server through the default transport: a documented result, equal to that of `http.client`.
 
-The first byte chooses the method; 0x01 and 0x02 end an answer, the latter the connection too.
+The first byte selects the method; 0x01 and 0x02 end a response, the latter the connection too.
 """
 
 from __future__ import annotations

@@ -1,6 +1,6 @@
 """The body of one response of a login: the first byte selects which, the rest is the body itself.
 
-What the flow makes of it must be what plain Python makes of the same steps.
+The flow's result must equal that of the same steps in plain Python.
 """
 
 from __future__ import annotations

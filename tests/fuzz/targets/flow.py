@@ -1,14 +1,14 @@
 """A hostile server and a restless program against a manager, on threads that take turns and a stepped clock.
 
-The first line chooses who goes on when several threads can. Each further line is one act:
+The first line selects which thread continues if several can. Each further line is one action:
 
-    login | token | fields | close | settle | name TEXT | era N | clock SECONDS    what the host does
+    login | token | fields | close | settle | name TEXT | era N | clock SECONDS    what the program does
     & ACT                                                                          the same on another thread
     d ACT                            the same within the next request, in whatever thread that runs
-    r STATUS [Name=value]... | BODY  the answer to the next request not yet provided for
+    r STATUS [Name=value]... | BODY  the response to the next request without one
     x EXCEPTION                      what the transport raises instead
     q N                              what the transport returns instead, of a shape that it should not
-    c EXCEPTION | t                  what the next look at the clock raises; no next thread can be started
+    c EXCEPTION | t                  what the next reading of the clock raises; the next thread cannot start
     server N | nosecret | othersecret  the era of the server's tokens (0: none), its secret
 """
 

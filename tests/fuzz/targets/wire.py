@@ -2,10 +2,10 @@
 
 Each line provides for a request:
 
-    r STATUS [Name=value]... | BODY    an answer with its length
-    w BYTES                            these bytes, with \\r, \\n and \\xNN for what they stand for in Python
+    r STATUS [Name=value]... | BODY    a response with its length
+    w BYTES                            these bytes, with \\r, \\n and \\xNN as in Python
     z                                  the connection ends
-    g                                  a good answer, as to every request after the last line
+    g                                  a successful response, as to every request after the last line
 """
 
 from __future__ import annotations

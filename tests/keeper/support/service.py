@@ -71,10 +71,10 @@ class Granted:
 
 
 class Service:
-    """Answers well unless told otherwise.
+    """All responses are successful by default.
 
-    fault: asked about every request; what it raises is raised by the transport, what it returns (unless None)
-        is the answer. wallet_faults: the same for the requests of one address, asked first.
+    fault: called for every request; what it raises is raised by the transport, what it returns (unless None)
+        is the response. wallet_faults: the same for the requests of one address, called first.
     gate: holds every request until it is opened; wallet_gates: those of one address.
     on_request: called with each request, outside the service's lock, before anything else.
     """

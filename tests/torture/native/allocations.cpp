@@ -7,9 +7,9 @@
 
 #include "plan.hpp"
 
-// Nothing but the module uses the C++ library in the processes that preload this, so each `operator new` is
-// the module's, those made by the library on its behalf included. libcurl calls malloc through pointers of
-// its own: the return address is in libcurl.
+// Only the module uses the C++ library in the processes that preload this, so each `operator new` is the
+// module's, including those made by the library for it. libcurl calls malloc through its own pointers: the
+// return address is in libcurl.
 
 extern "C" {
 void* __libc_malloc(std::size_t size);

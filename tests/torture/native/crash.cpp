@@ -16,7 +16,7 @@ namespace {
 constexpr std::array kSignals{SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL};
 constexpr int kMostFrames = 64;
 std::array<struct sigaction, NSIG> before;
-// A stack that overflowed cannot take the handler.
+// The handler cannot run on a stack that has overflowed.
 alignas(16) std::array<char, 65536> own_stack;
 
 void write_text(const char* text) {

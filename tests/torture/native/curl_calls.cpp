@@ -10,8 +10,8 @@
 #undef curl_easy_getinfo
 #undef curl_multi_setopt
 
-// Stand before libcurl's functions. Constructors fail with null, the others with the codes documented for
-// them. A request's result is read from a message, whose every documented code is given once.
+// Replace libcurl's functions. Constructors fail with null, the others with the codes documented for them. A
+// request's result is read from a message, with each documented code once.
 
 namespace {
 
@@ -43,7 +43,7 @@ void* only_argument(va_list arguments) {
 
 }  // namespace
 
-// libcurl declares its variadic functions so that an enumeration stands before the dots.
+// libcurl declares its variadic functions with an enumeration before the ellipsis.
 #pragma GCC diagnostic ignored "-Wvarargs"
 
 extern "C" {
@@ -119,7 +119,7 @@ CURLMcode curl_multi_poll(CURLM* multi, curl_waitfd* extra, unsigned extra_count
 
 CURLMsg* curl_multi_info_read(CURLM* multi, int* left) {
   TORTURE_NEXT(curl_multi_info_read);
-  // The first way is no message at all, the others are the codes.
+  // The first way is no message, the others are the codes.
   const int way = TORTURE_WAY(curl_multi_info_read, CURL_LAST);
   if (way == 0) return nullptr;
   CURLMsg* message = real(multi, left);

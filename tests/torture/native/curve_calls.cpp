@@ -5,7 +5,7 @@
 #include "next.hpp"
 #include "plan.hpp"
 
-// Stand before libsecp256k1's functions. The ways to fail: with 0 alone, and with 0 after a report to the
+// Replace libsecp256k1's functions. The ways to fail: with 0 alone, and with 0 after a report to the
 // illegal-argument callback.
 
 namespace {

@@ -7,8 +7,8 @@
 #include "plan.hpp"
 #include "python_allocators.hpp"
 
-// The controls, as a module for the programs that do the torturing. The same file is preloaded, so that its
-// functions stand before those of the libraries.
+// The controls, as a module for the programs that run the torture. The same file is preloaded, so that its
+// functions replace those of the libraries.
 
 namespace {
 
@@ -62,7 +62,7 @@ PyObject* watch_crashes(PyObject*, PyObject*) {
 
 PyObject* leave(PyObject*, PyObject*) {
 #ifdef TORTURE_COUNTS
-  // Only an orderly end writes what the build has counted.
+  // Only a normal exit writes the counts of an instrumented build.
   std::exit(0);
 #else
   _exit(0);

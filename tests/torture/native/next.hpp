@@ -16,6 +16,6 @@ Function* next(const char* name) noexcept {
 
 }  // namespace torture
 
-// Asked first by each function that stands before another of the same name.
+// Checked first by each function that replaces another of the same name.
 #define TORTURE_NEXT(name) static auto* const real = torture::next<decltype(name)>(#name)
 #define TORTURE_WAY(name, ways) torture::way_to_fail(#name, ways, __builtin_return_address(0))

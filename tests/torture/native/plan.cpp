@@ -19,7 +19,7 @@ std::atomic<long> failed{0};
 std::atomic<bool> no_such_variant{false};
 std::atomic<const char*> last_failure{""};
 
-// Asked by malloc, which the usual model might call.
+// Used by malloc, which the default TLS model might call.
 [[gnu::tls_model("initial-exec")]] constinit thread_local bool armed_here = false;
 
 bool comes_from(const void* address, const char* library) noexcept {

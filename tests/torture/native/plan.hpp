@@ -2,10 +2,10 @@
 
 #include <cstddef>
 
-/// Which of the things that may fail are made to fail, and which of them is next.
+/// Which calls are made to fail, and the count of calls.
 ///
-/// Things are counted on those threads that have been armed, while they are not inside host code. Nothing
-/// here allocates: it is asked from inside allocators.
+/// Calls are counted on armed threads while they are not inside code of the interpreter. Nothing here
+/// allocates, because allocators call it.
 namespace torture {
 
 enum class Kind : int {
@@ -37,11 +37,11 @@ void begin(const Plan& plan) noexcept;
 Tally end() noexcept;
 Kind current_kind() noexcept;
 
-/// Arms or disarms the calling thread; gives back what it was before.
+/// Arms or disarms the calling thread; returns the previous state.
 bool arm(bool on) noexcept;
 bool armed() noexcept;
 
-/// Counts one thing on an armed thread; true when it is to fail.
+/// Counts one call on an armed thread; true if it must fail.
 bool fails(Kind kind, const char* what) noexcept;
 
 /// The same for a call with several ways to fail: the way, or -1.
@@ -51,11 +51,11 @@ int way_to_fail(const char* what, int ways, const void* caller) noexcept;
 bool is_module(const void* address) noexcept;
 bool is_curl(const void* address) noexcept;
 
-/// The module's blocks from `operator new` that are not deleted yet.
+/// The module's blocks from `operator new` that have not been deleted.
 long live_module_blocks() noexcept;
 
-/// The pages that the module mapped for secrets: what of them is not zero apart from each page's header, and
-/// how many slots are taken.
+/// The pages that the module mapped for secrets: how much of them is not zero except each page's header, and
+/// how many slots are in use.
 struct SecretPages {
   int pages = 0;
   long bytes_not_zero = 0;

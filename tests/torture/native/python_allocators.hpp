@@ -2,10 +2,10 @@
 
 namespace torture {
 
-/// Puts itself before the interpreter's allocators of all three domains, once and for good.
+/// Wraps the interpreter's allocators of all three domains, once and permanently.
 void hook_python_allocators() noexcept;
 
-/// Blocks allocated less blocks freed since then; only differences mean something.
+/// Allocated minus freed blocks since then; only differences are meaningful.
 long live_python_blocks() noexcept;
 
 }  // namespace torture

@@ -12,8 +12,8 @@
 #include "next.hpp"
 #include "plan.hpp"
 
-// Stand before what the module asks of the system: random bytes, memory for secrets, sockets, threads,
-// registrations for a fork and for the exit.
+// Replace the system functions that the module calls: random bytes, memory for secrets, sockets, threads,
+// handlers for fork and exit.
 
 namespace {
 
@@ -54,7 +54,7 @@ extern "C" {
 
 ssize_t getrandom(void* bytes, size_t size, unsigned flags) {
   TORTURE_NEXT(getrandom);
-  // Besides the errors: nothing, one byte, an interruption.
+  // Besides errors: nothing, one byte, an interruption.
   constexpr int kErrors = static_cast<int>(kRandomErrors.size());
   const int way = TORTURE_WAY(getrandom, kErrors + 3);
   if (way < 0) return real(bytes, size, flags);
@@ -108,7 +108,7 @@ ssize_t recv(int descriptor, void* bytes, size_t size, int flags) {
 
 int close(int descriptor) {
   TORTURE_NEXT(close);
-  // Linux has closed it whatever it answers.
+  // Linux has closed it whatever it returns.
   const int way = TORTURE_WAY(close, 1);
   const int status = real(descriptor);
   if (way < 0) return status;
