@@ -10,14 +10,16 @@ from docsite.figures.bars import CHARTS, FOLDER, measured
 from .ratios import Figure, Ratio
 
 UNITS = ("µs", "ms", "KiB", "MiB")
-SMALL = 0.1
+SMALL = 0.5
 
 
 def amount(value: float, unit: str) -> str:
     """A ratio in words, or a value in its own unit."""
     if unit in UNITS:
         return f"{value:.3g} {unit}"
-    return f"1/{1 / value:,.0f}" if value < SMALL else f"{value:.3g}"
+    if value > SMALL:
+        return f"{value:.3g}"
+    return f"1/{1 / value:,.0f}" if value < 0.1 else f"1/{1 / value:.2g}"
 
 
 def figure_of(told: Mapping[str, Any]) -> Figure:
@@ -50,8 +52,10 @@ def page(content: Mapping[str, Any]) -> str:
         (FOLDER / "explanation.md").read_text(),
         "## All figures",
         "",
-        "The result is a ratio: 1/24 means that the first takes a 24th of the time of the second. If a line "
-        "compares nothing, the result has a unit. `measured.json` next to this page has the quartiles too.",
+        "The result is a ratio: 1/24 means that the first takes a 24th of the time (or memory, or "
+        "connections) of the second, or has a 24th of its throughput. If a line compares nothing, the result "
+        "has a unit. The limit is what the project demands of itself. `measured.json` next to this page has "
+        "the quartiles too.",
         "",
         "| what | compared with | result | limit |",
         "|---|---|---|---|",

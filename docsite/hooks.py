@@ -19,9 +19,11 @@ _INCLUDE = re.compile(r"^<!-- include (\S+) -->$", re.MULTILINE)
 _CODE = re.compile(r"^<!-- code (\S+) -->$", re.MULTILINE)
 _HEADING = re.compile(r"^## (\S+)$", re.MULTILINE)
 _INLINE_CODE = re.compile(r"(?<=<code>)[^<\n]+(?=</code>)")
+_SHORT_CODE = re.compile(r"<code>(?=[^<\n]{1,30}</code>)")
 _BREAKS = re.compile(r"(?<=\w[_.(])(?=\w)|(?<=\w)(?=/)|(?<=[a-z])(?=[A-Z])")
 _TABLE = re.compile(r"<table>\n.*?</table>", re.DOTALL)
 _HEADER = re.compile(r"<th(?: [^>]*)?>(.*?)</th>", re.DOTALL)
+_LOOSE_BRACKET = re.compile(r"(?<=</code>)\n\)")
 _TAG = re.compile(r"<[^>]+>")
 _LINK = re.compile(r"(?<!!)\[([^\]]+)\]\(([^)#:\s]+)(?:#[^)]*)?\)")
 
@@ -78,8 +80,11 @@ def on_page_markdown(markdown: str, *, page: Page, config: MkDocsConfig, **_: An
 
 
 def with_breaks(html: str) -> str:
-    """The page with break opportunities in names in narrow tables."""
-    return _INLINE_CODE.sub(lambda name: _BREAKS.sub("<wbr>", name[0]), html)
+    """The page with break opportunities in names in tables, and without breaks in short names elsewhere."""
+    parts = re.split(f"({_TABLE.pattern})", html, flags=_TABLE.flags)
+    parts[::2] = [_SHORT_CODE.sub('<code class="whole">', part) for part in parts[::2]]
+    parts[1::2] = [_INLINE_CODE.sub(lambda name: _BREAKS.sub("<wbr>", name[0]), part) for part in parts[1::2]]
+    return "".join(parts)
 
 
 def with_labels(html: str) -> str:
@@ -97,4 +102,4 @@ def with_labels(html: str) -> str:
 
 
 def on_page_content(html: str, **_: Any) -> str:
-    return with_labels(with_breaks(html))
+    return _LOOSE_BRACKET.sub(")", with_labels(with_breaks(html)))

@@ -2,8 +2,8 @@
 
     python -m docsite.look build/docs
 
-Nothing may be wider than its box except code, which scrolls; the search for a public name must find its
-reference first; and text must have enough contrast to its background.
+Nothing may be wider than its box except code on a phone, which scrolls; the search for a public name must
+find its reference first; and text must have enough contrast to its background.
 """
 
 from __future__ import annotations
@@ -42,11 +42,11 @@ async def wrong_on(tab: Tab, base: str, page: str) -> list[str]:
     return wrong
 
 
-async def wrong_in_search(tab: Tab, base: str) -> list[str]:
+async def wrong_in_search(tab: Tab, base: str, places: dict[str, str]) -> list[str]:
     await tab.be_wide(1280)
     await tab.open(f"{base}/index.html")
     wrong = []
-    for name, place in reference.sought().items():
+    for name, place in places.items():
         # The first is the page, the second the best match on it.
         found = await tab.ask(f"{script('search')}({name!r})")
         if place not in [link.removeprefix(f"{base}/").partition("?")[0] for link in found[:2]]:
@@ -63,7 +63,9 @@ async def look(folder: Path, program: str, only: list[str]) -> list[str]:
                 for page in only or [page for page in pages if page != "404.html"]
                 for text in await wrong_on(tab, base, page)
             ]
-            return wrong if only else wrong + await wrong_in_search(tab, base)
+            if only:
+                return wrong
+            return wrong + await wrong_in_search(tab, base, reference.tagged(folder / reference.INDEX))
 
 
 def main() -> int:

@@ -88,9 +88,10 @@ class Canvas:
 
     def svg(self) -> str:
         """The drawing as a file; it may also be embedded in a page."""
+        width, height = _number(self.width), _number(self.height)
         frame = (
             f'<svg xmlns="http://www.w3.org/2000/svg" class="fig" role="img" '
-            f'viewBox="0 0 {_number(self.width)} {_number(self.height)}" '
+            f'viewBox="0 0 {width} {height}" width="{width}" height="{height}" '
             f'aria-labelledby="{self.name}-title {self.name}-desc">'
         )
         words = [

@@ -91,7 +91,7 @@ def era_change() -> Canvas:
             Message("manager", "program", "returns at once", answer=True),
             Act("manager", ("the old token is", "no longer served"), 140),
             Message("program", "manager", "get_token()", "waits"),
-            Message("manager", "server", "POST /auth/…", "on a background thread"),
+            Message("manager", "server", "POST /auth/…", "in the background"),
             Message("server", "manager", "token of era 6", answer=True),
             Act("manager", ("too old: retry",)),
             Message("manager", "server", "POST /auth/…"),

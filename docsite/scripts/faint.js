@@ -20,7 +20,7 @@
     return [255, 255, 255, 255];
   };
   const found = new Set();
-  for (const e of document.querySelectorAll('article :is(p, td, th, li, figure svg text)')) {
+  for (const e of document.querySelectorAll('article :is(p, td, th, li, a:not(.headerlink), code, pre span, figure svg text), nav a')) {
     const style = getComputedStyle(e);
     const own = light(rgba(e.tagName === 'text' ? style.fill : style.color));
     const other = light(behind(e));

@@ -1,4 +1,4 @@
-// What is wider than the page, and tables that scroll. A box that scrolls, such as code, may hold wide things.
+// What is wider than the page, and tables that scroll. A box that scrolls may hold wide things; code does on a phone.
 (() => {
   const found = [];
   const page = document.documentElement;
@@ -6,6 +6,8 @@
   if (page.scrollWidth > page.clientWidth) found.push(`the page is ${page.scrollWidth} wide`);
   for (const e of document.querySelectorAll('.md-typeset__scrollwrap'))
     if (e.scrollWidth > e.clientWidth + 1) found.push(`scrolls sideways: ${name(e)}`);
+  for (const e of document.querySelectorAll('article :is(pre, pre > code)'))
+    if (page.clientWidth > 1000 && e.scrollWidth > e.clientWidth) found.push(`cut code: ${name(e)}`);
   for (const e of document.querySelectorAll('article *')) {
     if (e.closest('pre, .md-typeset__scrollwrap, svg, .headerlink')) continue;
     if (e.getBoundingClientRect().right > page.clientWidth) found.push(`sticks out: ${name(e)}`);

@@ -83,7 +83,7 @@ def _path(ca_file: object) -> bytes:
         raise TypeError(f"ca_file must be a path or None, not {type(ca_file).__name__}")
     path = os.fsencode(cast("str | os.PathLike[str]", ca_file))
     if not path or b"\0" in path:
-        raise ValueError("ca_file is no path of a file")
+        raise ValueError("ca_file must be a path, neither empty nor with a null byte")
     return os.path.abspath(path)
 
 
@@ -92,7 +92,7 @@ def _name(user_agent: object) -> str:
         raise TypeError(f"user_agent must be a str or None, not {type(user_agent).__name__}")
     if len(user_agent) > _LONGEST_NAME or not _NAME.fullmatch(user_agent):
         raise ValueError(
-            f"user_agent must be 1 to {_LONGEST_NAME} visible ASCII characters, with blanks only between them"
+            f"user_agent must be 1 to {_LONGEST_NAME} visible ASCII characters, with spaces only between them"
         )
     return user_agent
 

@@ -79,7 +79,7 @@ def _opened(path: _Path) -> IO[bytes]:
         return open(path, "rb", opener=lambda name, flags: os.open(name, flags | os.O_NOCTTY))
     except FileNotFoundError as error:
         if name.startswith("~"):
-            error.add_note('"~" is not expanded, as a shell would do it: give the whole path')
+            error.add_note('"~" is not expanded as in a shell: pass the whole path')
         raise
 
 
@@ -88,8 +88,8 @@ def _too_open(mode: int, path: _Path, readable_by: ReadableBy) -> PermissionErro
     error = PermissionError(errno.EACCES, text, os.fspath(path))
     if readable_by == "owner":
         error.add_note(
-            "chmod 600 closes it; where a container's secret cannot be mounted otherwise, readable_by says "
-            "who else may read it"
+            "chmod 600 makes it private; if a container's secret cannot be mounted otherwise, readable_by "
+            "says who else may read it"
         )
     return error
 
@@ -97,5 +97,5 @@ def _too_open(mode: int, path: _Path, readable_by: ReadableBy) -> PermissionErro
 def _foreign(owner: int, path: _Path) -> PermissionError:
     text = f"it belongs to another user (uid {owner}), and should be this user's or root's"
     error = PermissionError(errno.EACCES, text, os.fspath(path))
-    error.add_note("chown gives it to the user that the program runs as")
+    error.add_note("chown makes the user that the program runs as its owner")
     return error

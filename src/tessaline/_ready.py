@@ -29,7 +29,7 @@ def of_one_wallet[Source: TokenSource](source: Source) -> Source:
         ValueError: It is such a keeper.
     """
     if isinstance(source, Serving) and source._copy is None:
-        raise ValueError("this keeper has several wallets: give keeper[address]")
+        raise ValueError("this keeper has several wallets: pass keeper[address]")
     return source
 
 

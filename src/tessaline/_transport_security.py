@@ -32,7 +32,7 @@ def validate_bearer_transport_url(url: str) -> str:
             credentials.
     """
     if _BLANK_OR_CONTROL.search(url) or not url.isascii():
-        raise ValueError("server URL must not contain blanks, control characters or characters outside ASCII")
+        raise ValueError("server URL must not contain spaces, control characters or characters outside ASCII")
     if "\\" in url:
         raise ValueError("server URL must not contain a backslash")
     parts = _split(url)

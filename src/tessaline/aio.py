@@ -29,7 +29,7 @@ class AsyncTokens:
 
     Args:
         source: A `Keeper` of one wallet, a wallet of a keeper, an `AuthManager`, or any object with
-            `get_token()`. It is never closed here.
+            `get_token()`. `aclose()` does not close it.
 
     Raises:
         TypeError: The source has no `get_token()`.
@@ -56,7 +56,7 @@ class AsyncTokens:
             The token. After a wait, it comes from a call to the source that began after this one.
 
         Raises:
-            AuthError: "manager_closed" after `aclose()`, or woken by it; and the errors of the source.
+            AuthError: "manager_closed" after `aclose()`, which also ends waits; and the errors of the source.
             RuntimeError: It has to wait without a running event loop, or no thread could be started.
             NetworkError, OSError and others: The errors of the source. Each waiting task gets its own copy,
                 with its own traceback.
@@ -81,7 +81,7 @@ class AsyncTokens:
             source has no `report_refused()`.
 
         Raises:
-            AuthError: "manager_closed" after `aclose()`, or woken by it; and the errors of the source.
+            AuthError: "manager_closed" after `aclose()`, which also ends waits; and the errors of the source.
             RuntimeError: No event loop runs, or no thread could be started.
         """
         report: Callable[[str], object] | None = getattr(self._source, "report_refused", None)
@@ -114,5 +114,5 @@ class AsyncTokens:
 
 def _closed_error() -> AuthError:
     error = AuthError("manager_closed")
-    error.add_note("This AsyncTokens was closed, its source was not. Make another one if need be.")
+    error.add_note("This AsyncTokens was closed, but its source was not. Create another one if you need it.")
     return error

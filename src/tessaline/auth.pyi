@@ -21,34 +21,34 @@ _time: ModuleType
 
 @type_check_only
 class Clock(Protocol):
-    """What `AuthManager` reads the time from: seconds as `time.time()` counts them, or from any other start.
+    """The clock of an `AuthManager`: returns seconds, like `time.time()` or from any other starting point.
 
-    Called often, from the caller's threads and from the manager's own, so it should return at once. It need
-    not move by itself: a test may step it.
+    It is called often, on the threads of callers and on background threads, so it should return at once. A
+    clock for tests may stand still until the test moves it.
     """
 
     def __call__(self) -> float: ...
 
 @type_check_only
 class HttpTransport(Protocol):
-    """What `AuthManager` makes its requests through: one exchange per call.
+    """The transport of an `AuthManager`: each call makes one request.
 
-    Called from the caller's threads and from the manager's own, by several at once.
+    It is called on the threads of callers and on background threads, on several at once.
 
     Args:
-        method: HTTP method in upper case.
+        method: HTTP method in uppercase.
         url: Absolute URL.
         headers: Headers of the request.
-        body: Sent as it is, text as UTF-8; None for no body.
+        body: Sent unchanged, a str as UTF-8; None for no body.
 
     Returns:
-        The status, of whatever answer; its headers; the whole body, empty when there is none.
+        Status, headers and complete body of the response, including one with an error status.
 
     Raises:
-        ConnectionError: The server cannot be reached or broke off. The manager tries again.
-        TimeoutError: It did not answer in time. The manager tries again.
+        ConnectionError: The server cannot be reached, or closed the connection. The manager retries.
+        TimeoutError: The server did not respond in time. The manager retries.
 
-    Any other error ends the manager's attempt and passes to the caller unchanged.
+    Any other error ends the manager's attempt and passes through unchanged.
     """
 
     def __call__(

@@ -10,6 +10,8 @@ from benchmarks import page
 from benchmarks.ratios import Figure, Ratio
 from docsite.figures import bars
 
+from .pages import DOCS
+
 pytestmark = pytest.mark.process
 
 README = bars.FOLDER / "README.md"
@@ -40,11 +42,22 @@ def test_a_chart_shows_what_was_measured(chart: bars.Chart) -> None:
         assert f">{bars.readable(value, 's')}</text>" in drawn
 
 
+def test_the_pages_tell_the_overhead_in_an_event_loop() -> None:
+    figures = [figure for figure in MEASURED["figures"] if figure["subject"].startswith("httpx request")]
+    *hooks, pool = [round(100 * (figure["median"] - 1)) for figure in figures]
+    assert len(hooks) == 3
+    text = " ".join((DOCS / "asyncio.md").read_text().split())
+    assert f"takes {min(hooks)} to {max(hooks)} % longer" in text
+    assert f"loop's pool takes {pool} % longer" in text
+    assert f"`httpx.AsyncClient`, {min(hooks)} to {max(hooks)} %" in (DOCS / "integrations.md").read_text()
+
+
 @pytest.mark.parametrize(
     ("value", "unit", "text"),
     [
         (0.00449, "botocore", "1/223"),
-        (0.371, "urllib", "0.371"),
+        (0.371, "urllib", "1/2.7"),
+        (0.954, "http.client", "0.954"),
         (2.7, "a call", "2.7"),
         (113.0, "µs", "113 µs"),
     ],

@@ -25,9 +25,10 @@ WRONG = {
     "scrolls sideways": '<div class="md-typeset__scrollwrap" style="overflow: auto; width: 100px">'
     '<div style="width: 300px">table</div></div>',
     "cut off": '<figure><svg width="100"><text x="90" y="10">too long a text</text></svg></figure>',
-    "faint": '<p style="color: #999">pale</p>',
+    "cut code": '<pre style="overflow: auto"><code>' + "code " * 500 + "</code></pre>",
+    "faint": '<p>dark <a style="color: #999">pale</a></p>',
 }
-RIGHT = """<p>dark on light</p><pre style="overflow: auto"><code>""" + "code " * 500 + "</code></pre>"
+RIGHT = """<p>dark on light</p><pre style="overflow: auto"><code>""" + "code " * 20 + "</code></pre>"
 
 
 def found(folder: Path) -> dict[str, list[str]]:

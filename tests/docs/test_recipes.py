@@ -18,6 +18,7 @@ from typing import Any
 
 import httpx
 import pytest
+from celery.signals import worker_process_init, worker_process_shutdown
 
 from devserver.testing import DevServer
 from tessaline.auth import AuthError
@@ -30,7 +31,7 @@ pytestmark = pytest.mark.process
 
 PAGE = DOCS / "recipes.md"
 SERVICE = "https://service.example"
-RUN_BELOW = ["FastAPI", "Flask", "Django", "gunicorn", "Jupyter", "asyncio", "Serverless functions"]
+RUN_BELOW = ["FastAPI", "Flask", "Django", "Celery", "gunicorn", "Jupyter", "asyncio", "Serverless functions"]
 
 
 def recipe(heading: str) -> list[Block]:
@@ -147,12 +148,25 @@ def test_django(server: DevServer, tmp_path: Path) -> None:
     assert (logins(server), renamed(server)) == (1, [200])
 
 
+def test_celery(server: DevServer) -> None:
+    (block,) = recipe("Celery")
+    names: dict[str, Any] = {"__name__": "tasks"}
+    run(block, names, text_of(block, server))
+    worker_process_init.send(None)
+    (keeper,) = names["keepers"]
+    assert names["rename"]("Ada") == 200
+    worker_process_shutdown.send(None)
+    assert (keeper.status().state, names["keepers"]) == ("closed", [])
+    assert (logins(server), renamed(server)) == (1, [200])
+
+
 @pytest.mark.skipif(SANITIZER == "thread", reason="its runtime delivers no signal to the child of a fork")
-def test_gunicorn_with_gevent_workers(server: DevServer, tmp_path: Path) -> None:
+@pytest.mark.parametrize(("kind", "option"), [(0, "--preload"), (1, "--worker-class=gevent")])
+def test_gunicorn(server: DevServer, tmp_path: Path, kind: int, option: str) -> None:
     direct = urllib.request.build_opener(urllib.request.ProxyHandler({}))
-    (block,) = recipe("gunicorn")
+    block = recipe("gunicorn")[kind]
     (tmp_path / "app.py").write_text(text_of(block, server))
-    options = ("--worker-class=gevent", "--workers=1", "--bind=127.0.0.1:0", f"--worker-tmp-dir={tmp_path}")
+    options = (option, "--workers=1", "--bind=127.0.0.1:0", f"--worker-tmp-dir={tmp_path}")
     command = ("-m", "gunicorn", "--no-control-socket", f"--chdir={tmp_path}", *options, "app:app")
     with program(*command) as process:
         assert process.stderr is not None

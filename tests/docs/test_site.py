@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import importlib
 import json
 import re
 import xml.etree.ElementTree as ElementTree
@@ -47,6 +46,8 @@ def test_a_drawing_can_be_read_aloud_and_by_day_and_night(path: Path) -> None:
 def test_the_words_of_a_drawing_are_large_enough_on_a_phone(path: Path) -> None:
     root = ElementTree.fromstring(path.read_text())
     width = float(root.get("viewBox", "").split()[2])
+    # Where no style says more, such as in the README, it is as wide as it was drawn.
+    assert float(root.get("width", "0")) == width
     sizes = [float(text.get("font-size", "0")) for text in root.iter(f"{SVG}text")]
     assert sizes and min(sizes) * min(1, 358 / width) >= 10
 
@@ -69,14 +70,33 @@ def test_the_reference_has_every_public_name_and_no_other() -> None:
     assert shown == public | for_annotations
 
 
-@pytest.mark.parametrize("module", ["aio", "errors", "http", "keeper", "keys", "testing"])
+INTEGRATIONS = [
+    f"integrations.{name}" for name in ("aiohttp", "eventlet", "gevent", "grpc", "httpx", "requests")
+]
+
+
+@pytest.mark.parametrize("module", ["aio", "errors", "http", "keeper", "keys", "testing", *INTEGRATIONS])
 def test_the_reference_of_the_other_modules_has_all_that_they_export(module: str) -> None:
-    text = (DOCS / "modules.md").read_text()
-    _, shown, rest = text.partition(f"\n::: tessaline.{module}\n")
-    members = re.findall(r"^        - (\w+)$", rest.partition("\n## ")[0], re.MULTILINE)
-    assert shown
-    # Without a list, everything that is exported is shown.
-    assert members == [] or set(members) == set(importlib.import_module(f"tessaline.{module}").__all__)
+    text = "".join((DOCS / f"{page}.md").read_text() for page in ("modules", "reference-integrations"))
+    section = text.partition(f"\n::: tessaline.{module}\n")[2].partition("\n## ")[0]
+    members = re.findall(rf"^(?:        - |::: tessaline\.{module}\.)(\w+)$", section, re.MULTILINE)
+    path = DOCS.parent / "src/tessaline" / module.replace(".", "/")
+    source = (path / "__init__.py" if path.is_dir() else path.with_suffix(".py")).read_text()
+    exported = set(re.findall(r'"(\w+)"', source.partition("\n__all__ = [")[2].partition("]")[0]))
+    # The page of errors lists the reasons.
+    reasons = set(re.findall(r'^(\w+): Final = "', source, re.MULTILINE)) if module == "errors" else set()
+    assert members and set(members) == exported - reasons
+
+
+def test_the_text_of_a_link_says_where_it_leads() -> None:
+    vague = {"act", "below", "explained", "here", "more", "see below", "this", "this page", "this table"}
+    found = [
+        f"{page.name}: {text}"
+        for page in [*PAGES, DOCS.parent / "README.md"]
+        for text in re.findall(r"(?<!!)\[([^\]]+)\]\(", page.read_text())
+        if text.lower() in vague
+    ]
+    assert found == []
 
 
 def test_files_of_the_project_are_included_without_the_links_that_lead_out() -> None:
@@ -105,11 +125,22 @@ def test_every_example_to_copy_is_shown() -> None:
 
 def test_names_in_a_narrow_table_may_break() -> None:
     codes = ("not_authenticated", "/auth/verify", "AuthError", ".netrc")
-    html = "a_b " + " ".join(f"<code>{code}</code>" for code in codes)
+    html = "<table>\na_b " + " ".join(f"<code>{code}</code>" for code in codes) + "</table>"
     assert hooks.with_breaks(html) == (
-        "a_b <code>not_<wbr>authenticated</code> <code>/auth<wbr>/verify</code> "
-        "<code>Auth<wbr>Error</code> <code>.netrc</code>"
+        "<table>\na_b <code>not_<wbr>authenticated</code> <code>/auth<wbr>/verify</code> "
+        "<code>Auth<wbr>Error</code> <code>.netrc</code></table>"
     )
+
+
+def test_a_short_name_in_other_text_does_not_break() -> None:
+    long = "<code>tessaline.integrations.gevent.transport</code>"
+    html = f"<p><code>get_token()</code> {long}<table>\n<code>KEY</code></table>"
+    assert hooks.with_breaks(html) == html.replace("<code>get", '<code class="whole">get')
+
+
+def test_no_space_is_left_before_a_bracket_of_the_reference() -> None:
+    html = "<p>(default:\n <code>None</code>\n)</p>"
+    assert hooks.on_page_content(html) == '<p>(default:\n <code class="whole">None</code>)</p>'
 
 
 def test_code_that_is_shown_as_a_block_is_not_broken() -> None:
@@ -163,8 +194,19 @@ def test_the_search_finds_references_by_their_tags(tmp_path: Path) -> None:
     reference.tag_index(index)
     first, *tagged = json.loads(index.read_text())["docs"]
     assert "tags" not in first
-    assert {entry["tags"][0]: entry["location"] for entry in tagged} == places
-    assert [entry["title"] for entry in tagged if "boost" in entry] == ["Keeper", "Wallet"]
+    assert reference.tagged(index) == places
+    assert [entry["title"] for entry in tagged if "boost" in entry] == ["Keeper", "Wallet", "Reason"]
     index.write_text(json.dumps({"docs": entries[1:]}))
     with pytest.raises(ValueError, match=entries[0]["title"]):
         reference.tag_index(index)
+
+
+def test_the_search_finds_the_members_of_a_class_and_of_two_the_first() -> None:
+    page = "modules.html#tessaline.keeper."
+    locations = [page + name for name in ("Keeper", "Keeper.status", "Wallet", "Wallet.status", "spare.x")]
+    found = reference.with_members({"Keeper": page + "Keeper", "Wallet": page + "Wallet"}, locations)
+    assert {place.removeprefix(page): name for place, name in found.items()} == {
+        "Keeper": "Keeper",
+        "Keeper.status": "status",
+        "Wallet": "Wallet",
+    }

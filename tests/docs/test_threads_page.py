@@ -67,7 +67,7 @@ def test_the_longest_stop_is_told() -> None:
     seconds, cycles = auth._AUTH_HTTP_TIMEOUT_DEFAULT, auth._AUTH_FLOW_CHALLENGE_MAX_CYCLES
     assert f"[{seconds:.0f} seconds](networking.md#time-outs) each make {3 * seconds:.0f} seconds" in text
     assert 1 + 2 * cycles == 7
-    assert "calls each challenge stale they are seven" in text
+    assert "reports each challenge as stale, a login makes seven requests" in text
     usual = inspect.signature(Keeper).parameters["at_once"].default
     assert f"`at_once` logins at a time, {usual} by default" in text
 

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import builtins
+import getpass
 import json
 import os
 import secrets
@@ -25,7 +26,7 @@ def test_its_examples_run(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> No
     key, password = secrets.token_hex(32), secrets.token_hex(8)
     monkeypatch.chdir(tmp_path)
     monkeypatch.setenv("WALLET_KEY", key)
-    monkeypatch.setattr(builtins, "input", lambda _: password)
+    monkeypatch.setattr(getpass, "getpass", lambda _: password)
     Path("wallet.key").touch(0o600)
     Path("wallet.key").write_text(f"{key}\n")
     store = Account.encrypt(bytes.fromhex(key), password, kdf="pbkdf2", iterations=2)
@@ -45,11 +46,11 @@ def test_its_examples_run(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> No
 
 def test_it_has_every_function() -> None:
     functions = {name for name in keys.__all__ if callable(getattr(keys, name)) and name.islower()}
-    assert {code_in(row[0])[0].partition("(")[0] for row in rows(PAGE, "What is raised")} <= {
+    assert {code_in(row[0])[0].partition("(")[0] for row in rows(PAGE, "Exceptions")} <= {
         *(name for name in dir(builtins) if name.endswith("Error")),
         "InvalidKeyError",
     }
-    told = {code for row in rows(PAGE, "What is raised") for code in code_in(row[1])}
+    told = {code for row in rows(PAGE, "Exceptions") for code in code_in(row[1])}
     assert told == functions
 
 

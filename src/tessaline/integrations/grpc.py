@@ -128,14 +128,14 @@ class WalletCallCredentials(grpc.AuthMetadataPlugin):
 
 
 class WalletInterceptor(grpc.UnaryUnaryClientInterceptor):
-    """Repeats a refused unary call, for `grpc.intercept_channel`.
+    """Repeats a refused unary call once, for `grpc.intercept_channel`.
 
     Args:
         wallet: The credentials of the channel.
 
-    The repeated call gets the whole `timeout` again. A call started by `.future()` is not waited for: unless
-    it has ended by then, it is neither repeated nor reported to the source. Only gRPC knows which token a
-    call had, so the latest one is reported.
+    The repeated call has the full `timeout` again. A call started with `.future()` is neither repeated nor
+    reported to the source, unless it has already ended. Only gRPC knows which token a call carried, so the
+    token of the latest call is reported.
     """
 
     def __init__(self, wallet: WalletCallCredentials) -> None:
@@ -162,7 +162,7 @@ class WalletAioInterceptor(grpc.aio.UnaryUnaryClientInterceptor):
     Args:
         wallet: The credentials of the channel.
 
-    The event loop does not stand still while the source finds out whether another token comes of it.
+    The event loop keeps running while the source logs in again.
     """
 
     def __init__(self, wallet: WalletCallCredentials) -> None:

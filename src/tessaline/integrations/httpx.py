@@ -58,7 +58,7 @@ class WalletAuth(httpx.Auth):
             yield request
             return
         if self._source is None:
-            raise TypeError("an AsyncTokens serves httpx.AsyncClient only: give WalletAuth what is behind it")
+            raise TypeError("an AsyncTokens serves httpx.AsyncClient only: pass its source to WalletAuth")
         token = self._source.get_token()
         response = yield self._with_token(request, token)
         if self._is_refusal(response, token):

@@ -41,7 +41,7 @@ class Reports:
 
     def step_failed(self, failure: BaseException) -> None:
         with contextlib.suppress(BaseException):
-            logger.error("a step of the keeper has failed; it goes on: %s", detail_of(failure))
+            logger.error("a step of the keeper has failed; the keeper continues: %s", detail_of(failure))
 
     def clock_failed(self, failure: Exception) -> None:
         self._error_once("a manager's clock has failed; this is logged once: %s", detail_of(failure))
@@ -79,7 +79,7 @@ def with_note(error: Exception, note: str) -> Exception:
 
 def closed_error() -> Exception:
     """The error of every use of a closed keeper."""
-    return with_note(AuthError(reason=MANAGER_CLOSED), "the keeper is closed: make a new one")
+    return with_note(AuthError(reason=MANAGER_CLOSED), "the keeper is closed: create a new one")
 
 
 def words_of(error: BaseException) -> str:

@@ -10,12 +10,16 @@ from typing import Literal, get_args
 WalletState = Literal[
     "closed", "stopped", "expired", "logging in", "not started", "retrying", "renewing", "good"
 ]
-"""Worst first.
+"""The state of a wallet, or the worst of a keeper's wallets. Worst first:
 
-"closed": the keeper is closed. "stopped": a permanent error, no more retries. "expired": the token has
-expired, or is of an older era, and there is no new one yet. "logging in": the first login is running. "not
-started": `start()` has not been called. "retrying": the token is valid, but the last attempt to renew it has
-failed. "renewing": the token is valid, and a renewal is running. "good": the token is valid.
+- "closed": the keeper is closed.
+- "stopped": a permanent error, no more retries.
+- "expired": the token has expired, or is of an older era, and there is no new one yet.
+- "logging in": the first login is running.
+- "not started": `start()` has not been called.
+- "retrying": the token is valid, but the last attempt to renew it has failed.
+- "renewing": the token is valid, and a renewal is running.
+- "good": the token is valid.
 """
 
 STATES: tuple[WalletState, ...] = get_args(WalletState)
@@ -92,7 +96,7 @@ class KeeperEvent:
         lasts: Lifetime of the new token in seconds; None for other kinds.
         reason: Why an attempt failed; None for other kinds.
         failures: Failed attempts in a row; with a new token, those before it.
-        next_attempt: When the next attempt is scheduled; None if none is.
+        next_attempt: When the next attempt is scheduled; None without one.
         era: The announced era of the new token; None for other kinds.
     """
 

@@ -22,10 +22,10 @@ from tessaline.testing._clock import FakeClock
 from tessaline.testing._service import FakeService, claims_of
 
 KEY: Final = f"{1:064x}"
-"""A private key for tests. Everybody knows it: nothing of worth may ever belong to its wallet."""
+"""A private key for tests. It is publicly known: its wallet must never own anything of value."""
 
 URL: Final = "https://service.example"
-"""A server URL for tests, at which there can be no server."""
+"""A server URL for tests; no server can exist there."""
 
 HOUR: Final = 3600.0
 """Seconds of an hour."""

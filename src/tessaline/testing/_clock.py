@@ -28,5 +28,5 @@ class FakeClock:
         return self.now
 
     def advance(self, seconds: float) -> None:
-        """Move it ahead by so many seconds."""
+        """Move the clock forward by this many seconds."""
         self.now += seconds

@@ -17,13 +17,13 @@ class FakeService:
 
     Any number of wallets may log in, from any thread. It accepts every signature.
 
-    Attributes, which a test may set at any time:
+    A test may set the first four attributes at any time; the others record what the service has seen.
+
+    Attributes:
         away: True simulates an outage: every request raises `ConnectionError`.
         era: The era of new tokens, 1 at first; None for tokens without an era.
         invite_only: True if new wallets need an invite code; it accepts any.
         refuses: Lowercase addresses of wallets that it refuses: their logins fail with "unauthorized".
-
-    What it has seen:
         logins: The number of successful logins.
         requests: The paths of all requests in order, including those during an outage.
         names: The display names by wallet address.
