@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import signal
 import subprocess
 import sys
 import textwrap
@@ -29,21 +30,24 @@ def run(program: str, *, prelude: str = PRELUDE, code: int = 0, runs: int = 1) -
 
 def _once(command: list[str], code: int) -> str | None:
     environment = os.environ | {"PYTHONPATH": os.pathsep.join([str(ROOT), str(ROOT / "tests")])}
-    try:
-        done = subprocess.run(
-            command,
-            stdin=subprocess.DEVNULL,
-            capture_output=True,
-            cwd=ROOT,
-            env=environment,
-            timeout=DEADLINE,
-            text=True,
-        )
-    except subprocess.TimeoutExpired as expired:
-        return f"still running after {DEADLINE} s: {expired.output!r}, {expired.stderr!r}"
+    with subprocess.Popen(
+        command,
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        cwd=ROOT,
+        env=environment,
+        text=True,
+    ) as running:
+        try:
+            output, errors = running.communicate(timeout=DEADLINE)
+        except subprocess.TimeoutExpired:
+            running.send_signal(signal.SIGABRT)  # faulthandler prints the stacks
+            output, errors = running.communicate()
+            return f"still running after {DEADLINE} s: {output!r}, {errors}"
     ended = time.monotonic()
-    if done.returncode != code or done.stderr:
-        return f"exit code {done.returncode}, stderr {done.stderr}"
-    if done.stdout and ended - float(done.stdout.split()[-1]) > patience(3.0):
-        return f"took {ended - float(done.stdout.split()[-1]):.2f} s to end"
+    if running.returncode != code or errors:
+        return f"exit code {running.returncode}, stderr {errors}"
+    if output and ended - float(output.split()[-1]) > patience(3.0):
+        return f"took {ended - float(output.split()[-1]):.2f} s to end"
     return None
