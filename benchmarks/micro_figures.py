@@ -1,9 +1,9 @@
-"""The limits of the cases of `micro` relative to each other."""
+"""The limits of the cases of `micro_cases` relative to each other."""
 
 from __future__ import annotations
 
-from .micro import GROUPS
-from .micro_groups import group_samples
+from .micro_cases import GROUPS
+from .micro_runs import group_samples
 from .ratios import Figure, Group, Ratio, medians_of
 
 # Of each group: what share of a peer's time the component's may be at most. "N times faster" is 1/N.

@@ -61,11 +61,10 @@ def with_drawings(markdown: str, folder: Path) -> str:
 
 def with_included(markdown: str, docs: Path) -> str:
     """The text with files of the project in place of the lines that include them, as text or as code."""
-    shown = _HEADING.findall(markdown)
 
     def text(line: re.Match[str]) -> str:
         file = ROOT / line[1]
-        return without_links_out(file.read_text(), file.parent, docs, shown)
+        return without_links_out(file.read_text(), file.parent, docs)
 
     def code(line: re.Match[str]) -> str:
         return f"```python\n{(ROOT / line[1]).read_text()}```"
@@ -76,7 +75,8 @@ def with_included(markdown: str, docs: Path) -> str:
 def on_page_markdown(markdown: str, *, page: Page, config: MkDocsConfig, **_: Any) -> str:
     docs = Path(config.docs_dir).resolve()
     folder = (docs / page.file.src_uri).parent
-    return with_drawings(with_included(without_links_out(markdown, folder, docs), docs), folder)
+    own = without_links_out(markdown, folder, docs, shown=_HEADING.findall(markdown))
+    return with_drawings(with_included(own, docs), folder)
 
 
 def with_breaks(html: str) -> str:

@@ -6,6 +6,7 @@ import json
 import re
 import xml.etree.ElementTree as ElementTree
 from pathlib import Path
+from types import SimpleNamespace
 
 import pytest
 
@@ -108,9 +109,14 @@ def test_files_of_the_project_are_included_without_the_links_that_lead_out() -> 
 
 
 def test_a_file_that_is_shown_on_the_page_is_linked_there() -> None:
+    text = "[this](../examples/fleet.py) [that](../examples/demo.py)\n\n## fleet.py\n"
+    page = SimpleNamespace(file=SimpleNamespace(src_uri="examples.md"))
+    shown = hooks.on_page_markdown(text, page=page, config=SimpleNamespace(docs_dir=str(DOCS)))
+    assert shown == "[this](#fleetpy) that\n\n## fleet.py\n"
+
+
+def test_a_program_is_included_as_code() -> None:
     page = hooks.with_included((DOCS / "examples.md").read_text(), DOCS)
-    assert "(#fastapi_apppy)" in page
-    assert "](fastapi_app.py)" not in page
     assert "async def lifespan" in page
 
 

@@ -16,7 +16,7 @@ from . import endings, main_thread, runs, scenarios
 
 pytestmark = pytest.mark.process
 
-RUNS = runs.how_many(3)
+RUNS = runs.how_many(1)
 
 EXIT_CALLED = ["idle", "refresh_in_http_request", "refresh_in_busy_clock", "threads_taking_tokens"]
 CLOSED_AT_EXIT = [

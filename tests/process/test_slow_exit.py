@@ -11,7 +11,7 @@ from . import runs
 
 pytestmark = pytest.mark.process
 
-RUNS = runs.how_many(3)
+RUNS = runs.how_many(1)
 
 # The finalizer delays the interpreter's shutdown.
 PRELUDE = """

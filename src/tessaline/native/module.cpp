@@ -5,7 +5,7 @@
 #include "tessaline/auth/python/python.hpp"
 #include "tessaline/auth/transport/http_library.hpp"
 #include "tessaline/native/era_board.hpp"
-#include "tessaline/native/get_token.hpp"
+#include "tessaline/native/keeper_get_token.hpp"
 #include "tessaline/native/token_copy.hpp"
 #include "tessaline/native/transport.hpp"
 

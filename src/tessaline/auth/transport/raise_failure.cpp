@@ -5,7 +5,7 @@
 #include <string>
 
 #include "tessaline/auth/python/python.hpp"
-#include "tessaline/auth/transport/failure_notes.hpp"
+#include "tessaline/auth/transport/attach_notes.hpp"
 
 namespace tessaline::auth {
 namespace {
@@ -101,7 +101,7 @@ Ref error_for(const http::TransportFailure& failure) {
 void raise_failure(const http::TransportFailure& failure, const http::Request& request,
                    const ChosenSettings& chosen) {
   const Ref error = error_for(failure);
-  add_failure_notes(error.get(), failure, request, chosen);
+  attach_notes(error.get(), failure, request, chosen);
   python::raise(error.get());
 }
 

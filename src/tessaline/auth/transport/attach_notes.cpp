@@ -1,4 +1,4 @@
-#include "tessaline/auth/transport/failure_notes.hpp"
+#include "tessaline/auth/transport/attach_notes.hpp"
 
 #include "tessaline/auth/errors/note_texts.hpp"
 #include "tessaline/auth/python/python.hpp"
@@ -32,7 +32,7 @@ void add_proxy(PyObject* exception, const http::Request& request, bool chosen) {
 
 }  // namespace
 
-void add_failure_notes(PyObject* exception, const http::TransportFailure& failure,
+void attach_notes(PyObject* exception, const http::TransportFailure& failure,
                        const http::Request& request, const ChosenSettings& chosen) {
   using http::FailureKind;
   if (failure.kind() == FailureKind::kInvalidRequest) return;

@@ -1,6 +1,6 @@
 """What takes under a millisecond, one case per call of this program, timed by pyperf.
 
-    python -m benchmarks.micro --case CASE [pyperf's options]
+    python -m benchmarks.micro_cases --case CASE [pyperf's options]
 
 Each case is a function of a number of loops that gives the seconds they took; the cases of a group are
 comparable.
@@ -288,7 +288,7 @@ GROUPS: dict[str, dict[str, Callable[[], Timed]]] = {
 
 def main() -> None:
     runner = pyperf.Runner(
-        program_args=("-m", "benchmarks.micro"),
+        program_args=("-m", "benchmarks.micro_cases"),
         add_cmdline_args=lambda command, given: command.extend(("--case", given.case)),
     )
     runner.argparser.add_argument("--case", required=True, help="GROUP/CASE")

@@ -1,4 +1,4 @@
-#include "tessaline/native/get_token.hpp"
+#include "tessaline/native/keeper_get_token.hpp"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-"""Runs the cases of `micro` alternately, each time in separate processes, and collects their figures."""
+"""Runs the micro cases alternately, each time in separate processes, and collects their figures."""
 
 from __future__ import annotations
 
@@ -21,7 +21,7 @@ def measured_once(case: str, environment: dict[str, str]) -> float:
         command = [
             sys.executable,
             "-m",
-            "benchmarks.micro",
+            "benchmarks.micro_cases",
             "--case",
             case,
             "--quiet",
