@@ -2,8 +2,8 @@
 
     SERVICE_URL=https://service.example WALLET_KEY=... gunicorn --preload --workers 4 gunicorn_app:app
 
-With `--preload` this file is loaded once, before gunicorn forks its workers. So all workers share the board of
-eras that is created here: an era announced in one worker reaches all others, whose keepers serve no older
+With `--preload` this file is loaded once, before gunicorn forks its workers. So all workers share the board
+of eras that is created here: an era announced in one worker reaches all others, whose keepers serve no older
 token from that moment on. A worker that is forked after the login starts with its token, one that is forked
 before logs in itself. Without `--preload` each worker loads the file itself and has its own board.
 
