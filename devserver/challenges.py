@@ -60,7 +60,7 @@ class Challenges:
 
         signature: "0x" and 130 hex digits (r, s, v) over the challenge's text as a personal message.
         Refusal: 400 wrong types, 404 unknown, 409 used, 410 expired, 401 bad signature.
-        The first well-formed request uses up the challenge, even with a wrong signature.
+        The first request in time uses it up, even with a malformed or wrong signature.
         """
         if not isinstance(challenge_id, str) or not isinstance(signature, str):
             raise Refusal(400, "invalid_request")

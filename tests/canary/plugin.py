@@ -36,6 +36,7 @@ LIBRARIES = (sysconfig.get_path("stdlib"), sysconfig.get_path("purelib"), "<froz
 
 _examined = itertools.count()
 _examined_by_workers = 0
+_ended_workers: set[Any] = set()
 _test = "outside any test"
 
 
@@ -191,9 +192,13 @@ def pytest_sessionfinish(session: pytest.Session) -> None:
 
 @pytest.hookimpl(optionalhook=True)
 def pytest_testnodedown(node: Any) -> None:
-    """Take in what one of pytest-xdist's workers has found; one that has crashed is an error anyway."""
+    """Take in what one of pytest-xdist's workers has found. One that cannot report it fails the run."""
     global _examined_by_workers
-    examined, findings = getattr(node, "workeroutput", {}).get("secrets", (0, []))
+    if node in _ended_workers:  # one that was interrupted comes twice
+        return
+    _ended_workers.add(node)
+    lost = f"worker {node.gateway.id} ended without a report of what it has found"
+    examined, findings = getattr(node, "workeroutput", {}).get("secrets", (0, [lost]))
     _examined_by_workers += examined
     registry.findings.extend(findings)
 

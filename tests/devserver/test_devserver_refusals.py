@@ -132,6 +132,18 @@ def test_a_wrong_answer_spends_the_challenge(server: DevServer, client: Client) 
 
 
 @pytest.mark.parametrize(
+    ("added_to_v", "status"), [(0, 200), (-27, 200), (-25, 401), (2, 401), (8, 401), (200, 401)]
+)
+def test_v_is_27_or_28_or_without_the_27(client: Client, added_to_v: int, status: int) -> None:
+    client.register()
+    challenge = client.challenge().json
+    *r_and_s, v = bytes.fromhex(client.sign(challenge["message"])[2:])
+    signature = "0x" + bytes([*r_and_s, v + added_to_v]).hex()
+    answer = client.post(VERIFY, {"challenge_id": challenge["challenge_id"], "signature": signature})
+    assert answer.status == status
+
+
+@pytest.mark.parametrize(
     "signature", ["", "0x", "0x" + "0" * 130, "0x" + "f" * 130, "0x" + "1" * 128, "1" * 130, "0x" + "g" * 130]
 )
 def test_a_text_that_is_no_signature_is_401(client: Client, signature: str) -> None:

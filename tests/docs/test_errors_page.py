@@ -20,8 +20,8 @@ PROFILE_REASONS = {"validation_failed", "rate_limited"}
 def own_reasons() -> set[str]:
     """The reasons of the component's own errors."""
     text = (SOURCES / "constants.hpp").read_text()
-    (room,) = re.findall(r"^namespace reason \{$(.*?)^\}", text, re.MULTILINE | re.DOTALL)
-    return set(re.findall(r'= "(\w+)";', room))
+    (body,) = re.findall(r"^namespace reason \{$(.*?)^\}", text, re.MULTILINE | re.DOTALL)
+    return set(re.findall(r'= "(\w+)";', body))
 
 
 def named(section: str) -> list[str]:

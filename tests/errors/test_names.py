@@ -33,8 +33,8 @@ def test_every_reason_is_a_constant_of_its_own_name_and_no_other_is() -> None:
 
 def test_they_are_those_of_the_component() -> None:
     text = CONSTANTS.read_text()
-    (room,) = re.findall(r"^namespace reason \{$(.*?)^\}", text, re.MULTILINE | re.DOTALL)
-    assert set(re.findall(r'= "(\w+)";', room)) == REASONS | PROFILE
+    (body,) = re.findall(r"^namespace reason \{$(.*?)^\}", text, re.MULTILINE | re.DOTALL)
+    assert set(re.findall(r'= "(\w+)";', body)) == REASONS | PROFILE
     assert REGISTRATION == auth._INVITE_REGISTRATION_REASONS
 
 

@@ -251,6 +251,19 @@ def test_a_leak_in_a_worker_fails_a_run_in_which_every_test_passes(tmp_path: Pat
     assert (ended.returncode, "1 passed" in ended.stdout) == (1, True), ended.stdout
 
 
+def test_a_worker_that_crashes_at_its_end_fails_the_run(tmp_path: Path) -> None:
+    program = """if True:
+        import os
+        class Crash:
+            def pytest_sessionfinish(self):
+                os._exit(3)
+        def test_it(request):
+            request.config.pluginmanager.register(Crash())
+    """
+    ended = run(tmp_path, program, "-n", "1")
+    assert (ended.returncode, "1 passed" in ended.stdout) == (1, True), ended.stdout
+
+
 def test_a_run_without_a_leak_passes_and_says_how_much_was_examined(tmp_path: Path) -> None:
     ended = run(
         tmp_path,

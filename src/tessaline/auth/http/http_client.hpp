@@ -99,8 +99,8 @@ using Tick = std::function<bool()>;
 /// Performs one request. Blocks the calling thread; any number of threads may call at once. Connections and
 /// handles are kept for later calls of any thread of this process, never used by a forked child.
 ///
-/// Every HTTP status is a Response. Throws TransportFailure, std::bad_alloc, and what the tick throws. While
-/// the process exits, it does not return.
+/// Every HTTP status is a Response. Throws TransportFailure, std::bad_alloc, and what the tick throws. Once
+/// the process exits, a call in progress or begun later never returns.
 Response perform(const Request& request, const Tick& tick = {});
 
 }  // namespace tessaline::auth::http

@@ -40,7 +40,8 @@ inline constexpr std::size_t kAtOnce = 24;            ///< connections of a rout
 inline constexpr std::chrono::milliseconds kPace{2};  ///< between the connections beyond these
 inline constexpr std::chrono::milliseconds kPatientPace{100};  ///< polling interval of a patient request
 
-// TLS. A resumed session skips the check of the certificate, so the server cannot extend its life.
+// TLS. A resumed session skips the check of the certificate, so its life is limited here,
+// whatever lifetime the server gives it.
 inline constexpr std::size_t kMostTlsPeers = 128;
 inline constexpr std::size_t kMostSessionsOfOnePeer = 4;
 inline constexpr long kLongestResumableSeconds = 3'600;

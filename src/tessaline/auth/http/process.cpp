@@ -68,7 +68,8 @@ void start_locked() {
     library_ready = true;
   }
   if (!exit_handled) {
-    // Registered after OpenSSL's own exit handler (curl_global_init registers it), so it runs before that.
+    // Registered after OpenSSL's own exit handler (registered by curl_global_init at the latest), so it runs
+    // before that.
     if (std::atexit(wait_for_threads_at_exit) != 0) throw std::bad_alloc();
     exit_handled = true;
   }

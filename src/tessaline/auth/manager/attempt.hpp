@@ -20,8 +20,8 @@ struct Attempt {
   enum class Kind {
     kLogin,      ///< of a caller of `authenticate`
     kRenewal,    ///< of a refresh thread
-    kEraChange,  ///< the program has assigned `_auth_event`
-    kProgram,    ///< the program has written the event itself
+    kEraChange,  ///< of an announcement
+    kProgram,    ///< the program has assigned `_auth_event`
   };
   enum class Phase { kBegun, kRunning, kEnded };
 

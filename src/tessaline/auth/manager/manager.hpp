@@ -176,7 +176,7 @@ struct AuthManager {
   void clear_event(FreeField event);
   bool event_is_set(FreeField event) const;
 
-  /// One check, so `_lock` is not needed.
+  /// A single read under the GIL, hence without `_lock`.
   bool is_closed() const { return state_of(value_of(Field::kState).get()) == State::kClosed; }
 
   /// Any field, for `HeldLock`, and wherever the GIL is enough.

@@ -32,8 +32,8 @@ void add_proxy(PyObject* exception, const http::Request& request, bool chosen) {
 
 }  // namespace
 
-void attach_notes(PyObject* exception, const http::TransportFailure& failure,
-                       const http::Request& request, const ChosenSettings& chosen) {
+void attach_notes(PyObject* exception, const http::TransportFailure& failure, const http::Request& request,
+                  const ChosenSettings& chosen) {
   using http::FailureKind;
   if (failure.kind() == FailureKind::kInvalidRequest) return;
   python::add_note(exception, notes::for_failure(failure.kind()));

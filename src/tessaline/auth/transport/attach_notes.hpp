@@ -8,7 +8,7 @@
 namespace tessaline::auth {
 
 /// Adds notes for `failure` to the exception.
-void attach_notes(PyObject* exception, const http::TransportFailure& failure,
-                       const http::Request& request, const ChosenSettings& chosen);
+void attach_notes(PyObject* exception, const http::TransportFailure& failure, const http::Request& request,
+                  const ChosenSettings& chosen);
 
 }  // namespace tessaline::auth

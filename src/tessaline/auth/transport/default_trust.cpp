@@ -52,7 +52,7 @@ struct Remembered {
   std::string directory_variable;
   http::TrustStore store;
 
-  /// Otherwise certificates may still be installed while the program runs.
+  /// Whether this is final. If not, certificates may still be installed while the program runs.
   bool stays() const {
     return !store.ca_file.empty() || (file_variable.empty() && !store.ca_directory.empty());
   }
