@@ -14,7 +14,7 @@ using testing::WireRequest;
 
 using Clock = std::chrono::steady_clock;
 
-constexpr auto kUntilPeerCloses = testing::kPatience;
+const auto kUntilPeerCloses = testing::kPatience;
 
 TEST(Timeout, SilentServer) {
   LoopbackServer server([](Connection& connection) { connection.closed_within(kUntilPeerCloses); });
@@ -39,7 +39,7 @@ TEST(Timeout, TricklingServer) {
   request.timeout = 300ms;
   const auto begin = Clock::now();
   EXPECT_EQ(failure_of(request).kind, FailureKind::kTimedOut);
-  EXPECT_LT(Clock::now() - begin, 1s);
+  EXPECT_LT(Clock::now() - begin, 1s * testing::slower());
 }
 
 TEST(Timeout, BoundsAllHopsTogether) {
@@ -54,7 +54,7 @@ TEST(Timeout, BoundsAllHopsTogether) {
   request.timeout = 300ms;
   const auto begin = Clock::now();
   EXPECT_EQ(failure_of(request).kind, FailureKind::kTimedOut);
-  EXPECT_LT(Clock::now() - begin, 1s);
+  EXPECT_LT(Clock::now() - begin, 1s * testing::slower());
   EXPECT_LT(hops, 4);
 }
 
@@ -75,7 +75,7 @@ TEST(Timeout, TinyIsNotEndless) {
   request.timeout = 1us;
   const auto begin = Clock::now();
   EXPECT_EQ(failure_of(request).kind, FailureKind::kTimedOut);
-  EXPECT_LT(Clock::now() - begin, 1s);
+  EXPECT_LT(Clock::now() - begin, 1s * testing::slower());
 }
 
 TEST(Timeout, EndlessIsAccepted) {
