@@ -212,12 +212,12 @@ def log_in(demo: Demo) -> None:
     lifetime = expiry - start
     share = (refresh - start) / lifetime
     page.line("local expiry", instant(expiry))
-    page.line("next refresh", f"{instant(refresh)}, after {share:.1%} of the lifetime")
+    page.line("next renewal", f"{instant(refresh)}, after {share:.1%} of the lifetime")
     expect(lifetime == 86400, f"the token's local lifetime is {lifetime} s, not a day")
-    expect(0.76 <= share <= 0.84, "the refresh should be due after 80 % of the lifetime, ± 4 %")
+    expect(0.76 <= share <= 0.84, "the renewal should be due after 80 % of the lifetime, ± 4 %")
 
     page.line("threads", ", ".join(thread.name for thread in threading.enumerate()))
-    expect(held(manager._refresh_thread).is_alive(), "no refresh thread is running")
+    expect(held(manager._refresh_thread).is_alive(), "no renewal thread is running")
     page.good("the wallet has a token, and a background thread will renew it")
 
 
@@ -261,7 +261,7 @@ def renew(demo: Demo) -> None:
         wait_until(lambda: all_have(lambda taker: taker.taken > 20), "the threads got no tokens")
         page.line("before", f"{sum(taker.taken for taker in takers)} calls, all returned {shortened(old)}")
         clock.leap_to(held(manager._refresh_at))
-        page.line("clock", "set to the refresh point")
+        page.line("clock", "set to the renewal point")
         wait_until(lambda: all_have(lambda taker: taker.last != old), "the threads got no new token")
         stop.set()
         for taker in takers:

@@ -16,7 +16,7 @@ SHORT_WAIT: Final = 5
 _LOGIN = ("/auth/register", "/auth/challenge", "/auth/verify")
 
 
-class RetryAfter:
+class RetryAfterTransport:
     """Hides a long `Retry-After` from the manager, and sends nothing until that time.
 
     During a login a manager sleeps as long as the server asks, up to a day, and would block one of the

@@ -19,7 +19,7 @@ from tessaline._native import set_event
 from tessaline.auth import AuthError, AuthManager
 from tessaline.errors import ERA_MISMATCH, NOT_AUTHENTICATED
 
-from .retry_after import RetryAfter
+from .retry_after import RetryAfterTransport
 
 # Real seconds: three requests with three tries each of half a minute, and the back-off between them.
 _LONGEST_LOGIN: Final = 300.0
@@ -35,7 +35,7 @@ class Credentials:
     era: int
 
 
-def take_over(manager: AuthManager) -> RetryAfter:
+def take_over(manager: AuthManager) -> RetryAfterTransport:
     """Disable the manager's own renewal, and wrap its transport in the keeper's.
 
     Can be repeated after an interruption by a signal handler.
@@ -43,11 +43,11 @@ def take_over(manager: AuthManager) -> RetryAfter:
     vars(manager)["_start_refresh"] = _renewed_by_the_keeper
     set_event(manager._refresh_stop)
     set_event(manager._refresh_event)
-    retry_after = manager._transport
-    if not isinstance(retry_after, RetryAfter):
-        retry_after = RetryAfter(retry_after, clock_of(manager))
-        manager._transport = retry_after
-    return retry_after
+    transport = manager._transport
+    if not isinstance(transport, RetryAfterTransport):
+        transport = RetryAfterTransport(transport, clock_of(manager))
+        manager._transport = transport
+    return transport
 
 
 def _renewed_by_the_keeper() -> None:

@@ -20,7 +20,7 @@ from .status import KeeperEvent, WalletState, WalletStatus
 
 if TYPE_CHECKING:
     from .clocks import Clock
-    from .retry_after import RetryAfter
+    from .retry_after import RetryAfterTransport
     from .scheduler import Scheduler
     from .takeover import Credentials
 
@@ -47,7 +47,7 @@ class Wallet(Serving):
         address = manager.get_wallet_address()
         self.ledger = Ledger(address, clock, self._served, scheduler.board, renew_at)
         self._changed = threading.Condition(scheduler.lock)
-        self._retry_after: RetryAfter | None = None
+        self._transport: RetryAfterTransport | None = None
         self._must_log_in = False
         self._refused_at: float | None = None
         self._is_reporting = False
@@ -67,7 +67,7 @@ class Wallet(Serving):
         with self._scheduler.lock:
             if self._scheduler.is_closed:
                 state = "closed"
-            elif self._retry_after is None:
+            elif self._transport is None:
                 state = "not started"
             return self.ledger.status(state)
 
@@ -105,7 +105,7 @@ class Wallet(Serving):
 
     def _may_log_in_for_a_refusal(self) -> bool:
         # A wallet whose attempts fail is being retried anyway, and a stopped one must not be.
-        if self._retry_after is None or self._scheduler.is_closed or self._must_log_in:
+        if self._transport is None or self._scheduler.is_closed or self._must_log_in:
             return False
         if self.ledger.is_stopped or self.ledger.failures > 0:
             return False
@@ -127,12 +127,12 @@ class Wallet(Serving):
             raise self._refusal()
 
     def _is_hopeless(self) -> bool:
-        return self._retry_after is None or self.ledger.is_stopped
+        return self._transport is None or self.ledger.is_stopped
 
     def _refusal(self) -> Exception:
         if self._scheduler.is_closed:
             return closed_error()
-        if self._retry_after is None:
+        if self._transport is None:
             return with_note(AuthError(reason=NOT_AUTHENTICATED), "call start() of the keeper first")
         return self.ledger.failure()
 
@@ -150,12 +150,12 @@ class Wallet(Serving):
 
     def begin(self) -> list[KeeperEvent]:
         """Take over the manager, with its token if it has one; or retry a stopped wallet."""
-        if self._retry_after is not None:
+        if self._transport is not None:
             if self.ledger.is_stopped:
                 self.ledger.plan_now()
                 self._is_resuming = True
             return []
-        retry_after = takeover.take_over(self.manager)
+        transport = takeover.take_over(self.manager)
         held = takeover.credentials_of(self.manager)
         told: list[KeeperEvent] = []
         if held is not None and self.clock.now() < held.expiry:
@@ -163,7 +163,7 @@ class Wallet(Serving):
         else:
             self.ledger.plan_now()
         # Last: after an interruption above, the next call starts again.
-        self._retry_after = retry_after
+        self._transport = transport
         return told
 
     def await_first_token(self) -> Exception | None:
@@ -187,7 +187,7 @@ class Wallet(Serving):
         if self._served.token is not None and self._served.era >= era:
             return
         self._served.drop()
-        if self._retry_after is not None and not self.ledger.is_stopped:
+        if self._transport is not None and not self.ledger.is_stopped:
             self.ledger.plan_now()
 
     def attempt(self) -> list[KeeperEvent]:
@@ -223,7 +223,7 @@ class Wallet(Serving):
         if self._scheduler.is_closed:
             return []
         self._is_reporting = True
-        told = self.ledger.fail(error, self._retry_after.not_before if self._retry_after else None)
+        told = self.ledger.fail(error, self._transport.not_before if self._transport else None)
         self.notify()
         return told
 
@@ -236,11 +236,7 @@ class Wallet(Serving):
 
     def try_again(self) -> None:
         """Skip the rest of a back-off, unless the server has asked for it."""
-        if (
-            self._retry_after is not None
-            and self._retry_after.not_before is None
-            and self.ledger.met_an_outage
-        ):
+        if self._transport is not None and self._transport.not_before is None and self.ledger.met_an_outage:
             self.ledger.plan_now()
 
     def has_reported(self) -> None:
@@ -259,5 +255,5 @@ class Wallet(Serving):
         if is_lock_new:
             self._changed = threading.Condition(self._scheduler.lock)
         self._is_reporting = False
-        if self._retry_after is not None:
+        if self._transport is not None:
             self.ledger.forget_what_ran()

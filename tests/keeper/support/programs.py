@@ -43,11 +43,20 @@ def _once(command: list[str], code: int) -> str | None:
             output, errors = running.communicate(timeout=DEADLINE)
         except subprocess.TimeoutExpired:
             running.send_signal(signal.SIGABRT)  # faulthandler prints the stacks
-            output, errors = running.communicate()
-            return f"still running after {DEADLINE} s: {output!r}, {errors}"
+            return f"still running after {DEADLINE} s: {_what_was_printed(running)}"
     ended = time.monotonic()
     if running.returncode != code or errors:
         return f"exit code {running.returncode}, stderr {errors}"
     if output and ended - float(output.split()[-1]) > patience(3.0):
         return f"took {ended - float(output.split()[-1]):.2f} s to end"
     return None
+
+
+def _what_was_printed(aborted: subprocess.Popen[str]) -> str:
+    try:
+        output, errors = aborted.communicate(timeout=patience(5.0))
+    except subprocess.TimeoutExpired as late:
+        # Its forked children may keep the pipes open.
+        aborted.kill()
+        return f"{late.output!r}, {late.stderr!r}"
+    return f"{output!r}, {errors}"

@@ -55,14 +55,15 @@ struct WireRequest {
   }
 };
 
-/// How many times as long as usual programs take, as an emulator of processors says in TESSALINE_SLOWER.
+/// How many times as long as usual programs take: TESSALINE_SLOWER, which is set for an emulator.
 inline int slower() {
 #ifdef TESSALINE_SANITIZED
-  return 6;
+  constexpr int kUsual = 6;
 #else
-  const char* const times = std::getenv("TESSALINE_SLOWER");
-  return times == nullptr ? 1 : std::max(std::atoi(times), 1);
+  constexpr int kUsual = 1;
 #endif
+  const char* const times = std::getenv("TESSALINE_SLOWER");
+  return times == nullptr ? kUsual : std::max(std::atoi(times), 1);
 }
 
 inline const std::chrono::milliseconds kPatience{5000 * slower()};
