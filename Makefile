@@ -76,17 +76,17 @@ sanitize: build ## every test under ASan, UBSan and TSan (about 30 min; ARGS="th
 torture: build ## fail every allocation and library call in turn (about 7 min); ARGS="--run ..." repeats one
 	@tools/torture $(ARGS)
 
-wheel: build ## dist/: a wheel that needs nothing but glibc, and the source archive (10 min; 1 min when it built before)
+wheel: build ## dist/: a wheel that needs nothing but the C library, and the source archive (10 min; 1 min when it built before)
 	@tools/wheel
 
-wheels: build ## dist/: one for each CPython (3.13, 3.14, 3.15) on x86-64 and aarch64, and the development server's (15 min)
+wheels: build ## dist/: one for each CPython (3.13, 3.14, 3.15) on x86-64 (glibc, musl) and aarch64, and the development server's (15 min)
 	@tools/wheel --all
 	@tools/devserver-wheel
 
 test-wheel: wheel ## install that wheel into fresh environments, and run the tests against it (6 min)
 	@tools/test-wheel $(ARGS)
 
-test-wheels: build ## try the wheels of dist/ in Debian 11, 12, 13, sid and on an emulated aarch64, which it makes first (as root; 1 h)
+test-wheels: build ## try the wheels of dist/ in Debian 11, 12, 13, sid, on an emulated aarch64 and with musl, in systems that it makes first (as root; 1 h)
 	@tools/test-wheels $(ARGS)
 
 systems: build ## make demo and make test in Debian 12, 13, sid and an emulated aarch64, which it makes first (as root; hours)

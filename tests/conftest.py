@@ -19,6 +19,8 @@ def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
         if any(folder in item.path.as_posix() for folder in OF_PROGRAMS):
             item.add_marker(pytest.mark.process)
             item.add_marker(pytest.mark.timeout(60))
+    # First, so that at the end no worker is left alone with one.
+    items.sort(key=lambda item: item.get_closest_marker("long") is None)
 
 
 def _errors_in(value: Any) -> Iterator[BaseException]:

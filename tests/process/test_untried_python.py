@@ -62,6 +62,7 @@ def test_the_switch_makes_every_python_one(untried: bool) -> None:
     assert told.stdout == f"True {untried}\n"
 
 
+@pytest.mark.long
 def test_what_is_central_goes_on_by_the_plain_paths() -> None:
     told = ended("-m", "pytest", "-q", "-p", "no:cacheprovider", *CENTRAL, untried=True)
     assert told.returncode == 0, told.stdout + told.stderr

@@ -31,8 +31,10 @@ GOOD = elf.Library(
 @pytest.mark.parametrize(
     ("fault", "bad"),
     [
-        ("needs libcurl.so.4", replace(GOOD, needed=frozenset({"libcurl.so.4"}))),
+        ("needs libcurl.so.4", replace(GOOD, needed=GOOD.needed | {"libcurl.so.4"})),
         ("needs libstdc++.so.6", replace(GOOD, needed=GOOD.needed | {"libstdc++.so.6"})),
+        ("has its own libc.so.6", replace(GOOD, needed=frozenset({"libgcc_s.so.1"}))),
+        ("has its own libgcc_s.so.1", replace(GOOD, needed=frozenset({"libc.so.6"}))),
         ("needs glibc 2.29", replace(GOOD, glibc=(2, 29))),
         ("is for aarch64", replace(GOOD, machine="aarch64")),
         ("searches '/usr/lib'", replace(GOOD, search_path="/usr/lib")),
@@ -42,8 +44,23 @@ GOOD = elf.Library(
     ],
 )
 def test_a_library_that_does_not_belong_into_a_wheel(fault: str, bad: elf.Library) -> None:
-    assert check.faults_of_library(GOOD, "x86_64", "PyInit_auth") == []
-    assert check.faults_of_library(bad, "x86_64", "PyInit_auth") == [fault]
+    platform = targets.Platform("x86_64")
+    assert check.faults_of_library(GOOD, platform, "PyInit_auth") == []
+    assert check.faults_of_library(bad, platform, "PyInit_auth") == [fault]
+
+
+def test_a_library_for_musl_needs_musl_and_nothing_of_glibc() -> None:
+    platform = targets.Platform("x86_64", "musl")
+    good = replace(GOOD, glibc=(0, 0), needed=frozenset({"libc.so"}))
+    assert check.faults_of_library(good, platform, "PyInit_auth") == []
+    linked = replace(good, needed=frozenset())
+    assert check.faults_of_library(linked, platform, "PyInit_auth") == ["has its own libc.so"]
+    assert check.faults_of_library(GOOD, platform, "PyInit_auth") == [
+        "needs libc.so.6",
+        "needs libgcc_s.so.1",
+        "has its own libc.so",
+        "needs glibc 2.28",
+    ]
 
 
 def test_a_library_is_read() -> None:

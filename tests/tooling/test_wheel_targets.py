@@ -1,4 +1,4 @@
-"""The Pythons and machines for which there are wheels."""
+"""The Pythons and platforms for which there are wheels."""
 
 import platform
 import re
@@ -14,11 +14,11 @@ pytestmark = pytest.mark.process
 RUNNING = ".".join(platform.python_version_tuple()[:2])
 
 
-def test_there_is_a_wheel_for_each_python_on_each_machine() -> None:
+def test_there_is_a_wheel_for_each_python_on_each_platform() -> None:
     assert {str(target) for target in targets.TARGETS} == {
-        f"cp3{minor}-cp3{minor}-manylinux_2_28_{machine}"
+        f"cp3{minor}-cp3{minor}-{platform}"
         for minor in (13, 14, 15)
-        for machine in ("x86_64", "aarch64")
+        for platform in ("manylinux_2_28_x86_64", "manylinux_2_28_aarch64", "musllinux_1_2_x86_64")
     }
     assert all(targets.target(str(target)) == target for target in targets.TARGETS)
     assert all(targets.platform(str(known)) == known for known in targets.PLATFORMS)
@@ -33,6 +33,12 @@ def test_without_being_told_it_is_the_one_for_this_python_and_machine(
     assert targets.target(name).soabi == sysconfig.get_config_var("SOABI")
     targets.main(["--all"])
     assert capsys.readouterr().out.split() == list(map(str, targets.TARGETS))
+
+
+def test_modules_are_named_as_pythons_with_that_c_library_look_for_them() -> None:
+    suffixes = {target.soabi for target in targets.TARGETS if target.interpreter == "cp314"}
+    machines = ("x86_64-linux-gnu", "aarch64-linux-gnu", "x86_64-linux-musl")
+    assert suffixes == {f"cpython-314-{machine}" for machine in machines}
 
 
 @pytest.mark.parametrize(("python", "machine"), [("3.16", "x86_64"), ("3.13", "riscv64")])
@@ -60,8 +66,11 @@ def test_what_compiles_for_a_platform_knows_it_and_tells_no_path(
     monkeypatch.setattr(compiler, "zig", lambda: Path("/zig"))
     compiler.put_into(tmp_path, known)
     program = (tmp_path / "bin/zig-c++").read_text()
-    assert f"-target {known.machine}-linux-gnu.{outside.GLIBC[0]}.{outside.GLIBC[1]} " in program
+    targeted = {"gnu": "gnu.{}.{}".format(*outside.GLIBC), "musl": "musl"}[known.libc]
+    assert f"-target {known.machine}-linux-{targeted} " in program
     assert f"+-ffile-prefix-map={Path.cwd()}/=/" in program
     toolchain = (tmp_path / "toolchain.cmake").read_text()
     assert f"set(CMAKE_SYSTEM_PROCESSOR {known.machine})" in toolchain
     assert "@" not in toolchain
+    # glibc and its unwinder belong together; musl has none.
+    assert ("libgcc_s" in toolchain) == (known.libc == "gnu")

@@ -12,7 +12,7 @@ import pytest
 
 from tests.process import runs
 from tools.chroots import facts
-from tools.wheels import login, report, trial
+from tools.wheels import login, report, targets, trial
 
 from .project import ROOT, run
 from .test_systems import APART, cells, namespaces
@@ -38,7 +38,7 @@ def result(**different: Any) -> dict[str, Any]:
         "machine": "aarch64",
         "wheel": WHEEL.name,
         "python": "3.99.1",
-        "glibc": "2.99",
+        "libc": "glibc 2.99",
         "date": "2026-01-02",
         "steps": {name: {"outcome": "ok", "seconds": 20} for name in ("install", "login", "ends")},
         "tests": facts.counts(PASSED),
@@ -49,7 +49,7 @@ def result(**different: Any) -> dict[str, Any]:
 
 def test_a_row_says_what_was_tried_where() -> None:
     (row,) = cells(report.WHEELS.text([result()]))
-    assert row[:5] == ["Debian 99, aarch64", "2.99", "3.99.1", "ok", "ok"]
+    assert row[:5] == ["Debian 99, aarch64", "glibc 2.99", "3.99.1", "ok", "ok"]
     assert row[5:] == ["240", "1,234", "60", "2026-01-02"]
     (row,) = cells(report.WHEELS.text([result(sample=True)]))
     assert row[5] == "240 (a sample)"
@@ -58,7 +58,7 @@ def test_a_row_says_what_was_tried_where() -> None:
 def test_a_row_does_not_hide_what_failed() -> None:
     taken = {"install": {"outcome": "ok", "seconds": 1}, "login": {"outcome": "failed", "seconds": 1}}
     early = result(steps=taken)
-    for name in ("python", "glibc", "tests", "runs"):
+    for name in ("python", "libc", "tests", "runs"):
         del early[name]
     (row,) = cells(report.WHEELS.text([early]))
     assert row[1:7] == ["", "3.99", "ok", "failed", "not run", ""]
@@ -93,9 +93,47 @@ def test_a_trial_stops_at_the_first_step_that_fails(capsys: pytest.CaptureFixtur
     assert trial.take({"login": take_too_long})["login"]["outcome"] == "late"
 
 
-@pytest.mark.parametrize("machine", ["x86_64", "aarch64"])
-def test_a_wheel_names_its_machine(machine: str) -> None:
-    assert trial.machine_of(Path(f"tessaline-0.1.0-cp313-cp313-manylinux_2_28_{machine}.whl")) == machine
+@pytest.mark.parametrize("target", targets.TARGETS, ids=str)
+def test_a_wheel_names_its_machine_and_python(target: targets.Target) -> None:
+    name = f"tessaline-0.1.0-{target}.whl"
+    assert trial.machine_of(Path(name)) == target.platform.machine
+    assert report.tag({"wheel": name}) == tuple(map(int, target.python.split(".")))
+
+
+@pytest.mark.parametrize(
+    ("system", "platform"),
+    [
+        ("debian-12", "manylinux_2_28_x86_64"),
+        ("debian-13-aarch64", "manylinux_2_28_aarch64"),
+        ("debian-12-musl", "musllinux_1_2_x86_64"),
+    ],
+)
+def test_a_system_is_given_the_wheel_for_its_c_library_and_machine(
+    system: str, platform: str, tmp_path: Path
+) -> None:
+    (tmp_path / "dist").mkdir()
+    for target in targets.TARGETS:
+        (tmp_path / f"dist/tessaline-0.1.0-{target}.whl").touch()
+    steps = f'source {ROOT}/tools/chroots/list.sh; cd "$1"; describe "$2"; wheel_for 3.14'
+    told = run("bash", "-ec", steps, "sh", str(tmp_path), system)
+    assert told.stdout == f"dist/tessaline-0.1.0-cp314-cp314-{platform}.whl\n"
+
+
+def test_a_python_that_is_built_has_a_suite_for_its_sources() -> None:
+    steps = """
+        source tools/chroots/list.sh
+        source tools/chroots/cpython.sh
+        for name in "${wheel_systems[@]}"; do
+          describe "$name"
+          for python in "${own_pythons[@]}"; do
+            [[ $python != /* ]] || echo "$name ${python##*/} ${source_suites[${python##*/}]}"
+          done
+        done"""
+    built = run("bash", "-euc", steps).stdout.splitlines()
+    assert "debian-11 python3.13 trixie" in built
+    assert [line.split()[1] for line in built if line.startswith("debian-12-musl ")] == [
+        f"python{python}" for python in targets.PYTHONS
+    ]
 
 
 def test_a_program_of_a_user_lives_well_but_not_without_a_wheel() -> None:

@@ -19,7 +19,7 @@ from packageurl import PackageURL
 
 from .compiler import zig
 from .pins import Source, pinned
-from .targets import Target
+from .targets import Platform, Target
 
 FOLDER = "bundled"
 RUNTIME_LICENCE = "Apache-2.0 WITH LLVM-exception"
@@ -47,21 +47,21 @@ def hash_of(digest: str) -> HashType:
     return HashType(alg=HashAlgorithm.SHA_256, content=digest)
 
 
-def runtime() -> Component:
-    """The C++ runtime, which is the compiler's."""
+def component_of_compiler(name: str) -> Component:
+    """Of the C++ runtime. All parts of LLVM have one version."""
     config = (zig() / "lib/libcxx/include/__config").read_text()
     (number,) = map(int, re.findall(r"define _LIBCPP_VERSION (\d+)", config))
     return Component(
         type=ComponentType.LIBRARY,
-        name="libc++",
+        name=name,
         version=f"{number // 10000}.{number // 100 % 100}.{number % 100}",
-        bom_ref="libc++",
+        bom_ref=name,
         licenses=[LicenseFactory().make_from_string(RUNTIME_LICENCE)],
         purl=PackageURL("pypi", None, "ziglang", version("ziglang")),
     )
 
 
-def list_of_parts(name: str) -> str:
+def list_of_parts(name: str, platform: Platform) -> str:
     """For the wheel NAME-VERSION, as JSON."""
     package, _, release = name.partition("-")
     whole = Component(
@@ -71,7 +71,7 @@ def list_of_parts(name: str) -> str:
         bom_ref=package,
         purl=PackageURL("pypi", None, package, release),
     )
-    parts = [*map(component_of, pinned()), runtime()]
+    parts = [*map(component_of, pinned()), *map(component_of_compiler, platform.runtime)]
     told = " ".join(f"{part.purl}" for part in [whole, *parts])
     bom = Bom(components=parts, serial_number=uuid5(NAMESPACE_URL, told))
     bom.metadata.component = whole
@@ -80,11 +80,12 @@ def list_of_parts(name: str) -> str:
     return f"{JsonV1Dot6(bom).output_as_string(indent=2)}\n"
 
 
-def put_licences(information: Path) -> None:
+def put_licences(information: Path, platform: Platform) -> None:
     folder = information / "licenses" / FOLDER
     folder.mkdir(parents=True)
     texts = {source.package: source.folder / source.text for source in pinned()}
-    texts["libc++"] = zig() / "lib/libcxx/LICENSE.TXT"
+    for name in platform.runtime:
+        texts[name] = zig() / "lib" / name.replace("++", "xx") / "LICENSE.TXT"
     for name, text in texts.items():
         shutil.copyfile(text, folder / name)
     metadata = information / "METADATA"
@@ -101,7 +102,7 @@ def put_tag(information: Path, target: Target) -> None:
 
 def bundle(wheel: Path, target: Target) -> None:
     (information,) = wheel.glob("*.dist-info")
-    put_licences(information)
+    put_licences(information, target.platform)
     (information / "sboms").mkdir()
-    (information / "sboms/bundled.cdx.json").write_text(list_of_parts(information.stem))
+    (information / "sboms/bundled.cdx.json").write_text(list_of_parts(information.stem, target.platform))
     put_tag(information, target)

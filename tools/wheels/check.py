@@ -13,14 +13,13 @@ import zipfile
 from pathlib import Path
 
 from . import elf
-from .outside import GLIBC, OUTSIDE
+from .outside import GLIBC, NEEDED, OUTSIDE
 from .pins import pinned
-from .targets import TARGETS, Target
+from .targets import TARGETS, Platform, Target
 
 MODULES = {"_native": "PyInit__native", "auth": "PyInit_auth"}
 LIBRARY = "libtessaline_http.so"
 MOST_PACKED, MOST_INSTALLED = 3_000_000, 7_000_000
-RUNTIME = "libc++"
 
 
 def target_of(wheel: Path) -> Target | None:
@@ -33,16 +32,22 @@ def exports_of(target: Target) -> dict[str, str]:
     return modules | {LIBRARY: "tessaline_http_library"}
 
 
+def parts_of(platform: Platform) -> set[str]:
+    """The names of what is linked statically."""
+    return {*(source.package for source in pinned()), *platform.runtime}
+
+
 def tells_where(file: Path) -> bool:
     """Whether it contains a path of this checkout."""
     return str(Path.cwd()).encode() in file.read_bytes()
 
 
-def faults_of_library(library: elf.Library, machine: str, export: str) -> list[str]:
-    found = [f"needs {name}" for name in sorted(library.needed - OUTSIDE)]
-    if library.machine != machine:
+def faults_of_library(library: elf.Library, platform: Platform, export: str) -> list[str]:
+    found = [f"needs {name}" for name in sorted(library.needed - OUTSIDE[platform.libc])]
+    found += [f"has its own {name}" for name in sorted(NEEDED[platform.libc] - library.needed)]
+    if library.machine != platform.machine:
         found.append(f"is for {library.machine}")
-    if library.glibc > GLIBC:
+    if library.glibc > (GLIBC if platform.libc == "gnu" else (0, 0)):
         found.append(f"needs glibc {library.glibc[0]}.{library.glibc[1]}")
     if library.search_path:
         found.append(f"searches {library.search_path!r}")
@@ -61,7 +66,7 @@ def faults_of_debug(library: elf.Library, debug: Path) -> list[str]:
 
 def faults_of_files(root: Path, target: Target) -> list[str]:
     (information,) = root.glob("*.dist-info")
-    licences = ["LICENSE", *(f"bundled/{source.package}" for source in pinned()), f"bundled/{RUNTIME}"]
+    licences = ["LICENSE", *(f"bundled/{name}" for name in parts_of(target.platform))]
     wanted = [root / "tessaline/auth.pyi", root / "tessaline/py.typed"]
     wanted += [root / "tessaline" / name for name in exports_of(target)]
     wanted += [information / "licenses" / name for name in licences]
@@ -76,10 +81,10 @@ def faults_of_files(root: Path, target: Target) -> list[str]:
     found += [f"{path.name} tells where it was built" for path in files if tells_where(path)]
     if (size := sum(path.stat().st_size for path in files)) > MOST_INSTALLED:
         found.append(f"takes {size} bytes when it is installed")
-    return found + faults_of_list(information)
+    return found + faults_of_list(information, target.platform)
 
 
-def faults_of_list(information: Path) -> list[str]:
+def faults_of_list(information: Path, platform: Platform) -> list[str]:
     """From the list of linked libraries."""
     file = information / "sboms/bundled.cdx.json"
     if not file.is_file():
@@ -88,7 +93,7 @@ def faults_of_list(information: Path) -> list[str]:
     listed = {part["name"]: part for part in told["components"]}
     sources = pinned()
     found = []
-    if listed.keys() != {RUNTIME, *(source.package for source in sources)}:
+    if listed.keys() != parts_of(platform):
         found.append(f"{file.name} names {sorted(listed)}")
     for source in sources:
         part = listed.get(source.package, {})
@@ -114,7 +119,7 @@ def faults_of(wheel: Path, debug: Path) -> list[str]:
         for name, export in exports_of(target).items():
             if (path := root / "tessaline" / name).is_file():
                 library = elf.read(path)
-                found = faults_of_library(library, target.platform.machine, export)
+                found = faults_of_library(library, target.platform, export)
                 found += faults_of_debug(library, debug)
                 faults += [f"{name} {fault}" for fault in found]
     return faults
@@ -129,7 +134,7 @@ def passes(wheel: Path, debug: Path) -> bool:
     with zipfile.ZipFile(wheel) as archive:
         installed = sum(member.file_size for member in archive.infolist())
     sizes = f"{wheel.stat().st_size / 1e6:.1f} MB, {installed / 1e6:.1f} MB installed"
-    print(f"{wheel}: {sizes}; only glibc and its libgcc_s are left outside")
+    print(f"{wheel}: {sizes}; only the C library is left outside")
     return True
 
 

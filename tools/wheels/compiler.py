@@ -1,4 +1,4 @@
-"""The compiler of the wheels: Zig's, which can target old glibcs, as programs with gcc's options."""
+"""The compiler of the wheels: Zig's, which can target old glibcs and musl, as programs with gcc's options."""
 
 from __future__ import annotations
 
@@ -8,6 +8,8 @@ from pathlib import Path
 from .targets import Platform
 
 FLAGS = "-fno-sanitize=all -ffunction-sections -fdata-sections -fvisibility=hidden"
+# Stands for the system's, which only glibc has.
+UNWINDER = "lib/libgcc_s.so.1"
 TOOLCHAIN = Path(__file__).with_name("toolchain.cmake.in")
 
 
@@ -47,7 +49,7 @@ export CCC_OVERRIDE_OPTIONS='{everywhere}'
         "BIN": folder,
         "PREFIX": place / "prefix",
         "MACHINE": platform.machine,
-        "TRIPLET": platform.triplet,
+        "UNWINDER": "" if platform.libc == "musl" else place / "prefix" / UNWINDER,
     }
     for name, value in told.items():
         text = text.replace(f"@{name}@", str(value))

@@ -14,7 +14,7 @@ class Library:
     path: Path
     machine: str
     glibc: tuple[int, int]
-    """The oldest version that has all symbols which the library imports."""
+    """The oldest version that has all symbols which the library imports; (0, 0): another C library."""
     needed: frozenset[str]
     search_path: str
     exports: frozenset[str]
@@ -40,7 +40,7 @@ def read(path: Path) -> Library:
     return Library(
         path,
         "aarch64" if re.search(r"Machine: +AArch64", text) else "x86_64",
-        max((int(major), int(minor)) for major, minor in versions),
+        max(((int(major), int(minor)) for major, minor in versions), default=(0, 0)),
         frozenset(re.findall(r"\(NEEDED\).*\[(.+)\]", text)),
         ":".join(re.findall(r"\((?:RPATH|RUNPATH)\).*\[(.+)\]", text)),
         frozenset(line.split()[0] for line in symbols.splitlines()),

@@ -39,16 +39,19 @@ class Build:
 
     def everything(self) -> None:
         sources = {source.package: source for source in pinned()}
-        self.unwinder()
+        # musl ends threads without one.
+        if self._platform.libc == "gnu":
+            self.unwinder()
         self.openssl(sources["openssl"])
         self.with_cmake(sources["curl"])
         self.with_cmake(sources["libsecp256k1"])
 
     def unwinder(self) -> None:
-        (self._prefix / "lib").mkdir(parents=True)
-        linked = ["-shared", "-O2", "-fPIC", "-fvisibility=default", "-nostdlib", "-Wl,-soname,libgcc_s.so.1"]
-        exports = f"-Wl,--version-script={HERE / 'unwinder.map'}"
-        self.run("zig-cc", *linked, exports, HERE / "unwinder.c", "-o", self._prefix / "lib/libgcc_s.so.1")
+        library = self._prefix / compiler.UNWINDER
+        library.parent.mkdir(parents=True)
+        linked = ["-shared", "-O2", "-fPIC", "-fvisibility=default", "-nostdlib"]
+        names = [f"-Wl,-soname,{library.name}", f"-Wl,--version-script={HERE / 'unwinder.map'}"]
+        self.run("zig-cc", *linked, *names, HERE / "unwinder.c", "-o", library)
 
     def openssl(self, source: Source) -> None:
         options = self._options[source.package]
@@ -84,12 +87,12 @@ class Build:
         self.run("cmake", "--build", folder, "--target", "install")
 
 
-def stamp() -> str:
+def stamp(platform: Platform) -> str:
     """The inputs of the libraries."""
     files = [PINS, OPTIONS, Path(__file__), Path(compiler.__file__), compiler.TOOLCHAIN]
     files += sorted(HERE.glob("unwinder.*"))
     digest = hashlib.sha256(b"".join(path.read_bytes() for path in files)).hexdigest()
-    return f"{Path.cwd()} {version('ziglang')} {digest}"
+    return f"{Path.cwd()} {platform.compiled} {version('ziglang')} {digest}"
 
 
 def place_of(platform: Platform) -> Path:
@@ -99,12 +102,12 @@ def place_of(platform: Platform) -> Path:
 def main(platform: Platform) -> None:
     place = place_of(platform)
     done = place / "stamp"
-    if not (done.exists() and done.read_text() == stamp()):
+    if not (done.exists() and done.read_text() == stamp(platform)):
         for old in (place, *Path("build/portable").glob(f"*-{platform}")):
             shutil.rmtree(old, ignore_errors=True)
         compiler.put_into(place, platform)
         Build(place, platform).everything()
-        done.write_text(stamp())
+        done.write_text(stamp(platform))
     compiler.put_into(place, platform)
 
 

@@ -1,10 +1,11 @@
 """Libraries that a wheel expects on the system."""
 
-# The oldest supported glibc.
+# The oldest supported ones; of musl 1.2 that is 1.2.2, which PEP 656 cannot say.
 GLIBC = (2, 28)
+MUSL = (1, 2)
 
 # glibc, and libgcc_s, which glibc depends on and loads itself.
-OUTSIDE = frozenset(
+_GLIBC = frozenset(
     {
         "ld-linux-x86-64.so.2",
         "ld-linux-aarch64.so.1",
@@ -20,3 +21,7 @@ OUTSIDE = frozenset(
         "libutil.so.1",
     }
 )
+
+# By the names of C libraries in triplets: what may be needed, and what must be, lest it is linked statically.
+OUTSIDE = {"gnu": _GLIBC, "musl": frozenset({"libc.so"})}
+NEEDED = {"gnu": frozenset({"libc.so.6", "libgcc_s.so.1"}), "musl": OUTSIDE["musl"]}

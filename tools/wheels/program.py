@@ -6,9 +6,11 @@ server that nothing else uses.
 
 import json
 import os
+import re
 import secrets
 import signal
 import socket
+import subprocess
 import sys
 import threading
 import time
@@ -70,12 +72,26 @@ def interrupt() -> None:
         presser.join(DEADLINE)
 
 
+def c_library() -> str:
+    """Its name and version."""
+    try:
+        return str(os.confstr("CS_GNU_LIBC_VERSION"))
+    except OSError:
+        # musl knows the name, and has no value.
+        pass
+    said = subprocess.run(
+        [f"/lib/ld-musl-{os.uname().machine}.so.1"], capture_output=True, text=True, timeout=DEADLINE
+    ).stderr
+    (version,) = re.findall(r"^Version (\S+)$", said, re.MULTILINE)
+    return f"musl {version}"
+
+
 def main() -> None:
     live(sys.argv[1])
     # The parent process may ignore Ctrl-C, which is inherited.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     interrupt()
-    print(json.dumps([_native.bundled, sys.version.split()[0], os.confstr("CS_GNU_LIBC_VERSION")]))
+    print(json.dumps([_native.bundled, sys.version.split()[0], c_library()]))
 
 
 if __name__ == "__main__":

@@ -32,7 +32,7 @@ def ends(result: Result) -> str:
 def row(result: Result) -> tuple[str, ...]:
     return (
         f"{result['called']}, {result['machine']}",
-        str(result.get("glibc", "")),
+        str(result.get("libc", "")),
         str(result.get("python", ".".join(map(str, tag(result))))),
         step(result, "install"),
         step(result, "login"),
@@ -45,7 +45,7 @@ def row(result: Result) -> tuple[str, ...]:
 
 WHEELS = Table(
     "wheels",
-    ("system", "glibc", "Python", "installs", "logs in", "ends: tests", "programs", "seconds", "on"),
+    ("system", "C library", "Python", "installs", "logs in", "ends: tests", "programs", "seconds", "on"),
     row,
     key,
 )

@@ -75,8 +75,10 @@ def main(names: list[str]) -> None:
     for source in sources:
         if source in wanted or not source.folder.exists():
             unpack_source(source)
-    for wheel in wheels:
-        pin, architecture = of_pythons[wheel.interpreter], wheel.platform.architecture
+    for interpreter, architecture in sorted(
+        {(wheel.interpreter, wheel.platform.architecture) for wheel in wheels}
+    ):
+        pin = of_pythons[interpreter]
         if pin in wanted or not pin.folder(architecture).exists():
             unpack_headers(pin, architecture)
 

@@ -9,7 +9,7 @@ import os
 import sys
 from dataclasses import dataclass
 
-from .outside import GLIBC
+from .outside import GLIBC, MUSL
 from .pins import headers
 
 PYTHONS = tuple(pin.python for pin in headers())
@@ -19,20 +19,29 @@ ARCHITECTURES = {"x86_64": "amd64", "aarch64": "arm64"}
 
 @dataclass(frozen=True)
 class Platform:
+    """libc: "gnu" or "musl", as in triplets."""
+
     machine: str
+    libc: str = "gnu"
 
     def __str__(self) -> str:
         """The tag of its wheels."""
-        return f"manylinux_{GLIBC[0]}_{GLIBC[1]}_{self.machine}"
+        system, (major, minor) = ("musllinux", MUSL) if self.libc == "musl" else ("manylinux", GLIBC)
+        return f"{system}_{major}_{minor}_{self.machine}"
 
     @property
     def triplet(self) -> str:
-        return f"{self.machine}-linux-gnu"
+        return f"{self.machine}-linux-{self.libc}"
 
     @property
     def compiled(self) -> str:
         """For Zig."""
-        return f"{self.triplet}.{GLIBC[0]}.{GLIBC[1]}"
+        return self.triplet if self.libc == "musl" else f"{self.triplet}.{GLIBC[0]}.{GLIBC[1]}"
+
+    @property
+    def runtime(self) -> tuple[str, ...]:
+        """What is linked of the compiler. With glibc, the unwinder is the system's."""
+        return ("libc++", "libc++abi", *(("libunwind",) if self.libc == "musl" else ()))
 
     @property
     def architecture(self) -> str:
@@ -58,7 +67,7 @@ class Target:
         return f"cpython-{self.interpreter.removeprefix('cp')}-{self.platform.triplet}"
 
 
-PLATFORMS = tuple(map(Platform, ARCHITECTURES))
+PLATFORMS = (*map(Platform, ARCHITECTURES), Platform("x86_64", "musl"))
 TARGETS = tuple(Target(python, platform) for platform in PLATFORMS for python in PYTHONS)
 
 
@@ -71,7 +80,7 @@ def target(name: str) -> Target:
 
 
 def here(python: str, machine: str) -> Target:
-    """For the running Python."""
+    """For a Python with glibc."""
     if python not in PYTHONS or machine not in ARCHITECTURES:
         sys.exit(
             f"Wheels are for CPython {', '.join(PYTHONS)} on {' and '.join(ARCHITECTURES)}, not for "

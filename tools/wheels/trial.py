@@ -105,7 +105,7 @@ class Trial:
             facts = login.log_in(inside(self._root, PYTHON), self._trust)
         except login.LoginError as error:
             raise Failed(str(error)) from error
-        self.found |= {"python": facts.python, "glibc": facts.libc.rpartition(" ")[2]}
+        self.found |= {"python": facts.python, "libc": facts.libc}
 
     def _trust(self, authority: Path) -> Mapping[str, str]:
         """As an administrator adds a CA."""
