@@ -11,6 +11,7 @@ import pytest
 
 SANITIZER = os.environ.get("TESSALINE_SANITIZER")
 SLOWER = float(os.environ.get("TESSALINE_SLOWER", "6" if SANITIZER else "1"))
+EMULATED = SANITIZER is None and SLOWER > 1
 
 
 def patience(seconds: float) -> float:

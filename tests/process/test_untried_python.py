@@ -9,7 +9,7 @@ from pathlib import Path
 
 import pytest
 
-from tests.sanitized import patience
+from tests.sanitized import EMULATED, patience
 from tests.shared.pythons import SWITCH
 
 pytestmark = pytest.mark.process
@@ -30,6 +30,8 @@ CENTRAL = [
     "tests/threads/test_faked_time.py",
     "tests/threads/test_own_clocks.py",
 ]
+# An emulator takes minutes for all, and the plain paths do not depend on the processor.
+FEW = ["tests/keeper/test_serving.py", "tests/threads/test_own_clocks.py"]
 # Whether the component sets an event itself, or has Python do it.
 WHO_SETS = """
 import sys, threading
@@ -64,5 +66,7 @@ def test_the_switch_makes_every_python_one(untried: bool) -> None:
 
 @pytest.mark.long
 def test_what_is_central_goes_on_by_the_plain_paths() -> None:
-    told = ended("-m", "pytest", "-q", "-p", "no:cacheprovider", *CENTRAL, untried=True)
+    told = ended(
+        "-m", "pytest", "-q", "-p", "no:cacheprovider", *(FEW if EMULATED else CENTRAL), untried=True
+    )
     assert told.returncode == 0, told.stdout + told.stderr
