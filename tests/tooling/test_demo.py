@@ -18,7 +18,7 @@ def test_the_demo_logs_in_and_tells_each_step() -> None:
         "/auth/challenge",
         "/auth/verify",
         "era_number",
-        "next refresh",
+        "next renewal",
         "MainThread",
     ):
         assert expected in ended.stdout
