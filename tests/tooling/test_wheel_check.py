@@ -10,7 +10,7 @@ from pathlib import Path
 import pytest
 
 from tessaline import auth
-from tools.wheels import check, elf, targets
+from tools.wheels import check, elf, libc, targets
 
 pytestmark = pytest.mark.process
 
@@ -50,7 +50,7 @@ def test_a_library_that_does_not_belong_into_a_wheel(fault: str, bad: elf.Librar
 
 
 def test_a_library_for_musl_needs_musl_and_nothing_of_glibc() -> None:
-    platform = targets.Platform("x86_64", "musl")
+    platform = targets.Platform("x86_64", libc.MUSL)
     good = replace(GOOD, glibc=(0, 0), needed=frozenset({"libc.so"}))
     assert check.faults_of_library(good, platform, "PyInit_auth") == []
     linked = replace(good, needed=frozenset())

@@ -7,7 +7,7 @@ from pathlib import Path
 
 import pytest
 
-from tools.wheels import compiler, outside, pins, targets
+from tools.wheels import compiler, libc, pins, targets
 
 pytestmark = pytest.mark.process
 
@@ -16,9 +16,9 @@ RUNNING = ".".join(platform.python_version_tuple()[:2])
 
 def test_there_is_a_wheel_for_each_python_on_each_platform() -> None:
     assert {str(target) for target in targets.TARGETS} == {
-        f"cp3{minor}-cp3{minor}-{platform}"
+        f"cp3{minor}-cp3{minor}-{tag}"
         for minor in (13, 14, 15)
-        for platform in ("manylinux_2_28_x86_64", "manylinux_2_28_aarch64", "musllinux_1_2_x86_64")
+        for tag in ("manylinux_2_28_x86_64", "manylinux_2_28_aarch64", "musllinux_1_2_x86_64")
     }
     assert all(targets.target(str(target)) == target for target in targets.TARGETS)
     assert all(targets.platform(str(known)) == known for known in targets.PLATFORMS)
@@ -66,11 +66,11 @@ def test_what_compiles_for_a_platform_knows_it_and_tells_no_path(
     monkeypatch.setattr(compiler, "zig", lambda: Path("/zig"))
     compiler.put_into(tmp_path, known)
     program = (tmp_path / "bin/zig-c++").read_text()
-    targeted = {"gnu": "gnu.{}.{}".format(*outside.GLIBC), "musl": "musl"}[known.libc]
+    targeted = "musl" if known.libc is libc.MUSL else "gnu.2.28"
     assert f"-target {known.machine}-linux-{targeted} " in program
     assert f"+-ffile-prefix-map={Path.cwd()}/=/" in program
     toolchain = (tmp_path / "toolchain.cmake").read_text()
     assert f"set(CMAKE_SYSTEM_PROCESSOR {known.machine})" in toolchain
     assert "@" not in toolchain
     # glibc and its unwinder belong together; musl has none.
-    assert ("libgcc_s" in toolchain) == (known.libc == "gnu")
+    assert ("libgcc_s" in toolchain) == (known.libc is libc.GLIBC)

@@ -18,8 +18,9 @@ from cyclonedx.output.json import JsonV1Dot6
 from packageurl import PackageURL
 
 from .compiler import zig
+from .libc import Libc
 from .pins import Source, pinned
-from .targets import Platform, Target
+from .targets import Target
 
 FOLDER = "bundled"
 RUNTIME_LICENCE = "Apache-2.0 WITH LLVM-exception"
@@ -47,8 +48,8 @@ def hash_of(digest: str) -> HashType:
     return HashType(alg=HashAlgorithm.SHA_256, content=digest)
 
 
-def component_of_compiler(name: str) -> Component:
-    """Of the C++ runtime. All parts of LLVM have one version."""
+def component_of_runtime(name: str) -> Component:
+    """Of the compiler's. All parts of LLVM have one version."""
     config = (zig() / "lib/libcxx/include/__config").read_text()
     (number,) = map(int, re.findall(r"define _LIBCPP_VERSION (\d+)", config))
     return Component(
@@ -61,7 +62,7 @@ def component_of_compiler(name: str) -> Component:
     )
 
 
-def list_of_parts(name: str, platform: Platform) -> str:
+def list_of_parts(name: str, libc: Libc) -> str:
     """For the wheel NAME-VERSION, as JSON."""
     package, _, release = name.partition("-")
     whole = Component(
@@ -71,7 +72,7 @@ def list_of_parts(name: str, platform: Platform) -> str:
         bom_ref=package,
         purl=PackageURL("pypi", None, package, release),
     )
-    parts = [*map(component_of, pinned()), *map(component_of_compiler, platform.runtime)]
+    parts = [*map(component_of, pinned()), *map(component_of_runtime, libc.runtime)]
     told = " ".join(f"{part.purl}" for part in [whole, *parts])
     bom = Bom(components=parts, serial_number=uuid5(NAMESPACE_URL, told))
     bom.metadata.component = whole
@@ -80,11 +81,11 @@ def list_of_parts(name: str, platform: Platform) -> str:
     return f"{JsonV1Dot6(bom).output_as_string(indent=2)}\n"
 
 
-def put_licences(information: Path, platform: Platform) -> None:
+def put_licences(information: Path, libc: Libc) -> None:
     folder = information / "licenses" / FOLDER
     folder.mkdir(parents=True)
     texts = {source.package: source.folder / source.text for source in pinned()}
-    for name in platform.runtime:
+    for name in libc.runtime:
         texts[name] = zig() / "lib" / name.replace("++", "xx") / "LICENSE.TXT"
     for name, text in texts.items():
         shutil.copyfile(text, folder / name)
@@ -102,7 +103,7 @@ def put_tag(information: Path, target: Target) -> None:
 
 def bundle(wheel: Path, target: Target) -> None:
     (information,) = wheel.glob("*.dist-info")
-    put_licences(information, target.platform)
+    put_licences(information, target.platform.libc)
     (information / "sboms").mkdir()
-    (information / "sboms/bundled.cdx.json").write_text(list_of_parts(information.stem, target.platform))
+    (information / "sboms/bundled.cdx.json").write_text(list_of_parts(information.stem, target.platform.libc))
     put_tag(information, target)

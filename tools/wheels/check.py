@@ -13,7 +13,7 @@ import zipfile
 from pathlib import Path
 
 from . import elf
-from .outside import GLIBC, NEEDED, OUTSIDE
+from .libc import Libc
 from .pins import pinned
 from .targets import TARGETS, Platform, Target
 
@@ -32,9 +32,9 @@ def exports_of(target: Target) -> dict[str, str]:
     return modules | {LIBRARY: "tessaline_http_library"}
 
 
-def parts_of(platform: Platform) -> set[str]:
+def parts_with(libc: Libc) -> set[str]:
     """The names of what is linked statically."""
-    return {*(source.package for source in pinned()), *platform.runtime}
+    return {*(source.package for source in pinned()), *libc.runtime}
 
 
 def tells_where(file: Path) -> bool:
@@ -43,11 +43,12 @@ def tells_where(file: Path) -> bool:
 
 
 def faults_of_library(library: elf.Library, platform: Platform, export: str) -> list[str]:
-    found = [f"needs {name}" for name in sorted(library.needed - OUTSIDE[platform.libc])]
-    found += [f"has its own {name}" for name in sorted(NEEDED[platform.libc] - library.needed)]
+    libc = platform.libc
+    found = [f"needs {name}" for name in sorted(library.needed - libc.needed - libc.outside)]
+    found += [f"has its own {name}" for name in sorted(libc.needed - library.needed)]
     if library.machine != platform.machine:
         found.append(f"is for {library.machine}")
-    if library.glibc > (GLIBC if platform.libc == "gnu" else (0, 0)):
+    if library.glibc > libc.glibc:
         found.append(f"needs glibc {library.glibc[0]}.{library.glibc[1]}")
     if library.search_path:
         found.append(f"searches {library.search_path!r}")
@@ -66,7 +67,7 @@ def faults_of_debug(library: elf.Library, debug: Path) -> list[str]:
 
 def faults_of_files(root: Path, target: Target) -> list[str]:
     (information,) = root.glob("*.dist-info")
-    licences = ["LICENSE", *(f"bundled/{name}" for name in parts_of(target.platform))]
+    licences = ["LICENSE", *(f"bundled/{name}" for name in parts_with(target.platform.libc))]
     wanted = [root / "tessaline/auth.pyi", root / "tessaline/py.typed"]
     wanted += [root / "tessaline" / name for name in exports_of(target)]
     wanted += [information / "licenses" / name for name in licences]
@@ -81,10 +82,10 @@ def faults_of_files(root: Path, target: Target) -> list[str]:
     found += [f"{path.name} tells where it was built" for path in files if tells_where(path)]
     if (size := sum(path.stat().st_size for path in files)) > MOST_INSTALLED:
         found.append(f"takes {size} bytes when it is installed")
-    return found + faults_of_list(information, target.platform)
+    return found + faults_of_list(information, target.platform.libc)
 
 
-def faults_of_list(information: Path, platform: Platform) -> list[str]:
+def faults_of_list(information: Path, libc: Libc) -> list[str]:
     """From the list of linked libraries."""
     file = information / "sboms/bundled.cdx.json"
     if not file.is_file():
@@ -93,7 +94,7 @@ def faults_of_list(information: Path, platform: Platform) -> list[str]:
     listed = {part["name"]: part for part in told["components"]}
     sources = pinned()
     found = []
-    if listed.keys() != parts_of(platform):
+    if listed.keys() != parts_with(libc):
         found.append(f"{file.name} names {sorted(listed)}")
     for source in sources:
         part = listed.get(source.package, {})

@@ -5,11 +5,10 @@ from __future__ import annotations
 import importlib.util
 from pathlib import Path
 
+from .libc import UNWINDER
 from .targets import Platform
 
 FLAGS = "-fno-sanitize=all -ffunction-sections -fdata-sections -fvisibility=hidden"
-# Stands for the system's, which only glibc has.
-UNWINDER = "lib/libgcc_s.so.1"
 TOOLCHAIN = Path(__file__).with_name("toolchain.cmake.in")
 
 
@@ -49,7 +48,7 @@ export CCC_OVERRIDE_OPTIONS='{everywhere}'
         "BIN": folder,
         "PREFIX": place / "prefix",
         "MACHINE": platform.machine,
-        "UNWINDER": "" if platform.libc == "musl" else place / "prefix" / UNWINDER,
+        "UNWINDER": place / "prefix/lib" / UNWINDER if platform.libc.has_unwinder else "",
     }
     for name, value in told.items():
         text = text.replace(f"@{name}@", str(value))

@@ -14,7 +14,7 @@ class Library:
     path: Path
     machine: str
     glibc: tuple[int, int]
-    """The oldest version that has all symbols which the library imports; (0, 0): another C library."""
+    """The oldest version that has all symbols which the library imports; (0, 0) if none is of glibc."""
     needed: frozenset[str]
     search_path: str
     exports: frozenset[str]

@@ -15,6 +15,7 @@ from importlib.metadata import version
 from pathlib import Path
 
 from . import compiler, targets
+from .libc import UNWINDER
 from .pins import PINS, Source, pinned
 from .targets import Platform
 
@@ -39,18 +40,18 @@ class Build:
 
     def everything(self) -> None:
         sources = {source.package: source for source in pinned()}
-        # musl ends threads without one.
-        if self._platform.libc == "gnu":
+        if self._platform.libc.has_unwinder:
             self.unwinder()
         self.openssl(sources["openssl"])
         self.with_cmake(sources["curl"])
         self.with_cmake(sources["libsecp256k1"])
 
     def unwinder(self) -> None:
-        library = self._prefix / compiler.UNWINDER
+        """What stands for the system's."""
+        library = self._prefix / "lib" / UNWINDER
         library.parent.mkdir(parents=True)
         linked = ["-shared", "-O2", "-fPIC", "-fvisibility=default", "-nostdlib"]
-        names = [f"-Wl,-soname,{library.name}", f"-Wl,--version-script={HERE / 'unwinder.map'}"]
+        names = [f"-Wl,-soname,{UNWINDER}", f"-Wl,--version-script={HERE / 'unwinder.map'}"]
         self.run("zig-cc", *linked, *names, HERE / "unwinder.c", "-o", library)
 
     def openssl(self, source: Source) -> None:

@@ -75,9 +75,8 @@ def main(names: list[str]) -> None:
     for source in sources:
         if source in wanted or not source.folder.exists():
             unpack_source(source)
-    for interpreter, architecture in sorted(
-        {(wheel.interpreter, wheel.platform.architecture) for wheel in wheels}
-    ):
+    folders = {(wheel.interpreter, wheel.platform.architecture) for wheel in wheels}
+    for interpreter, architecture in sorted(folders):
         pin = of_pythons[interpreter]
         if pin in wanted or not pin.folder(architecture).exists():
             unpack_headers(pin, architecture)

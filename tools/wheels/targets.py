@@ -9,7 +9,7 @@ import os
 import sys
 from dataclasses import dataclass
 
-from .outside import GLIBC, MUSL
+from .libc import GLIBC, MUSL, Libc
 from .pins import headers
 
 PYTHONS = tuple(pin.python for pin in headers())
@@ -19,29 +19,21 @@ ARCHITECTURES = {"x86_64": "amd64", "aarch64": "arm64"}
 
 @dataclass(frozen=True)
 class Platform:
-    """libc: "gnu" or "musl", as in triplets."""
-
     machine: str
-    libc: str = "gnu"
+    libc: Libc = GLIBC
 
     def __str__(self) -> str:
         """The tag of its wheels."""
-        system, (major, minor) = ("musllinux", MUSL) if self.libc == "musl" else ("manylinux", GLIBC)
-        return f"{system}_{major}_{minor}_{self.machine}"
+        return f"{self.libc.tag}_{self.machine}"
 
     @property
     def triplet(self) -> str:
-        return f"{self.machine}-linux-{self.libc}"
+        return f"{self.machine}-linux-{self.libc.name}"
 
     @property
     def compiled(self) -> str:
         """For Zig."""
-        return self.triplet if self.libc == "musl" else f"{self.triplet}.{GLIBC[0]}.{GLIBC[1]}"
-
-    @property
-    def runtime(self) -> tuple[str, ...]:
-        """What is linked of the compiler. With glibc, the unwinder is the system's."""
-        return ("libc++", "libc++abi", *(("libunwind",) if self.libc == "musl" else ()))
+        return f"{self.machine}-linux-{self.libc.compiled}"
 
     @property
     def architecture(self) -> str:
@@ -67,7 +59,7 @@ class Target:
         return f"cpython-{self.interpreter.removeprefix('cp')}-{self.platform.triplet}"
 
 
-PLATFORMS = (*map(Platform, ARCHITECTURES), Platform("x86_64", "musl"))
+PLATFORMS = (*map(Platform, ARCHITECTURES), Platform("x86_64", MUSL))
 TARGETS = tuple(Target(python, platform) for platform in PLATFORMS for python in PYTHONS)
 
 
